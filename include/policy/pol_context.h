@@ -1,0 +1,60 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * pol_context.h - the policy context, counted memory and the debug level.
+ *
+ * A process has one context. The library takes no locks: the host serialises every call on it, but
+ * for evaluation (pol_exec.h), which only reads. The counters of g_pol_mem_info are plain words
+ * that any thread bumps; they may be slightly off when threads allocate at once.
+ */
+#ifndef POLICY_POL_CONTEXT_H
+#define POLICY_POL_CONTEXT_H
+
+#include "policy/pol_types.h"
+
+#define POL_MEM_TYPES 33
+
+/* One row of the memory table; the row's index is the memory type. */
+typedef struct t_pol_mem_info {
+  uint32_t type;
+  uint8_t cache;
+  const char* description;
+  const char* type_name;
+  uint32_t size; /* of one object, 0 where the type has no fixed record */
+  uint64_t allocs;
+  uint64_t frees;
+  uint64_t peak; /* highest allocs - frees ever */
+} t_pol_mem_info;
+
+/* Counts run over the life of the process, across pol_destroy and a new pol_init. */
+POL_DATA t_pol_mem_info g_pol_mem_info[POL_MEM_TYPES];
+
+/* The context, null before pol_init and after pol_destroy. */
+POL_DATA t_pol_ctx* g_pol_ctx_p;
+
+/* 0 logs nothing; above 0 trace and errors; from 3 and 4 on the agent and XML traces. */
+POL_DATA int32_t g_pol_dbg_level;
+
+/* Scratch space in which log statements print TLOCs; shared by all of them. */
+POL_DATA char g_polbuf1[512];
+
+/* Makes the context and publishes it in g_pol_ctx_p. `callbacks` is read during the call only. Null
+ * when `callbacks` is null or something could not be had; then nothing is rolled back and the host
+ * gives up. A second call without pol_destroy replaces the global. */
+POL_API t_pol_ctx* pol_init(const t_pol_callbacks* callbacks);
+
+/* Frees every policy, list and user, then the context. Nobody is called back. Handles of users are
+ * gone with it (pol_unregister still takes them); list users stay allocated, without their list. */
+POL_API void pol_destroy(void);
+
+/* malloc, calloc and free that count for memory type 1 to 32; any other type is not counted. The
+ * count is bumped before the allocation and stays when it fails. pol_free ignores null. */
+POL_API void* pol_malloc(size_t size, uint32_t type);
+POL_API void* pol_calloc(size_t count, size_t size, uint32_t type);
+POL_API void pol_free(void* memory, uint32_t type);
+
+/* realloc, not counted: the block keeps the type it was allocated with. */
+POL_API void* pol_realloc(void* memory, size_t size);
+
+POL_API void pol_debug_set(uint32_t level);
+
+#endif

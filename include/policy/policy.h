@@ -1,0 +1,24 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * policy.h - the whole interface of libpolicy.
+ */
+#ifndef POLICY_POLICY_H
+#define POLICY_POLICY_H
+
+#include "policy/pol_block.h"
+#include "policy/pol_clause.h"
+#include "policy/pol_color_list.h"
+#include "policy/pol_context.h"
+#include "policy/pol_dump.h"
+#include "policy/pol_exec.h"
+#include "policy/pol_pfx_list.h"
+#include "policy/pol_site_list.h"
+#include "policy/pol_test.h"
+#include "policy/pol_tloc_list.h"
+#include "policy/pol_types.h"
+#include "policy/pol_user.h"
+#include "policy/pol_util.h"
+#include "policy/pol_vpn_list.h"
+#include "policy/pol_xml_config.h"
+
+#endif
