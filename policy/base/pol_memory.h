@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// pol_memory.h - the memory types by name, and typed allocation.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "policy/pol_context.h"
+
+namespace pol {
+
+enum MemType : uint32_t {
+  MEM_UNCOUNTED = 0,
+  MEM_CONTEXT = 1,
+  MEM_BLOCK = 2,
+  MEM_ENTRY = 3,
+  MEM_PEER_XML = 6,
+  MEM_POLICY_CONFIG = 8,
+  MEM_CONFIG_XML = 10,
+  MEM_USER = 14,
+  MEM_LIST_USER = 15,
+  MEM_PFX_LIST = 16,
+  MEM_SITE_LIST = 18,
+  MEM_TLOC_LIST = 19,
+  MEM_COLOR_LIST = 21,
+  MEM_VPN_LIST = 22,
+  MEM_SET_VPN_LIST = 23,
+  MEM_SITE_ENTRY = 25,
+  MEM_PFX_ENTRY = 27,
+  MEM_TLOC_ENTRY = 28,
+  MEM_COLOR_ENTRY = 29,
+  MEM_VPN_ENTRY = 30,
+};
+
+// A zero-filled record, or null.
+template <class T>
+[[nodiscard]] T* alloc(MemType type) {
+  return static_cast<T*>(pol_calloc(1, sizeof(T), type));
+}
+
+// Copies a name that may lack its NUL into a field, cut to fit and terminated; the rest is zeroed.
+template <size_t N>
+void copy_name(char (&field)[N], const char* name) {
+  size_t length = strnlen(name, N - 1);
+  memcpy(field, name, length);
+  memset(field + length, 0, N - length);
+}
+
+// -1, 0 or 1.
+inline int sign(int order) { return (order > 0) - (order < 0); }
+
+}  // namespace pol
