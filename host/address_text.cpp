@@ -38,7 +38,7 @@ bool parse_v4(std::string_view text, t_ipaddr* address, LineFault* fault) {
   for (int octet = 0; octet < 4; ++octet) {
     if (octet > 0) {
       if (at == text.size() || text[at] != '.') {
-        return fail(fault, at, fmt::format("bad IPv4 address {}", quoted(text)),
+        return fail(fault, at, fmt::format("bad IPv4 address {}", in_quotes(text)),
                     "four octets with dots between them");
       }
       ++at;
@@ -46,13 +46,13 @@ bool parse_v4(std::string_view text, t_ipaddr* address, LineFault* fault) {
     size_t start = at;
     unsigned n = 0;
     if (!read_small(text, &at, &n) || n > 255) {
-      return fail(fault, start, fmt::format("bad IPv4 address {}", quoted(text)),
+      return fail(fault, start, fmt::format("bad IPv4 address {}", in_quotes(text)),
                   "an octet from 0 to 255 without leading zeros");
     }
     value = value << 8 | n;
   }
   if (at != text.size()) {
-    return fail(fault, at, fmt::format("bad IPv4 address {}", quoted(text)), "nothing after it");
+    return fail(fault, at, fmt::format("bad IPv4 address {}", in_quotes(text)), "nothing after it");
   }
   address->family = KEL_AF_INET;
   address->addr.v4 = value;
@@ -67,7 +67,8 @@ bool parse_v6(std::string_view text, t_ipaddr* address, LineFault* fault) {
     copy[text.size()] = '\0';
     good = inet_pton(AF_INET6, copy, address->addr.v6) == 1;
   }
-  if (!good) return fail(fault, 0, fmt::format("bad IPv6 address {}", quoted(text)), kAddressForm);
+  if (!good)
+    return fail(fault, 0, fmt::format("bad IPv6 address {}", in_quotes(text)), kAddressForm);
   address->family = KEL_AF_INET6;
   return true;
 }
@@ -77,7 +78,7 @@ bool parse_v6(std::string_view text, t_ipaddr* address, LineFault* fault) {
 bool parse_address(std::string_view text, t_ipaddr* address, LineFault* fault) {
   if (text.find(':') != std::string_view::npos) return parse_v6(text, address, fault);
   if (text.empty() || !is_digit(text[0])) {
-    return fail(fault, 0, fmt::format("{} is no address", quoted(text)), kAddressForm);
+    return fail(fault, 0, fmt::format("{} is no address", in_quotes(text)), kAddressForm);
   }
   return parse_v4(text, address, fault);
 }
@@ -87,20 +88,20 @@ bool parse_prefix(std::string_view text, t_ipprefix* prefix, LineFault* fault) {
   std::string_view head = text.substr(0, slash);
   bool looks_v6 = head.find(':') != std::string_view::npos;
   if (!looks_v6 && (head.empty() || !is_digit(head[0]))) {
-    return fail(fault, 0, fmt::format("{} is no prefix", quoted(text)), kPrefixForm);
+    return fail(fault, 0, fmt::format("{} is no prefix", in_quotes(text)), kPrefixForm);
   }
   if (!parse_address(head, &prefix->addr, fault)) return false;
   unsigned width = looks_v6 ? 128 : 32;
   std::string expected = fmt::format("a length from 0 to {}", width);
   if (slash == std::string_view::npos) {
-    return fail(fault, text.size(), fmt::format("no length after {}", quoted(text)),
+    return fail(fault, text.size(), fmt::format("no length after {}", in_quotes(text)),
                 fmt::format("/ and {}", expected));
   }
   size_t at = slash + 1;
   unsigned length = 0;
   if (!read_small(text, &at, &length) || at != text.size() || length > width) {
     return fail(fault, slash + 1,
-                fmt::format("bad prefix length {}", quoted(text.substr(slash + 1))), expected);
+                fmt::format("bad prefix length {}", in_quotes(text.substr(slash + 1))), expected);
   }
   prefix->len = static_cast<uint8_t>(length);
   return true;
@@ -127,7 +128,7 @@ std::string tloc_text(const t_tloc_id& tloc) {
   return tloc_id_print(&tloc, text, sizeof text);
 }
 
-std::string quoted(std::string_view text) {
+std::string in_quotes(std::string_view text) {
   constexpr size_t kShown = 40;
   std::string result = "\"";
   for (char c : text.substr(0, kShown)) result += c >= ' ' && c <= '~' ? c : '?';

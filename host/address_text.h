@@ -31,7 +31,7 @@ std::string tloc_text(const t_tloc_id& tloc);
 
 /* Text that others wrote, cut to 40 bytes and made fit for a message: bytes that are not printable
  * ASCII become '?'. */
-std::string quoted(std::string_view text);
+std::string in_quotes(std::string_view text);
 
 }  // namespace polctl
 

@@ -78,38 +78,45 @@ class FieldGatherer : public nlohmann::json_sax<json> {
     mark();
     // Dots and brackets are what the names of inner values are made with.
     if (name.find_first_of(".[") != std::string::npos) {
-      fail(name_column_, fmt::format("unknown member {}", quoted(name)), "a name of letters");
+      fail(name_column_, fmt::format("unknown member {}", in_quotes(name)), "a name of letters");
     }
     name_ = depth_ == 2 ? container_ + "." : std::string();
     name_ += name;
     for (size_t i = 0; i < line_->count; ++i) {
       if (line_->fields[i].name == name_) {
-        fail(name_column_, fmt::format("member {} is given twice", quoted(name_)), "each once");
+        fail(name_column_, fmt::format("member {} is given twice", in_quotes(name_)), "each once");
       }
     }
     return true;
   }
 
-  bool parse_error(std::size_t position, const std::string& token,
+  bool parse_error(std::size_t position, const std::string& /*token*/,
                    const json::exception& error) override {
-    std::string what = error.what();
-    // "[json.exception...] parse error at line 1, column 5: syntax error ...; expected ..."
-    size_t start = what.find(": ");
-    if (start != std::string::npos) what.erase(0, start + 2);
-    std::string expected;
-    size_t tail = what.rfind("; expected ");
-    if (tail != std::string::npos) {
-      expected = what.substr(tail + strlen("; expected "));
-      what.erase(tail);
+    // "[json.exception...] parse error at line 1, column 5: syntax error while parsing value -
+    // invalid literal; last read: 'x'; expected end of input"
+    std::string_view message = error.what();
+    std::string expected = cut_after(&message, "; expected ");
+    cut_after(&message, "; last read: ");
+    for (const char* head : {"] ", ": ", " - "}) {
+      size_t at = message.find(head);
+      if (at != std::string_view::npos) message.remove_prefix(at + strlen(head));
     }
-    for (char& c : what) {
-      if (c < ' ' || c > '~') c = '?';
-    }
-    size_t column = position > token.size() ? position - token.size() + 1 : 1;
-    fail(std::min(column, text_.size() + 1), "bad JSON: " + what, std::move(expected));
+    std::string what = "bad JSON: ";
+    for (char c : message) what += c >= ' ' && c <= '~' ? c : '?';
+    // The fault lies between the last good token and where the parser stopped.
+    size_t column = std::min({skip_to_value() + 1, position, text_.size() + 1});
+    fail(std::max<size_t>(column, 1), std::move(what), std::move(expected));
   }
 
  private:
+  static std::string cut_after(std::string_view* text, std::string_view mark) {
+    size_t at = text->rfind(mark);
+    if (at == std::string_view::npos) return {};
+    std::string tail(text->substr(at + mark.size()));
+    *text = text->substr(0, at);
+    return tail;
+  }
+
   void mark() { after_last_ = static_cast<size_t>(*reached_ - text_.data()); }
 
   size_t skip_to_value() const {
@@ -193,7 +200,7 @@ std::string type_phrase(const JsonField& field) {
     case JsonType::OtherNumber:
       return "negative, fractional or too large";
     case JsonType::Text:
-      return "the text " + quoted(field.text);
+      return "the text " + in_quotes(field.text);
     case JsonType::Object:
       return "an object";
     case JsonType::Array:
@@ -220,14 +227,14 @@ std::string json_string(std::string_view text) {
 
 void json_expect(const JsonField& field, JsonType type, const char* expected) {
   if (field.type == type) return;
-  fail(field.column, fmt::format("{} is {}", quoted(field.name), type_phrase(field)), expected);
+  fail(field.column, fmt::format("{} is {}", in_quotes(field.name), type_phrase(field)), expected);
 }
 
 uint64_t json_number(const JsonField& field, uint64_t highest) {
   std::string expected = fmt::format("a number from 0 to {}", highest);
   json_expect(field, JsonType::Unsigned, expected.c_str());
   if (field.number > highest) {
-    fail(field.column, fmt::format("{} is {}, out of range", quoted(field.name), field.number),
+    fail(field.column, fmt::format("{} is {}, out of range", in_quotes(field.name), field.number),
          std::move(expected));
   }
   return field.number;

@@ -71,7 +71,7 @@ std::string list_of(const std::vector<std::string>& names) {
       shown.push_back(fmt::format("{} more", names.size() - kNamesShown));
       break;
     }
-    shown.push_back(quoted(name));
+    shown.push_back(in_quotes(name));
   }
   return fmt::format("{}", fmt::join(shown, ", "));
 }
@@ -136,11 +136,11 @@ void require_policy(const std::string& name, uint32_t kind, const std::string& o
     throw InputError(
         fmt::format("polctl: error: the policy name {} is too long (expected at most "
                     "{} bytes)",
-                    quoted(name), POL_NAME_SIZE - 1));
+                    in_quotes(name), POL_NAME_SIZE - 1));
   }
   if (pol_block_find(g_pol_ctx_p, name.c_str(), kind, nullptr) != nullptr) return;
   const char* word = pol_util_type_str(kind);
-  std::string message = fmt::format("{}: error: no {} policy {}", origin, word, quoted(name));
+  std::string message = fmt::format("{}: error: no {} policy {}", origin, word, in_quotes(name));
   for (uint32_t other : {POL_KIND_ROUTE, POL_KIND_DATA, POL_KIND_MEMBERSHIP}) {
     if (pol_block_find(g_pol_ctx_p, name.c_str(), other, nullptr) != nullptr) {
       message += fmt::format("; there is a {} policy of that name", pol_util_type_str(other));

@@ -16,6 +16,9 @@ namespace {
 
 constexpr const char* kBlanks = " \t";
 constexpr size_t kNoMember = SIZE_MAX;
+constexpr const char* kTlocNames = "address, color or encap";
+constexpr const char* kRouteNames =
+    "type, prefix, vpn, tag, preference, domain, site, groups, tloc, origin, originator or carrier";
 
 struct RouteBuilder {
   t_pol_route_query* query;
@@ -67,7 +70,7 @@ void read_type(const JsonField& field, RouteBuilder& route) {
   } else if (text == "service") {
     route.query->match_type = POL_MATCH_SERVICE;
   } else {
-    fail(field.column, fmt::format("unknown type {}", quoted(text)), kExpected);
+    fail(field.column, fmt::format("unknown type {}", in_quotes(text)), kExpected);
   }
   route.has_type = true;
 }
@@ -207,7 +210,7 @@ void read_route_line(std::string_view text, JsonLine* json, t_pol_route_query* q
     member = find_member(field.name, member);
     if (member == kNoMember) {
       fail(
-          field.name_column, fmt::format("unknown member {}", quoted(field.name)),
+          field.name_column, fmt::format("unknown member {}", in_quotes(field.name)),
           "type, prefix, vpn, tag, preference, domain, site, groups, tloc (address, color, encap), "
           "origin, originator or carrier");
     }
@@ -287,8 +290,8 @@ void read_tloc_line(std::string_view text, JsonLine* json, t_pol_tloc_result_ent
     } else if (field.name == "preference") {
       tloc->preference = read_u32(field);
     } else {
-      fail(field.name_column, fmt::format("unknown member {}", quoted(field.name)),
-           "address, color, encap, label or preference");
+      fail(field.name_column, fmt::format("unknown member {}", in_quotes(field.name)),
+           field.name.starts_with("tloc.") ? kTlocNames : kRouteNames);
     }
   }
   if (tloc->tloc.family == 0) fail(1, "no member \"address\"", "the TLOC's address");

@@ -12,6 +12,7 @@
 
 #include <string>
 
+#include "input_error.h"
 #include "json_line.h"
 #include "line_reader.h"
 #include "policy/pol_types.h"

@@ -84,8 +84,12 @@ void Table::print(Output* out, const Palette& palette) const {
 }
 
 std::string grouped(uint64_t number) {
-  std::string text = std::to_string(number);
-  for (size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
+  std::string digits = std::to_string(number);
+  std::string text;
+  for (size_t i = 0; i < digits.size(); ++i) {
+    if (i > 0 && (digits.size() - i) % 3 == 0) text += ',';
+    text += digits[i];
+  }
   return text;
 }
 
