@@ -209,10 +209,8 @@ void read_route_line(std::string_view text, JsonLine* json, t_pol_route_query* q
     const JsonField& field = json->fields[i];
     member = find_member(field.name, member);
     if (member == kNoMember) {
-      fail(
-          field.name_column, fmt::format("unknown member {}", in_quotes(field.name)),
-          "type, prefix, vpn, tag, preference, domain, site, groups, tloc (address, color, encap), "
-          "origin, originator or carrier");
+      fail(field.name_column, fmt::format("unknown member {}", in_quotes(field.name)),
+           field.name.starts_with("tloc.") ? kTlocNames : kRouteNames);
     }
     kRouteMembers[member].read(field, route);
   }
@@ -291,7 +289,7 @@ void read_tloc_line(std::string_view text, JsonLine* json, t_pol_tloc_result_ent
       tloc->preference = read_u32(field);
     } else {
       fail(field.name_column, fmt::format("unknown member {}", in_quotes(field.name)),
-           field.name.starts_with("tloc.") ? kTlocNames : kRouteNames);
+           "address, color, encap, label or preference");
     }
   }
   if (tloc->tloc.family == 0) fail(1, "no member \"address\"", "the TLOC's address");
