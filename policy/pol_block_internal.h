@@ -77,6 +77,6 @@ struct t_pol_block {
   pol::AvlTree<t_pol_fwd_vpn_entry> fwd_vpns;  // kinds data and perf route only
   t_pol_entry default_action;
   uint8_t fetch_xml;
-  uint8_t orphaned;  // a forwarding block out of its tree, kept for its users
+  uint8_t orphaned;  // a forwarding policy that was deleted and stays, empty, for its users
   pol::BlockUsers users;
 };

@@ -11,6 +11,7 @@
 #include "policy/pol_context.h"
 #include "policy/pol_dump.h"
 #include "policy/pol_exec.h"
+#include "policy/pol_fwd_block.h"
 #include "policy/pol_pfx_list.h"
 #include "policy/pol_site_list.h"
 #include "policy/pol_test.h"

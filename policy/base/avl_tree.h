@@ -33,6 +33,9 @@ class AvlTree {
   // Takes nodes out until none is left; nothing else may touch the tree between two calls.
   Node* drain(void** cookie) { return static_cast<Node*>(avl_destroy_nodes(&tree_, cookie)); }
 
+  // For the C interface, which knows a tree by its platform type.
+  avl_tree* raw() { return &tree_; }
+
  private:
   avl_tree tree_;
 };

@@ -93,6 +93,12 @@ void named_release(List* list, MemType type) {
 }
 
 template <class List>
+void named_remove(NamedTree<List>& tree, List* list, MemType type) {
+  tree.remove(list);
+  named_release(list, type);
+}
+
+template <class List>
 List* list_of(const t_pol_clause_user& user) {
   return reinterpret_cast<List*>(user.list);
 }
