@@ -155,10 +155,12 @@ std::vector<Table::Cell> verdict_heading() {
 }
 
 std::vector<Table::Cell> verdict_row(const Verdict& verdict) {
+  // Only a set TLOC that leads nowhere rejects once something was applied.
+  bool unresolved = verdict.action == POL_REJECT && verdict.query->applied != 0;
   return {{route_text(verdict)},
           {pol_util_action_str(verdict.action), action_colour(verdict.action)},
           {decider_text(verdict.decision)},
-          {sets_text(*verdict.query)}};
+          {unresolved ? "nothing: no TLOC that it sets resolves" : sets_text(*verdict.query)}};
 }
 
 void write_explanation(const Verdict& verdict, Output* out, const Palette& palette) {
