@@ -136,4 +136,12 @@ std::string in_quotes(std::string_view text) {
   return result;
 }
 
+std::string printable(std::string_view text) {
+  std::string result(text);
+  for (char& c : result) {
+    if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = '?';
+  }
+  return result;
+}
+
 }  // namespace polctl

@@ -33,6 +33,10 @@ std::string tloc_text(const t_tloc_id& tloc);
  * ASCII become '?'. */
 std::string in_quotes(std::string_view text);
 
+/* The text with its control characters as '?': a policy file's words reach a terminal as they are.
+ */
+std::string printable(std::string_view text);
+
 }  // namespace polctl
 
 #endif

@@ -70,7 +70,9 @@ void write_finding(const t_pol_test_finding* finding, void* arg) {
       "{}:{}:{}: {}: {}", report.options.policy_file, finding->line, finding->column,
       report.palette.paint(error ? Colour::Red : Colour::Yellow, severity_word(finding->severity)),
       finding->what);
-  if (finding->expected != nullptr) report.out->print(" (expected {})", finding->expected);
+  if (finding->expected != nullptr) {
+    report.out->print(" (expected {})", printable(finding->expected));
+  }
   report.out->write("\n");
   write_source(*finding, &report);
 }

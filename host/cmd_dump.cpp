@@ -37,11 +37,13 @@ constexpr Topic kTopics[] = {
 struct Session {
   Output* out;
   std::string problem;
+  char last = '\n'; /* printed */
 };
 
 int write_text(void* arg, const char* text, size_t length) {
   Session* session = static_cast<Session*>(arg);
   if (session->out->gone()) return -1;
+  if (length > 0) session->last = text[length - 1];
   try {
     session->out->write({text, length});
   } catch (const InputError& error) {
@@ -61,13 +63,13 @@ std::vector<std::string> dump_topics() {
 
 int run_dump(const DumpOptions& options, Output* out) {
   PolicySource source(options.source);
-  Session session = {out, {}};
+  Session session = {out, {}, '\n'};
   t_cli_user_ctx cli = {write_text, &session};
   for (const Topic& topic : kTopics) {
     if (topic.name == options.topic) topic.dump(&cli, 0, 0, nullptr);
   }
   if (!session.problem.empty()) throw InputError(session.problem);
-  out->write("\n");
+  if (session.last != '\n') out->write("\n");
   out->flush();
   return kDone;
 }

@@ -88,7 +88,9 @@ class Answers {
     if (!options_.json && count_ > kFewRoutes) {
       if (options_.explain) out_->write("\n");
       summary_.print(policy_sequences(options_.policy, options_.kind), out_, palette_);
-    } else if (!options_.json && !options_.explain && count_ > 0) {
+    } else if (!options_.json && count_ == 0) {
+      out_->write("no routes\n");
+    } else if (!options_.json && !options_.explain) {
       table_.print(out_, palette_);
     }
     out_->flush();

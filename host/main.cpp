@@ -6,9 +6,10 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <map>
 #include <string>
+#include <vector>
 
+#include "address_text.h"
 #include "commands.h"
 #include "input_error.h"
 
@@ -58,28 +59,32 @@ void add_source_options(CLI::App* command, polctl::PolicyOptions* options) {
       ->add_option("--trace", options->trace,
                    "let the library trace to syslog, at debug level 0 to 4")
       ->check(CLI::Range(0, 4))
-      ->type_name("LEVEL");
+      ->option_text("LEVEL");
 }
 
 void add_eval(CLI::App& app, polctl::EvalOptions* options) {
-  static const std::map<std::string, uint32_t> directions = {{"in", POL_DIR_IN},
-                                                             {"out", POL_DIR_OUT}};
-  static const std::map<std::string, uint32_t> kinds = {{"route", POL_KIND_ROUTE},
-                                                        {"membership", POL_KIND_MEMBERSHIP}};
   CLI::App* command = app.add_subcommand("eval", "Run routes through a policy");
   add_source_options(command, &options->source);
   command->add_option("--policy", options->policy, "the policy's name")
       ->required()
       ->type_name("NAME");
-  command->add_option("--kind", options->kind, "the policy's kind: route (default) or membership")
-      ->transform(CLI::Transformer(kinds))
-      ->check(CLI::IsMember(kinds))
-      ->type_name("KIND")
+  command
+      ->add_option_function<std::string>(
+          "--kind",
+          [options](const std::string& word) {
+            options->kind = word == "route" ? POL_KIND_ROUTE : POL_KIND_MEMBERSHIP;
+          },
+          "the policy's kind: route (default) or membership")
+      ->check(CLI::IsMember({"route", "membership"}))
       ->option_text("KIND");
   command
-      ->add_option("--direction", options->direction,
-                   "the policy is applied to what comes in (default) or goes out")
-      ->transform(CLI::CheckedTransformer(directions))
+      ->add_option_function<std::string>(
+          "--direction",
+          [options](const std::string& word) {
+            options->direction = word == "in" ? POL_DIR_IN : POL_DIR_OUT;
+          },
+          "the policy is applied to what comes in (default) or goes out")
+      ->check(CLI::IsMember({"in", "out"}))
       ->option_text("in|out");
   command->add_option("--routes", options->routes, "the routes; - (default) is standard input")
       ->option_text("FILE|-");
@@ -115,10 +120,24 @@ void add_dump(CLI::App& app, polctl::DumpOptions* options) {
   command->footer("Example:\n  polctl dump --policy-file branch.txt route-policies");
 }
 
+// The one line that CLI11's refusals become.
+std::string usage_error(const CLI::App* app, const CLI::Error& error) {
+  std::vector<const CLI::App*> commands = app->get_subcommands();
+  std::vector<std::string> extras = app->remaining();
+  if (commands.empty() && !extras.empty()) {
+    return "polctl: error: unknown command " + polctl::in_quotes(extras.front()) +
+           " (expected eval, check or dump)\n";
+  }
+  std::string command = commands.empty() ? "polctl" : "polctl " + commands.front()->get_name();
+  return "polctl: error: " + std::string(error.what()) + " (expected what \"" + command +
+         " --help\" tells)\n";
+}
+
 int run(int argc, char** argv) {
   CLI::App app("Asks the policy library what a policy does.", "polctl");
   app.require_subcommand(1);
   app.set_version_flag("--version", "polctl " POLCTL_VERSION);
+  app.failure_message(usage_error);
   app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
   polctl::EvalOptions eval;
   polctl::CheckOptions check;

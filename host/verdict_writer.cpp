@@ -170,14 +170,14 @@ void write_explanation(const Verdict& verdict, Output* out, const Palette& palet
     std::string name = decider_text(each.step);
     out->print("  {:<{}}", name, kNameWidth);
     if (each.step.decided == 0) {
-      out->print("no: {} ({})\n", each.reason, clause_word(each.step.clause));
+      out->print("no: {} ({})\n", printable(each.reason), clause_word(each.step.clause));
       continue;
     }
     out->print("{}", palette.paint(action_colour(each.step.action),
                                    pol_util_action_str(each.step.action)));
     std::string sets = sets_text(*verdict.query);
     if (!each.reason.empty()) {
-      out->print(": {}", each.reason);
+      out->print(": {}", printable(each.reason));
     } else if (each.step.action == POL_ACCEPT && !sets.empty()) {
       out->print(", sets {}", sets);
     }
