@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // polctl check. The library finds what is wrong; this shows it, with the line it is in.
+#include <exception>
 #include <string>
 #include <string_view>
 
@@ -26,6 +27,7 @@ struct Report {
   std::string_view line;
   uint64_t errors = 0;
   uint64_t warnings = 0;
+  std::string problem;  // of ours, kept: no exception may pass through the library
 };
 
 const char* severity_word(uint32_t severity) {
@@ -42,6 +44,7 @@ void write_finding_json(const t_pol_test_finding& finding, const Report& report)
 
 // The line and a caret under the column. Bytes that could upset a terminal show as '?', tabs stay.
 void write_source(const t_pol_test_finding& finding, Report* report) {
+  if (report->source.size() == 0) return;  // a pipe, which the library is reading
   while (report->source.line() < finding.line) {
     if (!report->source.next(&report->line)) return;
   }
@@ -57,24 +60,31 @@ void write_source(const t_pol_test_finding& finding, Report* report) {
   report->out->print("    {}\n    {}{}\n", shown, below, report->palette.paint(Colour::Green, "^"));
 }
 
+void write_finding_text(const t_pol_test_finding& finding, Report* report) {
+  Colour colour = finding.severity == POL_TEST_ERROR ? Colour::Red : Colour::Yellow;
+  report->out->print("{}:{}:{}: {}: {}", report->options.policy_file, finding.line, finding.column,
+                     report->palette.paint(colour, severity_word(finding.severity)),
+                     printable(finding.what));
+  if (finding.expected != nullptr) {
+    report->out->print(" (expected {})", printable(finding.expected));
+  }
+  report->out->write("\n");
+  write_source(finding, report);
+}
+
 void write_finding(const t_pol_test_finding* finding, void* arg) {
   Report& report = *static_cast<Report*>(arg);
-  bool error = finding->severity == POL_TEST_ERROR;
-  ++(error ? report.errors : report.warnings);
+  ++(finding->severity == POL_TEST_ERROR ? report.errors : report.warnings);
   if (report.out->gone()) return;
-  if (report.options.json) {
-    write_finding_json(*finding, report);
-    return;
+  try {
+    if (report.options.json) {
+      write_finding_json(*finding, report);
+    } else {
+      write_finding_text(*finding, &report);
+    }
+  } catch (const std::exception& error) {
+    report.problem = error.what();
   }
-  report.out->print(
-      "{}:{}:{}: {}: {}", report.options.policy_file, finding->line, finding->column,
-      report.palette.paint(error ? Colour::Red : Colour::Yellow, severity_word(finding->severity)),
-      finding->what);
-  if (finding->expected != nullptr) {
-    report.out->print(" (expected {})", printable(finding->expected));
-  }
-  report.out->write("\n");
-  write_source(*finding, &report);
 }
 
 std::string counted(uint64_t count, const char* what) {
@@ -85,11 +95,12 @@ std::string counted(uint64_t count, const char* what) {
 
 int run_check(const CheckOptions& options, Output* out) {
   require_readable(options.policy_file, "a policy file");
-  Report report = {options, out, Palette(out->fd()), LineReader(options.policy_file), {}, 0, 0};
+  Report report = {options, out, Palette(out->fd()), LineReader(options.policy_file), {}, 0, 0, {}};
   if (pol_test_check_file(options.policy_file.c_str(), write_finding, &report) < 0) {
     throw InputError(
         fmt::format("{}: error: cannot be read (expected a policy file)", options.policy_file));
   }
+  if (!report.problem.empty()) throw InputError(report.problem);
   bool clean = report.errors + report.warnings == 0;
   if (!options.json) {
     if (clean) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // polctl dump. The library prints to a command-line session; here the session is standard output.
+#include <exception>
 #include <string_view>
 
 #include "commands.h"
@@ -46,7 +47,7 @@ int write_text(void* arg, const char* text, size_t length) {
   if (length > 0) session->last = text[length - 1];
   try {
     session->out->write({text, length});
-  } catch (const InputError& error) {
+  } catch (const std::exception& error) {
     session->problem = error.what();
     return -1;
   }

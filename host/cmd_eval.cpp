@@ -58,7 +58,8 @@ struct Question {
   t_pol_tloc_result tlocs;
 };
 
-void keep_step(const t_pol_explain_step* step, void* arg) {
+// Called by the library: running out of memory ends the process here rather than pass through it.
+void keep_step(const t_pol_explain_step* step, void* arg) noexcept {
   std::string reason = step->reason != nullptr ? step->reason : "";
   static_cast<Verdict*>(arg)->steps.push_back({*step, std::move(reason)});
 }

@@ -122,7 +122,7 @@ void add_dump(CLI::App& app, polctl::DumpOptions* options) {
 
 // The one line that CLI11's refusals become.
 std::string usage_error(const CLI::App* app, const CLI::Error& error) {
-  std::vector<const CLI::App*> commands = app->get_subcommands();
+  auto commands = app->get_subcommands({});
   std::vector<std::string> extras = app->remaining();
   if (commands.empty() && !extras.empty()) {
     return "polctl: error: unknown command " + polctl::in_quotes(extras.front()) +
