@@ -122,10 +122,10 @@ void add_dump(CLI::App& app, polctl::DumpOptions* options) {
 
 // The one line that CLI11's refusals become.
 std::string usage_error(const CLI::App* app, const CLI::Error& error) {
-  auto commands = app->get_subcommands({});
+  std::vector<CLI::App*> commands = app->get_subcommands();
   std::vector<std::string> extras = app->remaining();
   if (commands.empty() && !extras.empty()) {
-    return "polctl: error: unknown command " + polctl::in_quotes(extras.front()) +
+    return "polctl: error: unknown word " + polctl::in_quotes(extras.front()) +
            " (expected eval, check or dump)\n";
   }
   std::string command = commands.empty() ? "polctl" : "polctl " + commands.front()->get_name();
