@@ -131,7 +131,12 @@ int run_eval(const EvalOptions& options, Output* out) {
     question->tlocs.count = 0;
     question->tlocs.ultimate = 0;
     query->tlocs = &question->tlocs;
-    if (!routes.next(query, &question->attr)) break;
+    try {
+      if (!routes.next(query, &question->attr)) break;
+    } catch (const InputError&) {
+      out->flush();  // what was answered before the fault stands
+      throw;
+    }
     verdict.steps.clear();
     verdict.action = pol_explain(user.get(), query, options.explain ? keep_step : nullptr, &verdict,
                                  &verdict.decision);
