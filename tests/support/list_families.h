@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// list_families.h - the five lists with elements under one set of names, for tests of what they share. An
-// element is chosen by a small number; `clause` is a match clause that uses the list.
+// list_families.h - the five lists with elements under one set of names, for tests of what they
+// share. An element is chosen by a small number; `clause` is a match clause that uses the list.
 #pragma once
 
 #include "support/policy_fixture.h"
@@ -31,7 +31,9 @@ struct SiteFamily {
   static uint32_t del(t_pol_ctx* ctx, const char* list, uint32_t n) {
     return pol_site_list_del_entry(ctx, list, n, n);
   }
-  static uint32_t cfg_del(t_pol_ctx* ctx, const char* list) { return pol_site_list_cfg_del(ctx, list); }
+  static uint32_t cfg_del(t_pol_ctx* ctx, const char* list) {
+    return pol_site_list_cfg_del(ctx, list);
+  }
   static t_site_list* find(t_pol_ctx* ctx, const char* list) {
     return pol::named_find(ctx->site_lists, list);
   }
@@ -57,7 +59,9 @@ struct VpnFamily {
   static uint32_t del(t_pol_ctx* ctx, const char* list, uint32_t n) {
     return pol_vpn_list_del_entry(ctx, list, n, n);
   }
-  static uint32_t cfg_del(t_pol_ctx* ctx, const char* list) { return pol_vpn_list_cfg_del(ctx, list); }
+  static uint32_t cfg_del(t_pol_ctx* ctx, const char* list) {
+    return pol_vpn_list_cfg_del(ctx, list);
+  }
   static t_vpn_list* find(t_pol_ctx* ctx, const char* list) {
     return pol::named_find(ctx->vpn_lists, list);
   }
@@ -85,8 +89,12 @@ struct TlocFamily {
     t_tloc_id tloc = numbered_tloc(n);
     return pol_tloc_list_del_entry(ctx, list, &tloc);
   }
-  static uint32_t cfg_del(t_pol_ctx* ctx, const char* list) { return pol_tloc_list_cfg_del(ctx, list); }
-  static t_tloc_list* find(t_pol_ctx* ctx, const char* list) { return pol_tloc_list_find(ctx, list); }
+  static uint32_t cfg_del(t_pol_ctx* ctx, const char* list) {
+    return pol_tloc_list_cfg_del(ctx, list);
+  }
+  static t_tloc_list* find(t_pol_ctx* ctx, const char* list) {
+    return pol_tloc_list_find(ctx, list);
+  }
   static t_pol_match* clause(t_pol_ctx* ctx, t_pol_entry* e, const char* list, uint8_t* changed) {
     return pol_entry_match_tloc_list_add(ctx, e, list, changed);
   }
@@ -113,7 +121,9 @@ struct ColorFamily {
   static uint32_t cfg_del(t_pol_ctx* ctx, const char* list) {
     return pol_color_list_cfg_del(ctx, list);
   }
-  static t_color_list* find(t_pol_ctx* ctx, const char* list) { return pol_color_list_find(ctx, list); }
+  static t_color_list* find(t_pol_ctx* ctx, const char* list) {
+    return pol_color_list_find(ctx, list);
+  }
   static t_pol_match* clause(t_pol_ctx* ctx, t_pol_entry* e, const char* list, uint8_t* changed) {
     return pol_entry_match_color_list_add(ctx, e, list, changed);
   }
@@ -139,7 +149,9 @@ struct PfxFamily {
     t_pol_pfx_record record = pfx_record(n);
     return pol_pfx_list_del_entry(ctx, list, &record);
   }
-  static uint32_t cfg_del(t_pol_ctx* ctx, const char* list) { return pol_pfx_list_cfg_del(ctx, list); }
+  static uint32_t cfg_del(t_pol_ctx* ctx, const char* list) {
+    return pol_pfx_list_cfg_del(ctx, list);
+  }
   static t_pfx_list* find(t_pol_ctx* ctx, const char* list) {
     return pol::named_find(ctx->pfx_lists, list);
   }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// policy_fixture.h - a live context for a test, and short words for what tests say often. Tearing down checks
-// that every counted allocation was freed.
+// policy_fixture.h - a live context for a test, and short words for what tests say often. Tearing
+// down checks that every counted allocation was freed.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// seams.h - what tests put between the library and the system: a log that can be read, memory that runs
-// out.
+// seams.h - what tests put between the library and the system: a log that can be read, memory that
+// runs out.
 #pragma once
 
 #include <string>

@@ -89,7 +89,8 @@ TEST_F(ContextTest, DetailIsFoundInsideALongerWord) {
   char detail[] = "x--detailed";
   char* argv[] = {command, detail};
   std::string text = printed([&](t_cli_user_ctx* cli) { pol_dump_memory_info(cli, 0, 2, argv); });
-  bool written = text.find("\n wrote malloc info to /var/log/pol_meminfo.txt\n") != std::string::npos;
+  bool written =
+      text.find("\n wrote malloc info to /var/log/pol_meminfo.txt\n") != std::string::npos;
   EXPECT_EQ(written, access("/var/log/pol_meminfo.txt", W_OK) == 0);
 }
 

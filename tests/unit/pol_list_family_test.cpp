@@ -147,9 +147,8 @@ TEST_F(ListFamilyTest, VpnListsTellMatchActionAndForwardingUsersInOrder) {
   }
   pol_vpn_list_add_entry(ctx, "v", 1, 2);
   EXPECT_EQ(order, (std::vector<int>{2, 1, 0}));
-  std::string text = printed([&](t_cli_user_ctx* cli) {
-    pol_dump_vpn_list(VpnFamily::find(ctx, "v"), cli);
-  });
+  std::string text =
+      printed([&](t_cli_user_ctx* cli) { pol_dump_vpn_list(VpnFamily::find(ctx, "v"), cli); });
   EXPECT_NE(text.find("\n    vpn-id: 1-2\nend \n\n  User: match\n  User: data"), std::string::npos)
       << text;
   pol_vpn_list_cfg_del(ctx, "v");

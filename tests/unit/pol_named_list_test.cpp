@@ -115,8 +115,8 @@ TYPED_TEST(NamedListTest, NamingAnotherListMovesTheRegistration) {
   EXPECT_EQ(TypeParam::find(ctx, "b"), nullptr) << "the policy's deletion unregistered";
 }
 
-// Naming a list that cannot be made leaves the clause with the list it had, of which it is no user any more:
-// the reference must hold while the list lives and vanish with it.
+// Naming a list that cannot be made leaves the clause with the list it had, of which it is no user
+// any more: the reference must hold while the list lives and vanish with it.
 TYPED_TEST(NamedListTest, FailedRenameKeepsTheOldListWhileItLives) {
   t_pol_ctx* ctx = this->ctx;
   typename PolicyTest::Calls calls;
@@ -166,10 +166,10 @@ TYPED_TEST(NamedListTest, AnyFailedAllocationLeavesTheListAsItWas) {
   for (bool exists : {false, true}) {
     bool hit = true;
     for (int nth = 1; hit; ++nth) {
-      if (exists) TypeParam::add(ctx, "l", 7);
       typename PolicyTest::UncountedFailures lists(TypeParam::kListMem);
       typename PolicyTest::UncountedFailures entries(TypeParam::kEntryMem);
       typename PolicyTest::UncountedFailures records(8);
+      if (exists) TypeParam::add(ctx, "l", 7);
       uint64_t elements_before = exists ? 1 : 0;
       uint32_t status = 0;
       {

@@ -58,7 +58,8 @@ TEST_F(UserTest, FieldsWithoutANulAreCut) {
   EXPECT_STREQ(pol_handle_get_name(nullptr, small, sizeof small), "");
 }
 
-// A callback that changes its own policy and asks for notification is neither called again nor lost.
+// A callback that changes its own policy and asks for notification is neither called again nor
+// lost.
 TEST_F(UserTest, ChangesInsideACallbackWaitForTheNextBatch) {
   Calls calls;
   calls.ctx = ctx;
