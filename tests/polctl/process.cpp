@@ -37,6 +37,7 @@ Pipe make_terminal() {
 
 std::vector<char*> pointers(const std::vector<std::string>& words) {
   std::vector<char*> result;
+  result.reserve(words.size() + 1);
   for (const std::string& word : words) result.push_back(const_cast<char*>(word.c_str()));
   result.push_back(nullptr);
   return result;
@@ -61,6 +62,7 @@ std::vector<char*> pointers(const std::vector<std::string>& words) {
 // Feeds and drains the child at once, so that neither side waits for the other for ever.
 void converse(const Invocation& invocation, int in, int out, int err, Outcome* outcome) {
   size_t fed = 0;
+  useconds_t pause = invocation.pause ? 1100000 : 0;
   fcntl(in, F_SETFL, O_NONBLOCK);
   while (in >= 0 || out >= 0 || err >= 0) {
     pollfd waits[3] = {{in, POLLOUT, 0}, {out, POLLIN, 0}, {err, POLLIN, 0}};
@@ -69,7 +71,10 @@ void converse(const Invocation& invocation, int in, int out, int err, Outcome* o
       break;
     }
     if (waits[0].revents != 0) {
-      ssize_t wrote = write(in, invocation.input.data() + fed, invocation.input.size() - fed);
+      size_t half = invocation.input.size() / 2;
+      if (invocation.pause && fed >= half) usleep(std::exchange(pause, 0));
+      size_t end = pause > 0 && fed < half ? half : invocation.input.size();
+      ssize_t wrote = write(in, invocation.input.data() + fed, end - fed);
       if (wrote > 0) fed += static_cast<size_t>(wrote);
       if (wrote < 0 || fed == invocation.input.size()) close(std::exchange(in, -1));
     }

@@ -18,6 +18,7 @@ struct Invocation {
   std::string input;
   std::vector<std::string> env = {};  // "NAME=value", added to a bare environment
   bool terminal = false;              // standard output and error are a pseudo-terminal
+  bool pause = false;                 // for more than a second when half of the input is fed
   size_t read_at_most = SIZE_MAX;     // then standard output is closed
   std::string output_file = {};       // standard output goes there instead
 };

@@ -10,6 +10,8 @@
 namespace {
 
 const std::string kPolicyFile = POLCTL_EXAMPLES "/branch-policy.txt";
+const std::string kRoutes = POLCTL_EXAMPLES "/routes.jsonl";
+const std::string kTlocs = POLCTL_EXAMPLES "/tlocs.jsonl";
 
 Invocation eval(const std::string& policy_file, std::vector<std::string> more) {
   Invocation invocation;
@@ -67,9 +69,8 @@ TEST(ToolTest, ExitStatusTellsBadUsageFromAnswers) {
 }
 
 TEST(ToolTest, JsonIsOneValidObjectALineWithEveryMember) {
-  Outcome outcome =
-      run_polctl(eval(kPolicyFile, {"--routes", POLCTL_EXAMPLES "/routes.jsonl", "--tlocs",
-                                    POLCTL_EXAMPLES "/tlocs.jsonl", "--json", "--explain"}));
+  Outcome outcome = run_polctl(
+      eval(kPolicyFile, {"--routes", kRoutes, "--tlocs", kTlocs, "--json", "--explain"}));
   ASSERT_EQ(outcome.status, 0) << outcome.err;
   std::istringstream lines(outcome.out);
   std::string line;
@@ -170,19 +171,20 @@ TEST(ToolTest, ColourIsForTerminalsThatWantIt) {
   EXPECT_EQ(run_polctl(invocation).out.find('\033'), std::string::npos);
 }
 
-TEST(ToolTest, TheLibrarysTraceIsSilentUnlessAskedFor) {
-  // Without a system log the trace can only cost time; that it does is what tells that it is made.
-  Invocation invocation = eval(kPolicyFile, {"--trace", "4", "--json"});
-  invocation.input = "0.0.0.0/0\n";
-  Outcome traced = run_polctl(invocation);
-  EXPECT_EQ(traced.status, 0);
-  EXPECT_EQ(traced.err, "");
-  EXPECT_EQ(traced.out, run_polctl([&] {
-                          Invocation plain = eval(kPolicyFile, {"--json"});
-                          plain.input = invocation.input;
-                          return plain;
-                        }())
-                            .out);
+TEST(ToolTest, ABarIsShownForSlowWorkOnTerminalsAndTakenAway) {
+  Invocation invocation = eval(kPolicyFile, {});
+  invocation.input = many_prefixes(40000);
+  invocation.pause = true;
+  EXPECT_EQ(run_polctl(invocation).err, "");
+  invocation.terminal = true;
+  std::string said = run_polctl(invocation).out;
+  size_t bar = said.find("\rEvaluating ");
+  size_t cleared = said.find("\r\033[K");
+  ASSERT_NE(bar, std::string::npos) << said;
+  EXPECT_LT(bar, cleared);
+  EXPECT_LT(cleared, said.find("sequence")) << "before the answer";
+  invocation.pause = false;
+  EXPECT_EQ(run_polctl(invocation).out.find("Evaluating"), std::string::npos);
 }
 
 }  // namespace
