@@ -58,6 +58,23 @@ struct Question {
   t_pol_tloc_result tlocs;
 };
 
+// Between preparing a query and releasing what its evaluation allocated.
+class Execution {
+ public:
+  explicit Execution(Question* question) : query_(&question->query) {
+    pol_pre_execute(query_, kReleaseVpnArray);
+    question->tlocs.count = 0;
+    question->tlocs.ultimate = 0;
+    query_->tlocs = &question->tlocs;
+  }
+  ~Execution() { pol_post_execute(query_); }
+  Execution(const Execution&) = delete;
+  Execution& operator=(const Execution&) = delete;
+
+ private:
+  t_pol_route_query* query_;
+};
+
 // Called by the library: running out of memory ends the process here rather than pass through it.
 void keep_step(const t_pol_explain_step* step, void* arg) noexcept {
   std::string reason = step->reason != nullptr ? step->reason : "";
@@ -127,10 +144,9 @@ int run_eval(const EvalOptions& options, Output* out) {
   Verdict verdict;
   verdict.query = query;
   for (; !out->gone(); ++verdict.index) {
-    pol_pre_execute(query, kReleaseVpnArray);
-    question->tlocs.count = 0;
-    question->tlocs.ultimate = 0;
-    query->tlocs = &question->tlocs;
+    Execution execution(question.get());
+    // A program that asks and waits, or a person who types, gets its answer before the next read.
+    if (!routes.lines().line_waiting()) out->flush();
     try {
       if (!routes.next(query, &question->attr)) break;
     } catch (const InputError&) {
@@ -141,7 +157,6 @@ int run_eval(const EvalOptions& options, Output* out) {
     verdict.action = pol_explain(user.get(), query, options.explain ? keep_step : nullptr, &verdict,
                                  &verdict.decision);
     answers.add(verdict);
-    pol_post_execute(query);
     progress.step(routes.lines().position(), routes.lines().size());
   }
   progress.clear();

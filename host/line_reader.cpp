@@ -67,6 +67,10 @@ void LineReader::skip_rest_of_line() {
   }
 }
 
+bool LineReader::line_waiting() const {
+  return !overlong_ && memchr(buffer_.data() + begin_, '\n', end_ - begin_) != nullptr;
+}
+
 bool LineReader::next(std::string_view* line) {
   if (overlong_) skip_rest_of_line();
   overlong_ = false;

@@ -28,6 +28,9 @@ class LineReader {
    * Throws InputError when the file cannot be read on. */
   bool next(std::string_view* line);
 
+  /* Whether next() can answer without reading on. */
+  bool line_waiting() const;
+
   bool overlong() const { return overlong_; }
   uint64_t line() const { return line_; } /* number of the last line, from 1 */
   const std::string& name() const { return name_; }

@@ -59,13 +59,27 @@ std::vector<char*> pointers(const std::vector<std::string>& words) {
   _exit(127);
 }
 
+// How much of the input may be fed by now.
+size_t feedable(const Invocation& invocation, const std::string& answered) {
+  if (!invocation.in_turns) return invocation.input.size();
+  size_t end = 0;
+  for (auto lines = std::count(answered.begin(), answered.end(), '\n') + 1; lines > 0; --lines) {
+    size_t newline = invocation.input.find('\n', end);
+    if (newline == std::string::npos) return invocation.input.size();
+    end = newline + 1;
+  }
+  return end;
+}
+
 // Feeds and drains the child at once, so that neither side waits for the other for ever.
 void converse(const Invocation& invocation, int in, int out, int err, Outcome* outcome) {
   size_t fed = 0;
   useconds_t pause = invocation.pause ? 1100000 : 0;
   fcntl(in, F_SETFL, O_NONBLOCK);
   while (in >= 0 || out >= 0 || err >= 0) {
-    pollfd waits[3] = {{in, POLLOUT, 0}, {out, POLLIN, 0}, {err, POLLIN, 0}};
+    size_t end = feedable(invocation, outcome->out);
+    bool waiting = invocation.in_turns && fed == end;
+    pollfd waits[3] = {{waiting ? -1 : in, POLLOUT, 0}, {out, POLLIN, 0}, {err, POLLIN, 0}};
     if (poll(waits, 3, 30000) <= 0) {
       ADD_FAILURE() << "polctl hangs";
       break;
@@ -73,7 +87,7 @@ void converse(const Invocation& invocation, int in, int out, int err, Outcome* o
     if (waits[0].revents != 0) {
       size_t half = invocation.input.size() / 2;
       if (invocation.pause && fed >= half) usleep(std::exchange(pause, 0));
-      size_t end = pause > 0 && fed < half ? half : invocation.input.size();
+      if (pause > 0) end = half;
       ssize_t wrote = write(in, invocation.input.data() + fed, end - fed);
       if (wrote > 0) fed += static_cast<size_t>(wrote);
       if (wrote < 0 || fed == invocation.input.size()) close(std::exchange(in, -1));

@@ -19,6 +19,7 @@ struct Invocation {
   std::vector<std::string> env = {};  // "NAME=value", added to a bare environment
   bool terminal = false;              // standard output and error are a pseudo-terminal
   bool pause = false;                 // for more than a second when half of the input is fed
+  bool in_turns = false;              // a line of input is fed once the one before it was answered
   size_t read_at_most = SIZE_MAX;     // then standard output is closed
   std::string output_file = {};       // standard output goes there instead
 };

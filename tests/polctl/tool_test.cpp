@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -155,6 +156,15 @@ TEST(ToolTest, AnswersBeforeAFaultyRouteAreNotLost) {
   EXPECT_EQ(outcome.err.substr(0, 25), "<stdin>:2:1: error: \"nons");
   EXPECT_EQ(outcome.out.substr(0, 9), "{\"index\":");
   EXPECT_EQ(outcome.out.find('\n'), outcome.out.size() - 1);
+}
+
+TEST(ToolTest, AProgramThatAsksAndWaitsGetsItsAnswer) {
+  Invocation invocation = eval(kPolicyFile, {"--json"});
+  invocation.input = "127.0.0.0/8\n0.0.0.0/0\n{\"type\":\"tloc\"}\n";
+  invocation.in_turns = true;
+  Outcome outcome = run_polctl(invocation);
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(std::count(outcome.out.begin(), outcome.out.end(), '\n'), 3);
 }
 
 TEST(ToolTest, ColourIsForTerminalsThatWantIt) {
