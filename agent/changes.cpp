@@ -86,7 +86,8 @@ void Differ::entry(const NodeRef& before, const NodeRef& after, const SchemaNode
     own_leaves(before.get(), after.get(), schema, &changes->back().leaves);
     lists_in(before.get(), after.get(), schema);
     // Equal contents in different nodes are no change.
-    bool same = op == YARROW_MODIFIED && changes->size() == mark + 1 && changes->back().leaves.empty();
+    bool same =
+        op == YARROW_MODIFIED && changes->size() == mark + 1 && changes->back().leaves.empty();
     if (same) changes->pop_back();
   }
   keys.pop_back();

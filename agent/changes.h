@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The difference of two trees, as subscribers are told it, as validation visits it, and as the journal
-// keeps it.
+// The difference of two trees, as subscribers are told it, as validation visits it, and as the
+// journal keeps it.
 #ifndef AGENT_CHANGES_H
 #define AGENT_CHANGES_H
 
@@ -32,8 +32,8 @@ struct Change {
 };
 
 // Appends what turns `before` into `after`, in the order in which it is to be told: parents before
-// members, schema order among siblings, key order in a list. An entry in which only members changed is
-// there too, without leaves.
+// members, schema order among siblings, key order in a list. An entry in which only members changed
+// is there too, without leaves.
 void changes_between(const NodeRef& before, const NodeRef& after, std::vector<Change>* changes);
 
 // The tree with the changes made. Changes that another tree gave rise to land by path: entries they

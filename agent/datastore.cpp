@@ -63,8 +63,8 @@ const NodeRef* datastore_root(const Datastores& stores, int datastore) {
   }
 }
 
-Result datastore_apply(Datastores& stores, int datastore, const NodeRef& base, const NodeRef& edited,
-                       CommitRef* record) {
+Result datastore_apply(Datastores& stores, int datastore, const NodeRef& base,
+                       const NodeRef& edited, CommitRef* record) {
   record->reset();
   const NodeRef* root = datastore_root(stores, datastore);
   if (root == nullptr) return failed(YARROW_ERR_PROTOCOL, "no such datastore");
@@ -98,7 +98,8 @@ Result datastore_commit(Datastores& stores, CommitRef* record) {
 
 Result datastore_rollback(Datastores& stores, unsigned back) {
   if (back >= stores.versions.size()) {
-    return failed(YARROW_ERR_NOEXISTS, "no configuration of " + std::to_string(back) + " commits ago");
+    return failed(YARROW_ERR_NOEXISTS,
+                  "no configuration of " + std::to_string(back) + " commits ago");
   }
   stores.candidate = stores.versions[stores.versions.size() - 1 - back].root;
   return {};

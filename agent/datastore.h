@@ -39,8 +39,8 @@ const NodeRef* datastore_root(const Datastores& stores, int datastore);
 
 // Brings what turned `base` into `edited` into the datastore. For running this is a commit, whose
 // record is handed out; `record` is null if nothing changed.
-Result datastore_apply(Datastores& stores, int datastore, const NodeRef& base, const NodeRef& edited,
-                       CommitRef* record);
+Result datastore_apply(Datastores& stores, int datastore, const NodeRef& base,
+                       const NodeRef& edited, CommitRef* record);
 
 // Whether `root` could become running.
 Result datastore_validate(const Datastores& stores, const NodeRef& root);

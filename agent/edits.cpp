@@ -20,7 +20,8 @@ Result fault(t_yarrow_error error, const Path& path, std::string_view reason) {
 bool parents_exist(const NodeRef& root, const Path& path) {
   for (size_t i = path.size(); i > 1; --i) {
     if (path[i - 2].keys.empty()) continue;
-    return find_node(root, Path(path.begin(), path.begin() + static_cast<ptrdiff_t>(i - 1))) != nullptr;
+    return find_node(root, Path(path.begin(), path.begin() + static_cast<ptrdiff_t>(i - 1))) !=
+           nullptr;
   }
   return true;
 }
@@ -208,7 +209,8 @@ Result edit_delete(Editor& editor, const Path& path) {
 
 Result edit_load(Editor& editor, const Path& path, uint32_t flags, std::string_view text) {
   const SchemaNode& top = path.empty() ? editor.schema.root : *path.back().schema;
-  bool holds_elements = top.kind == YARROW_NODE_CONTAINER || (!path.empty() && !path.back().keys.empty());
+  bool holds_elements =
+      top.kind == YARROW_NODE_CONTAINER || (!path.empty() && !path.back().keys.empty());
   if (!holds_elements) return fault(YARROW_ERR_BADPATH, path, "holds no elements");
   if (!path.empty() && !parents_exist(*editor.root, path)) {
     return fault(YARROW_ERR_NOEXISTS, path, "has no parent");

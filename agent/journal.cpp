@@ -142,7 +142,8 @@ Result journal_open(Journal& journal, const Schema& schema, const std::string& d
     versions->push_back({0, empty_tree(schema)});
     return {};
   }
-  if (mkdir(directory.c_str(), kPrivateDirectory) != 0 && errno != EEXIST) return os_failure(directory);
+  if (mkdir(directory.c_str(), kPrivateDirectory) != 0 && errno != EEXIST)
+    return os_failure(directory);
   std::string lock_name = directory + "/lock";
   journal.lock = open(lock_name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kPrivateFile);
   if (journal.lock < 0) return os_failure(lock_name);
@@ -181,8 +182,8 @@ Result journal_append(Journal& journal, uint64_t commit, const std::vector<Chang
     return {};
   }
   Result result = os_failure("writing the running configuration");
-  // What a failed sync leaves on disk is unknown: without the cut, a restart could find a commit that
-  // was refused.
+  // What a failed sync leaves on disk is unknown: without the cut, a restart could find a commit
+  // that was refused.
   journal.broken = ftruncate(journal.file, static_cast<off_t>(journal.size)) != 0 ||
                    fdatasync(journal.file) != 0;
   return result;
@@ -192,7 +193,8 @@ bool journal_wants_rewrite(const Journal& journal) {
   return !journal.directory.empty() && journal.size > 2 * journal.base_size + kRewriteSlack;
 }
 
-Result journal_rewrite(Journal& journal, const Schema& schema, const std::deque<Version>& versions) {
+Result journal_rewrite(Journal& journal, const Schema& schema,
+                       const std::deque<Version>& versions) {
   if (journal.directory.empty()) return {};
   std::string bytes(kMagic, kMagicSize);
   NodeRef before = empty_tree(schema);
@@ -207,7 +209,8 @@ Result journal_rewrite(Journal& journal, const Schema& schema, const std::deque<
   std::string aside = name + ".new";
   int file = open(aside.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_APPEND, kPrivateFile);
   if (file < 0) return os_failure(aside);
-  bool done = write_all(file, bytes) && fsync(file) == 0 && rename(aside.c_str(), name.c_str()) == 0;
+  bool done =
+      write_all(file, bytes) && fsync(file) == 0 && rename(aside.c_str(), name.c_str()) == 0;
   if (!done) {
     Result result = os_failure(aside);
     close(file);

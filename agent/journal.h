@@ -2,12 +2,12 @@
 //
 // The running configuration on disk.
 //
-// One file, "running", of records: a base (a whole configuration, as changes from nothing) and then one
-// record for each commit after it. A commit is acknowledged once its record is on disk, so its cost is
-// that of what it changes. From time to time the file is written anew: the new one is written aside,
-// synced, and renamed over the old one, with the oldest configuration that rollback can still reach as
-// its base. A record that was being written when the agent died is recognised by its checksum, and cut
-// off; it was never acknowledged.
+// One file, "running", of records: a base (a whole configuration, as changes from nothing) and then
+// one record for each commit after it. A commit is acknowledged once its record is on disk, so its
+// cost is that of what it changes. From time to time the file is written anew: the new one is
+// written aside, synced, and renamed over the old one, with the oldest configuration that rollback
+// can still reach as its base. A record that was being written when the agent died is recognised by
+// its checksum, and cut off; it was never acknowledged.
 #ifndef AGENT_JOURNAL_H
 #define AGENT_JOURNAL_H
 

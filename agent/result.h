@@ -18,7 +18,9 @@ struct [[nodiscard]] Result {
   bool ok() const { return error == YARROW_ERR_NONE; }
 };
 
-inline Result failed(t_yarrow_error error, std::string reason) { return {error, std::move(reason)}; }
+inline Result failed(t_yarrow_error error, std::string reason) {
+  return {error, std::move(reason)};
+}
 
 }  // namespace agent
 #endif

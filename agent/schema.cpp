@@ -66,7 +66,8 @@ uint32_t value_type_of(const lysc_type* type) {
       return C_ENUM_VALUE;
     case LY_TYPE_UNION: {
       const auto* members = reinterpret_cast<const lysc_type_union*>(type);
-      return LY_ARRAY_COUNT(members->types) > 0 ? value_type_of(members->types[0]) : uint32_t{C_BUF};
+      return LY_ARRAY_COUNT(members->types) > 0 ? value_type_of(members->types[0])
+                                                : uint32_t{C_BUF};
     }
     default:
       if (plugin_is(type, "ipv4-prefix")) return C_IPV4PREFIX;
@@ -219,7 +220,8 @@ std::unique_ptr<Schema> schema_load(std::string* error) {
       *error = std::string(module.name) + ": " + (text != nullptr ? text : "cannot be loaded");
       return nullptr;
     }
-    if (loaded->compiled != nullptr && !builder.add_children(schema->root, loaded->compiled->data)) {
+    if (loaded->compiled != nullptr &&
+        !builder.add_children(schema->root, loaded->compiled->data)) {
       *error = builder.error;
       return nullptr;
     }

@@ -27,19 +27,20 @@ struct SchemaNode {
   uint32_t tag = 0;
   uint32_t ns_tag = 0;
   t_yarrow_node_kind kind = YARROW_NODE_CONTAINER;
-  uint32_t value_type = 0;   // of a union of address families: the IPv4 member's
-  uint32_t id = 0;           // position in Schema::all
-  uint32_t index = 0;        // among the parent's children
-  uint32_t key_count = 0;    // of a list; its keys are its first children
+  uint32_t value_type = 0;  // of a union of address families: the IPv4 member's
+  uint32_t id = 0;          // position in Schema::all
+  uint32_t index = 0;       // among the parent's children
+  uint32_t key_count = 0;   // of a list; its keys are its first children
   bool is_state = false;
   bool is_key = false;
   bool holds_state = false;  // state data somewhere below
   bool mandatory = false;
-  bool constrained = false;  // it, or a container or leaf in it outside further lists, has a constraint
+  bool constrained =
+      false;  // it, or a container or leaf in it outside further lists, has a constraint
   bool numeric_key = false;  // canonical texts of the type sort by length, then bytewise
   bool has_default = false;
   std::string default_text;
-  std::string path;  // without keys: "/policy/lists/site-list"
+  std::string path;    // without keys: "/policy/lists/site-list"
   uint32_t level = 0;  // lists on the path, itself included
   const SchemaNode* parent = nullptr;
   std::vector<const SchemaNode*> children;
@@ -50,7 +51,7 @@ struct SchemaNode {
 
 struct Schema {
   ly_ctx* context = nullptr;
-  SchemaNode root;  // nameless; the top-level nodes are its children
+  SchemaNode root;                               // nameless; the top-level nodes are its children
   std::vector<std::unique_ptr<SchemaNode>> all;  // every parent before its children
 
   Schema();
@@ -65,7 +66,8 @@ std::unique_ptr<Schema> schema_load(std::string* error);
 // The child called `name`, null without one.
 const SchemaNode* schema_child(const SchemaNode& parent, std::string_view name);
 
-// Brings the text of a leaf's value into canonical form. False, with the reason, if its type refuses it.
+// Brings the text of a leaf's value into canonical form. False, with the reason, if its type
+// refuses it.
 bool schema_canonical(const Schema& schema, const SchemaNode& leaf, std::string_view text,
                       std::string* canonical, std::string* error);
 

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One thread, one poll loop. Each turn answers at most one request a connection, so that none can keep
-// the others waiting for longer than its one request takes. Everything a peer can make the agent hold
-// is bounded: connections, a connection's unread input and unsent output, the time for a frame.
+// One thread, one poll loop. Each turn answers at most one request a connection, so that none can
+// keep the others waiting for longer than its one request takes. Everything a peer can make the
+// agent hold is bounded: connections, a connection's unread input and unsent output, the time for a
+// frame.
 #include "agent/server.h"
 
 #include <arpa/inet.h>
@@ -95,9 +96,9 @@ void answer_request(Server& server, Connection& connection, std::string_view bod
   Reader in(body);
   auto request = static_cast<Request>(in.u8());
   Writer content;
-  Result result =
-      in.ok() ? session_answer(server.agent, connection.session, connection.kind, request, in, content)
-              : failed(YARROW_ERR_PROTOCOL, "an empty request");
+  Result result = in.ok() ? session_answer(server.agent, connection.session, connection.kind,
+                                           request, in, content)
+                          : failed(YARROW_ERR_PROTOCOL, "an empty request");
   // Subscribers first: whoever learns that a commit is done can find its batch under way.
   while (!server.agent.unpublished.empty()) {
     subscription_publish(server, server.agent.unpublished.front());
@@ -267,7 +268,8 @@ void server_run(Server& server) {
       if (connection.dead) continue;
       subscription_fill(connection);
       write_some(server.agent, connection);
-      more = more || has_whole_frame(connection) || (!connection.pending.empty() && connection.out.empty());
+      more = more || has_whole_frame(connection) ||
+             (!connection.pending.empty() && connection.out.empty());
     }
     if ((watched[1].revents & POLLIN) != 0) accept_one(server);
     drop_dead(server);

@@ -19,16 +19,16 @@ struct Connection {
   int socket = -1;
   State state = State::kHello;
   yarrow::SocketKind kind = yarrow::SocketKind::kMaapi;
-  bool refused = false;       // its peer is of another uid
+  bool refused = false;  // its peer is of another uid
   bool dead = false;
   std::string in, out;
   size_t out_sent = 0;
-  int64_t deadline = 0;       // for the rest of a frame, or the hello; 0: none
+  int64_t deadline = 0;  // for the rest of a frame, or the hello; 0: none
   Session session;
   int stream = 0;
-  std::string filter;         // subscription: changes at this path and below
+  std::string filter;  // subscription: changes at this path and below
   std::deque<CommitRef> pending;
-  size_t next_change = 0;     // in the first pending commit
+  size_t next_change = 0;  // in the first pending commit
   bool in_batch = false;
 };
 
@@ -51,8 +51,8 @@ Result server_listen(Server& server, uint16_t port, uint16_t* bound);
 
 void server_run(Server& server);
 
-// Whether the process at the other end of an accepted connection has one of the uids. Linux tells the
-// uid of a socket's owner in /proc/net/tcp.
+// Whether the process at the other end of an accepted connection has one of the uids. Linux tells
+// the uid of a socket's owner in /proc/net/tcp.
 bool peer_has_uid(int socket, const std::vector<uid_t>& uids);
 
 // Gives the connection what of its pending batches there is room for in its output.

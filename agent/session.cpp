@@ -94,7 +94,8 @@ Result start_transaction(Agent& agent, Session& session, Reader& in, Writer& out
 }
 
 // The reads, alike in a transaction and in a direct session.
-Result answer_read(const Agent& agent, const NodeRef& root, Request request, Reader& in, Writer& out) {
+Result answer_read(const Agent& agent, const NodeRef& root, Request request, Reader& in,
+                   Writer& out) {
   Path path;
   Result result = path_of(agent, in, &path);
   if (!result.ok()) return result;
@@ -175,7 +176,8 @@ Result unlock(Agent& agent, const Session& session, int datastore) {
   return {};
 }
 
-Result save(Agent& agent, const Session& session, const Transaction& trans, Reader& in, Writer& out) {
+Result save(Agent& agent, const Session& session, const Transaction& trans, Reader& in,
+            Writer& out) {
   uint32_t flags = in.u32();
   Path path;
   Result result = path_of(agent, in, &path);
@@ -206,7 +208,8 @@ Result save_result(Agent& agent, const Session& session, int id) {
   }
   bool delivered = at->second.delivered;
   agent.streams.erase(at);
-  return delivered ? Result{} : failed(YARROW_ERR_NOTCONNECTED, "the stream was not read to its end");
+  return delivered ? Result{}
+                   : failed(YARROW_ERR_NOTCONNECTED, "the stream was not read to its end");
 }
 
 Result load_begin(Agent& agent, Session& session, Reader& in) {
@@ -214,8 +217,8 @@ Result load_begin(Agent& agent, Session& session, Reader& in) {
   session.load = {};
   session.load.trans = static_cast<int>(in.u32());
   session.load.flags = in.u32();
-  constexpr uint32_t kKnown = YARROW_CONFIG_XML | YARROW_CONFIG_MERGE | YARROW_CONFIG_REPLACE |
-                              YARROW_CONFIG_SKIP_STATE;
+  constexpr uint32_t kKnown =
+      YARROW_CONFIG_XML | YARROW_CONFIG_MERGE | YARROW_CONFIG_REPLACE | YARROW_CONFIG_SKIP_STATE;
   uint32_t flags = session.load.flags;
   bool both = (flags & YARROW_CONFIG_MERGE) != 0 && (flags & YARROW_CONFIG_REPLACE) != 0;
   if ((flags & YARROW_CONFIG_XML) == 0 || (flags & ~kKnown) != 0 || both) {

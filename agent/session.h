@@ -61,8 +61,8 @@ struct Agent {
 int64_t now_ms();
 
 // Answers one request; what is written to `out` after success is the answer's content.
-Result session_answer(Agent& agent, Session& session, yarrow::SocketKind kind, yarrow::Request request,
-                      yarrow::Reader& in, yarrow::Writer& out);
+Result session_answer(Agent& agent, Session& session, yarrow::SocketKind kind,
+                      yarrow::Request request, yarrow::Reader& in, yarrow::Writer& out);
 
 // Lets go of all that a closing connection held.
 void session_end(Agent& agent, const Session& session);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A subscriber is fed as fast as it reads: commits wait as records, which all subscribers share, and
-// are turned into frames when there is room in the connection's output.
+// A subscriber is fed as fast as it reads: commits wait as records, which all subscribers share,
+// and are turned into frames when there is room in the connection's output.
 #include <algorithm>
 
 #include "agent/keypath.h"

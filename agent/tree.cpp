@@ -13,7 +13,8 @@ uint32_t hash_keys(const Keys& keys) {
     for (char byte : key) hash = (hash ^ static_cast<uint8_t>(byte)) * 16777619u;
     hash = (hash ^ 0xffu) * 16777619u;
   }
-  hash ^= hash >> 16;  // FNV's high bits barely move on short texts; the order of priorities needs them
+  hash ^=
+      hash >> 16;  // FNV's high bits barely move on short texts; the order of priorities needs them
   hash *= 0x7feb352du;
   hash ^= hash >> 15;
   hash *= 0x846ca68bu;
@@ -81,7 +82,8 @@ MapRef put(const MapRef& map, const NodeRef& entry, uint32_t priority) {
     Halves halves = split(map, entry->texts);
     return join(entry, priority, halves.left, halves.right);
   }
-  if (order < 0) return join(map->entry, map->priority, map->left, put(map->right, entry, priority));
+  if (order < 0)
+    return join(map->entry, map->priority, map->left, put(map->right, entry, priority));
   return join(map->entry, map->priority, put(map->left, entry, priority), map->right);
 }
 

@@ -2,10 +2,10 @@
 //
 // Configuration trees that are never changed, only replaced.
 //
-// An edit makes new nodes along the path from the root to what it changes and shares all the rest with
-// the tree it began from. So a datastore is one pointer, a transaction is a copy of that pointer, a
-// commit is its assignment, and two trees are compared by walking only where their pointers differ:
-// what an edit of one entry costs grows with the logarithm of the list's size.
+// An edit makes new nodes along the path from the root to what it changes and shares all the rest
+// with the tree it began from. So a datastore is one pointer, a transaction is a copy of that
+// pointer, a commit is its assignment, and two trees are compared by walking only where their
+// pointers differ: what an edit of one entry costs grows with the logarithm of the list's size.
 //
 // Invariants
 //  1. A container or list that would be empty does not exist; the root always does.
@@ -37,8 +37,8 @@ struct Node {
   MapRef entries;                  // list
 };
 
-// A search tree of entries, ordered by keys and by a hash of the keys as priority (a treap), so that
-// one set of entries has one shape, whatever the order in which they came.
+// A search tree of entries, ordered by keys and by a hash of the keys as priority (a treap), so
+// that one set of entries has one shape, whatever the order in which they came.
 struct EntryMap {
   NodeRef entry;
   MapRef left, right;
@@ -61,7 +61,8 @@ void map_diff(const MapRef& before, const MapRef& after,
 NodeRef empty_tree(const Schema& schema);
 NodeRef child_of(const Node& node, const SchemaNode& schema);
 
-// The node with `child` put in place of the one with its schema; a null `child` takes that one away.
+// The node with `child` put in place of the one with its schema; a null `child` takes that one
+// away.
 NodeRef with_child(const Node& node, const SchemaNode& schema, const NodeRef& child);
 
 NodeRef make_leaf(const SchemaNode& schema, std::vector<std::string> texts);
@@ -80,8 +81,8 @@ NodeRef find_node(const NodeRef& root, const Path& path);
 // dropped as needed. Entries on the way that are absent come to be, with their keys alone.
 NodeRef with_node(const NodeRef& root, const Path& path, const NodeRef& node);
 
-// Lays `addition` over `base` (same schema; either may be null): leaves replace, items of leaf-lists are
-// added, entries are merged.
+// Lays `addition` over `base` (same schema; either may be null): leaves replace, items of
+// leaf-lists are added, entries are merged.
 NodeRef merged(const NodeRef& base, const NodeRef& addition);
 
 }  // namespace agent

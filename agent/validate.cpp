@@ -91,7 +91,8 @@ void check_entry(const Schema& schema, const NodeRef& root, const Path& path, Fa
         char quote = step.keys[i].find('\'') == std::string::npos ? '\'' : '"';
         keys += "[" + step.schema->children[i]->name + "=" + quote + step.keys[i] + quote + "]";
       }
-      lyd_new_list2(at, step.schema->yang->module, step.schema->name.c_str(), keys.c_str(), 0, &made);
+      lyd_new_list2(at, step.schema->yang->module, step.schema->name.c_str(), keys.c_str(), 0,
+                    &made);
     }
     if (made == nullptr || !node) break;
     if (top == nullptr) top = made;
@@ -120,7 +121,8 @@ Result validate_changes(const Schema& schema, const NodeRef& root,
   Faults faults;
   for (const Change& change : changes) {
     bool settles = change.op == YARROW_CREATED || !change.leaves.empty();
-    if (!change.schema->constrained || change.schema->is_leaf() || !change.entry || !settles) continue;
+    if (!change.schema->constrained || change.schema->is_leaf() || !change.entry || !settles)
+      continue;
     Path path = change_path(change);
     if (has_mandatory(*change.schema)) {
       check_mandatory(*change.schema, change.entry.get(), path_text(path), faults);

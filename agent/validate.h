@@ -10,11 +10,13 @@
 
 namespace agent {
 
-// Checks the entries that the changes created or modified: mandatory leaves, and the schema's "must"
-// conditions. `root` is the tree they lead to. A condition may look at leaves of its entry and of the
-// entries around it, not at members of lists: nothing else is there when it is evaluated, which is what
-// keeps the cost of a commit that of what it touches. Names every fault, up to kMaxFaults.
-Result validate_changes(const Schema& schema, const NodeRef& root, const std::vector<Change>& changes);
+// Checks the entries that the changes created or modified: mandatory leaves, and the schema's
+// "must" conditions. `root` is the tree they lead to. A condition may look at leaves of its entry
+// and of the entries around it, not at members of lists: nothing else is there when it is
+// evaluated, which is what keeps the cost of a commit that of what it touches. Names every fault,
+// up to kMaxFaults.
+Result validate_changes(const Schema& schema, const NodeRef& root,
+                        const std::vector<Change>& changes);
 
 constexpr size_t kMaxFaults = 100;
 

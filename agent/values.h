@@ -16,8 +16,8 @@ namespace agent {
 // Writes the typed value of one canonical text.
 void value_encode(const SchemaNode& leaf, std::string_view text, yarrow::Writer& out);
 
-// The text of a typed value as a client sent it, not checked against the leaf's type yet. Several texts
-// for a C_LIST. `*absent` tells a C_NOEXISTS.
+// The text of a typed value as a client sent it, not checked against the leaf's type yet. Several
+// texts for a C_LIST. `*absent` tells a C_NOEXISTS.
 Result value_decode(const SchemaNode& leaf, yarrow::Reader& in, std::vector<std::string>* texts,
                     bool* absent);
 

@@ -25,8 +25,8 @@ struct XmlRules {
   bool skip_other = false;  // pass over the other kind instead of refusing it
 };
 
-// What a document holds: the node below which its elements belong, and which of that node's children it
-// names, were it only to say that they are empty.
+// What a document holds: the node below which its elements belong, and which of that node's
+// children it names, were it only to say that they are empty.
 struct XmlContent {
   NodeRef node;
   std::vector<const SchemaNode*> named;

@@ -84,8 +84,9 @@ void Loader::start(std::string_view name, const char* name_space, int attributes
   const SchemaNode* child = schema_child(*stack.back().schema, name);
   auto here = [&] { return path() + "/" + std::string(name); };
   bool known = child != nullptr && (name_space == nullptr || child->name_space == name_space);
-  bool other_kind = known && (rules.state ? !child->is_state && !child->holds_state && !child->is_key
-                                          : child->is_state);
+  bool other_kind =
+      known &&
+      (rules.state ? !child->is_state && !child->holds_state && !child->is_key : child->is_state);
   if (!known) {
     fault(line, here() + ": no such node");
   } else if (other_kind) {
@@ -156,7 +157,8 @@ void Loader::end_entry(Element& element) {
   const SchemaNode& list = *element.schema;
   for (uint32_t i = 0; i < list.key_count; ++i) {
     if ((element.keys_seen & 1u << i) != 0) continue;
-    fault(element.line, path() + "/" + list.name + ": its key " + list.children[i]->name + " is missing");
+    fault(element.line,
+          path() + "/" + list.name + ": its key " + list.children[i]->name + " is missing");
     return;
   }
   Element& parent = stack.back();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The management agent inside a process of its own or of a tool: it listens on the loopback address and
-// serves its clients from one thread.
+// The management agent inside a process of its own or of a tool: it listens on the loopback address
+// and serves its clients from one thread.
 #ifndef AGENT_YARROW_AGENT_H
 #define AGENT_YARROW_AGENT_H
 

@@ -183,7 +183,8 @@ int read_batch(int sock, t_yarrow_batch& batch) {
     } else {
       good = false;
     }
-    if (!good || !in.done()) return yarrow::fail(YARROW_ERR_PROTOCOL, "a batch that makes no sense");
+    if (!good || !in.done())
+      return yarrow::fail(YARROW_ERR_PROTOCOL, "a batch that makes no sense");
   }
 }
 

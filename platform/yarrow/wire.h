@@ -2,11 +2,11 @@
 //
 // The frames that the client and the agent exchange.
 //
-// A frame is a 32-bit length and that many bytes of body. All numbers are big-endian; a text is a 32-bit
-// length and its bytes. A connection opens with a hello that says what it is for; the agent answers with
-// a status. Then a Maapi or Cdb connection carries requests, each answered by one reply: a status, then
-// either what the request asked for or the reasons as one text. A Stream connection carries bare bytes
-// after the status, a Subscription the frames of PushKind.
+// A frame is a 32-bit length and that many bytes of body. All numbers are big-endian; a text is a
+// 32-bit length and its bytes. A connection opens with a hello that says what it is for; the agent
+// answers with a status. Then a Maapi or Cdb connection carries requests, each answered by one
+// reply: a status, then either what the request asked for or the reasons as one text. A Stream
+// connection carries bare bytes after the status, a Subscription the frames of PushKind.
 #ifndef YARROW_WIRE_H
 #define YARROW_WIRE_H
 
@@ -85,13 +85,14 @@ class Writer {
 
  private:
   void number(uint64_t value, int width) {
-    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8) u8(static_cast<uint8_t>(value >> shift));
+    for (int shift = 8 * (width - 1); shift >= 0; shift -= 8)
+      u8(static_cast<uint8_t>(value >> shift));
   }
   std::string bytes_;
 };
 
-// Takes a body apart. A read beyond the end gives zeros and makes ok() false for good, so that a caller
-// may read everything it wants and check once.
+// Takes a body apart. A read beyond the end gives zeros and makes ok() false for good, so that a
+// caller may read everything it wants and check once.
 class Reader {
  public:
   explicit Reader(std::string_view bytes) : bytes_(bytes) {}

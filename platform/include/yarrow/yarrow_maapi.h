@@ -94,8 +94,8 @@ int maapi_create(int sock, int trans, const char* format, ...) YARROW_PRINTF(3, 
 int maapi_set_object(int sock, int trans, const t_yarrow_value* values, int count,
                      const char* format, ...) YARROW_PRINTF(5, 6);
 
-/* Deletes a node with all that it holds. An absent entry or leaf is YARROW_ERR_NOEXISTS; a container, a
- * whole list and a leaf with a default are never absent. */
+/* Deletes a node with all that it holds. An absent entry or leaf is YARROW_ERR_NOEXISTS; a
+ * container, a whole list and a leaf with a default are never absent. */
 int maapi_delete(int sock, int trans, const char* format, ...) YARROW_PRINTF(3, 4);
 
 /* Checks the transaction as an apply to running would; YARROW_ERR_INVALID with all reasons. */
