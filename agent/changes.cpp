@@ -185,9 +185,9 @@ void changes_write(const std::vector<Change>& changes, yarrow::Writer& out) {
 
 namespace {
 
-Result read_leaf(const Schema& schema, yarrow::Reader& in, const SchemaNode* top, Change* change) {
+Result read_leaf(const Schema& schema, yarrow::Reader& in, const SchemaNode& top, Change* change) {
   std::string below(in.text(yarrow::kMaxPath));
-  const SchemaNode* node = top;
+  const SchemaNode* node = &top;
   for (size_t at = 0; at < below.size() && node != nullptr;) {
     size_t end = below.find('/', at + 1);
     if (end == std::string::npos) end = below.size();
@@ -195,7 +195,7 @@ Result read_leaf(const Schema& schema, yarrow::Reader& in, const SchemaNode* top
     at = end;
   }
   if (!in.ok() || node == nullptr || !node->is_leaf()) {
-    return failed(YARROW_ERR_MALFORMED, top->path + below + ": no such leaf");
+    return failed(YARROW_ERR_MALFORMED, top.path + below + ": no such leaf");
   }
   NodeRef leaf;
   if (in.u8() != 0) {
@@ -222,22 +222,22 @@ Result changes_read(const Schema& schema, yarrow::Reader& in, std::vector<Change
   uint32_t count = in.u32();
   for (uint32_t i = 0; i < count; ++i) {
     Change change;
-    change.op = static_cast<t_yarrow_op>(in.u8());
+    uint8_t op = in.u8();
     std::string_view text = in.text(yarrow::kMaxPath);
     if (!in.ok()) return failed(YARROW_ERR_MALFORMED, "a record cut short");
     Path path;
     Result result = path_parse(schema, text, &path);
     if (!result.ok()) return result;
-    bool fits = !path.empty() && (change.op == YARROW_VALUE_SET ? path.back().schema->is_leaf()
-                                                                : !path.back().keys.empty());
-    if (!fits || change.op < YARROW_CREATED || change.op > YARROW_VALUE_SET) {
-      return failed(YARROW_ERR_MALFORMED, std::string(text) + ": not a change");
-    }
+    bool fits = op >= YARROW_CREATED && op <= YARROW_VALUE_SET && !path.empty();
+    if (fits && op == YARROW_VALUE_SET) fits = path.back().schema->is_leaf();
+    if (fits && op != YARROW_VALUE_SET) fits = !path.back().keys.empty();
+    if (!fits) return failed(YARROW_ERR_MALFORMED, std::string(text) + ": not a change");
+    change.op = static_cast<t_yarrow_op>(op);
     change.schema = path.back().schema;
     for (Step& step : path) {
       if (!step.keys.empty()) change.keys.push_back(std::move(step.keys));
     }
-    const SchemaNode* top = change.op == YARROW_VALUE_SET ? &schema.root : change.schema;
+    const SchemaNode& top = op == YARROW_VALUE_SET ? schema.root : *change.schema;
     uint32_t leaves = in.u32();
     for (uint32_t j = 0; j < leaves; ++j) {
       result = read_leaf(schema, in, top, &change);

@@ -177,8 +177,8 @@ bool Builder::add(SchemaNode& parent, const lysc_node* yang) {
     node.holds_state = node.holds_state || child->is_state || child->holds_state;
     if (child->kind != YARROW_NODE_LIST) node.constrained = node.constrained || child->constrained;
   }
-  if (node.kind == YARROW_NODE_LIST && node.key_count == 0) {
-    error = node.path + ": a list without keys";
+  if (node.kind == YARROW_NODE_LIST && (node.key_count == 0 || node.key_count > kMaxKeys)) {
+    error = node.path + ": a list without keys, or with too many";
     return false;
   }
   return true;

@@ -19,6 +19,8 @@ struct lysc_node;
 
 namespace agent {
 
+constexpr uint32_t kMaxKeys = 4;  // of a list
+
 struct SchemaNode {
   const lysc_node* yang = nullptr;
   std::string name;

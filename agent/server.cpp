@@ -33,6 +33,7 @@ constexpr size_t kReadSize = 256u << 10;
 constexpr size_t kMaxUnsent = 16u << 20;
 constexpr int64_t kFrameTime = 30'000;
 constexpr int64_t kHelloTime = 10'000;
+constexpr int64_t kFarewellTime = 60'000;  // without progress
 constexpr int kTick = 1'000;
 constexpr size_t kFrameHead = 4;
 constexpr size_t kMaxReason = 1u << 20;
@@ -78,7 +79,6 @@ void answer_hello(Server& server, Connection& connection, std::string_view body)
   }
   connection.kind = kind;
   connection.state = result.ok() ? Connection::State::kServing : Connection::State::kClosing;
-  connection.deadline = 0;
   Writer nothing;
   add_status(connection, result, nothing, 0);
   if (connection.stream != 0) {
@@ -86,6 +86,8 @@ void answer_hello(Server& server, Connection& connection, std::string_view body)
     server.agent.streams[connection.stream].text.clear();
     connection.state = Connection::State::kClosing;
   }
+  bool closing = connection.state == Connection::State::kClosing;
+  connection.deadline = closing ? now_ms() + kFarewellTime : 0;
 }
 
 void answer_request(Server& server, Connection& connection, std::string_view body) {
@@ -129,7 +131,9 @@ bool answer_next(Server& server, Connection& connection) {
     answer_request(server, connection, body);
   }
   connection.in.erase(0, kFrameHead + length);
-  connection.deadline = connection.in.empty() ? 0 : now_ms() + kFrameTime;
+  if (connection.state != Connection::State::kClosing) {
+    connection.deadline = connection.in.empty() ? 0 : now_ms() + kFrameTime;
+  }
   return true;
 }
 
@@ -162,6 +166,8 @@ void write_some(Agent& agent, Connection& connection) {
       return;
     }
     connection.out_sent += static_cast<size_t>(sent);
+    if (connection.state == Connection::State::kClosing)
+      connection.deadline = now_ms() + kFarewellTime;
   }
   connection.out.clear();
   connection.out_sent = 0;

@@ -26,16 +26,22 @@ constexpr size_t kSchemaChunk = 512u << 10;
 
 Result no_session() { return failed(YARROW_ERR_PROTOCOL, "no user session"); }
 
-Result transaction_of(Session& session, Reader& in, bool for_writing, Transaction** trans) {
+// Null, with the reason in `result`, if there is none, or none that may be written.
+Transaction* transaction_of(Session& session, Reader& in, bool for_writing, Result* result) {
   auto at = session.transactions.find(static_cast<int>(in.u32()));
   if (at == session.transactions.end()) {
-    return failed(YARROW_ERR_PROTOCOL, "no such transaction");
+    *result = failed(YARROW_ERR_PROTOCOL, "no such transaction");
+    return nullptr;
   }
-  *trans = &at->second;
-  if (!for_writing) return {};
-  if (!at->second.writable) return failed(YARROW_ERR_ACCESS, "a transaction for reading");
-  if (at->second.ended) return failed(YARROW_ERR_PROTOCOL, "the transaction is applied already");
-  return {};
+  if (for_writing && !at->second.writable) {
+    *result = failed(YARROW_ERR_ACCESS, "a transaction for reading");
+    return nullptr;
+  }
+  if (for_writing && at->second.ended) {
+    *result = failed(YARROW_ERR_PROTOCOL, "the transaction is applied already");
+    return nullptr;
+  }
+  return &at->second;
 }
 
 Result path_of(const Agent& agent, Reader& in, Path* path) {
@@ -266,9 +272,9 @@ Result answer_in_transaction(Agent& agent, Session& session, Request request, Re
                ? Result{}
                : failed(YARROW_ERR_PROTOCOL, "no such transaction");
   }
-  Transaction* trans = nullptr;
-  Result result = transaction_of(session, in, !reads, &trans);
-  if (!result.ok()) return result;
+  Result refusal;
+  Transaction* trans = transaction_of(session, in, !reads, &refusal);
+  if (trans == nullptr) return refusal;
   switch (request) {
     case Request::kExists:
     case Request::kNumInstances:
@@ -316,10 +322,10 @@ Result answer_maapi(Agent& agent, Session& session, Request request, Reader& in,
     case Request::kSaveResult:
       return save_result(agent, session, static_cast<int>(in.u32()));
     case Request::kLoadBegin: {
-      Transaction* trans = nullptr;
       Reader ahead = in;
-      Result result = transaction_of(session, ahead, true, &trans);
-      return result.ok() ? load_begin(agent, session, in) : result;
+      Result refusal;
+      bool good = transaction_of(session, ahead, true, &refusal) != nullptr;
+      return good ? load_begin(agent, session, in) : refusal;
     }
     case Request::kLoadData: {
       std::string_view text = in.text(yarrow::kMaxFrame);

@@ -40,6 +40,16 @@ lyd_node* new_inner(lyd_node* parent, const SchemaNode& schema) {
   return made;
 }
 
+lyd_node* new_entry(lyd_node* parent, const SchemaNode& list, const Keys& keys) {
+  const char* values[kMaxKeys] = {};
+  for (size_t i = 0; i < keys.size(); ++i) values[i] = keys[i].c_str();
+  lyd_node* made = nullptr;
+  // The call takes as many values as the list has keys.
+  lyd_new_list(parent, list.yang->module, list.name.c_str(), 0, &made, values[0], values[1],
+               values[2], values[3]);
+  return made;
+}
+
 void copy_leaves(const Node& from, lyd_node* to) {
   for (const NodeRef& child : from.children) {
     const SchemaNode& schema = *child->schema;
@@ -86,13 +96,7 @@ void check_entry(const Schema& schema, const NodeRef& root, const Path& path, Fa
       made = new_inner(at, *step.schema);
     } else {
       node = node ? map_find(node->entries, step.keys) : nullptr;
-      std::string keys;
-      for (size_t i = 0; i < step.keys.size(); ++i) {
-        char quote = step.keys[i].find('\'') == std::string::npos ? '\'' : '"';
-        keys += "[" + step.schema->children[i]->name + "=" + quote + step.keys[i] + quote + "]";
-      }
-      lyd_new_list2(at, step.schema->yang->module, step.schema->name.c_str(), keys.c_str(), 0,
-                    &made);
+      made = new_entry(at, *step.schema, step.keys);
     }
     if (made == nullptr || !node) break;
     if (top == nullptr) top = made;

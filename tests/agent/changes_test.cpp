@@ -125,10 +125,11 @@ TEST_F(ChangesTest, TheInitialBatchMakesThePresentConfigurationFromNothing) {
 
 TEST_F(ChangesTest, ASubscriberThatLagsBehindGetsEverythingInTheEnd) {
   Subscriber slow(agent_.port(), "/policy/lists");
-  constexpr int kCommits = 600;
+  constexpr int kCommits = 450;
   // Wide enough that the kernel's buffers cannot hold what the subscriber does not read.
   std::string many;
-  for (int i = 0; i < 400; ++i) many += "<site><id>" + std::to_string(i) + "</id></site>";
+  for (int i = 0; i < 400; ++i)
+    many.append("<site><id>").append(std::to_string(i)).append("</id></site>");
   for (int i = 0; i < kCommits; ++i) {
     std::string name = std::to_string(i);
     ASSERT_EQ(why(session_.commit(policy("<lists><site-list><name>" + name + "</name>" + many +
