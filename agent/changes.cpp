@@ -12,9 +12,8 @@ struct Differ {
   std::vector<Change>* changes;
   std::vector<Keys> keys;
 
-  void own_leaves(const Node* before, const Node* after, const SchemaNode& schema,
-                  std::vector<LeafChange>* leaves);
-  void lists_in(const Node* before, const Node* after, const SchemaNode& schema);
+  void own_leaves(const Node* before, const Node* after, std::vector<LeafChange>* leaves);
+  void lists_in(const Node* before, const Node* after);
   void list(const Node* before, const Node* after, const SchemaNode& schema);
   void entry(const NodeRef& before, const NodeRef& after, const SchemaNode& schema);
 };
@@ -39,8 +38,7 @@ void pairs(const Node* before, const Node* after, const Visit& visit) {
   }
 }
 
-void Differ::own_leaves(const Node* before, const Node* after, const SchemaNode&,
-                        std::vector<LeafChange>* leaves) {
+void Differ::own_leaves(const Node* before, const Node* after, std::vector<LeafChange>* leaves) {
   pairs(before, after, [&](const NodeRef& a, const NodeRef& b, const SchemaNode& schema) {
     if (schema.is_leaf()) {
       if (a && b && a->texts == b->texts) return;
@@ -48,7 +46,7 @@ void Differ::own_leaves(const Node* before, const Node* after, const SchemaNode&
     } else if (schema.kind == YARROW_NODE_CONTAINER) {
       size_t mark = leaves->size();
       leaves->push_back({LeafChange::Kind::kBegin, &schema, nullptr});
-      own_leaves(a.get(), b.get(), schema, leaves);
+      own_leaves(a.get(), b.get(), leaves);
       if (leaves->size() == mark + 1) {
         leaves->pop_back();
       } else {
@@ -58,12 +56,12 @@ void Differ::own_leaves(const Node* before, const Node* after, const SchemaNode&
   });
 }
 
-void Differ::lists_in(const Node* before, const Node* after, const SchemaNode&) {
+void Differ::lists_in(const Node* before, const Node* after) {
   pairs(before, after, [&](const NodeRef& a, const NodeRef& b, const SchemaNode& schema) {
     if (schema.kind == YARROW_NODE_LIST) {
       list(a.get(), b.get(), schema);
     } else if (schema.kind == YARROW_NODE_CONTAINER) {
-      lists_in(a.get(), b.get(), schema);
+      lists_in(a.get(), b.get());
     } else if (schema.level == 0) {
       changes->push_back({&schema, YARROW_VALUE_SET, {}, {}, nullptr});
       changes->back().leaves.push_back({LeafChange::Kind::kLeaf, &schema, b});
@@ -72,9 +70,14 @@ void Differ::lists_in(const Node* before, const Node* after, const SchemaNode&) 
 }
 
 void Differ::list(const Node* before, const Node* after, const SchemaNode& schema) {
-  map_diff(before != nullptr ? before->entries : nullptr,
-           after != nullptr ? after->entries : nullptr,
-           [&](const NodeRef& a, const NodeRef& b) { entry(a, b, schema); });
+  const MapRef old_entries = before != nullptr ? before->entries : nullptr;
+  const MapRef new_entries = after != nullptr ? after->entries : nullptr;
+  map_diff(old_entries, new_entries, [&](const NodeRef& a, const NodeRef& b) {
+    if (!b) entry(a, b, schema);
+  });
+  map_diff(old_entries, new_entries, [&](const NodeRef& a, const NodeRef& b) {
+    if (b) entry(a, b, schema);
+  });
 }
 
 void Differ::entry(const NodeRef& before, const NodeRef& after, const SchemaNode& schema) {
@@ -83,8 +86,8 @@ void Differ::entry(const NodeRef& before, const NodeRef& after, const SchemaNode
   t_yarrow_op op = !before ? YARROW_CREATED : !after ? YARROW_DELETED : YARROW_MODIFIED;
   changes->push_back({&schema, op, keys, {}, after});
   if (after) {
-    own_leaves(before.get(), after.get(), schema, &changes->back().leaves);
-    lists_in(before.get(), after.get(), schema);
+    own_leaves(before.get(), after.get(), &changes->back().leaves);
+    lists_in(before.get(), after.get());
     // Equal contents in different nodes are no change.
     bool same =
         op == YARROW_MODIFIED && changes->size() == mark + 1 && changes->back().leaves.empty();
@@ -112,7 +115,7 @@ bool is_mere_passage(const Change& change) {
 void changes_between(const NodeRef& before, const NodeRef& after, std::vector<Change>* changes) {
   if (before == after) return;
   Differ differ{changes, {}};
-  differ.lists_in(before.get(), after.get(), *after->schema);
+  differ.lists_in(before.get(), after.get());
 }
 
 Path change_path(const Change& change) {

@@ -23,11 +23,6 @@ Result make_running(Datastores& stores, const NodeRef& root, CommitRef* record) 
   if (!result.ok()) return result;
   stores.versions.push_back({commit->commit, root});
   if (stores.versions.size() > kMaxRollback + 1) stores.versions.pop_front();
-  if (journal_wants_rewrite(stores.journal)) {
-    // The commit stands in the old file; failing to shorten it loses nothing.
-    Result rewritten = journal_rewrite(stores.journal, *stores.schema, stores.versions);
-    if (!rewritten.ok()) syslog(LOG_WARNING, "%s", rewritten.reason.c_str());
-  }
   *record = std::move(commit);
   return {};
 }
@@ -48,6 +43,13 @@ Result datastores_open(Datastores& stores, const Schema& schema, const std::stri
   stores.candidate = stores.running();
   stores.operational = empty_tree(schema);
   return {};
+}
+
+void datastores_tidy(Datastores& stores) {
+  if (!journal_wants_rewrite(stores.journal)) return;
+  // All commits stand in the old file; failing to shorten it loses nothing.
+  Result result = journal_rewrite(stores.journal, *stores.schema, stores.versions);
+  if (!result.ok()) syslog(LOG_WARNING, "%s", result.reason.c_str());
 }
 
 const NodeRef* datastore_root(const Datastores& stores, int datastore) {

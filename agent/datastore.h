@@ -34,6 +34,10 @@ struct Datastores {
 
 Result datastores_open(Datastores& stores, const Schema& schema, const std::string& directory);
 
+// Shortens the file on disk when that is due. Takes as long as writing the whole configuration: to
+// be called when no client waits.
+void datastores_tidy(Datastores& stores);
+
 // The tree of a datastore by its number; null for a number that has none.
 const NodeRef* datastore_root(const Datastores& stores, int datastore);
 

@@ -279,6 +279,8 @@ void server_run(Server& server) {
     }
     if ((watched[1].revents & POLLIN) != 0) accept_one(server);
     drop_dead(server);
+    datastores_tidy(
+        server.agent.stores);  // after the answer to the commit that made it due is sent
   }
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What subscribers are told of a commit, and in which order.
+#include <chrono>
+
 #include "support.h"
 
 namespace test {
@@ -51,9 +53,9 @@ TEST_F(ChangesTest, ADeletedPolicyOrListIsToldOnceWithoutItsMembers) {
   EXPECT_EQ(why(maapi_apply_trans(session_.fd(), trans, 0)), "ok");
   EXPECT_EQ(why(maapi_candidate_commit(session_.fd())), "ok");
   EXPECT_EQ(subscriber.next(),
+            "2 /policy/lists/site-list@1 [S]\n"
             "3 /policy/lists/site-list@1 [R]\n"
             "2 /policy/lists/site-list/site@2 [R 2]\n"
-            "2 /policy/lists/site-list@1 [S]\n"
             "2 /policy/data-policy@1 [D]\n");
 }
 
@@ -95,6 +97,58 @@ TEST_F(ChangesTest, OnlyChangedLeavesAreToldRemovedOnesAsAbsentContainersAroundT
             "address=- color=- ) service( tloc( address=10.1.2.3 ) ) ) )\n"
             "3 /policy/data-policy@1 [D]\n"
             "3 /policy/data-policy/vpn-list@2 [D V] preferred-color={#6,#3}\n");
+}
+
+TEST_F(ChangesTest, WhatIsGoneFromAListIsToldBeforeWhatTakesItsPlace) {
+  auto match = [](const std::string& type) {
+    return policy("<control-policy><name>P</name><sequence><number>1</number><match><type>" + type +
+                  "</type></match></sequence></control-policy>");
+  };
+  ASSERT_EQ(why(session_.commit(match("service"))), "ok");
+  Subscriber subscriber(agent_.port(), "/policy");
+  ASSERT_EQ(why(session_.commit(match("route"), YARROW_CONFIG_XML | YARROW_CONFIG_REPLACE)), "ok");
+  EXPECT_EQ(subscriber.next(),
+            "3 /policy/control-policy@1 [P]\n"
+            "3 /policy/control-policy/sequence@2 [P 1]\n"
+            "2 /policy/control-policy/sequence/match@3 [P 1 #2]\n"
+            "1 /policy/control-policy/sequence/match@3 [P 1 #0]\n");
+}
+
+TEST_F(ChangesTest, ALeafOutsideOfListsIsToldAsAValueSet) {
+  Subscriber subscriber(agent_.port(), "/policy");
+  int trans = session_.begin(MAAPI_RUNNING);
+  ASSERT_EQ(why(maapi_set_elem_text(session_.fd(), trans, "true", "/policy/app-visibility")), "ok");
+  ASSERT_EQ(why(maapi_apply_trans(session_.fd(), trans, 1)), "ok");
+  EXPECT_EQ(subscriber.next(), "4 /policy/app-visibility@0 [] app-visibility=true\n");
+  ASSERT_EQ(why(maapi_delete(session_.fd(), trans, "/policy/app-visibility")), "ok");
+  ASSERT_EQ(why(maapi_apply_trans(session_.fd(), trans, 1)), "ok");
+  EXPECT_EQ(subscriber.next(), "4 /policy/app-visibility@0 [] app-visibility=-\n");
+}
+
+// Not a benchmark: a cost that grows with the configuration would be beyond this by far.
+TEST_F(ChangesTest, OneEntryInThirtyThousandIsChangedAndToldInMilliseconds) {
+  constexpr int kEntries = 30'000;
+  std::string text = "<lists><site-list><name>S</name>";
+  for (int i = 0; i < kEntries; ++i)
+    text.append("<site><id>").append(std::to_string(i)).append("</id></site>");
+  ASSERT_EQ(why(session_.commit(policy(text + "</site-list></lists>"))), "ok");
+  Subscriber subscriber(agent_.port(), "/policy");
+  auto begin = std::chrono::steady_clock::now();
+  constexpr int kCommits = 20;
+  for (int i = 0; i < kCommits; ++i) {
+    int trans = session_.begin();
+    ASSERT_EQ(
+        why(maapi_delete(session_.fd(), trans, "/policy/lists/site-list{S}/site{%d}", i * 1000)),
+        "ok");
+    ASSERT_EQ(why(maapi_apply_trans(session_.fd(), trans, 0)), "ok");
+    ASSERT_EQ(why(maapi_candidate_commit(session_.fd())), "ok");
+    EXPECT_EQ(subscriber.next(),
+              "3 /policy/lists/site-list@1 [S]\n2 /policy/lists/site-list/site@2 [S " +
+                  std::to_string(i * 1000) + "]\n");
+    ASSERT_EQ(why(maapi_finish_trans(session_.fd(), trans)), "ok");
+  }
+  auto spent = std::chrono::steady_clock::now() - begin;
+  EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(spent).count(), kCommits * 25);
 }
 
 TEST_F(ChangesTest, ABatchIsToldOnlyToThoseWhomItConcernsAndNoneForNothing) {
