@@ -268,16 +268,22 @@ bool FileCheck::check_values(const TextStep& step, const Words& words) {
 
 void FileCheck::stray(const TextStep& step, const Words& words) {
   const uint32_t at = step.keyword;
-  std::string expected = one_of({step.state, text_fallback(step.state)});
+  const uint32_t column = words.place[at].column;
   if (at >= words.text.count) {
-    error(words.place[at].column, "no clause stands after " + text_quoted(words.text.at(at - 1)),
-          std::move(expected));
-  } else {
-    error(
-        words.place[at].column,
-        "unknown keyword " + text_quoted(words.text.at(at)) + ": the rest of the line is not read",
-        std::move(expected));
+    return error(column, "no clause stands after " + text_quoted(words.text.at(at - 1)),
+                 one_of({step.state}));
   }
+  const char* word = words.text.at(at);
+  for (const auto& [state, keyword] : {std::pair(TextState::kMatchClause, "match TYPE"),
+                                       std::pair(TextState::kSetClause, "set")}) {
+    if (step.state != TextState::kGroup || text_find(state, word) == nullptr) continue;
+    return error(column,
+                 text_quoted(word) + " stands without " + keyword +
+                     " before it: the rest of the line is not read",
+                 std::string(keyword) + " before each clause");
+  }
+  error(column, "unknown keyword " + text_quoted(word) + ": the rest of the line is not read",
+        one_of({step.state, text_fallback(step.state)}));
 }
 
 TextFindings& FileCheck::finish() {
