@@ -240,6 +240,7 @@ void FileCheck::walk(const Words& words, const TextLine& line) {
     if (step.row == nullptr) return stray(step, words);
     const bool valid = check_values(step, words);
     state_.take(step, words.text, words.place, valid);
+    if (walk.at() > words.text.count) return;  // a value was missing, and so is all that follows
   }
   if (walk.at() < words.text.count) {
     error(words.place[walk.at()].column,
