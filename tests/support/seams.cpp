@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/seams.h"
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+
+namespace {
+
+std::vector<std::string> g_log;
+thread_local int g_until_failure = 0;  // 0: none armed
+thread_local bool g_once = false;
+thread_local bool g_hit = false;
+
+bool fails() {
+  if (g_until_failure == 0) return false;
+  if (g_until_failure > 1) {
+    --g_until_failure;
+    return false;
+  }
+  g_hit = true;
+  if (g_once) g_until_failure = 0;
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+void* __real_malloc(size_t size);
+void* __real_calloc(size_t count, size_t size);
+void* __real_realloc(void* memory, size_t size);
+
+void* __wrap_malloc(size_t size) { return fails() ? nullptr : __real_malloc(size); }
+void* __wrap_calloc(size_t count, size_t size) {
+  return fails() ? nullptr : __real_calloc(count, size);
+}
+void* __wrap_realloc(void* memory, size_t size) {
+  return fails() ? nullptr : __real_realloc(memory, size);
+}
+
+void __wrap_vsyslog(int priority, const char* format, va_list args) {
+  char line[4096];
+  vsnprintf(line, sizeof line, format, args);
+  g_log.push_back(std::to_string(priority) + " " + line);
+}
+}
+
+namespace seams {
+
+std::vector<std::string> take_log() {
+  std::vector<std::string> lines;
+  lines.swap(g_log);
+  return lines;
+}
+
+FailFrom::FailFrom(int nth) { g_until_failure = nth, g_once = false, g_hit = false; }
+FailFrom::~FailFrom() { g_until_failure = 0; }
+
+FailOnce::FailOnce(int nth) { g_until_failure = nth, g_once = true, g_hit = false; }
+FailOnce::~FailOnce() { g_until_failure = 0; }
+bool FailOnce::hit() const { return g_hit; }
+
+}  // namespace seams

@@ -1,0 +1,240 @@
+// SPDX-License-Identifier: Apache-2.0
+// What each list with elements does its own way.
+#include <csignal>
+
+#include "support/list_families.h"
+#include "support/seams.h"
+
+namespace {
+
+using ListFamilyTest = PolicyTest;
+
+std::vector<std::pair<uint64_t, uint64_t>> ranges(const pol::RangeSet& set) {
+  std::vector<std::pair<uint64_t, uint64_t>> all;
+  for (const pol::RangeNode& range : set.in_order()) all.emplace_back(range.low, range.high);
+  return all;
+}
+
+TEST_F(ListFamilyTest, RangesOverlapUnmergedInOrder) {
+  pol_site_list_add_entry(ctx, "s", 15, 30);
+  pol_site_list_add_entry(ctx, "s", 10, 20);
+  pol_site_list_add_entry(ctx, "s", 9, 3);  // upside down: kept, holds nothing
+  pol_site_list_add_entry(ctx, "s", 10, 20);
+  const t_site_list* list = SiteFamily::find(ctx, "s");
+  EXPECT_EQ(ranges(list->entries),
+            (std::vector<std::pair<uint64_t, uint64_t>>{{15, 30}, {10, 20}, {9, 3}}));
+  for (uint32_t in : {10u, 17u, 30u}) EXPECT_EQ(pol_exec_match_site_id_to_site_list(list, in), 1);
+  for (uint32_t out : {0u, 5u, 9u, 31u, 4294967295u}) {
+    EXPECT_EQ(pol_exec_match_site_id_to_site_list(list, out), 0);
+  }
+  EXPECT_NE(pol_site_list_find_entry(ctx, "s", 10, 20), nullptr);
+  EXPECT_EQ(pol_site_list_find_entry(ctx, "s", 10, 21), nullptr);
+  EXPECT_EQ(pol_site_list_find_entry(ctx, "t", 10, 20), nullptr);
+}
+
+struct Told {
+  int count = 0;
+  t_pol_ctx* ctx = nullptr;
+};
+
+t_pol_list_registration site_registration(const char* name, Told* told) {
+  t_pol_list_registration record = {};
+  snprintf(record.name, sizeof record.name, "%s", name);
+  record.list_type = POL_LIST_SITE;
+  record.change = [](t_pol_list_user* user, void* arg) {
+    ++static_cast<Told*>(arg)->count;
+    EXPECT_EQ(user->list_type, uint32_t{POL_LIST_SITE});
+  };
+  record.arg = told;
+  return record;
+}
+
+TEST_F(ListFamilyTest, OneOutsideUserASiteListAndTheFirstWins) {
+  Told first;
+  Told second;
+  auto record = site_registration("s", &first);
+  auto later = site_registration("s", &second);
+  t_pol_list_user* user = pol_list_register(&record);
+  ASSERT_NE(user, nullptr);
+  EXPECT_EQ(pol_list_register(&later), user);
+  pol_site_list_add_entry(ctx, "s", 5, 7);
+  pol_site_list_add_entry(ctx, "s", 5, 7);
+  EXPECT_EQ(first.count, 1);
+  EXPECT_EQ(second.count, 0);
+  EXPECT_EQ(pol_list_site_match(user, 6), 1);
+  EXPECT_EQ(pol_list_site_match(user, 8), 0);
+  EXPECT_EQ(pol_list_site_match(nullptr, 6), 0);
+  pol_site_list_del_entry(ctx, "s", 5, 7);
+  EXPECT_EQ(first.count, 2);
+  pol_site_list_cfg_del(ctx, "s");
+  EXPECT_NE(SiteFamily::find(ctx, "s"), nullptr);
+  pol_list_unregister(user);
+  EXPECT_EQ(SiteFamily::find(ctx, "s"), nullptr);
+  pol_list_unregister(nullptr);
+  record.list_type = POL_LIST_PREFIX;
+  EXPECT_EQ(pol_list_register(&record), nullptr);
+}
+
+TEST_F(ListFamilyTest, OutsideUserMayDeleteTheListThatToldIt) {
+  Told told;
+  told.ctx = ctx;
+  auto record = site_registration("s", &told);
+  record.change = [](t_pol_list_user* user, void* arg) {
+    auto* self = static_cast<Told*>(arg);
+    ++self->count;
+    pol_site_list_cfg_del(self->ctx, "s");
+    pol_list_unregister(user);
+  };
+  pol_list_register(&record);
+  pol_site_list_add_entry(ctx, "s", 1, 1);
+  EXPECT_EQ(told.count, 1);
+  EXPECT_EQ(SiteFamily::find(ctx, "s"), nullptr);
+}
+
+TEST_F(ListFamilyTest, OutsideUserOutlivesTheContext) {
+  Told told;
+  auto record = site_registration("s", &told);
+  t_pol_list_user* user = pol_list_register(&record);
+  pol_site_list_add_entry(ctx, "s", 1, 1);
+  pol_destroy();
+  EXPECT_EQ(pol_list_site_match(user, 1), 0);
+  pol_list_unregister(user);  // has no list to leave
+  init();
+  pol_free(user, 15);
+}
+
+TEST_F(ListFamilyTest, FailedOutsideUserLeavesTheListEmpty) {
+  {
+    UncountedFailures forgiven(15);
+    seams::FailFrom none(2);
+    EXPECT_EQ(pol_site_list_user_add(ctx, "s", nullptr, nullptr), nullptr);
+  }
+  EXPECT_NE(SiteFamily::find(ctx, "s"), nullptr);
+}
+
+TEST_F(ListFamilyTest, VpnListsMarkThemselvesChanged) {
+  pol_vpn_list_add_entry(ctx, "v", 1, 4294967295u);
+  t_vpn_list* list = VpnFamily::find(ctx, "v");
+  EXPECT_EQ(list->changed, 1);
+  auto marks = [&](auto act) {
+    list->changed = 0;
+    act();
+    return list->changed == 1;
+  };
+  EXPECT_FALSE(marks([&] { pol_vpn_list_add_entry(ctx, "v", 1, 4294967295u); }));
+  EXPECT_TRUE(marks([&] { pol_vpn_list_del_entry(ctx, "v", 9, 9); })) << "a missed delete does";
+  EXPECT_TRUE(marks([&] { pol_vpn_list_add_entry(ctx, "v", 2, 3); }));
+  t_pol_entry* e = entry(block("p"), 1);
+  pol_entry_match_vpn_list_add(ctx, e, "v", &changed);
+  EXPECT_FALSE(marks([&] { pol_vpn_list_cfg_del(ctx, "v"); }));
+}
+
+TEST_F(ListFamilyTest, VpnListsTellMatchActionAndForwardingUsersInOrder) {
+  t_pol_block* d = block("data", POL_KIND_DATA);
+  t_pol_fwd_vpn_entry node = {};
+  node.block = d;
+  pol_vpn_list_fwd_pol_user_add(ctx, "v", &node);
+  pol_entry_set_vpn_list_add(ctx, entry(block("action"), 1), "v", &changed);
+  pol_entry_match_vpn_list_add(ctx, entry(block("match"), 1), "v", &changed);
+  std::vector<int> order;
+  Calls calls[3];
+  const char* policies[] = {"data", "action", "match"};
+  for (int i = 0; i < 3; ++i) {
+    calls[i].order = &order;
+    calls[i].id = i;
+    add_user("u", policies[i], &calls[i], POL_DIR_OUT + static_cast<uint32_t>(i),
+             i == 0 ? POL_KIND_DATA : POL_KIND_ROUTE);
+  }
+  pol_vpn_list_add_entry(ctx, "v", 1, 2);
+  EXPECT_EQ(order, (std::vector<int>{2, 1, 0}));
+  std::string text =
+      printed([&](t_cli_user_ctx* cli) { pol_dump_vpn_list(VpnFamily::find(ctx, "v"), cli); });
+  EXPECT_NE(text.find("\n    vpn-id: 1-2\nend \n\n  User: match\n  User: data"), std::string::npos)
+      << text;
+  pol_vpn_list_cfg_del(ctx, "v");
+  pol_block_find_and_delete(ctx, "match", POL_KIND_ROUTE, &changed);
+  pol_block_find_and_delete(ctx, "action", POL_KIND_ROUTE, &changed);
+  EXPECT_NE(VpnFamily::find(ctx, "v"), nullptr);
+  EXPECT_EQ(pol_vpn_list_fwd_pol_user_remove(ctx, node.vpn_list, &node), POL_OK);
+  EXPECT_EQ(VpnFamily::find(ctx, "v"), nullptr);
+  EXPECT_EQ(pol_vpn_list_fwd_pol_user_remove(ctx, nullptr, &node), POL_EINVAL);
+}
+
+TEST_F(ListFamilyTest, TlocsAreOverwrittenAndLeaveLabelsPending) {
+  t_tloc_id tloc = tloc4(0x0a000001);
+  pol_tloc_list_add_entry(ctx, "t", &tloc, 5);
+  t_tloc_list* list = pol_tloc_list_find(ctx, "t");
+  EXPECT_EQ(list->label_pending, 0) << "the add that makes the list";
+  pol_tloc_list_add_entry(ctx, "t", &tloc, 9);
+  EXPECT_EQ(list->label_pending, 1);
+  EXPECT_EQ(pol_tloc_list_find_entry(ctx, "t", &tloc)->preference, 9u);
+  t_tloc_id other = tloc4(0x0a000001, 2);
+  EXPECT_EQ(pol_tloc_list_find_entry(ctx, "t", &other), nullptr);
+  pol_tloc_list_add_entry(ctx, "t", &other, 1);
+  other.encap = 1;
+  pol_tloc_list_add_entry(ctx, "t", &other, 2);
+  EXPECT_EQ(current(28), 3u);
+  // Of an IPv4 TLOC only four address bytes count.
+  tloc.addr.v6[9] = 0x77;
+  EXPECT_NE(pol_tloc_list_find_entry(ctx, "t", &tloc), nullptr);
+  list->changed = list->label_pending = 0;
+  t_tloc_id absent = tloc4(7);
+  pol_tloc_list_del_entry(ctx, "t", &absent);
+  EXPECT_EQ(list->changed, 1);
+  EXPECT_EQ(list->label_pending, 0);
+  pol_tloc_list_del_entry(ctx, "t", &tloc);
+  EXPECT_EQ(list->label_pending, 1);
+}
+
+TEST_F(ListFamilyTest, PrefixesAreFoundByAddressAndLengthAndOverwritten) {
+  t_pol_pfx_record record = {};
+  record.prefix = prefix4(0x0a000000, 8);
+  record.op = POL_PFX_GE;
+  record.min = 16;
+  pol_pfx_list_entry_add(ctx, "p", &record);
+  record.op = POL_PFX_LE;
+  record.min = 0;
+  record.max = 24;
+  pol_pfx_list_entry_add(ctx, "p", &record);
+  EXPECT_EQ(current(27), 1u);
+  record.prefix.len = 16;
+  pol_pfx_list_entry_add(ctx, "p", &record);
+  record.prefix.addr = {KEL_AF_INET6, {}};
+  record.prefix.addr.addr.v6[1] = 0x0a;
+  pol_pfx_list_entry_add(ctx, "p", &record);
+  EXPECT_EQ(current(27), 3u);
+  t_pol_entry* e = entry(block("policy"), 1);
+  pol_entry_match_pfx_list_add(ctx, e, "p", &changed);
+  std::string text =
+      printed([&](t_cli_user_ctx* cli) { pol_dump_pfx_list(PfxFamily::find(ctx, "p"), cli); });
+  EXPECT_NE(text.find("\n  prefix 10.0.0.0/8 LE min 0 max 24"
+                      "\n  prefix 10.0.0.0/16 LE min 0 max 24"
+                      "\n  prefix a::/16 LE min 0 max 24"
+                      "\n  User: policy\nend \n"),
+            std::string::npos)
+      << text;
+}
+
+TEST_F(ListFamilyTest, ColorsKeepTheirOrder) {
+  for (uint16_t color : {7, 300, 2, 7}) pol_color_list_add_entry(ctx, "c", color);
+  std::vector<int> colors;
+  for (const t_color_entry& e : ColorFamily::find(ctx, "c")->entries) colors.push_back(e.color);
+  EXPECT_EQ(colors, (std::vector<int>{7, 300, 2}));
+}
+
+using ListFamilyDeathTest = PolicyTest;
+
+TEST_F(ListFamilyDeathTest, StoredAddressesOfAnUnknownFamilyAbortALookUp) {
+  t_tloc_id tloc = tloc4(1);
+  pol_tloc_list_add_entry(ctx, "t", &tloc, 0);
+  tloc.family = 7;
+  EXPECT_EQ(pol_tloc_list_find_entry(ctx, "t", &tloc), nullptr) << "none of its family is there";
+  EXPECT_EQ(pol_tloc_list_add_entry(ctx, "t", &tloc, 0), POL_OK);
+  EXPECT_EXIT(pol_tloc_list_find_entry(ctx, "t", &tloc), ::testing::KilledBySignal(SIGABRT), "");
+  t_pol_pfx_record record = pfx_record(1);
+  record.prefix.addr.family = 7;
+  EXPECT_EQ(pol_pfx_list_entry_add(ctx, "p", &record), POL_OK);
+  EXPECT_EXIT(pol_pfx_list_entry_add(ctx, "p", &record), ::testing::KilledBySignal(SIGABRT), "");
+}
+
+}  // namespace

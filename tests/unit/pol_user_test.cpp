@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support/policy_fixture.h"
+
+namespace {
+
+using UserTest = PolicyTest;
+
+TEST_F(UserTest, TenChangesCallBackOnce) {
+  Calls calls;
+  add_user("u", "p", &calls);
+  for (uint32_t i = 1; i <= 10; ++i) entry(block("p"), i);
+  EXPECT_EQ(calls.count, 0);
+  pol_user_chg_list_notify_all(ctx);
+  EXPECT_EQ(calls.count, 1);
+  pol_user_chg_list_notify_all(ctx);
+  EXPECT_EQ(calls.count, 1);
+}
+
+TEST_F(UserTest, FirstRegistrationWins) {
+  Calls first;
+  Calls second;
+  t_pol_user* user = add_user("u", "p", &first);
+  EXPECT_EQ(add_user("u", "other", &second), user);
+  EXPECT_EQ(pol_block_find(ctx, "other", POL_KIND_ROUTE, nullptr), nullptr);
+  entry(block("p"), 1);
+  pol_user_chg_list_notify_all(ctx);
+  EXPECT_EQ(first.count, 1);
+  EXPECT_EQ(second.count, 0);
+  // Kind and direction are part of the key.
+  EXPECT_NE(add_user("u", "p", &first, POL_DIR_IN), user);
+  EXPECT_NE(add_user("u", "p", &first, POL_DIR_OUT, POL_KIND_MEMBERSHIP), user);
+  EXPECT_EQ(add_user("u", "p", &first, POL_DIR_OUT, 9), nullptr);
+}
+
+TEST_F(UserTest, RegistryOrderIsKindDirectionName) {
+  add_user("b", "p", nullptr, POL_DIR_OUT);
+  add_user("a", "p", nullptr, POL_DIR_OUT);
+  add_user("z", "p", nullptr, POL_DIR_IN);
+  add_user("a", "m", nullptr, POL_DIR_NONE, POL_KIND_MEMBERSHIP);
+  std::string order;
+  for (t_pol_user* u = ctx->users.first(); u != nullptr; u = ctx->users.next(u)) order += u->name;
+  EXPECT_EQ(order, "zaba");
+}
+
+TEST_F(UserTest, FieldsWithoutANulAreCut) {
+  t_pol_registration record;
+  memset(&record, 'x', sizeof record);
+  record.kind = POL_KIND_ROUTE;
+  record.direction = POL_DIR_OUT;
+  record.change = nullptr;
+  record.resolve = nullptr;
+  t_pol_user* user = pol_register(&record);
+  ASSERT_NE(user, nullptr);
+  char name[POL_NAME_SIZE];
+  EXPECT_EQ(strlen(pol_handle_get_name(user, name, sizeof name)), POL_NAME_SIZE - 1u);
+  char small[4];
+  EXPECT_STREQ(pol_handle_get_name(user, small, sizeof small), "xxx");
+  EXPECT_STREQ(pol_handle_get_name(nullptr, small, sizeof small), "");
+}
+
+// A callback that changes its own policy and asks for notification is neither called again nor
+// lost.
+TEST_F(UserTest, ChangesInsideACallbackWaitForTheNextBatch) {
+  Calls calls;
+  calls.ctx = ctx;
+  calls.also = [](t_pol_user* user, Calls* self) {
+    uint8_t changed = 0;
+    pol_entry_find_or_create(self->ctx, user->block, 100u + static_cast<uint32_t>(self->count),
+                             &changed);
+    pol_user_chg_list_notify_all(self->ctx);
+    pol_user_notify(self->ctx, user);
+    pol_block_user_notify_all(self->ctx, user->block);
+  };
+  add_user("u", "p", &calls);
+  entry(block("p"), 1);
+  for (int batch = 1; batch <= 3; ++batch) {
+    pol_user_chg_list_notify_all(ctx);
+    EXPECT_EQ(calls.count, batch);
+  }
+  take_queued();
+}
+
+// Two callbacks that change the policy of both would chase each other for ever.
+TEST_F(UserTest, CallbacksThatQueueEachOtherEnd) {
+  Calls a;
+  Calls b;
+  a.ctx = b.ctx = ctx;
+  a.also = b.also = [](t_pol_user* user, Calls* self) {
+    uint8_t changed = 0;
+    t_pol_entry* e = pol_entry_find_or_create(self->ctx, user->block, 1, &changed);
+    pol_entry_match_tag_add(self->ctx, e, e->match.tag + 1, &changed);
+  };
+  add_user("a", "p", &a);
+  add_user("b", "p", &b);
+  entry(block("p"), 1);
+  pol_user_chg_list_notify_all(ctx);
+  EXPECT_EQ(a.count, 1);
+  EXPECT_EQ(b.count, 1);
+  EXPECT_EQ(take_queued(), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST_F(UserTest, CallbackMayUnregisterAnyone) {
+  Calls a;
+  Calls b;
+  Calls c;
+  std::vector<int> order;
+  a.order = b.order = c.order = &order;
+  a.id = 1, b.id = 2, c.id = 3;
+  a.ctx = ctx;
+  t_pol_user* user_a = add_user("a", "p", &a);
+  a.other = add_user("b", "p", &b);
+  add_user("c", "p", &c);
+  a.also = [](t_pol_user* user, Calls* self) {
+    if (self->other == nullptr) return;
+    pol_unregister(&self->other);
+    pol_unregister(&user);
+  };
+  pol_block_user_notify_all(ctx, block("p"));
+  EXPECT_EQ(order, (std::vector<int>{1, 3}));
+  (void)user_a;
+
+  order.clear();
+  a.other = add_user("b", "p", &b);
+  add_user("a", "p", &a);
+  entry(block("p"), 1);  // queued: c, b, a
+  pol_user_chg_list_notify_all(ctx);
+  EXPECT_EQ(order, (std::vector<int>{3, 2, 1}));
+}
+
+TEST_F(UserTest, CallbackMayDeleteThePolicy) {
+  Calls a;
+  Calls b;
+  a.ctx = ctx;
+  a.also = [](t_pol_user*, Calls* self) {
+    uint8_t changed = 0;
+    pol_block_find_and_delete(self->ctx, "p", POL_KIND_ROUTE, &changed);
+  };
+  add_user("a", "p", &a);
+  add_user("b", "p", &b);
+  pol_block_user_notify_all(ctx, block("p"));
+  EXPECT_EQ(a.count, 1);
+  EXPECT_EQ(b.count, 0) << "no longer a user of the policy";
+  pol_user_chg_list_notify_all(ctx);
+  EXPECT_EQ(b.count, 1) << "but queued by its deletion";
+}
+
+TEST_F(UserTest, UnregisteredUsersLeaveTheChangeList) {
+  Calls calls;
+  t_pol_user* user = add_user("u", "p", &calls);
+  entry(block("p"), 1);
+  pol_unregister(&user);
+  user = add_user("w", "p", &calls);
+  pol_block_find_and_delete(ctx, "p", POL_KIND_ROUTE, &changed);
+  pol_unregister(&user);
+  pol_user_chg_list_notify_all(ctx);
+  EXPECT_EQ(calls.count, 0);
+  pol_unregister(&user);
+  pol_unregister(nullptr);
+}
+
+TEST_F(UserTest, HandlesMayOutliveTheContext) {
+  t_pol_user* user = add_user("u", "p", nullptr);
+  pol_destroy();
+  pol_unregister(&user);
+  EXPECT_EQ(user, nullptr);
+  EXPECT_EQ(add_user("u", "p", nullptr), nullptr);
+  init();
+}
+
+}  // namespace
