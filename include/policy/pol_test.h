@@ -68,8 +68,9 @@ typedef struct t_pol_test_finding {
 typedef void (*t_pol_test_finding_cb)(const t_pol_test_finding* finding, void* arg);
 
 /* Reports everything wrong with a policy file, in order of line and column, errors and warnings
- * together. Returns the number of findings, or -1 when the file cannot be read. Needs no context,
- * and takes none into account: what only the host configured counts as never made. */
+ * together. Returns the number of findings, or -1 when the file cannot be read or memory runs out.
+ * Needs no context, and takes none into account: what only the host configured counts as never
+ * made. */
 POL_API int pol_test_check_file(const char* path, t_pol_test_finding_cb report, void* arg);
 
 #endif
