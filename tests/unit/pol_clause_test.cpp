@@ -36,16 +36,22 @@ TEST_F(ClauseTest, PlainClausesChangeOnlyWithTheirValue) {
     std::function<void(uint8_t*)> del;
   };
   const std::vector<Row> rows = {
-#define MATCH(bit, name, type)                                                                    \
-  {bit, false,                                                                                    \
-   [&](uint64_t v, uint8_t* c) {                                                                  \
-     pol_entry_match_##name##_add(ctx, e, static_cast<type>(v), c);                               \
-   },                                                                                             \
-   [&](uint8_t* c) { pol_entry_match_##name##_delete(ctx, e, c); }}
-#define SET(bit, name, type)                                                                      \
-  {bit, true,                                                                                     \
-   [&](uint64_t v, uint8_t* c) { pol_entry_set_##name##_add(ctx, e, static_cast<type>(v), c); },  \
-   [&](uint8_t* c) { pol_entry_set_##name##_delete(ctx, e, c); }}
+#define MATCH(bit, name, type)                                           \
+  {                                                                      \
+    bit, false,                                                          \
+        [&](uint64_t v, uint8_t* c) {                                    \
+          pol_entry_match_##name##_add(ctx, e, static_cast<type>(v), c); \
+        },                                                               \
+        [&](uint8_t* c) { pol_entry_match_##name##_delete(ctx, e, c); }  \
+  }
+#define SET(bit, name, type)                                           \
+  {                                                                    \
+    bit, true,                                                         \
+        [&](uint64_t v, uint8_t* c) {                                  \
+          pol_entry_set_##name##_add(ctx, e, static_cast<type>(v), c); \
+        },                                                             \
+        [&](uint8_t* c) { pol_entry_set_##name##_delete(ctx, e, c); }  \
+  }
       MATCH(0x2, site, uint32_t),        MATCH(0x20, tag, uint32_t),
       MATCH(0x40, preference, uint32_t), MATCH(0x80, domain, uint32_t),
       MATCH(0x100, vpn_id, uint64_t),    MATCH(0x1000, carrier, uint8_t),
@@ -119,13 +125,11 @@ TEST_F(ClauseTest, AnotherMatchTypeDropsAllMatchClauses) {
   pol_entry_match_site_list_add(ctx, e, "s", &changed);
   pol_entry_match_pfx_list_add(ctx, e, "x", &changed);
   take_queued();
-  EXPECT_FALSE(changes([&](uint8_t* c) {
-    pol_entry_match_add(ctx, e->block, e, POL_MATCH_ROUTE, c);
-  }));
+  EXPECT_FALSE(
+      changes([&](uint8_t* c) { pol_entry_match_add(ctx, e->block, e, POL_MATCH_ROUTE, c); }));
   EXPECT_NE(e->match_flags, 0u);
-  EXPECT_TRUE(changes([&](uint8_t* c) {
-    pol_entry_match_add(ctx, e->block, e, POL_MATCH_TLOC, c);
-  }));
+  EXPECT_TRUE(
+      changes([&](uint8_t* c) { pol_entry_match_add(ctx, e->block, e, POL_MATCH_TLOC, c); }));
   EXPECT_EQ(e->match_flags, 0u);
   EXPECT_EQ(ctx->site_lists.first(), nullptr);
   EXPECT_EQ(ctx->pfx_lists.first(), nullptr);
@@ -217,8 +221,8 @@ TEST_F(ClauseDeathTest, StoredAddressOfAnUnknownFamilyAborts) {
   t_tloc_id tloc = tloc4(1);
   tloc.family = 7;
   pol_entry_match_tloc_add(ctx, e, &tloc, &changed);
-  EXPECT_EXIT(pol_entry_match_tloc_add(ctx, e, &tloc, &changed),
-              ::testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(pol_entry_match_tloc_add(ctx, e, &tloc, &changed), ::testing::KilledBySignal(SIGABRT),
+              "");
   t_ipaddr address = {7, {1}};
   pol_entry_match_originator_add(ctx, e, &address, &changed);
   EXPECT_EXIT(pol_entry_match_originator_add(ctx, e, &address, &changed),

@@ -291,7 +291,8 @@ TEST_F(ExecTest, HandlesTellWhatAnOutboundRoutePolicySets) {
   EXPECT_STREQ(pol_handle_get_name(out, name, sizeof name), "");
 }
 
-// The reasons are read by people; what matters is that each names the clause, its value and the list.
+// The reasons are read by people; what matters is that each names the clause, its value and the
+// list.
 TEST_F(ExecTest, ExplainTellsEachSequenceAndTheDecision) {
   pol_entry_match_tag_add(ctx, entry(b, 5), 5, &changed);
   entry(b, 7, POL_MATCH_TLOC);
@@ -311,8 +312,7 @@ TEST_F(ExecTest, ExplainTellsEachSequenceAndTheDecision) {
   t_pol_explain_step decision;
   EXPECT_EQ(pol_explain(out, &query, note, &steps, &decision), POL_ACCEPT);
   EXPECT_EQ(steps, (std::vector<std::string>{
-                       "5 tag is 6, not 5",
-                       "7 it matches on tloc, the query asks about route",
+                       "5 tag is 6, not 5", "7 it matches on tloc, the query asks about route",
                        "10 prefix 10.2.0.0/16 is in no element of prefix-list P1, which is empty",
                        "20 decides accept"}));
   EXPECT_EQ(decision.sequence, 20u);
