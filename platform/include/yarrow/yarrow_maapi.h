@@ -64,7 +64,7 @@ int maapi_start_trans_flags2(int sock, int datastore, int mode, int user_session
 /* Ends a transaction; edits not applied are dropped. */
 int maapi_finish_trans(int sock, int trans);
 
-/* Whether a node exists: 1 or 0. A container without presence exists once anything in it does. */
+/* Whether a node exists: 1 or 0. A container exists once anything in it does. */
 int maapi_exists(int sock, int trans, const char* format, ...) YARROW_PRINTF(3, 4);
 
 /* Entries of the list at a path given without its last keys: 0 or more. */
@@ -85,7 +85,7 @@ int maapi_set_elem(int sock, int trans, const t_yarrow_value* value, const char*
 int maapi_set_elem_text(int sock, int trans, const char* text, const char* format, ...)
     YARROW_PRINTF(4, 5);
 
-/* Creates a list entry or a container with presence; YARROW_ERR_ALREADY if it exists. */
+/* Creates a list entry; YARROW_ERR_ALREADY if it exists. */
 int maapi_create(int sock, int trans, const char* format, ...) YARROW_PRINTF(3, 4);
 
 /* Sets an entry whole: `values` are the first `count` leaves of the entry in schema order, its keys
@@ -95,7 +95,7 @@ int maapi_set_object(int sock, int trans, const t_yarrow_value* values, int coun
                      const char* format, ...) YARROW_PRINTF(5, 6);
 
 /* Deletes a node with all that it holds. An absent entry or leaf is YARROW_ERR_NOEXISTS; a
- * container without presence, a whole list and a leaf with a default are never absent. */
+ * container, a whole list and a leaf with a default are never absent. */
 int maapi_delete(int sock, int trans, const char* format, ...) YARROW_PRINTF(3, 4);
 
 /* Checks the transaction as an apply to running would; YARROW_ERR_INVALID with all reasons. */
