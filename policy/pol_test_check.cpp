@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "pol_test_check_internal.h"
 
@@ -240,6 +242,7 @@ void FileCheck::walk(const Words& words, const TextLine& line) {
     if (step.row == nullptr) return stray(step, words);
     const bool valid = check_values(step, words);
     state_.take(step, words.text, words.place, valid);
+    if (walk.at() > words.text.count) return;  // a value was missing, and so is all that follows
   }
   if (walk.at() < words.text.count) {
     error(words.place[walk.at()].column,
@@ -268,16 +271,22 @@ bool FileCheck::check_values(const TextStep& step, const Words& words) {
 
 void FileCheck::stray(const TextStep& step, const Words& words) {
   const uint32_t at = step.keyword;
-  std::string expected = one_of({step.state, text_fallback(step.state)});
+  const uint32_t column = words.place[at].column;
   if (at >= words.text.count) {
-    error(words.place[at].column, "no clause stands after " + text_quoted(words.text.at(at - 1)),
-          std::move(expected));
-  } else {
-    error(
-        words.place[at].column,
-        "unknown keyword " + text_quoted(words.text.at(at)) + ": the rest of the line is not read",
-        std::move(expected));
+    return error(column, "no clause stands after " + text_quoted(words.text.at(at - 1)),
+                 one_of({step.state}));
   }
+  const char* word = words.text.at(at);
+  for (const auto& [state, keyword] : {std::pair(TextState::kMatchClause, "match TYPE"),
+                                       std::pair(TextState::kSetClause, "set")}) {
+    if (step.state != TextState::kGroup || text_find(state, word) == nullptr) continue;
+    return error(column,
+                 text_quoted(word) + " stands without " + keyword +
+                     " before it: the rest of the line is not read",
+                 std::string(keyword) + " before each clause");
+  }
+  error(column, "unknown keyword " + text_quoted(word) + ": the rest of the line is not read",
+        one_of({step.state, text_fallback(step.state)}));
 }
 
 TextFindings& FileCheck::finish() {
@@ -289,25 +298,38 @@ TextFindings& FileCheck::finish() {
   return findings_;
 }
 
+// What getline allocates.
+struct LineBuffer {
+  LineBuffer() = default;
+  ~LineBuffer() { free(text); }
+  LineBuffer(const LineBuffer&) = delete;
+  LineBuffer& operator=(const LineBuffer&) = delete;
+
+  char* text = nullptr;
+  size_t size = 0;
+};
+
+// False when the file cannot be read.
+bool read_lines(const char* path, FileCheck& check) {
+  const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path, "r"), fclose);
+  if (file == nullptr) return false;
+  LineBuffer line;
+  ssize_t length = 0;
+  while ((length = getline(&line.text, &line.size, file.get())) > 0) {
+    const bool newline = line.text[length - 1] == '\n';
+    if (newline) line.text[--length] = '\0';
+    check.line(line.text, static_cast<size_t>(length), newline);
+  }
+  return feof(file.get()) != 0;  // neither a read error nor a line too long for memory
+}
+
 }  // namespace
 }  // namespace pol
 
-int pol_test_check_file(const char* path, t_pol_test_finding_cb report, void* arg) {
-  FILE* file = path != nullptr ? fopen(path, "r") : nullptr;
-  if (file == nullptr) return -1;
+// Built with exceptions, unlike the rest: strings and maps say so when memory runs out.
+int pol_test_check_file(const char* path, t_pol_test_finding_cb report, void* arg) try {
   pol::FileCheck check;
-  char* line = nullptr;
-  size_t size = 0;
-  ssize_t length = 0;
-  while ((length = getline(&line, &size, file)) > 0) {
-    const bool newline = line[length - 1] == '\n';
-    if (newline) line[--length] = '\0';
-    check.line(line, static_cast<size_t>(length), newline);
-  }
-  free(line);
-  const bool failed = ferror(file) != 0;
-  fclose(file);
-  if (failed) return -1;
+  if (path == nullptr || !pol::read_lines(path, check)) return -1;
   const pol::TextFindings& findings = check.finish();
   for (const pol::TextFinding& finding : findings) {
     const t_pol_test_finding told = {finding.place.line, finding.place.column, finding.severity,
@@ -316,4 +338,6 @@ int pol_test_check_file(const char* path, t_pol_test_finding_cb report, void* ar
     if (report != nullptr) report(&told, arg);
   }
   return static_cast<int>(findings.size());
+} catch (const std::bad_alloc&) {
+  return -1;
 }

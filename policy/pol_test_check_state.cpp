@@ -233,22 +233,24 @@ void FileState::warn_of_lists() {
 }
 
 void FileState::warn_of_sequences(const std::string& name, const Policy& policy) {
-  std::map<uint32_t, uint32_t> taken;  // which sequence takes all there is, by match type
+  // By match type, the sequence that takes all there is, and those after it in vain.
+  std::map<uint32_t, std::pair<uint32_t, TextPlace>> taken;
   for (const auto& [number, sequence] : policy.sequences) {
     const std::string title =
         "sequence " + std::to_string(number) + " of policy " + text_quoted(name.c_str());
     if (sequence.match_type == 0) {
-      warn(sequence.place, title + " never decides: it says not what it matches on",
+      warn(sequence.place, title + " never decides: it has no match type",
            "match route, match tloc or match service");
       continue;
     }
     if (sequence.match_type == POL_MATCH_PACKET) continue;
     auto earlier = taken.find(sequence.match_type);
     if (earlier != taken.end()) {
-      warn(sequence.place, title + " is never reached: sequence " +
-                               std::to_string(earlier->second) + " takes everything");
+      const auto& [before, place] = earlier->second;
+      warn(sequence.place, title + " is never reached: sequence " + std::to_string(before) +
+                               " (line " + std::to_string(place.line) + ") takes everything");
     } else if ((sequence.match_flags & kDecidingFlags) == 0) {
-      taken[sequence.match_type] = number;
+      taken[sequence.match_type] = {number, sequence.place};
     }
   }
 }

@@ -134,13 +134,6 @@ constexpr TextLine kLines[] = {
     {"vpn-list", POL_TEST_OTHER, TextState::kVpnList, 1, TextList::kVpn},
 };
 
-const TextRow* find_row(TextState state, const char* word) {
-  for (const TextRow& row : text_rows(state)) {
-    if (row.keyword == nullptr || text_is(word, row.keyword, row.compared)) return &row;
-  }
-  return nullptr;
-}
-
 }  // namespace
 
 std::span<const TextRow> text_rows(TextState state) {
@@ -171,6 +164,13 @@ std::span<const TextRow> text_rows(TextState state) {
       return kPrefixRow;
   }
   return {};
+}
+
+const TextRow* text_find(TextState state, const char* word) {
+  for (const TextRow& row : text_rows(state)) {
+    if (row.keyword == nullptr || text_is(word, row.keyword, row.compared)) return &row;
+  }
+  return nullptr;
 }
 
 TextState text_fallback(TextState state) {
@@ -210,10 +210,10 @@ bool TextWalk::next(TextStep* step) {
   const bool done = at_ >= words_.count;
   if (done && state_ == TextState::kGroup) return false;
   *step = {nullptr, state_, at_, at_, false};
-  step->row = find_row(state_, word);
+  step->row = text_find(state_, word);
   if (step->row == nullptr && text_fallback(state_) != TextState::kEnd) {
     if (done) return false;
-    step->row = find_row(text_fallback(state_), word);
+    step->row = text_find(text_fallback(state_), word);
   }
   if (step->row == nullptr) {
     state_ = TextState::kEnd;

@@ -145,6 +145,8 @@ class TextWalk {
 };
 
 std::span<const TextRow> text_rows(TextState state);
+// The row that a word begins there, or null.
+const TextRow* text_find(TextState state, const char* word);
 // The state whose keywords may stand in place of this one's; kEnd when there is none.
 TextState text_fallback(TextState state);
 

@@ -91,65 +91,26 @@ void drop_set(t_pol_ctx* ctx, t_pol_entry* entry) {
 
 // On purpose: who uses the policy is told when match clauses went, or when an accept is deleted;
 // another action alone tells nobody.
-void default_action_step(Line& line, const Clause& clause) {
-  t_pol_entry* entry = &line.block->default_action;
+void default_action_step(Line& line, t_pol_block* block, const Clause& clause) {
+  t_pol_entry* entry = &block->default_action;
   line.entry = entry;
   const bool had_match = entry->match_flags != 0 || entry->match.type != 0;
   drop_match(line.ctx, entry);
   bool tell = had_match;
   if (clause.step.deletes) {
     drop_set(line.ctx, entry);
-    entry_reset(entry, line.block);
+    entry_reset(entry, block);
     tell = clause.word() == POL_ACCEPT;
   } else {
     entry->action = clause.word();
   }
   if (!tell) return;
   line.changed = 1;
-  pol_block_users_add_to_chg_list(line.ctx, line.block);
+  pol_block_users_add_to_chg_list(line.ctx, block);
 }
 
-void group_step(Line& line, const Clause& clause) {
+void match_add(Line& line, t_pol_entry* entry, const Clause& clause) {
   t_pol_ctx* ctx = line.ctx;
-  const bool deletes = clause.step.deletes;
-  switch (clause.step.row->op) {
-    case TextOp::kRoutePolicy:
-      return block_step(line, clause, POL_KIND_ROUTE);
-    case TextOp::kFwdPolicy:
-      return block_step(line, clause, POL_KIND_DATA);
-    case TextOp::kSequence:
-      return sequence_step(line, clause);
-    case TextOp::kDefaultAction:
-      return default_action_step(line, clause);
-    case TextOp::kMatch:
-      if (deletes) {
-        pol_entry_match_delete(ctx, line.entry, &line.changed);
-      } else {
-        pol_entry_match_add(ctx, line.entry->block, line.entry, clause.word(), &line.changed);
-      }
-      return;
-    case TextOp::kSet:
-      if (deletes) {
-        pol_entry_set_delete(ctx, line.entry, &line.changed);
-      } else {
-        pol_entry_set_add(ctx, line.entry);
-      }
-      return;
-    case TextOp::kAction:
-      if (deletes) {
-        pol_entry_action_delete(ctx, line.entry, &line.changed);
-      } else {
-        pol_entry_action_add(ctx, line.entry, clause.word(), &line.changed);
-      }
-      return;
-    default:
-      return;
-  }
-}
-
-void match_add(Line& line, const Clause& clause) {
-  t_pol_ctx* ctx = line.ctx;
-  t_pol_entry* entry = line.entry;
   uint8_t* changed = &line.changed;
   const uint32_t number = clause.number();
   switch (clause.step.row->op) {
@@ -210,9 +171,8 @@ bool drop_flag(t_pol_entry* entry, uint32_t flag) {
   return true;
 }
 
-void match_delete(Line& line, const Clause& clause) {
+void match_delete(Line& line, t_pol_entry* entry, const Clause& clause) {
   t_pol_ctx* ctx = line.ctx;
-  t_pol_entry* entry = line.entry;
   t_pol_match& match = entry->match;
   uint8_t* changed = &line.changed;
   switch (clause.step.row->op) {
@@ -257,9 +217,8 @@ void match_delete(Line& line, const Clause& clause) {
   }
 }
 
-void set_add(Line& line, const Clause& clause) {
+void set_add(Line& line, t_pol_entry* entry, const Clause& clause) {
   t_pol_ctx* ctx = line.ctx;
-  t_pol_entry* entry = line.entry;
   uint8_t* changed = &line.changed;
   switch (clause.step.row->op) {
     case TextOp::kSetTag:
@@ -285,9 +244,8 @@ void set_add(Line& line, const Clause& clause) {
   }
 }
 
-void set_delete(Line& line, const Clause& clause) {
+void set_delete(Line& line, t_pol_entry* entry, const Clause& clause) {
   t_pol_ctx* ctx = line.ctx;
-  t_pol_entry* entry = line.entry;
   uint8_t* changed = &line.changed;
   switch (clause.step.row->op) {
     case TextOp::kSetTag:
@@ -315,19 +273,49 @@ void source_ip_step(bool deletes) {
   if (!deletes) POL_LOG_PLAIN("src-ip-add\n");
 }
 
-void run_step(Line& line, const Clause& clause) {
-  const TextRow& row = *clause.step.row;
-  if (row.needs == TextNeeds::kPolicy && line.block == nullptr) return;
-  if (row.needs == TextNeeds::kSequence && line.entry == nullptr) return;
-  const bool deletes = clause.step.deletes;
-  if (row.op == TextOp::kMatchSrcIp) return source_ip_step(deletes);
-  if (row.op == TextOp::kMatchDstIp) return;
-  if (row.op < TextOp::kMatchTag) {
-    group_step(line, clause);
-  } else if (row.op < TextOp::kSetTag) {
-    deletes ? match_delete(line, clause) : match_add(line, clause);
+void free_step(Line& line, const Clause& clause) {
+  switch (clause.step.row->op) {
+    case TextOp::kRoutePolicy:
+      return block_step(line, clause, POL_KIND_ROUTE);
+    case TextOp::kFwdPolicy:
+      return block_step(line, clause, POL_KIND_DATA);
+    case TextOp::kMatchSrcIp:
+      return source_ip_step(clause.step.deletes);
+    default:
+      return;
+  }
+}
+
+void entry_step(Line& line, t_pol_entry* entry, const Clause& clause) {
+  const TextOp op = clause.step.row->op;
+  uint8_t* changed = &line.changed;
+  if (clause.step.deletes) {
+    if (op == TextOp::kMatch) return pol_entry_match_delete(line.ctx, entry, changed);
+    if (op == TextOp::kSet) return pol_entry_set_delete(line.ctx, entry, changed);
+    if (op == TextOp::kAction) return pol_entry_action_delete(line.ctx, entry, changed);
+    op < TextOp::kSetTag ? match_delete(line, entry, clause) : set_delete(line, entry, clause);
+  } else if (op == TextOp::kMatch) {
+    pol_entry_match_add(line.ctx, entry->block, entry, clause.word(), changed);
+  } else if (op == TextOp::kSet) {
+    pol_entry_set_add(line.ctx, entry);
+  } else if (op == TextOp::kAction) {
+    pol_entry_action_add(line.ctx, entry, clause.word(), changed);
   } else {
-    deletes ? set_delete(line, clause) : set_add(line, clause);
+    op < TextOp::kSetTag ? match_add(line, entry, clause) : set_add(line, entry, clause);
+  }
+}
+
+void run_step(Line& line, const Clause& clause) {
+  switch (clause.step.row->needs) {
+    case TextNeeds::kNothing:
+      return free_step(line, clause);
+    case TextNeeds::kPolicy:
+      if (line.block == nullptr) return;
+      if (clause.step.row->op == TextOp::kSequence) return sequence_step(line, clause);
+      return default_action_step(line, line.block, clause);
+    case TextNeeds::kSequence:
+      if (line.entry != nullptr) entry_step(line, line.entry, clause);
+      return;
   }
 }
 
