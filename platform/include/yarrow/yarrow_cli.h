@@ -20,8 +20,8 @@ typedef struct t_cli_user_ctx {
   void* arg;
 } t_cli_user_ctx;
 
-/* Prints like printf, text of any length. Returns the bytes written, or -1 (no session, a bad format or
- * a session that is gone). */
+/* Prints like printf, text of any length. Returns the bytes written, or -1 (no session, a bad
+ * format or a session that is gone). */
 #if defined(__GNUC__)
 __attribute__((format(printf, 2, 3)))
 #endif

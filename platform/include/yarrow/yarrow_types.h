@@ -1,0 +1,154 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * yarrow/yarrow_types.h - values, operations, errors and connections of the management agent's
+ * client.
+ *
+ * A process talks to the agent over stream sockets that it makes itself and hands to one of the
+ * connect calls (maapi_connect, cdb_connect, yarrow_stream_connect, yarrow_sub_connect); each
+ * socket then serves that one purpose until it is closed.
+ *
+ * Results  YARROW_OK (0) or a positive value where a call says so; YARROW_ERR (-1) on failure, with
+ *          yarrow_errno and yarrow_lasterr() telling why.
+ * Paths    printf-like; keys in braces, several keys separated by a blank:
+ * "/policy/lists/site-list{A}", "tloc{10.0.0.1 mpls ipsec}". A key that holds a blank, a brace, a
+ * quote or a backslash stands in double quotes, `"` and `\` in it escaped by `\`. Text beyond 4095
+ * bytes is an error. Threads  a socket serves one thread at a time; different sockets are
+ * independent. yarrow_errno and yarrow_lasterr() belong to the calling thread.
+ */
+#ifndef YARROW_TYPES_H
+#define YARROW_TYPES_H
+
+#include <netinet/in.h>
+#include <stdint.h>
+#include <sys/socket.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define YARROW_PRINTF(at, first) __attribute__((format(printf, at, first)))
+#else
+#define YARROW_PRINTF(at, first)
+#endif
+
+/* Where the agent listens unless told otherwise. */
+#define YARROW_PORT 3010
+
+/* Names the environment variable that replaces the port of every connect call, so that several
+ * agents can run side by side on one machine. */
+#define YARROW_PORT_VARIABLE "YARROW_IPC_PORT"
+
+#define YARROW_OK 0
+#define YARROW_ERR (-1)
+#define YARROW_EOF (-2) /* the agent closed the connection in good order */
+
+/* Why a call failed. Numbers are stable: callers store and compare them. */
+typedef enum t_yarrow_error {
+  YARROW_ERR_NONE = 0,
+  YARROW_ERR_NOEXISTS = 1, /* no such node: an absent entry or leaf, or a parent that is absent */
+  YARROW_ERR_ALREADY =
+      2, /* the entry exists, or the session, transaction or lock is already held */
+  YARROW_ERR_BADPATH = 3,  /* the schema knows no such path, or the keys do not fit it */
+  YARROW_ERR_BADVALUE = 4, /* a value that its leaf's type refuses */
+  YARROW_ERR_INVALID = 5,  /* validation refused the configuration; lasterr names every reason */
+  YARROW_ERR_PROTOCOL = 6, /* a call out of order, a bad handle, or an answer that makes no sense */
+  YARROW_ERR_MALFORMED = 7,    /* text that cannot be parsed; lasterr names the lines */
+  YARROW_ERR_ACCESS = 8,       /* refused: peer of another uid, read-only transaction, state data */
+  YARROW_ERR_OS = 9,           /* a system call failed; lasterr holds its text */
+  YARROW_ERR_LOCKED = 10,      /* another session holds the lock */
+  YARROW_ERR_TOOBIG = 11,      /* a text, a path or an answer beyond the agent's limits */
+  YARROW_ERR_NOTCONNECTED = 12 /* not connected, or the agent has gone */
+} t_yarrow_error;
+
+/* The reason of the calling thread's last failed call; calls that succeed leave it as it is. */
+#define yarrow_errno (*yarrow_errno_location())
+int* yarrow_errno_location(void);
+
+/* A constant text for an error number; "unknown error" for any other. */
+const char* yarrow_strerror(int error);
+
+/* What the agent said about the calling thread's last failed call, one reason a line; "" when it
+ * said nothing. Valid until the thread's next call. */
+const char* yarrow_lasterr(void);
+
+/* Value-type codes. */
+typedef enum t_yarrow_value_type {
+  C_NOEXISTS = 1,    /* the leaf was deleted or is absent */
+  C_XMLTAG = 2,      /* a leaf without a value (YANG's empty): it exists */
+  C_BUF = 5,         /* val.buf, NUL-terminated; size without the NUL */
+  C_INT8 = 6,        /* val.i8 */
+  C_INT16 = 7,       /* val.i16 */
+  C_INT32 = 8,       /* val.i32 */
+  C_INT64 = 9,       /* val.i64 */
+  C_UINT8 = 10,      /* val.u8 */
+  C_UINT16 = 11,     /* val.u16 */
+  C_UINT32 = 12,     /* val.u32 */
+  C_UINT64 = 13,     /* val.u64 */
+  C_IPV4 = 15,       /* val.ip, network byte order */
+  C_IPV6 = 16,       /* val.ip6, 16 bytes as on the wire */
+  C_BOOL = 17,       /* val.boolean, 0 or 1 */
+  C_ENUM_VALUE = 28, /* val.enumvalue, the number that the schema gives the word */
+  C_LIST = 31,       /* val.list: a leaf-list */
+  C_XMLBEGIN = 32,   /* a container opens; no payload */
+  C_XMLEND = 33,     /* that container closes; no payload */
+  C_IPV4PREFIX = 40, /* val.ipv4prefix */
+  C_IPV6PREFIX = 41  /* val.ipv6prefix */
+} t_yarrow_value_type;
+
+/* One typed value. Pointers in a value that the client hands out belong to the record it came with.
+ */
+typedef struct t_yarrow_value {
+  uint32_t type; /* a t_yarrow_value_type */
+  union {
+    struct {
+      uint32_t size;
+      uint8_t* ptr;
+    } buf;
+    struct {
+      uint32_t size; /* values, not bytes */
+      struct t_yarrow_value* ptr;
+    } list;
+    struct {
+      uint32_t ip; /* network byte order, host bits zero */
+      uint8_t len; /* bits, 0 to 32 */
+    } ipv4prefix;
+    struct {
+      uint8_t ip6[16];
+      uint8_t len; /* bits, 0 to 128 */
+    } ipv6prefix;
+    uint32_t ip;
+    uint8_t ip6[16];
+    uint32_t enumvalue;
+    uint8_t boolean;
+    int8_t i8;
+    int16_t i16;
+    int32_t i32;
+    int64_t i64;
+    uint8_t u8;
+    uint16_t u16;
+    uint32_t u32;
+    uint64_t u64;
+  } val;
+} t_yarrow_value;
+
+/* A value with the node it belongs to. */
+typedef struct t_yarrow_tag_value {
+  uint32_t tag; /* the node's tag in the schema */
+  uint32_t ns;  /* the tag of its module's namespace */
+  t_yarrow_value v;
+} t_yarrow_tag_value;
+
+/* Operations of change iteration. */
+typedef enum t_yarrow_op {
+  YARROW_CREATED = 1, /* the entry is new: all its leaves that have a value follow */
+  YARROW_DELETED = 2, /* the entry is gone with all that it held; no values follow */
+  YARROW_MODIFIED =
+      3, /* the entry or something in it changed; its own changed leaves follow, if any */
+  YARROW_VALUE_SET = 4 /* a leaf that belongs to no list entry was set or removed */
+} t_yarrow_op;
+
+#ifdef __cplusplus
+}
+#endif
+#endif

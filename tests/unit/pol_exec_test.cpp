@@ -1,0 +1,370 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <csignal>
+#include <thread>
+
+#include "support/policy_fixture.h"
+#include "support/seams.h"
+
+namespace {
+
+struct Asked {
+  uint16_t id;
+  uint32_t ipv4;
+  uint8_t color;
+  uint8_t encap;
+  uint64_t vpn;
+  uint16_t service;
+};
+std::vector<Asked> g_asked;
+uint32_t g_answers = 0;  // TLOCs appended a call
+
+void resolve(uint16_t id, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t vpn,
+             uint16_t service, t_pol_tloc_result* result) {
+  g_asked.push_back({id, ipv4, color, encap, vpn, service});
+  for (uint32_t i = 0; i < g_answers && result->count < POL_MAX_TLOC; ++i) {
+    result->entry[result->count++].label = 100 + i;
+  }
+}
+
+class ExecTest : public PolicyTest {
+ protected:
+  void SetUp() override {
+    PolicyTest::SetUp();
+    g_asked.clear();
+    g_answers = 1;
+    attr = {};
+    pol_pre_execute(&query, 3);
+    query.match_type = POL_MATCH_ROUTE;
+    query.attr = &attr;
+    query.tlocs = &tlocs;
+    out = add_user("out", "p", nullptr, POL_DIR_OUT, POL_KIND_ROUTE, resolve);
+    in = add_user("in", "p", nullptr, POL_DIR_IN, POL_KIND_ROUTE, resolve);
+    b = block("p");
+  }
+
+  void TearDown() override {
+    pol_post_execute(&query);
+    PolicyTest::TearDown();
+  }
+
+  uint32_t run(t_pol_user* user) {
+    query.applied = 0;
+    return pol_execute(user, &query);
+  }
+
+  t_pol_user* out = nullptr;
+  t_pol_user* in = nullptr;
+  t_pol_block* b = nullptr;
+  t_pol_route_attr attr;
+  t_pol_route_query query;
+  t_pol_tloc_result tlocs;
+};
+
+TEST_F(ExecTest, NothingToAskRejects) {
+  EXPECT_EQ(pol_execute(nullptr, &query), POL_REJECT);
+  EXPECT_EQ(pol_execute(out, nullptr), POL_REJECT);
+  EXPECT_EQ(run(out), POL_REJECT) << "no sequence, no default action";
+  pol_pre_execute(nullptr, 1);
+  pol_post_execute(nullptr);
+  query.attr = nullptr;
+  pol_entry_match_tag_add(ctx, entry(b, 10), 0, &changed);
+  EXPECT_EQ(run(out), POL_REJECT) << "no attributes, no tag";
+}
+
+TEST_F(ExecTest, FirstMatchDecidesAndOnlyAnAcceptSets) {
+  t_pol_entry* first = entry(b, 10);
+  pol_entry_match_tag_add(ctx, first, 5, &changed);
+  pol_entry_set_preference_add(ctx, first, 77, &changed);
+  t_pol_entry* second = entry(b, 20, POL_MATCH_ROUTE, POL_REJECT);
+  pol_entry_set_preference_add(ctx, second, 88, &changed);
+  pol_entry_action_add(ctx, &b->default_action, POL_ACCEPT, &changed);
+  attr.present = POL_ATTR_TAG | POL_ATTR_PREF;
+  attr.tag = 5;
+  attr.preference = 1;
+  EXPECT_EQ(run(out), POL_ACCEPT);
+  EXPECT_EQ(query.matched, POL_MATCH_F_TAG);
+  EXPECT_EQ(query.applied, POL_APPLIED_PREF);
+  EXPECT_EQ(query.attr_copy.preference, 77u);
+  EXPECT_EQ(attr.preference, 1u);
+  attr.tag = 6;
+  EXPECT_EQ(run(out), POL_REJECT);
+  EXPECT_EQ(query.applied, 0);
+  EXPECT_EQ(query.attr_copy.preference, 1u) << "each run starts from the caller's attributes";
+  // A TLOC query passes over route sequences to the default action.
+  query.match_type = POL_MATCH_TLOC;
+  EXPECT_EQ(run(out), POL_ACCEPT);
+  // Packet sequences never match, whatever the query says.
+  entry(b, 5, POL_MATCH_PACKET, POL_REJECT);
+  query.match_type = POL_MATCH_PACKET;
+  EXPECT_EQ(run(out), POL_ACCEPT);
+}
+
+TEST_F(ExecTest, TlocClausesLookAtTheQueryOrTheRoute) {
+  t_tloc_id tloc = tloc4(9, 3);
+  for (uint32_t type : {POL_MATCH_ROUTE, POL_MATCH_TLOC}) {
+    t_pol_entry* e = entry(b, type, type);
+    pol_entry_match_tloc_add(ctx, e, &tloc, &changed);
+    pol_entry_match_color_add(ctx, e, 3, &changed);
+  }
+  query.tloc = tloc;
+  EXPECT_EQ(run(out), POL_REJECT) << "the route has none of its own";
+  attr.tloc = tloc;
+  EXPECT_EQ(run(out), POL_REJECT) << "nor says that it has";
+  attr.present = POL_ATTR_TLOC;
+  EXPECT_EQ(run(out), POL_ACCEPT);
+  EXPECT_EQ(query.matched, POL_MATCH_F_TLOC | POL_MATCH_F_COLOR);
+  attr = {};
+  query.match_type = POL_MATCH_TLOC;
+  EXPECT_EQ(run(out), POL_ACCEPT);
+  query.tloc.encap = 1;
+  EXPECT_EQ(run(out), POL_REJECT);
+}
+
+TEST_F(ExecTest, OriginSubTypesOfProtocolFourPairUp) {
+  t_pol_entry* e = entry(b, 10);
+  attr.present = POL_ATTR_ORIGIN;
+  auto takes = [&](uint32_t code, uint8_t protocol, uint8_t subtype) {
+    pol_entry_match_origin_add(ctx, e, code, &changed);
+    attr.origin_protocol = protocol;
+    attr.origin_subtype = subtype;
+    return run(out) == POL_ACCEPT;
+  };
+  EXPECT_TRUE(takes(6, 3, 1));
+  EXPECT_FALSE(takes(6, 3, 2));
+  EXPECT_FALSE(takes(13, 8, 1));
+  EXPECT_TRUE(takes(5, 4, 4) && takes(5, 4, 6));
+  EXPECT_FALSE(takes(5, 4, 5) || takes(5, 4, 3));
+  EXPECT_TRUE(takes(4, 4, 3) && takes(4, 4, 5));
+  EXPECT_FALSE(takes(4, 4, 6));
+  EXPECT_TRUE(takes(3, 4, 1));
+  // A route of protocol 4 is not asked for the entry's protocol.
+  EXPECT_TRUE(takes(6, 4, 1));
+  attr.present = 0;
+  EXPECT_FALSE(takes(6, 3, 1));
+}
+
+TEST_F(ExecTest, GroupCountIsBounded) {
+  t_pol_entry* e = entry(b, 10);
+  pol_entry_match_group_add(ctx, e, 5, &changed);
+  attr.present = POL_ATTR_GROUP;
+  attr.group[POL_MAX_GROUP - 1] = 5;
+  attr.group_count = 4294967295u;
+  EXPECT_EQ(run(out), POL_ACCEPT);
+  attr.group_count = POL_MAX_GROUP - 1;
+  EXPECT_EQ(run(out), POL_REJECT);
+  attr.group_count = 0;
+  EXPECT_EQ(run(out), POL_REJECT);
+}
+
+TEST_F(ExecTest, SetTlocResolvesOrRejects) {
+  t_pol_entry* e = entry(b, 10);
+  t_tloc_id tloc = tloc4(0x0a000001, 3, 2);
+  pol_entry_set_tloc_add(ctx, e, &tloc, &changed);
+  query.id = 44;
+  query.vpn = 8;
+  EXPECT_EQ(run(in), POL_ACCEPT) << "in either direction";
+  ASSERT_EQ(g_asked.size(), 1u);
+  EXPECT_EQ(g_asked[0].id, 44);
+  EXPECT_EQ(g_asked[0].ipv4, 0x0a000001u);
+  EXPECT_EQ(g_asked[0].color, 3);
+  EXPECT_EQ(g_asked[0].encap, 2);
+  EXPECT_EQ(g_asked[0].vpn, 8u);
+  EXPECT_EQ(tlocs.count, 1u);
+  g_answers = 0;
+  EXPECT_EQ(run(out), POL_REJECT);
+  EXPECT_EQ(query.applied, POL_APPLIED_TLOC);
+  query.tlocs = nullptr;
+  EXPECT_EQ(run(out), POL_REJECT);
+  g_answers = 1;
+  EXPECT_EQ(run(out), POL_ACCEPT) << "an array is the caller's wish, not a condition";
+  query.match_type = POL_MATCH_TLOC;
+  entry(b, 1, POL_MATCH_TLOC);
+  EXPECT_EQ(run(out), POL_ACCEPT);
+  tloc.family = KEL_AF_INET6;
+  pol_entry_set_tloc_add(ctx, e, &tloc, &changed);
+  query.match_type = POL_MATCH_ROUTE;
+  run(out);
+  EXPECT_EQ(g_asked.back().ipv4, 0u);
+}
+
+TEST_F(ExecTest, UltimateTlocIsAppendedBehindAFullArray) {
+  t_pol_entry* e = entry(b, 10);
+  t_tloc_id tloc = tloc4(1);
+  pol_entry_set_tloc_add(ctx, e, &tloc, &changed);
+  pol_entry_set_preference_add(ctx, e, 55, &changed);
+  e->set.ultimate_tloc = 2;
+  attr.tloc = tloc4(7);
+  attr.label = 1234;
+  g_answers = 1000;
+  EXPECT_EQ(run(out), POL_ACCEPT);
+  EXPECT_EQ(tlocs.count, 65u);
+  EXPECT_EQ(tlocs.ultimate, 2);
+  EXPECT_EQ(tlocs.entry[64].label, 1234u);
+  EXPECT_EQ(tlocs.entry[64].preference, 55u) << "as already set";
+  EXPECT_EQ(tlocs.entry[64].tloc.addr.v4, 7u);
+  g_answers = 0;
+  EXPECT_EQ(run(out), POL_ACCEPT) << "the own TLOC alone suffices";
+  e->set.ultimate_tloc = 1;
+  EXPECT_EQ(run(out), POL_REJECT);
+}
+
+TEST_F(ExecTest, SetTlocListAndServiceActOutboundOnly) {
+  t_pol_entry* e = entry(b, 10);
+  for (uint32_t i = 0; i < 100; ++i) {
+    t_tloc_id tloc = tloc4(i + 1);
+    pol_tloc_list_add_entry(ctx, "t", &tloc, 0);
+  }
+  pol_entry_set_tloc_list_add(ctx, e, "t", &changed);
+  EXPECT_EQ(run(in), POL_ACCEPT);
+  EXPECT_EQ(query.applied, 0);
+  EXPECT_TRUE(g_asked.empty());
+  EXPECT_EQ(run(out), POL_ACCEPT);
+  EXPECT_EQ(g_asked.size(), 64u);
+  EXPECT_EQ(g_asked[63].ipv4, 64u) << "in list order";
+  EXPECT_EQ(tlocs.count, 64u);
+  EXPECT_EQ(query.applied, POL_APPLIED_TLOC_LIST);
+
+  g_asked.clear();
+  t_tloc_id tloc = tloc4(0xac100001, 5, 1);
+  pol_entry_set_service_add(ctx, e, 6, &tloc, 30, &changed);
+  query.vpn = 9;
+  run(out);
+  EXPECT_EQ(query.applied, POL_APPLIED_TLOC_LIST | POL_APPLIED_SERVICE);
+  ASSERT_EQ(g_asked.size(), 65u);
+  EXPECT_EQ(g_asked[0].vpn, 9u) << "no set VPN: the query's";
+  EXPECT_EQ(g_asked[0].service, 6);
+  EXPECT_EQ(g_asked[64].vpn, 30u);
+  EXPECT_EQ(g_asked[64].ipv4, 0xac100001u);
+  EXPECT_EQ(tlocs.count, 1u) << "the service starts an empty array";
+  pol_entry_set_vpn_id_add(ctx, e, 12, &changed);
+  g_asked.clear();
+  run(out);
+  EXPECT_EQ(g_asked[0].vpn, 12u);
+}
+
+TEST_F(ExecTest, VpnArrayFillsInboundAndStopsAtItsEnd) {
+  t_pol_entry* e = entry(b, 10);
+  pol_entry_set_vpn_id_add(ctx, e, 4294967296u, &changed);
+  for (uint32_t i = 0; i < 200; ++i) pol_vpn_list_add_entry(ctx, "v", i, i + 1);
+  pol_entry_set_vpn_list_add(ctx, e, "v", &changed);
+  EXPECT_EQ(run(out), POL_ACCEPT);
+  EXPECT_EQ(query.vpn_array, nullptr);
+  EXPECT_EQ(run(in), POL_ACCEPT);
+  EXPECT_EQ(query.applied, POL_APPLIED_VPN);
+  ASSERT_EQ(query.vpn_count, 128u);
+  EXPECT_EQ(query.vpn_array[0].low, 4294967296u);
+  EXPECT_EQ(query.vpn_array[127].low, 126u);
+  EXPECT_EQ(run(in), POL_ACCEPT);
+  EXPECT_EQ(query.vpn_count, 128u);
+  EXPECT_EQ(query.applied, POL_APPLIED_VPN) << "applied, though nothing had room";
+  // Only queries of kind 3 have it released.
+  query.kind = 1;
+  pol_post_execute(&query);
+  query.kind = 3;
+  EXPECT_EQ(current(23), 1u);
+}
+
+TEST_F(ExecTest, NoMemoryForTheVpnArrayLetsTheActionStand) {
+  t_pol_entry* e = entry(b, 10);
+  pol_entry_set_vpn_id_add(ctx, e, 1, &changed);
+  UncountedFailures forgiven(23);
+  seams::FailFrom none(1);
+  EXPECT_EQ(run(in), POL_ACCEPT);
+  EXPECT_EQ(query.applied, 0);
+}
+
+TEST_F(ExecTest, HandlesTellWhatAnOutboundRoutePolicySets) {
+  t_tloc_id tloc = tloc4(1);
+  t_pol_entry* e = entry(b, 10);
+  pol_entry_set_tloc_add(ctx, e, &tloc, &changed);
+  pol_entry_set_service_add(ctx, e, 1, &tloc, 0, &changed);
+  EXPECT_EQ(pol_handle_sets_tloc(out), 1);
+  EXPECT_EQ(pol_handle_sets_service(out), 1);
+  EXPECT_EQ(pol_handle_sets_tloc_list(out), 0);
+  EXPECT_EQ(pol_handle_sets_tloc(in), 0);
+  EXPECT_EQ(pol_handle_sets_tloc(nullptr), 0);
+  t_pol_user* member = add_user("m", "p", nullptr, POL_DIR_OUT, POL_KIND_MEMBERSHIP);
+  EXPECT_EQ(pol_handle_sets_tloc(member), 0);
+  pol_block_find_and_delete(ctx, "p", POL_KIND_ROUTE, &changed);
+  EXPECT_EQ(pol_handle_sets_tloc(out), 0);
+  char name[8] = "x";
+  EXPECT_STREQ(pol_handle_get_name(out, name, sizeof name), "");
+}
+
+// The reasons are read by people; what matters is that each names the clause, its value and the
+// list.
+TEST_F(ExecTest, ExplainTellsEachSequenceAndTheDecision) {
+  pol_entry_match_tag_add(ctx, entry(b, 5), 5, &changed);
+  entry(b, 7, POL_MATCH_TLOC);
+  pol_entry_match_pfx_list_add(ctx, entry(b, 10), "P1", &changed);
+  t_pol_entry* last = entry(b, 20);
+  t_tloc_id tloc = tloc4(1);
+  pol_entry_set_tloc_add(ctx, last, &tloc, &changed);
+  attr.present = POL_ATTR_TAG;
+  attr.tag = 6;
+  query.prefix = prefix4(0x0a020000, 16);
+  std::vector<std::string> steps;
+  auto note = [](const t_pol_explain_step* step, void* arg) {
+    static_cast<std::vector<std::string>*>(arg)->push_back(
+        std::to_string(step->sequence) + (step->decided != 0 ? " decides " : " ") +
+        (step->decided != 0 ? pol_util_action_str(step->action) : step->reason));
+  };
+  t_pol_explain_step decision;
+  EXPECT_EQ(pol_explain(out, &query, note, &steps, &decision), POL_ACCEPT);
+  EXPECT_EQ(steps, (std::vector<std::string>{
+                       "5 tag is 6, not 5", "7 it matches on tloc, the query asks about route",
+                       "10 prefix 10.2.0.0/16 is in no element of prefix-list P1, which is empty",
+                       "20 decides accept"}));
+  EXPECT_EQ(decision.sequence, 20u);
+  EXPECT_EQ(decision.is_default, 0);
+  g_answers = 0;
+  EXPECT_EQ(pol_explain(out, &query, nullptr, nullptr, &decision), POL_REJECT);
+  EXPECT_EQ(decision.action, uint32_t{POL_REJECT});
+  pol_entry_find_and_delete(ctx, b, 20, &changed);
+  EXPECT_EQ(pol_explain(out, &query, nullptr, nullptr, &decision), POL_REJECT);
+  EXPECT_EQ(decision.is_default, 1);
+  EXPECT_EQ(pol_explain(nullptr, &query, nullptr, nullptr, &decision), POL_REJECT);
+}
+
+TEST_F(ExecTest, ThreadsMayEvaluateAtOnce) {
+  for (uint32_t i = 0; i < 500; ++i) {
+    pol_site_list_add_entry(ctx, "s", i * 10, i * 10 + 4);
+    t_pol_pfx_record record = {POL_PFX_LE, prefix4(i << 20, 12), 0, 24};
+    pol_pfx_list_entry_add(ctx, "x", &record);
+  }
+  pol_entry_match_site_list_add(ctx, entry(b, 10), "s", &changed);
+  pol_entry_match_pfx_list_add(ctx, entry(b, 10), "x", &changed);
+  auto work = [this](t_pol_user* user, uint64_t* accepted) {
+    t_pol_route_attr own = {};
+    t_pol_route_query mine;
+    pol_pre_execute(&mine, 1);
+    mine.match_type = POL_MATCH_ROUTE;
+    mine.attr = &own;
+    for (uint32_t i = 0; i < 20000; ++i) {
+      own.site = i % 5000;
+      mine.prefix = prefix4(i << 17, 20);
+      *accepted += pol_execute(user, &mine) == POL_ACCEPT;
+    }
+  };
+  uint64_t here = 0;
+  uint64_t there = 0;
+  std::thread other(work, out, &there);
+  work(in, &here);
+  other.join();
+  EXPECT_EQ(here, there);
+  EXPECT_GT(here, 0u);
+}
+
+using ExecDeathTest = ExecTest;
+
+TEST_F(ExecDeathTest, TlocOfAnUnknownFamilyMeetingItsLikeAborts) {
+  t_tloc_id tloc = tloc4(1);
+  tloc.family = 7;
+  pol_entry_match_tloc_add(ctx, entry(b, 10), &tloc, &changed);
+  attr.present = POL_ATTR_TLOC;
+  EXPECT_EQ(run(out), POL_REJECT) << "another family is only another family";
+  attr.tloc = tloc;
+  EXPECT_EXIT(run(out), ::testing::KilledBySignal(SIGABRT), "");
+}
+
+}  // namespace
