@@ -79,4 +79,5 @@ struct t_pol_block {
   uint8_t fetch_xml;
   uint8_t orphaned;  // a forwarding policy that was deleted and stays, empty, for its users
   pol::BlockUsers users;
+  uint8_t all_queued;  // every user stands on the change list
 };
