@@ -198,6 +198,12 @@ t_tloc_list* pol_tloc_list_next(t_pol_ctx* ctx, t_tloc_list* list) {
   return ctx != nullptr && list != nullptr ? ctx->tloc_lists.next(list) : nullptr;
 }
 
+// No data policy has actions yet, so no list's labels are computed here and label pending stays;
+// the host's pass still ends with its one notification.
+void pol_tloc_list_update_fwd_pol_label(void* /*arg*/, t_pol_ctx* ctx) {
+  pol_user_chg_list_notify_all(ctx);
+}
+
 // On purpose: action users are not shown.
 void pol_dump_tloc_list(t_tloc_list* list, t_cli_user_ctx* cli) {
   maapi_cli_printf(cli, "\ntloc-list: %s (%p, %u)", list->head.name, static_cast<void*>(list),

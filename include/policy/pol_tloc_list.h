@@ -40,4 +40,8 @@ POL_API uint32_t pol_tloc_list_action_user_remove(t_pol_ctx* ctx, t_tloc_list* l
 POL_API t_tloc_list* pol_tloc_list_first(t_pol_ctx* ctx);
 POL_API t_tloc_list* pol_tloc_list_next(t_pol_ctx* ctx, t_tloc_list* list);
 
+/* Computes the labels of data-policy actions anew whose lists are label pending, then notifies
+ * once. `arg` is the host's, passed through. */
+POL_API void pol_tloc_list_update_fwd_pol_label(void* arg, t_pol_ctx* ctx);
+
 #endif

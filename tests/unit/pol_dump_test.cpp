@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include "support/policy_fixture.h"
+
+namespace {
+
+class DumpTest : public PolicyTest {
+ protected:
+  // Everything printable at once: every clause and every kind of list.
+  void build() {
+    t_pol_entry* e = entry(block("main"), 10);
+    t_tloc_id tloc = tloc4(0x0a000001, 3, 2);
+    t_ipaddr address = {KEL_AF_INET, {0x0a000009}};
+    pol_entry_match_tag_add(ctx, e, 1, &changed);
+    pol_entry_match_domain_add(ctx, e, 2, &changed);
+    pol_entry_match_group_add(ctx, e, 3, &changed);
+    pol_entry_match_preference_add(ctx, e, 4, &changed);
+    pol_entry_match_vpn_id_add(ctx, e, 4294967296u, &changed);
+    pol_entry_match_vpn_list_add(ctx, e, "vpns", &changed);
+    pol_entry_match_site_add(ctx, e, 6, &changed);
+    pol_entry_match_site_list_add(ctx, e, "sites", &changed);
+    pol_entry_match_tloc_add(ctx, e, &tloc, &changed);
+    pol_entry_match_tloc_list_add(ctx, e, "tlocs", &changed);
+    pol_entry_match_pfx_list_add(ctx, e, "prefixes", &changed);
+    pol_entry_match_origin_add(ctx, e, 2, &changed);
+    pol_entry_match_originator_add(ctx, e, &address, &changed);
+    pol_entry_match_carrier_add(ctx, e, 7, &changed);
+    pol_entry_match_src_port_add(ctx, e, 80, &changed);
+    pol_entry_match_dst_port_add(ctx, e, 443, &changed);
+    pol_entry_match_dscp_add(ctx, e, 13, &changed);
+    pol_entry_match_color_add(ctx, e, 1, &changed);
+    pol_entry_match_color_list_add(ctx, e, "colors", &changed);
+    pol_entry_set_tag_add(ctx, e, 11, &changed);
+    pol_entry_set_preference_add(ctx, e, 12, &changed);
+    pol_entry_set_vpn_id_add(ctx, e, 13, &changed);
+    pol_entry_set_vpn_list_add(ctx, e, "vpns", &changed);
+    pol_entry_set_tloc_list_add(ctx, e, "tlocs", &changed);
+    pol_entry_set_tloc_add(ctx, e, &tloc, &changed);
+    pol_entry_set_service_add(ctx, e, 4, &tloc, 14, &changed);
+    e->set.ultimate_tloc = 2;
+    entry(block("main"), 20, POL_MATCH_TLOC, POL_REJECT);
+    block("data", POL_KIND_DATA);
+    entry(block("members", POL_KIND_MEMBERSHIP), 5, POL_MATCH_SERVICE);
+    block("flows", POL_KIND_CFLOWD);
+    pol_vpn_list_add_entry(ctx, "vpns", 1, 4294967295u);
+    pol_site_list_add_entry(ctx, "sites", 5, 5);
+    pol_tloc_list_add_entry(ctx, "tlocs", &tloc, 9);
+    pol_color_list_add_entry(ctx, "colors", 3);
+    t_pol_pfx_record record = {POL_PFX_LE, prefix4(0x0a000000, 8), 0, 24};
+    pol_pfx_list_entry_add(ctx, "prefixes", &record);
+    list_user_ = pol_site_list_user_add(ctx, "sites", nullptr, nullptr);
+    take_queued();
+    add_user("first", "main", nullptr);
+    add_user("second", "main", nullptr, POL_DIR_IN);
+    pol_block_users_add_to_chg_list(ctx, block("main"));
+  }
+
+  void TearDown() override {
+    pol_list_unregister(list_user_);
+    PolicyTest::TearDown();
+  }
+
+  t_pol_list_user* list_user_ = nullptr;
+};
+
+// Pointers differ from run to run, sizes and counts of memory from build to build.
+std::string masked(const std::string& text) {
+  std::string out = std::regex_replace(text, std::regex("0x[0-9a-f]{9,}"), "PTR");
+  return out.substr(0, out.find("\n    MEMORY STATISTICS"));
+}
+
+TEST_F(DumpTest, AllMatchesItsGolden) {
+  build();
+  const std::string text =
+      masked(printed([](t_cli_user_ctx* cli) { pol_dump_all(cli, 0, 0, nullptr); }));
+  const std::string path = std::string(GOLDEN_DIR) + "/dump/all.ok";
+  if (getenv("UPDATE_GOLDENS") != nullptr) std::ofstream(path) << text;
+  std::ostringstream golden;
+  golden << std::ifstream(path).rdbuf();
+  EXPECT_EQ(text, golden.str());
+}
+
+TEST_F(DumpTest, NothingIsPrintedWithoutAContext) {
+  pol_destroy();
+  EXPECT_EQ(printed([](t_cli_user_ctx* cli) { pol_dump_all(cli, 0, 0, nullptr); }), "");
+  init();
+}
+
+TEST_F(DumpTest, AListThatCouldNotBeMadeShowsAsNone) {
+  t_pol_entry* e = entry(block("main"), 10);
+  e->match_flags = POL_MATCH_F_PFX_LIST;
+  std::string text = printed([&](t_cli_user_ctx* cli) { pol_dump_entry(e, cli); });
+  EXPECT_NE(text.find("\n            prefix-list: <none> ((nil))"), std::string::npos) << text;
+}
+
+TEST_F(DumpTest, LinesOfAnyLengthPrintWhole) {
+  std::string text = printed(
+      [](t_cli_user_ctx* cli) { maapi_cli_printf(cli, "%s|", std::string(2000, 'x').c_str()); });
+  EXPECT_EQ(text.size(), 2001u);
+  EXPECT_EQ(maapi_cli_printf(nullptr, "x"), -1);
+}
+
+}  // namespace
