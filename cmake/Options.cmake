@@ -9,6 +9,8 @@ foreach(lang C CXX)
   foreach(type RELEASE RELWITHDEBINFO MINSIZEREL)
     string(REPLACE "-DNDEBUG" "" CMAKE_${lang}_FLAGS_${type} "${CMAKE_${lang}_FLAGS_${type}}")
   endforeach()
+  # Sanitized builds: enough optimisation to run, enough line numbers for a report.
+  set(CMAKE_${lang}_FLAGS_SANITIZE "-O1 -gline-tables-only")
 endforeach()
 
 if(NOT CMAKE_BUILD_TYPE)
@@ -18,4 +20,8 @@ endif()
 if(POLICY_SANITIZE)
   add_compile_options(-fsanitize=${POLICY_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${POLICY_SANITIZE})
+endif()
+if(POLICY_BUILD_FUZZ)
+  # Every object reports its coverage; only the fuzzers bring libFuzzer's main.
+  add_compile_options(-fsanitize=fuzzer-no-link)
 endif()

@@ -13,13 +13,13 @@
 // their user record.
 struct t_pol_match {
   uint32_t type;  // enum pol_match_type; 0 until set
-  t_pol_block* block;
   uint32_t tag;
   uint32_t preference;
   uint32_t domain;
   uint32_t group;
-  uint64_t vpn_id;
   uint32_t site;
+  uint64_t vpn_id;
+  t_pol_block* block;
   uint32_t dscp;
   uint32_t proto;
   uint16_t src_port;
@@ -52,16 +52,17 @@ struct t_pol_set {
 };
 
 // Invariant: the block pointers of an entry, of its areas and of its user records are the same.
+// What evaluation reads of a sequence that it passes over lies in the first 64 bytes.
 struct t_pol_entry {
   uint32_t sequence;  // first: the tree's key
-  avl_node link;
-  t_pol_block* block;
   uint32_t match_flags;
-  uint32_t set_flags;
+  pol::TailLink<t_pol_entry> order;
   t_pol_match match;
   t_pol_set set;
+  uint32_t set_flags;
   uint32_t action;
-  pol::TailLink<t_pol_entry> order;
+  avl_node link;
+  t_pol_block* block;
 };
 
 enum pol_sets : uint8_t { POL_SETS_TLOC = 0x1, POL_SETS_SERVICE = 0x2, POL_SETS_TLOC_LIST = 0x4 };
@@ -79,4 +80,5 @@ struct t_pol_block {
   uint8_t fetch_xml;
   uint8_t orphaned;  // a forwarding policy that was deleted and stays, empty, for its users
   pol::BlockUsers users;
+  uint8_t all_queued;  // every user stands on the change list
 };

@@ -13,9 +13,8 @@
 // Invariants
 //   1. A node other than a root holds an element or has a child.
 //   2. Bit n of `prefixes` is set when slot popcount(prefixes below n) is the element at place n:
-//   the places
-//      of relative length k are 2^k - 1 up to 2^(k+1) - 2, ordered by their k bits. `below`
-//      likewise for children, by the next six bits.
+//      the places of relative length k are 2^k - 1 up to 2^(k+1) - 2, ordered by their k bits.
+//      `below` likewise for children, by the next six bits.
 //   3. A slot without counts stands for one element; with counts for `counts->total`.
 #pragma once
 

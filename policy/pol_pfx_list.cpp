@@ -4,6 +4,7 @@
 // step.
 #include "policy/pol_pfx_list.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstdio>
 #include <cstring>
@@ -19,7 +20,7 @@ namespace {
 // nor IPv6 is a broken invariant; a look-up in the tree meets one whenever there is one.
 int prefix_compare(const void* key, const void* node) {
   const t_ipprefix& a = *static_cast<const t_ipprefix*>(key);
-  const t_ipprefix& b = static_cast<const t_pfx_entry*>(node)->prefix;
+  const t_pfx_entry& b = *static_cast<const t_pfx_entry*>(node);
   if (a.addr.family != b.addr.family) return a.addr.family < b.addr.family ? -1 : 1;
   if (a.addr.family == KEL_AF_INET) {
     if (a.addr.addr.v4 != b.addr.addr.v4) return a.addr.addr.v4 < b.addr.addr.v4 ? -1 : 1;
@@ -32,11 +33,11 @@ int prefix_compare(const void* key, const void* node) {
 }
 
 t_pol_pfx_record record_of(const t_pfx_entry& entry) {
-  return {entry.op, entry.prefix, entry.min, entry.max};
+  return {entry.op, {entry.addr, entry.len}, entry.min, entry.max};
 }
 
 void set_bounds(t_pfx_entry* entry, const t_pol_pfx_record& record) {
-  entry->op = record.op;
+  entry->op = static_cast<uint8_t>(std::min<uint32_t>(record.op, UINT8_MAX));
   entry->min = record.min;
   entry->max = record.max;
 }
@@ -70,14 +71,13 @@ t_pfx_entry* find_entry(t_pol_ctx* ctx, const char* name, const t_pol_pfx_record
 t_pfx_entry* entry_create(t_pfx_list* list, const t_pol_pfx_record& record, avl_index where) {
   auto* entry = pol::alloc<t_pfx_entry>(pol::MEM_PFX_ENTRY);
   if (entry == nullptr) return nullptr;
-  entry->prefix.addr.family = record.prefix.addr.family;
+  entry->addr.family = record.prefix.addr.family;
   if (record.prefix.addr.family == KEL_AF_INET) {
-    entry->prefix.addr.addr.v4 = record.prefix.addr.addr.v4;
+    entry->addr.addr.v4 = record.prefix.addr.addr.v4;
   } else {
-    memcpy(entry->prefix.addr.addr.v6, record.prefix.addr.addr.v6,
-           sizeof entry->prefix.addr.addr.v6);
+    memcpy(entry->addr.addr.v6, record.prefix.addr.addr.v6, sizeof entry->addr.addr.v6);
   }
-  entry->prefix.len = record.prefix.len;
+  entry->len = record.prefix.len;
   set_bounds(entry, record);
   if (!list->index.add(record_of(*entry))) {
     pol_free(entry, pol::MEM_PFX_ENTRY);
@@ -123,7 +123,7 @@ uint32_t pol_pfx_list_entry_add(t_pol_ctx* ctx, const char* name, const t_pol_pf
   t_pfx_entry* entry = list->by_prefix.find(&record->prefix, &where);
   if (entry != nullptr) {
     t_pol_pfx_record old = record_of(*entry);
-    t_pol_pfx_record changed = {record->op, entry->prefix, record->min, record->max};
+    t_pol_pfx_record changed = {record->op, old.prefix, record->min, record->max};
     if (!list->index.replace(old, changed)) return POL_ENOMEM;
     set_bounds(entry, *record);
   } else if (entry_create(list, *record, where) == nullptr) {
@@ -179,8 +179,8 @@ void pol_dump_pfx_list(t_pfx_list* list, t_cli_user_ctx* cli) {
   for (const t_pfx_entry& entry : list->entries) {
     char address[128];
     char prefix[512];
-    snprintf(prefix, sizeof prefix, "%s/%u",
-             ipaddr_print(&entry.prefix.addr, address, sizeof address), unsigned{entry.prefix.len});
+    snprintf(prefix, sizeof prefix, "%s/%u", ipaddr_print(&entry.addr, address, sizeof address),
+             unsigned{entry.len});
     maapi_cli_printf(cli, "\n  prefix %s %s min %d max %d", prefix, pol_util_pfx_op_str(entry.op),
                      int{entry.min}, int{entry.max});
   }

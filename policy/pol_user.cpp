@@ -132,6 +132,7 @@ t_pol_block* pol_block_user_add(t_pol_ctx* ctx, const char* policy_name, uint32_
   t_pol_block* block = pol_block_find_or_create(ctx, policy_name, kind, &changed);
   if (block == nullptr) return nullptr;
   block->users.push_back(user);
+  block->all_queued = 0;
   user->block = block;
   return block;
 }
@@ -156,11 +157,15 @@ void pol_user_chg_list_delete(t_pol_ctx* ctx, t_pol_user* user) {
   if ((user->flags & POL_USER_QUEUED) == 0) return;
   ctx->change_list.remove(user);
   user->flags &= static_cast<uint8_t>(~POL_USER_QUEUED);
+  if (user->block != nullptr) user->block->all_queued = 0;
 }
 
 void pol_block_users_add_to_chg_list(t_pol_ctx* ctx, t_pol_block* block) {
   if (ctx == nullptr || block == nullptr || pol::destroying(ctx)) return;
+  // A batch of many changes looks at the users once.
+  if (block->all_queued != 0) return;
   for (t_pol_user& user : block->users) pol_user_chg_list_add(ctx, &user);
+  block->all_queued = 1;
 }
 
 void pol_user_chg_list_notify_all(t_pol_ctx* ctx) {

@@ -8,8 +8,8 @@
  *
  * Shapes   names: NUL-terminated, their first 127 bytes count; ordered bytewise.
  * Changed  `changed` is set to 1 when something really changed and never cleared, so that a caller
- * can gather it over several calls and notify once (pol_user_chg_list_notify_all). Every change
- *          queues the users of the policy.
+ *          can gather it over several calls and notify once (pol_user_chg_list_notify_all). Every
+ *          change queues the users of the policy.
  * Threads  none of its own: the host serialises every call on one context.
  */
 #ifndef POLICY_POL_BLOCK_H

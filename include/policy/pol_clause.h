@@ -8,10 +8,11 @@
  *
  * Shapes   all numbers host byte order; list names: NUL-terminated, their first 63 bytes count.
  * Result   adds return the sequence's clauses, or null: no context or sequence, or (list clauses)
- * no memory; then the clause stays configured with the list it named before, if that still exists.
+ *          no memory; then the clause stays configured with the list it named before, if that still
+ *          exists.
  * Changed  set to 1 when something really changed, never cleared; users of the policy are queued.
  * Aborts   a stored TLOC or originator of a family that is neither IPv4 nor IPv6 fails an
- * assertion.
+ *          assertion.
  */
 #ifndef POLICY_POL_CLAUSE_H
 #define POLICY_POL_CLAUSE_H

@@ -8,10 +8,10 @@
  * last user frees it once it has neither entries nor users; deleting its last entry does not.
  *
  * Shapes  name: NUL-terminated, its first 63 bytes count. low, high: site ids, inclusive, host
- * order; one site is low == high. Distinct ranges may overlap and are never merged. Status  0 done;
- * 1 no memory (nothing changed); 7 null list or record; 15 no context. Order   entries dump and
- * walk as added; lists by name, bytewise. Threads none of its own: the host serialises every call
- * on one context.
+ *         order; one site is low == high. Distinct ranges may overlap and are never merged.
+ * Status  0 done; 1 no memory (nothing changed); 7 null list or record; 15 no context.
+ * Order   entries dump and walk as added; lists by name, bytewise.
+ * Threads none of its own: the host serialises every call on one context.
  */
 #ifndef POLICY_POL_SITE_LIST_H
 #define POLICY_POL_SITE_LIST_H

@@ -8,7 +8,8 @@
  * lists do, and label pending when the labels of data policies that use it must be computed again.
  *
  * Aborts  a look-up that meets a stored TLOC of its own family, neither IPv4 nor IPv6, fails an
- * assertion. Status, order, threads: as site lists.
+ *         assertion.
+ * Status, order, threads: as site lists.
  */
 #ifndef POLICY_POL_TLOC_LIST_H
 #define POLICY_POL_TLOC_LIST_H

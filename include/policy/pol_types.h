@@ -206,10 +206,13 @@ typedef void (*t_pol_change_cb)(t_pol_user* user, uint64_t user_arg);
  * `result` (entry[count], then count + 1; never beyond POL_MAX_TLOC, more is cut off). Called by
  * pol_execute on the evaluating thread, for set TLOC, once an element for set TLOC list, once for
  * set service. It only reads policy. A result that stays empty turns the accept into a reject,
- * unless the route's own TLOC is kept. id      the query's identifier ipv4    the TLOC's address,
- * host byte order; 0 when it is not IPv4 color, encap  of the TLOC vpn     set TLOC: the query's
- * VPN; set TLOC list: the set VPN; set service: the service's VPN (the query's VPN when those are
- * 0) service type of the set service; 0 when none is set */
+ * unless the route's own TLOC is kept.
+ *   id            the query's identifier
+ *   ipv4          the TLOC's address, host byte order; 0 when it is not IPv4
+ *   color, encap  of the TLOC
+ *   vpn           set TLOC: the query's VPN; set TLOC list: the set VPN; set service: the service's
+ *                 VPN (the query's VPN when those are 0)
+ *   service       type of the set service; 0 when none is set */
 typedef void (*t_pol_resolve_cb)(uint16_t id, uint32_t ipv4, uint8_t color, uint8_t encap,
                                  uint64_t vpn, uint16_t service, t_pol_tloc_result* result);
 
@@ -263,13 +266,17 @@ typedef struct t_pol_service_result {
 
 /* Resolves a service or a TLOC of a data policy's action, for the context and not for a user.
  * Called on the host's thread while actions and labels of data policies are computed, never during
- * route evaluation. It only reads policy; what it returns is ignored. one     the constant 1 ipv4,
- * color, encap  of the TLOC whose label is asked for; all 0 when a service is asked for vpn,
- * service  the action's set VPN and service type local   the action's local flag label   out: the
- * VPN label, host byte order; untouched when nothing resolves tloc    in: the TLOC wanted, or all
- * zero; out: the single TLOC that `label` belongs to result  out: up to POL_MAX_TLOC TLOCs with
- * labels; `count` is always written, more counts as POL_MAX_TLOC. Empty with no label: nothing
- * offers the service now zero    the constant 0 */
+ * route evaluation. It only reads policy; what it returns is ignored.
+ *   one                 the constant 1
+ *   ipv4, color, encap  of the TLOC whose label is asked for; all 0 when a service is asked for
+ *   vpn, service        the action's set VPN and service type
+ *   local               the action's local flag
+ *   label               out: the VPN label, host byte order; untouched when nothing resolves
+ *   tloc                in: the TLOC wanted, or all zero; out: the single TLOC that `label`
+ *                       belongs to
+ *   result              out: up to POL_MAX_TLOC TLOCs with labels; `count` is always written, more
+ *                       counts as POL_MAX_TLOC. Empty with no label: nothing offers the service now
+ *   zero                the constant 0 */
 typedef uint32_t (*t_pol_service_resolve_cb)(uint32_t one, uint32_t ipv4, uint8_t color,
                                              uint8_t encap, uint64_t vpn, uint16_t service,
                                              uint8_t local, uint32_t* label, t_tloc_id* tloc,

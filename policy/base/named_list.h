@@ -7,11 +7,9 @@
 //
 // Invariants
 //   1. `head` is a list node's first member and `name` the head's, so that a pointer to a node is a
-//   pointer
-//      to its name; trees compare keys and nodes alike.
+//      pointer to its name; trees compare keys and nodes alike.
 //   2. A clause user is on the queue of users that it registered on, or (stale) on the list's stale
-//   queue,
-//      or on none; `list` is null or alive in each case.
+//      queue, or on none; `list` is null or alive in each case.
 #pragma once
 
 #include <cstddef>

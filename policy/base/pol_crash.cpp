@@ -8,7 +8,7 @@ namespace pol {
 
 // Kept away from the sanitizers: the fault is wanted, and it must come as the signal that hosts
 // know.
-[[gnu::no_sanitize("address", "undefined", "thread")]] [[noreturn]] void crash() {
+__attribute__((no_sanitize("address", "undefined", "thread"))) void crash() {
   volatile uintptr_t address = 1;  // volatile: compilers know better than to write there
   *reinterpret_cast<volatile char*>(address) = 0;
   exit(0);

@@ -7,7 +7,7 @@
 //
 // Invariants
 //   1. link.back points at the pointer that points at the record, or is null when it is on no
-//   queue.
+//      queue.
 //   2. last_ is the address of the final null pointer; it means nothing while the queue is empty.
 #pragma once
 

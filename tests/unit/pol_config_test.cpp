@@ -133,7 +133,7 @@ TEST_F(ConfigTest, PrefixBoundsChooseTheOperator) {
     EXPECT_EQ(e->op, row.op);
     EXPECT_EQ(e->min, row.min);
     EXPECT_EQ(e->max, row.max);
-    EXPECT_EQ(e->prefix.addr.addr.v4, 0x0a000000u);
+    EXPECT_EQ(e->addr.addr.v4, 0x0a000000u);
   }
   EXPECT_EQ(current(27), 1u);
 }

@@ -334,7 +334,7 @@ TEST_F(ExecTest, ThreadsMayEvaluateAtOnce) {
   }
   pol_entry_match_site_list_add(ctx, entry(b, 10), "s", &changed);
   pol_entry_match_pfx_list_add(ctx, entry(b, 10), "x", &changed);
-  auto work = [this](t_pol_user* user, uint64_t* accepted) {
+  auto work = [](t_pol_user* user, uint64_t* accepted) {
     t_pol_route_attr own = {};
     t_pol_route_query mine;
     pol_pre_execute(&mine, 1);

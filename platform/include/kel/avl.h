@@ -2,8 +2,8 @@
  *
  * kel/avl.h - ordered tree of the system's common library: an intrusive AVL tree.
  *
- * A node embeds an avl_node; the tree never allocates, copies or frees one. Equal keys are refused by
- * find-then-insert: avl_find says where a missing key belongs, avl_insert puts it there.
+ * A node embeds an avl_node; the tree never allocates, copies or frees one. Equal keys are refused
+ * by find-then-insert: avl_find says where a missing key belongs, avl_insert puts it there.
  *
  * REQUIRES: a tree does not move in memory while it holds nodes. Not thread-safe.
  */
@@ -54,9 +54,9 @@ void* avl_first(const avl_tree* tree);
 /* The neighbour of `node` in key order: AVL_AFTER the successor, AVL_BEFORE the predecessor. */
 void* avl_walk(const avl_tree* tree, const void* node, int direction);
 
-/* Empties the tree a node a call, in key order, without rebalancing: returns a node that is no longer
- * in the tree, null when none is left. `cookie` starts as null; between calls the tree may only be
- * emptied further. */
+/* Empties the tree a node a call, in key order, without rebalancing: returns a node that is no
+ * longer in the tree, null when none is left. `cookie` starts as null; between calls the tree may
+ * only be emptied further. */
 void* avl_destroy_nodes(avl_tree* tree, void** cookie);
 
 /* Forgets an empty tree. */

@@ -16,8 +16,8 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
-/* Copies at most size-1 bytes and terminates (size > 0); returns strlen(src), so a result of `size` or
- * more tells of truncation. REQUIRES: `src` is NUL-terminated. */
+/* Copies at most size-1 bytes and terminates (size > 0); returns strlen(src), so a result of `size`
+ * or more tells of truncation. REQUIRES: `src` is NUL-terminated. */
 size_t strlcpy(char* dst, const char* src, size_t size);
 #ifdef __cplusplus
 }

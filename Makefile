@@ -1,0 +1,75 @@
+# SPDX-License-Identifier: Apache-2.0
+#
+# The front door. Each target sets up what it needs (Debian 12 packages, configuration, build) and
+# may be called first on a fresh machine. `make help` lists them.
+SHELL := /bin/sh
+JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
+DESTDIR ?=
+SECONDS ?= 30
+
+CMAKE_BUILD = cmake --build --preset $(1) --parallel $(JOBS)
+# Slow sanitized tests leave the other processor to the compiler.
+TEST_JOBS ?= 2
+
+.PHONY: help run build test check tsan fuzz bench install format setup clean
+
+help:
+	@echo 'make run       decide real prefixes with an example policy'
+	@echo 'make test      build and run all tests'
+	@echo 'make check     what CI checks besides: format, clang-tidy, warnings, tests under ASan and UBSan'
+	@echo 'make bench     the benchmarks, as one table'
+	@echo 'make tsan      the tests under ThreadSanitizer'
+	@echo 'make fuzz      every fuzzer for SECONDS=30'
+	@echo 'make build     build/bin/polctl and build/lib/libpolicy.so'
+	@echo 'make install   into PREFIX=/usr/local, below DESTDIR'
+	@echo 'make format    clang-format over the sources'
+
+setup:
+	@scripts/setup build
+
+# Not for the tests' sake: they are neither built nor needed to run the tool.
+build: setup
+	@cmake --preset dev --log-level=WARNING >/dev/null
+	@$(call CMAKE_BUILD,dev) --target policy $(if $(wildcard host/CMakeLists.txt),polctl)
+
+run: build
+	@scripts/demo build/bin/polctl
+
+test: setup
+	cmake --preset dev --log-level=WARNING >/dev/null
+	$(call CMAKE_BUILD,dev)
+	ctest --preset dev --parallel $(TEST_JOBS)
+
+check:
+	@scripts/setup build check
+	@JOBS=$(JOBS) scripts/check
+
+tsan:
+	@scripts/setup build check
+	cmake --preset tsan --log-level=WARNING >/dev/null
+	$(call CMAKE_BUILD,tsan)
+	ctest --preset tsan --parallel $(TEST_JOBS)
+
+fuzz:
+	@scripts/setup build check
+	cmake --preset fuzz --log-level=WARNING >/dev/null
+	$(call CMAKE_BUILD,fuzz)
+	@scripts/fuzz build-fuzz/bin $(SECONDS)
+
+bench: setup
+	@cmake --preset bench --log-level=WARNING >/dev/null
+	@$(call CMAKE_BUILD,bench)
+	@build-bench/bin/pol_bench
+
+# Installs what `make build` leaves and writes nothing else, so that a build by the user can be
+# installed by root.
+install: build
+	@cmake --install build --prefix '$(PREFIX)'
+
+format:
+	@scripts/setup check
+	@scripts/sources | xargs clang-format -i
+
+clean:
+	rm -rf build build-release build-asan build-tsan build-fuzz build-bench

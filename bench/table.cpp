@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "table.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <optional>
+
+namespace bench {
+namespace {
+
+struct Row {
+  const char* title;
+  const char* name;
+  double bar;          // 0: none
+  const char* beside;  // the clause by a plain walk, without the floor; null: none
+};
+
+// Whole pol_execute, a route; the bars are nanoseconds.
+constexpr Row kEvaluations[] = {
+    {"floor: empty policy", "floor", 0, nullptr},
+    {"W1   list of 10", "W1/10", 40, "W1/10/walk"},
+    {"W1   list of 1,000", "W1/1000", 50, "W1/1000/walk"},
+    {"W1   list of 100,000", "W1/100000", 90, "W1/100000/walk"},
+    {"W1c  clustered, 10", "W1c/10", 40, "W1c/10/walk"},
+    {"W1c  clustered, 1,000", "W1c/1000", 50, "W1c/1000/walk"},
+    {"W1c  clustered, 100,000", "W1c/100000", 90, "W1c/100000/walk"},
+    {"W1r  one of 238 countries", "W1r", 0, "W1r/walk"},
+    {"W1r  238 countries in turn", "W1r/together", 0, "W1r/together/walk"},
+    {"W2   1 sequence", "W2/1", 0, nullptr},
+    {"W2   10 sequences", "W2/10", 0, nullptr},
+    {"W2   100 sequences", "W2/100", 0, nullptr},
+    {"W2   1,000 sequences", "W2/1000", 0, nullptr},
+    {"W3   20 sequences, 2-3 clauses", "W3", 150, nullptr},
+};
+
+// A whole load, so many elements; the bars are milliseconds.
+struct LoadRow {
+  const char* title;
+  const char* name;
+  int sizes[3];
+  double bar;  // of the largest
+};
+
+constexpr LoadRow kLoads[] = {
+    {"W4   prefixes, add", "W4/prefixes/add/", {1000, 10000, 100000}, 100},
+    {"W4   prefixes, delete", "W4/prefixes/delete/", {1000, 10000, 100000}, 0},
+    {"W4   site ranges, add", "W4/sites/add/", {1000, 10000, 100000}, 100},
+    {"W4   site ranges, delete", "W4/sites/delete/", {1000, 10000, 100000}, 0},
+    {"W4   sequences, add", "W4/sequences/add/", {10, 100, 1000}, 0},
+    {"W4   sequences, delete", "W4/sequences/delete/", {10, 100, 1000}, 0},
+};
+
+constexpr Row kBytes[] = {
+    {"W5   100,000 prefixes", "W5/prefixes", 150, nullptr},
+    {"W5   100,000 clustered", "W5/clustered", 150, nullptr},
+    {"W5   the largest country", "W5/country", 150, nullptr},
+    {"W5   100,000 site ranges", "W5/sites", 150, nullptr},
+};
+
+std::optional<double> find(const Figures& figures, const std::string& name) {
+  auto at = figures.find(name);
+  return at != figures.end() ? std::optional(at->second) : std::nullopt;
+}
+
+// "  40  met" or "  40  MISSED"; nothing without a bar.
+int print_bar(double value, double bar) {
+  if (bar == 0) return 0;
+  printf("  bar %g: %s", bar, value <= bar ? "met" : "MISSED");
+  return value <= bar ? 0 : 1;
+}
+
+int print_evaluations(const Figures& figures) {
+  int missed = 0;
+  const double floor = find(figures, "floor").value_or(0);
+  printf("\n%-32s%12s%14s%10s\n", "evaluation", "ns/route", "by a walk", "ratio");
+  for (const Row& row : kEvaluations) {
+    auto value = find(figures, row.name);
+    if (!value) continue;
+    printf("%-32s%12.1f", row.title, *value);
+    auto beside = row.beside != nullptr ? find(figures, row.beside) : std::nullopt;
+    if (beside) {
+      printf("%14.1f%9.1fx", floor + *beside, (floor + *beside) / *value);
+    } else {
+      printf("%24s", "");
+    }
+    missed += print_bar(*value, row.bar);
+    printf("\n");
+  }
+  return missed;
+}
+
+void print_growth(const Figures& figures, const char* title, const char* small, const char* large,
+                  const char* words) {
+  auto from = find(figures, small);
+  auto to = find(figures, large);
+  if (from && to) printf("%-32s%11.2fx  %s\n", title, *to / *from, words);
+}
+
+int print_growths(const Figures& figures) {
+  int missed = 0;
+  printf("\n%-32s%12s\n", "growth", "factor");
+  print_growth(figures, "W1   10 to 100,000", "W1/10", "W1/100000", "of the time a route");
+  print_growth(figures, "W1c  10 to 100,000", "W1c/10", "W1c/100000", "of the time a route");
+  auto one = find(figures, "W2/1");
+  auto many = find(figures, "W2/1000");
+  if (one && many) {
+    double each = (*many - *one) / 999;
+    printf("%-32s%9.2f ns  for each sequence tried", "W2   1 to 1,000", each);
+    missed += print_bar(each, 3);
+    printf("\n");
+  }
+  auto single = find(figures, "W7/1");
+  auto both = find(figures, "W7/2");
+  if (single && both) {
+    double speedup = *single / *both;
+    printf("%-32s%11.2fx  of the routes a second  bar 1.8: %s\n", "W7   1 to 2 threads", speedup,
+           speedup >= 1.8 ? "met" : "MISSED");
+    missed += speedup >= 1.8 ? 0 : 1;
+  }
+  return missed;
+}
+
+int print_loads(const Figures& figures) {
+  int missed = 0;
+  printf("\n%-32s%12s%14s%10s\n", "load", "ms, largest", "ns/element", "growth");
+  for (const LoadRow& row : kLoads) {
+    auto small = find(figures, row.name + std::to_string(row.sizes[0]));
+    auto large = find(figures, row.name + std::to_string(row.sizes[2]));
+    if (!small || !large) continue;
+    double each = *large / row.sizes[2];
+    printf("%-32s%12.2f%14.1f%9.1fx", row.title, *large / 1e6, each,
+           each / (*small / row.sizes[0]));
+    missed += print_bar(*large / 1e6, row.bar);
+    printf("  (%d, %d, %d)\n", row.sizes[0], row.sizes[1], row.sizes[2]);
+  }
+  for (int users : {100, 1000, 10000}) {
+    auto value = find(figures, "W6/" + std::to_string(users));
+    if (!value) continue;
+    printf("W6   10,000 changes, %-6d users %11.2f%14.1f  a change\n", users, *value / 1e6,
+           *value / 10000);
+  }
+  return missed;
+}
+
+int print_bytes(const Figures& figures) {
+  int missed = 0;
+  printf("\n%-32s%12s\n", "memory", "bytes");
+  for (const Row& row : kBytes) {
+    auto value = find(figures, row.name);
+    if (!value) continue;
+    printf("%-32s%12.1f  an element", row.title, *value);
+    missed += print_bar(*value, row.bar);
+    printf("\n");
+  }
+  return missed;
+}
+
+// Processor time, so that what else runs on the machine counts little; but wall time where several
+// threads share the work or the benchmark keeps its own clock.
+double figure_of(const benchmark::BenchmarkReporter::Run& run) {
+  auto bytes = run.counters.find("bytes");
+  if (bytes != run.counters.end()) return bytes->second.value;
+  const bool own_clock = !run.run_name.time_type.empty();
+  return own_clock ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
+}
+
+}  // namespace
+
+bool Collector::ReportContext(const Context& /*context*/) { return true; }
+
+void Collector::ReportRuns(const std::vector<Run>& runs) {
+  for (const Run& run : runs) {
+    if (run.error_occurred) {
+      fprintf(stderr, "%s: %s\n", run.benchmark_name().c_str(), run.error_message.c_str());
+      failed_ = true;
+      continue;
+    }
+    if (run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") continue;
+    figures_[run.run_name.function_name] = figure_of(run);
+    if (isatty(STDERR_FILENO) != 0) fprintf(stderr, "\r%zu figures", figures_.size());
+  }
+}
+
+int print_table(const Figures& figures) {
+  if (isatty(STDERR_FILENO) != 0) fprintf(stderr, "\r");
+  int missed = print_evaluations(figures);
+  missed += print_growths(figures);
+  missed += print_loads(figures);
+  missed += print_bytes(figures);
+  return missed;
+}
+
+}  // namespace bench

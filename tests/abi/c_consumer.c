@@ -1,0 +1,182 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * A C host: every public header compiles as C11, the records lie in memory as hosts were built
+ * against, and one route goes through. A figure that changes here breaks every host in the field.
+ */
+#include "policy/pol_block.h"
+#include "policy/pol_clause.h"
+#include "policy/pol_color_list.h"
+#include "policy/pol_context.h"
+#include "policy/pol_dump.h"
+#include "policy/pol_exec.h"
+#include "policy/pol_export.h"
+#include "policy/pol_fwd_block.h"
+#include "policy/pol_pfx_list.h"
+#include "policy/pol_site_list.h"
+#include "policy/pol_test.h"
+#include "policy/pol_tloc_list.h"
+#include "policy/pol_types.h"
+#include "policy/pol_user.h"
+#include "policy/pol_util.h"
+#include "policy/pol_vpn_list.h"
+#include "policy/pol_xml_config.h"
+#include "policy/policy.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#define SIZE(type, bytes) _Static_assert(sizeof(type) == (bytes), #type " changed its size")
+#define AT(type, member, bytes) \
+  _Static_assert(offsetof(type, member) == (bytes), #type "." #member " moved")
+
+SIZE(t_ipaddr, 20);
+AT(t_ipaddr, addr, 4);
+SIZE(t_ipprefix, 24);
+AT(t_ipprefix, len, 20);
+SIZE(t_tloc_id, 24);
+AT(t_tloc_id, addr, 4);
+AT(t_tloc_id, color, 20);
+AT(t_tloc_id, encap, 21);
+
+SIZE(t_pol_route_attr, 944);
+AT(t_pol_route_attr, present, 0);
+AT(t_pol_route_attr, tag, 4);
+AT(t_pol_route_attr, preference, 8);
+AT(t_pol_route_attr, domain, 12);
+AT(t_pol_route_attr, site, 16);
+AT(t_pol_route_attr, label, 20);
+AT(t_pol_route_attr, tloc, 24);
+AT(t_pol_route_attr, originator, 48);
+AT(t_pol_route_attr, origin_protocol, 68);
+AT(t_pol_route_attr, origin_subtype, 69);
+AT(t_pol_route_attr, carrier, 70);
+AT(t_pol_route_attr, group_count, 72);
+AT(t_pol_route_attr, group, 76);
+AT(t_pol_route_attr, reserved, 332);
+
+SIZE(t_pol_tloc_result_entry, 40);
+AT(t_pol_tloc_result_entry, tloc, 8);
+SIZE(t_pol_tloc_result, 8 + 65 * 40);
+AT(t_pol_tloc_result, ultimate, 4);
+AT(t_pol_tloc_result, entry, 8);
+SIZE(t_pol_vpn_range, 16);
+
+SIZE(t_pol_route_query, 1048);
+AT(t_pol_route_query, attr, 0);
+AT(t_pol_route_query, id, 8);
+AT(t_pol_route_query, match_type, 10);
+AT(t_pol_route_query, kind, 12);
+AT(t_pol_route_query, vpn, 16);
+AT(t_pol_route_query, tloc, 24);
+AT(t_pol_route_query, prefix, 48);
+AT(t_pol_route_query, matched, 72);
+AT(t_pol_route_query, applied, 76);
+AT(t_pol_route_query, attr_copy, 80);
+AT(t_pol_route_query, tlocs, 1024);
+AT(t_pol_route_query, vpn_count, 1032);
+AT(t_pol_route_query, vpn_array, 1040);
+
+SIZE(t_pol_registration, 296);
+AT(t_pol_registration, policy_name, 128);
+AT(t_pol_registration, kind, 256);
+AT(t_pol_registration, direction, 260);
+AT(t_pol_registration, change, 264);
+AT(t_pol_registration, resolve, 272);
+AT(t_pol_registration, reserved, 280);
+AT(t_pol_registration, user_arg, 288);
+
+SIZE(t_pol_list_user, 32);
+AT(t_pol_list_user, change, 8);
+AT(t_pol_list_user, list, 16);
+AT(t_pol_list_user, arg, 24);
+SIZE(t_pol_list_registration, 88);
+AT(t_pol_list_registration, list_type, 64);
+AT(t_pol_list_registration, change, 72);
+AT(t_pol_list_registration, arg, 80);
+
+SIZE(t_pol_pfx_record, 32);
+AT(t_pol_pfx_record, prefix, 4);
+AT(t_pol_pfx_record, min, 28);
+AT(t_pol_pfx_record, max, 29);
+SIZE(t_pol_service_result, 4 + 64 * 40);
+AT(t_pol_service_result, entry, 4);
+SIZE(t_pol_callbacks, 8);
+
+SIZE(t_pol_explain_step, 24);
+AT(t_pol_explain_step, is_default, 4);
+AT(t_pol_explain_step, decided, 5);
+AT(t_pol_explain_step, action, 8);
+AT(t_pol_explain_step, clause, 12);
+AT(t_pol_explain_step, reason, 16);
+SIZE(t_pol_mem_info, 56);
+AT(t_pol_mem_info, description, 8);
+AT(t_pol_mem_info, type_name, 16);
+AT(t_pol_mem_info, size, 24);
+AT(t_pol_mem_info, allocs, 32);
+AT(t_pol_mem_info, frees, 40);
+AT(t_pol_mem_info, peak, 48);
+SIZE(t_pol_test_tokens, 20 * 50);
+SIZE(t_pol_test_finding, 32);
+SIZE(t_cli_user_ctx, 16);
+
+/* A record whose names fill their fields to the last byte, as C hosts may pass them. */
+static int names_without_nul(void) {
+  t_pol_registration record;
+  t_pol_user* user;
+  char name[POL_NAME_SIZE];
+  memset(&record, 'n', sizeof record);
+  record.kind = POL_KIND_ROUTE;
+  record.direction = POL_DIR_IN;
+  record.change = NULL;
+  record.resolve = NULL;
+  user = pol_register(&record);
+  if (user == NULL || pol_register(&record) != user) return 0;
+  if (strlen(pol_handle_get_name(user, name, sizeof name)) != POL_NAME_SIZE - 1) return 0;
+  pol_unregister(&user);
+  return user == NULL;
+}
+
+static int one_route(void) {
+  t_pol_registration record;
+  t_pol_route_attr attr;
+  t_pol_route_query query;
+  t_pol_user* user;
+  t_pol_block* policy;
+  t_pol_entry* entry;
+  uint8_t changed = 0;
+  uint32_t action;
+  memset(&record, 0, sizeof record);
+  strcpy(record.user_name, "consumer");
+  strcpy(record.policy_name, "P");
+  record.kind = POL_KIND_ROUTE;
+  record.direction = POL_DIR_OUT;
+  user = pol_register(&record);
+  policy = pol_block_find(g_pol_ctx_p, "P", POL_KIND_ROUTE, NULL);
+  entry = pol_entry_find_or_create(g_pol_ctx_p, policy, 10, &changed);
+  pol_entry_match_add(g_pol_ctx_p, policy, entry, POL_MATCH_ROUTE, &changed);
+  pol_entry_match_tag_add(g_pol_ctx_p, entry, 5, &changed);
+  pol_entry_action_add(g_pol_ctx_p, entry, POL_ACCEPT, &changed);
+
+  memset(&attr, 0xff, sizeof attr);
+  attr.present = POL_ATTR_TAG;
+  attr.tag = 5;
+  pol_pre_execute(&query, POL_KIND_ROUTE);
+  query.attr = &attr;
+  query.match_type = POL_MATCH_ROUTE;
+  action = pol_execute(user, &query);
+  if (action != POL_ACCEPT || query.matched != POL_MATCH_F_TAG) return 0;
+  /* All of the record, the bytes that the library knows nothing of too. */
+  if (memcmp(&attr, &query.attr_copy, sizeof attr) != 0) return 0;
+  pol_post_execute(&query);
+  return changed == 1;
+}
+
+int main(void) {
+  t_pol_callbacks callbacks = {NULL};
+  int good;
+  if (pol_init(&callbacks) == NULL) return 1;
+  good = names_without_nul() && one_route();
+  pol_destroy();
+  if (!good) fprintf(stderr, "a C host does not get what the headers promise\n");
+  return good ? 0 : 1;
+}

@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The index of a prefix list against a walk over its elements: bytes become adds, overwrites,
+// deletes and queries. Addresses come from few bits, so that elements nest, repeat and differ in
+// host bits only; families, lengths, operators and bounds may be anything.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "byte_reader.h"
+#include "kel/ipaddr.h"
+#include "pol_pfx_index.h"
+
+namespace {
+
+constexpr uint32_t kFamilies[] = {KEL_AF_INET, KEL_AF_INET6, 0, 7};
+constexpr size_t kMaxElements = 64;
+
+// Family, address and length, one byte that says how and then what it takes.
+t_ipprefix read_prefix(ByteReader* in) {
+  t_ipprefix prefix = {};
+  uint8_t shape = in->byte();
+  prefix.addr.family = kFamilies[(shape & 0x0f) < 13 ? shape & 1 : 2 + (shape & 1)];
+  if (shape >= 0xf0) return prefix;  // 0/0: elements with their own rule
+  prefix.len = in->byte();
+  if ((shape & 0x10) == 0) prefix.len %= 34;
+  // Two bytes of address at the top, two at a place that moves: depth without long inputs.
+  uint8_t bytes[16] = {};
+  bytes[0] = static_cast<uint8_t>(in->byte() & 0xc3);
+  bytes[1] = in->byte();
+  size_t limit = prefix.addr.family == KEL_AF_INET ? 4 : 16;
+  bytes[(shape >> 5) * 2 % limit] ^= in->byte();
+  bytes[((shape >> 5) * 2 + 1) % limit] ^= in->byte();
+  if (prefix.addr.family == KEL_AF_INET) {
+    for (int i = 0; i < 4; ++i) prefix.addr.addr.v4 = prefix.addr.addr.v4 << 8 | bytes[i];
+  } else {
+    memcpy(prefix.addr.addr.v6, bytes, sizeof bytes);
+  }
+  return prefix;
+}
+
+t_pol_pfx_record read_element(ByteReader* in) {
+  t_pol_pfx_record element = {};
+  element.op = in->byte() % 10;
+  element.min = in->byte();
+  element.max = in->byte();
+  element.prefix = read_prefix(in);
+  return element;
+}
+
+bool same_prefix(const t_ipprefix& a, const t_ipprefix& b) {
+  if (a.addr.family != b.addr.family || a.len != b.len) return false;
+  if (a.addr.family == KEL_AF_INET) return a.addr.addr.v4 == b.addr.addr.v4;
+  return memcmp(a.addr.addr.v6, b.addr.addr.v6, sizeof a.addr.addr.v6) == 0;
+}
+
+bool all_zero(const t_ipaddr& addr) {
+  static constexpr uint8_t kZero[16] = {};
+  if (addr.family == KEL_AF_INET) return addr.addr.v4 == 0;
+  return memcmp(addr.addr.v6, kZero, sizeof kZero) == 0;
+}
+
+// One element's answer, as the rule is told: containment, then the operator on the length.
+bool element_matches(const t_pol_pfx_record& element, const t_ipprefix& prefix) {
+  const uint32_t op = element.op;
+  const bool on_bounds =
+      op == POL_PFX_RANGE || op == POL_PFX_XRANGE || (op >= POL_PFX_LE && op <= POL_PFX_GT);
+  const bool everything = element.prefix.len == 0 && all_zero(element.prefix.addr) && on_bounds;
+  if (!everything && !ipprefix_is_contained(&prefix, &element.prefix)) return false;
+  const unsigned length = prefix.len;
+  switch (op) {
+    case 0:
+    case POL_PFX_EQ:
+      return length == element.prefix.len;
+    case POL_PFX_NE:
+      return length != element.prefix.len;
+    case POL_PFX_RANGE:
+      return element.min <= length && length <= element.max;
+    case POL_PFX_XRANGE:
+      return element.min < length && length < element.max;
+    case POL_PFX_LE:
+      return length <= element.max;
+    case POL_PFX_LT:
+      return length < element.min;
+    case POL_PFX_GE:
+      return length >= element.min;
+    case POL_PFX_GT:
+      return length > element.max;
+    default:
+      return false;
+  }
+}
+
+void compare(const pol::PfxIndex& index, const std::vector<t_pol_pfx_record>& elements,
+             const t_ipprefix& prefix) {
+  bool expected = false;
+  for (const t_pol_pfx_record& element : elements) {
+    expected = expected || element_matches(element, prefix);
+  }
+  if (index.matches(prefix) == expected) return;
+  char address[64];
+  std::fprintf(stderr, "%s/%u family %u among %zu elements: the walk says %d\n",
+               ipaddr_print(&prefix.addr, address, sizeof address), prefix.len, prefix.addr.family,
+               elements.size(), expected);
+  std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  ByteReader in(data, size);
+  pol::PfxIndex index = {};
+  std::vector<t_pol_pfx_record> elements;
+  while (!in.done()) {
+    const uint8_t what = in.byte();
+    if (what % 4 == 0 && !elements.empty()) {
+      const size_t at = in.byte() % elements.size();
+      index.remove(elements[at]);
+      elements.erase(elements.begin() + static_cast<std::ptrdiff_t>(at));
+    } else if (what % 4 == 1) {
+      compare(index, elements, read_prefix(&in));
+    } else {
+      t_pol_pfx_record element = read_element(&in);
+      size_t at = 0;
+      while (at < elements.size() && !same_prefix(elements[at].prefix, element.prefix)) ++at;
+      if (at < elements.size()) {
+        if (!index.replace(elements[at], element)) std::abort();
+        elements[at] = element;
+      } else if (elements.size() < kMaxElements) {
+        if (!index.add(element)) std::abort();
+        elements.push_back(element);
+      }
+    }
+  }
+  // Every element's own prefix, the one a bit longer, and both in the other family: where mistakes
+  // at a border show.
+  for (const t_pol_pfx_record& element : elements) {
+    t_ipprefix prefix = element.prefix;
+    for (uint32_t family : {element.prefix.addr.family, KEL_AF_INET, KEL_AF_INET6}) {
+      prefix.addr.family = family;
+      prefix.len = element.prefix.len;
+      compare(index, elements, prefix);
+      ++prefix.len;
+      compare(index, elements, prefix);
+    }
+  }
+  index.clear();
+  return 0;
+}
