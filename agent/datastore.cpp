@@ -49,7 +49,10 @@ void datastores_tidy(Datastores& stores) {
   if (!journal_wants_rewrite(stores.journal)) return;
   // All commits stand in the old file; failing to shorten it loses nothing.
   Result result = journal_rewrite(stores.journal, *stores.schema, stores.versions);
-  if (!result.ok()) syslog(LOG_WARNING, "%s", result.reason.c_str());
+  if (result.ok()) return;
+  syslog(LOG_WARNING, "%s", result.reason.c_str());
+  stores.journal.base_size =
+      stores.journal.size;  // not again before it has grown as much once more
 }
 
 const NodeRef* datastore_root(const Datastores& stores, int datastore) {

@@ -38,12 +38,12 @@ constexpr int kTick = 1'000;
 constexpr size_t kFrameHead = 4;
 constexpr size_t kMaxReason = 1u << 20;
 
-void add_status(Connection& connection, const Result& result, const Writer& content, size_t size) {
+void add_status(Connection& connection, const Result& result, std::string_view content) {
   Writer frame;
   frame.u32(0);
   frame.u32(result.error);
   if (result.ok()) {
-    frame.raw(const_cast<Writer&>(content).bytes().data(), size);
+    frame.raw(content.data(), content.size());
   } else {
     frame.text(std::string_view(result.reason).substr(0, kMaxReason));
   }
@@ -79,8 +79,7 @@ void answer_hello(Server& server, Connection& connection, std::string_view body)
   }
   connection.kind = kind;
   connection.state = result.ok() ? Connection::State::kServing : Connection::State::kClosing;
-  Writer nothing;
-  add_status(connection, result, nothing, 0);
+  add_status(connection, result, {});
   if (connection.stream != 0) {
     connection.out += server.agent.streams[connection.stream].text;
     server.agent.streams[connection.stream].text.clear();
@@ -109,7 +108,7 @@ void answer_request(Server& server, Connection& connection, std::string_view bod
   if (content.size() > yarrow::kMaxFrame - kFrameHead) {
     result = failed(YARROW_ERR_TOOBIG, "the answer is too big");
   }
-  add_status(connection, result, content, content.size());
+  add_status(connection, result, content.view());
 }
 
 // Answers the next whole frame of the input; false when there is none yet.
@@ -118,8 +117,7 @@ bool answer_next(Server& server, Connection& connection) {
   if (connection.in.size() < kFrameHead) return false;
   uint32_t length = Reader(connection.in).u32();
   if (length > yarrow::kMaxFrame) {
-    Writer nothing;
-    add_status(connection, failed(YARROW_ERR_TOOBIG, "a frame too big"), nothing, 0);
+    add_status(connection, failed(YARROW_ERR_TOOBIG, "a frame too big"), {});
     connection.state = Connection::State::kClosing;
     return false;
   }

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/session.h"
 
+#include <syslog.h>
+
 #include <algorithm>
 #include <chrono>
+#include <cinttypes>
 
 #include "agent/edits.h"
 #include "agent/keypath.h"
@@ -74,6 +77,7 @@ Result start_session(Session& session, Reader& in) {
   session.user = in.text(kMaxName);
   session.context = in.text(kMaxName);
   session.client_id = in.text(kMaxName);
+  session.source = in.text(kMaxName);
   if (!in.ok() || session.user.empty()) return failed(YARROW_ERR_PROTOCOL, "no user");
   session.started = true;
   return {};
@@ -140,13 +144,21 @@ Result answer_edit(const Agent& agent, Transaction& trans, Request request, Read
   }
 }
 
+void publish(Agent& agent, const Session& session, const CommitRef& record) {
+  if (!record) return;
+  syslog(LOG_INFO, "commit %" PRIu64 ": %zu changes by %s (%s) %s %s", record->commit,
+         record->changes.size(), session.user.c_str(), session.context.c_str(),
+         session.client_id.c_str(), session.source.c_str());
+  agent.unpublished.push_back(record);
+}
+
 Result apply(Agent& agent, const Session& session, Transaction& trans, bool keep_open) {
   Result result = check_lock(agent, session, trans.datastore);
   if (!result.ok()) return result;
   CommitRef record;
   result = datastore_apply(agent.stores, trans.datastore, trans.base, trans.root, &record);
   if (!result.ok()) return result;
-  if (record) agent.unpublished.push_back(record);
+  publish(agent, session, record);
   trans.ended = !keep_open;
   trans.base = trans.root = *datastore_root(agent.stores, trans.datastore);
   return {};
@@ -159,7 +171,7 @@ Result commit(Agent& agent, const Session& session) {
   }
   CommitRef record;
   Result result = datastore_commit(agent.stores, &record);
-  if (result.ok() && record) agent.unpublished.push_back(record);
+  if (result.ok()) publish(agent, session, record);
   return result;
 }
 

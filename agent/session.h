@@ -32,7 +32,7 @@ struct Load {
 struct Session {
   uint64_t id = 0;  // of the connection
   bool started = false;
-  std::string user, context, client_id;
+  std::string user, context, client_id, source;  // for the system log
   std::map<int, Transaction> transactions;
   int next_transaction = 1;
   bool loading = false;

@@ -98,8 +98,7 @@ int connect_socket(int sock, const struct sockaddr* addr, socklen_t addr_len, So
   Writer hello;
   hello.u32(kWireMagic);
   hello.u8(static_cast<uint8_t>(kind));
-  Writer tail = arguments;
-  hello.raw(tail.bytes().data(), tail.size());
+  hello.raw(arguments.view().data(), arguments.size());
   std::string body;
   if (send_frame(sock, hello.bytes()) != YARROW_OK) return YARROW_ERR;
   if (read_frame(sock, &body) != YARROW_OK) return YARROW_ERR;
@@ -125,8 +124,7 @@ int read_frame(int sock, std::string* body) {
 int call(int sock, Request request, const Writer& arguments, std::string* content) {
   Writer body;
   body.u8(static_cast<uint8_t>(request));
-  Writer tail = arguments;
-  body.raw(tail.bytes().data(), tail.size());
+  body.raw(arguments.view().data(), arguments.size());
   if (send_frame(sock, body.bytes()) != YARROW_OK) return YARROW_ERR;
   if (read_frame(sock, content) != YARROW_OK) return YARROW_ERR;
   return take_status(content);

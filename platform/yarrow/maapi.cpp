@@ -2,6 +2,7 @@
 #include "yarrow/yarrow_maapi.h"
 
 #include <fcntl.h>
+#include <netdb.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,10 +32,10 @@ Writer on_transaction(int trans) {
 
 Writer with_number(int number) { return on_transaction(number); }
 
-int load_text(int sock, int trans, unsigned flags, std::string_view text, Writer path) {
+int load_text(int sock, int trans, unsigned flags, std::string_view text, const Writer& path) {
   Writer begin = on_transaction(trans);
   begin.u32(flags);
-  begin.raw(path.bytes().data(), path.size());
+  begin.raw(path.view().data(), path.size());
   if (text.size() > yarrow::kMaxLoadText) return yarrow::fail(YARROW_ERR_TOOBIG, "too much text");
   if (call_plain(sock, Request::kLoadBegin, begin) != YARROW_OK) return YARROW_ERR;
   while (!text.empty()) {
@@ -69,18 +70,28 @@ int maapi_connect(int sock, const struct sockaddr* addr, socklen_t addr_len) {
 int maapi_close(int sock) { return close(sock) == 0 ? YARROW_OK : yarrow::fail_os("close"); }
 
 int maapi_start_user_session3(int sock, const char* user, const char* context,
-                              const struct sockaddr* /*source*/, const char* client_id) {
+                              const struct sockaddr* source, const char* client_id) {
+  char host[NI_MAXHOST] = "";
+  socklen_t length = source != nullptr && source->sa_family == AF_INET6 ? sizeof(sockaddr_in6)
+                                                                        : sizeof(sockaddr_in);
+  if (source != nullptr) {
+    getnameinfo(source, length, host, sizeof host, nullptr, 0, NI_NUMERICHOST);
+  }
   Writer out;
   out.text(name_of(user));
   out.text(name_of(context));
   out.text(name_of(client_id));
+  out.text(name_of(host));
   return call_plain(sock, Request::kStartSession, out);
 }
 
 int maapi_end_user_session(int sock) { return call_plain(sock, Request::kEndSession, Writer()); }
 
-int maapi_start_trans_flags2(int sock, int datastore, int mode, int /*user_session*/,
-                             unsigned /*flags*/, const char* /*label*/, const char* /*client_id*/) {
+int maapi_start_trans_flags2(int sock, int datastore, int mode, int user_session, unsigned flags,
+                             const char* label, const char* client_id) {
+  if (user_session != 0 || flags != 0 || label != nullptr || client_id != nullptr) {
+    return yarrow::fail(YARROW_ERR_PROTOCOL, "an argument that is to be 0 is not");
+  }
   Writer out = with_number(datastore);
   out.u32(static_cast<uint32_t>(mode));
   return call_number(sock, Request::kStartTrans, out);
@@ -233,7 +244,8 @@ int maapi_save_config(int sock, int trans, unsigned flags, const char* format, .
 }
 
 int yarrow_stream_connect(int sock, const struct sockaddr* addr, socklen_t addr_len, int id,
-                          int /*flags*/) {
+                          int flags) {
+  if (flags != 0) return yarrow::fail(YARROW_ERR_PROTOCOL, "no such flags");
   return yarrow::connect_socket(sock, addr, addr_len, SocketKind::kStream, with_number(id));
 }
 

@@ -81,6 +81,7 @@ class Writer {
     for (size_t i = 0; i < 4; ++i) bytes_[at + i] = static_cast<char>(value >> (24 - 8 * i));
   }
   std::string& bytes() { return bytes_; }
+  std::string_view view() const { return bytes_; }
   size_t size() const { return bytes_.size(); }
 
  private:

@@ -185,10 +185,9 @@ TEST_F(ChangesTest, ASubscriberThatLagsBehindGetsEverythingInTheEnd) {
   for (int i = 0; i < 400; ++i)
     many.append("<site><id>").append(std::to_string(i)).append("</id></site>");
   for (int i = 0; i < kCommits; ++i) {
-    std::string name = std::to_string(i);
-    ASSERT_EQ(why(session_.commit(policy("<lists><site-list><name>" + name + "</name>" + many +
-                                         "</site-list></lists>"))),
-              "ok");
+    std::string list = "<lists><site-list><name>";
+    list.append(std::to_string(i)).append("</name>").append(many).append("</site-list></lists>");
+    ASSERT_EQ(why(session_.commit(policy(list))), "ok");
   }
   int batches = 0;
   size_t lists = 0;

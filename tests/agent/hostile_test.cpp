@@ -87,7 +87,7 @@ TEST(HostileTest, AThousandSpoiledFramesLeaveTheAgentServing) {
       send_raw(socket.fd(), framed(hello(kind)));
       Writer session;
       session.u8(static_cast<uint8_t>(Request::kStartSession));
-      for (const char* text : {"u", "c", "i"}) session.text(text);
+      for (const char* text : {"u", "c", "i", "s"}) session.text(text);
       Writer trans;
       trans.u8(static_cast<uint8_t>(Request::kStartTrans));
       trans.u32(MAAPI_CANDIDATE);

@@ -48,16 +48,16 @@ int maapi_connect(int sock, const struct sockaddr* addr, socklen_t addr_len);
 /* Closes the socket. */
 int maapi_close(int sock);
 
-/* Names who acts on this socket; one session a socket. `context` says which part of the system
- * asks, `source` where its user came from (null: this host), `client_id` identifies the program
- * (null: none). Each text counts with its first 127 bytes. */
+/* Names who acts on this socket; one session a socket. The agent writes these names beside each
+ * commit into the system log: `context` says which part of the system asks, `source` is where its
+ * user came from (null: this host), `client_id` identifies the program (null: none). Each text
+ * counts with its first 127 bytes. */
 int maapi_start_user_session3(int sock, const char* user, const char* context,
                               const struct sockaddr* source, const char* client_id);
 int maapi_end_user_session(int sock);
 
-/* Starts a transaction and returns its handle, 1 or more; at most 16 a socket. `user_session`,
- * `flags`, `label` and `client_id` are for sessions on behalf of others: 0 takes the socket's own.
- */
+/* Starts a transaction of the socket's session and returns its handle, 1 or more; at most 16 a
+ * socket. The last four arguments are reserved: 0 or null. */
 int maapi_start_trans_flags2(int sock, int datastore, int mode, int user_session, unsigned flags,
                              const char* label, const char* client_id);
 
