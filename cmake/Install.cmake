@@ -7,7 +7,7 @@ install(DIRECTORY include/policy DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONE
 # The contracts that the public headers speak in.
 install(FILES platform/include/kel/avl.h platform/include/kel/ipaddr.h platform/include/kel/string.h
   platform/include/kel/tloc.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kel COMPONENT devel)
-install(FILES platform/include/yarrow/yarrow_cli.h
+install(FILES platform/include/yarrow/yarrow_cli.h platform/include/yarrow/yarrow_types.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/yarrow COMPONENT devel)
 
 install(TARGETS policy EXPORT libpolicyTargets

@@ -136,6 +136,7 @@ void ReasonObserver::describe(const t_pol_entry& entry, uint32_t clause) {
       return no_element(what, "range", "site-list", match.site_list,
                         is_empty<t_site_list>(match.site_list));
     case POL_MATCH_F_PFX_LIST:
+      if (query_.prefix.addr.family == 0) return say("it carries no prefix");
       snprintf(what, sizeof what, "prefix %s/%u",
                ipaddr_print(&query_.prefix.addr, address, sizeof address),
                unsigned{query_.prefix.len});

@@ -5,7 +5,9 @@
 
 #include "base/pol_crash.h"
 #include "base/pol_memory.h"
+#include "pol_clause_internal.h"
 #include "pol_fwd_block_internal.h"
+#include "policy/pol_clause.h"
 #include "policy/pol_xml_config.h"
 
 namespace pol {
@@ -54,6 +56,11 @@ uint32_t pol_fwd_block_init(t_pol_ctx* /*ctx*/, t_pol_block* block) {
 void pol_fwd_block_delete(t_pol_ctx* ctx, avl_tree* tree, t_pol_block* block,
                           uint8_t remove_from_tree) {
   if (!pol::is_forwarding(block->kind)) pol::crash();
+  // Text policy files give forwarding policies default actions with clauses; those are on lists.
+  uint8_t changed = 0;
+  pol_entry_set_delete(ctx, &block->default_action, &changed);
+  pol_entry_match_delete(ctx, &block->default_action, &changed);
+  pol::entry_reset(&block->default_action, block);
   if (!block->users.empty()) {
     block->orphaned = 1;
     pol_block_users_add_to_chg_list(ctx, block);

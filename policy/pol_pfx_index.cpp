@@ -99,7 +99,7 @@ Interval lengths_of(const t_pol_pfx_record& element) {
       high = 255;
       break;
     case POL_PFX_GT:
-      low = max + 1;
+      low = min + 1;
       high = 255;
       break;
     default:

@@ -81,7 +81,7 @@ enum pol_pfx_op {
   POL_PFX_LE = 5, /* L <= max */
   POL_PFX_LT = 6, /* L < min */
   POL_PFX_GE = 7, /* L >= min */
-  POL_PFX_GT = 8  /* L > max */
+  POL_PFX_GT = 8  /* L > min */
 };
 
 /* Match clauses: a sequence's configured ones, and those that a query reports as matched. */

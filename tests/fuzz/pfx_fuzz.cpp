@@ -86,7 +86,7 @@ bool element_matches(const t_pol_pfx_record& element, const t_ipprefix& prefix) 
     case POL_PFX_GE:
       return length >= element.min;
     case POL_PFX_GT:
-      return length > element.max;
+      return length > element.min;
     default:
       return false;
   }

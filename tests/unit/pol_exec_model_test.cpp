@@ -109,7 +109,8 @@ bool element_takes(const t_pol_pfx_record& e, const t_ipprefix& q) {
   const bool bounded = e.op >= 1 && e.op <= 8 && e.op != POL_PFX_EQ && e.op != POL_PFX_NE;
   if (!zero || !bounded) {
     if (q.addr.family != e.prefix.addr.family || q.len < e.prefix.len) return false;
-    for (unsigned i = 0; i < e.prefix.len; ++i) {
+    const unsigned width = q.addr.family == KEL_AF_INET ? 32 : 128;
+    for (unsigned i = 0; i < e.prefix.len && i < width; ++i) {
       if (bit_of(q.addr, i) != bit_of(e.prefix.addr, i)) return false;
     }
   }
@@ -130,7 +131,7 @@ bool element_takes(const t_pol_pfx_record& e, const t_ipprefix& q) {
     case POL_PFX_GE:
       return q.len >= e.min;
     case POL_PFX_GT:
-      return q.len > e.max;
+      return q.len > e.min;
     default:
       return false;
   }
