@@ -273,6 +273,8 @@ void change_encode(const Change& change, yarrow::Writer& out) {
       out.u32(C_XMLBEGIN);
     } else if (leaf.kind == LeafChange::Kind::kEnd) {
       out.u32(C_XMLEND);
+    } else if (!leaf.leaf && leaf.schema->has_default) {
+      value_encode(*leaf.schema, leaf.schema->default_text, out);
     } else if (!leaf.leaf) {
       out.u32(C_NOEXISTS);
     } else if (leaf.schema->kind == YARROW_NODE_LEAF_LIST) {

@@ -38,6 +38,27 @@ TEST_F(ChangesTest, ListsComeBeforeThePoliciesThatNameThemAndParentsBeforeMember
   EXPECT_EQ(subscriber.commit_id(), 1);
 }
 
+// Readers take an action for granted once it was set: its removal is its default.
+TEST_F(ChangesTest, ARemovedLeafWithADefaultIsToldAsItsDefault) {
+  ASSERT_EQ(why(session_.commit(policy(
+                "<control-policy><name>P</name><default-action>accept</default-action><sequence>"
+                "<number>10</number><action><action-value>accept</action-value><set><tag>5</tag>"
+                "</set></action></sequence></control-policy>"))),
+            "ok");
+  Subscriber subscriber(agent_.port(), "/policy");
+  int trans = session_.begin();
+  EXPECT_EQ(why(maapi_delete(session_.fd(), trans, "/policy/control-policy{P}/default-action")),
+            "ok");
+  EXPECT_EQ(
+      why(maapi_delete(session_.fd(), trans, "/policy/control-policy{P}/sequence{10}/action")),
+      "ok");
+  EXPECT_EQ(why(maapi_apply_trans(session_.fd(), trans, 0)), "ok");
+  EXPECT_EQ(why(maapi_candidate_commit(session_.fd())), "ok");
+  EXPECT_EQ(subscriber.next(),
+            "3 /policy/control-policy@1 [P] default-action=#1\n"
+            "3 /policy/control-policy/sequence@2 [P 10] action( action-value=#1 set( tag=- ) )\n");
+}
+
 TEST_F(ChangesTest, ADeletedPolicyOrListIsToldOnceWithoutItsMembers) {
   ASSERT_EQ(why(session_.commit(policy(
                 "<lists><site-list><name>S</name><site><id>1</id></site></site-list><site-list>"

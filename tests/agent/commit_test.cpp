@@ -88,7 +88,8 @@ TEST_F(CommitTest, ARefusedCommitNamesEveryConditionThatFailsAndKeepsRunningAndC
       "/policy/control-policy{C}/sequence{1}/match{tloc}: a TLOC and a TLOC list exclude one "
       "another\n"
       "/policy/control-policy{C}/sequence{1}/match{tloc}: a site and a site list exclude one "
-      "another";
+      "another\n"
+      "/policy/control-policy{C}/sequence{1}/match{tloc}/tloc: a TLOC needs its address";
   EXPECT_EQ(why(maapi_candidate_validate(fd_)), reasons);
   EXPECT_EQ(why(maapi_candidate_commit(fd_)), reasons);
   EXPECT_EQ(session_.save("/policy"), "");

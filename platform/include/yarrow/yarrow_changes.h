@@ -32,7 +32,8 @@ typedef struct t_yarrow_change {
   uint32_t value_count;       /* at most 65535 */
   /* The changed leaves of the entry itself, not of lists in it, in schema order and without its
    * keys. A container stands as C_XMLBEGIN and C_XMLEND around what changed in it, and not at all
-   * if nothing did. A removed leaf is C_NOEXISTS. A changed leaf-list comes whole. */
+   * if nothing did. A removed leaf is C_NOEXISTS, or its default
+   * where the schema gives one. A changed leaf-list comes whole. */
   const t_yarrow_tag_value* values;
 } t_yarrow_change;
 
