@@ -32,7 +32,8 @@ enum pol_test_line {
 typedef void (*t_pol_test_site_policy)(t_pol_test_tokens tokens, uint32_t count);
 
 /* Splits a line at blanks into `tokens`, which the caller has zeroed, and returns their number. The
- * last character of the last word is taken for the newline and dropped, whatever it is. */
+ * last character of the last word is taken for the newline and dropped, whatever it is. REQUIRES:
+ * `line` is NUL-terminated. */
 POL_API uint32_t pol_test_get_tokens(const char* line, t_pol_test_tokens tokens, uint32_t* kind);
 
 /* Reads POL_TEST_CFG_PATH, or a given file, into g_pol_ctx_p and notifies once. A null handler
@@ -40,13 +41,16 @@ POL_API uint32_t pol_test_get_tokens(const char* line, t_pol_test_tokens tokens,
 POL_API void pol_test_parse_cfg(t_pol_test_site_policy site_policy);
 POL_API int pol_test_parse_file(const char* path, t_pol_test_site_policy site_policy);
 
+/* Carry out one line; nothing without a context. A missing value reads as an empty word, a word
+ * where a keyword should stand ends the line. */
 POL_API void pol_test_parse_route_policy(t_pol_test_tokens tokens, uint32_t count);
 POL_API void pol_test_parse_pfx_list(t_pol_test_tokens tokens, uint32_t count);
 POL_API void pol_test_parse_tloc_list(t_pol_test_tokens tokens, uint32_t count);
 POL_API void pol_test_parse_site_list(t_pol_test_tokens tokens, uint32_t count);
 POL_API void pol_test_parse_vpn_list(t_pol_test_tokens tokens);
 
-/* "A.B.C.D/L" and "A.B.C.D:COLOR"; what the text does not give stays as it was. */
+/* "A.B.C.D/L" and "A.B.C.D:COLOR", IPv4. Numbers that the text does not give are 0; of those that
+ * are too large the low bits count. Fields without a place in the text stay as they were. */
 POL_API void pol_test_pfx_str_to_pfx(const char* text, t_ipprefix* prefix);
 POL_API void pol_test_tloc_str_to_tloc(const char* text, t_tloc_id* tloc);
 
@@ -64,8 +68,9 @@ typedef struct t_pol_test_finding {
 typedef void (*t_pol_test_finding_cb)(const t_pol_test_finding* finding, void* arg);
 
 /* Reports everything wrong with a policy file, in order of line and column, errors and warnings
- * together. Returns the number of findings, or -1 when the file cannot be opened. Needs no context.
- */
+ * together. Returns the number of findings, or -1 when the file cannot be read or memory runs out.
+ * Needs no context, and takes none into account: what only the host configured counts as never
+ * made. */
 POL_API int pol_test_check_file(const char* path, t_pol_test_finding_cb report, void* arg);
 
 #endif

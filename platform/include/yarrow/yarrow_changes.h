@@ -7,10 +7,10 @@
  * with yarrow_sub_read and walk it with yarrow_batch_iterate. Commits do not wait for subscribers:
  * one that lags behind by more than 256 commits gets the older ones as a single batch.
  *
- * Order  in a batch: lists before the objects and policies that name them; in one list, entries in
- * key order; an entry that is created or modified before what it holds. A deleted entry is told
- * once, its members are not. An entry is MODIFIED, without values, also when only a member of it
- *        changed.
+ * Order  in a batch: lists before the objects and policies that name them; in one list the deleted
+ *        entries before the others, each in key order; an entry that is created or modified before
+ * what it holds. A deleted entry is told once, its members are not. An entry is MODIFIED, without
+ *        values, also when only a member of it changed.
  */
 #ifndef YARROW_CHANGES_H
 #define YARROW_CHANGES_H

@@ -48,23 +48,23 @@ int maapi_connect(int sock, const struct sockaddr* addr, socklen_t addr_len);
 /* Closes the socket. */
 int maapi_close(int sock);
 
-/* Names who acts on this socket; one session a socket. `context` says which part of the system
- * asks, `source` where its user came from (null: this host), `client_id` identifies the program
- * (null: none). Each text counts with its first 127 bytes. */
+/* Names who acts on this socket; one session a socket. The agent writes these names beside each
+ * commit into the system log: `context` says which part of the system asks, `source` is where its
+ * user came from (null: this host), `client_id` identifies the program (null: none). Each text
+ * counts with its first 127 bytes. */
 int maapi_start_user_session3(int sock, const char* user, const char* context,
                               const struct sockaddr* source, const char* client_id);
 int maapi_end_user_session(int sock);
 
-/* Starts a transaction and returns its handle, 1 or more; at most 16 a socket. `user_session`,
- * `flags`, `label` and `client_id` are for sessions on behalf of others: 0 takes the socket's own.
- */
+/* Starts a transaction of the socket's session and returns its handle, 1 or more; at most 16 a
+ * socket. The last four arguments are reserved: 0 or null. */
 int maapi_start_trans_flags2(int sock, int datastore, int mode, int user_session, unsigned flags,
                              const char* label, const char* client_id);
 
 /* Ends a transaction; edits not applied are dropped. */
 int maapi_finish_trans(int sock, int trans);
 
-/* Whether a node exists: 1 or 0. A container without presence exists once anything in it does. */
+/* Whether a node exists: 1 or 0. A container exists once anything in it does. */
 int maapi_exists(int sock, int trans, const char* format, ...) YARROW_PRINTF(3, 4);
 
 /* Entries of the list at a path given without its last keys: 0 or more. */
@@ -85,7 +85,7 @@ int maapi_set_elem(int sock, int trans, const t_yarrow_value* value, const char*
 int maapi_set_elem_text(int sock, int trans, const char* text, const char* format, ...)
     YARROW_PRINTF(4, 5);
 
-/* Creates a list entry or a container with presence; YARROW_ERR_ALREADY if it exists. */
+/* Creates a list entry; YARROW_ERR_ALREADY if it exists. */
 int maapi_create(int sock, int trans, const char* format, ...) YARROW_PRINTF(3, 4);
 
 /* Sets an entry whole: `values` are the first `count` leaves of the entry in schema order, its keys
@@ -95,7 +95,7 @@ int maapi_set_object(int sock, int trans, const t_yarrow_value* values, int coun
                      const char* format, ...) YARROW_PRINTF(5, 6);
 
 /* Deletes a node with all that it holds. An absent entry or leaf is YARROW_ERR_NOEXISTS; a
- * container without presence, a whole list and a leaf with a default are never absent. */
+ * container, a whole list and a leaf with a default are never absent. */
 int maapi_delete(int sock, int trans, const char* format, ...) YARROW_PRINTF(3, 4);
 
 /* Checks the transaction as an apply to running would; YARROW_ERR_INVALID with all reasons. */

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The datastores and what moves between them: apply, commit, rollback.
+#ifndef AGENT_DATASTORE_H
+#define AGENT_DATASTORE_H
+
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "agent/journal.h"
+#include "yarrow/yarrow_maapi.h"
+
+namespace agent {
+
+// A commit as subscribers are told of it.
+struct CommitRecord {
+  uint64_t commit = 0;
+  NodeRef before, after;
+  std::vector<Change> changes;
+};
+using CommitRef = std::shared_ptr<const CommitRecord>;
+
+struct Datastores {
+  const Schema* schema = nullptr;
+  Journal journal;
+  std::deque<Version> versions;  // oldest first; the last is running
+  NodeRef candidate;
+  NodeRef operational;
+
+  const NodeRef& running() const { return versions.back().root; }
+  uint64_t commit_id() const { return versions.back().commit; }
+};
+
+Result datastores_open(Datastores& stores, const Schema& schema, const std::string& directory);
+
+// Shortens the file on disk when that is due. Takes as long as writing the whole configuration: to
+// be called when no client waits.
+void datastores_tidy(Datastores& stores);
+
+// The tree of a datastore by its number; null for a number that has none.
+const NodeRef* datastore_root(const Datastores& stores, int datastore);
+
+// Brings what turned `base` into `edited` into the datastore. For running this is a commit, whose
+// record is handed out; `record` is null if nothing changed.
+Result datastore_apply(Datastores& stores, int datastore, const NodeRef& base,
+                       const NodeRef& edited, CommitRef* record);
+
+// Whether `root` could become running.
+Result datastore_validate(const Datastores& stores, const NodeRef& root);
+
+// Makes the candidate running. `record` is null if they were equal already.
+Result datastore_commit(Datastores& stores, CommitRef* record);
+
+// Puts running of `back` commits ago into the candidate.
+Result datastore_rollback(Datastores& stores, unsigned back);
+
+}  // namespace agent
+#endif

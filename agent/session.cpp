@@ -1,0 +1,433 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "agent/session.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cinttypes>
+
+#include "agent/edits.h"
+#include "agent/keypath.h"
+#include "agent/xml.h"
+#include "yarrow/yarrow_cdb.h"
+
+namespace agent {
+
+namespace {
+
+using yarrow::Reader;
+using yarrow::Request;
+using yarrow::SocketKind;
+using yarrow::Writer;
+
+constexpr size_t kMaxTransactions = 16;
+constexpr size_t kMaxStreamsEach = 8;
+constexpr int64_t kStreamWait = 60'000;
+constexpr size_t kMaxName = 127;
+constexpr size_t kSchemaChunk = 512u << 10;
+
+Result no_session() { return failed(YARROW_ERR_PROTOCOL, "no user session"); }
+
+// Null, with the reason in `result`, if there is none, or none that may be written.
+Transaction* transaction_of(Session& session, Reader& in, bool for_writing, Result* result) {
+  auto at = session.transactions.find(static_cast<int>(in.u32()));
+  if (at == session.transactions.end()) {
+    *result = failed(YARROW_ERR_PROTOCOL, "no such transaction");
+    return nullptr;
+  }
+  if (for_writing && !at->second.writable) {
+    *result = failed(YARROW_ERR_ACCESS, "a transaction for reading");
+    return nullptr;
+  }
+  if (for_writing && at->second.ended) {
+    *result = failed(YARROW_ERR_PROTOCOL, "the transaction is applied already");
+    return nullptr;
+  }
+  return &at->second;
+}
+
+Result path_of(const Agent& agent, Reader& in, Path* path) {
+  std::string_view text = in.text(yarrow::kMaxPath);
+  if (!in.ok()) return failed(YARROW_ERR_PROTOCOL, "a request cut short");
+  return path_parse(*agent.schema, text, path);
+}
+
+Result check_lock(const Agent& agent, const Session& session, int datastore) {
+  auto held = agent.locks.find(datastore);
+  if (held == agent.locks.end() || held->second == session.id) return {};
+  return failed(YARROW_ERR_LOCKED, "another session holds the lock");
+}
+
+int datastore_of_cdb(int number) {
+  switch (number) {
+    case CDB_RUNNING:
+      return MAAPI_RUNNING;
+    case CDB_CANDIDATE:
+      return MAAPI_CANDIDATE;
+    case CDB_OPERATIONAL:
+      return MAAPI_OPERATIONAL;
+    default:
+      return 0;
+  }
+}
+
+Result start_session(Session& session, Reader& in) {
+  if (session.started) return failed(YARROW_ERR_ALREADY, "the socket has its user session");
+  session.user = in.text(kMaxName);
+  session.context = in.text(kMaxName);
+  session.client_id = in.text(kMaxName);
+  session.source = in.text(kMaxName);
+  if (!in.ok() || session.user.empty()) return failed(YARROW_ERR_PROTOCOL, "no user");
+  session.started = true;
+  return {};
+}
+
+Result start_transaction(Agent& agent, Session& session, Reader& in, Writer& out) {
+  Transaction trans;
+  trans.datastore = static_cast<int>(in.u32());
+  uint32_t mode = in.u32();
+  const NodeRef* root = datastore_root(agent.stores, trans.datastore);
+  if (root == nullptr) return failed(YARROW_ERR_PROTOCOL, "no such datastore");
+  if (mode != MAAPI_READ && mode != MAAPI_READ_WRITE) {
+    return failed(YARROW_ERR_PROTOCOL, "no such mode");
+  }
+  if (session.transactions.size() == kMaxTransactions) {
+    return failed(YARROW_ERR_TOOBIG, "too many transactions");
+  }
+  trans.writable = mode == MAAPI_READ_WRITE;
+  trans.base = trans.root = *root;
+  int handle = session.next_transaction++;
+  session.transactions.emplace(handle, std::move(trans));
+  out.u32(static_cast<uint32_t>(handle));
+  return {};
+}
+
+// The reads, alike in a transaction and in a direct session.
+Result answer_read(const Agent& agent, const NodeRef& root, Request request, Reader& in,
+                   Writer& out) {
+  Path path;
+  Result result = path_of(agent, in, &path);
+  if (!result.ok()) return result;
+  if (request == Request::kExists) {
+    out.u32(node_exists(root, path) ? 1 : 0);
+    return {};
+  }
+  if (request == Request::kNumInstances) {
+    uint32_t count = 0;
+    result = count_entries(root, path, &count);
+    out.u32(count);
+    return result;
+  }
+  std::string text;
+  result = read_text(root, path, &text);
+  out.text(text);
+  return result;
+}
+
+Result answer_edit(const Agent& agent, Transaction& trans, Request request, Reader& in) {
+  Path path;
+  Result result = path_of(agent, in, &path);
+  if (!result.ok()) return result;
+  Editor editor{*agent.schema, trans.datastore == MAAPI_OPERATIONAL, &trans.root};
+  switch (request) {
+    case Request::kSetValue:
+      return edit_set_value(editor, path, in);
+    case Request::kSetText:
+      return edit_set_text(editor, path, in.text(yarrow::kMaxValueText + 1));
+    case Request::kCreate:
+      return edit_create(editor, path);
+    case Request::kSetObject:
+      return edit_set_object(editor, path, in);
+    default:
+      return edit_delete(editor, path);
+  }
+}
+
+void publish(Agent& agent, const Session& session, const CommitRef& record) {
+  if (!record) return;
+  syslog(LOG_INFO, "commit %" PRIu64 ": %zu changes by %s (%s) %s %s", record->commit,
+         record->changes.size(), session.user.c_str(), session.context.c_str(),
+         session.client_id.c_str(), session.source.c_str());
+  agent.unpublished.push_back(record);
+}
+
+Result apply(Agent& agent, const Session& session, Transaction& trans, bool keep_open) {
+  Result result = check_lock(agent, session, trans.datastore);
+  if (!result.ok()) return result;
+  CommitRef record;
+  result = datastore_apply(agent.stores, trans.datastore, trans.base, trans.root, &record);
+  if (!result.ok()) return result;
+  publish(agent, session, record);
+  trans.ended = !keep_open;
+  trans.base = trans.root = *datastore_root(agent.stores, trans.datastore);
+  return {};
+}
+
+Result commit(Agent& agent, const Session& session) {
+  for (int datastore : {MAAPI_CANDIDATE, MAAPI_RUNNING}) {
+    Result result = check_lock(agent, session, datastore);
+    if (!result.ok()) return result;
+  }
+  CommitRef record;
+  Result result = datastore_commit(agent.stores, &record);
+  if (result.ok()) publish(agent, session, record);
+  return result;
+}
+
+Result lock(Agent& agent, const Session& session, int datastore) {
+  if (datastore_root(agent.stores, datastore) == nullptr) {
+    return failed(YARROW_ERR_PROTOCOL, "no such datastore");
+  }
+  auto [held, is_new] = agent.locks.emplace(datastore, session.id);
+  if (is_new) return {};
+  if (held->second == session.id) return failed(YARROW_ERR_ALREADY, "the lock is held already");
+  return failed(YARROW_ERR_LOCKED, "another session holds the lock");
+}
+
+Result unlock(Agent& agent, const Session& session, int datastore) {
+  auto held = agent.locks.find(datastore);
+  if (held == agent.locks.end() || held->second != session.id) {
+    return failed(YARROW_ERR_PROTOCOL, "the lock is not held");
+  }
+  agent.locks.erase(held);
+  return {};
+}
+
+Result save(Agent& agent, const Session& session, const Transaction& trans, Reader& in,
+            Writer& out) {
+  uint32_t flags = in.u32();
+  Path path;
+  Result result = path_of(agent, in, &path);
+  if (!result.ok()) return result;
+  if (flags != YARROW_CONFIG_XML) return failed(YARROW_ERR_PROTOCOL, "no such format");
+  if (!find_node(trans.root, path)) {
+    return failed(YARROW_ERR_NOEXISTS, path_text(path) + ": no such node");
+  }
+  auto own = [&](const auto& stream) { return stream.second.owner == session.id; };
+  auto pending = std::count_if(agent.streams.begin(), agent.streams.end(), own);
+  if (static_cast<size_t>(pending) >= kMaxStreamsEach) {
+    return failed(YARROW_ERR_TOOBIG, "too many streams");
+  }
+  SavedStream stream;
+  stream.owner = session.id;
+  stream.text = xml_save(trans.root, path);
+  stream.deadline = now_ms() + kStreamWait;
+  int id = agent.next_stream++;
+  agent.streams.emplace(id, std::move(stream));
+  out.u32(static_cast<uint32_t>(id));
+  return {};
+}
+
+Result save_result(Agent& agent, const Session& session, int id) {
+  auto at = agent.streams.find(id);
+  if (at == agent.streams.end() || at->second.owner != session.id) {
+    return failed(YARROW_ERR_NOEXISTS, "no such stream");
+  }
+  bool delivered = at->second.delivered;
+  agent.streams.erase(at);
+  return delivered ? Result{}
+                   : failed(YARROW_ERR_NOTCONNECTED, "the stream was not read to its end");
+}
+
+Result load_begin(Agent& agent, Session& session, Reader& in) {
+  session.loading = false;
+  session.load = {};
+  session.load.trans = static_cast<int>(in.u32());
+  session.load.flags = in.u32();
+  constexpr uint32_t kKnown =
+      YARROW_CONFIG_XML | YARROW_CONFIG_MERGE | YARROW_CONFIG_REPLACE | YARROW_CONFIG_SKIP_STATE;
+  uint32_t flags = session.load.flags;
+  bool both = (flags & YARROW_CONFIG_MERGE) != 0 && (flags & YARROW_CONFIG_REPLACE) != 0;
+  if ((flags & YARROW_CONFIG_XML) == 0 || (flags & ~kKnown) != 0 || both) {
+    return failed(YARROW_ERR_PROTOCOL, "flags that do not go together");
+  }
+  Result result = path_of(agent, in, &session.load.path);
+  session.loading = result.ok();
+  return result;
+}
+
+Result load_end(Agent& agent, Session& session) {
+  session.loading = false;
+  Load load = std::move(session.load);
+  session.load = {};
+  auto at = session.transactions.find(load.trans);
+  if (at == session.transactions.end()) return failed(YARROW_ERR_PROTOCOL, "no such transaction");
+  Transaction& trans = at->second;
+  Editor editor{*agent.schema, trans.datastore == MAAPI_OPERATIONAL, &trans.root};
+  return edit_load(editor, load.path, load.flags, load.text);
+}
+
+void describe_schema(const Schema& schema, uint32_t from, Writer& out) {
+  out.u32(static_cast<uint32_t>(schema.all.size()));
+  for (uint32_t id = from; id < schema.all.size() && out.size() < kSchemaChunk; ++id) {
+    const SchemaNode& node = *schema.all[id];
+    out.text(node.name);
+    out.text(node.prefix);
+    out.u32(node.tag);
+    out.u32(node.ns_tag);
+    out.u32(node.kind);
+    out.u32(node.value_type);
+    out.u32(node.key_count);
+    out.u32(node.is_state ? 1 : 0);
+    out.u32(node.parent != &schema.root ? node.parent->id + 1 : 0);
+  }
+}
+
+Result answer_in_transaction(Agent& agent, Session& session, Request request, Reader& in,
+                             Writer& out) {
+  bool reads = request == Request::kExists || request == Request::kNumInstances ||
+               request == Request::kGetText || request == Request::kSave ||
+               request == Request::kValidate || request == Request::kFinishTrans;
+  if (request == Request::kFinishTrans) {
+    return session.transactions.erase(static_cast<int>(in.u32())) == 1
+               ? Result{}
+               : failed(YARROW_ERR_PROTOCOL, "no such transaction");
+  }
+  Result refusal;
+  Transaction* trans = transaction_of(session, in, !reads, &refusal);
+  if (trans == nullptr) return refusal;
+  switch (request) {
+    case Request::kExists:
+    case Request::kNumInstances:
+    case Request::kGetText:
+      return answer_read(agent, trans->root, request, in, out);
+    case Request::kSave:
+      return save(agent, session, *trans, in, out);
+    case Request::kValidate:
+      if (trans->datastore == MAAPI_OPERATIONAL) return {};
+      return datastore_validate(agent.stores, trans->root);
+    case Request::kApply:
+      return apply(agent, session, *trans, in.u8() != 0);
+    default:
+      return answer_edit(agent, *trans, request, in);
+  }
+}
+
+Result answer_maapi(Agent& agent, Session& session, Request request, Reader& in, Writer& out) {
+  if (request == Request::kStartSession) return start_session(session, in);
+  if (!session.started) return no_session();
+  switch (request) {
+    case Request::kEndSession: {
+      uint64_t id = session.id;
+      session_end(agent, session);
+      session = {};
+      session.id = id;
+      return {};
+    }
+    case Request::kStartTrans:
+      return start_transaction(agent, session, in, out);
+    case Request::kCommit:
+      return commit(agent, session);
+    case Request::kCandidateValidate:
+      return datastore_validate(agent.stores, agent.stores.candidate);
+    case Request::kCandidateReset:
+    case Request::kRollback: {
+      Result result = check_lock(agent, session, MAAPI_CANDIDATE);
+      if (!result.ok()) return result;
+      return datastore_rollback(agent.stores, request == Request::kRollback ? in.u32() : 0);
+    }
+    case Request::kLock:
+      return lock(agent, session, static_cast<int>(in.u32()));
+    case Request::kUnlock:
+      return unlock(agent, session, static_cast<int>(in.u32()));
+    case Request::kSaveResult:
+      return save_result(agent, session, static_cast<int>(in.u32()));
+    case Request::kLoadBegin: {
+      Reader ahead = in;
+      Result refusal;
+      bool good = transaction_of(session, ahead, true, &refusal) != nullptr;
+      return good ? load_begin(agent, session, in) : refusal;
+    }
+    case Request::kLoadData: {
+      std::string_view text = in.text(yarrow::kMaxFrame);
+      if (!session.loading) return failed(YARROW_ERR_PROTOCOL, "nothing is being loaded");
+      if (session.load.text.size() + text.size() > yarrow::kMaxLoadText) {
+        session.loading = false;
+        session.load = {};
+        return failed(YARROW_ERR_TOOBIG, "too much text");
+      }
+      session.load.text += text;
+      return {};
+    }
+    case Request::kLoadEnd:
+      return session.loading ? load_end(agent, session)
+                             : failed(YARROW_ERR_PROTOCOL, "nothing is being loaded");
+    default:
+      return answer_in_transaction(agent, session, request, in, out);
+  }
+}
+
+Result start_cdb(Agent& agent, Session& session, Reader& in) {
+  int datastore = datastore_of_cdb(static_cast<int>(in.u32()));
+  uint32_t flags = in.u32();
+  if (session.cdb_datastore != 0) return failed(YARROW_ERR_ALREADY, "the socket has its session");
+  if (datastore == 0 || (flags & ~uint32_t{CDB_LOCK_SESSION | CDB_LOCK_WAIT}) != 0) {
+    return failed(YARROW_ERR_PROTOCOL, "no such datastore or lock");
+  }
+  if ((flags & CDB_LOCK_SESSION) != 0) {
+    Result result = lock(agent, session, datastore);
+    if (!result.ok()) return result;
+  }
+  session.cdb_datastore = datastore;
+  return {};
+}
+
+Result answer_cdb(Agent& agent, Session& session, Request request, Reader& in, Writer& out) {
+  if (request == Request::kCdbStart) return start_cdb(agent, session, in);
+  if (session.cdb_datastore == 0) return failed(YARROW_ERR_PROTOCOL, "no session");
+  const NodeRef root = *datastore_root(agent.stores, session.cdb_datastore);
+  switch (request) {
+    case Request::kCdbEnd:
+      session_end(agent, session);
+      session.cdb_datastore = 0;
+      return {};
+    case Request::kExists:
+    case Request::kNumInstances:
+      return answer_read(agent, root, request, in, out);
+    case Request::kDelete: {
+      if (session.cdb_datastore != MAAPI_OPERATIONAL) {
+        return failed(YARROW_ERR_ACCESS, "only operational data is written without a transaction");
+      }
+      Transaction trans{session.cdb_datastore, true, false, root, root};
+      Result result = answer_edit(agent, trans, request, in);
+      return result.ok() ? apply(agent, session, trans, false) : result;
+    }
+    default:
+      return failed(YARROW_ERR_PROTOCOL, "not a request of this kind of socket");
+  }
+}
+
+}  // namespace
+
+int64_t now_ms() {
+  using std::chrono::duration_cast;
+  using std::chrono::milliseconds;
+  auto since = std::chrono::steady_clock::now().time_since_epoch();
+  return duration_cast<milliseconds>(since).count();
+}
+
+Result session_answer(Agent& agent, Session& session, SocketKind kind, Request request, Reader& in,
+                      Writer& out) {
+  Result result;
+  if (request == Request::kSchema) {
+    describe_schema(*agent.schema, in.u32(), out);
+  } else if (request == Request::kCommitId) {
+    out.u64(agent.stores.commit_id());
+  } else if (kind == SocketKind::kMaapi) {
+    result = answer_maapi(agent, session, request, in, out);
+  } else {
+    result = answer_cdb(agent, session, request, in, out);
+  }
+  if (result.ok() && !in.ok()) return failed(YARROW_ERR_PROTOCOL, "a request cut short");
+  return result;
+}
+
+void session_end(Agent& agent, const Session& session) {
+  std::erase_if(agent.locks, [&](const auto& held) { return held.second == session.id; });
+  std::erase_if(agent.streams, [&](const auto& stream) {
+    return stream.second.owner == session.id && !stream.second.taken;
+  });
+}
+
+}  // namespace agent

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What one connection holds, and the answering of its requests.
+#ifndef AGENT_SESSION_H
+#define AGENT_SESSION_H
+
+#include <deque>
+#include <map>
+#include <string>
+
+#include "agent/datastore.h"
+#include "platform/yarrow/wire.h"
+
+namespace agent {
+
+struct Transaction {
+  int datastore = 0;
+  bool writable = false;
+  bool ended = false;  // applied for good
+  NodeRef base;        // the datastore as the transaction found it
+  NodeRef root;        // the same with the transaction's edits
+};
+
+// Text on its way to the agent.
+struct Load {
+  int trans = 0;
+  uint32_t flags = 0;
+  Path path;
+  std::string text;
+};
+
+struct Session {
+  uint64_t id = 0;  // of the connection
+  bool started = false;
+  std::string user, context, client_id, source;  // for the system log
+  std::map<int, Transaction> transactions;
+  int next_transaction = 1;
+  bool loading = false;
+  Load load;
+  int cdb_datastore = 0;  // 0: no session
+};
+
+// A saved text that waits for its reader.
+struct SavedStream {
+  uint64_t owner = 0;  // connection
+  std::string text;
+  bool taken = false;
+  bool delivered = false;
+  int64_t deadline = 0;  // milliseconds of the steady clock
+};
+
+struct Agent {
+  std::unique_ptr<Schema> schema;
+  Datastores stores;
+  std::map<int, uint64_t> locks;  // datastore to connection
+  std::map<int, SavedStream> streams;
+  int next_stream = 1;
+  std::deque<CommitRef> unpublished;  // commits that subscribers are still to be told
+};
+
+int64_t now_ms();
+
+// Answers one request; what is written to `out` after success is the answer's content.
+Result session_answer(Agent& agent, Session& session, yarrow::SocketKind kind,
+                      yarrow::Request request, yarrow::Reader& in, yarrow::Writer& out);
+
+// Lets go of all that a closing connection held.
+void session_end(Agent& agent, const Session& session);
+
+}  // namespace agent
+#endif

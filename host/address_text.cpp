@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "address_text.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+
+#include <cstring>
+
+namespace polctl {
+
+namespace {
+
+constexpr const char* kAddressForm = "an address such as 10.1.0.0 or 2001:db8::1";
+constexpr const char* kPrefixForm = "a prefix such as 10.1.0.0/16 or 2001:db8::/32";
+
+bool fail(LineFault* fault, size_t offset, std::string what, std::string expected) {
+  *fault = {offset + 1, std::move(what), std::move(expected)};
+  return false;
+}
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+// Reads a decimal number of at most three digits without a leading zero.
+bool read_small(std::string_view text, size_t* at, unsigned* value) {
+  size_t start = *at;
+  unsigned n = 0;
+  while (*at < text.size() && *at - start < 3 && is_digit(text[*at])) {
+    n = n * 10 + static_cast<unsigned>(text[(*at)++] - '0');
+  }
+  *value = n;
+  bool more = *at < text.size() && is_digit(text[*at]);
+  return *at > start && !more && (text[start] != '0' || *at == start + 1);
+}
+
+bool parse_v4(std::string_view text, t_ipaddr* address, LineFault* fault) {
+  uint32_t value = 0;
+  size_t at = 0;
+  for (int octet = 0; octet < 4; ++octet) {
+    if (octet > 0) {
+      if (at == text.size() || text[at] != '.') {
+        return fail(fault, at, fmt::format("bad IPv4 address {}", in_quotes(text)),
+                    "four octets with dots between them");
+      }
+      ++at;
+    }
+    size_t start = at;
+    unsigned n = 0;
+    if (!read_small(text, &at, &n) || n > 255) {
+      return fail(fault, start, fmt::format("bad IPv4 address {}", in_quotes(text)),
+                  "an octet from 0 to 255 without leading zeros");
+    }
+    value = value << 8 | n;
+  }
+  if (at != text.size()) {
+    return fail(fault, at, fmt::format("bad IPv4 address {}", in_quotes(text)), "nothing after it");
+  }
+  address->family = KEL_AF_INET;
+  address->addr.v4 = value;
+  return true;
+}
+
+bool parse_v6(std::string_view text, t_ipaddr* address, LineFault* fault) {
+  char copy[INET6_ADDRSTRLEN];
+  bool good = text.size() < sizeof copy && text.find('\0') == std::string_view::npos;
+  if (good) {
+    memcpy(copy, text.data(), text.size());
+    copy[text.size()] = '\0';
+    good = inet_pton(AF_INET6, copy, address->addr.v6) == 1;
+  }
+  if (!good)
+    return fail(fault, 0, fmt::format("bad IPv6 address {}", in_quotes(text)), kAddressForm);
+  address->family = KEL_AF_INET6;
+  return true;
+}
+
+}  // namespace
+
+bool parse_address(std::string_view text, t_ipaddr* address, LineFault* fault) {
+  if (text.find(':') != std::string_view::npos) return parse_v6(text, address, fault);
+  if (text.empty() || !is_digit(text[0])) {
+    return fail(fault, 0, fmt::format("{} is no address", in_quotes(text)), kAddressForm);
+  }
+  return parse_v4(text, address, fault);
+}
+
+bool parse_prefix(std::string_view text, t_ipprefix* prefix, LineFault* fault) {
+  size_t slash = text.find('/');
+  std::string_view head = text.substr(0, slash);
+  bool looks_v6 = head.find(':') != std::string_view::npos;
+  if (!looks_v6 && (head.empty() || !is_digit(head[0]))) {
+    return fail(fault, 0, fmt::format("{} is no prefix", in_quotes(text)), kPrefixForm);
+  }
+  if (!parse_address(head, &prefix->addr, fault)) return false;
+  unsigned width = looks_v6 ? 128 : 32;
+  std::string expected = fmt::format("a length from 0 to {}", width);
+  if (slash == std::string_view::npos) {
+    return fail(fault, text.size(), fmt::format("no length after {}", in_quotes(text)),
+                fmt::format("/ and {}", expected));
+  }
+  size_t at = slash + 1;
+  unsigned length = 0;
+  if (!read_small(text, &at, &length) || at != text.size() || length > width) {
+    return fail(fault, slash + 1,
+                fmt::format("bad prefix length {}", in_quotes(text.substr(slash + 1))), expected);
+  }
+  prefix->len = static_cast<uint8_t>(length);
+  return true;
+}
+
+std::string address_text(const t_ipaddr& address) {
+  char text[INET6_ADDRSTRLEN];
+  return ipaddr_print(&address, text, sizeof text);
+}
+
+std::string prefix_text(const t_ipprefix& prefix) {
+  return fmt::format("{}/{}", address_text(prefix.addr), unsigned{prefix.len});
+}
+
+std::string tloc_address_text(const t_tloc_id& tloc) {
+  t_ipaddr address = {};
+  address.family = tloc.family;
+  memcpy(&address.addr, &tloc.addr, sizeof address.addr);
+  return address_text(address);
+}
+
+std::string tloc_text(const t_tloc_id& tloc) {
+  char text[128];
+  return tloc_id_print(&tloc, text, sizeof text);
+}
+
+std::string in_quotes(std::string_view text) {
+  constexpr size_t kShown = 40;
+  std::string result = "\"";
+  for (char c : text.substr(0, kShown)) result += c >= ' ' && c <= '~' ? c : '?';
+  result += text.size() > kShown ? "...\"" : "\"";
+  return result;
+}
+
+std::string printable(std::string_view text) {
+  std::string result(text);
+  for (char& c : result) {
+    if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = '?';
+  }
+  return result;
+}
+
+}  // namespace polctl

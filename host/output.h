@@ -1,0 +1,53 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * output.h - standard output, buffered in large pieces.
+ *
+ * A reader that goes away (head, a closed pager) is no error: gone() turns true, what is written
+ * after that is dropped, and the command stops quietly.
+ */
+#ifndef HOST_OUTPUT_H
+#define HOST_OUTPUT_H
+
+#include <fmt/format.h>
+
+#include <iterator>
+#include <string_view>
+
+namespace polctl {
+
+class Output {
+ public:
+  explicit Output(int fd = 1) : fd_(fd) {}
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  void write(std::string_view text) {
+    buffer_.append(text.data(), text.data() + text.size());
+    flush_when_full();
+  }
+  template <typename... Args>
+  void print(fmt::format_string<Args...> format, Args&&... args) {
+    fmt::format_to(std::back_inserter(buffer_), format, std::forward<Args>(args)...);
+    flush_when_full();
+  }
+
+  /* Throws InputError when the bytes cannot be written (a full disk). Commands end with it: the
+   * destructor does not write. */
+  void flush();
+  bool gone() const { return gone_; }
+  int fd() const { return fd_; }
+
+ private:
+  static constexpr size_t kFull = size_t{64} * 1024;
+  void flush_when_full() {
+    if (buffer_.size() >= kFull) flush();
+  }
+
+  int fd_;
+  bool gone_ = false;
+  fmt::memory_buffer buffer_;
+};
+
+}  // namespace polctl
+
+#endif

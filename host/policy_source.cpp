@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "policy_source.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <numeric>
+#include <string_view>
+
+#include "address_text.h"
+#include "input_error.h"
+#include "policy/pol_block.h"
+#include "policy/pol_context.h"
+#include "policy/pol_dump.h"
+#include "policy/pol_test.h"
+#include "policy/pol_util.h"
+
+namespace polctl {
+
+namespace {
+
+constexpr size_t kNamesShown = 10;
+
+// Keeps the first text that a dump prints.
+int keep_first_text(void* arg, const char* text, size_t length) {
+  std::string* kept = static_cast<std::string*>(arg);
+  if (kept->empty()) kept->assign(text, length);
+  return 0;
+}
+
+// Gathers the numbers of the sequences that a policy's dump prints.
+int keep_sequence(void* arg, const char* text, size_t length) {
+  constexpr std::string_view kHead = "\n    sequence: ";
+  std::string_view line(text, length);
+  uint32_t sequence = 0;
+  if (line.starts_with(kHead) &&
+      std::from_chars(text + kHead.size(), text + length, sequence).ec == std::errc()) {
+    static_cast<std::vector<uint32_t>*>(arg)->push_back(sequence);
+  }
+  return 0;
+}
+
+// How many characters must be changed, added or dropped to make one word of the other.
+size_t edit_distance(std::string_view a, std::string_view b) {
+  std::vector<size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), size_t{0});
+  for (size_t i = 0; i < a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i + 1;
+    for (size_t j = 0; j < b.size(); ++j) {
+      size_t substitution = diagonal + (a[i] == b[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({row[j] + 1, row[j + 1] + 1, substitution});
+    }
+  }
+  return row[b.size()];
+}
+
+std::string list_of(const std::vector<std::string>& names) {
+  std::vector<std::string> shown;
+  for (const std::string& name : names) {
+    if (shown.size() == kNamesShown) {
+      shown.push_back(fmt::format("{} more", names.size() - kNamesShown));
+      break;
+    }
+    shown.push_back(in_quotes(name));
+  }
+  return fmt::format("{}", fmt::join(shown, ", "));
+}
+
+}  // namespace
+
+void require_readable(const std::string& path, const char* expected) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  int error = fd < 0 ? errno : 0;
+  struct stat status;
+  if (fd >= 0 && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) error = EISDIR;
+  if (fd >= 0) close(fd);
+  if (error != 0) {
+    throw InputError(fmt::format("{}: error: cannot be read: {} (expected {})", path,
+                                 strerror(error), expected));
+  }
+}
+
+PolicySource::PolicySource(const PolicyOptions& options) {
+  require_readable(options.policy_file, "a policy file");
+  // The library writes every word of a policy file to the system log at debug priority. A device
+  // wants that; a tool that reads a file of 100,000 lines does so only when asked.
+  if (options.trace < 0) setlogmask(LOG_UPTO(LOG_INFO));
+  pol_debug_set(static_cast<uint32_t>(std::max(options.trace, 0)));
+  t_pol_callbacks callbacks = {};
+  if (pol_init(&callbacks) == nullptr) {
+    throw InputError("polctl: error: the policy library could not be started: no memory");
+  }
+  if (pol_test_parse_file(options.policy_file.c_str(), nullptr) != 0) {
+    pol_destroy();
+    throw InputError(
+        fmt::format("{}: error: cannot be read (expected a policy file)", options.policy_file));
+  }
+}
+
+PolicySource::~PolicySource() { pol_destroy(); }
+
+std::vector<std::string> policy_names(uint32_t kind) {
+  std::vector<std::string> names;
+  std::string head = fmt::format("\n\n{}-policy ", pol_util_type_str(kind));
+  for (t_pol_block* block = pol_block_first(g_pol_ctx_p, kind); block != nullptr;
+       block = pol_block_next(g_pol_ctx_p, block, kind)) {
+    // A policy's name is had from its dump, which begins with it.
+    std::string text;
+    t_cli_user_ctx cli = {keep_first_text, &text};
+    pol_dump_block(block, &cli);
+    if (text.starts_with(head)) names.push_back(text.substr(head.size()));
+  }
+  return names;
+}
+
+std::vector<uint32_t> policy_sequences(const std::string& name, uint32_t kind) {
+  std::vector<uint32_t> sequences;
+  t_pol_block* block = pol_block_find(g_pol_ctx_p, name.c_str(), kind, nullptr);
+  t_cli_user_ctx cli = {keep_sequence, &sequences};
+  if (block != nullptr) pol_dump_block(block, &cli);
+  return sequences;
+}
+
+void require_policy(const std::string& name, uint32_t kind, const std::string& origin) {
+  if (name.size() >= POL_NAME_SIZE) {
+    throw InputError(
+        fmt::format("polctl: error: the policy name {} is too long (expected at most "
+                    "{} bytes)",
+                    in_quotes(name), POL_NAME_SIZE - 1));
+  }
+  if (pol_block_find(g_pol_ctx_p, name.c_str(), kind, nullptr) != nullptr) return;
+  const char* word = pol_util_type_str(kind);
+  std::string message = fmt::format("{}: error: no {} policy {}", origin, word, in_quotes(name));
+  for (uint32_t other : {POL_KIND_ROUTE, POL_KIND_DATA, POL_KIND_MEMBERSHIP}) {
+    if (pol_block_find(g_pol_ctx_p, name.c_str(), other, nullptr) != nullptr) {
+      message += fmt::format("; there is a {} policy of that name", pol_util_type_str(other));
+    }
+  }
+  std::vector<std::string> names = policy_names(kind);
+  std::vector<std::string> near;
+  size_t tolerated = std::max<size_t>(1, name.size() / 3);
+  for (const std::string& candidate : names) {
+    if (edit_distance(name, candidate) <= tolerated) near.push_back(candidate);
+  }
+  if (names.empty()) {
+    message += fmt::format(" (expected the name of a {} policy; there are none)", word);
+  } else if (near.empty()) {
+    message += fmt::format(" (expected one of {})", list_of(names));
+  } else {
+    message += fmt::format(" (did you mean {}? there are: {})", list_of(near), list_of(names));
+  }
+  throw InputError(message);
+}
+
+}  // namespace polctl

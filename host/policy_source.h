@@ -1,0 +1,46 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * policy_source.h - where a command's policy comes from, and the library's context that holds it.
+ */
+#ifndef HOST_POLICY_SOURCE_H
+#define HOST_POLICY_SOURCE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "policy/pol_types.h"
+
+namespace polctl {
+
+/* The options that every command with policy shares. */
+struct PolicyOptions {
+  std::string policy_file;
+  int trace = -1; /* the library's debug level, its trace going to syslog; negative: no trace */
+};
+
+/* Makes the process's context and fills it; destroys it with all it holds. One at a time. */
+class PolicySource {
+ public:
+  /* Throws InputError when the policy cannot be had. */
+  explicit PolicySource(const PolicyOptions& options);
+  ~PolicySource();
+  PolicySource(const PolicySource&) = delete;
+  PolicySource& operator=(const PolicySource&) = delete;
+};
+
+/* Throws InputError, with the system's reason, when the file cannot be opened for reading. */
+void require_readable(const std::string& path, const char* expected);
+
+/* The names of the policies of one kind (enum pol_kind), in the library's order. */
+std::vector<std::string> policy_names(uint32_t kind);
+
+/* The sequence numbers of a policy that exists, ascending. */
+std::vector<uint32_t> policy_sequences(const std::string& name, uint32_t kind);
+
+/* Throws InputError, naming what is near and what there is, unless a policy of that name exists. */
+void require_policy(const std::string& name, uint32_t kind, const std::string& origin);
+
+}  // namespace polctl
+
+#endif

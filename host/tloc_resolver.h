@@ -1,0 +1,26 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * tloc_resolver.h - which TLOCs can be reached, as the library asks while it evaluates.
+ */
+#ifndef HOST_TLOC_RESOLVER_H
+#define HOST_TLOC_RESOLVER_H
+
+#include <string>
+
+#include "policy/pol_types.h"
+
+namespace polctl {
+
+/* Reads the TLOCs that resolve: JSON Lines of address, color, encap, label and preference, all but
+ * the address optional. Throws InputError. Before this is called every TLOC resolves to itself. */
+void load_resolvable_tlocs(const std::string& path);
+
+/* A t_pol_resolve_cb: appends what is loaded with that address and color, in the file's order. A
+ * TLOC asked for with encapsulation 0, as policy files have them, takes any encapsulation.
+ * Only IPv4 TLOCs resolve: of others the library passes no address. */
+void resolve_tloc(uint16_t id, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t vpn,
+                  uint16_t service, t_pol_tloc_result* result);
+
+}  // namespace polctl
+
+#endif

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "yarrow/yarrow_cdb.h"
+
+#include <time.h>
+#include <unistd.h>
+
+#include "platform/yarrow/client.h"
+
+namespace {
+
+using yarrow::call_number;
+using yarrow::call_plain;
+using yarrow::Request;
+using yarrow::Writer;
+
+constexpr int kLockTries = 200;
+constexpr long kLockPause = 50'000'000;  // nanoseconds: with the tries above, 10 seconds
+
+}  // namespace
+
+int cdb_connect(int sock, int type, const struct sockaddr* addr, socklen_t addr_len) {
+  if (type != CDB_DATA_SOCKET) return yarrow::fail(YARROW_ERR_PROTOCOL, "no such kind of socket");
+  return yarrow::connect_socket(sock, addr, addr_len, yarrow::SocketKind::kCdb, Writer());
+}
+
+int cdb_close(int sock) { return close(sock) == 0 ? YARROW_OK : yarrow::fail_os("close"); }
+
+int cdb_start_session2(int sock, int datastore, unsigned lock_flags) {
+  Writer out;
+  out.u32(static_cast<uint32_t>(datastore));
+  out.u32(lock_flags);
+  // The agent answers at once; the waiting is done on this side.
+  for (int tries = 0;; ++tries) {
+    if (call_plain(sock, Request::kCdbStart, out) == YARROW_OK) return YARROW_OK;
+    bool waits = (lock_flags & CDB_LOCK_WAIT) != 0 && yarrow_errno == YARROW_ERR_LOCKED;
+    if (!waits || tries == kLockTries) return YARROW_ERR;
+    const timespec pause = {0, kLockPause};
+    nanosleep(&pause, nullptr);
+  }
+}
+
+int cdb_end_session(int sock) { return call_plain(sock, Request::kCdbEnd, Writer()); }
+
+int cdb_num_instances(int sock, const char* format, ...) {
+  Writer out;
+  va_list args;
+  va_start(args, format);
+  bool good = yarrow::add_path(out, format, args);
+  va_end(args);
+  return good ? call_number(sock, Request::kNumInstances, out) : YARROW_ERR;
+}
+
+int cdb_delete(int sock, const char* format, ...) {
+  Writer out;
+  va_list args;
+  va_start(args, format);
+  bool good = yarrow::add_path(out, format, args);
+  va_end(args);
+  return good ? call_plain(sock, Request::kDelete, out) : YARROW_ERR;
+}
+
+int cdb_exists(int sock, const char* format, ...) {
+  Writer out;
+  va_list args;
+  va_start(args, format);
+  bool good = yarrow::add_path(out, format, args);
+  va_end(args);
+  return good ? call_number(sock, Request::kExists, out) : YARROW_ERR;
+}

@@ -1,0 +1,324 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The client's functions, each with what it does and how it fails.
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include "support.h"
+
+namespace test {
+namespace {
+
+class ClientTest : public ::testing::Test {
+ protected:
+  std::string get(int trans, const char* path) const {
+    char text[128] = "";
+    int length = maapi_get_elem_text(session_.fd(), trans, text, sizeof text, "%s", path);
+    return length >= 0 ? std::string(text, static_cast<size_t>(length)) : "! " + why(length);
+  }
+
+  AgentProcess agent_;
+  Session session_{agent_.port()};
+  int fd_ = session_.fd();
+};
+
+constexpr char kSequence[] = "/policy/data-policy{D}/vpn-list{V}/sequence{10}";
+const std::string kDataPolicy = policy(
+    "<data-policy><name>D</name><vpn-list><name>V</name><sequence><number>10</number></sequence>"
+    "</vpn-list></data-policy>");
+
+TEST_F(ClientTest, EditsOfATransactionShowInItAtOnceAndOutsideAfterApply) {
+  int trans = session_.begin();
+  EXPECT_EQ(why(maapi_create(fd_, trans, "/policy/policer{p}")), "ok");
+  EXPECT_EQ(why(maapi_set_elem_text(fd_, trans, "1000", "/policy/policer{p}/rate")), "ok");
+  EXPECT_EQ(get(trans, "/policy/policer{p}/rate"), "1000");
+  EXPECT_EQ(maapi_exists(fd_, trans, "/policy/policer{p}"), 1);
+  EXPECT_EQ(maapi_num_instances(fd_, trans, "/policy/policer"), 1);
+  int other = session_.begin(MAAPI_CANDIDATE, MAAPI_READ);
+  EXPECT_EQ(maapi_exists(fd_, other, "/policy/policer{p}"), 0);
+  EXPECT_EQ(why(maapi_apply_trans(fd_, trans, 1)), "ok");
+  EXPECT_EQ(maapi_exists(fd_, other, "/policy/policer{p}"), 0) << "a transaction is a snapshot";
+  int later = session_.begin(MAAPI_CANDIDATE, MAAPI_READ);
+  EXPECT_EQ(maapi_exists(fd_, later, "/policy/policer{p}"), 1);
+  EXPECT_EQ(why(maapi_set_elem_text(fd_, trans, "5", "/policy/policer{p}/burst")), "ok")
+      << "kept open";
+  EXPECT_EQ(why(maapi_apply_trans(fd_, trans, 0)), "ok");
+  EXPECT_EQ(why(maapi_set_elem_text(fd_, trans, "6", "/policy/policer{p}/burst")),
+            "bad request: the transaction is applied already");
+  EXPECT_EQ(why(maapi_finish_trans(fd_, trans)), "ok");
+  EXPECT_EQ(why(maapi_finish_trans(fd_, trans)), "bad request: no such transaction");
+}
+
+TEST_F(ClientTest, TypedValuesOfEveryKindArriveInCanonicalForm) {
+  ASSERT_EQ(why(session_.load(kDataPolicy)), "ok");
+  int trans = session_.begin();
+  auto set = [&](const t_yarrow_value& value, const std::string& leaf) {
+    return why(maapi_set_elem(fd_, trans, &value, "%s/%s", kSequence, leaf.c_str()));
+  };
+  t_yarrow_value value = {};
+  value.type = C_UINT32;
+  value.val.u32 = 70;
+  EXPECT_EQ(set(value, "action/set/vpn"), "ok");
+  value.type = C_IPV4;
+  value.val.ip = htonl(0x0a010203);
+  EXPECT_EQ(set(value, "action/set/tloc/address"), "ok");
+  value.type = C_ENUM_VALUE;
+  value.val.enumvalue = 6;
+  EXPECT_EQ(set(value, "action/set/tloc/color"), "ok");
+  value.val.enumvalue = 99;
+  EXPECT_EQ(
+      set(value, "action/set/tloc/color"),
+      "bad value: /policy/data-policy/vpn-list/sequence/action/set/tloc/color: no word has the "
+      "number 99");
+  value.type = C_XMLTAG;
+  EXPECT_EQ(set(value, "action/set/tloc/local"), "ok");
+  char name[] = "apps";
+  value.type = C_BUF;
+  value.val.buf = {4, reinterpret_cast<uint8_t*>(name)};
+  EXPECT_EQ(set(value, "match/app-list"), "ok");
+  value.type = C_IPV4PREFIX;
+  value.val.ipv4prefix = {htonl(0x0a010203), 16};
+  EXPECT_EQ(set(value, "match/source-ip"), "ok");
+  EXPECT_EQ(get(trans, "/policy/data-policy{D}/vpn-list{V}/sequence{10}/action/set/vpn"), "70");
+  EXPECT_EQ(get(trans, "/policy/data-policy{D}/vpn-list{V}/sequence{10}/action/set/tloc/address"),
+            "10.1.2.3");
+  EXPECT_EQ(get(trans, "/policy/data-policy{D}/vpn-list{V}/sequence{10}/action/set/tloc/color"),
+            "5g");
+  EXPECT_EQ(get(trans, "/policy/data-policy{D}/vpn-list{V}/sequence{10}/match/app-list"), "apps");
+  ASSERT_EQ(why(maapi_apply_trans(fd_, trans, 0)), "ok");
+  EXPECT_NE(session_.save(kSequence, MAAPI_CANDIDATE).find("<source-ip>10.1.0.0/16</source-ip>"),
+            std::string::npos);
+}
+
+// The way in which computed labels are written: old positions deleted up to the first that is
+// missing.
+TEST_F(ClientTest, LabelsOfASequenceAreReplacedPositionByPosition) {
+  ASSERT_EQ(why(session_.load(kDataPolicy)), "ok");
+  for (uint32_t round = 0; round < 2; ++round) {
+    int trans = session_.begin();
+    int position = 0;
+    while (maapi_delete(fd_, trans, "%s/action/set/kel-tloc-pref-list{%d}", kSequence, position) ==
+           YARROW_OK) {
+      ++position;
+    }
+    EXPECT_EQ(yarrow_errno, YARROW_ERR_NOEXISTS);
+    EXPECT_EQ(position, round == 0 ? 0 : 2);
+    EXPECT_EQ(why(maapi_delete(fd_, trans, "%s/action/set/vpn-label", kSequence)), "ok")
+        << "a leaf with a default is never absent";
+    for (uint8_t i = 0; i < 2; ++i) {
+      t_yarrow_value values[5] = {};
+      values[0].type = C_UINT8;
+      values[0].val.u8 = i;
+      values[1].type = C_IPV4;
+      values[1].val.ip = htonl(0x0a000001u + i);
+      values[2].type = C_ENUM_VALUE;
+      values[2].val.enumvalue = 1;
+      values[3].type = C_NOEXISTS;
+      values[4].type = C_UINT32;
+      values[4].val.u32 = 1000 + round;
+      EXPECT_EQ(why(maapi_set_object(fd_, trans, values, 5, "%s/action/set/kel-tloc-pref-list{%d}",
+                                     kSequence, i)),
+                "ok");
+      values[0].val.u8 = 9;
+      EXPECT_EQ(maapi_set_object(fd_, trans, values, 5, "%s/action/set/kel-tloc-pref-list{%d}",
+                                 kSequence, i),
+                YARROW_ERR)
+          << "its key is not that of the path";
+    }
+    ASSERT_EQ(why(maapi_apply_trans(fd_, trans, 0)), "ok");
+    ASSERT_EQ(why(maapi_candidate_commit(fd_)), "ok");
+  }
+  EXPECT_NE(session_.save(kSequence).find(
+                "<kel-tloc-pref-list><index>1</index><address>10.0.0.2</address><color>mpls</color>"
+                "<label>1001</label></kel-tloc-pref-list>"),
+            std::string::npos);
+  int trans = session_.begin();
+  EXPECT_EQ(
+      maapi_set_elem_text(fd_, trans, "5",
+                          "/policy/data-policy{gone}/vpn-list{V}/sequence{1}/action/set/vpn-label"),
+      YARROW_ERR);
+  EXPECT_EQ(yarrow_errno, YARROW_ERR_NOEXISTS) << "labels bring no deleted policy back";
+}
+
+TEST_F(ClientTest, PathsThatDoNotFitTheSchemaAreNamed) {
+  int trans = session_.begin();
+  struct {
+    const char* path;
+    const char* reason;
+  } const cases[] = {
+      {"/policy/no-such", "bad path: /policy/no-such: no such path"},
+      {"/other:policy", "bad path: /policy: no such path"},
+      {"policy", "bad path: a path that cannot be read"},
+      {"/policy/lists/site-list{A B}", "bad path: /policy/lists/site-list: too many keys"},
+      {"/policy/lists/tloc-list{A}/tloc{10.0.0.1}",
+       "bad path: /policy/lists/tloc-list/tloc: too few keys"},
+      {"/policy/lists/site-list/site{1}", "bad path: /policy/lists/site-list: keys are missing"},
+      {"/policy/lists/site-list{A", "bad path: /policy/lists/site-list: keys that cannot be read"},
+      {"/policy/lists{A}", "bad path: /policy/lists: takes no keys"},
+      {"/policy/policer{p}", "no such node: /policy/policer{p}: no such node"},
+      {"/policy/from-pellux/policer{p}",
+       "access denied: /policy/from-pellux/policer{p}: is state data"},
+      {"/policy/policer{p}/name", "access denied: /policy/policer{p}/name: is a key"},
+  };
+  for (const auto& one : cases) {
+    EXPECT_EQ(why(maapi_delete(fd_, trans, "%s", one.path)), one.reason) << one.path;
+  }
+  EXPECT_EQ(maapi_delete(fd_, trans, "/policy/policer{%s}", std::string(5000, 'x').c_str()),
+            YARROW_ERR);
+  EXPECT_EQ(yarrow_errno, YARROW_ERR_TOOBIG);
+}
+
+TEST_F(ClientTest, NamesWithBlanksAndQuotesTravelAsKeys) {
+  int trans = session_.begin();
+  ASSERT_EQ(why(maapi_create(fd_, trans, "/policy/policer{\"a \\\"b\\\\ {c}\"}")), "ok");
+  ASSERT_EQ(why(maapi_apply_trans(fd_, trans, 0)), "ok");
+  EXPECT_EQ(
+      session_.save("/policy", MAAPI_CANDIDATE),
+      "<config xmlns=\"urn:yarrow:config:1\"><policy xmlns=\"urn:zenodra:yang:policy\"><policer>"
+      "<name>a \"b\\ {c}</name></policer></policy></config>");
+  EXPECT_EQ(why(maapi_candidate_validate(fd_)),
+            "invalid configuration: /policy/policer{\"a \\\"b\\\\ {c}\"}/rate: is missing\n"
+            "/policy/policer{\"a \\\"b\\\\ {c}\"}/burst: is missing");
+}
+
+// The cache cuts saved text at these marks.
+TEST_F(ClientTest, SavedTextIsOneLineShapedSoThatHeadersAndFootersCutIt) {
+  ASSERT_EQ(why(session_.commit(
+                policy("<lists>\n  <vpn-list><name>V</name><vpn><id>10</id></vpn></vpn-list>"
+                       "<vpn-list><name>W</name></vpn-list></lists>"
+                       "<data-policy><name>D</name><vpn-list><name>V</name><default-action>accept"
+                       "</default-action></vpn-list></data-policy><sla-class><name>a&amp;b</name></"
+                       "sla-class>"))),
+            "ok");
+  const std::string head =
+      "<config xmlns=\"urn:yarrow:config:1\"><policy xmlns=\"urn:zenodra:yang:policy\">";
+  EXPECT_EQ(session_.save("/policy/lists/vpn-list{V}"),
+            head +
+                "<lists><vpn-list><name>V</name><vpn><id>10</id></vpn></vpn-list></lists></policy>"
+                "</config>");
+  EXPECT_EQ(session_.save("/policy/data-policy{D}"),
+            head +
+                "<data-policy><name>D</name><vpn-list><name>V</name><default-action>accept"
+                "</default-action></vpn-list></data-policy></policy></config>");
+  EXPECT_EQ(session_.save("/policy/sla-class"),
+            head + "<sla-class><name>a&amp;b</name></sla-class></policy></config>");
+  int trans = session_.begin(MAAPI_RUNNING, MAAPI_READ);
+  EXPECT_EQ(maapi_save_config(fd_, trans, YARROW_CONFIG_XML, "/policy/lists/vpn-list{none}"),
+            YARROW_ERR);
+  EXPECT_EQ(yarrow_errno, YARROW_ERR_NOEXISTS);
+  int id = maapi_save_config(fd_, trans, YARROW_CONFIG_XML, "/policy");
+  EXPECT_EQ(maapi_save_config_result(fd_, id), YARROW_ERR) << "nobody read it";
+  Socket stream(agent_.port());
+  EXPECT_EQ(yarrow_stream_connect(stream.fd(), stream.addr(), stream.addr_len(), id, 0),
+            YARROW_ERR);
+}
+
+TEST_F(ClientTest, LoadMergesReplacesOrStartsAfreshAsItsFlagsSay) {
+  const std::string received =
+      "<config xmlns=\"urn:yarrow:config:1\"><policy-from-pellux "
+      "xmlns=\"urn:zenodra:yang:policy\">";
+  const std::string end = "</policy-from-pellux></config>";
+  ASSERT_EQ(why(session_.load(policy("<app-id><name>keep</name></app-id>"))), "ok");
+  ASSERT_EQ(why(session_.load(received + "<app-id><name>old</name></app-id>" + end, 0x4401)), "ok");
+  ASSERT_EQ(why(session_.load(received + "<app-id><name>new</name></app-id>" + end, 0x4401)), "ok");
+  int trans = session_.begin();
+  EXPECT_EQ(maapi_exists(fd_, trans, "/policy-from-pellux/app-id{old}"), 0);
+  EXPECT_EQ(maapi_exists(fd_, trans, "/policy-from-pellux/app-id{new}"), 1);
+  EXPECT_EQ(maapi_exists(fd_, trans, "/policy/app-id{keep}"), 1);
+  ASSERT_EQ(why(session_.load(received + end, 0x4401)), "ok") << "an empty envelope empties it";
+  trans = session_.begin();
+  EXPECT_EQ(maapi_exists(fd_, trans, "/policy-from-pellux"), 0);
+  EXPECT_EQ(why(maapi_delete(fd_, trans, "/policy-from-pellux")), "ok")
+      << "though there is nothing";
+  TempDirectory directory;
+  std::string file = directory.path() + "/one.xml";
+  std::ofstream(file) << policy("<app-id><name>a</name></app-id>");
+  EXPECT_EQ(why(maapi_load_config(fd_, trans, 0x41, file.c_str())), "ok");
+  EXPECT_EQ(maapi_num_instances(fd_, trans, "/policy/app-id"), 2);
+  EXPECT_EQ(why(maapi_load_config(fd_, trans, 0x1, file.c_str())), "ok");
+  EXPECT_EQ(maapi_num_instances(fd_, trans, "/policy/app-id"), 1);
+  EXPECT_EQ(why(maapi_load_config_cmds(fd_, trans, 0x41, "<sequence><number>5</number></sequence>",
+                                       "/policy/control-policy{none}")),
+            "ok");
+  EXPECT_EQ(maapi_exists(fd_, trans, "/policy/control-policy{none}/sequence{5}"), 1);
+  EXPECT_EQ(maapi_load_config(fd_, trans, 0x41, (file + ".none").c_str()), YARROW_ERR);
+  EXPECT_EQ(yarrow_errno, YARROW_ERR_OS);
+}
+
+TEST_F(ClientTest, OperationalDataIsPublishedCountedAndClearedThroughCdb) {
+  const std::string show = policy(
+      "<from-pellux><lists><vpn-list><name>V</name></vpn-list></lists><data-policy><name>D</name>"
+      "<direction>from-tunnel</direction></data-policy></from-pellux>");
+  int trans = session_.begin(MAAPI_OPERATIONAL);
+  EXPECT_EQ(why(maapi_load_config_cmds(fd_, trans, 0x41, show.c_str(), "%s", "")), "ok");
+  EXPECT_EQ(why(maapi_load_config_cmds(fd_, trans, 0x41, kDataPolicy.c_str(), "%s", "")),
+            "malformed text: line 1: /policy/data-policy: is no state data");
+  EXPECT_EQ(why(maapi_apply_trans(fd_, trans, 1)), "ok");
+  Socket cdb(agent_.port());
+  ASSERT_EQ(why(cdb_connect(cdb.fd(), CDB_DATA_SOCKET, cdb.addr(), cdb.addr_len())), "ok");
+  EXPECT_EQ(cdb_num_instances(cdb.fd(), "/policy/from-pellux/data-policy"), YARROW_ERR)
+      << "no session";
+  ASSERT_EQ(why(cdb_start_session2(cdb.fd(), CDB_OPERATIONAL, 5)), "ok");
+  EXPECT_EQ(cdb_num_instances(cdb.fd(), "/policy/from-pellux/data-policy"), 1);
+  EXPECT_EQ(cdb_num_instances(cdb.fd(), "/policy/from-pellux/policer"), 0);
+  EXPECT_EQ(cdb_exists(cdb.fd(), "/policy/from-pellux/lists/vpn-list{%s}", "V"), 1);
+  EXPECT_EQ(maapi_apply_trans(fd_, trans, 1), YARROW_ERR);
+  EXPECT_EQ(yarrow_errno, YARROW_ERR_LOCKED) << "the session's lock";
+  EXPECT_EQ(why(cdb_delete(cdb.fd(), "/policy/from-pellux/data-policy")), "ok");
+  EXPECT_EQ(why(cdb_delete(cdb.fd(), "/policy/from-pellux/lists/vpn-list{V}")), "ok");
+  EXPECT_EQ(why(cdb_end_session(cdb.fd())), "ok");
+  int after = session_.begin(MAAPI_OPERATIONAL, MAAPI_READ);
+  EXPECT_EQ(maapi_exists(fd_, after, "/policy/from-pellux"), 0);
+  ASSERT_EQ(why(cdb_start_session2(cdb.fd(), CDB_RUNNING, 0)), "ok");
+  EXPECT_EQ(why(cdb_delete(cdb.fd(), "/policy")),
+            "access denied: only operational data is written without a transaction");
+}
+
+TEST_F(ClientTest, ACdbSessionThatWaitsForALockGetsItOnceItIsFree) {
+  ASSERT_EQ(why(maapi_lock(fd_, MAAPI_OPERATIONAL)), "ok");
+  Socket cdb(agent_.port());
+  ASSERT_EQ(why(cdb_connect(cdb.fd(), CDB_DATA_SOCKET, cdb.addr(), cdb.addr_len())), "ok");
+  EXPECT_EQ(cdb_start_session2(cdb.fd(), CDB_OPERATIONAL, CDB_LOCK_SESSION), YARROW_ERR);
+  EXPECT_EQ(yarrow_errno, YARROW_ERR_LOCKED);
+  std::thread release([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(120));
+    maapi_unlock(fd_, MAAPI_OPERATIONAL);
+  });
+  EXPECT_EQ(why(cdb_start_session2(cdb.fd(), CDB_OPERATIONAL, CDB_LOCK_SESSION | CDB_LOCK_WAIT)),
+            "ok");
+  release.join();
+}
+
+TEST_F(ClientTest, CallsOutOfOrderAreRefused) {
+  Socket bare(agent_.port());
+  EXPECT_EQ(maapi_commit_id(bare.fd()), YARROW_ERR);
+  EXPECT_EQ(yarrow_errno, YARROW_ERR_NOTCONNECTED);
+  ASSERT_EQ(why(maapi_connect(bare.fd(), bare.addr(), bare.addr_len())), "ok");
+  EXPECT_EQ(why(maapi_candidate_commit(bare.fd())), "bad request: no user session");
+  EXPECT_EQ(why(maapi_start_user_session3(fd_, "u", "c", nullptr, nullptr)),
+            "exists already: the socket has its user session");
+  EXPECT_EQ(why(maapi_start_trans_flags2(fd_, 9, 2, 0, 0, nullptr, nullptr)),
+            "bad request: no such datastore");
+  int trans = session_.begin(MAAPI_RUNNING, MAAPI_READ);
+  EXPECT_EQ(why(maapi_create(fd_, trans, "/policy/app-id{a}")),
+            "access denied: a transaction for reading");
+  EXPECT_EQ(why(maapi_end_user_session(fd_)), "ok");
+  EXPECT_EQ(why(maapi_finish_trans(fd_, trans)), "bad request: no user session");
+  EXPECT_STREQ(yarrow_strerror(12345), "unknown error");
+}
+
+TEST_F(ClientTest, TheEnvironmentReplacesThePort) {
+  Socket wrong(1);
+  setenv(YARROW_PORT_VARIABLE, std::to_string(agent_.port()).c_str(), 1);
+  EXPECT_EQ(why(maapi_connect(wrong.fd(), wrong.addr(), wrong.addr_len())), "ok");
+  setenv(YARROW_PORT_VARIABLE, "70000", 1);
+  Socket again(agent_.port());
+  EXPECT_EQ(maapi_connect(again.fd(), again.addr(), again.addr_len()), YARROW_ERR);
+  unsetenv(YARROW_PORT_VARIABLE);
+}
+
+}  // namespace
+}  // namespace test

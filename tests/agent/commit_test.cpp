@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Commits: what is refused and why, who may, and the way back.
+#include <thread>
+
+#include "support.h"
+
+namespace test {
+namespace {
+
+class CommitTest : public ::testing::Test {
+ protected:
+  AgentProcess agent_;
+  Session session_{agent_.port()};
+  int fd_ = session_.fd();
+};
+
+std::string site_list(const std::string& name, const std::string& site) {
+  return policy("<lists><site-list><name>" + name + "</name><site><id>" + site +
+                "</id></site></site-list></lists>");
+}
+
+TEST_F(CommitTest, ARefusedTextNamesEveryFaultWithItsLineAndChangesNothing) {
+  ASSERT_EQ(why(session_.commit(site_list("A", "1"))), "ok");
+  EXPECT_EQ(
+      why(session_.commit(policy("\n<lists>"
+                                 "<site-list><name>B</name><site><id>x</id></site></site-list>\n"
+                                 "<site-list><site><id>1</id></site></site-list>\n"
+                                 "<no-such-list><name>C</name><name/></no-such-list>\n"
+                                 "<color-list><name>C</name><color><color>pink</color></color>\n"
+                                 "</color-list>text</lists>\n"
+                                 "<sla-class><name>S</name><loss>101</loss><loss>1</loss>\n"
+                                 "<latency unit=\"s\">1</latency></sla-class>\n"
+                                 "<from-pellux/><policer xmlns=\"urn:other\"/>"))),
+      "malformed text: "
+      "line 2: /policy/lists/site-list{B}/site/id: Unsatisfied pattern - \"x\" does not conform to "
+      "\"[0-9]{1,10}(-[0-9]{1,10})?\".\n"
+      "line 2: /policy/lists/site-list{B}/site: its key id is missing\n"
+      "line 3: /policy/lists/site-list: its key name is missing\n"
+      "line 4: /policy/lists/no-such-list: no such node\n"
+      "line 5: /policy/lists/color-list{C}/color/color: Invalid enumeration value \"pink\".\n"
+      "line 5: /policy/lists/color-list{C}/color: its key color is missing\n"
+      "line 2: /policy/lists: text where elements belong\n"
+      "line 7: /policy/sla-class{S}/loss: Unsatisfied range - value \"101\" is out of the allowed "
+      "range.\n"
+      "line 8: /policy/sla-class{S}/latency: attributes mean nothing here\n"
+      "line 9: /policy/from-pellux: is state data\n"
+      "line 9: /policy/policer: no such node");
+  EXPECT_EQ(session_.save("/policy", MAAPI_CANDIDATE), session_.save("/policy"));
+}
+
+TEST_F(CommitTest, TextThatIsNoXmlIsRefusedWithItsLine) {
+  const char* const texts[] = {"", "no markup",
+                               "<policy xmlns=\"urn:zenodra:yang:policy\">\n<lists>",
+                               "<!DOCTYPE policy [<!ENTITY a \"aaaa\">]><policy>&a;</policy>",
+                               "<policy xmlns=\"urn:zenodra:yang:policy\"></policy><policy/>"};
+  for (const char* text : texts) {
+    EXPECT_EQ(session_.load(text), YARROW_ERR) << text;
+    EXPECT_EQ(yarrow_errno, YARROW_ERR_MALFORMED) << text;
+    EXPECT_EQ(std::string(yarrow_lasterr()).rfind("line ", 0), 0u) << yarrow_lasterr();
+  }
+  std::string deep;
+  for (int i = 0; i < 100'000; ++i) deep += "<lists>";
+  EXPECT_EQ(session_.load(policy(deep)), YARROW_ERR);
+  EXPECT_EQ(
+      session_.load(policy("<app-id><name>" + std::string(1 << 20, 'n') + "</name></app-id>")),
+      YARROW_ERR);
+}
+
+TEST_F(CommitTest, ARefusedCommitNamesEveryConditionThatFailsAndKeepsRunningAndCandidate) {
+  Subscriber subscriber(agent_.port(), "/policy");
+  ASSERT_EQ(
+      why(session_.load(policy(
+          "<lists><prefix-list><name>P</name><prefix><prefix>10.0.0.0/8</prefix><ge>24</ge>"
+          "<le>16</le></prefix><prefix><prefix>11.0.0.0/8</prefix><ge>9</ge><le>9</le></prefix>"
+          "</prefix-list></lists><policer><name>half</name><rate>1</rate></policer>"
+          "<control-policy><name>C</name><sequence><number>1</number><match><type>tloc</type>"
+          "<site-id>1</site-id><site-list>S</site-list><tloc-list>T</tloc-list><tloc><color>lte"
+          "</color></tloc></match><action><set><service><vpn>1</vpn></service></set></action>"
+          "</sequence></control-policy>"))),
+      "ok");
+  std::string candidate = session_.save("/policy", MAAPI_CANDIDATE);
+  const std::string reasons =
+      "invalid configuration: "
+      "/policy/lists/prefix-list{P}/prefix{10.0.0.0/8}: the least length is beyond the greatest\n"
+      "/policy/policer{half}/burst: is missing\n"
+      "/policy/control-policy{C}/sequence{1}/action/set/service: a service needs its type\n"
+      "/policy/control-policy{C}/sequence{1}/match{tloc}: a TLOC and a TLOC list exclude one "
+      "another\n"
+      "/policy/control-policy{C}/sequence{1}/match{tloc}: a site and a site list exclude one "
+      "another";
+  EXPECT_EQ(why(maapi_candidate_validate(fd_)), reasons);
+  EXPECT_EQ(why(maapi_candidate_commit(fd_)), reasons);
+  EXPECT_EQ(session_.save("/policy"), "");
+  EXPECT_EQ(session_.save("/policy", MAAPI_CANDIDATE), candidate);
+  EXPECT_EQ(subscriber.next(50), "none");
+  EXPECT_EQ(maapi_commit_id(fd_), 0);
+  EXPECT_EQ(why(maapi_candidate_reset(fd_)), "ok");
+  EXPECT_EQ(session_.save("/policy", MAAPI_CANDIDATE), "");
+}
+
+TEST_F(CommitTest, AModifiedEntryIsCheckedAndUntouchedOnesAreNot) {
+  ASSERT_EQ(why(session_.commit(
+                policy("<policer><name>p</name><rate>1</rate><burst>1</burst></policer>"))),
+            "ok");
+  int trans = session_.begin(MAAPI_RUNNING);
+  EXPECT_EQ(why(maapi_delete(fd_, trans, "/policy/policer{p}/rate")), "ok");
+  EXPECT_EQ(why(maapi_validate_trans(fd_, trans)),
+            "invalid configuration: /policy/policer{p}/rate: is missing");
+  EXPECT_EQ(why(maapi_apply_trans(fd_, trans, 1)),
+            "invalid configuration: /policy/policer{p}/rate: is missing");
+  EXPECT_EQ(why(maapi_set_elem_text(fd_, trans, "2", "/policy/policer{p}/rate")), "ok");
+  EXPECT_EQ(why(maapi_apply_trans(fd_, trans, 0)), "ok") << "running is written as it is applied";
+  EXPECT_EQ(maapi_commit_id(fd_), 2);
+}
+
+TEST_F(CommitTest, AFaultyFloodIsAnsweredWithABoundedList) {
+  std::string many;
+  for (int i = 0; i < 2000; ++i)
+    many += "<policer><name>" + std::to_string(i) + "</name></policer>";
+  ASSERT_EQ(why(session_.load(policy(many))), "ok");
+  EXPECT_EQ(maapi_candidate_commit(fd_), YARROW_ERR);
+  std::string reasons = yarrow_lasterr();
+  EXPECT_NE(reasons.find("and 3900 more"), std::string::npos)
+      << reasons.substr(reasons.size() - 40);
+}
+
+TEST_F(CommitTest, OneSessionHoldsTheCandidateUntilItLetsGoOrDies) {
+  auto other = std::make_unique<Session>(agent_.port());
+  int trans = session_.begin();
+  ASSERT_EQ(why(maapi_create(fd_, trans, "/policy/app-id{mine}")), "ok");
+  ASSERT_EQ(why(maapi_lock(other->fd(), MAAPI_CANDIDATE)), "ok");
+  EXPECT_EQ(why(maapi_lock(other->fd(), MAAPI_CANDIDATE)),
+            "exists already: the lock is held already");
+  for (int status :
+       {maapi_lock(fd_, MAAPI_CANDIDATE), maapi_apply_trans(fd_, trans, 1),
+        maapi_candidate_commit(fd_), maapi_candidate_reset(fd_), maapi_load_rollback(fd_, 1)}) {
+    EXPECT_EQ(status, YARROW_ERR);
+    EXPECT_EQ(yarrow_errno, YARROW_ERR_LOCKED);
+  }
+  EXPECT_EQ(why(maapi_unlock(fd_, MAAPI_CANDIDATE)), "bad request: the lock is not held");
+  EXPECT_EQ(why(other->commit(policy("<app-id><name>theirs</name></app-id>"))), "ok");
+  other.reset();  // dies with the lock
+  int status = YARROW_ERR;
+  for (int i = 0; i < 100 && status != YARROW_OK; ++i) {
+    status = maapi_apply_trans(fd_, trans, 0);
+    if (status != YARROW_OK) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_EQ(why(status), "ok") << "the same call again, once the lock is gone";
+  ASSERT_EQ(why(maapi_candidate_commit(fd_)), "ok");
+  int now = session_.begin(MAAPI_RUNNING, MAAPI_READ);
+  EXPECT_EQ(maapi_num_instances(fd_, now, "/policy/app-id"), 2) << "edits of both survive";
+}
+
+TEST_F(CommitTest, TransactionsThatTouchDifferentNodesMergeAndTheLaterWinsOnOne) {
+  Session other(agent_.port());
+  int mine = session_.begin();
+  int theirs = other.begin();
+  ASSERT_EQ(why(maapi_create(fd_, mine, "/policy/app-id{a}")), "ok");
+  ASSERT_EQ(why(maapi_set_elem_text(fd_, mine, "1", "/policy/app-id{a}/id")), "ok");
+  ASSERT_EQ(why(maapi_create(other.fd(), theirs, "/policy/app-id{a}")), "ok");
+  ASSERT_EQ(why(maapi_set_elem_text(other.fd(), theirs, "2", "/policy/app-id{a}/id")), "ok");
+  ASSERT_EQ(why(maapi_create(other.fd(), theirs, "/policy/app-id{b}")), "ok");
+  ASSERT_EQ(why(maapi_apply_trans(fd_, mine, 0)), "ok");
+  ASSERT_EQ(why(maapi_apply_trans(other.fd(), theirs, 0)), "ok");
+  ASSERT_EQ(why(maapi_candidate_commit(fd_)), "ok");
+  EXPECT_NE(
+      session_.save("/policy").find("<app-id><name>a</name><id>2</id></app-id><app-id><name>b"),
+      std::string::npos);
+}
+
+TEST_F(CommitTest, AWriteToRunningKeepsWhatTheCandidateHolds) {
+  ASSERT_EQ(why(session_.load(policy("<app-id><name>pending</name></app-id>"))), "ok");
+  int trans = session_.begin(MAAPI_RUNNING);
+  ASSERT_EQ(why(maapi_create(fd_, trans, "/policy/app-id{direct}")), "ok");
+  ASSERT_EQ(why(maapi_apply_trans(fd_, trans, 0)), "ok");
+  ASSERT_EQ(why(maapi_candidate_commit(fd_)), "ok");
+  int now = session_.begin(MAAPI_RUNNING, MAAPI_READ);
+  EXPECT_EQ(maapi_num_instances(fd_, now, "/policy/app-id"), 2);
+}
+
+TEST(RollbackTest, AnyOfTheLastFiftyConfigurationsComesBackAlsoAfterARestart) {
+  TempDirectory directory;
+  std::vector<std::string> history = {""};
+  {
+    AgentProcess agent(directory.path());
+    Session session(agent.port());
+    for (int i = 1; i <= 60; ++i) {
+      std::string text =
+          policy("<app-id><name>n</name><id>" + std::to_string(i) + "</id></app-id>");
+      ASSERT_EQ(why(session.commit(text)), "ok");
+      history.push_back(session.save("/policy"));
+    }
+    EXPECT_EQ(agent.terminate(), 0);
+  }
+  AgentProcess agent(directory.path());
+  Session session(agent.port());
+  EXPECT_EQ(session.save("/policy"), history[60]);
+  for (unsigned back : {1u, 7u, 50u}) {
+    ASSERT_EQ(why(maapi_load_rollback(session.fd(), back)), "ok");
+    EXPECT_EQ(session.save("/policy", MAAPI_CANDIDATE), history[60 - back]);
+  }
+  EXPECT_EQ(maapi_load_rollback(session.fd(), 51), YARROW_ERR);
+  EXPECT_EQ(yarrow_errno, YARROW_ERR_NOEXISTS);
+  Subscriber subscriber(agent.port(), "/policy");
+  ASSERT_EQ(why(maapi_candidate_commit(session.fd())), "ok");
+  EXPECT_EQ(subscriber.next(), "3 /policy/app-id@1 [n] id=10\n")
+      << "a rollback is told like any edit";
+  EXPECT_EQ(maapi_commit_id(session.fd()), 61);
+}
+
+}  // namespace
+}  // namespace test

@@ -1,0 +1,230 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support.h"
+
+#include <arpa/inet.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+
+namespace test {
+
+namespace {
+
+// Names of tags, from the schema that this process loaded.
+std::string tag_name(uint32_t tag) {
+  static std::map<uint32_t, std::string> names;
+  if (names.empty()) {
+    std::vector<const t_yarrow_cs_node*> todo = {yarrow_cs_node_cd(nullptr, "/")};
+    while (!todo.empty()) {
+      const t_yarrow_cs_node* node = todo.back();
+      todo.pop_back();
+      for (; node != nullptr; node = node->next) {
+        names[node->tag] = node->name;
+        if (node->children != nullptr) todo.push_back(node->children);
+      }
+    }
+  }
+  auto found = names.find(tag);
+  return found != names.end() ? found->second : "?";
+}
+
+std::string text_of(const t_yarrow_value& value) {
+  char text[INET6_ADDRSTRLEN] = "";
+  switch (value.type) {
+    case C_NOEXISTS:
+      return "-";
+    case C_XMLTAG:
+      return "+";
+    case C_BUF:
+      return reinterpret_cast<const char*>(value.val.buf.ptr);
+    case C_UINT8:
+      return std::to_string(value.val.u8);
+    case C_UINT16:
+      return std::to_string(value.val.u16);
+    case C_UINT32:
+      return std::to_string(value.val.u32);
+    case C_UINT64:
+      return std::to_string(value.val.u64);
+    case C_BOOL:
+      return value.val.boolean != 0 ? "true" : "false";
+    case C_ENUM_VALUE:
+      return "#" + std::to_string(value.val.enumvalue);
+    case C_IPV4:
+      return inet_ntop(AF_INET, &value.val.ip, text, sizeof text);
+    case C_IPV6:
+      return inet_ntop(AF_INET6, value.val.ip6, text, sizeof text);
+    case C_IPV4PREFIX:
+      inet_ntop(AF_INET, &value.val.ipv4prefix.ip, text, sizeof text);
+      return std::string(text) + "/" + std::to_string(value.val.ipv4prefix.len);
+    case C_IPV6PREFIX:
+      inet_ntop(AF_INET6, value.val.ipv6prefix.ip6, text, sizeof text);
+      return std::string(text) + "/" + std::to_string(value.val.ipv6prefix.len);
+    case C_LIST: {
+      std::string items;
+      for (uint32_t i = 0; i < value.val.list.size; ++i) {
+        items += (i > 0 ? "," : "") + text_of(value.val.list.ptr[i]);
+      }
+      return "{" + items + "}";
+    }
+    default:
+      return "type " + std::to_string(value.type);
+  }
+}
+
+}  // namespace
+
+TempDirectory::TempDirectory()
+    : path_(std::filesystem::temp_directory_path() / "yarrow_test.XXXXXX") {
+  if (mkdtemp(path_.data()) == nullptr) abort();
+}
+
+TempDirectory::~TempDirectory() { std::filesystem::remove_all(path_); }
+
+AgentProcess::AgentProcess(const std::string& directory) {
+  int ends[2];
+  if (pipe(ends) != 0) abort();
+  pid_ = fork();
+  if (pid_ == 0) {
+    dup2(ends[1], STDOUT_FILENO);
+    close(ends[0]);
+    close(ends[1]);
+    execl(YARROWD_PATH, "yarrowd", "--port", "0", directory.empty() ? nullptr : "--dir",
+          directory.c_str(), nullptr);
+    _exit(127);
+  }
+  close(ends[1]);
+  FILE* out = fdopen(ends[0], "r");
+  unsigned port = 0;
+  if (fscanf(out, "yarrowd: port %u", &port) != 1) ADD_FAILURE() << "yarrowd does not start";
+  fclose(out);
+  port_ = static_cast<uint16_t>(port);
+}
+
+AgentProcess::~AgentProcess() { terminate(); }
+
+void AgentProcess::kill_hard() {
+  if (pid_ < 0) return;
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+  pid_ = -1;
+}
+
+int AgentProcess::terminate() {
+  if (pid_ < 0) return -1;
+  int status = 0;
+  kill(pid_, SIGTERM);
+  waitpid(pid_, &status, 0);
+  pid_ = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+Socket::Socket(uint16_t port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  address_.sin_family = AF_INET;
+  address_.sin_port = htons(port);
+  address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+}
+
+Socket::~Socket() { shut(); }
+
+void Socket::shut() {
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
+}
+
+Session::Session(uint16_t port) : Socket(port) {
+  EXPECT_EQ(why(maapi_connect(fd(), addr(), addr_len())), "ok");
+  EXPECT_EQ(why(maapi_start_user_session3(fd(), "system", "test", nullptr, "test")), "ok");
+}
+
+int Session::begin(int datastore, int mode) const {
+  int trans = maapi_start_trans_flags2(fd(), datastore, mode, 0, 0, nullptr, nullptr);
+  EXPECT_GT(trans, 0) << why(trans);
+  return trans;
+}
+
+int Session::load(const std::string& xml, unsigned flags) const {
+  // No expectations here: an agent that is being killed makes any of these fail.
+  int trans =
+      maapi_start_trans_flags2(fd(), MAAPI_CANDIDATE, MAAPI_READ_WRITE, 0, 0, nullptr, nullptr);
+  if (trans < 0) return trans;
+  int status = maapi_load_config_cmds(fd(), trans, flags, xml.c_str(), "%s", "");
+  if (status == YARROW_OK) status = maapi_apply_trans(fd(), trans, 0);
+  if (status != YARROW_OK) return status;  // the caller reads the error: no call after it
+  return maapi_finish_trans(fd(), trans);
+}
+
+int Session::commit(const std::string& xml, unsigned flags) const {
+  int status = load(xml, flags);
+  return status == YARROW_OK ? maapi_candidate_commit(fd()) : status;
+}
+
+std::string Session::save(const std::string& path, int datastore) const {
+  int trans = begin(datastore, MAAPI_READ);
+  int id = maapi_save_config(fd(), trans, YARROW_CONFIG_XML, "%s", path.c_str());
+  std::string text;
+  if (id > 0) {
+    Socket stream(ntohs(reinterpret_cast<const sockaddr_in*>(addr())->sin_port));
+    EXPECT_EQ(why(yarrow_stream_connect(stream.fd(), addr(), addr_len(), id, 0)), "ok");
+    char block[4096];
+    for (ssize_t got = 0; (got = recv(stream.fd(), block, sizeof block, MSG_WAITALL)) > 0;) {
+      text.append(block, static_cast<size_t>(got));
+    }
+    EXPECT_EQ(why(maapi_save_config_result(fd(), id)), "ok");
+  }
+  maapi_finish_trans(fd(), trans);
+  return text;
+}
+
+Subscriber::Subscriber(uint16_t port, const char* path, unsigned flags) : Socket(port) {
+  EXPECT_EQ(why(yarrow_sub_connect(fd(), addr(), addr_len(), path, flags)), "ok");
+  EXPECT_EQ(why(yarrow_load_schemas(addr(), addr_len())), "ok");
+}
+
+std::string Subscriber::next(int timeout_ms) {
+  t_yarrow_batch* batch = nullptr;
+  int status = yarrow_sub_read(fd(), timeout_ms, &batch);
+  if (status != 1) return status == 0 ? "none" : why(status);
+  commit_id_ = yarrow_batch_commit_id(batch);
+  std::string text;
+  auto visit = [](const t_yarrow_change* change, void* state) {
+    *static_cast<std::string*>(state) += describe(*change) + "\n";
+    return 0;
+  };
+  yarrow_batch_iterate(batch, visit, &text);
+  yarrow_batch_free(batch);
+  return text;
+}
+
+std::string describe(const t_yarrow_change& change) {
+  std::string text = std::to_string(change.op) + " " + change.path + "@" +
+                     std::to_string(unsigned{change.level}) + " [";
+  for (uint32_t i = 0; i < change.key_count; ++i) {
+    text += (i > 0 ? " " : "") + text_of(change.keys[i]);
+  }
+  text += "]";
+  for (uint32_t i = 0; i < change.value_count; ++i) {
+    const t_yarrow_tag_value& value = change.values[i];
+    if (value.v.type == C_XMLBEGIN) {
+      text += " " + tag_name(value.tag) + "(";
+    } else if (value.v.type == C_XMLEND) {
+      text += " )";
+    } else {
+      text += " " + tag_name(value.tag) + "=" + text_of(value.v);
+    }
+  }
+  return text;
+}
+
+std::string why(int status) {
+  if (status >= 0) return "ok";
+  if (status == YARROW_EOF) return "closed";
+  std::string reason = yarrow_lasterr();
+  return std::string(yarrow_strerror(yarrow_errno)) + (reason.empty() ? "" : ": " + reason);
+}
+
+}  // namespace test

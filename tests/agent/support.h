@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A yarrowd of its own for each test, and clients of it that clean up after themselves.
+#ifndef TESTS_AGENT_SUPPORT_H
+#define TESTS_AGENT_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "yarrow/yarrow_cdb.h"
+#include "yarrow/yarrow_changes.h"
+#include "yarrow/yarrow_maapi.h"
+#include "yarrow/yarrow_schema.h"
+
+namespace test {
+
+class TempDirectory {
+ public:
+  TempDirectory();
+  ~TempDirectory();
+  TempDirectory(const TempDirectory&) = delete;
+  TempDirectory& operator=(const TempDirectory&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+class AgentProcess {
+ public:
+  // An empty directory keeps nothing.
+  explicit AgentProcess(const std::string& directory = "");
+  ~AgentProcess();
+  AgentProcess(const AgentProcess&) = delete;
+  AgentProcess& operator=(const AgentProcess&) = delete;
+
+  uint16_t port() const { return port_; }
+  void kill_hard();
+  int terminate();  // the exit status after SIGTERM
+
+ private:
+  pid_t pid_ = -1;
+  uint16_t port_ = 0;
+};
+
+// A stream socket and the agent's address.
+class Socket {
+ public:
+  explicit Socket(uint16_t port);
+  ~Socket();
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  int fd() const { return fd_; }
+  const sockaddr* addr() const { return reinterpret_cast<const sockaddr*>(&address_); }
+  socklen_t addr_len() const { return sizeof address_; }
+  void shut();
+
+ private:
+  int fd_;
+  sockaddr_in address_ = {};
+};
+
+// A socket with a user session.
+class Session : public Socket {
+ public:
+  explicit Session(uint16_t port);
+
+  int begin(int datastore = MAAPI_CANDIDATE, int mode = MAAPI_READ_WRITE) const;
+
+  // Loads into the candidate and applies; the status of the first call that failed.
+  int load(const std::string& xml, unsigned flags = YARROW_CONFIG_XML | YARROW_CONFIG_MERGE) const;
+  int commit(const std::string& xml,
+             unsigned flags = YARROW_CONFIG_XML | YARROW_CONFIG_MERGE) const;
+
+  // What a datastore holds at a path, as saved; "" when that fails.
+  std::string save(const std::string& path, int datastore = MAAPI_RUNNING) const;
+};
+
+class Subscriber : public Socket {
+ public:
+  Subscriber(uint16_t port, const char* path, unsigned flags = 0);
+
+  // The next batch, one line a change; "none" if there is no batch soon.
+  std::string next(int timeout_ms = 5'000);
+  int64_t commit_id() const { return commit_id_; }
+
+ private:
+  int64_t commit_id_ = -1;
+};
+
+// "1 /policy/lists/site-list/site@2 [A 5-9] preference=7": operation, path, level, keys, values. A
+// value stands after its node's name, "-" for a removed one, "name(" and ")" for a container.
+std::string describe(const t_yarrow_change& change);
+
+// The error of a call that is to fail, with the agent's words, for comparing at a glance.
+std::string why(int status);
+
+inline std::string policy(const std::string& inner) {
+  return "<policy xmlns=\"urn:zenodra:yang:policy\">" + inner + "</policy>";
+}
+
+}  // namespace test
+#endif

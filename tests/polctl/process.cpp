@@ -1,0 +1,153 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "process.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+
+namespace {
+
+struct Pipe {
+  int read = -1;
+  int write = -1;
+};
+
+Pipe make_pipe() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) abort();
+  return {ends[0], ends[1]};
+}
+
+Pipe make_terminal() {
+  int ours;
+  int theirs;
+  if (openpty(&ours, &theirs, nullptr, nullptr, nullptr) != 0) abort();
+  fcntl(ours, F_SETFD, FD_CLOEXEC);
+  fcntl(theirs, F_SETFD, FD_CLOEXEC);
+  return {ours, theirs};
+}
+
+std::vector<char*> pointers(const std::vector<std::string>& words) {
+  std::vector<char*> result;
+  result.reserve(words.size() + 1);
+  for (const std::string& word : words) result.push_back(const_cast<char*>(word.c_str()));
+  result.push_back(nullptr);
+  return result;
+}
+
+[[noreturn]] void become_polctl(const Invocation& invocation, int in, int out, int err) {
+  std::vector<std::string> args = {POLCTL_PATH};
+  args.insert(args.end(), invocation.args.begin(), invocation.args.end());
+  std::vector<std::string> env = invocation.env;  // the first of a name counts
+  env.insert(env.end(), {"TERM=xterm", "LC_ALL=C"});
+  for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS"}) {
+    if (const char* value = getenv(name)) env.push_back(std::string(name) + "=" + value);
+  }
+  if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0 || chdir(POLCTL_GOLDENS) != 0) {
+    _exit(126);
+  }
+  signal(SIGPIPE, SIG_DFL);
+  execve(POLCTL_PATH, pointers(args).data(), pointers(env).data());
+  _exit(127);
+}
+
+// How much of the input may be fed by now.
+size_t feedable(const Invocation& invocation, const std::string& answered) {
+  if (!invocation.in_turns) return invocation.input.size();
+  size_t end = 0;
+  for (auto lines = std::count(answered.begin(), answered.end(), '\n') + 1; lines > 0; --lines) {
+    size_t newline = invocation.input.find('\n', end);
+    if (newline == std::string::npos) return invocation.input.size();
+    end = newline + 1;
+  }
+  return end;
+}
+
+// Feeds and drains the child at once, so that neither side waits for the other for ever.
+void converse(const Invocation& invocation, int in, int out, int err, Outcome* outcome) {
+  size_t fed = 0;
+  useconds_t pause = invocation.pause ? 1100000 : 0;
+  fcntl(in, F_SETFL, O_NONBLOCK);
+  while (in >= 0 || out >= 0 || err >= 0) {
+    size_t end = feedable(invocation, outcome->out);
+    bool waiting = invocation.in_turns && fed == end;
+    pollfd waits[3] = {{waiting ? -1 : in, POLLOUT, 0}, {out, POLLIN, 0}, {err, POLLIN, 0}};
+    if (poll(waits, 3, 30000) <= 0) {
+      ADD_FAILURE() << "polctl hangs";
+      break;
+    }
+    if (waits[0].revents != 0) {
+      size_t half = invocation.input.size() / 2;
+      if (invocation.pause && fed >= half) usleep(std::exchange(pause, 0));
+      if (pause > 0) end = half;
+      ssize_t wrote = write(in, invocation.input.data() + fed, end - fed);
+      if (wrote > 0) fed += static_cast<size_t>(wrote);
+      if (wrote < 0 || fed == invocation.input.size()) close(std::exchange(in, -1));
+    }
+    auto drain = [](int* fd, std::string* text, size_t limit) {
+      char buffer[65536];
+      ssize_t got = read(*fd, buffer, std::min(sizeof buffer, limit - text->size()));
+      if (got > 0) text->append(buffer, static_cast<size_t>(got));
+      if (got <= 0 || text->size() == limit) close(std::exchange(*fd, -1));
+    };
+    if (waits[1].revents != 0) drain(&out, &outcome->out, invocation.read_at_most);
+    if (waits[2].revents != 0) drain(&err, &outcome->err, SIZE_MAX);
+  }
+  for (int fd : {in, out, err}) {
+    if (fd >= 0) close(fd);
+  }
+}
+
+}  // namespace
+
+Outcome run_polctl(const Invocation& invocation) {
+  signal(SIGPIPE, SIG_IGN);
+  Pipe in = make_pipe();
+  Pipe out = invocation.terminal ? make_terminal() : make_pipe();
+  Pipe err = invocation.terminal ? Pipe{-1, dup(out.write)} : make_pipe();
+  pid_t child = fork();
+  if (child < 0) abort();
+  if (child == 0) {
+    int to = out.write;
+    if (!invocation.output_file.empty()) to = open(invocation.output_file.c_str(), O_WRONLY);
+    become_polctl(invocation, in.read, to, err.write);
+  }
+  close(in.read);
+  close(out.write);
+  close(err.write);
+  Outcome outcome;
+  converse(invocation, in.write, out.read, err.read, &outcome);
+  int status = 0;
+  waitpid(child, &status, 0);
+  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return outcome;
+}
+
+std::string temporary_file(const std::string& content) {
+  struct Files {
+    std::vector<std::string> paths;
+    ~Files() {
+      for (const std::string& path : paths) unlink(path.c_str());
+    }
+  };
+  static Files files;
+  std::string path = testing::TempDir() + "polctl_test_XXXXXX";
+  int fd = mkstemp(path.data());
+  if (fd < 0) abort();
+  files.paths.push_back(path);
+  for (size_t done = 0; done < content.size();) {
+    ssize_t wrote = write(fd, content.data() + done, content.size() - done);
+    if (wrote <= 0) abort();
+    done += static_cast<size_t>(wrote);
+  }
+  close(fd);
+  return path;
+}

@@ -1,0 +1,221 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "route_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "address_text.h"
+#include "input_error.h"
+#include "process.h"
+#include "tloc_resolver.h"
+
+namespace polctl {
+namespace {
+
+struct ReadRoute {
+  t_pol_route_query query;
+  t_pol_route_attr attr;
+};
+
+std::vector<ReadRoute> read_all(const std::string& content) {
+  RouteReader reader(temporary_file(content));
+  std::vector<ReadRoute> routes;
+  auto route = std::make_unique<ReadRoute>();
+  for (;;) {
+    memset(&route->query, 0, sizeof route->query);
+    if (!reader.next(&route->query, &route->attr)) return routes;
+    routes.push_back(*route);
+  }
+}
+
+// What the reader says of a file whose faulty line comes second.
+std::string complaint_about(const std::string& line) {
+  std::string path = temporary_file("10.0.0.0/8\n" + line);
+  RouteReader reader(path);
+  auto route = std::make_unique<ReadRoute>();
+  memset(route.get(), 0, sizeof *route);
+  try {
+    while (reader.next(&route->query, &route->attr)) memset(route.get(), 0, sizeof *route);
+  } catch (const InputError& error) {
+    std::string what = error.what();
+    EXPECT_EQ(what.substr(0, path.size()), path);
+    return what.substr(path.size());
+  }
+  return "accepted";
+}
+
+TEST(RouteReaderTest, ReadsEveryMember) {
+  std::vector<ReadRoute> routes = read_all(
+      R"({"type":"service", "prefix":"10.1.0.0/16", "vpn":18446744073709551615, "tag":4294967295,)"
+      R"( "preference":100, "domain":1, "site":10, "groups":[1,2,3], "carrier":255,)"
+      R"( "tloc":{"address":"10.0.0.1","color":3,"encap":2}, "origin":[4,2],)"
+      R"( "originator":"2001:db8::9"})"
+      "\n");
+  ASSERT_EQ(routes.size(), 1u);
+  const t_pol_route_query& query = routes[0].query;
+  const t_pol_route_attr& attr = routes[0].attr;
+  EXPECT_EQ(query.match_type, POL_MATCH_SERVICE);
+  EXPECT_EQ(prefix_text(query.prefix), "10.1.0.0/16");
+  EXPECT_EQ(query.vpn, UINT64_MAX);
+  EXPECT_EQ(attr.present, POL_ATTR_TLOC | POL_ATTR_PREF | POL_ATTR_TAG | POL_ATTR_DOMAIN |
+                              POL_ATTR_SITE | POL_ATTR_ORIGIN | POL_ATTR_ORIGINATOR |
+                              POL_ATTR_GROUP | POL_ATTR_CARRIER);
+  EXPECT_EQ(attr.tag, UINT32_MAX);
+  EXPECT_EQ(attr.preference, 100u);
+  EXPECT_EQ(attr.domain, 1u);
+  EXPECT_EQ(attr.site, 10u);
+  ASSERT_EQ(attr.group_count, 3u);
+  EXPECT_EQ(attr.group[2], 3u);
+  EXPECT_EQ(attr.carrier, 255);
+  EXPECT_EQ(attr.origin_protocol, 4);
+  EXPECT_EQ(attr.origin_subtype, 2);
+  EXPECT_EQ(address_text(attr.originator), "2001:db8::9");
+  EXPECT_EQ(tloc_text(attr.tloc), "10.0.0.1 : internet : ipsec");
+  EXPECT_EQ(tloc_text(query.tloc), "10.0.0.1 : internet : ipsec");
+}
+
+TEST(RouteReaderTest, NothingOfOneRouteStaysForTheNext) {
+  std::vector<ReadRoute> routes = read_all(
+      "{\"type\":\"tloc\",\"tag\":5,\"groups\":[7],\"tloc\":{\"address\":\"1.2.3.4\"}}\n"
+      "{\"type\":\"route\",\"groups\":[]}\n"
+      "10.0.0.0/8\n");
+  ASSERT_EQ(routes.size(), 3u);
+  EXPECT_EQ(routes[1].attr.present, POL_ATTR_GROUP);
+  EXPECT_EQ(routes[1].attr.group_count, 0u);
+  EXPECT_EQ(routes[1].query.tloc.family, 0u);
+  EXPECT_EQ(routes[1].query.prefix.addr.family, 0u);
+  EXPECT_EQ(routes[2].attr.present, 0u);
+  EXPECT_EQ(routes[2].query.match_type, POL_MATCH_ROUTE);
+}
+
+TEST(RouteReaderTest, TakesBlanksCommentsAndAnyLineEnd) {
+  std::vector<ReadRoute> routes = read_all(
+      "# a comment\r\n\r\n  10.0.0.0/8\t\r\n \t\n{\"type\":\"route\"}  "
+      "\r\n2001:DB8::/32\n0.0.0.0/0");
+  ASSERT_EQ(routes.size(), 4u);
+  EXPECT_EQ(prefix_text(routes[0].query.prefix), "10.0.0.0/8");
+  EXPECT_EQ(prefix_text(routes[2].query.prefix), "2001:db8::/32");
+  EXPECT_EQ(prefix_text(routes[3].query.prefix), "0.0.0.0/0");
+}
+
+TEST(RouteReaderTest, SaysWhatIsWrongAndWhere) {
+  struct {
+    const char* line;
+    const char* complaint;  // its beginning
+  } const cases[] = {
+      {"x", ":2:1: error: \"x\" is no prefix (expected a prefix such as"},
+      {"  10.0.0/8", ":2:9: error: bad IPv4 address \"10.0.0\" (expected four octets"},
+      {"10.0.0.256/8", ":2:8: error: bad IPv4 address"},
+      {"10.0.0.01/8", ":2:8: error: bad IPv4 address"},
+      {"10.0.0.0", ":2:9: error: no length after"},
+      {"10.0.0.0/33", ":2:10: error: bad prefix length \"33\" (expected a length from 0 to 32)"},
+      {"10.0.0.0/", ":2:10: error: bad prefix length"},
+      {"10.0.0.0/8 10.1.0.0/16", ":2:10: error: bad prefix length"},
+      {"2001:db8::/129",
+       ":2:12: error: bad prefix length \"129\" (expected a length from 0 to 128)"},
+      {"2001::db8::/32", ":2:1: error: bad IPv6 address"},
+      {"{\"type\":\"rout\"}", ":2:9: error: unknown type \"rout\" (expected \"route\","},
+      {"{\"tag\":5}", ":2:1: error: no member \"type\""},
+      {"{\"type\":\"route\",\"tga\":5}", ":2:17: error: unknown member \"tga\" (expected type,"},
+      {"{\"type\":\"route\",\"tag\":-1}", ":2:23: error: \"tag\" is negative"},
+      {"{\"type\":\"route\",\"tag\": 4294967296}",
+       ":2:24: error: \"tag\" is 4294967296, out of range"},
+      {"{\"type\":\"route\",\"vpn\":18446744073709551616}", ":2:23: error: \"vpn\" is negative"},
+      {"{\"type\":\"route\",\"carrier\":256}", ":2:27: error: \"carrier\" is 256, out of range"},
+      {"{\"type\":\"route\",\"tag\":\"5\"}", ":2:23: error: \"tag\" is the text \"5\""},
+      {"{\"type\":\"route\",\"tag\":1,\"tag\":1}", ":2:25: error: member \"tag\" is given twice"},
+      {"{\"type\":\"route\",\"groups\":[1, -2]}", ":2:30: error: \"groups[]\" is negative"},
+      {"{\"type\":\"route\",\"groups\":[[1]]}", ":2:27: error: values are nested too deeply"},
+      {"{\"type\":\"route\",\"origin\":[4]}", ":2:26: error: \"origin\" has too few"},
+      {"{\"type\":\"route\",\"origin\":[4,2,1]}", ":2:31: error: too many values in origin"},
+      {"{\"type\":\"route\",\"tloc\":{\"color\":3}}", ":2:24: error: \"tloc\" has no address"},
+      {"{\"type\":\"route\",\"tloc.address\":\"1.2.3.4\"}", ":2:17: error: unknown member"},
+      {"{\"type\":\"route\",\"originator\":\"10.0.0.x\"}", ":2:38: error: bad IPv4 address"},
+      {"{\"type\":\"route\"|\"tloc\"}", ":2:16: error: bad JSON: invalid literal (expected '}')"},
+      {"{\"type\":\"route\"", ":2:16: error: bad JSON: unexpected end of input"},
+      {"{\"type\":\"route\"} {}", ":2:18: error: bad JSON: unexpected '{'"},
+      {"{\"type\":\"route\",\"tag\":1e999}", ":2:23: error: bad JSON: number overflow"},
+      {"{\"type\":\"ro\xffute\"}", ":2:9: error: bad JSON: invalid string"},
+  };
+  for (const auto& each : cases) {
+    EXPECT_EQ(complaint_about(each.line).substr(0, strlen(each.complaint)), each.complaint)
+        << each.line;
+  }
+}
+
+TEST(RouteReaderTest, BytesThatAreNoTextAreRefused) {
+  using namespace std::string_literals;
+  EXPECT_EQ(complaint_about("{\"type\":\"route\"}\0{\"tag\":5}"s),
+            ":2:17: error: a NUL byte (expected text)");
+  EXPECT_EQ(complaint_about("10.0.0.0/8\0"s).substr(0, 36),
+            ":2:10: error: bad prefix length \"8?\"");
+  EXPECT_EQ(complaint_about("10.0.0.0/\033[31m8").find('\033'), std::string::npos);
+}
+
+TEST(RouteReaderTest, LinesAreBoundedAndTheBoundIsExact) {
+  std::string prefix = "10.0.0.0/8";
+  std::string longest(LineReader::kMaxLine - prefix.size(), ' ');
+  EXPECT_EQ(read_all(longest + prefix + "\n" + longest + prefix + "\n" + prefix).size(), 3u);
+  EXPECT_EQ(complaint_about(" " + longest + prefix + "\n"),
+            ":2:65537: error: the line is too long (expected at most 65536 bytes)");
+  EXPECT_EQ(complaint_about(std::string(1000000, '[')).substr(0, 40),
+            ":2:65537: error: the line is too long (e");
+  EXPECT_EQ(complaint_about("{\"type\":\"route\",\"groups\":" + std::string(60000, '[')),
+            ":2:27: error: values are nested too deeply (expected a plain value)");
+  std::string groups;
+  for (int i = 0; i <= POL_MAX_GROUP; ++i) groups += i == 0 ? "1" : ",1";
+  EXPECT_EQ(complaint_about("{\"type\":\"route\",\"groups\":[" + groups + "]}"),
+            ":2:155: error: too many groups (expected at most 64)");
+}
+
+TEST(LineReaderTest, AnOverlongLineComesCutAndTheNextOneWhole) {
+  std::string path = temporary_file(std::string(300000, 'x') + "\nnext\n");
+  LineReader reader(path);
+  std::string_view line;
+  ASSERT_TRUE(reader.next(&line));
+  EXPECT_TRUE(reader.overlong());
+  EXPECT_EQ(line.size(), LineReader::kMaxLine);
+  ASSERT_TRUE(reader.next(&line));
+  EXPECT_FALSE(reader.overlong());
+  EXPECT_EQ(line, "next");
+  EXPECT_EQ(reader.line(), 2u);
+  EXPECT_EQ(reader.position(), reader.size());
+  EXPECT_FALSE(reader.next(&line));
+}
+
+t_pol_tloc_result resolved(uint32_t ipv4, uint8_t color, uint8_t encap) {
+  t_pol_tloc_result result = {};
+  resolve_tloc(0, ipv4, color, encap, 0, 0, &result);
+  return result;
+}
+
+TEST(TlocResolverTest, ResolvesByAddressColorAndEncapsulation) {
+  EXPECT_EQ(resolved(0x0a000001, 3, 2).count, 1u)
+      << "each resolves to itself before a file is read";
+  load_resolvable_tlocs(temporary_file(
+      "{\"address\":\"10.0.0.1\",\"color\":3,\"encap\":2,\"label\":8,\"preference\":9}\n"
+      "{\"address\":\"10.0.0.1\",\"color\":4,\"encap\":2}\n"
+      "{\"address\":\"10.0.0.1\",\"color\":3,\"encap\":1,\"label\":7}\n"
+      "{\"address\":\"2001:db8::1\",\"color\":3,\"encap\":2}\n"));
+  t_pol_tloc_result any = resolved(0x0a000001, 3, 0);
+  ASSERT_EQ(any.count, 2u) << "no encapsulation asks for any";
+  EXPECT_EQ(any.entry[0].label, 8u);
+  EXPECT_EQ(any.entry[0].preference, 9u);
+  EXPECT_EQ(any.entry[1].label, 7u);
+  EXPECT_EQ(resolved(0x0a000001, 3, 1).count, 1u);
+  EXPECT_EQ(resolved(0x0a000002, 3, 2).count, 0u);
+  EXPECT_EQ(resolved(0, 3, 2).count, 0u) << "TLOCs that are not IPv4 are asked for without address";
+}
+
+TEST(TlocResolverTest, NeverFillsMoreThanTheLibraryTakes) {
+  std::string many;
+  for (int i = 0; i < 100; ++i) many += "{\"address\":\"10.0.0.1\",\"color\":3}\n";
+  load_resolvable_tlocs(temporary_file(many));
+  EXPECT_EQ(resolved(0x0a000001, 3, 0).count, uint32_t{POL_MAX_TLOC});
+}
+
+}  // namespace
+}  // namespace polctl

@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "process.h"
+
+namespace {
+
+const std::string kPolicyFile = POLCTL_EXAMPLES "/branch-policy.txt";
+const std::string kRoutes = POLCTL_EXAMPLES "/routes.jsonl";
+const std::string kTlocs = POLCTL_EXAMPLES "/tlocs.jsonl";
+
+Invocation eval(const std::string& policy_file, std::vector<std::string> more) {
+  Invocation invocation;
+  invocation.args = {"eval", "--policy-file", policy_file, "--policy", "branch"};
+  invocation.args.insert(invocation.args.end(), more.begin(), more.end());
+  return invocation;
+}
+
+std::string many_prefixes(int count) {
+  std::string routes;
+  for (int i = 0; i < count; ++i) {
+    routes += std::to_string(1 + i / 65536) + "." + std::to_string(i / 256 % 256) + "." +
+              std::to_string(i % 256) + ".0/24\n";
+  }
+  return routes;
+}
+
+TEST(ToolTest, ExitStatusTellsBadUsageFromAnswers) {
+  struct {
+    std::vector<std::string> args;
+    int status;
+  } const cases[] = {
+      {{"--help"}, 0},
+      {{"--version"}, 0},
+      {{"eval", "--help"}, 0},
+      {{}, 2},
+      {{"evaluate"}, 2},
+      {{"eval", "--policy", "branch"}, 2},
+      {{"eval", "--policy-file", kPolicyFile}, 2},
+      {{"eval", "--policy-file", kPolicyFile, "--policy", "branch", "--josn"}, 2},
+      {{"eval", "--policy-file", kPolicyFile, "--policy", "branch", "--direction", "up"}, 2},
+      {{"eval", "--policy-file", kPolicyFile, "--policy", "branch", "--routes", "absent"}, 2},
+      {{"eval", "--policy-file", kPolicyFile, "--policy", "branch", "--tlocs", "absent"}, 2},
+      {{"eval", "--policy-file", kPolicyFile, "--policy", std::string(500, 'b')}, 2},
+      {{"eval", "--policy-file", "absent", "--policy", "branch"}, 2},
+      {{"eval", "--policy-file", "/", "--policy", "branch"}, 2},
+      {{"check", "--policy-file", kPolicyFile}, 0},
+      {{"check", "--policy-file", "absent"}, 2},
+      {{"dump", "--policy-file", kPolicyFile, "site-lists"}, 0},
+      {{"dump", "--policy-file", kPolicyFile, "sites"}, 2},
+  };
+  for (const auto& each : cases) {
+    Outcome outcome = run_polctl({each.args, "10.0.0.0/8\n"});
+    std::string shown = testing::PrintToString(each.args);
+    EXPECT_EQ(outcome.status, each.status) << shown << outcome.err;
+    if (each.status == 2) {
+      EXPECT_EQ(outcome.out, "") << shown;
+      EXPECT_NE(outcome.err.find("error: "), std::string::npos) << shown;
+      EXPECT_NE(outcome.err.find("expected "), std::string::npos) << shown << outcome.err;
+      EXPECT_EQ(outcome.err.find('\n'), outcome.err.size() - 1) << shown;
+    } else {
+      EXPECT_EQ(outcome.err, "") << shown;
+    }
+  }
+}
+
+TEST(ToolTest, JsonIsOneValidObjectALineWithEveryMember) {
+  Outcome outcome = run_polctl(
+      eval(kPolicyFile, {"--routes", kRoutes, "--tlocs", kTlocs, "--json", "--explain"}));
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  std::istringstream lines(outcome.out);
+  std::string line;
+  uint64_t index = 0;
+  for (; std::getline(lines, line); ++index) {
+    nlohmann::json answer = nlohmann::json::parse(line);
+    EXPECT_EQ(answer.at("index"), index);
+    for (const char* name : {"matched", "applied", "tlocs", "vpns", "steps"}) {
+      EXPECT_TRUE(answer.at(name).is_array()) << name;
+    }
+    EXPECT_TRUE(answer.at("set").is_object());
+    // The last step is the decision, and says the same as the answer.
+    nlohmann::json last = answer.at("steps").back();
+    EXPECT_EQ(last.at("decided"), true);
+    EXPECT_EQ(last.at("sequence"), answer.at("sequence"));
+    EXPECT_EQ(last.at("action"), answer.at("action"));
+    for (size_t i = 0; i + 1 < answer.at("steps").size(); ++i) {
+      EXPECT_EQ(answer.at("steps")[i].at("decided"), false);
+      EXPECT_FALSE(answer.at("steps")[i].at("reason").get<std::string>().empty());
+    }
+  }
+  EXPECT_EQ(index, 12u);
+}
+
+TEST(ToolTest, ListNamesOfAnyBytesStayValidJson) {
+  std::string policy = temporary_file(
+      "route-policy branch sequence 10 match route prefix-list a\"\\\xff\033[31m action accept\n");
+  Invocation json = eval(policy, {"--json", "--explain"});
+  json.input = "10.0.0.0/8\n";
+  Outcome outcome = run_polctl(json);
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_TRUE(nlohmann::json::accept(outcome.out)) << outcome.out;
+  Invocation text = eval(policy, {"--explain"});
+  text.input = json.input;
+  EXPECT_EQ(run_polctl(text).out.find('\033'), std::string::npos);
+  Outcome check = run_polctl({{"check", "--policy-file", policy, "--json"}, ""});
+  std::istringstream findings(check.out);
+  for (std::string line; std::getline(findings, line);) {
+    EXPECT_TRUE(nlohmann::json::accept(line)) << line;
+  }
+  EXPECT_EQ(check.status, 1);
+}
+
+TEST(ToolTest, ManyRoutesAreSummedUpAndQuickly) {
+  Invocation invocation = eval(kPolicyFile, {});
+  invocation.input = many_prefixes(175000);
+  auto start = std::chrono::steady_clock::now();
+  Outcome outcome = run_polctl(invocation);
+  auto took = std::chrono::steady_clock::now() - start;
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_NE(outcome.out.find("\n   total          175,000\n"), std::string::npos) << outcome.out;
+  EXPECT_LT(took, std::chrono::seconds(5)) << "a tenth of a second unless sanitizers watch";
+}
+
+TEST(ToolTest, AReaderThatGoesAwayIsNoError) {
+  Invocation invocation = eval(kPolicyFile, {"--json"});
+  invocation.input = many_prefixes(100000);
+  invocation.read_at_most = 100;
+  Outcome outcome = run_polctl(invocation);
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err, "");
+  Invocation dump = {{"dump", "--policy-file", kPolicyFile}, ""};
+  dump.read_at_most = 10;
+  EXPECT_EQ(run_polctl(dump).err, "");
+}
+
+TEST(ToolTest, ADiskThatIsFullIs) {
+  for (const char* command : {"check", "dump"}) {
+    Invocation invocation = {{command, "--policy-file", kPolicyFile}, ""};
+    invocation.output_file = "/dev/full";
+    Outcome outcome = run_polctl(invocation);
+    EXPECT_EQ(outcome.status, 2) << command;
+    EXPECT_NE(outcome.err.find("No space left"), std::string::npos) << outcome.err;
+  }
+}
+
+TEST(ToolTest, AnswersBeforeAFaultyRouteAreNotLost) {
+  Invocation invocation = eval(kPolicyFile, {"--json"});
+  invocation.input = "127.0.0.0/8\nnonsense\n10.0.0.0/8\n";
+  Outcome outcome = run_polctl(invocation);
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_EQ(outcome.err.substr(0, 25), "<stdin>:2:1: error: \"nons");
+  EXPECT_EQ(outcome.out.substr(0, 9), "{\"index\":");
+  EXPECT_EQ(outcome.out.find('\n'), outcome.out.size() - 1);
+}
+
+TEST(ToolTest, AProgramThatAsksAndWaitsGetsItsAnswer) {
+  Invocation invocation = eval(kPolicyFile, {"--json"});
+  invocation.input = "127.0.0.0/8\n0.0.0.0/0\n{\"type\":\"tloc\"}\n";
+  invocation.in_turns = true;
+  Outcome outcome = run_polctl(invocation);
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(std::count(outcome.out.begin(), outcome.out.end(), '\n'), 3);
+}
+
+TEST(ToolTest, ColourIsForTerminalsThatWantIt) {
+  Invocation invocation = eval(kPolicyFile, {});
+  invocation.input = "127.0.0.0/8\n0.0.0.0/0\n";
+  EXPECT_EQ(run_polctl(invocation).out.find('\033'), std::string::npos);
+  invocation.terminal = true;
+  std::string coloured = run_polctl(invocation).out;
+  EXPECT_NE(coloured.find("\033[31mreject\033[0m"), std::string::npos) << coloured;
+  EXPECT_NE(coloured.find("\033[32maccept\033[0m"), std::string::npos) << coloured;
+  invocation.env = {"NO_COLOR=1"};
+  EXPECT_EQ(run_polctl(invocation).out.find('\033'), std::string::npos);
+  invocation.env = {"TERM=dumb"};
+  EXPECT_EQ(run_polctl(invocation).out.find('\033'), std::string::npos);
+}
+
+TEST(ToolTest, ABarIsShownForSlowWorkOnTerminalsAndTakenAway) {
+  Invocation invocation = eval(kPolicyFile, {});
+  invocation.input = many_prefixes(40000);
+  invocation.pause = true;
+  EXPECT_EQ(run_polctl(invocation).err, "");
+  invocation.terminal = true;
+  std::string said = run_polctl(invocation).out;
+  size_t bar = said.find("\rEvaluating ");
+  size_t cleared = said.find("\r\033[K");
+  ASSERT_NE(bar, std::string::npos) << said;
+  EXPECT_LT(bar, cleared);
+  EXPECT_LT(cleared, said.find("sequence")) << "before the answer";
+  invocation.pause = false;
+  EXPECT_EQ(run_polctl(invocation).out.find("Evaluating"), std::string::npos);
+}
+
+}  // namespace
