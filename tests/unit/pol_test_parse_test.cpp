@@ -114,9 +114,9 @@ TEST_F(TextParseTest, PrefixListLinesAddWithoutOperator) {
   const t_pfx_entry* entry = list->entries.front();
   ASSERT_NE(entry, nullptr);
   EXPECT_EQ(entry->op, 0u);
-  EXPECT_EQ(entry->prefix.addr.family, KEL_AF_INET);
-  EXPECT_EQ(entry->prefix.addr.addr.v4, 0x0a000000u);
-  EXPECT_EQ(entry->prefix.len, 8);
+  EXPECT_EQ(entry->addr.family, KEL_AF_INET);
+  EXPECT_EQ(entry->addr.addr.v4, 0x0a000000u);
+  EXPECT_EQ(entry->len, 8);
   EXPECT_EQ(entry->min + entry->max, 0);
   EXPECT_EQ(list->entries.next(entry), nullptr);
   parse("prefix-list p1 delete\n");
