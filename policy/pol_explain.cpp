@@ -98,8 +98,6 @@ class ReasonObserver {
   char reason_[512];
 };
 
-constexpr t_pol_route_attr ReasonObserver::kNone;
-
 template <class List>
 bool is_empty(const t_pol_clause_user& user) {
   const auto* list = list_of<List>(user);

@@ -96,7 +96,9 @@ bool same_prefix(const t_ipprefix& a, const t_ipprefix& b) {
          memcmp(&a.addr.addr, &b.addr.addr, a.addr.family == KEL_AF_INET ? 4 : 16) == 0;
 }
 
+// Beyond the family's width all addresses are alike.
 bool bit_of(const t_ipaddr& addr, unsigned bit) {
+  if (bit >= (addr.family == KEL_AF_INET ? 32u : 128u)) return false;
   if (addr.family == KEL_AF_INET) return (addr.addr.v4 >> (31 - bit) & 1) != 0;
   return (addr.addr.v6[bit / 8] >> (7 - bit % 8) & 1) != 0;
 }
