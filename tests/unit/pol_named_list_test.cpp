@@ -125,7 +125,7 @@ TYPED_TEST(NamedListTest, FailedRenameKeepsTheOldListWhileItLives) {
   TypeParam::add(ctx, "old", 1);
   auto fail = [&] {
     uint64_t lists = g_pol_mem_info[TypeParam::kListMem].allocs;
-    seams::FailFrom none(1);
+    seams::Fail none(1);
     EXPECT_EQ(TypeParam::clause(ctx, e, "new", &this->changed), nullptr);
     g_pol_mem_info[TypeParam::kListMem].allocs = lists;
   };
@@ -173,7 +173,7 @@ TYPED_TEST(NamedListTest, AnyFailedAllocationLeavesTheListAsItWas) {
       uint64_t elements_before = exists ? 1 : 0;
       uint32_t status = 0;
       {
-        seams::FailOnce fail(nth);
+        seams::Fail fail(nth);
         status = TypeParam::add(ctx, "l", 1);
         hit = fail.hit();
       }
