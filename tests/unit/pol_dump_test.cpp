@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <fstream>
 #include <regex>
-#include <sstream>
 
+#include "support/golden.h"
 #include "support/policy_fixture.h"
 
 namespace {
@@ -76,11 +75,7 @@ TEST_F(DumpTest, AllMatchesItsGolden) {
   build();
   const std::string text =
       masked(printed([](t_cli_user_ctx* cli) { pol_dump_all(cli, 0, 0, nullptr); }));
-  const std::string path = std::string(GOLDEN_DIR) + "/dump/all.ok";
-  if (getenv("UPDATE_GOLDENS") != nullptr) std::ofstream(path) << text;
-  std::ostringstream golden;
-  golden << std::ifstream(path).rdbuf();
-  EXPECT_EQ(text, golden.str());
+  expect_golden("dump/all.ok", text);
 }
 
 TEST_F(DumpTest, NothingIsPrintedOfWhatIsNotThere) {
