@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The schema as clients see it, and the tags that readers of changes know.
+#include <algorithm>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <set>
-#include <string_view>
 
 #include "support.h"
 
@@ -18,46 +19,44 @@ struct KnownTag {
   uint32_t type;
 };
 
-constexpr KnownTag kKnownTags[] = {
-    {0x0308c88e, "length", C_UINT8},
-    {0x0369ffb7, "action-value", C_ENUM_VALUE},
-    {0x07441945, "saas-app-list", C_BUF},
-    {0x0c2c7467, "tag", C_UINT32},
-    {0x0c7fba2e, "ge", C_UINT8},
-    {0x10ae453c, "le", C_UINT8},
-    {0x176ecfd3, "preference", C_UINT32},
-    {0x1beabc63, "domain-id", C_UINT32},
-    {0x1fc19c53, "sla-class", C_BUF},
-    {0x2b503622, "color", C_ENUM_VALUE},
-    {0x3129eae5, "color-list", C_BUF},
-    {0x32d6e4cb, "source-data-prefix-list", C_BUF},
-    {0x32fc12e6, "service", 0},
-    {0x33c074ce, "tloc", 0},
-    {0x470748d8, "originator", C_IPV4},
-    {0x4a63a685, "tloc-action", C_ENUM_VALUE},
-    {0x4d7d11c2, "vpn", C_UINT32},
-    {0x4db8ee1a, "destination-data-prefix-list", C_BUF},
-    {0x4ef9605a, "carrier", C_ENUM_VALUE},
-    {0x542ece51, "app-list", C_BUF},
-    {0x5754b118, "source-data-ipv6-prefix-list", C_BUF},
-    {0x58e2217b, "policer", C_BUF},
-    {0x59a72353, "site-id", C_UINT32},
-    {0x5a06eb58, "dns-app-list", C_BUF},
-    {0x5a62686b, "encap", C_ENUM_VALUE},
-    {0x5c327362, "strict", C_BOOL},
-    {0x5dc389d2, "prefix-list", C_BUF},
-    {0x61fa2cdb, "address", C_IPV4},
-    {0x6464ce5d, "preferred-color", C_ENUM_VALUE},
-    {0x6aebf6e6, "vpn-list", C_BUF},
-    {0x6ccfcce4, "type", C_ENUM_VALUE},
-    {0x6d6fa00b, "site-list", C_BUF},
-    {0x7037c488, "default-action", C_ENUM_VALUE},
-    {0x71567138, "destination-data-ipv6-prefix-list", C_BUF},
-    {0x72d28bfe, "tloc-list", C_BUF},
-    {0x775cf168, "origin", C_ENUM_VALUE},
-    {0x7ce0369b, "group-id", C_UINT32},
-    {0x7ef235bf, "local", C_XMLTAG},
-};
+constexpr KnownTag kKnownTags[] = {{0x0308c88e, "length", C_UINT8},
+                                   {0x0369ffb7, "action-value", C_ENUM_VALUE},
+                                   {0x07441945, "saas-app-list", C_BUF},
+                                   {0x0c2c7467, "tag", C_UINT32},
+                                   {0x0c7fba2e, "ge", C_UINT8},
+                                   {0x10ae453c, "le", C_UINT8},
+                                   {0x176ecfd3, "preference", C_UINT32},
+                                   {0x1beabc63, "domain-id", C_UINT32},
+                                   {0x1fc19c53, "sla-class", C_BUF},
+                                   {0x2b503622, "color", C_ENUM_VALUE},
+                                   {0x3129eae5, "color-list", C_BUF},
+                                   {0x32d6e4cb, "source-data-prefix-list", C_BUF},
+                                   {0x32fc12e6, "service", 0},
+                                   {0x33c074ce, "tloc", 0},
+                                   {0x470748d8, "originator", C_IPV4},
+                                   {0x4a63a685, "tloc-action", C_ENUM_VALUE},
+                                   {0x4d7d11c2, "vpn", C_UINT32},
+                                   {0x4db8ee1a, "destination-data-prefix-list", C_BUF},
+                                   {0x4ef9605a, "carrier", C_ENUM_VALUE},
+                                   {0x542ece51, "app-list", C_BUF},
+                                   {0x5754b118, "source-data-ipv6-prefix-list", C_BUF},
+                                   {0x58e2217b, "policer", C_BUF},
+                                   {0x59a72353, "site-id", C_UINT32},
+                                   {0x5a06eb58, "dns-app-list", C_BUF},
+                                   {0x5a62686b, "encap", C_ENUM_VALUE},
+                                   {0x5c327362, "strict", C_BOOL},
+                                   {0x5dc389d2, "prefix-list", C_BUF},
+                                   {0x61fa2cdb, "address", C_IPV4},
+                                   {0x6464ce5d, "preferred-color", C_ENUM_VALUE},
+                                   {0x6aebf6e6, "vpn-list", C_BUF},
+                                   {0x6ccfcce4, "type", C_ENUM_VALUE},
+                                   {0x6d6fa00b, "site-list", C_BUF},
+                                   {0x7037c488, "default-action", C_ENUM_VALUE},
+                                   {0x71567138, "destination-data-ipv6-prefix-list", C_BUF},
+                                   {0x72d28bfe, "tloc-list", C_BUF},
+                                   {0x775cf168, "origin", C_ENUM_VALUE},
+                                   {0x7ce0369b, "group-id", C_UINT32},
+                                   {0x7ef235bf, "local", C_XMLTAG}};
 
 class SchemaTest : public ::testing::Test {
  protected:
@@ -103,23 +102,20 @@ TEST_F(SchemaTest, EveryTagThatAReaderKnowsIsInTheSchemaWithItsTypeAndNoNameHasT
   for (const auto& [name, of] : tags) EXPECT_EQ(of.size(), 1u) << name;
 }
 
-// Every leaf or container of the tag's name that a policy or list holds carries the stated tag, and
-// back: the number of tags stated is the number known.
+// A tag that the module states and no reader knows is a reader forgotten.
 TEST_F(SchemaTest, TheModuleStatesNoTagThatNoReaderKnows) {
-  std::set<uint32_t> known;
-  for (const KnownTag& tag : kKnownTags) known.insert(tag.tag);
-  FILE* file = fopen(POLICY_YANG, "r");
-  ASSERT_NE(file, nullptr);
-  std::set<uint32_t> stated;
-  char line[256];
-  while (fgets(line, sizeof line, file) != nullptr) {
-    std::string_view text = line;
-    size_t at = text.find("yw:tag \"");
-    if (at != std::string_view::npos)
-      stated.insert(static_cast<uint32_t>(strtoul(line + at + 8, nullptr, 16)));
+  std::ifstream file(POLICY_YANG);
+  size_t stated = 0;
+  for (std::string line; std::getline(file, line);) {
+    size_t at = line.find("yw:tag \"");
+    if (at == std::string::npos) continue;
+    const unsigned long tag = std::stoul(line.substr(at + 8), nullptr, 16);
+    EXPECT_TRUE(std::any_of(std::begin(kKnownTags), std::end(kKnownTags),
+                            [tag](const KnownTag& known) { return known.tag == tag; }))
+        << line;
+    ++stated;
   }
-  fclose(file);
-  EXPECT_EQ(stated, known);
+  EXPECT_GE(stated, std::size(kKnownTags));
 }
 
 TEST_F(SchemaTest, PathsAreFoundWithAndWithoutPrefixesAndKeys) {
