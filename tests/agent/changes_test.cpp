@@ -64,6 +64,11 @@ TEST_F(ChangesTest, ABatchIsToldOnlyToThoseWhomItConcernsAndNoneForNothing) {
   EXPECT_EQ(lists.next(), "1 /policy/lists/site-list@1 [S]\n");
   EXPECT_EQ(lists.next(50), "none");
   EXPECT_EQ(policers.next(50), "none");
+  Subscriber all(agent_.port(), "/policy");
+  ASSERT_EQ(why(session_.commit("<policy-from-pellux xmlns=\"urn:zenodra:yang:policy\"><app-id>"
+                                "<name>a</name></app-id></policy-from-pellux>")),
+            "ok");
+  EXPECT_EQ(all.next(50), "none") << "whose path only begins alike";
 }
 
 TEST_F(ChangesTest, TheInitialBatchMakesThePresentConfigurationFromNothing) {

@@ -121,10 +121,11 @@ TEST_F(ClientTest, LabelsOfASequenceAreReplacedPositionByPosition) {
                                      kSequence, i)),
                 "ok");
       values[0].val.u8 = 9;
-      EXPECT_EQ(maapi_set_object(fd_, trans, values, 5, "%s/action/set/kel-tloc-pref-list{%d}",
-                                 kSequence, i),
-                YARROW_ERR)
+      EXPECT_EQ(
+          maapi_set_object(fd_, trans, values, 5, "%s/action/set/kel-tloc-pref-list{7}", kSequence),
+          YARROW_ERR)
           << "its key is not that of the path";
+      EXPECT_EQ(maapi_exists(fd_, trans, "%s/action/set/kel-tloc-pref-list{7}", kSequence), 0);
     }
     ASSERT_EQ(why(maapi_apply_trans(fd_, trans, 0)), "ok");
     ASSERT_EQ(why(maapi_candidate_commit(fd_)), "ok");
@@ -232,6 +233,14 @@ TEST_F(ClientTest, LoadMergesReplacesOrStartsAfreshAsItsFlagsSay) {
   std::ofstream(file) << policy("<app-id><name>a</name></app-id>");
   EXPECT_EQ(why(maapi_load_config(fd_, trans, 0x41, file.c_str())), "ok");
   EXPECT_EQ(maapi_num_instances(fd_, trans, "/policy/app-id"), 2);
+  const std::string colors = policy(
+      "<data-policy><name>D</name><vpn-list><name>V</name><preferred-color>mpls</preferred-color>"
+      "</vpn-list></data-policy>");
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(why(session_.load(colors)), "ok");
+    EXPECT_EQ(session_.save("/policy/data-policy", MAAPI_CANDIDATE),
+              "<config xmlns=\"urn:yarrow:config:1\">" + colors + "</config>");
+  }
   EXPECT_EQ(why(maapi_load_config(fd_, trans, 0x1, file.c_str())), "ok");
   EXPECT_EQ(maapi_num_instances(fd_, trans, "/policy/app-id"), 1);
   EXPECT_EQ(why(maapi_load_config_cmds(fd_, trans, 0x41, "<sequence><number>5</number></sequence>",
@@ -310,7 +319,8 @@ TEST_F(ClientTest, TheEnvironmentReplacesThePort) {
   EXPECT_EQ(why(maapi_connect(wrong.fd(), wrong.addr(), wrong.addr_len())), "ok");
   setenv(YARROW_PORT_VARIABLE, "70000", 1);
   Socket again(agent_.port());
-  EXPECT_EQ(maapi_connect(again.fd(), again.addr(), again.addr_len()), YARROW_ERR);
+  EXPECT_EQ(why(maapi_connect(again.fd(), again.addr(), again.addr_len())),
+            "bad request: " YARROW_PORT_VARIABLE " is not a port");
   unsetenv(YARROW_PORT_VARIABLE);
 }
 

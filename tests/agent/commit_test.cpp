@@ -100,7 +100,12 @@ TEST_F(CommitTest, OneSessionHoldsTheCandidateUntilItLetsGoOrDies) {
   }
   EXPECT_EQ(why(maapi_unlock(fd_, MAAPI_CANDIDATE)), "bad request: the lock is not held");
   EXPECT_EQ(why(other->commit(policy("<app-id><name>theirs</name></app-id>"))), "ok");
-  other.reset();  // dies with the lock
+  EXPECT_EQ(why(maapi_unlock(other->fd(), MAAPI_CANDIDATE)), "ok");
+  ASSERT_EQ(why(maapi_lock(other->fd(), MAAPI_RUNNING)), "ok");
+  EXPECT_EQ(maapi_candidate_commit(fd_), YARROW_ERR);
+  EXPECT_EQ(yarrow_errno, YARROW_ERR_LOCKED);
+  ASSERT_EQ(why(maapi_lock(other->fd(), MAAPI_CANDIDATE)), "ok");
+  other.reset();  // dies with the locks
   int status = YARROW_ERR;
   for (int i = 0; i < 100 && status != YARROW_OK; ++i) {
     status = maapi_apply_trans(fd_, trans, 0);
@@ -142,6 +147,14 @@ TEST_F(CommitTest, AWriteToRunningKeepsWhatTheCandidateHolds) {
 TEST(RollbackTest, AnyOfTheLastFiftyConfigurationsComesBackAlsoAfterARestart) {
   TempDirectory directory;
   std::vector<std::string> history = {""};
+  auto goes_back = [&history](const Session& session) {
+    for (unsigned back : {1u, 7u, 50u}) {
+      ASSERT_EQ(why(maapi_load_rollback(session.fd(), back)), "ok");
+      EXPECT_EQ(session.save("/policy", MAAPI_CANDIDATE), history[60 - back]);
+    }
+    EXPECT_EQ(maapi_load_rollback(session.fd(), 51), YARROW_ERR);
+    EXPECT_EQ(yarrow_errno, YARROW_ERR_NOEXISTS);
+  };
   {
     AgentProcess agent(directory.path());
     Session session(agent.port());
@@ -151,17 +164,13 @@ TEST(RollbackTest, AnyOfTheLastFiftyConfigurationsComesBackAlsoAfterARestart) {
       ASSERT_EQ(why(session.commit(text)), "ok");
       history.push_back(session.save("/policy"));
     }
+    goes_back(session);
     EXPECT_EQ(agent.terminate(), 0);
   }
   AgentProcess agent(directory.path());
   Session session(agent.port());
   EXPECT_EQ(session.save("/policy"), history[60]);
-  for (unsigned back : {1u, 7u, 50u}) {
-    ASSERT_EQ(why(maapi_load_rollback(session.fd(), back)), "ok");
-    EXPECT_EQ(session.save("/policy", MAAPI_CANDIDATE), history[60 - back]);
-  }
-  EXPECT_EQ(maapi_load_rollback(session.fd(), 51), YARROW_ERR);
-  EXPECT_EQ(yarrow_errno, YARROW_ERR_NOEXISTS);
+  goes_back(session);
   Subscriber subscriber(agent.port(), "/policy");
   ASSERT_EQ(why(maapi_candidate_commit(session.fd())), "ok");
   EXPECT_EQ(subscriber.next(), "3 /policy/app-id@1 [n] id=10\n")

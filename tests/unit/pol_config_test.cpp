@@ -121,6 +121,7 @@ TEST_F(ConfigTest, PrefixBoundsChooseTheOperator) {
       {{leaf(kBoth, none()), leaf(kMin, u8(24))}, POL_PFX_GE, 24, 0},
       {{leaf(kBoth, none()), leaf(kMin, none()), leaf(kMax, u8(28))}, POL_PFX_LE, 0, 28},
       {{leaf(kMin, none()), leaf(kMax, none())}, POL_PFX_EQ, 0, 0},
+      {{leaf(kBoth, u8(26)), leaf(kBoth, none())}, POL_PFX_EQ, 0, 0},
   };
   for (const auto& [leaves, op, min, max] : rows) {
     read(pol_config_policy_prefix_list, POL_CFG_MODIFIED,

@@ -47,6 +47,8 @@ class DumpTest : public PolicyTest {
     pol_vpn_list_add_entry(ctx, "vpns", 1, 4294967295u);
     pol_site_list_add_entry(ctx, "sites", 5, 5);
     pol_tloc_list_add_entry(ctx, "tlocs", &tloc, 9);
+    t_tloc_id v6 = {KEL_AF_INET6, {}, 4, 1};
+    pol_tloc_list_add_entry(ctx, "tlocs", &v6, 0);
     pol_color_list_add_entry(ctx, "colors", 3);
     t_pol_pfx_record record = {POL_PFX_LE, prefix4(0x0a000000, 8), 0, 24};
     pol_pfx_list_entry_add(ctx, "prefixes", &record);

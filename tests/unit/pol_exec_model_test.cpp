@@ -6,6 +6,7 @@
 #include <rapidcheck.h>
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <iterator>
 #include <map>
@@ -20,34 +21,7 @@ namespace {
 
 // One random edit: what it does follows from its numbers, so that a failure shrinks to few small
 // ones.
-struct Edit {
-  uint8_t what;
-  uint8_t list;
-  uint32_t a;
-  uint32_t b;
-  uint32_t c;
-};
-
-void showValue(const Edit& edit, std::ostream& os) {
-  os << "{" << int{edit.what} << "," << int{edit.list} << "," << edit.a << "," << edit.b << ","
-     << edit.c << "}";
-}
-
-}  // namespace
-
-namespace rc {
-template <>
-struct Arbitrary<Edit> {
-  static Gen<Edit> arbitrary() {
-    auto number = gen::inRange<uint32_t>(0, 1u << 16);
-    return gen::build<Edit>(gen::set(&Edit::what), gen::set(&Edit::list),
-                            gen::set(&Edit::a, number), gen::set(&Edit::b, number),
-                            gen::set(&Edit::c, number));
-  }
-};
-}  // namespace rc
-
-namespace {
+using Edit = std::array<uint32_t, 5>;
 
 // Few addresses, so that prefixes nest and repeat: the top bits come from a small pattern.
 t_ipaddr some_address(uint32_t n, uint32_t bits) {
@@ -64,18 +38,18 @@ t_ipaddr some_address(uint32_t n, uint32_t bits) {
   return addr;
 }
 
-t_pol_pfx_record some_element(const Edit& edit) {
+t_pol_pfx_record some_element(uint32_t a, uint32_t b, uint32_t c) {
   t_pol_pfx_record record = {};
-  record.op = edit.c % 10;
-  record.prefix.addr = some_address(edit.a, edit.b);
-  record.prefix.len = static_cast<uint8_t>(edit.b / 7 % 34);
-  if (record.prefix.addr.family == KEL_AF_INET6 && edit.b % 2 == 0) record.prefix.len += 95;
-  if (edit.a % 11 == 0) {
+  record.op = c % 10;
+  record.prefix.addr = some_address(a, b);
+  record.prefix.len = static_cast<uint8_t>(b / 7 % 34);
+  if (record.prefix.addr.family == KEL_AF_INET6 && b % 2 == 0) record.prefix.len += 95;
+  if (a % 11 == 0) {
     record.prefix.addr.addr = {};
     record.prefix.len = 0;
   }
-  record.min = static_cast<uint8_t>(edit.c / 10 % 40);
-  record.max = static_cast<uint8_t>(edit.c / 400 % 40);
+  record.min = static_cast<uint8_t>(c / 10 % 40);
+  record.max = static_cast<uint8_t>(c / 400 % 40);
   return record;
 }
 
@@ -327,13 +301,14 @@ class Twin {
   Twin& operator=(const Twin&) = delete;
 
   void edit(const Edit& e) {
-    const uint32_t n = e.list % kLists;
+    const auto [what, list, a, b, c] = e;
+    const uint32_t n = list % kLists;
     const char* name = kNames[n];
-    const bool remove = e.what % 4 == 0;
+    const bool remove = what % 4 == 0;
     // Some stand upside down.
-    const auto low = e.a % 50;
-    const auto high = low + e.b % 20 - (e.b % 20 > 17 ? 19 : 0);
-    switch (e.what / 4 % 8) {
+    const auto low = a % 50;
+    const auto high = low + b % 20 - (b % 20 > 17 ? 19 : 0);
+    switch (what / 4 % 8) {
       case 0:
         change(&model_.lists.sites[n], {low, high}, remove);
         (remove ? pol_site_list_del_entry : pol_site_list_add_entry)(ctx_, name, low, high);
@@ -343,31 +318,31 @@ class Twin {
         (remove ? pol_vpn_list_del_entry : pol_vpn_list_add_entry)(ctx_, name, low, high);
         break;
       case 2: {
-        t_tloc_id tloc = some_tloc(e.a);
-        change(&model_.lists.tlocs[n], e.a % kTlocs, remove);
+        t_tloc_id tloc = some_tloc(a);
+        change(&model_.lists.tlocs[n], a % kTlocs, remove);
         if (remove) {
           pol_tloc_list_del_entry(ctx_, name, &tloc);
         } else {
-          pol_tloc_list_add_entry(ctx_, name, &tloc, e.b);
+          pol_tloc_list_add_entry(ctx_, name, &tloc, b);
         }
         break;
       }
       case 3: {
-        auto color = static_cast<uint16_t>(e.a % 4 * (e.b % 9 == 0 ? 256 : 1));
+        auto color = static_cast<uint16_t>(a % 4 * (b % 9 == 0 ? 256 : 1));
         change(&model_.lists.colors[n], color, remove);
         (remove ? pol_color_list_del_entry : pol_color_list_add_entry)(ctx_, name, color);
         break;
       }
       case 4:
       case 5: {
-        t_pol_pfx_record element = some_element(e);
-        auto same = [](const auto& a, const auto& b) { return same_prefix(a.prefix, b.prefix); };
+        t_pol_pfx_record element = some_element(a, b, c);
+        auto same = [](const auto& x, const auto& y) { return same_prefix(x.prefix, y.prefix); };
         change(&model_.lists.prefixes[n], element, remove, same);
         (remove ? pol_pfx_list_del_entry : pol_pfx_list_entry_add)(ctx_, name, &element);
         break;
       }
       case 6:
-        if (e.a % 16 == 0) return clear_list(n, e.b);
+        if (a % 16 == 0) return clear_list(n, b);
         [[fallthrough]];
       default:
         edit_entry(e, remove);
@@ -446,57 +421,58 @@ class Twin {
   }
 
   void edit_entry(const Edit& e, bool remove) {
-    const uint32_t sequence = e.list / kLists % 6 * 10;
+    const auto [ignored, list, a, b, c] = e;
+    const uint32_t sequence = list / kLists % 6 * 10;
     uint8_t changed = 0;
     if (sequence == 0) {
-      model_.by_default.action = 1 + e.b % 2;
-      model_.by_default.set_tag = e.c % 3;
-      pol_entry_action_add(ctx_, &block_->default_action, 1 + e.b % 2, &changed);
-      pol_entry_set_tag_add(ctx_, &block_->default_action, e.c % 3, &changed);
+      model_.by_default.action = 1 + b % 2;
+      model_.by_default.set_tag = c % 3;
+      pol_entry_action_add(ctx_, &block_->default_action, 1 + b % 2, &changed);
+      pol_entry_set_tag_add(ctx_, &block_->default_action, c % 3, &changed);
       return;
     }
-    if (remove && e.a % 5 == 0) {
+    if (remove && a % 5 == 0) {
       model_.entries.erase(sequence);
       pol_entry_find_and_delete(ctx_, block_, sequence, &changed);
       return;
     }
     t_pol_entry* entry = pol_entry_find_or_create(ctx_, block_, sequence, &changed);
     ModelEntry& m = model_.entries[sequence];
-    const uint32_t what = e.a % (std::size(kClauses) + 6);
+    const uint32_t what = a % (std::size(kClauses) + 6);
     if (what < std::size(kClauses)) {
       const Clause& clause = kClauses[what];
       if (remove) {
         m.clauses.erase(what);
         clause.del(ctx_, entry, &changed);
       } else {
-        m.clauses[what] = e.b % clause.values;
-        clause.add(ctx_, entry, e.b % clause.values, &changed);
+        m.clauses[what] = b % clause.values;
+        clause.add(ctx_, entry, b % clause.values, &changed);
       }
     } else if (what < std::size(kClauses) + 3) {
-      const uint32_t type = 1 + (e.b % 8 < 5 ? 0 : e.b % 8 - 4);
+      const uint32_t type = 1 + (b % 8 < 5 ? 0 : b % 8 - 4);
       if (m.type != type && m.type != 0) m.clauses.clear();
       m.type = type;
       pol_entry_match_add(ctx_, block_, entry, type, &changed);
     } else if (what < std::size(kClauses) + 5) {
-      m.action = 1 + e.b % 2;
+      m.action = 1 + b % 2;
       pol_entry_action_add(ctx_, entry, m.action, &changed);
     } else {
-      edit_sets(e, &m, entry, remove);
+      edit_sets(b, c, &m, entry, remove);
     }
   }
 
-  void edit_sets(const Edit& e, ModelEntry* m, t_pol_entry* entry, bool remove) {
+  void edit_sets(uint32_t b, uint32_t c, ModelEntry* m, t_pol_entry* entry, bool remove) {
     uint8_t changed = 0;
     if (remove) {
       m->set_tag = m->set_preference = m->set_vpn_list = {};
       pol_entry_set_delete(ctx_, entry, &changed);
       return;
     }
-    m->set_preference = e.c % 5;
-    pol_entry_set_preference_add(ctx_, entry, e.c % 5, &changed);
-    if (e.c % 2 == 0) return;
-    m->set_vpn_list = e.b % kLists;
-    pol_entry_set_vpn_list_add(ctx_, entry, kNames[e.b % kLists], &changed);
+    m->set_preference = c % 5;
+    pol_entry_set_preference_add(ctx_, entry, c % 5, &changed);
+    if (c % 2 == 0) return;
+    m->set_vpn_list = b % kLists;
+    pol_entry_set_vpn_list_add(ctx_, entry, kNames[b % kLists], &changed);
   }
 
   t_pol_ctx* ctx_ = nullptr;
@@ -508,7 +484,9 @@ class Twin {
 TEST(ExecModelTest, DecidesLikeAWalkOverEverything) {
   size_t routes = 0;
   bool held = rc::check("evaluation and model agree", [&routes] {
-    const auto edits = *rc::gen::container<std::vector<Edit>>(120, rc::gen::arbitrary<Edit>());
+    const auto number = rc::gen::inRange<uint32_t>(0, 1u << 16);
+    const auto edits =
+        *rc::gen::container<std::vector<Edit>>(120, rc::gen::container<Edit>(number));
     std::mt19937 random(*rc::gen::arbitrary<uint32_t>());
     Twin twin;
     for (const Edit& edit : edits) {

@@ -97,27 +97,6 @@ TEST_F(ExecTest, FirstMatchDecidesAndOnlyAnAcceptSets) {
   EXPECT_EQ(run(out), POL_ACCEPT);
 }
 
-TEST_F(ExecTest, TlocClausesLookAtTheQueryOrTheRoute) {
-  t_tloc_id tloc = tloc4(9, 3);
-  for (uint32_t type : {POL_MATCH_ROUTE, POL_MATCH_TLOC}) {
-    t_pol_entry* e = entry(b, type, type);
-    pol_entry_match_tloc_add(ctx, e, &tloc, &changed);
-    pol_entry_match_color_add(ctx, e, 3, &changed);
-  }
-  query.tloc = tloc;
-  EXPECT_EQ(run(out), POL_REJECT) << "the route has none of its own";
-  attr.tloc = tloc;
-  EXPECT_EQ(run(out), POL_REJECT) << "nor says that it has";
-  attr.present = POL_ATTR_TLOC;
-  EXPECT_EQ(run(out), POL_ACCEPT);
-  EXPECT_EQ(query.matched, POL_MATCH_F_TLOC | POL_MATCH_F_COLOR);
-  attr = {};
-  query.match_type = POL_MATCH_TLOC;
-  EXPECT_EQ(run(out), POL_ACCEPT);
-  query.tloc.encap = 1;
-  EXPECT_EQ(run(out), POL_REJECT);
-}
-
 TEST_F(ExecTest, OriginSubTypesOfProtocolFourPairUp) {
   t_pol_entry* e = entry(b, 10);
   attr.present = POL_ATTR_ORIGIN;

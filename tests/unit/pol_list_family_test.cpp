@@ -160,6 +160,13 @@ TEST_F(ListFamilyTest, TlocsAreOverwrittenAndLeaveLabelsPending) {
   // Of an IPv4 TLOC only four address bytes count.
   tloc.addr.v6[9] = 0x77;
   EXPECT_NE(pol_tloc_list_find_entry(ctx, "t", &tloc), nullptr);
+  // Who sets from the list is told, as who matches on it.
+  Calls calls;
+  add_user("u", "p", &calls);
+  pol_entry_set_tloc_list_add(ctx, entry(block("p"), 1), "t", &changed);
+  take_queued();
+  pol_tloc_list_add_entry(ctx, "t", &tloc, 9);
+  EXPECT_EQ(calls.count, 1);
   list->changed = list->label_pending = 0;
   t_tloc_id absent = tloc4(7);
   pol_tloc_list_del_entry(ctx, "t", &absent);

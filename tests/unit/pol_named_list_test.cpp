@@ -197,21 +197,6 @@ TYPED_TEST(NamedListTest, AnyFailedAllocationLeavesTheListAsItWas) {
   }
 }
 
-// Loading many and deleting them again, in another order, keeps queue and index in step.
-TYPED_TEST(NamedListTest, ManyElementsComeAndGo) {
-  t_pol_ctx* ctx = this->ctx;
-  t_pol_user* user = this->add_user("u", "p", nullptr);
-  this->use("p", "l");
-  constexpr uint32_t kCount = 250;
-  for (uint32_t i = 0; i < kCount; ++i) TypeParam::add(ctx, "l", (i * 73) % kCount);
-  for (uint32_t i = 0; i < kCount; ++i) EXPECT_EQ(this->evaluate(user, i), POL_ACCEPT) << i;
-  for (uint32_t i = 0; i < kCount; i += 2) TypeParam::del(ctx, "l", i);
-  for (uint32_t i = 0; i < kCount; ++i) {
-    EXPECT_EQ(this->evaluate(user, i), i % 2 == 0 ? POL_REJECT : POL_ACCEPT) << i;
-  }
-  EXPECT_EQ(this->current(TypeParam::kEntryMem), kCount / 2);
-}
-
 template <class Family>
 using NamedListDeathTest = NamedListTest<Family>;
 TYPED_TEST_SUITE(NamedListDeathTest, Families);
