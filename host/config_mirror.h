@@ -63,7 +63,7 @@ void for_each_leaf(const t_yarrow_change& change, Visit visit) {
 /* One sequence of a control policy. */
 struct SequenceMirror {
   LeafMirror leaves;
-  std::map<uint32_t, LeafMirror> matches; /* by match type, as the agent orders them */
+  std::map<uint32_t, LeafMirror> matches; /* by match type */
 };
 
 /* The bound leaves of a prefix-list member; negative: not there. */

@@ -285,6 +285,13 @@ uint32_t ConfigWalk::take_sequence(const ConfigRow& row, const t_yarrow_batch* b
   bool lost = matches_before == 1 && matches_after == 0;
   if (!matches.empty() && (matches_before > 1 || matches_after > 1 || lost)) told = false;
 
+  // Of several matches the one of the highest type is in force: the order is ours, not the agent's.
+  std::stable_sort(matches.begin(), matches.end(), [](const auto* a, const auto* b) {
+    auto rank = [](const t_yarrow_change& change) {
+      return change.op == YARROW_DELETED ? 0 : 1 + uint64_t{change.keys[2].val.enumvalue};
+    };
+    return rank(*a) < rank(*b);
+  });
   if (head.op == YARROW_MODIFIED && !told) {
     retell(head, sequence);
     return next;
