@@ -127,7 +127,7 @@ class Answers {
 
 int run_eval(const EvalOptions& options, Output* out) {
   PolicySource source(options.source);
-  require_policy(options.policy, options.kind, options.source.policy_file);
+  require_policy(options.policy, options.kind, source_name(options.source));
   if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);
   RouteReader routes(options.routes);
   if (options.routes == "-" && isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {

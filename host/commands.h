@@ -45,6 +45,15 @@ struct DumpOptions {
 /* Prints what the library holds once the policy is loaded. */
 int run_dump(const DumpOptions& options, Output* out);
 
+struct WatchOptions {
+  PolicyOptions source;
+  std::vector<std::string> policies; /* control policies to use; none: all there are */
+  std::vector<std::string> change;   /* configuration files to commit; none: wait for others' */
+};
+
+/* Registers a user for each policy and shows what each commit has it told, and when. */
+int run_watch(const WatchOptions& options, Output* out);
+
 /* What DumpOptions::topic may be. */
 std::vector<std::string> dump_topics();
 

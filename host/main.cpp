@@ -51,15 +51,58 @@ constexpr const char* kMainHelp = R"(Examples:
 
 "polctl COMMAND --help" tells the options of a command.)";
 
-void add_source_options(CLI::App* command, polctl::PolicyOptions* options) {
+constexpr const char* kWatchHelp = R"(Examples:
+  polctl watch --config sdwan.xml --change edit.xml
+  polctl watch --agent --policy branch
+
+Registers a user for each control policy named, or for all. With --change the
+files are committed, and the batch of changes and every callback are shown with
+their time since the commit began. Without it every commit that others make is
+shown, until the agent ends.)";
+
+void add_policy_file(CLI::App* command, polctl::PolicyOptions* options) {
   command->add_option("--policy-file", options->policy_file, "the text policy file to load")
-      ->required()
       ->type_name("FILE");
+}
+
+void add_agent_options(CLI::App* command, polctl::PolicyOptions* options) {
+  command
+      ->add_option(
+          "--config", options->config,
+          "a configuration file for the agent inside this tool; several are merged in order")
+      ->type_name("FILE")
+      ->allow_extra_args(false);
+  command
+      ->add_option_function<std::vector<std::string>>(
+          "--agent",
+          [options](const std::vector<std::string>& given) {
+            options->agent = true;
+            options->agent_port = given.empty() ? "" : given.front();
+          },
+          "take the configuration of a running agent (port 3010, or YARROW_IPC_PORT)")
+      ->expected(0, 1)
+      ->option_text("[PORT]");
   command
       ->add_option("--trace", options->trace,
                    "let the library trace to syslog, at debug level 0 to 4")
       ->check(CLI::Range(0, 4))
       ->option_text("LEVEL");
+}
+
+void add_source_options(CLI::App* command, polctl::PolicyOptions* options) {
+  add_policy_file(command, options);
+  add_agent_options(command, options);
+}
+
+void require_one_source(const CLI::App* command, const polctl::PolicyOptions& options) {
+  int sources = (options.policy_file.empty() ? 0 : 1) + (options.config.empty() ? 0 : 1) +
+                (options.agent ? 1 : 0);
+  if (sources == 1) return;
+  bool files = command->get_option_no_throw("--policy-file") != nullptr;
+  throw polctl::InputError(std::string("polctl: error: ") +
+                           (sources == 0 ? "no policy is given" : "policy is given twice") +
+                           " (expected one of " + (files ? "--policy-file, " : "") +
+                           "--config and --agent)");
 }
 
 void add_eval(CLI::App& app, polctl::EvalOptions* options) {
@@ -120,13 +163,27 @@ void add_dump(CLI::App& app, polctl::DumpOptions* options) {
   command->footer("Example:\n  polctl dump --policy-file branch.txt route-policies");
 }
 
+void add_watch(CLI::App& app, polctl::WatchOptions* options) {
+  CLI::App* command = app.add_subcommand("watch", "Show what a change of configuration sets off");
+  add_agent_options(command, &options->source);
+  command
+      ->add_option("--policy", options->policies, "a control policy to use; all when none is named")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
+  command
+      ->add_option("--change", options->change, "a configuration file to commit once all is loaded")
+      ->type_name("FILE")
+      ->allow_extra_args(false);
+  command->footer(kWatchHelp);
+}
+
 // The one line that CLI11's refusals become.
 std::string usage_error(const CLI::App* app, const CLI::Error& error) {
   std::vector<CLI::App*> commands = app->get_subcommands();
   std::vector<std::string> extras = app->remaining();
   if (commands.empty() && !extras.empty()) {
     return "polctl: error: unknown word " + polctl::in_quotes(extras.front()) +
-           " (expected eval, check or dump)\n";
+           " (expected eval, check, diff, dump or watch)\n";
   }
   std::string command = commands.empty() ? "polctl" : "polctl " + commands.front()->get_name();
   return "polctl: error: " + std::string(error.what()) + " (expected what \"" + command +
@@ -142,17 +199,28 @@ int run(int argc, char** argv) {
   polctl::EvalOptions eval;
   polctl::CheckOptions check;
   polctl::DumpOptions dump;
+  polctl::WatchOptions watch;
   add_eval(app, &eval);
   add_check(app, &check);
   add_dump(app, &dump);
+  add_watch(app, &watch);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kDone : kBadInput;
   }
   polctl::Output out;
-  if (app.got_subcommand("eval")) return polctl::run_eval(eval, &out);
   if (app.got_subcommand("check")) return polctl::run_check(check, &out);
+  CLI::App* command = app.get_subcommands().front();
+  if (command->get_name() == "eval") {
+    require_one_source(command, eval.source);
+    return polctl::run_eval(eval, &out);
+  }
+  if (command->get_name() == "watch") {
+    require_one_source(command, watch.source);
+    return polctl::run_watch(watch, &out);
+  }
+  require_one_source(command, dump.source);
   return polctl::run_dump(dump, &out);
 }
 
