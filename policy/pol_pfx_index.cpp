@@ -37,14 +37,22 @@ constexpr std::array<uint64_t, 64> kPaths = [] {
   return paths;
 }();
 
-// Bit tricks instead of the builtin: the baseline CPU has no such instruction, the builtin is a
-// call.
-inline unsigned count_bits(uint64_t v) {
-  v -= (v >> 1) & 0x5555555555555555u;
-  v = (v & 0x3333333333333333u) + ((v >> 2) & 0x3333333333333333u);
-  v = (v + (v >> 4)) & 0x0f0f0f0f0f0f0f0fu;
-  return static_cast<unsigned>((v * 0x0101010101010101u) >> 56);
-}
+// Bit tricks instead of the builtin: the baseline CPU has no such instruction, the builtin is a call.
+struct CountByTricks {
+  static unsigned of(uint64_t v) {
+    v -= (v >> 1) & 0x5555555555555555u;
+    v = (v & 0x3333333333333333u) + ((v >> 2) & 0x3333333333333333u);
+    v = (v + (v >> 4)) & 0x0f0f0f0f0f0f0f0fu;
+    return static_cast<unsigned>((v * 0x0101010101010101u) >> 56);
+  }
+};
+
+// For code compiled for CPUs that have it.
+struct CountByInstruction {
+  static unsigned of(uint64_t v) { return static_cast<unsigned>(__builtin_popcountll(v)); }
+};
+
+inline unsigned count_bits(uint64_t v) { return CountByTricks::of(v); }
 
 inline unsigned rank(uint64_t map, uint64_t bit) { return count_bits(map & (bit - 1)); }
 
@@ -260,22 +268,41 @@ Slot* slot_at(const Path& path) {
   return node->slots + rank(node->prefixes, path.place);
 }
 
-template <class Bits>
-bool walk(const Node* node, Bits bits, uint8_t length) {
+template <class Count, class Bits>
+[[gnu::always_inline]] inline bool walk(const Node* node, Bits bits, uint8_t length) {
   for (unsigned depth_bits = 0; depth_bits <= length; depth_bits += kStride, bits <<= kStride) {
-    unsigned chunk = next_chunk(bits);
+    const unsigned chunk = next_chunk(bits);
     uint64_t hits = node->prefixes & kPaths[chunk];
     while (hits != 0) {
-      uint64_t bit = hits & (~hits + 1);
-      if (slot_takes(node->slots[rank(node->prefixes, bit)], length)) return true;
+      const uint64_t bit = hits & (~hits + 1);
+      if (slot_takes(node->slots[Count::of(node->prefixes & (bit - 1))], length)) return true;
       hits ^= bit;
     }
-    uint64_t bit = uint64_t{1} << chunk;
+    const uint64_t bit = uint64_t{1} << chunk;
     if ((node->below & bit) == 0) return false;
-    node = node->children + rank(node->below, bit);
+    node = node->children + Count::of(node->below & (bit - 1));
   }
   return false;
 }
+
+template <class Count>
+[[gnu::always_inline]] inline bool walk_family(const Node* v4, const Node* v6,
+                                               const t_ipprefix& prefix) {
+  if (prefix.addr.family == KEL_AF_INET) {
+    return walk<Count>(v4, address_bits_v4(prefix.addr), prefix.len);
+  }
+  if (prefix.addr.family == KEL_AF_INET6) {
+    return walk<Count>(v6, address_bits_v6(prefix.addr), prefix.len);
+  }
+  return false;
+}
+
+[[gnu::target("popcnt")]] bool walk_by_instruction(const Node* v4, const Node* v6,
+                                                   const t_ipprefix& prefix) {
+  return walk_family<CountByInstruction>(v4, v6, prefix);
+}
+
+const bool kCpuCounts = __builtin_cpu_supports("popcnt") != 0;
 
 // As deep as the trie: at most kMaxDepth.
 void free_below(Node* node) {
@@ -449,13 +476,8 @@ bool PfxIndex::change(t_pfx_entry* element, const t_pol_pfx_record& how) {
 
 bool PfxIndex::matches(const t_ipprefix& prefix) const {
   if (any_ != nullptr && any_->holding[prefix.len] != 0) return true;
-  if (prefix.addr.family == KEL_AF_INET) {
-    return walk(&v4_, address_bits_v4(prefix.addr), prefix.len);
-  }
-  if (prefix.addr.family == KEL_AF_INET6) {
-    return walk(&v6_, address_bits_v6(prefix.addr), prefix.len);
-  }
-  return false;
+  if (kCpuCounts) return walk_by_instruction(&v4_, &v6_, prefix);
+  return walk_family<CountByTricks>(&v4_, &v6_, prefix);
 }
 
 void PfxIndex::clear() {
