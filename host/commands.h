@@ -31,11 +31,13 @@ int run_eval(const EvalOptions& options, Output* out);
 
 struct CheckOptions {
   std::string policy_file;
+  std::vector<std::string> config; /* configuration files, merged in order; then no policy file */
   bool json = false;
 };
 
-/* Says what is wrong with a policy file. kFindings when there is something. */
+/* Says what is wrong with a policy file or with configuration. kFindings when there is something. */
 int run_check(const CheckOptions& options, Output* out);
+int run_check_config(const CheckOptions& options, Output* out);
 
 struct DumpOptions {
   PolicyOptions source;

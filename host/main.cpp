@@ -38,11 +38,12 @@ Up to 20 routes are answered one by one, more by a summary by sequence; --json
 answers each. The exit status is 0 whatever the policy decides.)";
 
 constexpr const char* kCheckHelp = R"(Examples:
-  polctl check --policy-file branch.txt
+  polctl check sdwan.xml country-lists.xml
   polctl check --policy-file branch.txt --json
 
-Reports every error and every warning of the file, each with its line and column.
-The exit status is 1 when there are any.)";
+Reports every error and every warning, each with its place: a line, and the
+column in a policy file or the path in configuration. The exit status is 1 when
+there are any.)";
 
 constexpr const char* kMainHelp = R"(Examples:
   polctl check --policy-file branch.txt
@@ -141,13 +142,30 @@ void add_eval(CLI::App& app, polctl::EvalOptions* options) {
   command->footer(kEvalHelp);
 }
 
-void add_check(CLI::App& app, polctl::CheckOptions* options) {
-  CLI::App* command = app.add_subcommand("check", "Say what is wrong with a policy file");
+void add_check(CLI::App& app, std::vector<std::string>* files, polctl::CheckOptions* options) {
+  CLI::App* command = app.add_subcommand("check", "Say what is wrong with configuration or policy");
+  command->add_option("FILE", *files, "configuration files, merged in order; or one policy file")
+      ->option_text("...");
   command->add_option("--policy-file", options->policy_file, "the text policy file to check")
-      ->required()
       ->type_name("FILE");
   command->add_flag("--json", options->json, "report one JSON object a line");
   command->footer(kCheckHelp);
+}
+
+int run_check(const std::vector<std::string>& files, polctl::CheckOptions* options,
+              polctl::Output* out) {
+  if (files.empty() == options->policy_file.empty()) {
+    throw polctl::InputError(files.empty()
+                                 ? "polctl: error: nothing to check (expected a file)"
+                                 : "polctl: error: policy is given twice (expected configuration "
+                                   "files or --policy-file)");
+  }
+  if (files.size() == 1 && !polctl::is_configuration(files.front())) {
+    options->policy_file = files.front();
+  } else {
+    options->config = files;
+  }
+  return polctl::run_check(*options, out);
 }
 
 void add_dump(CLI::App& app, polctl::DumpOptions* options) {
@@ -198,10 +216,11 @@ int run(int argc, char** argv) {
   app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
   polctl::EvalOptions eval;
   polctl::CheckOptions check;
+  std::vector<std::string> files;
   polctl::DumpOptions dump;
   polctl::WatchOptions watch;
   add_eval(app, &eval);
-  add_check(app, &check);
+  add_check(app, &files, &check);
   add_dump(app, &dump);
   add_watch(app, &watch);
   try {
@@ -210,7 +229,7 @@ int run(int argc, char** argv) {
     return app.exit(error) == 0 ? kDone : kBadInput;
   }
   polctl::Output out;
-  if (app.got_subcommand("check")) return polctl::run_check(check, &out);
+  if (app.got_subcommand("check")) return run_check(files, &check, &out);
   CLI::App* command = app.get_subcommands().front();
   if (command->get_name() == "eval") {
     require_one_source(command, eval.source);
