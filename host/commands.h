@@ -47,6 +47,19 @@ struct DumpOptions {
 /* Prints what the library holds once the policy is loaded. */
 int run_dump(const DumpOptions& options, Output* out);
 
+struct DiffOptions {
+  std::string old_file; /* each a policy file or configuration, as its content tells */
+  std::string new_file;
+  std::string policy; /* empty: the only route policy there is in both */
+  uint32_t direction = POL_DIR_IN;
+  std::string routes;
+  std::string tlocs;
+  bool json = false;
+};
+
+/* Runs routes through two versions of a policy. kFindings when any of them is answered differently. */
+int run_diff(const DiffOptions& options, Output* out);
+
 struct WatchOptions {
   PolicyOptions source;
   std::vector<std::string> policies; /* control policies to use; none: all there are */
