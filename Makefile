@@ -59,7 +59,7 @@ fuzz:
 
 bench: setup
 	@cmake --preset bench --log-level=WARNING >/dev/null
-	@$(call CMAKE_BUILD,bench)
+	@$(call CMAKE_BUILD,bench) --target pol_bench
 	@build-bench/bin/pol_bench
 
 # Installs what `make build` leaves and writes nothing else, so that a build by the user can be
