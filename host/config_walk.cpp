@@ -341,17 +341,20 @@ ConfigFeed::ConfigFeed(uint16_t port) : sock_(agent_socket()) {
 
 ConfigFeed::~ConfigFeed() { close(sock_); }
 
-int64_t ConfigFeed::next(int timeout_ms, ConfigWalk* walk) {
+ConfigFeed::Batch ConfigFeed::read(int timeout_ms) {
   t_yarrow_batch* batch = nullptr;
   int status = yarrow_sub_read(sock_, timeout_ms, &batch);
-  if (status == 0 || status == YARROW_EOF) return -1;
-  if (status != 1) {
+  if (status == YARROW_ERR) {
     throw InputError(fmt::format("agent: error: {} (expected its changes)", agent_problem()));
   }
-  auto count = static_cast<int64_t>(yarrow_batch_count(batch));
-  walk->take(batch);
-  yarrow_batch_free(batch);
-  return count;
+  return Batch(batch);
+}
+
+int64_t ConfigFeed::next(int timeout_ms, ConfigWalk* walk) {
+  Batch batch = read(timeout_ms);
+  if (!batch) return -1;
+  walk->take(batch.get());
+  return static_cast<int64_t>(yarrow_batch_count(batch.get()));
 }
 
 }  // namespace polctl

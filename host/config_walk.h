@@ -10,6 +10,7 @@
 #define HOST_CONFIG_WALK_H
 
 #include <cstdint>
+#include <memory>
 
 #include "config_mirror.h"
 #include "policy/pol_config.h"
@@ -52,6 +53,15 @@ class ConfigFeed {
   ~ConfigFeed();
   ConfigFeed(const ConfigFeed&) = delete;
   ConfigFeed& operator=(const ConfigFeed&) = delete;
+
+  struct Free {
+    void operator()(t_yarrow_batch* batch) const { yarrow_batch_free(batch); }
+  };
+  using Batch = std::unique_ptr<t_yarrow_batch, Free>;
+
+  /* Waits for the next batch; null when the time is over (negative: no limit) or the agent has
+   * closed. Throws InputError. */
+  Batch read(int timeout_ms);
 
   /* Waits for the next batch and walks it; the first is the present configuration. Returns how many
    * changes it held, -1 when the time is over (negative: no limit) or the agent has closed. Throws

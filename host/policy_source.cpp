@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <numeric>
 #include <string_view>
 
@@ -69,6 +70,13 @@ void require_readable(const std::string& path, const char* expected) {
     throw InputError(fmt::format("{}: error: cannot be read: {} (expected {})", path,
                                  strerror(error), expected));
   }
+}
+
+bool is_configuration(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  char first = ' ';
+  file >> first;
+  return first == '<';
 }
 
 std::string source_name(const PolicyOptions& options) {

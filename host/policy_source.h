@@ -57,6 +57,9 @@ class PolicySource {
 /* Throws InputError, with the system's reason, when the file cannot be opened for reading. */
 void require_readable(const std::string& path, const char* expected);
 
+/* Whether a file holds configuration, by its first character that is no blank: '<'. */
+bool is_configuration(const std::string& path);
+
 /* The names of the policies of one kind (enum pol_kind), in the library's order. */
 std::vector<std::string> policy_names(uint32_t kind);
 
