@@ -15,10 +15,10 @@ TEST_JOBS ?= 2
 .PHONY: help run build test check tsan fuzz bench install format setup clean
 
 help:
-	@echo 'make run       decide real prefixes with an example policy'
+	@echo 'make run       configure an example SD-WAN and decide real prefixes with it'
 	@echo 'make test      build and run all tests'
 	@echo 'make check     what CI checks besides: format, clang-tidy, warnings, tests under ASan and UBSan'
-	@echo 'make bench     the benchmarks, as one table'
+	@echo 'make bench     the benchmarks, as tables'
 	@echo 'make tsan      the tests under ThreadSanitizer'
 	@echo 'make fuzz      every fuzzer for SECONDS=30'
 	@echo 'make build     build/bin/polctl and build/lib/libpolicy.so'
@@ -59,8 +59,12 @@ fuzz:
 
 bench: setup
 	@cmake --preset bench --log-level=WARNING >/dev/null
-	@$(call CMAKE_BUILD,bench)
+	@$(call CMAKE_BUILD,bench) --target pol_bench
 	@build-bench/bin/pol_bench
+	@printf '\n'
+	@build-bench/bin/agent_bench
+	@printf '\n'
+	@build-bench/bin/config_bench
 
 # Installs what `make build` leaves and writes nothing else, so that a build by the user can be
 # installed by root.

@@ -11,7 +11,7 @@
 namespace bench {
 
 // By benchmark name: the median over the repetitions, in nanoseconds, or bytes where that is what
-// the benchmark counts.
+// the benchmark counts. By name and "/cpu": the processor time.
 using Figures = std::map<std::string, double>;
 
 class Collector : public benchmark::BenchmarkReporter {

@@ -94,6 +94,7 @@ std::string counted(uint64_t count, const char* what) {
 }  // namespace
 
 int run_check(const CheckOptions& options, Output* out) {
+  if (!options.config.empty()) return run_check_config(options, out);
   require_readable(options.policy_file, "a policy file");
   Report report = {options, out, Palette(out->fd()), LineReader(options.policy_file), {}, 0, 0, {}};
   if (pol_test_check_file(options.policy_file.c_str(), write_finding, &report) < 0) {

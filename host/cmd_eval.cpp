@@ -1,20 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// polctl eval. The host's side of an evaluation, in the order in which a daemon goes about it:
-// register as a user of the policy, then for each route prepare the query, execute it, read the
-// answer and release it.
+// polctl eval.
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
-#include <memory>
-#include <optional>
 
 #include "commands.h"
+#include "evaluation.h"
 #include "input_error.h"
-#include "kel/string.h"
-#include "policy/pol_exec.h"
-#include "policy/pol_user.h"
 #include "route_reader.h"
 #include "summary.h"
 #include "terminal.h"
@@ -25,61 +18,7 @@ namespace polctl {
 
 namespace {
 
-constexpr uint64_t kFewRoutes = 20;       // are shown each on a line, more as a summary
-constexpr uint32_t kReleaseVpnArray = 3;  // the execution kind that does
-
-// A registration with the library, for as long as it lives.
-class PolicyUser {
- public:
-  explicit PolicyUser(const EvalOptions& options) {
-    t_pol_registration record = {};
-    strlcpy(record.user_name, "polctl", sizeof record.user_name);
-    strlcpy(record.policy_name, options.policy.c_str(), sizeof record.policy_name);
-    record.kind = options.kind;
-    record.direction = options.direction;
-    record.resolve = resolve_tloc;
-    user_ = pol_register(&record);
-    if (user_ == nullptr) throw InputError("polctl: error: cannot use the policy: no memory");
-  }
-  ~PolicyUser() { pol_unregister(&user_); }
-  PolicyUser(const PolicyUser&) = delete;
-  PolicyUser& operator=(const PolicyUser&) = delete;
-
-  t_pol_user* get() const { return user_; }
-
- private:
-  t_pol_user* user_;
-};
-
-// The records of one question; large, and used again for every route.
-struct Question {
-  t_pol_route_attr attr;
-  t_pol_route_query query;
-  t_pol_tloc_result tlocs;
-};
-
-// Between preparing a query and releasing what its evaluation allocated.
-class Execution {
- public:
-  explicit Execution(Question* question) : query_(&question->query) {
-    pol_pre_execute(query_, kReleaseVpnArray);
-    question->tlocs.count = 0;
-    question->tlocs.ultimate = 0;
-    query_->tlocs = &question->tlocs;
-  }
-  ~Execution() { pol_post_execute(query_); }
-  Execution(const Execution&) = delete;
-  Execution& operator=(const Execution&) = delete;
-
- private:
-  t_pol_route_query* query_;
-};
-
-// Called by the library: running out of memory ends the process here rather than pass through it.
-void keep_step(const t_pol_explain_step* step, void* arg) noexcept {
-  std::string reason = step->reason != nullptr ? step->reason : "";
-  static_cast<Verdict*>(arg)->steps.push_back({*step, std::move(reason)});
-}
+constexpr uint64_t kFewRoutes = 20;  // are shown each on a line, more as a summary
 
 // Where the verdicts go, in one of the three forms.
 class Answers {
@@ -127,36 +66,29 @@ class Answers {
 
 int run_eval(const EvalOptions& options, Output* out) {
   PolicySource source(options.source);
-  require_policy(options.policy, options.kind, options.source.policy_file);
+  require_policy(options.policy, options.kind, source_name(options.source));
   if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);
   RouteReader routes(options.routes);
   if (options.routes == "-" && isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
     fputs("Type routes, one a line (10.1.0.0/16 or {\"type\":\"route\", ...}); Ctrl-D ends.\n",
           stderr);
   }
-  PolicyUser user(options);
+  Evaluation evaluation(options.policy, options.kind, options.direction);
   Answers answers(options, out);
   bool scrolls = (options.json || options.explain) && isatty(out->fd()) == 1;
   Progress progress("Evaluating", !scrolls);
-
-  auto question = std::make_unique<Question>();
-  t_pol_route_query* query = &question->query;
-  Verdict verdict;
-  verdict.query = query;
-  for (; !out->gone(); ++verdict.index) {
-    Execution execution(question.get());
+  while (!out->gone()) {
     // A program that asks and waits, or a person who types, gets its answer before the next read.
     if (!routes.lines().line_waiting()) out->flush();
+    const Verdict* verdict = nullptr;
     try {
-      if (!routes.next(query, &question->attr)) break;
+      verdict = evaluation.next(&routes, options.explain);
     } catch (const InputError&) {
       out->flush();  // what was answered before the fault stands
       throw;
     }
-    verdict.steps.clear();
-    verdict.action = pol_explain(user.get(), query, options.explain ? keep_step : nullptr, &verdict,
-                                 &verdict.decision);
-    answers.add(verdict);
+    if (verdict == nullptr) break;
+    answers.add(*verdict);
     progress.step(routes.lines().position(), routes.lines().size());
   }
   progress.clear();

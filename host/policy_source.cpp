@@ -10,8 +10,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
+#include <fstream>
 #include <numeric>
 #include <string_view>
 
@@ -19,7 +19,6 @@
 #include "input_error.h"
 #include "policy/pol_block.h"
 #include "policy/pol_context.h"
-#include "policy/pol_dump.h"
 #include "policy/pol_test.h"
 #include "policy/pol_util.h"
 
@@ -29,24 +28,7 @@ namespace {
 
 constexpr size_t kNamesShown = 10;
 
-// Keeps the first text that a dump prints.
-int keep_first_text(void* arg, const char* text, size_t length) {
-  std::string* kept = static_cast<std::string*>(arg);
-  if (kept->empty()) kept->assign(text, length);
-  return 0;
-}
-
-// Gathers the numbers of the sequences that a policy's dump prints.
-int keep_sequence(void* arg, const char* text, size_t length) {
-  constexpr std::string_view kHead = "\n    sequence: ";
-  std::string_view line(text, length);
-  uint32_t sequence = 0;
-  if (line.starts_with(kHead) &&
-      std::from_chars(text + kHead.size(), text + length, sequence).ec == std::errc()) {
-    static_cast<std::vector<uint32_t>*>(arg)->push_back(sequence);
-  }
-  return 0;
-}
+constexpr int kAnswerMs = 60'000;  // an agent that holds much still answers within
 
 // How many characters must be changed, added or dropped to make one word of the other.
 size_t edit_distance(std::string_view a, std::string_view b) {
@@ -90,35 +72,69 @@ void require_readable(const std::string& path, const char* expected) {
   }
 }
 
+bool is_configuration(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  char first = ' ';
+  file >> first;
+  return first == '<';
+}
+
+std::string source_name(const PolicyOptions& options) {
+  if (options.agent) return "agent";
+  return options.policy_file.empty() ? fmt::format("{}", fmt::join(options.config, ","))
+                                     : options.policy_file;
+}
+
 PolicySource::PolicySource(const PolicyOptions& options) {
-  require_readable(options.policy_file, "a policy file");
+  if (!options.policy_file.empty()) require_readable(options.policy_file, "a policy file");
   // The library writes every word of a policy file to the system log at debug priority. A device
   // wants that; a tool that reads a file of 100,000 lines does so only when asked.
   if (options.trace < 0) setlogmask(LOG_UPTO(LOG_INFO));
+  if (options.policy_file.empty()) connect(options);
   pol_debug_set(static_cast<uint32_t>(std::max(options.trace, 0)));
   t_pol_callbacks callbacks = {};
   if (pol_init(&callbacks) == nullptr) {
     throw InputError("polctl: error: the policy library could not be started: no memory");
   }
-  if (pol_test_parse_file(options.policy_file.c_str(), nullptr) != 0) {
+  try {
+    if (live_) {
+      live_->walk = std::make_unique<ConfigWalk>(g_pol_ctx_p);
+      live_->feed = std::make_unique<ConfigFeed>(live_->port);
+      if (live_->feed->next(kAnswerMs, live_->walk.get()) < 0) {
+        throw InputError("agent: error: it says nothing (expected its configuration)");
+      }
+    } else if (pol_test_parse_file(options.policy_file.c_str(), nullptr) != 0) {
+      throw InputError(
+          fmt::format("{}: error: cannot be read (expected a policy file)", options.policy_file));
+    }
+  } catch (...) {
     pol_destroy();
-    throw InputError(
-        fmt::format("{}: error: cannot be read (expected a policy file)", options.policy_file));
+    throw;
   }
 }
 
 PolicySource::~PolicySource() { pol_destroy(); }
 
+void PolicySource::connect(const PolicyOptions& options) {
+  live_ = std::make_unique<LiveConfig>();
+  if (options.agent) {
+    live_->port = running_agent_port(options.agent_port);
+    return;
+  }
+  live_->agent = std::make_unique<EmbeddedAgent>();
+  live_->port = live_->agent->port();
+  std::vector<ConfigFault> faults;
+  ConfigSession session(live_->port);
+  session.load(options.config, &faults);
+  if (faults.empty()) session.commit(options.config, &faults);
+  if (!faults.empty()) throw_faults(faults);
+}
+
 std::vector<std::string> policy_names(uint32_t kind) {
   std::vector<std::string> names;
-  std::string head = fmt::format("\n\n{}-policy ", pol_util_type_str(kind));
   for (t_pol_block* block = pol_block_first(g_pol_ctx_p, kind); block != nullptr;
        block = pol_block_next(g_pol_ctx_p, block, kind)) {
-    // A policy's name is had from its dump, which begins with it.
-    std::string text;
-    t_cli_user_ctx cli = {keep_first_text, &text};
-    pol_dump_block(block, &cli);
-    if (text.starts_with(head)) names.push_back(text.substr(head.size()));
+    names.emplace_back(pol_block_get_name(block));
   }
   return names;
 }
@@ -126,8 +142,10 @@ std::vector<std::string> policy_names(uint32_t kind) {
 std::vector<uint32_t> policy_sequences(const std::string& name, uint32_t kind) {
   std::vector<uint32_t> sequences;
   t_pol_block* block = pol_block_find(g_pol_ctx_p, name.c_str(), kind, nullptr);
-  t_cli_user_ctx cli = {keep_sequence, &sequences};
-  if (block != nullptr) pol_dump_block(block, &cli);
+  for (t_pol_entry* entry = pol_entry_first(g_pol_ctx_p, block); entry != nullptr;
+       entry = pol_entry_next(g_pol_ctx_p, entry)) {
+    sequences.push_back(pol_entry_get_sequence(entry));
+  }
   return sequences;
 }
 

@@ -6,17 +6,34 @@
 #define HOST_POLICY_SOURCE_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "agent_link.h"
+#include "config_walk.h"
 #include "policy/pol_types.h"
 
 namespace polctl {
 
-/* The options that every command with policy shares. */
+/* The options that every command with policy shares: exactly one of the three sources. */
 struct PolicyOptions {
   std::string policy_file;
+  std::vector<std::string> config; /* configuration files, merged in order */
+  bool agent = false;              /* a running agent, at `agent_port` ("": the usual one) */
+  std::string agent_port;
   int trace = -1; /* the library's debug level, its trace going to syslog; negative: no trace */
+};
+
+/* What a message calls the source. */
+std::string source_name(const PolicyOptions& options);
+
+/* Configuration that came from an agent, and goes on coming. */
+struct LiveConfig {
+  std::unique_ptr<EmbeddedAgent> agent; /* null when the agent runs elsewhere */
+  uint16_t port = 0;
+  std::unique_ptr<ConfigFeed> feed;
+  std::unique_ptr<ConfigWalk> walk;
 };
 
 /* Makes the process's context and fills it; destroys it with all it holds. One at a time. */
@@ -27,15 +44,26 @@ class PolicySource {
   ~PolicySource();
   PolicySource(const PolicySource&) = delete;
   PolicySource& operator=(const PolicySource&) = delete;
+
+  /* Null when the policy came from a policy file. */
+  LiveConfig* live() { return live_.get(); }
+
+ private:
+  void connect(const PolicyOptions& options);
+
+  std::unique_ptr<LiveConfig> live_;
 };
 
 /* Throws InputError, with the system's reason, when the file cannot be opened for reading. */
 void require_readable(const std::string& path, const char* expected);
 
+/* Whether a file holds configuration, by its first character that is no blank: '<'. */
+bool is_configuration(const std::string& path);
+
 /* The names of the policies of one kind (enum pol_kind), in the library's order. */
 std::vector<std::string> policy_names(uint32_t kind);
 
-/* The sequence numbers of a policy that exists, ascending. */
+/* The sequence numbers of a policy, ascending. */
 std::vector<uint32_t> policy_sequences(const std::string& name, uint32_t kind);
 
 /* Throws InputError, naming what is near and what there is, unless a policy of that name exists. */

@@ -62,13 +62,26 @@ void write_steps(const std::vector<Step>& steps, Output* out) {
 
 // "a, b, c, d and 3 more"
 template <typename TextOf>
-std::string shortened(uint32_t count, TextOf text_of) {
+std::string shortened(uint32_t count, uint32_t most, TextOf text_of) {
   std::string text;
-  for (uint32_t i = 0; i < std::min(count, kShownInText); ++i) {
+  for (uint32_t i = 0; i < std::min(count, most); ++i) {
     text += fmt::format("{}{}", i == 0 ? "" : ", ", text_of(i));
   }
-  if (count > kShownInText) text += fmt::format(" and {} more", count - kShownInText);
+  if (count > most) text += fmt::format(" and {} more", count - most);
   return text;
+}
+
+std::string tlocs_shown(const t_pol_route_query& query, uint32_t most) {
+  const t_pol_tloc_result& tlocs = *query.tlocs;
+  return shortened(tlocs.count, most, [&](uint32_t i) { return tloc_text(tlocs.entry[i].tloc); });
+}
+
+std::string vpns_shown(const t_pol_route_query& query, uint32_t most) {
+  return shortened(query.vpn_count, most, [&](uint32_t i) {
+    const t_pol_vpn_range& range = query.vpn_array[i];
+    return range.low == range.high ? fmt::format("{}", range.low)
+                                   : fmt::format("{}-{}", range.low, range.high);
+  });
 }
 
 std::string sets_text(const t_pol_route_query& query) {
@@ -79,19 +92,11 @@ std::string sets_text(const t_pol_route_query& query) {
   if ((query.applied & POL_APPLIED_PREF) != 0) {
     parts.push_back(fmt::format("preference {}", query.attr_copy.preference));
   }
-  const t_pol_tloc_result& tlocs = *query.tlocs;
-  if (tlocs.count > 0) {
-    parts.push_back(fmt::format("tloc {}", shortened(tlocs.count, [&](uint32_t i) {
-                                  return tloc_text(tlocs.entry[i].tloc);
-                                })));
+  if (query.tlocs->count > 0) {
+    parts.push_back(fmt::format("tloc {}", tlocs_shown(query, kShownInText)));
   }
   if (query.vpn_count > 0) {
-    parts.push_back(fmt::format("vpn {}", shortened(query.vpn_count, [&](uint32_t i) {
-                                  const t_pol_vpn_range& range = query.vpn_array[i];
-                                  return range.low == range.high
-                                             ? fmt::format("{}", range.low)
-                                             : fmt::format("{}-{}", range.low, range.high);
-                                })));
+    parts.push_back(fmt::format("vpn {}", vpns_shown(query, kShownInText)));
   }
   return fmt::format("{}", fmt::join(parts, ", "));
 }
@@ -115,6 +120,10 @@ std::string route_text(const Verdict& verdict) {
   if (query.tloc.family != 0) return text + tloc_text(query.tloc);
   return text + fmt::format("#{}", verdict.index);
 }
+
+std::string tlocs_text(const t_pol_route_query& query) { return tlocs_shown(query, UINT32_MAX); }
+
+std::string vpns_text(const t_pol_route_query& query) { return vpns_shown(query, UINT32_MAX); }
 
 void write_json(const Verdict& verdict, Output* out) {
   const t_pol_route_query& query = *verdict.query;

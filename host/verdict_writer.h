@@ -33,6 +33,10 @@ struct Verdict {
  * has neither prefix nor TLOC. */
 std::string route_text(const Verdict& verdict);
 
+/* What a route was given: all TLOCs and VPN ranges, ", " between them; "" for none. */
+std::string tlocs_text(const t_pol_route_query& query);
+std::string vpns_text(const t_pol_route_query& query);
+
 /* One object on one line. Every member is always there; "steps" only with an explanation. */
 void write_json(const Verdict& verdict, Output* out);
 

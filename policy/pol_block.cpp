@@ -122,6 +122,8 @@ t_pol_block* pol_block_next(t_pol_ctx* ctx, t_pol_block* block, uint32_t kind) {
   return tree != nullptr ? tree->next(block) : nullptr;
 }
 
+const char* pol_block_get_name(const t_pol_block* block) { return block->name; }
+
 t_pol_block* pol_block_find(t_pol_ctx* ctx, const char* name, uint32_t kind, uintptr_t* where) {
   auto* tree = tree_of(ctx, kind);
   if (tree == nullptr || name == nullptr) return nullptr;
@@ -199,6 +201,18 @@ int pol_entry_cmp(const void* a, const void* b) {
   uint32_t y = *static_cast<const uint32_t*>(b);
   return (x > y) - (x < y);
 }
+
+t_pol_entry* pol_entry_first(t_pol_ctx* ctx, t_pol_block* block) {
+  if (ctx == nullptr || block == nullptr || !has_entries_tree(block)) return nullptr;
+  return block->entries.first();
+}
+
+t_pol_entry* pol_entry_next(t_pol_ctx* ctx, t_pol_entry* entry) {
+  if (ctx == nullptr || entry == nullptr) return nullptr;
+  return entry->block->entries.next(entry);
+}
+
+uint32_t pol_entry_get_sequence(const t_pol_entry* entry) { return entry->sequence; }
 
 t_pol_entry* pol_entry_find(t_pol_ctx* ctx, t_pol_block* block, uint32_t sequence,
                             uintptr_t* where) {

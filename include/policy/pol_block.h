@@ -25,6 +25,9 @@ POL_API void pol_block_destroy(t_pol_ctx* ctx);
 POL_API t_pol_block* pol_block_first(t_pol_ctx* ctx, uint32_t kind);
 POL_API t_pol_block* pol_block_next(t_pol_ctx* ctx, t_pol_block* block, uint32_t kind);
 
+/* The policy's name, valid as long as the policy. */
+POL_API const char* pol_block_get_name(const t_pol_block* block);
+
 /* Null when absent; then `where`, unless null, is the place in the kind's tree. */
 POL_API t_pol_block* pol_block_find(t_pol_ctx* ctx, const char* name, uint32_t kind,
                                     uintptr_t* where);
@@ -55,6 +58,12 @@ POL_API t_pol_entry* pol_entry_find_or_create(t_pol_ctx* ctx, t_pol_block* block
                                               uint8_t* changed);
 POL_API void pol_entry_find_and_delete(t_pol_ctx* ctx, t_pol_block* block, uint32_t sequence,
                                        uint8_t* changed);
+
+/* Walk the sequences of a policy in ascending number. Null at the end, for a null policy and for a
+ * data or app-route policy. */
+POL_API t_pol_entry* pol_entry_first(t_pol_ctx* ctx, t_pol_block* block);
+POL_API t_pol_entry* pol_entry_next(t_pol_ctx* ctx, t_pol_entry* entry);
+POL_API uint32_t pol_entry_get_sequence(const t_pol_entry* entry);
 
 /* Orders sequences by number: -1, 0 or 1. */
 POL_API int pol_entry_cmp(const void* a, const void* b);

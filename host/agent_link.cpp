@@ -1,0 +1,193 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "agent_link.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <cstdlib>
+#include <string_view>
+
+#include "address_text.h"
+#include "agent/yarrow_agent.h"
+#include "input_error.h"
+#include "policy_source.h"
+#include "xml_places.h"
+#include "yarrow/yarrow_maapi.h"
+
+namespace polctl {
+
+namespace {
+
+[[noreturn]] void fail(const char* what) {
+  throw InputError(
+      fmt::format("polctl: error: {}: {} (expected an agent that answers)", what, agent_problem()));
+}
+
+// Calls take(line) for each line of what the agent said.
+template <typename Take>
+void each_reason(std::string_view text, Take take) {
+  while (!text.empty()) {
+    size_t end = text.find('\n');
+    take(text.substr(0, end));
+    if (end == std::string_view::npos) return;
+    text.remove_prefix(end + 1);
+  }
+}
+
+// Where a path ends in "PATH: REASON"; names in it may hold colons and blanks, in braces.
+size_t path_end(std::string_view text) {
+  bool in_keys = false;
+  bool quoted = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (quoted && c == '\\') {
+      ++i;
+    } else if (in_keys && c == '"') {
+      quoted = !quoted;
+    } else if (!quoted && (c == '{' || c == '}')) {
+      in_keys = c == '{';
+    } else if (!in_keys && c == ':') {
+      return i;
+    }
+  }
+  return std::string_view::npos;
+}
+
+// "line 5: /policy/...: reason", "/policy/...: reason" or a reason alone.
+ConfigFault fault_of(std::string_view text) {
+  ConfigFault fault;
+  constexpr std::string_view kLine = "line ";
+  if (text.starts_with(kLine)) {
+    const char* begin = text.data() + kLine.size();
+    auto [end, error] = std::from_chars(begin, text.data() + text.size(), fault.line);
+    if (error == std::errc() && std::string_view(end, 2) == ": ") {
+      text.remove_prefix(static_cast<size_t>(end + 2 - text.data()));
+    }
+  }
+  size_t colon = text.starts_with('/') ? path_end(text) : std::string_view::npos;
+  if (colon != std::string_view::npos && colon + 2 <= text.size()) {
+    fault.path = text.substr(0, colon);
+    text.remove_prefix(colon + 2);
+  }
+  fault.what = text;
+  return fault;
+}
+
+}  // namespace
+
+int agent_socket() {
+  int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (sock < 0) throw InputError("polctl: error: no socket (expected a free file descriptor)");
+  return sock;
+}
+
+sockaddr_in agent_address(uint16_t port) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+std::string agent_problem() {
+  std::string reason = yarrow_lasterr();
+  return reason.empty() ? yarrow_strerror(yarrow_errno) : reason;
+}
+
+EmbeddedAgent::EmbeddedAgent() {
+  unsetenv(YARROW_PORT_VARIABLE);
+  std::string problem;
+  handle_ = agent::start({}, &problem);
+  if (!handle_) {
+    throw InputError(
+        fmt::format("polctl: error: the agent does not start: {} (expected a free port "
+                    "on the loopback address)",
+                    problem));
+  }
+  agent::run_in_thread(*handle_);
+}
+
+EmbeddedAgent::~EmbeddedAgent() { agent::stop(*handle_); }
+
+uint16_t EmbeddedAgent::port() const { return agent::port(*handle_); }
+
+uint16_t running_agent_port(const std::string& given) {
+  const char* variable = getenv(YARROW_PORT_VARIABLE);
+  std::string text = !given.empty() ? given : variable != nullptr ? variable : "";
+  // A port that was given wins over the environment, which every connect call would look at.
+  unsetenv(YARROW_PORT_VARIABLE);
+  if (text.empty()) return YARROW_PORT;
+  uint16_t port = 0;
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+  if (error != std::errc() || *end != '\0' || port == 0) {
+    throw InputError(
+        fmt::format("polctl: error: {} is no port (expected 1 to 65535)", in_quotes(text)));
+  }
+  return port;
+}
+
+std::string fault_line(const ConfigFault& fault, const char* severity) {
+  std::string text = fault.file.empty() ? "polctl" : fault.file;
+  if (fault.line > 0) text += fmt::format(":{}", fault.line);
+  text += fmt::format(": {}: ", severity);
+  if (!fault.path.empty()) text += printable(fault.path) + ": ";
+  return text + printable(fault.what);
+}
+
+ConfigSession::ConfigSession(uint16_t port) : sock_(agent_socket()) {
+  sockaddr_in address = agent_address(port);
+  if (maapi_connect(sock_, reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
+          YARROW_OK ||
+      maapi_start_user_session3(sock_, "polctl", "cli", nullptr, "polctl") != YARROW_OK) {
+    std::string problem = agent_problem();
+    close(sock_);
+    throw InputError(
+        fmt::format("agent at port {}: error: {} (expected a running yarrowd)", port, problem));
+  }
+}
+
+ConfigSession::~ConfigSession() { maapi_close(sock_); }
+
+void ConfigSession::load(const std::vector<std::string>& files, std::vector<ConfigFault>* faults) {
+  int trans =
+      maapi_start_trans_flags2(sock_, MAAPI_CANDIDATE, MAAPI_READ_WRITE, 0, 0, nullptr, nullptr);
+  if (trans < 0) fail("no transaction");
+  for (const std::string& file : files) {
+    require_readable(file, "a configuration file");
+    if (maapi_load_config(sock_, trans, YARROW_CONFIG_XML | YARROW_CONFIG_MERGE, file.c_str()) ==
+        YARROW_OK) {
+      continue;
+    }
+    each_reason(agent_problem(), [&](std::string_view reason) {
+      faults->push_back(fault_of(reason));
+      faults->back().file = file;
+    });
+  }
+  if (faults->empty() && maapi_apply_trans(sock_, trans, 0) != YARROW_OK) fail("not applied");
+  maapi_finish_trans(sock_, trans);
+}
+
+void ConfigSession::commit(const std::vector<std::string>& files,
+                           std::vector<ConfigFault>* faults) {
+  if (maapi_candidate_commit(sock_) == YARROW_OK) return;
+  std::string problem = agent_problem();
+  if (yarrow_errno != YARROW_ERR_INVALID) fail("not committed");
+  XmlPlaces places(files);
+  each_reason(problem, [&](std::string_view reason) {
+    ConfigFault fault = fault_of(reason);
+    places.find(fault.path, &fault.file, &fault.line);
+    faults->push_back(std::move(fault));
+  });
+}
+
+void throw_faults(const std::vector<ConfigFault>& faults) {
+  std::string text;
+  for (const ConfigFault& fault : faults) {
+    if (!text.empty()) text += '\n';
+    text += fault_line(fault, "error");
+  }
+  throw InputError(text);
+}
+
+}  // namespace polctl

@@ -1,0 +1,80 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * agent_link.h - a management agent to take configuration from: one inside this process that is
+ * filled from files, or one that runs already.
+ */
+#ifndef HOST_AGENT_LINK_H
+#define HOST_AGENT_LINK_H
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace agent {
+class Handle;
+}
+
+namespace polctl {
+
+int agent_socket();
+sockaddr_in agent_address(uint16_t port);
+/* Why the calling thread's last call to the agent failed. */
+std::string agent_problem();
+
+/* An agent of this process's own, which keeps nothing on disk. From its start on the process
+ * connects to the ports it says, whatever the environment says (YARROW_IPC_PORT). */
+class EmbeddedAgent {
+ public:
+  EmbeddedAgent();
+  ~EmbeddedAgent();
+  EmbeddedAgent(const EmbeddedAgent&) = delete;
+  EmbeddedAgent& operator=(const EmbeddedAgent&) = delete;
+  uint16_t port() const;
+
+ private:
+  std::shared_ptr<agent::Handle> handle_;
+};
+
+/* The port of a running agent: the one given, else the environment's, else the usual one. Throws
+ * InputError when the text is none. */
+uint16_t running_agent_port(const std::string& given);
+
+/* One reason why configuration was refused. */
+struct ConfigFault {
+  std::string file; /* empty: not known, as `line` 0 */
+  uint32_t line = 0;
+  std::string path; /* of the node in the configuration; empty when the text cannot be parsed */
+  std::string what;
+};
+
+/* "FILE:LINE: error: PATH: WHAT" */
+std::string fault_line(const ConfigFault& fault, const char* severity);
+
+/* A session that edits the candidate. */
+class ConfigSession {
+ public:
+  explicit ConfigSession(uint16_t port);
+  ~ConfigSession();
+  ConfigSession(const ConfigSession&) = delete;
+  ConfigSession& operator=(const ConfigSession&) = delete;
+
+  /* Merges the files, in order, into the candidate; what is wrong with any of them goes to `faults`,
+   * and then nothing was merged. Throws InputError when a file cannot be read. */
+  void load(const std::vector<std::string>& files, std::vector<ConfigFault>* faults);
+
+  /* Makes the candidate running. Refusals name paths; `files` say in which line those stand. */
+  void commit(const std::vector<std::string>& files, std::vector<ConfigFault>* faults);
+
+ private:
+  int sock_;
+};
+
+/* Ends the command with every fault, a line each. */
+[[noreturn]] void throw_faults(const std::vector<ConfigFault>& faults);
+
+}  // namespace polctl
+
+#endif

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "rig.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <vector>
+
+#include "policy/pol_dump.h"
+
+namespace test {
+
+namespace {
+
+int append(void* arg, const char* text, size_t length) {
+  static_cast<std::string*>(arg)->append(text, length);
+  return 0;
+}
+
+// A list that lost its last element stays until its configuration goes, where one that never had any
+// was never made. Both match nothing.
+void drop_empty_lists(std::string* dump) {
+  const std::regex empty("([a-z]+)-list: (\\S+) \\(PTR\\)\nend \n");
+  std::smatch found;
+  while (std::regex_search(*dump, found, empty)) {
+    std::string type = found[1] == "vpn" ? "4" : found[1] == "tloc" ? "5" : "none";
+    std::string text = "Name: " + found[2].str() + ", Type: " + type + ", Size: 0\nXML: \n";
+    dump->erase(static_cast<size_t>(found.position()), static_cast<size_t>(found.length()));
+    size_t at = dump->find(text);
+    if (at != std::string::npos) dump->erase(at, text.size());
+  }
+  *dump = std::regex_replace(*dump, std::regex("\n(\\w+ list|policy config) .*"), "");
+}
+
+// Without what histories may differ in: addresses, allocations that were made and freed again,
+// whether a list's text is to be fetched again, and the order in lists.
+std::string comparable(std::string dump) {
+  dump = std::regex_replace(dump, std::regex("(0x)?0x[0-9a-f]{7,}(, [01])?"), "PTR");
+  dump =
+      std::regex_replace(dump, std::regex("( +(no|yes)) +\\d+ +\\d+ +\\d+ +(\\d+) *\n"), "$1 $3\n");
+  drop_empty_lists(&dump);
+  std::istringstream lines(dump);
+  std::string sorted;
+  std::vector<std::string> run;
+  bool in_lists = true;
+  const std::regex element("^ {2,4}[a-zU]");
+  auto flush = [&] {
+    std::sort(run.begin(), run.end());
+    for (const std::string& line : run) sorted += line + "\n";
+    run.clear();
+  };
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty()) continue;
+    in_lists = in_lists && line.find("POLICIES") == std::string::npos;
+    if (in_lists && std::regex_search(line, element)) {
+      run.push_back(line);
+      continue;
+    }
+    flush();
+    sorted += line + "\n";
+  }
+  flush();
+  return sorted;
+}
+
+std::multiset<std::string> lines_of(const std::string& text) {
+  std::multiset<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.insert(line);
+  return lines;
+}
+
+}  // namespace
+
+Rig::Rig() : session_(agent_.port()) {
+  t_pol_callbacks callbacks = {};
+  pol_init(&callbacks);
+  walk_ = std::make_unique<polctl::ConfigWalk>(g_pol_ctx_p);
+  feed_ = std::make_unique<polctl::ConfigFeed>(agent_.port());
+  EXPECT_EQ(feed_->next(10'000, walk_.get()), 0);
+}
+
+Rig::~Rig() { pol_destroy(); }
+
+bool Rig::commit() {
+  if (maapi_candidate_commit(session_.fd()) == YARROW_OK) return true;
+  EXPECT_EQ(yarrow_errno, YARROW_ERR_INVALID) << why(YARROW_ERR);
+  EXPECT_EQ(why(maapi_candidate_reset(session_.fd())), "ok");
+  return false;
+}
+
+void Rig::follow() {
+  for (int64_t now = maapi_commit_id(session_.fd()); followed_ < now; ++followed_) {
+    ASSERT_GT(feed_->next(10'000, walk_.get()), 0);
+  }
+}
+
+void Rig::commit_and_follow(const std::string& xml) {
+  ASSERT_EQ(why(session_.commit(xml)), "ok");
+  follow();
+}
+
+std::string Rig::difference_from_scratch() const {
+  std::string followed;
+  t_cli_user_ctx cli = {append, &followed};
+  pol_dump_all(&cli, 0, 0, nullptr);
+  followed = comparable(std::move(followed));
+
+  std::string command = POLCTL_PATH " dump all --agent=" + std::to_string(agent_.port());
+  FILE* out = popen(command.c_str(), "r");
+  std::string fresh;
+  char block[65536];
+  for (size_t got = 0; (got = fread(block, 1, sizeof block, out)) > 0;) fresh.append(block, got);
+  EXPECT_EQ(pclose(out), 0);
+  fresh = comparable(std::move(fresh));
+
+  if (followed == fresh) return "";
+  std::multiset<std::string> a = lines_of(followed);
+  std::multiset<std::string> b = lines_of(fresh);
+  std::string text = "the state differs";
+  std::vector<std::string> lines;
+  std::set_difference(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(lines));
+  for (const std::string& line : lines) text += "\nfollowed: " + line;
+  lines.clear();
+  std::set_difference(b.begin(), b.end(), a.begin(), a.end(), std::back_inserter(lines));
+  for (const std::string& line : lines) text += "\nat once:  " + line;
+  return text;
+}
+
+}  // namespace test
