@@ -205,6 +205,26 @@ TEST_F(ListFamilyTest, PrefixesAreFoundByAddressAndLengthAndOverwritten) {
       << text;
 }
 
+// 0/0 on bounds takes every family, and so lies elsewhere than 0/0 alone: an overwrite moves it.
+TEST_F(ListFamilyTest, AFailedOverwriteLeavesThePrefixAsItWas) {
+  bool hit = true;
+  for (int nth = 1; hit; ++nth) {
+    for (uint32_t op : {POL_PFX_EQ, POL_PFX_LE}) {
+      t_pol_pfx_record record = {op, prefix4(0, 0), 0, 24};
+      ASSERT_EQ(pol_pfx_list_entry_add(ctx, "p", &record), POL_OK);
+      const pol::PfxIndex& index = PfxFamily::find(ctx, "p")->index;
+      record.op = POL_PFX_EQ + POL_PFX_LE - op;
+      seams::Fail fail(nth);
+      const uint32_t status = pol_pfx_list_entry_add(ctx, "p", &record);
+      hit = fail.hit();
+      EXPECT_EQ(status, hit ? POL_ENOMEM : POL_OK);
+      EXPECT_EQ(index.matches(prefix4(0x01000000, 8)), (op == POL_PFX_LE) == hit);
+      EXPECT_TRUE(index.matches(prefix4(0, 0)));
+    }
+    pol_pfx_list_cfg_del(ctx, "p");
+  }
+}
+
 TEST_F(ListFamilyTest, ColorsKeepTheirOrder) {
   for (uint16_t color : {7, 263, 2, 7}) pol_color_list_add_entry(ctx, "c", color);
   std::vector<int> colors;
