@@ -225,6 +225,14 @@ TEST_F(ListFamilyTest, AFailedOverwriteLeavesThePrefixAsItWas) {
   }
 }
 
+TEST_F(ListFamilyTest, AnOperatorBeyondAByteIsNoneOfThoseKnown) {
+  for (int overwritten = 0; overwritten < 2; ++overwritten) {
+    t_pol_pfx_record record = pfx_record(1, 256 + POL_PFX_EQ);
+    pol_pfx_list_entry_add(ctx, "p", &record);
+    EXPECT_FALSE(PfxFamily::find(ctx, "p")->index.matches(record.prefix));
+  }
+}
+
 TEST_F(ListFamilyTest, ColorsKeepTheirOrder) {
   for (uint16_t color : {7, 263, 2, 7}) pol_color_list_add_entry(ctx, "c", color);
   std::vector<int> colors;
