@@ -161,6 +161,8 @@ using BlockDeathTest = PolicyTest;
 TEST_F(BlockDeathTest, WalkingIntoAnotherKindEndsTheProcess) {
   t_pol_block* b = block("p");
   EXPECT_EXIT(pol_block_next(ctx, b, POL_KIND_CFLOWD), ::testing::KilledBySignal(SIGSEGV), "");
+  EXPECT_EXIT(pol_fwd_block_delete(ctx, ctx->blocks[0].raw(), b, 1),
+              ::testing::KilledBySignal(SIGSEGV), "");
 }
 
 }  // namespace

@@ -286,6 +286,9 @@ TEST_F(ConfigDeathTest, WrongTypesFailTheirAssertions) {
   EXPECT_DEATH(read(pol_config_control_policy_seq_read, 1, {text("p"), u32(1)}, {}, 2),
                "\\(key_p\\)->type == C_UINT16");
   EXPECT_DEATH(sequence(1, {leaf(0x0c2c7467, u8(1))}), "->type == C_UINT32");
+  EXPECT_DEATH(sequence(1, {leaf(0x6aebf6e6, u32(1))}), "->type == C_BUF");
+  EXPECT_DEATH(sequence(1, {leaf(0x32fc12e6, none(32)), leaf(0x61fa2cdb, u32(1))}),
+               "\\(\\(&cur_val_p->v\\)\\)->type == C_IPV6");
   EXPECT_DEATH(sequence(1, {leaf(0x0369ffb7, none())}), "->type == C_ENUM_VALUE");
   EXPECT_DEATH(pol_yang_enum_to_filter_mask(32), "enum_val < 32");
   EXPECT_EQ(pol_yang_enum_to_filter_mask(0), 0u);
