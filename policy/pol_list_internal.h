@@ -72,21 +72,9 @@ struct t_color_list {
   pol::UserQueue users;
 };
 
-// 72 bytes, because a list may hold 100,000: the prefix lies without its padding.
-struct t_pfx_entry {
-  pol::TailLink<t_pfx_entry> link;
-  avl_node tree_link;
-  t_ipaddr addr;
-  uint8_t len;
-  uint8_t op;  // enum pol_pfx_op; 255 for what lies beyond, which is all alike
-  uint8_t min;
-  uint8_t max;
-};
-
 struct t_pfx_list {
   pol::NamedHead head;
   pol::TailQueue<t_pfx_entry, &t_pfx_entry::link> entries;
-  pol::AvlTree<t_pfx_entry> by_prefix;
   pol::PfxIndex index;
   pol::UserQueue users;
 };

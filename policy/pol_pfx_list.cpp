@@ -5,7 +5,6 @@
 #include "policy/pol_pfx_list.h"
 
 #include <algorithm>
-#include <cassert>
 #include <cstdio>
 #include <cstring>
 
@@ -16,35 +15,8 @@
 
 namespace {
 
-// Orders prefixes, host bits included. Meeting an element of the same family that is neither IPv4
-// nor IPv6 is a broken invariant; a look-up in the tree meets one whenever there is one.
-int prefix_compare(const void* key, const void* node) {
-  const t_ipprefix& a = *static_cast<const t_ipprefix*>(key);
-  const t_pfx_entry& b = *static_cast<const t_pfx_entry*>(node);
-  if (a.addr.family != b.addr.family) return a.addr.family < b.addr.family ? -1 : 1;
-  if (a.addr.family == KEL_AF_INET) {
-    if (a.addr.addr.v4 != b.addr.addr.v4) return a.addr.addr.v4 < b.addr.addr.v4 ? -1 : 1;
-  } else {
-    assert(a.addr.family == KEL_AF_INET6);
-    int order = memcmp(a.addr.addr.v6, b.addr.addr.v6, sizeof a.addr.addr.v6);
-    if (order != 0) return pol::sign(order);
-  }
-  return pol::sign(a.len - b.len);
-}
-
-t_pol_pfx_record record_of(const t_pfx_entry& entry) {
-  return {entry.op, {entry.addr, entry.len}, entry.min, entry.max};
-}
-
-void set_bounds(t_pfx_entry* entry, const t_pol_pfx_record& record) {
-  entry->op = static_cast<uint8_t>(std::min<uint32_t>(record.op, UINT8_MAX));
-  entry->min = record.min;
-  entry->max = record.max;
-}
-
 void free_entries(t_pfx_list* list) {
   list->index.clear();
-  list->by_prefix.destroy();
   while (t_pfx_entry* entry = list->entries.pop_front()) pol_free(entry, pol::MEM_PFX_ENTRY);
   if (!list->entries.empty()) pol::crash();
 }
@@ -55,20 +27,18 @@ void free_if_unused(t_pol_ctx* ctx, t_pfx_list* list) {
 }
 
 t_pfx_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
-  t_pfx_list* list = pol::named_find_or_create(ctx->pfx_lists, name, pol::MEM_PFX_LIST, created);
-  if (*created != 0) list->by_prefix.create(prefix_compare, offsetof(t_pfx_entry, tree_link));
-  return list;
+  return pol::named_find_or_create(ctx->pfx_lists, name, pol::MEM_PFX_LIST, created);
 }
 
 // The element, and through `list` its list, which is told even when no element has the prefix.
 t_pfx_entry* find_entry(t_pol_ctx* ctx, const char* name, const t_pol_pfx_record& record,
                         t_pfx_list** list) {
   *list = pol::named_find(ctx->pfx_lists, name);
-  return *list != nullptr ? (*list)->by_prefix.find(&record.prefix) : nullptr;
+  return *list != nullptr ? (*list)->index.find(record.prefix) : nullptr;
 }
 
 // A new element with its place in the index, or null and nothing changed.
-t_pfx_entry* entry_create(t_pfx_list* list, const t_pol_pfx_record& record, avl_index where) {
+t_pfx_entry* entry_create(t_pfx_list* list, const t_pol_pfx_record& record) {
   auto* entry = pol::alloc<t_pfx_entry>(pol::MEM_PFX_ENTRY);
   if (entry == nullptr) return nullptr;
   entry->addr.family = record.prefix.addr.family;
@@ -78,13 +48,14 @@ t_pfx_entry* entry_create(t_pfx_list* list, const t_pol_pfx_record& record, avl_
     memcpy(entry->addr.addr.v6, record.prefix.addr.addr.v6, sizeof entry->addr.addr.v6);
   }
   entry->len = record.prefix.len;
-  set_bounds(entry, record);
-  if (!list->index.add(record_of(*entry))) {
+  entry->op = static_cast<uint8_t>(std::min<uint32_t>(record.op, UINT8_MAX));
+  entry->min = record.min;
+  entry->max = record.max;
+  if (!list->index.add(entry)) {
     pol_free(entry, pol::MEM_PFX_ENTRY);
     return nullptr;
   }
   list->entries.push_back(entry);
-  list->by_prefix.insert(entry, where);
   return entry;
 }
 
@@ -119,14 +90,10 @@ uint32_t pol_pfx_list_entry_add(t_pol_ctx* ctx, const char* name, const t_pol_pf
   uint8_t created = 0;
   t_pfx_list* list = find_or_create(ctx, name, &created);
   if (list == nullptr) return POL_ENOMEM;
-  avl_index where = 0;
-  t_pfx_entry* entry = list->by_prefix.find(&record->prefix, &where);
+  t_pfx_entry* entry = list->index.find(record->prefix);
   if (entry != nullptr) {
-    t_pol_pfx_record old = record_of(*entry);
-    t_pol_pfx_record changed = {record->op, old.prefix, record->min, record->max};
-    if (!list->index.replace(old, changed)) return POL_ENOMEM;
-    set_bounds(entry, *record);
-  } else if (entry_create(list, *record, where) == nullptr) {
+    if (!list->index.change(entry, *record)) return POL_ENOMEM;
+  } else if (entry_create(list, *record) == nullptr) {
     if (created != 0) {
       if (!list->entries.empty() || !list->users.empty()) pol::crash();
       pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
@@ -142,8 +109,7 @@ uint32_t pol_pfx_list_del_entry(t_pol_ctx* ctx, const char* name, const t_pol_pf
   t_pfx_list* list = nullptr;
   t_pfx_entry* entry = find_entry(ctx, name, *record, &list);
   if (entry == nullptr) return POL_OK;
-  list->index.remove(record_of(*entry));
-  list->by_prefix.remove(entry);
+  list->index.remove(entry);
   list->entries.remove(entry);
   pol_free(entry, pol::MEM_PFX_ENTRY);
   tell_all(ctx, *list);

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "byte_reader.h"
@@ -92,6 +94,16 @@ bool element_matches(const t_pol_pfx_record& element, const t_ipprefix& prefix) 
   }
 }
 
+bool is_known(uint32_t family) { return family == KEL_AF_INET || family == KEL_AF_INET6; }
+
+// A second element of an unknown family is a broken invariant, and so is looking one up.
+bool has_family(const std::vector<t_pol_pfx_record>& elements, const t_pol_pfx_record& element) {
+  for (const t_pol_pfx_record& other : elements) {
+    if (other.prefix.addr.family == element.prefix.addr.family) return true;
+  }
+  return false;
+}
+
 void compare(const pol::PfxIndex& index, const std::vector<t_pol_pfx_record>& elements,
              const t_ipprefix& prefix) {
   bool expected = false;
@@ -112,23 +124,40 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ByteReader in(data, size);
   pol::PfxIndex index = {};
   std::vector<t_pol_pfx_record> elements;
+  std::vector<std::unique_ptr<t_pfx_entry>> entries;  // the same, as the index knows them
   while (!in.done()) {
     const uint8_t what = in.byte();
     if (what % 4 == 0 && !elements.empty()) {
-      const size_t at = in.byte() % elements.size();
-      index.remove(elements[at]);
-      elements.erase(elements.begin() + static_cast<std::ptrdiff_t>(at));
+      const auto at = static_cast<std::ptrdiff_t>(in.byte() % elements.size());
+      if (!is_known(elements[static_cast<size_t>(at)].prefix.addr.family)) continue;
+      index.remove(entries[static_cast<size_t>(at)].get());
+      elements.erase(elements.begin() + at);
+      entries.erase(entries.begin() + at);
     } else if (what % 4 == 1) {
       compare(index, elements, read_prefix(&in));
     } else {
-      t_pol_pfx_record element = read_element(&in);
+      const t_pol_pfx_record element = read_element(&in);
       size_t at = 0;
       while (at < elements.size() && !same_prefix(elements[at].prefix, element.prefix)) ++at;
+      const bool known_family = is_known(element.prefix.addr.family);
+      if (known_family) {
+        const t_pfx_entry* found = index.find(element.prefix);
+        if (found != (at < elements.size() ? entries[at].get() : nullptr)) std::abort();
+      }
       if (at < elements.size()) {
-        if (!index.replace(elements[at], element)) std::abort();
+        if (!known_family) continue;
+        if (!index.change(entries[at].get(), element)) std::abort();
         elements[at] = element;
-      } else if (elements.size() < kMaxElements) {
-        if (!index.add(element)) std::abort();
+      } else if (elements.size() < kMaxElements &&
+                 (known_family || !has_family(elements, element))) {
+        auto entry = std::make_unique<t_pfx_entry>();
+        entry->addr = element.prefix.addr;
+        entry->len = element.prefix.len;
+        entry->op = static_cast<uint8_t>(element.op);
+        entry->min = element.min;
+        entry->max = element.max;
+        if (!index.add(entry.get())) std::abort();
+        entries.push_back(std::move(entry));
         elements.push_back(element);
       }
     }
