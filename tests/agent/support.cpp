@@ -163,6 +163,18 @@ int Session::commit(const std::string& xml, unsigned flags) const {
   return status == YARROW_OK ? maapi_candidate_commit(fd()) : status;
 }
 
+int Session::commit_edits(std::initializer_list<std::pair<std::string, const char*>> edits) const {
+  int trans = begin();
+  for (const auto& [path, text] : edits) {
+    int status = text != nullptr ? maapi_set_elem_text(fd(), trans, text, "%s", path.c_str())
+                                 : maapi_delete(fd(), trans, "%s", path.c_str());
+    if (status != YARROW_OK) return status;
+  }
+  int status = maapi_apply_trans(fd(), trans, 0);
+  if (status == YARROW_OK) status = maapi_candidate_commit(fd());
+  return status == YARROW_OK ? maapi_finish_trans(fd(), trans) : status;
+}
+
 std::string Session::save(const std::string& path, int datastore) const {
   int trans = begin(datastore, MAAPI_READ);
   int id = maapi_save_config(fd(), trans, YARROW_CONFIG_XML, "%s", path.c_str());

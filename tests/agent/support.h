@@ -8,8 +8,10 @@
 #include <netinet/in.h>
 #include <sys/types.h>
 
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "yarrow/yarrow_cdb.h"
@@ -78,6 +80,9 @@ class Session : public Socket {
   int commit(const std::string& xml,
              unsigned flags = YARROW_CONFIG_XML | YARROW_CONFIG_MERGE) const;
 
+  // Sets the leaf at each path to its text, deletes where that is null, and commits.
+  int commit_edits(std::initializer_list<std::pair<std::string, const char*>> edits) const;
+
   // What a datastore holds at a path, as saved; "" when that fails.
   std::string save(const std::string& path, int datastore = MAAPI_RUNNING) const;
 };
@@ -100,6 +105,8 @@ std::string describe(const t_yarrow_change& change);
 
 // The error of a call that is to fail, with the agent's words, for comparing at a glance.
 std::string why(int status);
+
+constexpr unsigned kReplace = YARROW_CONFIG_XML | YARROW_CONFIG_REPLACE;
 
 inline std::string policy(const std::string& inner) {
   return "<policy xmlns=\"urn:zenodra:yang:policy\">" + inner + "</policy>";

@@ -144,6 +144,14 @@ TEST_F(TreeTest, SavedTextLoadsIntoTheSameTree) {
 }
 
 TEST_F(TreeTest, AJournalRecordThatIsCutOrSpoiledIsRefusedWithoutHarm) {
+  yarrow::Writer no_leaf;
+  no_leaf.u32(1);
+  no_leaf.u8(YARROW_VALUE_SET);
+  no_leaf.text("/policy/lists");
+  no_leaf.u32(0);
+  yarrow::Reader spoiled(no_leaf.bytes());
+  std::vector<agent::Change> nothing;
+  EXPECT_FALSE(agent::changes_read(*schema_, spoiled, &nothing).ok());
   std::mt19937 random(17);
   NodeRef root = agent::empty_tree(*schema_);
   for (int i = 0; i < 60; ++i) root = edited(root, random);

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "byte_reader.h"
-#include "kel/ipaddr.h"
 #include "pol_pfx_index.h"
+#include "support/pfx_oracle.h"
 
 namespace {
 
@@ -51,49 +51,6 @@ t_pol_pfx_record read_element(ByteReader* in) {
   return element;
 }
 
-bool same_prefix(const t_ipprefix& a, const t_ipprefix& b) {
-  if (a.addr.family != b.addr.family || a.len != b.len) return false;
-  if (a.addr.family == KEL_AF_INET) return a.addr.addr.v4 == b.addr.addr.v4;
-  return memcmp(a.addr.addr.v6, b.addr.addr.v6, sizeof a.addr.addr.v6) == 0;
-}
-
-bool all_zero(const t_ipaddr& addr) {
-  static constexpr uint8_t kZero[16] = {};
-  if (addr.family == KEL_AF_INET) return addr.addr.v4 == 0;
-  return memcmp(addr.addr.v6, kZero, sizeof kZero) == 0;
-}
-
-// One element's answer, as the rule is told: containment, then the operator on the length.
-bool element_matches(const t_pol_pfx_record& element, const t_ipprefix& prefix) {
-  const uint32_t op = element.op;
-  const bool on_bounds =
-      op == POL_PFX_RANGE || op == POL_PFX_XRANGE || (op >= POL_PFX_LE && op <= POL_PFX_GT);
-  const bool everything = element.prefix.len == 0 && all_zero(element.prefix.addr) && on_bounds;
-  if (!everything && !ipprefix_is_contained(&prefix, &element.prefix)) return false;
-  const unsigned length = prefix.len;
-  switch (op) {
-    case 0:
-    case POL_PFX_EQ:
-      return length == element.prefix.len;
-    case POL_PFX_NE:
-      return length != element.prefix.len;
-    case POL_PFX_RANGE:
-      return element.min <= length && length <= element.max;
-    case POL_PFX_XRANGE:
-      return element.min < length && length < element.max;
-    case POL_PFX_LE:
-      return length <= element.max;
-    case POL_PFX_LT:
-      return length < element.min;
-    case POL_PFX_GE:
-      return length >= element.min;
-    case POL_PFX_GT:
-      return length > element.min;
-    default:
-      return false;
-  }
-}
-
 bool is_known(uint32_t family) { return family == KEL_AF_INET || family == KEL_AF_INET6; }
 
 // A second element of an unknown family is a broken invariant, and so is looking one up.
@@ -108,7 +65,7 @@ void compare(const pol::PfxIndex& index, const std::vector<t_pol_pfx_record>& el
              const t_ipprefix& prefix) {
   bool expected = false;
   for (const t_pol_pfx_record& element : elements) {
-    expected = expected || element_matches(element, prefix);
+    expected = expected || element_takes(element, prefix);
   }
   if (index.matches(prefix) == expected) return;
   char address[64];

@@ -12,47 +12,30 @@
 
 namespace cfg {
 
-inline pol_cfg_value text(const char* value) {
-  pol_cfg_value v = {};
-  v.type = C_BUF;
-  v.val.buf.size = static_cast<uint32_t>(strlen(value));
-  v.val.buf.ptr = reinterpret_cast<uint8_t*>(const_cast<char*>(value));
-  return v;
-}
-
 inline pol_cfg_value none(uint32_t type = C_NOEXISTS) {
   pol_cfg_value v = {};
   v.type = type;
   return v;
 }
 
-inline pol_cfg_value u8(uint8_t value) {
-  pol_cfg_value v = none(C_UINT8);
-  v.val.u8 = value;
+template <class T, class Member>
+pol_cfg_value scalar(uint32_t type, Member T::*member, Member value) {
+  pol_cfg_value v = none(type);
+  v.val.*member = value;
   return v;
 }
 
-inline pol_cfg_value u16(uint16_t value) {
-  pol_cfg_value v = none(C_UINT16);
-  v.val.u16 = value;
-  return v;
-}
+using Val = decltype(pol_cfg_value::val);
+inline pol_cfg_value u8(uint8_t value) { return scalar(C_UINT8, &Val::u8, value); }
+inline pol_cfg_value u16(uint16_t value) { return scalar(C_UINT16, &Val::u16, value); }
+inline pol_cfg_value u32(uint32_t value) { return scalar(C_UINT32, &Val::u32, value); }
+inline pol_cfg_value ipv4(uint32_t host) { return scalar(C_IPV4, &Val::ip, htonl(host)); }
+inline pol_cfg_value word(uint32_t value) { return scalar(C_ENUM_VALUE, &Val::enumvalue, value); }
 
-inline pol_cfg_value u32(uint32_t value) {
-  pol_cfg_value v = none(C_UINT32);
-  v.val.u32 = value;
-  return v;
-}
-
-inline pol_cfg_value word(uint32_t value) {
-  pol_cfg_value v = none(C_ENUM_VALUE);
-  v.val.enumvalue = value;
-  return v;
-}
-
-inline pol_cfg_value ipv4(uint32_t host_order) {
-  pol_cfg_value v = none(C_IPV4);
-  v.val.ip = htonl(host_order);
+inline pol_cfg_value text(const char* value) {
+  pol_cfg_value v = none(C_BUF);
+  v.val.buf.size = static_cast<uint32_t>(strlen(value));
+  v.val.buf.ptr = reinterpret_cast<uint8_t*>(const_cast<char*>(value));
   return v;
 }
 

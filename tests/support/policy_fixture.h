@@ -13,17 +13,33 @@
 #include "pol_context_internal.h"
 #include "policy/policy.h"
 
+// A sequence in one line as its dump tells it, without pointers and words of flags.
+std::string shown(t_pol_entry* entry);
+
 class PolicyTest : public ::testing::Test {
+ public:
+  template <class Dump>
+  static std::string printed(Dump dump) {
+    std::string text;
+    t_cli_user_ctx cli = {[](void* arg, const char* part, size_t length) {
+                            static_cast<std::string*>(arg)->append(part, length);
+                            return 0;
+                          },
+                          &text};
+    dump(&cli);
+    return text;
+  }
+
  protected:
   void SetUp() override {
-    for (size_t i = 0; i < POL_MEM_TYPES; ++i) outstanding_[i] = current(i);
+    for (size_t i = 0; i < POL_MEM_TYPES; ++i) outstanding_[i] = outstanding(i);
     init();
   }
 
   void TearDown() override {
     pol_destroy();
     for (size_t i = 0; i < POL_MEM_TYPES; ++i) {
-      EXPECT_EQ(current(i), outstanding_[i]) << "memory type " << i;
+      EXPECT_EQ(current(i), 0u) << "memory type " << i;
     }
     pol_debug_set(0);
   }
@@ -37,7 +53,7 @@ class PolicyTest : public ::testing::Test {
   // A failed allocation is counted and never freed: takes such counts of a type back.
   class UncountedFailures {
    public:
-    explicit UncountedFailures(size_t type) : type_(type), outstanding_(current(type)) {}
+    explicit UncountedFailures(size_t type) : type_(type), outstanding_(outstanding(type)) {}
     ~UncountedFailures() {
       g_pol_mem_info[type_].frees = g_pol_mem_info[type_].allocs - outstanding_;
     }
@@ -49,7 +65,10 @@ class PolicyTest : public ::testing::Test {
     uint64_t outstanding_;
   };
 
-  static uint64_t current(size_t type) {
+  // Objects of a type that the test has made and that are still there.
+  uint64_t current(size_t type) const { return outstanding(type) - outstanding_[type]; }
+
+  static uint64_t outstanding(size_t type) {
     return g_pol_mem_info[type].allocs - g_pol_mem_info[type].frees;
   }
 
@@ -114,16 +133,12 @@ class PolicyTest : public ::testing::Test {
     return flag != 0;
   }
 
-  template <class Dump>
-  static std::string printed(Dump dump) {
-    std::string text;
-    t_cli_user_ctx cli = {[](void* arg, const char* part, size_t length) {
-                            static_cast<std::string*>(arg)->append(part, length);
-                            return 0;
-                          },
-                          &text};
-    dump(&cli);
-    return text;
+  // The same, and users must be queued exactly then.
+  template <class Act>
+  bool tells(Act act) {
+    bool flag = changes(act);
+    EXPECT_EQ(!take_queued().empty(), flag);
+    return flag;
   }
 
   static t_ipprefix prefix4(uint32_t address, uint8_t length) {

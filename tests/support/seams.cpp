@@ -7,19 +7,13 @@
 
 namespace {
 
-std::vector<std::string> g_log;
+std::string g_log;
 thread_local int g_until_failure = 0;  // 0: none armed
-thread_local bool g_once = false;
 thread_local bool g_hit = false;
 
 bool fails() {
-  if (g_until_failure == 0) return false;
-  if (g_until_failure > 1) {
-    --g_until_failure;
-    return false;
-  }
+  if (g_until_failure == 0 || --g_until_failure > 0) return false;
   g_hit = true;
-  if (g_once) g_until_failure = 0;
   return true;
 }
 
@@ -41,23 +35,20 @@ void* __wrap_realloc(void* memory, size_t size) {
 void __wrap_vsyslog(int priority, const char* format, va_list args) {
   char line[4096];
   vsnprintf(line, sizeof line, format, args);
-  g_log.push_back(std::to_string(priority) + " " + line);
+  g_log += std::to_string(priority) + " " + line;
 }
 }
 
 namespace seams {
 
-std::vector<std::string> take_log() {
-  std::vector<std::string> lines;
-  lines.swap(g_log);
-  return lines;
+std::string take_log() {
+  std::string text;
+  text.swap(g_log);
+  return text;
 }
 
-FailFrom::FailFrom(int nth) { g_until_failure = nth, g_once = false, g_hit = false; }
-FailFrom::~FailFrom() { g_until_failure = 0; }
-
-FailOnce::FailOnce(int nth) { g_until_failure = nth, g_once = true, g_hit = false; }
-FailOnce::~FailOnce() { g_until_failure = 0; }
-bool FailOnce::hit() const { return g_hit; }
+Fail::Fail(int nth) { g_until_failure = nth, g_hit = false; }
+Fail::~Fail() { g_until_failure = 0; }
+bool Fail::hit() const { return g_hit; }
 
 }  // namespace seams

@@ -5,30 +5,21 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 namespace seams {
 
-// Lines logged since the last call, with their priority in front.
-std::vector<std::string> take_log();
+// What was logged since the last call; each line has its priority in front.
+std::string take_log();
 
-// While alive, the n-th allocation (from 1) of this thread and all later ones fail.
-class FailFrom {
+// While alive, the n-th allocation (from 1) of this thread fails; `hit` tells whether it came to
+// it.
+class Fail {
  public:
-  explicit FailFrom(int nth);
-  ~FailFrom();
-  FailFrom(const FailFrom&) = delete;
-  FailFrom& operator=(const FailFrom&) = delete;
-};
-
-// While alive, only the n-th allocation fails; `hit` tells whether it came to it.
-class FailOnce {
- public:
-  explicit FailOnce(int nth);
-  ~FailOnce();
+  explicit Fail(int nth);
+  ~Fail();
   bool hit() const;
-  FailOnce(const FailOnce&) = delete;
-  FailOnce& operator=(const FailOnce&) = delete;
+  Fail(const Fail&) = delete;
+  Fail& operator=(const Fail&) = delete;
 };
 
 }  // namespace seams

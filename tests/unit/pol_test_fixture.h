@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "support/policy_fixture.h"
@@ -16,7 +15,6 @@ class TextFile {
  public:
   explicit TextFile(const std::string& content) {
     int fd = mkstemp(path_);
-    EXPECT_GE(fd, 0);
     EXPECT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
     close(fd);
   }
@@ -31,13 +29,6 @@ class TextFile {
 
 class TextPolicyTest : public PolicyTest {
  protected:
-  void SetUp() override {
-    PolicyTest::SetUp();
-    for (size_t i = 0; i < POL_MEM_TYPES; ++i) before_[i] = current(i);
-  }
-  // Objects of a type that the test has made.
-  uint64_t made(size_t type) const { return current(type) - before_[type]; }
-
   static void parse(const std::string& content, t_pol_test_site_policy site_policy = nullptr) {
     TextFile file(content);
     EXPECT_EQ(pol_test_parse_file(file.path(), site_policy), 0);
@@ -49,10 +40,19 @@ class TextPolicyTest : public PolicyTest {
   t_pol_entry* sequence(const char* policy_name, uint32_t number) const {
     return pol_entry_find(ctx, policy(policy_name), number, nullptr);
   }
-  t_site_list* site_list(const char* name) const { return pol::named_find(ctx->site_lists, name); }
-  t_vpn_list* vpn_list(const char* name) const { return pol::named_find(ctx->vpn_lists, name); }
-  t_pfx_list* pfx_list(const char* name) const { return pol::named_find(ctx->pfx_lists, name); }
 
- private:
-  uint64_t before_[POL_MEM_TYPES] = {};
+  // The names of the lists that there are, by family.
+  std::string lists() const {
+    std::string names;
+    auto add = [&names](const auto& tree) {
+      for (auto* list = tree.first(); list != nullptr; list = tree.next(list)) {
+        names += std::string(list->head.name) + " ";
+      }
+    };
+    add(ctx->site_lists);
+    add(ctx->vpn_lists);
+    add(ctx->tloc_lists);
+    add(ctx->pfx_lists);
+    return names;
+  }
 };

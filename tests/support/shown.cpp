@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <regex>
+
+#include "support/policy_fixture.h"
+
+std::string shown(t_pol_entry* entry) {
+  if (entry == nullptr) return "none";
+  std::string text =
+      PolicyTest::printed([entry](t_cli_user_ctx* cli) { pol_dump_entry(entry, cli); });
+  text = std::regex_replace(text, std::regex("sequence: [0-9]+|\\[[^\\]]* \\]|\\(0x[^)]+\\)"), "");
+  text = std::regex_replace(text, std::regex("\\s+"), " ");
+  return text.substr(1, text.find_last_not_of(' '));
+}
