@@ -168,9 +168,10 @@ void ConfigSession::load(const std::vector<std::string>& files, std::vector<Conf
   maapi_finish_trans(sock_, trans);
 }
 
-void ConfigSession::commit(const std::vector<std::string>& files,
+bool ConfigSession::commit(const std::vector<std::string>& files,
                            std::vector<ConfigFault>* faults) {
-  if (maapi_candidate_commit(sock_) == YARROW_OK) return;
+  int64_t before = maapi_commit_id(sock_);
+  if (maapi_candidate_commit(sock_) == YARROW_OK) return maapi_commit_id(sock_) != before;
   std::string problem = agent_problem();
   if (yarrow_errno != YARROW_ERR_INVALID) fail("not committed");
   XmlPlaces places(files);
@@ -179,6 +180,7 @@ void ConfigSession::commit(const std::vector<std::string>& files,
     places.find(fault.path, &fault.file, &fault.line);
     faults->push_back(std::move(fault));
   });
+  return false;
 }
 
 void throw_faults(const std::vector<ConfigFault>& faults) {

@@ -65,8 +65,8 @@ class ConfigSession {
    * and then nothing was merged. Throws InputError when a file cannot be read. */
   void load(const std::vector<std::string>& files, std::vector<ConfigFault>* faults);
 
-  /* Makes the candidate running. Refusals name paths; `files` say in which line those stand. */
-  void commit(const std::vector<std::string>& files, std::vector<ConfigFault>* faults);
+  /* Makes the candidate running; whether that changed anything. Refusals name paths; `files` say in which line those stand. */
+  bool commit(const std::vector<std::string>& files, std::vector<ConfigFault>* faults);
 
  private:
   int sock_;

@@ -2,7 +2,6 @@
 //
 // polctl check of configuration. An agent of the tool's own says what is wrong with it; what it
 // accepts is looked through for what has no effect.
-#include <fmt/ranges.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -96,7 +95,7 @@ int run_check_config(const CheckOptions& options, Output* out) {
         found.empty() ? "no findings"
                       : fmt::format("{} {}{}", grouped(found.size()), errors ? "error" : "warning",
                                     found.size() == 1 ? "" : "s");
-    out->print("{}: {}\n", fmt::join(options.config, ","), count);
+    out->print("{}: {}\n", joined(options.config, ","), count);
   }
   out->flush();
   return found.empty() ? kDone : kFindings;

@@ -2,7 +2,6 @@
 //
 // polctl diff. A process holds one policy context, so the old policy's answers are kept while the
 // new one is loaded in its place.
-#include <fmt/ranges.h>
 
 #include <map>
 #include <tuple>
@@ -178,10 +177,7 @@ class Differences {
                                   each.before.empty() ? "none" : each.before,
                                   each.after.empty() ? "none" : each.after));
     }
-    return {{route_text(verdict)},
-            verdict_cell(a),
-            verdict_cell(b),
-            {fmt::format("{}", fmt::join(parts, "; "))}};
+    return {{route_text(verdict)}, verdict_cell(a), verdict_cell(b), {joined(parts, "; ")}};
   }
 
   void write_json(const Verdict& verdict, const Kept& a, const Kept& b) {

@@ -89,15 +89,17 @@ void commit_and_show(const WatchOptions& options, LiveConfig* live, Watchers* wa
   std::vector<ConfigFault> faults;
   ConfigSession session(live->port);
   session.load(options.change, &faults);
+  if (!faults.empty()) throw_faults(faults);
   Clock::time_point begin = Clock::now();
-  if (faults.empty()) session.commit(options.change, &faults);
+  bool changed = session.commit(options.change, &faults);
   if (!faults.empty()) throw_faults(faults);
   double committed = ms_between(begin, Clock::now());
-  int64_t changes = live->feed->next(kBatchMs, live->walk.get());
-  if (changes < 0) {
+  if (!changed) {
     out->print("commit acknowledged after {:.2f} ms: it changed nothing\n", committed);
     return;
   }
+  int64_t changes = live->feed->next(kBatchMs, live->walk.get());
+  if (changes < 0) throw InputError("agent: error: no batch of changes (expected one)");
   out->print("commit acknowledged after {:.2f} ms: one batch of {} change{}\n", committed,
              grouped(static_cast<uint64_t>(changes)), plural(changes));
   show_calls(*watchers, begin, "the commit began", out);

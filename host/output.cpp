@@ -10,6 +10,15 @@
 
 namespace polctl {
 
+std::string joined(const std::vector<std::string>& texts, std::string_view separator) {
+  std::string all;
+  for (size_t i = 0; i < texts.size(); ++i) {
+    if (i > 0) all += separator;
+    all += texts[i];
+  }
+  return all;
+}
+
 void Output::flush() {
   const char* next = buffer_.data();
   size_t left = gone_ ? 0 : buffer_.size();

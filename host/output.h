@@ -11,9 +11,14 @@
 #include <fmt/format.h>
 
 #include <iterator>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace polctl {
+
+/* The texts with a separator between them. */
+std::string joined(const std::vector<std::string>& texts, std::string_view separator);
 
 class Output {
  public:

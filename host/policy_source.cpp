@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 
 #include "address_text.h"
 #include "input_error.h"
+#include "output.h"
 #include "policy/pol_block.h"
 #include "policy/pol_context.h"
 #include "policy/pol_test.h"
@@ -55,7 +55,7 @@ std::string list_of(const std::vector<std::string>& names) {
     }
     shown.push_back(in_quotes(name));
   }
-  return fmt::format("{}", fmt::join(shown, ", "));
+  return joined(shown, ", ");
 }
 
 }  // namespace
@@ -81,8 +81,7 @@ bool is_configuration(const std::string& path) {
 
 std::string source_name(const PolicyOptions& options) {
   if (options.agent) return "agent";
-  return options.policy_file.empty() ? fmt::format("{}", fmt::join(options.config, ","))
-                                     : options.policy_file;
+  return options.policy_file.empty() ? joined(options.config, ",") : options.policy_file;
 }
 
 PolicySource::PolicySource(const PolicyOptions& options) {

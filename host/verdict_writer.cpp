@@ -2,7 +2,6 @@
 #include "verdict_writer.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
 
@@ -98,7 +97,7 @@ std::string sets_text(const t_pol_route_query& query) {
   if (query.vpn_count > 0) {
     parts.push_back(fmt::format("vpn {}", vpns_shown(query, kShownInText)));
   }
-  return fmt::format("{}", fmt::join(parts, ", "));
+  return joined(parts, ", ");
 }
 
 std::string decider_text(const t_pol_explain_step& decision) {

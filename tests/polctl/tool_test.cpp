@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -13,6 +14,8 @@ namespace {
 const std::string kPolicyFile = POLCTL_EXAMPLES "/branch-policy.txt";
 const std::string kRoutes = POLCTL_EXAMPLES "/routes.jsonl";
 const std::string kTlocs = POLCTL_EXAMPLES "/tlocs.jsonl";
+const std::string kNetwork = POLCTL_EXAMPLES "/sdwan/network.xml";
+const std::string kNetworkEdit = POLCTL_EXAMPLES "/sdwan/edit.xml";
 
 Invocation eval(const std::string& policy_file, std::vector<std::string> more) {
   Invocation invocation;
@@ -52,6 +55,21 @@ TEST(ToolTest, ExitStatusTellsBadUsageFromAnswers) {
       {{"check", "--policy-file", kPolicyFile}, 0},
       {{"check", "--policy-file", "absent"}, 2},
       {{"dump", "--policy-file", kPolicyFile, "site-lists"}, 0},
+      {{"dump", "--config", kNetwork}, 0},
+      {{"dump", "--config", "absent"}, 2},
+      {{"dump", "--agent=1"}, 2},
+      {{"dump", "--agent=1", "--config", kNetwork}, 2},
+      {{"eval", "--config", kNetwork, "--policy", "branch"}, 0},
+      {{"check", kNetwork, kNetworkEdit}, 0},
+      {{"check", kNetwork, "absent"}, 2},
+      {{"check", "--policy-file", kPolicyFile, kNetwork}, 2},
+      {{"diff", kNetwork, kNetwork, "--policy", "branch", "--routes", kRoutes}, 0},
+      {{"diff", kNetwork, kNetwork, "--policy", "branch"}, 2},
+      {{"diff", kNetwork, "absent", "--policy", "branch", "--routes", kRoutes}, 2},
+      {{"diff", kNetwork, kNetwork, "--policy", "branch", "--routes", "absent"}, 2},
+      {{"watch", "--config", kNetwork, "--change", "absent"}, 2},
+      {{"watch", "--config", kNetwork, "--policy", "absent", "--change", kNetworkEdit}, 2},
+      {{"watch", "--policy-file", kPolicyFile}, 2},
       {{"dump", "--policy-file", kPolicyFile, "sites"}, 2},
   };
   for (const auto& each : cases) {
@@ -195,6 +213,52 @@ TEST(ToolTest, ABarIsShownForSlowWorkOnTerminalsAndTakenAway) {
   EXPECT_LT(cleared, said.find("sequence")) << "before the answer";
   invocation.pause = false;
   EXPECT_EQ(run_polctl(invocation).out.find("Evaluating"), std::string::npos);
+}
+
+TEST(ToolTest, ConfigurationGoesToTheToolsOwnAgentWhateverTheEnvironmentSays) {
+  Invocation invocation = {{"dump", "--config", kNetwork, "site-lists"}, ""};
+  std::string expected = run_polctl(invocation).out;
+  EXPECT_NE(expected.find("site-list: spokes"), std::string::npos) << expected;
+  invocation.env = {"YARROW_IPC_PORT=1"};
+  Outcome outcome = run_polctl(invocation);
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  Invocation agent = {{"dump", "--agent"}, ""};
+  agent.env = {"YARROW_IPC_PORT=1"};
+  EXPECT_NE(run_polctl(agent).err.find("agent at port 1: error: "), std::string::npos);
+  agent.args = {"dump", "--agent=2"};
+  EXPECT_NE(run_polctl(agent).err.find("agent at port 2: error: "), std::string::npos);
+}
+
+TEST(ToolTest, WatchShowsWhoIsCalledBackAndHowSoon) {
+  Outcome outcome = run_polctl({{"watch", "--config", kNetwork, "--change", kNetworkEdit}, ""});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  double acknowledged = 0;
+  double called_back = 0;
+  size_t at = outcome.out.find("commit acknowledged after");
+  ASSERT_NE(at, std::string::npos) << outcome.out;
+  EXPECT_EQ(sscanf(outcome.out.c_str() + at,
+                   "commit acknowledged after %lf ms: one batch of 2 changes\n"
+                   "  user of policy \"branch\" called back %lf ms",
+                   &acknowledged, &called_back),
+            2)
+      << outcome.out;
+  EXPECT_GT(acknowledged, 0);
+  EXPECT_GT(called_back, acknowledged);
+  EXPECT_NE(outcome.out.find("\"hub-out\" not called back"), std::string::npos) << outcome.out;
+  outcome = run_polctl({{"watch", "--config", kNetwork, "--change", kNetwork}, ""});
+  EXPECT_NE(outcome.out.find("it changed nothing"), std::string::npos) << outcome.out;
+}
+
+TEST(ToolTest, ManyRoutesThatDifferAreSummedUp) {
+  std::string routes = temporary_file(many_prefixes(30'000));
+  std::string accepting = temporary_file("route-policy branch default-action accept\n");
+  Outcome outcome =
+      run_polctl({{"diff", kPolicyFile, accepting, "--policy", "branch", "--routes", routes}, ""});
+  EXPECT_EQ(outcome.status, 1) << outcome.err;
+  EXPECT_NE(outcome.out.find("reject, default action  accept, default action  30,000"),
+            std::string::npos)
+      << outcome.out;
+  EXPECT_NE(outcome.out.find("\n30,000 of 30,000 routes differ\n"), std::string::npos);
 }
 
 }  // namespace
