@@ -83,16 +83,23 @@ TEST(CrashTest, AFileCutAtAnyByteGivesTheLastCommitThatIsWholeInIt) {
   std::string file = directory.path() + "/running";
   std::ifstream in(file, std::ios::binary);
   std::string whole((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  // The generation found, after which the next commit must be found too.
   auto restart_with = [&](const std::string& text) {
     std::ofstream(file, std::ios::binary | std::ios::trunc) << text;
-    std::string error;
-    agent::Options options;
-    options.directory = directory.path();
-    std::shared_ptr<agent::Handle> handle = agent::start(options, &error);
-    if (!handle) return -2;
-    agent::run_in_thread(*handle);
-    Session session(agent::port(*handle));
-    return read_generation(session);
+    int found[2];
+    for (int& one : found) {
+      std::string error;
+      agent::Options options;
+      options.directory = directory.path();
+      std::shared_ptr<agent::Handle> handle = agent::start(options, &error);
+      if (!handle) return -2;
+      agent::run_in_thread(*handle);
+      Session session(agent::port(*handle));
+      one = read_generation(session);
+      EXPECT_EQ(why(session.commit(generation(9))), "ok");
+    }
+    EXPECT_EQ(found[1], 9);
+    return found[0];
   };
   int seen[4] = {};
   std::mt19937 random(3);

@@ -42,14 +42,10 @@ std::string text_of(const t_yarrow_value& value) {
       return "+";
     case C_BUF:
       return reinterpret_cast<const char*>(value.val.buf.ptr);
-    case C_UINT8:
-      return std::to_string(value.val.u8);
     case C_UINT16:
       return std::to_string(value.val.u16);
     case C_UINT32:
       return std::to_string(value.val.u32);
-    case C_UINT64:
-      return std::to_string(value.val.u64);
     case C_BOOL:
       return value.val.boolean != 0 ? "true" : "false";
     case C_ENUM_VALUE:
@@ -58,12 +54,6 @@ std::string text_of(const t_yarrow_value& value) {
       return inet_ntop(AF_INET, &value.val.ip, text, sizeof text);
     case C_IPV6:
       return inet_ntop(AF_INET6, value.val.ip6, text, sizeof text);
-    case C_IPV4PREFIX:
-      inet_ntop(AF_INET, &value.val.ipv4prefix.ip, text, sizeof text);
-      return std::string(text) + "/" + std::to_string(value.val.ipv4prefix.len);
-    case C_IPV6PREFIX:
-      inet_ntop(AF_INET6, value.val.ipv6prefix.ip6, text, sizeof text);
-      return std::string(text) + "/" + std::to_string(value.val.ipv6prefix.len);
     case C_LIST: {
       std::string items;
       for (uint32_t i = 0; i < value.val.list.size; ++i) {

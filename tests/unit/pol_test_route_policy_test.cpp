@@ -90,17 +90,6 @@ TEST_F(TextRoutePolicyTest, ADeletedForwardingPolicyStaysEmptyForItsUsers) {
 }
 
 TEST_F(TextRoutePolicyTest, AGroupAtTheTwentiethWordStaysInBounds) {
-  const std::string pad = "action accept action accept action accept action accept action accept ";
-  for (const char* last : {"set", "action", "match", "sequence"}) {
-    // 4 words, 5 pairs, 2 pairs and 1 word: the next is the twentieth.
-    t_pol_test_tokens tokens = {};
-    uint32_t kind = 0;
-    std::string text = "route-policy p sequence 1 " + pad + "action accept action accept actions " +
-                       last + " tloc 1.1.1.1 3\n";
-    uint32_t count = pol_test_get_tokens(text.c_str(), tokens, &kind);
-    EXPECT_EQ(count, 20u);
-    pol_test_parse_route_policy(tokens, count);
-  }
   t_pol_test_tokens full;
   memset(full, 'x', sizeof full);
   for (auto& slot : full) memcpy(slot, "set", 4);
