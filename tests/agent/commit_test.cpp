@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Commits: what is refused and why, who may, and the way back.
+#include <algorithm>
 #include <thread>
 
 #include "support.h"
@@ -83,6 +84,7 @@ TEST_F(CommitTest, AFaultyFloodIsAnsweredWithABoundedList) {
   std::string reasons = yarrow_lasterr();
   EXPECT_NE(reasons.find("and 3900 more"), std::string::npos)
       << reasons.substr(reasons.size() - 40);
+  EXPECT_EQ(std::count(reasons.begin(), reasons.end(), '\n'), 100);
 }
 
 TEST_F(CommitTest, OneSessionHoldsTheCandidateUntilItLetsGoOrDies) {
