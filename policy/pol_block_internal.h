@@ -6,6 +6,7 @@
 #include "base/avl_tree.h"
 #include "base/named_list.h"
 #include "base/tail_queue.h"
+#include "pol_list_internal.h"
 #include "pol_user_internal.h"
 #include "policy/pol_block.h"
 
@@ -51,13 +52,32 @@ struct t_pol_set {
   t_pol_clause_user tloc_list;
 };
 
+// What a sequence of a forwarding policy has instead of match values. Lists and other objects that
+// it names stand in the roles of `user`; its match_flags and set_flags are POL_FWD_MATCH_F_* and
+// POL_FWD_SET_F_*.
+struct t_pol_fwd_clauses {
+  t_pol_fwd_vpn_entry* vpn;  // the parent
+  t_pol_fwd_user* user;      // owned
+  t_tloc_id tloc;
+  uint32_t tloc_label;
+  uint64_t vpn_id;
+  uint16_t service;  // 0: none
+  uint8_t service_local;
+  uint8_t sla_option;    // strict
+  uint32_t sla_value;    // mask of preferred colors
+  pol::TlocQueue tlocs;  // what the TLOC list or the service resolved to
+};
+
 // Invariant: the block pointers of an entry, of its areas and of its user records are the same.
 // What evaluation reads of a sequence that it passes over lies in the first 64 bytes.
 struct t_pol_entry {
   uint32_t sequence;  // first: the tree's key
   uint32_t match_flags;
   pol::TailLink<t_pol_entry> order;
-  t_pol_match match;
+  union {
+    t_pol_match match;
+    t_pol_fwd_clauses fwd;  // in the VPN lists of kinds data and perf route
+  };
   t_pol_set set;
   uint32_t set_flags;
   uint32_t action;
@@ -65,7 +85,15 @@ struct t_pol_entry {
   t_pol_block* block;
 };
 
-enum pol_sets : uint8_t { POL_SETS_TLOC = 0x1, POL_SETS_SERVICE = 0x2, POL_SETS_TLOC_LIST = 0x4 };
+enum pol_sets : uint8_t {
+  POL_SETS_TLOC = 0x1,
+  POL_SETS_SERVICE = 0x2,
+  POL_SETS_TLOC_LIST = 0x4,
+  // Of forwarding policies.
+  POL_SETS_FWD_TLOC = 0x8,
+  POL_SETS_FWD_SERVICE = 0x10,
+  POL_SETS_FWD_TLOC_LIST = 0x20,
+};
 
 struct t_pol_block {
   char name[POL_NAME_SIZE];  // first: the tree's key
@@ -76,6 +104,8 @@ struct t_pol_block {
   pol::TailQueue<t_pol_entry, &t_pol_entry::order>
       in_order;                                // the entries by sequence: what evaluation walks
   pol::AvlTree<t_pol_fwd_vpn_entry> fwd_vpns;  // kinds data and perf route only
+  pol::TailQueue<t_pol_fwd_vpn_entry, &t_pol_fwd_vpn_entry::vpn_list_link> unregistered_vpns;
+  pol::TailQueue<t_pol_fwd_user, &t_pol_fwd_user::leftover_link> leftovers;
   t_pol_entry default_action;
   uint8_t fetch_xml;
   uint8_t orphaned;  // a forwarding policy that was deleted and stays, empty, for its users

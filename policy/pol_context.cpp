@@ -11,8 +11,13 @@
 
 #include "base/pol_memory.h"
 #include "pol_xml_config_internal.h"
+#include "policy/pol_app_list.h"
 #include "policy/pol_color_list.h"
 #include "policy/pol_dump.h"
+#include "policy/pol_fwd_app_id.h"
+#include "policy/pol_fwd_pfx_list.h"
+#include "policy/pol_fwd_policer.h"
+#include "policy/pol_fwd_sla_class.h"
 #include "policy/pol_pfx_list.h"
 #include "policy/pol_site_list.h"
 #include "policy/pol_tloc_list.h"
@@ -31,23 +36,23 @@ t_pol_mem_info g_pol_mem_info[POL_MEM_TYPES] = {
     ROW(1, sizeof(t_pol_ctx), "context", "t_pol_ctx"),
     ROW(2, sizeof(t_pol_block), "block", "t_pol_block"),
     ROW(3, sizeof(t_pol_entry), "entry", "t_pol_entry"),
-    ROW(4, 0, "pol-yarrow-thrd-args", "pol_thread_queue_item"),
+    ROW(4, sizeof(t_pol_thread_queue_item), "pol-yarrow-thrd-args", "pol_thread_queue_item"),
     ROW(5, 0, "omp-yarrow-thrd-args", "omp_thread_queue_item"),
     ROW(6, 0, "populate peer xml", "unknown"),
     ROW(7, 0, "set Yarrow xml", "unknown"),
     ROW(8, sizeof(t_pol_xml_config), "policy config", "t_pol_xml_config"),
     ROW(9, 0, "Yarrow fetch xml", "unknown"),
     ROW(10, 0, "config xml", "unknown"),
-    ROW(11, 0, "sla class", "t_fwd_sla_class"),
-    ROW(12, 0, "policer", "t_fwd_policer"),
+    ROW(11, sizeof(t_fwd_sla_class), "sla class", "t_fwd_sla_class"),
+    ROW(12, sizeof(t_fwd_policer), "policer", "t_fwd_policer"),
     ROW(13, 0, "site", "t_omp_site_policy"),
     ROW(14, sizeof(t_pol_user), "pol user", "t_pol_user"),
     ROW(15, sizeof(t_pol_list_user), "pol user", "t_pol_list_user"),
     ROW(16, sizeof(t_pfx_list), "pfx list", "t_pfx_list"),
-    ROW(17, 0, "fwd pfx list", "t_fwd_pfx_list"),
+    ROW(17, sizeof(t_fwd_pfx_list), "fwd pfx list", "t_fwd_pfx_list"),
     ROW(18, sizeof(t_site_list), "site list", "t_site_list"),
     ROW(19, sizeof(t_tloc_list), "tloc list", "t_tloc_list"),
-    ROW(20, 0, "app list", "t_app_list"),
+    ROW(20, sizeof(t_app_list), "app list", "t_app_list"),
     ROW(21, sizeof(t_color_list), "color list", "t_color_list"),
     ROW(22, sizeof(t_vpn_list), "vpn list", "t_vpn_list"),
     ROW(23, POL_MAX_VPN * sizeof(t_pol_vpn_range), "set vpn list", "POL_MAX_VPN*vpn_list"),
@@ -59,7 +64,7 @@ t_pol_mem_info g_pol_mem_info[POL_MEM_TYPES] = {
     ROW(29, sizeof(t_color_entry), "entry color", "t_color_entry"),
     ROW(30, sizeof(t_pol_vpn_entry), "entry vpn", "t_pol_vpn_entry"),
     ROW(31, sizeof(t_pol_fwd_vpn_entry), "entry fwd vpn", "t_pol_fwd_vpn_entry"),
-    ROW(32, 0, "entry appid", "t_fwd_app_id"),
+    ROW(32, sizeof(t_fwd_app_id), "entry appid", "t_fwd_app_id"),
 };
 #undef ROW
 
@@ -86,6 +91,12 @@ constexpr InitModule kInit[] = {
     pol_user_init,
     pol_block_init,
     pol_pfx_list_main_init,
+    pol_fwd_pfx_list_main_init,
+    pol_fwd_pfx6_list_main_init,
+    pol_app_list_main_init,
+    pol_fwd_policer_main_init,
+    pol_fwd_app_id_main_init,
+    pol_fwd_sla_class_main_init,
     pol_tloc_list_main_init,
     pol_site_list_main_init,
     pol_vpn_list_main_init,
@@ -115,6 +126,12 @@ void pol_destroy() {
   ctx->flags |= POL_CTX_DESTROYING;
   pol_block_destroy(ctx);
   pol_pfx_list_main_deinit(ctx);
+  pol_app_list_main_deinit(ctx);
+  pol_fwd_pfx_list_main_deinit(ctx);
+  pol_fwd_pfx6_list_main_deinit(ctx);
+  pol_fwd_app_id_main_deinit(ctx);
+  pol_fwd_sla_class_main_deinit(ctx);
+  pol_fwd_policer_main_deinit(ctx);
   pol_tloc_list_main_deinit(ctx);
   pol_site_list_main_deinit(ctx);
   pol_vpn_list_main_deinit(ctx);

@@ -9,6 +9,7 @@
 #include "pol_block_internal.h"
 #include "pol_list_internal.h"
 #include "pol_user_internal.h"
+#include "pol_yarrow_thread_internal.h"
 #include "policy/pol_context.h"
 
 enum pol_ctx_flag : uint32_t { POL_CTX_DESTROYING = 0x1, POL_CTX_NOTIFYING = 0x2 };
@@ -24,9 +25,16 @@ struct t_pol_ctx {
   pol::NamedTree<t_site_list> site_lists;
   pol::NamedTree<t_vpn_list> vpn_lists;
   pol::NamedTree<t_color_list> color_lists;
+  pol::NamedTree<t_app_list> app_lists;
+  pol::NamedTree<t_fwd_pfx_list> fwd_pfx_lists;
+  pol::NamedTree<t_fwd_pfx_list> fwd_pfx6_lists;
+  pol::NamedTree<t_fwd_sla_class> sla_classes;
+  pol::NamedTree<t_fwd_policer> policers;
+  pol::NamedTree<t_fwd_app_id> app_ids;
 
   pol::AvlTree<t_pol_xml_config> xml_configs;
   pthread_spinlock_t xml_lock;
+  t_pol_yarrow_thread thread;
 
   pol::AvlTree<t_pol_user> users;
   pol::ChangeList change_list;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// pol_list_internal.h - the nodes of the named lists with elements.
+// pol_list_internal.h - the nodes of the named lists, and what data policies register on them.
 #pragma once
 
 #include "base/named_list.h"
@@ -24,10 +24,11 @@ struct t_pol_vpn_entry {
 
 // What a data policy embeds for each VPN list that it applies to.
 struct t_pol_fwd_vpn_entry {
-  char name[POL_NAME_SIZE];
+  char name[POL_NAME_SIZE];  // first: the tree's key
   avl_node link;
   t_vpn_list* vpn_list;
   t_pol_block* block;
+  pol::AvlTree<t_pol_entry> entries;  // by sequence
   pol::TailLink<t_pol_fwd_vpn_entry> vpn_list_link;
 };
 
@@ -42,17 +43,23 @@ struct t_vpn_list {
   FwdUserQueue fwd_pol_users;
 };
 
+// A TLOC of a list, and one that a data policy's action resolved to.
 struct t_tloc_entry {
   pol::TailLink<t_tloc_entry> link;
-  avl_node tree_link;
+  avl_node tree_link;  // in lists only
   t_tloc_id tloc;
+  uint32_t label;
   uint32_t preference;
 };
+
+namespace pol {
+using TlocQueue = TailQueue<t_tloc_entry, &t_tloc_entry::link>;
+}
 
 struct t_tloc_list {
   pol::NamedHead head;
   uint8_t changed;  // the agent's text of the list must be fetched again
-  pol::TailQueue<t_tloc_entry, &t_tloc_entry::link> entries;
+  pol::TlocQueue entries;
   pol::AvlTree<t_tloc_entry> by_tloc;
   pol::UserQueue users;
   pol::UserQueue action_users;
@@ -77,4 +84,54 @@ struct t_pfx_list {
   pol::TailQueue<t_pfx_entry, &t_pfx_entry::link> entries;
   pol::PfxIndex index;
   pol::UserQueue users;
+};
+
+// Objects that the library knows by name only: users and, where the agent has text of them, whether
+// that must be fetched again. One queue a role, in the order in which users are told and shown.
+
+struct t_app_list {
+  pol::NamedHead head;
+  uint8_t changed;
+  pol::UserQueue users[3];  // application, DNS application, SaaS application
+};
+
+struct t_fwd_pfx_list {
+  pol::NamedHead head;
+  uint8_t changed;
+  pol::UserQueue users[2];  // source, destination
+};
+
+struct t_fwd_sla_class {
+  pol::NamedHead head;
+  uint8_t changed;
+  pol::UserQueue users[1];
+};
+
+struct t_fwd_policer {
+  pol::NamedHead head;
+  uint8_t changed;
+  pol::UserQueue users[1];
+};
+
+struct t_fwd_app_id {
+  pol::NamedHead head;
+  pol::UserQueue users[1];
+};
+
+// A sequence of a forwarding policy as the objects that it names know it: one registration a role.
+// It outlives its sequence while application lists still know it (pol_fwd_block.cpp).
+struct t_pol_fwd_user {
+  t_pol_clause_user app_list;
+  t_pol_clause_user dns_app_list;
+  t_pol_clause_user saas_app_list;
+  t_pol_clause_user src_pfx;
+  t_pol_clause_user dst_pfx;
+  t_pol_clause_user src_pfx6;
+  t_pol_clause_user dst_pfx6;
+  t_pol_clause_user app_id;
+  t_pol_clause_user tloc_list;
+  t_pol_clause_user sla_class;
+  t_pol_clause_user policer;
+  t_pol_entry* entry;  // null once it outlived it
+  pol::TailLink<t_pol_fwd_user> leftover_link;
 };

@@ -81,6 +81,16 @@ int unlock(t_pol_ctx* ctx) {
 
 }  // namespace
 
+t_pol_fetch_time pol::xml_fetch_time(int32_t type, const char* name) {
+  t_pol_ctx* ctx = g_pol_ctx_p;
+  if (ctx == nullptr || name == nullptr || !lock(ctx)) return {};
+  XmlKey key = key_of(type, name);
+  const t_pol_xml_config* config = ctx->xml_configs.find(&key);
+  t_pol_fetch_time time = config != nullptr ? config->fetched : t_pol_fetch_time{};
+  unlock(ctx);
+  return time;
+}
+
 uint32_t pol_xml_config_init(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
   ctx->xml_configs.create(xml_compare, offsetof(t_pol_xml_config, link));

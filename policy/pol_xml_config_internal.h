@@ -3,8 +3,17 @@
 // pol_xml_config_internal.h - the records of the XML cache.
 #pragma once
 
+#include <ctime>
+
 #include "kel/avl.h"
 #include "policy/pol_xml_config.h"
+
+// When an object's text was last fetched from the agent, times of day; all 0 before the first time.
+struct t_pol_fetch_time {
+  time_t start;
+  time_t end;
+  int32_t longest;  // fetch so far, in seconds
+};
 
 struct t_pol_xml_config {
   avl_node link;
@@ -12,4 +21,12 @@ struct t_pol_xml_config {
   char name[POL_NAME_SIZE];
   char* text;     // NUL-terminated; null while nothing was fetched
   uint32_t size;  // of the text, without the NUL
+  t_pol_fetch_time fetched;
 };
+
+namespace pol {
+
+// All 0 for an object that the cache does not know.
+t_pol_fetch_time xml_fetch_time(int32_t type, const char* name);
+
+}  // namespace pol

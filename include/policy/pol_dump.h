@@ -39,6 +39,20 @@ POL_API void pol_dump_site_list(t_site_list* list, t_cli_user_ctx* cli);
 POL_API int pol_dump_site_list_all(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv);
 POL_API void pol_dump_vpn_list(t_vpn_list* list, t_cli_user_ctx* cli);
 POL_API int pol_dump_vpn_list_all(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv);
+POL_API void pol_dump_app_list(t_app_list* node, t_cli_user_ctx* cli);
+POL_API int pol_dump_app_list_all(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv);
+POL_API void pol_dump_fwd_pfx_list(t_fwd_pfx_list* node, t_cli_user_ctx* cli);
+POL_API int pol_dump_fwd_pfx_list_all(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv);
+POL_API void pol_dump_fwd_pfx6_list(t_fwd_pfx_list* node, t_cli_user_ctx* cli);
+POL_API int pol_dump_fwd_pfx6_list_all(t_cli_user_ctx* cli, uint32_t ignored, int argc,
+                                       char** argv);
+POL_API void pol_dump_fwd_sla_class(t_fwd_sla_class* node, t_cli_user_ctx* cli);
+POL_API int pol_dump_fwd_sla_class_all(t_cli_user_ctx* cli, uint32_t ignored, int argc,
+                                       char** argv);
+POL_API void pol_dump_fwd_policer(t_fwd_policer* node, t_cli_user_ctx* cli);
+POL_API int pol_dump_fwd_policer_all(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv);
+POL_API void pol_dump_fwd_app_id(t_fwd_app_id* node, t_cli_user_ctx* cli);
+POL_API int pol_dump_fwd_app_id_all(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv);
 POL_API int pol_dump_xml_config_all(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv);
 
 #endif

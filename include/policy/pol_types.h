@@ -33,7 +33,14 @@ typedef struct t_tloc_entry t_tloc_entry;
 typedef struct t_color_list t_color_list;
 typedef struct t_color_entry t_color_entry;
 typedef struct t_pfx_list t_pfx_list;
+typedef struct t_app_list t_app_list;
+typedef struct t_fwd_pfx_list t_fwd_pfx_list;
+typedef struct t_fwd_sla_class t_fwd_sla_class;
+typedef struct t_fwd_policer t_fwd_policer;
+typedef struct t_fwd_app_id t_fwd_app_id;
+typedef struct t_pol_fwd_user t_pol_fwd_user; /* a forwarding sequence, as its objects know it */
 typedef struct t_pol_xml_config t_pol_xml_config;
+typedef struct t_pol_yarrow_thread t_pol_yarrow_thread; /* the worker that talks to the agent */
 
 #define POL_NAME_SIZE 128     /* policy and user names, with their NUL */
 #define POL_LIST_NAME_SIZE 64 /* list names, with their NUL */
@@ -44,8 +51,11 @@ typedef struct t_pol_xml_config t_pol_xml_config;
 enum pol_status {
   POL_OK = 0,
   POL_ENOMEM = 1,
+  POL_EPIPE = 2,
+  POL_EEVENT = 5,
   POL_EINVAL = 7,
   POL_ENOCTX = 15,
+  POL_EAGENT = 16,
   POL_ESPINLOCK = 21,
   POL_ELOCK = 28
 };
@@ -114,6 +124,23 @@ enum pol_pfx_op {
 #define POL_SET_F_VPN_LIST 0x10u
 #define POL_SET_F_TLOC_LIST 0x20u
 #define POL_SET_F_SERVICE 0x40u
+
+/* What a sequence of a data or app-route policy matches on. */
+#define POL_FWD_MATCH_F_SRC_PFX 0x1000u
+#define POL_FWD_MATCH_F_DST_PFX 0x2000u
+#define POL_FWD_MATCH_F_APP_ID 0x40000u
+#define POL_FWD_MATCH_F_APP_LIST 0x80000u
+#define POL_FWD_MATCH_F_DNS_APP_LIST 0x400000u
+#define POL_FWD_MATCH_F_SRC_PFX6 0x800000u
+#define POL_FWD_MATCH_F_DST_PFX6 0x1000000u
+#define POL_FWD_MATCH_F_SAAS_APP_LIST 0x2000000u
+
+/* Actions of such a sequence. */
+#define POL_FWD_SET_F_TLOC 0x80u
+#define POL_FWD_SET_F_SLA_CLASS 0x200u
+#define POL_FWD_SET_F_SERVICE 0x400u
+#define POL_FWD_SET_F_POLICER 0x800u
+#define POL_FWD_SET_F_TLOC_LIST 0x1000u
 
 /* What the set clauses wrote into a query. */
 #define POL_APPLIED_TAG 0x1u

@@ -5,6 +5,7 @@
 #ifndef POLICY_POLICY_H
 #define POLICY_POLICY_H
 
+#include "policy/pol_app_list.h"
 #include "policy/pol_block.h"
 #include "policy/pol_clause.h"
 #include "policy/pol_color_list.h"
@@ -12,7 +13,12 @@
 #include "policy/pol_context.h"
 #include "policy/pol_dump.h"
 #include "policy/pol_exec.h"
+#include "policy/pol_fwd_app_id.h"
 #include "policy/pol_fwd_block.h"
+#include "policy/pol_fwd_match.h"
+#include "policy/pol_fwd_pfx_list.h"
+#include "policy/pol_fwd_policer.h"
+#include "policy/pol_fwd_sla_class.h"
 #include "policy/pol_pfx_list.h"
 #include "policy/pol_site_list.h"
 #include "policy/pol_test.h"
@@ -22,5 +28,6 @@
 #include "policy/pol_util.h"
 #include "policy/pol_vpn_list.h"
 #include "policy/pol_xml_config.h"
+#include "policy/pol_yarrow_thread.h"
 
 #endif

@@ -1,0 +1,26 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * pol_yarrow_thread.h - the worker thread that talks to the management agent.
+ *
+ * The host's threads never wait for the agent: what needs it is queued, and the worker, "pol-yarrow",
+ * fetches changed objects into the XML cache and writes labels into data policies. It connects at
+ * its first request, once: an agent that is not there then is not asked again in the thread's life.
+ * A request that fails is tried five times, 5 seconds apart, and holds up its queue meanwhile.
+ */
+#ifndef POLICY_POL_YARROW_THREAD_H
+#define POLICY_POL_YARROW_THREAD_H
+
+#include "policy/pol_types.h"
+
+/* 1 from the worker's first request on, whether or not the agent could be reached. */
+POL_DATA uint8_t g_pol_yarrow_thread_maapi_connected;
+
+/* Starts the worker. 0; POL_ESPINLOCK, POL_EPIPE or POL_EEVENT when one of these cannot be had. */
+POL_API uint32_t pol_yarrow_thread_init(t_pol_yarrow_thread* thread);
+
+/* Ends the worker and frees the requests it did not come to; waits for the agent's answer to the
+ * one it works on, but for no retry. 0; otherwise (POL_ENOMEM, POL_ELOCK, POL_EPIPE) the worker
+ * still runs. */
+POL_API uint32_t pol_yarrow_thread_deinit(t_pol_yarrow_thread* thread);
+
+#endif
