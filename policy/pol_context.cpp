@@ -4,7 +4,6 @@
 
 #include <malloc.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -79,8 +78,14 @@ bool counted(uint32_t type) { return type >= 1 && type < POL_MEM_TYPES; }
 void count_alloc(uint32_t type) {
   if (!counted(type)) return;
   t_pol_mem_info& row = g_pol_mem_info[type];
-  ++row.allocs;
-  row.peak = std::max(row.peak, row.allocs - row.frees);
+  uint64_t allocs = __atomic_add_fetch(&row.allocs, 1, __ATOMIC_RELAXED);
+  uint64_t frees = __atomic_load_n(&row.frees, __ATOMIC_RELAXED);
+  // Another thread may have freed since: a count below zero is no peak.
+  uint64_t current = allocs > frees ? allocs - frees : 0;
+  uint64_t peak = __atomic_load_n(&row.peak, __ATOMIC_RELAXED);
+  while (current > peak && !__atomic_compare_exchange_n(&row.peak, &peak, current, true,
+                                                        __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+  }
 }
 
 using InitModule = uint32_t (*)(t_pol_ctx*);
@@ -115,11 +120,13 @@ t_pol_ctx* pol_init(const t_pol_callbacks* callbacks) {
   for (InitModule init : kInit) {
     if (init(ctx) != POL_OK) return nullptr;
   }
+  if (pol_yarrow_thread_init(&ctx->thread) != POL_OK) return nullptr;
   return ctx;
 }
 
 // Policies go first, because their clauses are users of the lists; lists go before the users for
-// the same reason.
+// the same reason. The worker ends before the cache goes, because it may be storing a text there;
+// where it does not end it keeps the cache and the context, to which nothing leads any more.
 void pol_destroy() {
   t_pol_ctx* ctx = g_pol_ctx_p;
   if (ctx == nullptr) return;
@@ -136,9 +143,10 @@ void pol_destroy() {
   pol_site_list_main_deinit(ctx);
   pol_vpn_list_main_deinit(ctx);
   pol_color_list_main_deinit(ctx);
-  pol_xml_config_deinit(ctx);
+  bool ended = pol_yarrow_thread_deinit(&ctx->thread) == POL_OK;
+  if (ended) pol_xml_config_deinit(ctx);
   pol_user_destroy(ctx);
-  pol_free(ctx, pol::MEM_CONTEXT);
+  if (ended) pol_free(ctx, pol::MEM_CONTEXT);
   g_pol_ctx_p = nullptr;
 }
 
@@ -156,11 +164,13 @@ void* pol_realloc(void* memory, size_t size) { return realloc(memory, size); }
 
 void pol_free(void* memory, uint32_t type) {
   if (memory == nullptr) return;
-  if (counted(type)) ++g_pol_mem_info[type].frees;
+  if (counted(type)) __atomic_add_fetch(&g_pol_mem_info[type].frees, 1, __ATOMIC_RELAXED);
   free(memory);
 }
 
-void pol_debug_set(uint32_t level) { g_pol_dbg_level = static_cast<int32_t>(level); }
+void pol_debug_set(uint32_t level) {
+  __atomic_store_n(&g_pol_dbg_level, static_cast<int32_t>(level), __ATOMIC_RELAXED);
+}
 
 int pol_dump_memory_info(t_cli_user_ctx* cli, uint32_t /*ignored*/, int argc, char** argv) {
   static constexpr char kReport[] = "/var/log/pol_meminfo.txt";
@@ -171,9 +181,11 @@ int pol_dump_memory_info(t_cli_user_ctx* cli, uint32_t /*ignored*/, int argc, ch
   maapi_cli_printf(cli, "\n%-20s    %-25s    %-10s  %-4s  %-12s    %-12s    %-12s    %-12s\n",
                    "DESCRIPTION", "TYPE", "SIZE", "CACHE", "#ALLOC", "#FREE", "#PEAK", "#CURRENT");
   for (const t_pol_mem_info& row : g_pol_mem_info) {
+    uint64_t allocs = __atomic_load_n(&row.allocs, __ATOMIC_RELAXED);
+    uint64_t frees = __atomic_load_n(&row.frees, __ATOMIC_RELAXED);
     maapi_cli_printf(cli, "\n%-20s    %-25s    %-10u  %-4s  %-12lu    %-12lu    %-12lu    %-12lu",
                      row.description, row.type_name, row.size, row.cache != 0 ? "yes" : "no",
-                     row.allocs, row.frees, row.peak, row.allocs - row.frees);
+                     allocs, frees, __atomic_load_n(&row.peak, __ATOMIC_RELAXED), allocs - frees);
   }
   maapi_cli_printf(cli, "\n");
   if (!detail) return 0;

@@ -11,6 +11,16 @@
 
 namespace pol {
 
+void thread_link_first(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_queue_item* item) {
+  thread->queues[queue].insert_after(nullptr, item);
+  __atomic_add_fetch(&thread->lengths[queue], 1, __ATOMIC_RELAXED);
+}
+
+void thread_unlink(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_queue_item* item) {
+  thread->queues[queue].remove(item);
+  __atomic_sub_fetch(&thread->lengths[queue], 1, __ATOMIC_RELAXED);
+}
+
 void thread_push(t_pol_yarrow_thread* thread, ThreadQueue queue, t_pol_thread_queue_item* item) {
   // On purpose: every queue's messages name the label-set queue; support tools look for them so.
   if (pthread_spin_lock(&thread->locks[queue]) != 0) {
@@ -19,6 +29,7 @@ void thread_push(t_pol_yarrow_thread* thread, ThreadQueue queue, t_pol_thread_qu
     return;
   }
   thread->queues[queue].push_back(item);
+  __atomic_add_fetch(&thread->lengths[queue], 1, __ATOMIC_RELAXED);
   if (pthread_spin_unlock(&thread->locks[queue]) != 0) {
     POL_LOG("Unlock error on label-set queue\n");
   }

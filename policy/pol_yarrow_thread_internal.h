@@ -4,6 +4,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <semaphore.h>
 
 #include "base/tail_queue.h"
 #include "policy/pol_yarrow_thread.h"
@@ -44,8 +45,11 @@ using RequestQueue = TailQueue<t_pol_thread_queue_item, &t_pol_thread_queue_item
 
 }  // namespace pol
 
-// Each queue and the request at its head are guarded by the queue's lock; the worker leaves a
-// request on its queue while it works on it.
+// Invariants
+//   1. Each queue is guarded by its lock, which is held only to link or unlink. The lengths beside
+//      them may be read without it.
+//   2. The worker leaves a request on its queue, first but for exit requests, while it works on it.
+//   3. Only the worker touches agent_fd, connect_tried, base and wake_up while it runs.
 struct t_pol_yarrow_thread {
   pthread_t handle;
   int read_fd;
@@ -55,9 +59,22 @@ struct t_pol_yarrow_thread {
   event* wake_up;
   pol::RequestQueue queues[pol::QUEUES];
   pthread_spinlock_t locks[pol::QUEUES];
+  uint32_t lengths[pol::QUEUES];  // atomic
+  sem_t stop;       // posted once the worker is to end: no wait is waited out any more
+  t_pol_ctx* ctx;   // whose XML cache is filled; null when there was none
+  uint8_t running;  // from a successful start until the join
+  uint8_t connect_tried;
 };
 
+extern "C" {
+
+// Waits; false as soon as the thread is told to stop. Null for a wait that nothing ends.
+bool pol_thread_wait(t_pol_yarrow_thread* thread, unsigned seconds);
+}
+
 namespace pol {
+
+inline constexpr unsigned kRetrySeconds = 5;
 
 // Appends a request, which the worker owns from now on, and wakes the worker. When the queue cannot
 // be locked the request is freed. Failures are logged.
@@ -69,5 +86,18 @@ void thread_push_fetch(t_pol_yarrow_thread* thread, ThreadQueue queue, uint32_t 
 
 // Whether a queue holds no request; a queue that cannot be locked counts as not empty.
 bool thread_queue_empty(t_pol_yarrow_thread* thread, ThreadQueue queue);
+
+// The same read without the queue's lock, true of some moment only.
+inline bool thread_queue_seems_empty(const t_pol_yarrow_thread* thread, unsigned queue) {
+  return __atomic_load_n(&thread->lengths[queue], __ATOMIC_RELAXED) == 0;
+}
+
+// The worker's side. REQUIRES: the caller holds the queue's lock.
+void thread_link_first(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_queue_item* item);
+void thread_unlink(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_queue_item* item);
+
+// The agent's work for one request. False for one that is to be tried again.
+[[nodiscard]] bool label_write(t_pol_yarrow_thread* thread, const t_pol_label_set& labels);
+[[nodiscard]] bool xml_fetch(t_pol_yarrow_thread* thread, uint32_t type, const char* name);
 
 }  // namespace pol

@@ -15,12 +15,15 @@
 /* 1 from the worker's first request on, whether or not the agent could be reached. */
 POL_DATA uint8_t g_pol_yarrow_thread_maapi_connected;
 
-/* Starts the worker. 0; POL_ESPINLOCK, POL_EPIPE or POL_EEVENT when one of these cannot be had. */
+/* Starts the worker for the XML cache of g_pol_ctx_p. 0; POL_ESPINLOCK, POL_EPIPE or POL_EEVENT when one of these cannot be had. */
 POL_API uint32_t pol_yarrow_thread_init(t_pol_yarrow_thread* thread);
 
 /* Ends the worker and frees the requests it did not come to; waits for the agent's answer to the
- * one it works on, but for no retry. 0; otherwise (POL_ENOMEM, POL_ELOCK, POL_EPIPE) the worker
- * still runs. */
+ * one it works on, but for no retry. 0, also when none runs; otherwise (POL_ENOMEM, POL_ELOCK,
+ * POL_EPIPE) it may still run and needs its state. */
 POL_API uint32_t pol_yarrow_thread_deinit(t_pol_yarrow_thread* thread);
+
+/* A dump of pol_dump.h: which of the queues hold requests at the moment. */
+POL_API int pol_dump_yarrow_thread(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv);
 
 #endif

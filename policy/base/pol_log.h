@@ -10,6 +10,9 @@
 
 namespace pol {
 
+// The host sets the level while the worker reads it.
+inline int32_t debug_level() { return __atomic_load_n(&g_pol_dbg_level, __ATOMIC_RELAXED); }
+
 [[gnu::format(printf, 1, 2)]] void log_line(const char* format, ...);
 
 }  // namespace pol
@@ -22,9 +25,9 @@ namespace pol {
 #define POL_LOG_PLAIN(format, ...) \
   ::pol::log_line("%s[%d]: " format, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
-#define POL_LOG_AT(level, format, ...)                                                 \
-  do {                                                                                 \
-    if (g_pol_dbg_level >= (level)) POL_LOG_ALWAYS(format __VA_OPT__(, ) __VA_ARGS__); \
+#define POL_LOG_AT(level, format, ...)                                                      \
+  do {                                                                                      \
+    if (::pol::debug_level() >= (level)) POL_LOG_ALWAYS(format __VA_OPT__(, ) __VA_ARGS__); \
   } while (0)
 
 #define POL_LOG(format, ...) POL_LOG_AT(1, format __VA_OPT__(, ) __VA_ARGS__)

@@ -4,9 +4,11 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <mutex>
 
 namespace {
 
+std::mutex g_log_lock;  // the worker logs too
 std::string g_log;
 thread_local int g_until_failure = 0;  // 0: none armed
 thread_local bool g_hit = false;
@@ -35,6 +37,7 @@ void* __wrap_realloc(void* memory, size_t size) {
 void __wrap_vsyslog(int priority, const char* format, va_list args) {
   char line[4096];
   vsnprintf(line, sizeof line, format, args);
+  std::lock_guard<std::mutex> hold(g_log_lock);
   g_log += std::to_string(priority) + " " + line;
 }
 }
@@ -43,6 +46,7 @@ namespace seams {
 
 std::string take_log() {
   std::string text;
+  std::lock_guard<std::mutex> hold(g_log_lock);
   text.swap(g_log);
   return text;
 }
