@@ -20,6 +20,7 @@
 #include "policy/pol_fwd_policer.h"
 #include "policy/pol_fwd_sla_class.h"
 #include "policy/pol_pfx_list.h"
+#include "policy/pol_show_data.h"
 #include "policy/pol_site_list.h"
 #include "policy/pol_test.h"
 #include "policy/pol_tloc_list.h"
