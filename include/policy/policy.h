@@ -19,6 +19,7 @@
 #include "policy/pol_fwd_pfx_list.h"
 #include "policy/pol_fwd_policer.h"
 #include "policy/pol_fwd_sla_class.h"
+#include "policy/pol_graph.h"
 #include "policy/pol_pfx_list.h"
 #include "policy/pol_site_list.h"
 #include "policy/pol_test.h"
