@@ -89,7 +89,7 @@ class ForwardTest : public PolicyTest {
   // A failed allocation is counted and never freed.
   static void forgive(pol::MemType type) { ++g_pol_mem_info[type].frees; }
 
-  static std::string text(const t_tloc_id& tloc) {
+  static std::string printed_tloc(const t_tloc_id& tloc) {
     char buffer[128];
     return tloc_id_print_short(&tloc, buffer, sizeof buffer);
   }
@@ -98,7 +98,7 @@ class ForwardTest : public PolicyTest {
   std::string tlocs(uint32_t number) {
     std::ostringstream out;
     for (const t_tloc_entry& record : find(number)->fwd.tlocs) {
-      out << text(record.tloc) << "=" << record.label << "/" << record.preference << " ";
+      out << printed_tloc(record.tloc) << "=" << record.label << "/" << record.preference << " ";
     }
     return out.str();
   }
@@ -132,7 +132,8 @@ class ForwardTest : public PolicyTest {
         EXPECT_STREQ(item.label_set.vpn_list, "v");
         out << item.label_set.sequence << "@" << item.label_set.vpn_label << ":";
         for (uint32_t i = 0; i < item.label_set.count; ++i) {
-          out << " " << text(item.label_set.tlocs[i].tloc) << "=" << item.label_set.tlocs[i].label;
+          out << " " << printed_tloc(item.label_set.tlocs[i].tloc) << "="
+              << item.label_set.tlocs[i].label;
         }
         out << "\n";
       } else {
@@ -165,8 +166,8 @@ class ForwardTest : public PolicyTest {
                           t_pol_service_result* result, uint32_t zero) {
     EXPECT_EQ(std::pair(one, zero), std::pair(1u, 0u));
     std::ostringstream asked;
-    asked << ipv4 << ":" << int{color} << ":" << int{encap} << " " << text(*tloc) << " vpn " << vpn
-          << " service " << service << (local != 0 ? " local" : "");
+    asked << ipv4 << ":" << int{color} << ":" << int{encap} << " " << printed_tloc(*tloc) << " vpn "
+          << vpn << " service " << service << (local != 0 ? " local" : "");
     host_->asked.push_back(asked.str());
     if (host_->silent) return 0;
     const bool for_service = ipv4 == 0 && color == 0 && encap == 0;

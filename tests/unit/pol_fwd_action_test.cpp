@@ -30,7 +30,7 @@ TEST_F(FwdActionTest, TlocKeepsWhatIsNotGiven) {
   };
   for (const auto& step : steps) {
     set_tloc(1, step.tloc, step.encap_given);
-    EXPECT_EQ(text(find(1)->fwd.tloc), step.stored);
+    EXPECT_EQ(printed_tloc(find(1)->fwd.tloc), step.stored);
     EXPECT_EQ(find(1)->set_flags, POL_FWD_SET_F_TLOC);
     EXPECT_EQ(take_queued().size(), 1u) << step.stored;
   }
