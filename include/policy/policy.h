@@ -16,6 +16,7 @@
 #include "policy/pol_fwd_action.h"
 #include "policy/pol_fwd_app_id.h"
 #include "policy/pol_fwd_block.h"
+#include "policy/pol_fwd_document.h"
 #include "policy/pol_fwd_label.h"
 #include "policy/pol_fwd_match.h"
 #include "policy/pol_fwd_pfx_list.h"
@@ -31,6 +32,7 @@
 #include "policy/pol_user.h"
 #include "policy/pol_util.h"
 #include "policy/pol_vpn_list.h"
+#include "policy/pol_xml_compat.h"
 #include "policy/pol_xml_config.h"
 #include "policy/pol_yarrow_thread.h"
 
