@@ -3,12 +3,14 @@
 // logged and the operation is skipped, never tried again.
 #include "pol_xml_config_internal.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "base/pol_log.h"
 #include "base/pol_memory.h"
 #include "pol_context_internal.h"
 #include "pol_dump_internal.h"
+#include "policy/pol_fwd_document.h"
 
 const char* const pol_fwd_type2headerstr[POL_XML_TYPES] = {
     "",
@@ -67,6 +69,30 @@ void free_config(t_pol_xml_config* config) {
   pol_free(config, pol::MEM_POLICY_CONFIG);
 }
 
+bool set_text(t_pol_xml_config* config, std::string_view text) {
+  pol_free(config->text, pol::MEM_CONFIG_XML);
+  config->text = nullptr;
+  config->size = 0;
+  // A text of which no document could be made counts as one that there is no memory for.
+  if (text.size() < INT32_MAX) {
+    config->text = static_cast<char*>(pol_malloc(text.size() + 1, pol::MEM_CONFIG_XML));
+  }
+  if (config->text == nullptr) {
+    POL_LOG("Could not allocate memory\n");
+    return false;
+  }
+  memcpy(config->text, text.data(), text.size());
+  config->text[text.size()] = '\0';
+  config->size = static_cast<uint32_t>(text.size());
+  return true;
+}
+
+void note_fetch(t_pol_fetch_time* time, time_t start, time_t end) {
+  time->start = start;
+  time->end = end;
+  time->longest = std::max(time->longest, static_cast<int32_t>(end - start));
+}
+
 bool lock(t_pol_ctx* ctx) {
   int error = pthread_spin_lock(&ctx->xml_lock);
   if (error != 0) POL_LOG_ALWAYS("Lock error on xml config tree (error:%d)\n", error);
@@ -89,6 +115,19 @@ t_pol_fetch_time pol::xml_fetch_time(int32_t type, const char* name) {
   t_pol_fetch_time time = config != nullptr ? config->fetched : t_pol_fetch_time{};
   unlock(ctx);
   return time;
+}
+
+bool pol::xml_config_store(t_pol_ctx* ctx, int32_t type, const char* name, std::string_view text,
+                           time_t start) {
+  POL_LOG_AT(3, "Set xml config for policy %s of type %d (str:%.*s)\n", name, type,
+             static_cast<int>(text.size()), text.data());
+  if (ctx == nullptr || !lock(ctx)) return true;
+  XmlKey key = key_of(type, name);
+  t_pol_xml_config* config = ctx->xml_configs.find(&key);
+  bool stored = config == nullptr || set_text(config, text);
+  if (config != nullptr && stored) note_fetch(&config->fetched, start, time(nullptr));
+  unlock(ctx);
+  return stored;
 }
 
 uint32_t pol_xml_config_init(t_pol_ctx* ctx) {
@@ -162,25 +201,6 @@ uint32_t pol_xml_config_get_str(int32_t type, const char* name, char** buffer, u
   }
   int error = unlock(ctx);
   return status != POL_OK ? status : static_cast<uint32_t>(error);
-}
-
-// A buffer that was grown has no room left, so each later append grows it again: kept, the
-// document's length is settled by then.
-uint32_t pol_fwd_policy_append(const char* text, int32_t size, char** buffer, uint32_t* room) {
-  if (size < 0) return POL_OK;
-  auto added = static_cast<uint32_t>(size);
-  size_t length = *buffer != nullptr ? strlen(*buffer) : 0;
-  if (*buffer == nullptr || *room < added) {
-    auto* grown = static_cast<char*>(pol_realloc(*buffer, length + added + 1));
-    if (grown == nullptr) return POL_ENOMEM;
-    *buffer = grown;
-    *room = 0;
-  } else {
-    *room -= added;
-  }
-  memcpy(*buffer + length, text, added);
-  (*buffer)[length + added] = '\0';
-  return POL_OK;
 }
 
 int pol_dump_xml_config_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
