@@ -193,7 +193,6 @@ TEST_F(RealAgentTest, ObjectsMayGoWhileTheyAreFetched) {
   }
   EXPECT_EQ(current(pol::MEM_CONFIG_XML), 0U);
   EXPECT_EQ(current(pol::MEM_FETCH_XML), 0U);
-  RecordProperty("stored", stored);
 }
 
 TEST_F(RealAgentTest, LabelSetsReplaceWhatTheSequenceHad) {
