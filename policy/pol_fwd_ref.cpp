@@ -2,6 +2,8 @@
 // The roles in which a sequence names an object, and what is done with a role.
 #include "pol_fwd_ref.h"
 
+#include "base/pol_crash.h"
+#include "pol_fwd_block_internal.h"
 #include "policy/pol_app_list.h"
 #include "policy/pol_fwd_app_id.h"
 #include "policy/pol_fwd_pfx_list.h"
@@ -81,6 +83,10 @@ const FwdRef kFwdTlocList = {
     add_tloc_list, remove_tloc_list};
 // clang-format on
 
+void fwd_check(const t_pol_entry& entry) {
+  if (!is_forwarding(entry.block->kind) || &entry == &entry.block->default_action) crash();
+}
+
 bool fwd_ref_names(const t_pol_entry& entry, const FwdRef& ref, const char* name) {
   const NamedHead* object = fwd_object(entry, ref);
   if ((entry.*ref.flags & ref.flag) == 0 || object == nullptr) return false;
@@ -124,6 +130,7 @@ void fwd_ref_update(t_pol_ctx* ctx, const char* block_name, uint32_t kind, const
 t_pol_fwd_user* fwd_ref_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name, uint8_t* changed,
                             const FwdRef& ref) {
   if (ctx == nullptr || entry == nullptr || name == nullptr) return nullptr;
+  fwd_check(*entry);
   if (fwd_ref_names(*entry, ref, name)) return entry->fwd.user;
   entry->*ref.flags |= ref.flag;
   if (!fwd_ref_replace(ctx, entry, ref, name)) return nullptr;
@@ -133,7 +140,9 @@ t_pol_fwd_user* fwd_ref_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name
 }
 
 void fwd_ref_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed, const FwdRef& ref) {
-  if (ctx == nullptr || entry == nullptr || !fwd_ref_drop(ctx, entry, ref)) return;
+  if (ctx == nullptr || entry == nullptr) return;
+  fwd_check(*entry);
+  if (!fwd_ref_drop(ctx, entry, ref)) return;
   *changed = 1;
   pol_block_users_add_to_chg_list(ctx, entry->block);
 }

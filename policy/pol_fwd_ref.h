@@ -32,6 +32,10 @@ extern const FwdRef kFwdSlaClass;
 extern const FwdRef kFwdPolicer;
 extern const FwdRef kFwdTlocList;
 
+// Ends the process unless the entry is a sequence of a forwarding policy: others have clauses where
+// it has its roles, and so has a default action.
+void fwd_check(const t_pol_entry& entry);
+
 // The object in a role, or null.
 inline NamedHead* fwd_object(const t_pol_entry& entry, const FwdRef& ref) {
   return (entry.fwd.user->*ref.user).list;

@@ -3,6 +3,7 @@
 // logged and the operation is skipped, never tried again.
 #include "pol_xml_config_internal.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "base/pol_log.h"
@@ -68,6 +69,30 @@ void free_config(t_pol_xml_config* config) {
   pol_free(config, pol::MEM_POLICY_CONFIG);
 }
 
+bool set_text(t_pol_xml_config* config, std::string_view text) {
+  pol_free(config->text, pol::MEM_CONFIG_XML);
+  config->text = nullptr;
+  config->size = 0;
+  // A text of which no document could be made counts as one that there is no memory for.
+  if (text.size() < INT32_MAX) {
+    config->text = static_cast<char*>(pol_malloc(text.size() + 1, pol::MEM_CONFIG_XML));
+  }
+  if (config->text == nullptr) {
+    POL_LOG("Could not allocate memory\n");
+    return false;
+  }
+  memcpy(config->text, text.data(), text.size());
+  config->text[text.size()] = '\0';
+  config->size = static_cast<uint32_t>(text.size());
+  return true;
+}
+
+void note_fetch(t_pol_fetch_time* time, time_t start, time_t end) {
+  time->start = start;
+  time->end = end;
+  time->longest = std::max(time->longest, static_cast<int32_t>(end - start));
+}
+
 bool lock(t_pol_ctx* ctx) {
   int error = pthread_spin_lock(&ctx->xml_lock);
   if (error != 0) POL_LOG_ALWAYS("Lock error on xml config tree (error:%d)\n", error);
@@ -90,6 +115,19 @@ t_pol_fetch_time pol::xml_fetch_time(int32_t type, const char* name) {
   t_pol_fetch_time time = config != nullptr ? config->fetched : t_pol_fetch_time{};
   unlock(ctx);
   return time;
+}
+
+bool pol::xml_config_store(t_pol_ctx* ctx, int32_t type, const char* name, std::string_view text,
+                           time_t start) {
+  POL_LOG_AT(3, "Set xml config for policy %s of type %d (str:%.*s)\n", name, type,
+             static_cast<int>(text.size()), text.data());
+  if (ctx == nullptr || !lock(ctx)) return true;
+  XmlKey key = key_of(type, name);
+  t_pol_xml_config* config = ctx->xml_configs.find(&key);
+  bool stored = config == nullptr || set_text(config, text);
+  if (config != nullptr && stored) note_fetch(&config->fetched, start, time(nullptr));
+  unlock(ctx);
+  return stored;
 }
 
 uint32_t pol_xml_config_init(t_pol_ctx* ctx) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <ctime>
+#include <string_view>
 
 #include "kel/avl.h"
 #include "policy/pol_xml_config.h"
@@ -28,5 +29,10 @@ namespace pol {
 
 // All 0 for an object that the cache does not know.
 t_pol_fetch_time xml_fetch_time(int32_t type, const char* name);
+
+// Makes `text` the object's text and notes that fetching it began at `start` and ends now. An
+// object that is gone from the cache is passed over. False without memory: it has no text then.
+[[nodiscard]] bool xml_config_store(t_pol_ctx* ctx, int32_t type, const char* name,
+                                    std::string_view text, time_t start);
 
 }  // namespace pol
