@@ -23,6 +23,8 @@ constexpr const char* kSetInk = "#1565c0";
 constexpr const char* kGrey = "#b0bec5";
 constexpr const char* kRed = "#c62828";
 
+constexpr size_t kManyRows = 60;  // sequences; more make the picture taller than a screen or two
+
 struct Group {
   uint32_t type;
   const char* title;
@@ -85,19 +87,25 @@ class Dot {
   Dot(const Graph& graph, Output* out) : graph_(graph), out_(*out) {}
 
   void write() {
-    out_.write(
-        "digraph policy {\n"
-        "  rankdir=LR; ranksep=1.6; nodesep=0.12; newrank=true; bgcolor=white; "
-        "outputorder=edgesfirst;\n"
-        "  fontname=\"Helvetica\"; fontsize=12;\n"
+    place_policies();
+    // Many policies need room for their lines to fan out in.
+    double between = 1.2 + static_cast<double>(rows_) / 50;
+    out_.print(
+        "digraph policy {{\n"
+        "  rankdir=LR; ranksep={:.1f}; nodesep=0.12; newrank=true; outputorder=edgesfirst;\n"
+        "  fontname=\"Helvetica\"; fontsize=12; bgcolor=white;\n"
         "  node [fontname=\"Helvetica\", fontsize=11, shape=box, style=\"rounded,filled\",\n"
         "        height=0.25, margin=\"0.1,0.04\"];\n"
-        "  edge [arrowsize=0.6, penwidth=0.9];\n");
+        "  edge [arrowsize=0.6, penwidth=0.9];\n",
+        std::min(between, 6.0));
     users();
     for (size_t i = 0; i < graph_.nodes.size(); ++i) {
-      if (graph_.nodes[i].type == POL_GRAPH_POLICY) policy(i);
+      if (is_policy(i)) policy(i);
     }
     for (const Group& row : kGroups) group(row);
+    column("policies", [this](size_t at) { return is_policy(at) && !right_[at]; });
+    column("objects", [this](size_t at) { return graph_.nodes[at].type < POL_GRAPH_POLICY; });
+    column("more policies", [this](size_t at) { return is_policy(at) && right_[at]; });
     edges();
     out_.write("}\n");
   }
@@ -124,6 +132,30 @@ class Dot {
     return node.elements > 0 ? fmt::format(" ({})", node.elements) : "";
   }
 
+  bool is_policy(size_t at) const { return graph_.nodes[at].type == POL_GRAPH_POLICY; }
+
+  // Few policies stand left of what they use; of many the second half stands right of it.
+  void place_policies() {
+    right_.assign(graph_.nodes.size(), false);
+    for (const GraphNode& node : graph_.nodes) rows_ += node.type == POL_GRAPH_SEQUENCE ? 1 : 0;
+    if (rows_ < kManyRows) return;
+    size_t before = 0;
+    for (size_t i = 0; i < graph_.nodes.size(); ++i) {
+      right_[i] = is_policy(i) ? before * 2 >= rows_ : right_[graph_.policy_of(i)];
+      before += graph_.nodes[i].type == POL_GRAPH_SEQUENCE ? 1 : 0;
+    }
+  }
+
+  // Stand under each other, whether or not an edge leads to them.
+  template <typename Test>
+  void column(const char* what, Test test) {
+    out_.print("  {{ rank=same; /* {} */", what);
+    for (size_t i = 0; i < graph_.nodes.size(); ++i) {
+      if (test(i)) out_.print(" n{};", i);
+    }
+    out_.write(" }\n");
+  }
+
   void users() {
     for (size_t i = 0; i < graph_.nodes.size(); ++i) {
       const GraphNode& node = graph_.nodes[i];
@@ -132,9 +164,7 @@ class Dot {
       if (node.direction != POL_DIR_NONE) {
         name += fmt::format(" ({})", pol_util_dir_str(node.direction));
       }
-      out_.print(
-          "  n{} [label=<{}>, shape=cds, style=filled, fillcolor=\"#eceff1\", color=\"{}\"];\n", i,
-          html(name), kInk);
+      out_.print("  n{} [label=<{}>, fillcolor=\"#eceff1\", color=\"{}\"];\n", i, html(name), kInk);
     }
   }
 
@@ -182,10 +212,11 @@ class Dot {
                       : node.action == POL_ACCEPT ? "#2e7d32"
                                                   : kSetInk;
     std::string policy = html(graph_.nodes[graph_.policy_of(at)].name);
-    out_.print("    <tr><td align=\"left\"><font color=\"#78909c\">{}/</font>{}</td>", policy,
-               node.sequence);
-    out_.print("<td port=\"p{}\" align=\"left\"><font color=\"{}\">{}</font></td></tr>\n", at, ink,
-               action.empty() ? " " : action);
+    std::string port = fmt::format(" port=\"p{}\"", at);
+    out_.print("    <tr><td{} align=\"left\"><font color=\"#78909c\">{}/</font>{}</td>",
+               right_[at] ? port : "", policy, node.sequence);
+    out_.print("<td{} align=\"left\"><font color=\"{}\">{}</font></td></tr>\n",
+               right_[at] ? "" : port, ink, action.empty() ? " " : action);
   }
 
   void group(const Group& group) {
@@ -224,11 +255,15 @@ class Dot {
           std::all_of(roles.begin(), roles.end(), [](const auto& role) { return is_set(role); });
       std::string from = ends.first == SIZE_MAX ? "gone" : end_of(ends.first);
       gone = gone || ends.first == SIZE_MAX;
-      out_.print("  {}:e -> {}:w [color=\"{}\"{}, tooltip=\"{}\"];\n", from, end_of(ends.second),
-                 dead  ? kRed
-                 : set ? kSetInk
-                       : "#90a4ae",
-                 dead ? ", style=dashed" : "", joined(roles, ", "));
+      const char* ink = dead ? kRed : set ? kSetInk : "#90a4ae";
+      std::string look = fmt::format("color=\"{}\"{}, tooltip=\"{}\"", ink,
+                                     dead ? ", style=dashed" : "", joined(roles, ", "));
+      bool from_right = ends.first != SIZE_MAX && right_[ends.first];
+      if (from_right || right_[ends.second]) {
+        out_.print("  {}:e -> {}:w [dir=back, {}];\n", end_of(ends.second), from, look);
+      } else {
+        out_.print("  {}:e -> {}:w [{}];\n", from, end_of(ends.second), look);
+      }
     }
     if (gone)
       out_.print("  gone [label=\"deleted sequence\", color=\"{0}\", fontcolor=\"{0}\"];\n", kRed);
@@ -236,6 +271,8 @@ class Dot {
 
   const Graph& graph_;
   Output& out_;
+  size_t rows_ = 0;         /* sequences, in all */
+  std::vector<bool> right_; /* by node: stands right of what it uses */
 };
 
 // "prefix-list reserved", "data-policy corp/corporate/10".

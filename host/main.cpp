@@ -120,6 +120,7 @@ void add_agent(CLI::App* command, polctl::PolicyOptions* options) {
           },
           "take the configuration of a running agent (port 3010, or YARROW_IPC_PORT)")
       ->expected(0, 1)
+      ->allow_extra_args(false)
       ->option_text("[PORT]");
 }
 
@@ -140,6 +141,7 @@ void add_live(CLI::App* command, polctl::PolicyOptions* options) {
           },
           "ask a running \"polctl serve\" at its socket")
       ->expected(0, 1)
+      ->allow_extra_args(false)
       ->option_text("[SOCKET]");
 }
 
