@@ -60,8 +60,9 @@ int answer_document(const DocumentOptions& options, const ForwardingManager& man
     return kDone;
   }
   std::string text = manager.document();
-  out->write(options.pretty ? pretty_xml(text) : text);
-  if (!options.pretty) out->write("\n");
+  if (options.pretty) text = pretty_xml(text);
+  if (text.back() != '\n') text += '\n';
+  out->write(text);
   return kDone;
 }
 

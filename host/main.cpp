@@ -120,7 +120,6 @@ void add_agent(CLI::App* command, polctl::PolicyOptions* options) {
           },
           "take the configuration of a running agent (port 3010, or YARROW_IPC_PORT)")
       ->expected(0, 1)
-      ->allow_extra_args(false)
       ->option_text("[PORT]");
 }
 
@@ -137,11 +136,11 @@ void add_live(CLI::App* command, polctl::PolicyOptions* options) {
       ->add_option_function<std::vector<std::string>>(
           "--live",
           [options](const std::vector<std::string>& given) {
-            options->live = given.empty() ? polctl::default_socket() : given.front();
+            bool named = !given.empty() && !given.front().empty();
+            options->live = named ? given.front() : polctl::default_socket();
           },
           "ask a running \"polctl serve\" at its socket")
       ->expected(0, 1)
-      ->allow_extra_args(false)
       ->option_text("[SOCKET]");
 }
 

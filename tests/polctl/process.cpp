@@ -131,6 +131,45 @@ Outcome run_polctl(const Invocation& invocation) {
   return outcome;
 }
 
+std::unique_ptr<RunningPolctl> start_polctl(const std::vector<std::string>& args) {
+  Pipe in = make_pipe();
+  Pipe out = make_pipe();
+  pid_t child = fork();
+  if (child < 0) abort();
+  if (child == 0) become_polctl({args, ""}, in.read, out.write, out.write);
+  for (int fd : {in.read, in.write, out.write}) close(fd);
+  return std::make_unique<RunningPolctl>(child, out.read);
+}
+
+std::string RunningPolctl::next_line() {
+  for (;;) {
+    size_t end = read_.find('\n');
+    if (end != std::string::npos) {
+      std::string line = read_.substr(0, end);
+      read_.erase(0, end + 1);
+      return line;
+    }
+    pollfd wait = {out_, POLLIN, 0};
+    char block[4096];
+    ssize_t got = poll(&wait, 1, 30000) > 0 ? read(out_, block, sizeof block) : 0;
+    if (got <= 0) return "";
+    read_.append(block, static_cast<size_t>(got));
+  }
+}
+
+int RunningPolctl::stop(int signal) {
+  int status = 0;
+  kill(child_, signal);
+  waitpid(child_, &status, 0);
+  child_ = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+RunningPolctl::~RunningPolctl() {
+  if (child_ > 0) stop(SIGKILL);
+  close(out_);
+}
+
 std::string temporary_file(const std::string& content) {
   struct Files {
     std::vector<std::string> paths;

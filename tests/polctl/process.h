@@ -4,6 +4,9 @@
 #ifndef TESTS_POLCTL_PROCESS_H
 #define TESTS_POLCTL_PROCESS_H
 
+#include <sys/types.h>
+
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -26,6 +29,26 @@ struct Invocation {
 
 // Runs in the directory of the goldens.
 Outcome run_polctl(const Invocation& invocation);
+
+// A polctl that goes on running, until it is stopped or forgotten.
+class RunningPolctl {
+ public:
+  RunningPolctl(pid_t child, int out) : child_(child), out_(out) {}
+  ~RunningPolctl();
+  RunningPolctl(const RunningPolctl&) = delete;
+  RunningPolctl& operator=(const RunningPolctl&) = delete;
+
+  // The next line of its output and errors; "" when none comes within 30 seconds.
+  std::string next_line();
+  // Sends a signal; its exit status, or 128 and the signal that ended it.
+  int stop(int signal);
+
+ private:
+  pid_t child_;
+  int out_;
+  std::string read_;
+};
+std::unique_ptr<RunningPolctl> start_polctl(const std::vector<std::string>& args);
 
 // Writes a file that lives as long as the test program.
 std::string temporary_file(const std::string& content);

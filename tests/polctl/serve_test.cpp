@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A host that keeps running: asked over its socket, while commits are made at its agent.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <memory>
+#include <thread>
+
+#include "agent_link.h"
+#include "forwarding.h"
+#include "live_request.h"
+#include "live_server.h"
+#include "process.h"
+#include "yarrow/yarrow_maapi.h"
+
+namespace {
+
+const std::string kConfig = POLCTL_GOLDENS "/forward.xml";
+const std::string kTlocs = POLCTL_GOLDENS "/forward_tlocs.jsonl";
+
+class ServeTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    socket_ = testing::TempDir() + "polctl_serve_" + std::to_string(getpid()) + ".sock";
+    server_ = start_polctl(
+        {"serve", "--config", kConfig, "--tlocs", kTlocs, "--port", "0", "--socket", socket_});
+    std::string line = server_->next_line();
+    size_t at = line.find("port ");
+    ASSERT_NE(at, std::string::npos) << line;
+    port_ = static_cast<uint16_t>(std::stoi(line.substr(at + 5)));
+  }
+
+  Outcome ask(std::vector<std::string> args, const std::string& input = "") {
+    args.push_back("--live=" + socket_);
+    return run_polctl({args, input});
+  }
+
+  void commit(const std::string& xml) {
+    polctl::ConfigSession session(port_);
+    std::vector<polctl::ConfigFault> faults;
+    std::vector<std::string> files = {temporary_file(xml)};
+    session.load(files, &faults);
+    ASSERT_TRUE(faults.empty());
+    ASSERT_TRUE(session.commit(files, &faults));
+  }
+
+  // What the socket answers to bytes; "" when it just closes.
+  std::string raw(const std::string& bytes) const {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = polctl::socket_address(socket_);
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    std::string answer;
+    char block[4096];
+    for (ssize_t got = 0; (got = recv(fd, block, sizeof block, 0)) > 0;) {
+      answer.append(block, static_cast<size_t>(got));
+    }
+    close(fd);
+    return answer;
+  }
+
+  std::string socket_;
+  uint16_t port_ = 0;
+  std::unique_ptr<RunningPolctl> server_;
+};
+
+TEST_F(ServeTest, AnswersAsTheCommandsDoAndFollowsCommits) {
+  for (const char* command : {"labels", "document"}) {
+    Outcome live = ask({command});
+    Outcome alone = run_polctl({{command, "--config", kConfig, "--tlocs", kTlocs}, ""});
+    EXPECT_EQ(live.out, alone.out) << live.err;
+    EXPECT_EQ(live.status, 0);
+  }
+  EXPECT_NE(ask({"graph"}).out.find("data-policy branch <- forwarding from-service"),
+            std::string::npos);
+  Outcome eval = ask({"eval", "--policy", "out", "--json"}, "10.0.0.0/8\nnonsense\n");
+  EXPECT_EQ(eval.status, 2);
+  EXPECT_NE(eval.out.find("\"action\":\"reject\""), std::string::npos);
+  EXPECT_EQ(eval.err.rfind("<stdin>:2:1: error: ", 0), 0u) << eval.err;
+
+  commit(R"(<policy xmlns="urn:zenodra:yang:policy"><lists><tloc-list><name>hubs</name><tloc>
+      <address>10.0.0.3</address><color>mpls</color><encap>ipsec</encap></tloc></tloc-list>
+      <app-list><name>fresh</name></app-list></lists></policy>)");
+  EXPECT_NE(ask({"labels"}).out.find(", 10.0.0.3 mpls ipsec label 1003"), std::string::npos);
+  EXPECT_NE(ask({"document"})
+                .out.find("<address>10.0.0.3</address><color>mpls</color><encap>ipsec"
+                          "</encap></tloc></tloc-list>"),
+            std::string::npos);
+  EXPECT_NE(ask({"graph"}).out.find("app-list fresh"), std::string::npos);
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+  EXPECT_NE(access(socket_.c_str(), F_OK), 0) << "its file goes with it";
+}
+
+TEST_F(ServeTest, KeepsToItsUserAndToItsBounds) {
+  struct stat status;
+  ASSERT_EQ(stat(socket_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
+  EXPECT_EQ(run_polctl({{"serve", "--port", "0", "--socket", socket_}, ""}).status, 2)
+      << "one host a socket";
+  EXPECT_EQ(run_polctl({{"serve", "--port", std::to_string(port_), "--socket", socket_ + "2"}, ""})
+                .status,
+            2)
+      << "one agent a port";
+
+  polctl::LiveRequest request = {polctl::DumpOptions(), ""};
+  std::string options = polctl::encode_options(request);
+  auto head = [](size_t options_size, size_t input_size) {
+    return polctl::encode(polctl::RequestHead{static_cast<uint32_t>(options_size),
+                                              static_cast<uint32_t>(input_size)});
+  };
+  EXPECT_EQ(raw("GET / HTTP/1.0\r\n\r\n"), "");
+  EXPECT_EQ(raw(head(polctl::kMaxRequestOptions + 1, 0)), "");
+  EXPECT_EQ(raw(head(2, polctl::kMaxRequestInput + 1)), "");
+  for (const char* bad : {"{}", "[]", "nonsense", R"({"command":"serve"})",
+                          R"({"command":"dump","topic":7})", R"({"command":"dump","topic":"x"})"}) {
+    EXPECT_NE(raw(head(strlen(bad), 0) + bad).find("polctl: error: "), std::string::npos) << bad;
+  }
+
+  // Clients that say nothing do not keep others from an answer.
+  std::vector<int> silent;
+  for (size_t i = 0; i < polctl::LiveServer::kMaxClients - 1; ++i) {
+    silent.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address = polctl::socket_address(socket_);
+    ASSERT_EQ(connect(silent.back(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  }
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 4; ++i) {
+    clients.emplace_back([&] {
+      EXPECT_NE(raw(head(options.size(), 0) + options).find("ROUTE POLICIES"), std::string::npos);
+    });
+  }
+  for (std::thread& client : clients) client.join();
+  for (int fd : silent) close(fd);
+  EXPECT_EQ(server_->stop(SIGINT), 0);
+}
+
+// What the forwarding manager is given, the schema takes as received policy.
+TEST_F(ServeTest, TheDocumentIsValidAsReceivedPolicy) {
+  commit(ask({"document"}).out);
+  EXPECT_NE(ask({"dump", "users"}).status, 2) << "the host passes over what is none of its own";
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+}
+
+}  // namespace
