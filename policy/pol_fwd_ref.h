@@ -7,7 +7,8 @@
 // could not be had (t_pol_clause_user.stale), and none once the old one is freed.
 #pragma once
 
-#include "pol_context_internal.h"
+#include "base/pol_crash.h"
+#include "pol_fwd_block_internal.h"
 #include "policy/pol_fwd_match.h"
 
 namespace pol {
@@ -32,9 +33,15 @@ extern const FwdRef kFwdSlaClass;
 extern const FwdRef kFwdPolicer;
 extern const FwdRef kFwdTlocList;
 
+// A sequence of another kind of policy ends the process.
+inline t_pol_fwd_user* fwd_user(const t_pol_entry& entry) {
+  if (!is_forwarding(entry)) crash();
+  return entry.fwd.user;
+}
+
 // The object in a role, or null.
 inline NamedHead* fwd_object(const t_pol_entry& entry, const FwdRef& ref) {
-  return (entry.fwd.user->*ref.user).list;
+  return (fwd_user(entry)->*ref.user).list;
 }
 
 // Whether the role is in force and its object has this name.
