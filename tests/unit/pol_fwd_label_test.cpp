@@ -183,7 +183,9 @@ TEST_F(FwdLabelTest, ChangedTlocListsAreLabeledInOnePass) {
 
   // Set clauses are no actions: of a route policy, and of a data policy's default action.
   pol_entry_set_tloc_list_add(ctx, entry(block("r"), 1), "r", &changed);
-  pol_entry_set_tloc_list_add(ctx, &block("p", POL_KIND_DATA)->default_action, "r", &changed);
+  t_pol_entry* other = &block("p", POL_KIND_DATA)->default_action;
+  pol_entry_match_preference_add(ctx, other, 1, &changed);  // where a sequence has its record
+  pol_entry_set_tloc_list_add(ctx, other, "r", &changed);
   list_tloc("r", tloc4(kA));
   pol_config_update_tloc_list(nullptr, ctx);
   EXPECT_EQ(labeled(), "");
