@@ -13,7 +13,6 @@
 
 namespace {
 
-using pol::FwdRef;
 using pol::NamedHead;
 
 // The families' user operations in one shape. `kKind` is the direction of those that take one.
