@@ -266,7 +266,7 @@ TEST_F(RealAgentTest, ShowDataIsPublishedCountedAndCleared) {
 }
 
 TEST_F(RealAgentTest, ReceivedPolicyIsDeletedOnceTheDatabaseIsFree) {
-  const std::string received = "<policy-from-pellux xmlns=\"urn:zenodra:yang:policy\">" +
+  const std::string received = "<policy-from-pellux xmlns=\"urn:zenodra:policy\">" +
                                object(kKinds[7], kKinds[7].first) + "</policy-from-pellux>";
   int trans = session_.begin();
   ASSERT_EQ(pol_fwd_policy_yarrow_set(session_.fd(), trans, static_cast<uint32_t>(received.size()),
