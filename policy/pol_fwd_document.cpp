@@ -274,6 +274,7 @@ char* taken_over(char* filtered, uint32_t filtered_length, uint32_t* length) {
 
 char* enveloped(string_view open, string_view close, const char* body, uint32_t body_length,
                 uint32_t* length) {
+  if (length == nullptr) return nullptr;
   *length = 0;
   if (body == nullptr) return made_envelope({kConfigOpen, open, close, kConfigClose}, length);
   uint32_t whole = 0;

@@ -191,6 +191,7 @@ char* filtered(const char* name_space, xmlDoc* doc, uint32_t* out_length) {
 
 char* pol_xml_fetch_compat_config(const char* name_space, const char* text, uint32_t length,
                                   uint32_t* out_length) {
+  if (out_length == nullptr) return nullptr;
   xmlDoc* doc = parse(text, length);
   if (doc == nullptr) {
     POL_LOG_ALWAYS("Error parsing XML\n");

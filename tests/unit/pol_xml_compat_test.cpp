@@ -138,6 +138,10 @@ TEST_F(CompatTest, HostileTextIsRefusedOrBounded) {
     EXPECT_EQ(result.log, "Error parsing XML\n") << text.substr(0, 200);
   }
   unlink(secret);
+  seams::take_log();
+  uint32_t length = 0;
+  EXPECT_EQ(pol_xml_fetch_compat_config(kNamespace, "<", (256u << 20) + 1, &length), nullptr);
+  EXPECT_NE(seams::take_log().find("Error parsing XML\n"), std::string::npos);
   Result unbound = filtered(policy("<new/>"), nullptr);
   EXPECT_EQ(unbound.text, "(none)");
   EXPECT_NE(unbound.log.find("Error registering namespace\nError removing incompat nodes\n"),
