@@ -58,10 +58,12 @@ class RealAgentTest : public PolicyTest {
     setenv(YARROW_PORT_VARIABLE, std::to_string(agent_.port()).c_str(), 1);
     g_show_file = directory_.path() + "/show.xml";
     g_waits = 0;
+    seams::log_of_all_threads(true);
     PolicyTest::SetUp();
   }
   void TearDown() override {
     PolicyTest::TearDown();
+    seams::log_of_all_threads(false);
     unsetenv(YARROW_PORT_VARIABLE);
     g_on_wait = nullptr;
     seams::take_log();
