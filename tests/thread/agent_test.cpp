@@ -174,7 +174,6 @@ TEST_F(RealAgentTest, EveryTypeIsFetchedReplacedAndGone) {
 TEST_F(RealAgentTest, ObjectsMayGoWhileTheyAreFetched) {
   const Kind& kind = kKinds[3];
   const std::string inner(kind.first);
-  int stored = 0;
   for (int round = 0; round < 60; ++round) {
     ASSERT_EQ(why(session_.commit(document(kind, inner))), "ok");
     pol_xml_config_find_or_create(kind.type, kName);
@@ -190,12 +189,10 @@ TEST_F(RealAgentTest, ObjectsMayGoWhileTheyAreFetched) {
     wait_until_idle();
     std::string text = cached(kind.type);
     EXPECT_TRUE(text == "none" || text == object(kind, inner)) << text;
-    stored += text == "none" ? 0 : 1;
     pol_xml_config_find_and_delete(kind.type, kName);
   }
   EXPECT_EQ(current(pol::MEM_CONFIG_XML), 0U);
   EXPECT_EQ(current(pol::MEM_FETCH_XML), 0U);
-  RecordProperty("stored", stored);
 }
 
 TEST_F(RealAgentTest, LabelSetsReplaceWhatTheSequenceHad) {
@@ -248,13 +245,15 @@ TEST_F(RealAgentTest, ShowDataIsPublishedCountedAndCleared) {
   std::string lists;
   std::string objects = "<app-id><name>i</name></app-id>";
   for (const Kind& kind : kKinds) (kind.list ? lists : objects) += object(kind, kind.second);
-  const std::string text =
-      policy("<from-pellux><lists>" + lists + "</lists>" + objects + "</from-pellux>");
-  for (int i = 0; i < 2; ++i) {  // merged into itself the second time
-    EXPECT_EQ(pol_show_fwd_policy_yarrow_set(text.c_str()), POL_OK) << seams::take_log();
-    for (const char* path : pol_show_data_pol_from_pellux) {
-      EXPECT_EQ(count(path, MAAPI_OPERATIONAL), 1) << path;
-    }
+  auto received = [](const std::string& inner) {
+    return policy("<from-pellux>" + inner + "</from-pellux>");
+  };
+  // Each is merged into what is there, also a second time.
+  for (const std::string& part : {"<lists>" + lists + "</lists>", objects, objects}) {
+    EXPECT_EQ(pol_show_fwd_policy_yarrow_set(received(part).c_str()), POL_OK) << seams::take_log();
+  }
+  for (const char* path : pol_show_data_pol_from_pellux) {
+    EXPECT_EQ(count(path, MAAPI_OPERATIONAL), 1) << path;
   }
   seams::take_log();
   EXPECT_EQ(pol_show_fwd_policy_yarrow_set(policy("<no-such/>").c_str()), POL_EAGENT);

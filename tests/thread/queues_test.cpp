@@ -280,6 +280,9 @@ TEST_F(QueuesTest, EachStepOfTheEndFailsAndMayBeTakenAgain) {
     g_pol_mem_info[pol::MEM_THREAD_ITEM].frees += memory ? 1 : 0;  // counted, and never there
     EXPECT_EQ(current(pol::MEM_THREAD_ITEM), 0U);
   }
+  const uint64_t asked = g_pol_mem_info[pol::MEM_THREAD_ITEM].allocs;
+  EXPECT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
+  EXPECT_EQ(g_pol_mem_info[pol::MEM_THREAD_ITEM].allocs, asked) << "nobody is there to be asked";
 }
 
 TEST_F(QueuesTest, AWorkerThatDoesNotEndKeepsItsContext) {
