@@ -59,12 +59,14 @@ fuzz:
 
 bench: setup
 	@cmake --preset bench --log-level=WARNING >/dev/null
-	@$(call CMAKE_BUILD,bench) --target pol_bench
+	@$(call CMAKE_BUILD,bench) --target pol_bench agent_bench config_bench document_bench
 	@build-bench/bin/pol_bench
 	@printf '\n'
 	@build-bench/bin/agent_bench
 	@printf '\n'
 	@build-bench/bin/config_bench
+	@printf '\n'
+	@build-bench/bin/document_bench
 
 # Installs what `make build` leaves and writes nothing else, so that a build by the user can be
 # installed by root.

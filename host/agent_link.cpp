@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <string_view>
@@ -95,15 +96,17 @@ std::string agent_problem() {
   return reason.empty() ? yarrow_strerror(yarrow_errno) : reason;
 }
 
-EmbeddedAgent::EmbeddedAgent() {
+EmbeddedAgent::EmbeddedAgent(uint16_t port) {
   unsetenv(YARROW_PORT_VARIABLE);
   std::string problem;
-  handle_ = agent::start({}, &problem);
+  agent::Options options;
+  options.port = port;
+  handle_ = agent::start(options, &problem);
   if (!handle_) {
-    throw InputError(
-        fmt::format("polctl: error: the agent does not start: {} (expected a free port "
-                    "on the loopback address)",
-                    problem));
+    std::string which = port == 0 ? "a free port" : fmt::format("port {} free", port);
+    throw InputError(fmt::format(
+        "polctl: error: the agent does not start: {} (expected {} on the loopback address)",
+        problem, which));
   }
   agent::run_in_thread(*handle_);
 }
@@ -127,6 +130,24 @@ uint16_t running_agent_port(const std::string& given) {
   return port;
 }
 
+UnreachablePort::UnreachablePort() : sock_(agent_socket()) {
+  // Bound, so that nobody else is, and not listening.
+  sockaddr_in address = agent_address(0);
+  socklen_t length = sizeof address;
+  auto* any = reinterpret_cast<sockaddr*>(&address);
+  if (bind(sock_, any, length) != 0 || getsockname(sock_, any, &length) != 0) {
+    close(sock_);
+    throw InputError("polctl: error: no port (expected a free one on the loopback address)");
+  }
+  port_ = ntohs(address.sin_port);
+}
+
+UnreachablePort::~UnreachablePort() { close(sock_); }
+
+void set_worker_port(uint16_t port) {
+  setenv(YARROW_PORT_VARIABLE, std::to_string(port).c_str(), 1);
+}
+
 std::string fault_line(const ConfigFault& fault, const char* severity) {
   std::string text = fault.file.empty() ? "polctl" : fault.file;
   if (fault.line > 0) text += fmt::format(":{}", fault.line);
@@ -135,7 +156,7 @@ std::string fault_line(const ConfigFault& fault, const char* severity) {
   return text + printable(fault.what);
 }
 
-ConfigSession::ConfigSession(uint16_t port) : sock_(agent_socket()) {
+ConfigSession::ConfigSession(uint16_t port) : sock_(agent_socket()), port_(port) {
   sockaddr_in address = agent_address(port);
   if (maapi_connect(sock_, reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
           YARROW_OK ||
@@ -181,6 +202,39 @@ bool ConfigSession::commit(const std::vector<std::string>& files,
     faults->push_back(std::move(fault));
   });
   return false;
+}
+
+std::string ConfigSession::save(const std::string& path) {
+  int trans = maapi_start_trans_flags2(sock_, MAAPI_RUNNING, MAAPI_READ, 0, 0, nullptr, nullptr);
+  if (trans < 0) fail("no transaction");
+  int id = maapi_save_config(sock_, trans, YARROW_CONFIG_XML, "%s", path.c_str());
+  bool nothing = id < 0 && yarrow_errno == YARROW_ERR_NOEXISTS;
+  std::string text;
+  if (id >= 0) text = read_stream(id);
+  if (id < 0 && !nothing) fail("no configuration");
+  maapi_finish_trans(sock_, trans);
+  return text;
+}
+
+std::string ConfigSession::read_stream(int id) const {
+  int stream = agent_socket();
+  sockaddr_in address = agent_address(port_);
+  std::string text;
+  char block[65536];
+  ssize_t got = yarrow_stream_connect(stream, reinterpret_cast<const sockaddr*>(&address),
+                                      sizeof address, id, 0) == YARROW_OK
+                    ? 1
+                    : -1;
+  while (got > 0) {
+    got = recv(stream, block, sizeof block, 0);
+    if (got < 0 && errno == EINTR)
+      got = 1;
+    else if (got > 0)
+      text.append(block, static_cast<size_t>(got));
+  }
+  close(stream);
+  if (got < 0 || maapi_save_config_result(sock_, id) != YARROW_OK) fail("no configuration");
+  return text;
 }
 
 void throw_faults(const std::vector<ConfigFault>& faults) {

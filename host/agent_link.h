@@ -28,7 +28,8 @@ std::string agent_problem();
  * connects to the ports it says, whatever the environment says (YARROW_IPC_PORT). */
 class EmbeddedAgent {
  public:
-  EmbeddedAgent();
+  /* Port 0: a free one. Throws InputError, as when the port is taken. */
+  explicit EmbeddedAgent(uint16_t port = 0);
   ~EmbeddedAgent();
   EmbeddedAgent(const EmbeddedAgent&) = delete;
   EmbeddedAgent& operator=(const EmbeddedAgent&) = delete;
@@ -41,6 +42,24 @@ class EmbeddedAgent {
 /* The port of a running agent: the one given, else the environment's, else the usual one. Throws
  * InputError when the text is none. */
 uint16_t running_agent_port(const std::string& given);
+
+/* A port of the loopback address that refuses every connection while this lives. */
+class UnreachablePort {
+ public:
+  UnreachablePort();
+  ~UnreachablePort();
+  UnreachablePort(const UnreachablePort&) = delete;
+  UnreachablePort& operator=(const UnreachablePort&) = delete;
+  uint16_t port() const { return port_; }
+
+ private:
+  int sock_;
+  uint16_t port_ = 0;
+};
+
+/* From now on every connect call of this process goes to that port, the library's worker's too, whose
+ * own would be YARROW_PORT. To be called before the worker is started: it changes the environment. */
+void set_worker_port(uint16_t port);
 
 /* One reason why configuration was refused. */
 struct ConfigFault {
@@ -68,8 +87,14 @@ class ConfigSession {
   /* Makes the candidate running; whether that changed anything. Refusals name paths; `files` say in which line those stand. */
   bool commit(const std::vector<std::string>& files, std::vector<ConfigFault>* faults);
 
+  /* The running configuration below the path, as XML; "" when there is none. Throws InputError. */
+  std::string save(const std::string& path);
+
  private:
+  std::string read_stream(int id) const;
+
   int sock_;
+  uint16_t port_;
 };
 
 /* Ends the command with every fault, a line each. */

@@ -6,7 +6,9 @@
 
 #include "commands.h"
 #include "input_error.h"
+#include "live_client.h"
 #include "policy/pol_dump.h"
+#include "policy/pol_yarrow_thread.h"
 
 namespace polctl {
 
@@ -29,6 +31,14 @@ constexpr Topic kTopics[] = {
     {"route-policies", pol_dump_route_policies},
     {"membership-policies", pol_dump_membership_policies},
     {"cflowd-templates", pol_dump_cflowd_policies},
+    {"forwarding-policies", pol_dump_fwd_policies},
+    {"app-lists", pol_dump_app_list_all},
+    {"data-prefix-lists", pol_dump_fwd_pfx_list_all},
+    {"data-ipv6-prefix-lists", pol_dump_fwd_pfx6_list_all},
+    {"sla-classes", pol_dump_fwd_sla_class_all},
+    {"policers", pol_dump_fwd_policer_all},
+    {"app-ids", pol_dump_fwd_app_id_all},
+    {"agent-thread", pol_dump_yarrow_thread},
     {"xml-config", pol_dump_xml_config_all},
     {"memory", pol_dump_memory_info},
 };
@@ -62,8 +72,7 @@ std::vector<std::string> dump_topics() {
   return names;
 }
 
-int run_dump(const DumpOptions& options, Output* out) {
-  PolicySource source(options.source);
+int answer_dump(const DumpOptions& options, Output* out) {
   Session session = {out, {}, '\n'};
   t_cli_user_ctx cli = {write_text, &session};
   for (const Topic& topic : kTopics) {
@@ -71,8 +80,18 @@ int run_dump(const DumpOptions& options, Output* out) {
   }
   if (!session.problem.empty()) throw InputError(session.problem);
   if (session.last != '\n') out->write("\n");
-  out->flush();
   return kDone;
+}
+
+int run_dump(const DumpOptions& options, Output* out) {
+  if (!options.source.live.empty()) return ask_live(options.source.live, {options}, out);
+  PolicyOptions from = options.source;
+  from.worker = !from.config.empty();  // an agent of our own: its texts and labels are shown too
+  PolicySource source(from);
+  if (from.worker) source.settle();
+  int status = answer_dump(options, out);
+  out->flush();
+  return status;
 }
 
 }  // namespace polctl

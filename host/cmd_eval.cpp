@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "evaluation.h"
 #include "input_error.h"
+#include "live_client.h"
 #include "route_reader.h"
 #include "summary.h"
 #include "terminal.h"
@@ -65,10 +66,20 @@ class Answers {
 }  // namespace
 
 int run_eval(const EvalOptions& options, Output* out) {
+  if (!options.source.live.empty()) {
+    EvalOptions asked = options;
+    if (asked.routes_name.empty())
+      asked.routes_name = options.routes == "-" ? "<stdin>" : options.routes;
+    return ask_live(options.source.live, {asked, read_input(options.routes)}, out);
+  }
   PolicySource source(options.source);
-  require_policy(options.policy, options.kind, source_name(options.source));
   if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);
-  RouteReader routes(options.routes);
+  return answer_eval(options, out);
+}
+
+int answer_eval(const EvalOptions& options, Output* out) {
+  require_policy(options.policy, options.kind, source_name(options.source));
+  RouteReader routes(options.routes, options.routes_name);
   if (options.routes == "-" && isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
     fputs("Type routes, one a line (10.1.0.0/16 or {\"type\":\"route\", ...}); Ctrl-D ends.\n",
           stderr);

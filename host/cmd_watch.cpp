@@ -3,12 +3,10 @@
 // polctl watch. What a daemon sees that uses policy while its configuration changes: one batch of
 // changes a commit, and its callbacks.
 #include <chrono>
-#include <cstring>
 #include <vector>
 
 #include "commands.h"
 #include "input_error.h"
-#include "kel/string.h"
 #include "policy/pol_user.h"
 #include "terminal.h"
 
@@ -42,17 +40,8 @@ class Watchers {
     for (size_t i = 0; i < policies.size(); ++i) {
       Watcher& watcher = watchers_[i];
       watcher.policy = policies[i];
-      t_pol_registration record = {};
-      strlcpy(record.user_name, watcher.policy.c_str(), sizeof record.user_name);
-      strlcpy(record.policy_name, watcher.policy.c_str(), sizeof record.policy_name);
-      record.kind = POL_KIND_ROUTE;
-      record.direction = POL_DIR_IN;
-      record.change = note_call;
-      record.user_arg = reinterpret_cast<uint64_t>(&watcher);
-      watcher.user = pol_register(&record);
-      if (watcher.user == nullptr) {
-        throw InputError("polctl: error: cannot use the policy: no memory");
-      }
+      watcher.user = register_user(watcher.policy, watcher.policy, POL_KIND_ROUTE, POL_DIR_IN,
+                                   note_call, &watcher);
     }
   }
   ~Watchers() {
@@ -87,7 +76,7 @@ const char* plural(int64_t count) { return count == 1 ? "" : "s"; }
 void commit_and_show(const WatchOptions& options, LiveConfig* live, Watchers* watchers,
                      Output* out) {
   std::vector<ConfigFault> faults;
-  ConfigSession session(live->port);
+  ConfigSession& session = *live->session;
   session.load(options.change, &faults);
   if (!faults.empty()) throw_faults(faults);
   Clock::time_point begin = Clock::now();

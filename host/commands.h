@@ -9,11 +9,15 @@
 #include <string>
 #include <vector>
 
+#include "forwarding.h"
 #include "output.h"
 #include "policy/pol_types.h"
 #include "policy_source.h"
 
 namespace polctl {
+
+/* Every command that a running host answers too (polctl serve) has two halves: run_ finds its policy
+ * and answers, or asks the host; answer_ only answers. */
 
 struct EvalOptions {
   PolicyOptions source;
@@ -21,6 +25,7 @@ struct EvalOptions {
   uint32_t kind = POL_KIND_ROUTE;
   uint32_t direction = POL_DIR_IN;
   std::string routes = "-"; /* "-" is standard input */
+  std::string routes_name;  /* what messages call them, unless "" */
   std::string tlocs;        /* empty: each TLOC resolves to itself */
   bool json = false;
   bool explain = false;
@@ -28,6 +33,7 @@ struct EvalOptions {
 
 /* Runs routes through a policy. kDone whatever the verdicts are: they are the answer. */
 int run_eval(const EvalOptions& options, Output* out);
+int answer_eval(const EvalOptions& options, Output* out);
 
 struct CheckOptions {
   std::string policy_file;
@@ -46,6 +52,48 @@ struct DumpOptions {
 
 /* Prints what the library holds once the policy is loaded. */
 int run_dump(const DumpOptions& options, Output* out);
+int answer_dump(const DumpOptions& options, Output* out);
+
+struct GraphOptions {
+  PolicyOptions source;
+  std::string format = "text"; /* or "dot" or "json" */
+};
+
+/* Shows what uses what, what is undefined and what is unused. */
+int run_graph(const GraphOptions& options, Output* out);
+int answer_graph(const GraphOptions& options, const PolicySource& source, Output* out);
+
+struct DocumentOptions {
+  PolicyOptions source;
+  AppliedPolicies applied; /* of a running host: its own count */
+  std::string tlocs;
+  bool pretty = false;
+  bool show_data = false; /* publish it, say what the agent shows, and clear that */
+};
+
+/* Prints the XML document for the applied policies. */
+int run_document(DocumentOptions options, Output* out);
+int answer_document(const DocumentOptions& options, const ForwardingManager& manager, Output* out);
+
+struct LabelsOptions {
+  PolicyOptions source;
+  std::string tlocs;
+  bool json = false;
+};
+
+/* Shows the labels that the agent's configuration holds. */
+int run_labels(LabelsOptions options, Output* out);
+int answer_labels(const LabelsOptions& options, ConfigSession* session, Output* out);
+
+struct ServeOptions {
+  PolicyOptions source;
+  AppliedPolicies applied;
+  std::string tlocs;
+  std::string socket;
+};
+
+/* Keeps agent and host running until SIGINT or SIGTERM, and answers the other commands. */
+int run_serve(ServeOptions options, Output* out);
 
 struct DiffOptions {
   std::string old_file; /* each a policy file or configuration, as its content tells */

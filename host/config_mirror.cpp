@@ -5,6 +5,19 @@
 
 namespace polctl {
 
+namespace {
+
+std::string text_of(const t_yarrow_value& value) {
+  return {reinterpret_cast<const char*>(value.val.buf.ptr), value.val.buf.size};
+}
+
+// Lets a text that was copied be the value's.
+void point_at(const std::string& text, t_yarrow_value* value) {
+  value->val.buf.ptr = const_cast<uint8_t*>(reinterpret_cast<const uint8_t*>(text.c_str()));
+}
+
+}  // namespace
+
 void LeafMirror::merge(const t_yarrow_change& change) {
   for_each_leaf(change, [this](const Scope& scope, const t_yarrow_tag_value& value) {
     if (value.v.type == C_NOEXISTS) {
@@ -13,15 +26,29 @@ void LeafMirror::merge(const t_yarrow_change& change) {
     }
     Leaf& leaf = leaves_[{scope, value.tag}];
     leaf.value = value;
-    if (value.v.type == C_BUF) {
-      leaf.text.assign(reinterpret_cast<const char*>(value.v.val.buf.ptr), value.v.val.buf.size);
+    leaf.texts.clear();
+    leaf.elements.clear();
+    if (value.v.type == C_BUF) leaf.texts.push_back(text_of(value.v));
+    if (value.v.type != C_LIST) return;
+    for (uint32_t i = 0; i < value.v.val.list.size; ++i) {
+      leaf.elements.push_back(value.v.val.list.ptr[i]);
+      if (leaf.elements.back().type == C_BUF) leaf.texts.push_back(text_of(leaf.elements.back()));
     }
+    // Once the texts stand still.
+    for (size_t i = 0; i < leaf.texts.size(); ++i) point_at(leaf.texts[i], &leaf.elements[i]);
   });
 }
 
 size_t LeafMirror::count(uint32_t tag) const {
   return static_cast<size_t>(std::count_if(
       leaves_.begin(), leaves_.end(), [&](const auto& leaf) { return leaf.first.second == tag; }));
+}
+
+size_t LeafMirror::count_in(uint32_t container) const {
+  return static_cast<size_t>(std::count_if(leaves_.begin(), leaves_.end(), [&](const auto& leaf) {
+    const Scope& scope = leaf.first.first;
+    return std::find(scope.begin(), scope.end(), container) != scope.end();
+  }));
 }
 
 std::vector<t_yarrow_tag_value> LeafMirror::values() const {
@@ -46,14 +73,35 @@ std::vector<t_yarrow_tag_value> LeafMirror::values() const {
   for (const auto& [place, leaf] : leaves_) {
     enter(place.first);
     t_yarrow_tag_value value = leaf.value;
-    if (value.v.type == C_BUF) {
-      auto* text = reinterpret_cast<const uint8_t*>(leaf.text.c_str());
-      value.v.val.buf.ptr = const_cast<uint8_t*>(text);
+    if (value.v.type == C_BUF) point_at(leaf.texts.front(), &value.v);
+    if (value.v.type == C_LIST) {
+      value.v.val.list.ptr = const_cast<t_yarrow_value*>(leaf.elements.data());
     }
     values.push_back(value);
   }
   enter({});
   return values;
+}
+
+std::string text_key(const t_yarrow_change& change, uint32_t at) {
+  return text_of(change.keys[at]);
+}
+
+void note_name(std::string_view path, const t_yarrow_change& change, ConfiguredNames* names) {
+  if (change.op == YARROW_DELETED) {
+    (*names)[path].erase(text_key(change, 0));
+  } else if (change.op == YARROW_CREATED) {
+    (*names)[path].insert(text_key(change, 0));
+  }
+}
+
+t_yarrow_change with_values(const t_yarrow_change& change, uint32_t op,
+                            const std::vector<t_yarrow_tag_value>& values) {
+  t_yarrow_change told = change;
+  told.op = op;
+  told.value_count = static_cast<uint32_t>(values.size());
+  told.values = values.data();
+  return told;
 }
 
 }  // namespace polctl

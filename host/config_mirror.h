@@ -12,7 +12,9 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -30,8 +32,11 @@ class LeafMirror {
   void merge(const t_yarrow_change& change);
 
   bool has(const Scope& scope, uint32_t tag) const { return leaves_.count({scope, tag}) != 0; }
+  bool empty() const { return leaves_.empty(); }
   /* How many leaves of that tag there are, in whatever scope. */
   size_t count(uint32_t tag) const;
+  /* How many leaves there are in containers of that tag. */
+  size_t count_in(uint32_t container) const;
 
   /* All of it, as a change that creates the entry would carry it; valid until the next merge. */
   std::vector<t_yarrow_tag_value> values() const;
@@ -39,7 +44,8 @@ class LeafMirror {
  private:
   struct Leaf {
     t_yarrow_tag_value value;
-    std::string text; /* of a C_BUF, whose pointer is set when it is handed out */
+    std::vector<t_yarrow_value> elements; /* of a C_LIST */
+    std::vector<std::string> texts;       /* of a C_BUF one, of a C_LIST of them one an element */
   };
   std::map<std::pair<Scope, uint32_t>, Leaf> leaves_;
 };
@@ -73,6 +79,10 @@ struct BoundsMirror {
   int16_t le = -1;
 };
 
+/* The names of what is configured, by the path of its list; of lists and policies alone, not of what
+ * they hold. */
+using ConfiguredNames = std::map<std::string_view, std::set<std::string>>;
+
 struct ConfigMirror {
   using Sequences = std::map<uint16_t, SequenceMirror>;
   using Spellings =
@@ -83,7 +93,18 @@ struct ConfigMirror {
   std::map<std::string, Spellings> site_lists;
   std::map<std::string, Spellings> vpn_lists;
   std::map<std::string, Bounds> prefix_lists;
+  ConfiguredNames names;
 };
+
+/* Notes that an entry of the list at `path` is there, or is gone; its name is key 0. */
+void note_name(std::string_view path, const t_yarrow_change& change, ConfiguredNames* names);
+
+/* A key that is a text. */
+std::string text_key(const t_yarrow_change& change, uint32_t at);
+
+/* The change with another operation and other values, which must live as long. */
+t_yarrow_change with_values(const t_yarrow_change& change, uint32_t op,
+                            const std::vector<t_yarrow_tag_value>& values);
 
 }  // namespace polctl
 

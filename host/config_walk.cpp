@@ -25,6 +25,7 @@
 
 #include "agent_link.h"
 #include "input_error.h"
+#include "policy/pol_block.h"
 
 namespace polctl {
 
@@ -42,7 +43,7 @@ constexpr uint32_t kTagPrefixGe = 0x0c7fba2e;
 constexpr uint32_t kTagPrefixLe = 0x10ae453c;
 
 // How a change reaches its reader.
-enum class Way { kEntry, kRange, kPrefix, kSequence, kMatch };
+enum class Way { kEntry, kRange, kPrefix, kCollector, kSequence, kMatch };
 
 }  // namespace
 
@@ -66,6 +67,19 @@ constexpr ConfigRow kRows[] = {
     {"/policy/lists/color-list/color", 2, Way::kEntry, pol_config_policy_color_list},
     {"/policy/lists/prefix-list", 1, Way::kEntry, pol_config_policy_prefix_list_name},
     {"/policy/lists/prefix-list/prefix", 2, Way::kPrefix, pol_config_policy_prefix_list},
+    {"/policy/lists/app-list", 1, Way::kEntry, pol_config_app_list_read},
+    {"/policy/lists/app-list/app", 2, Way::kEntry, pol_config_app_list_app_read},
+    {"/policy/lists/app-list/app-family", 2, Way::kEntry, pol_config_app_list_app_family_read},
+    {"/policy/lists/data-prefix-list", 1, Way::kEntry, pol_config_fwd_pfx_list_read},
+    {"/policy/lists/data-prefix-list/ip-prefix", 2, Way::kEntry, pol_config_fwd_pfx_list_ip_read},
+    {"/policy/lists/data-ipv6-prefix-list", 1, Way::kEntry, pol_config_fwd_pfx6_list_read},
+    {"/policy/lists/data-ipv6-prefix-list/ipv6-prefix", 2, Way::kEntry,
+     pol_config_fwd_pfx6_list_ip_read},
+    {"/policy/app-id", 1, Way::kEntry, pol_config_policy_app_id_read},
+    {"/policy/sla-class", 1, Way::kEntry, pol_config_policy_sla_class_read},
+    {"/policy/policer", 1, Way::kEntry, pol_config_fwd_policer_read},
+    {"/policy/cflowd-template", 1, Way::kEntry, pol_config_cflowd_template_read},
+    {"/policy/cflowd-template/collector", 2, Way::kCollector, pol_config_cflowd_collector_read},
     {"/policy/control-policy", 1, Way::kEntry, pol_config_control_policy_read},
     {"/policy/control-policy/sequence", 2, Way::kSequence, pol_config_control_policy_seq_read},
     {"/policy/control-policy/sequence/match", 3, Way::kMatch, pol_config_control_policy_match_read},
@@ -88,11 +102,6 @@ const ConfigRow& row_of_match() {
   static const ConfigRow* row = std::find_if(std::begin(kRows), std::end(kRows),
                                              [](const auto& r) { return r.way == Way::kMatch; });
   return *row;
-}
-
-std::string text_key(const t_yarrow_change& change, uint32_t at) {
-  const t_yarrow_value& key = change.keys[at];
-  return {reinterpret_cast<const char*>(key.val.buf.ptr), key.val.buf.size};
 }
 
 // A member's text as the readers take it: numbers cut to 32 bits, one number for both ends.
@@ -150,15 +159,6 @@ std::vector<t_yarrow_tag_value> with_origin_removed(const t_yarrow_change& chang
   return values;
 }
 
-t_yarrow_change with_values(const t_yarrow_change& change, uint32_t op,
-                            const std::vector<t_yarrow_tag_value>& values) {
-  t_yarrow_change told = change;
-  told.op = op;
-  told.value_count = static_cast<uint32_t>(values.size());
-  told.values = values.data();
-  return told;
-}
-
 }  // namespace
 
 void ConfigWalk::take(const t_yarrow_batch* batch) {
@@ -169,7 +169,7 @@ void ConfigWalk::take(const t_yarrow_batch* batch) {
     const ConfigRow* row = row_of(change);
     uint32_t next = at + 1;
     if (row == nullptr) {
-      ++unread_;
+      if (!forward_.take(change, &mirror_.names)) ++unread_;
     } else if (row->way == Way::kSequence) {
       next = take_sequence(*row, batch, at);
     } else {
@@ -183,12 +183,20 @@ void ConfigWalk::take(const t_yarrow_batch* batch) {
 }
 
 void ConfigWalk::take_entry(const ConfigRow& row, const t_yarrow_change& change) {
+  if (row.level == 1) note_name(row.path, change, &mirror_.names);
   // Only something in it changed; a member's reader would take this for a member without leaves.
   if (change.op == YARROW_MODIFIED && change.value_count == 0) return;
   if (row.way == Way::kRange) return take_range(row, change);
   if (row.way == Way::kPrefix) return take_prefix(row, change);
+  if (row.way == Way::kCollector) return take_collector(row, change);
   if (change.op == YARROW_DELETED && row.level == 1) forget(row, change);
   hand(row, change);
+}
+
+// The reader ends the process for a collector without its template.
+void ConfigWalk::take_collector(const ConfigRow& row, const t_yarrow_change& change) {
+  std::string name = text_key(change, 0);
+  if (pol_block_find(ctx_, name.c_str(), POL_KIND_CFLOWD, nullptr) != nullptr) hand(row, change);
 }
 
 void ConfigWalk::forget(const ConfigRow& row, const t_yarrow_change& change) {

@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "config_mirror.h"
+#include "forward_walk.h"
 #include "policy/pol_config.h"
 
 namespace polctl {
@@ -21,19 +22,25 @@ struct ConfigRow;
 
 class ConfigWalk {
  public:
-  explicit ConfigWalk(t_pol_ctx* ctx) : ctx_(ctx) {}
+  explicit ConfigWalk(t_pol_ctx* ctx) : ctx_(ctx), forward_(ctx) {}
 
   /* REQUIRES: the batches of one subscription from its initial one on, in order. */
   void take(const t_yarrow_batch* batch);
 
+  /* To be called before the context is destroyed; then nothing more may be taken. */
+  void release() { forward_.release_all(); }
+
+  const ConfiguredNames& configured() const { return mirror_.names; }
+
   uint64_t changes() const { return changes_; }
-  /* Changes of paths that no reader takes yet, such as data policies. */
+  /* Changes of paths that no reader takes, such as labels that the library wrote. */
   uint64_t unread() const { return unread_; }
 
  private:
   void take_entry(const ConfigRow& row, const t_yarrow_change& change);
   void take_range(const ConfigRow& row, const t_yarrow_change& change);
   void take_prefix(const ConfigRow& row, const t_yarrow_change& change);
+  void take_collector(const ConfigRow& row, const t_yarrow_change& change);
   uint32_t take_sequence(const ConfigRow& row, const t_yarrow_batch* batch, uint32_t at);
   void forget(const ConfigRow& row, const t_yarrow_change& change);
   void retell(const t_yarrow_change& head, const SequenceMirror& sequence);
@@ -41,6 +48,7 @@ class ConfigWalk {
 
   t_pol_ctx* ctx_;
   ConfigMirror mirror_;
+  ForwardWalk forward_;
   uint64_t changes_ = 0;
   uint64_t unread_ = 0;
 };
@@ -67,6 +75,9 @@ class ConfigFeed {
    * changes it held, -1 when the time is over (negative: no limit) or the agent has closed. Throws
    * InputError. */
   int64_t next(int timeout_ms, ConfigWalk* walk);
+
+  /* To be polled for input. */
+  int fd() const { return sock_; }
 
  private:
   int sock_;

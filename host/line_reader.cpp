@@ -22,8 +22,11 @@ namespace {
 
 }  // namespace
 
-LineReader::LineReader(const std::string& path)
-    : name_(path == "-" ? "<stdin>" : path), buffer_(4 * kMaxLine) {
+LineReader::LineReader(const std::string& path, const std::string& name)
+    : name_(!name.empty() ? name
+            : path == "-" ? "<stdin>"
+                          : path),
+      buffer_(4 * kMaxLine) {
   fd_ = path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
                     : open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd_ < 0) fail(name_, errno);

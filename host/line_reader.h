@@ -17,8 +17,9 @@ class LineReader {
  public:
   static constexpr size_t kMaxLine = size_t{64} * 1024; /* bytes of a line that are kept */
 
-  /* Opens a file, or standard input for "-". Throws InputError when that fails. */
-  explicit LineReader(const std::string& path);
+  /* Opens a file, or standard input for "-"; messages call it `name` unless that is "". Throws
+   * InputError when that fails. */
+  explicit LineReader(const std::string& path, const std::string& name = "");
   ~LineReader();
   LineReader(const LineReader&) = delete;
   LineReader& operator=(const LineReader&) = delete;

@@ -12,6 +12,8 @@
 #include "address_text.h"
 #include "commands.h"
 #include "input_error.h"
+#include "live_client.h"
+#include "yarrow/yarrow_types.h"
 
 namespace {
 
@@ -70,18 +72,45 @@ files are committed, and the batch of changes and every callback are shown with
 their time since the commit began. Without it every commit that others make is
 shown, until the agent ends.)";
 
+constexpr const char* kGraphHelp = R"(Examples:
+  polctl graph --config sdwan.xml
+  polctl graph --config sdwan.xml --format dot | dot -Tsvg > policy.svg
+  polctl graph --live --format json
+
+Lists, objects, policies with their VPN lists and sequences, and registered
+users. What is used without being configured is marked as undefined, what is
+configured and used by nobody as unused.)";
+
+constexpr const char* kDocumentHelp = R"(Examples:
+  polctl document --config sdwan.xml --pretty
+  polctl document --config sdwan.xml --from-service branch --app-route voice
+  polctl document --live
+
+Without the name of a policy, the only one of each kind is applied, a data policy
+in both directions. With --live the running host's own are.)";
+
+constexpr const char* kServeHelp = R"(Examples:
+  polctl serve --config sdwan.xml --tlocs tlocs.jsonl &
+  polctl labels --live
+  polctl watch --agent --change edit.xml
+
+Follows every commit that is made at the agent. SIGINT and SIGTERM end it.)";
+
 void add_policy_file(CLI::App* command, polctl::PolicyOptions* options) {
   command->add_option("--policy-file", options->policy_file, "the text policy file to load")
       ->type_name("FILE");
 }
 
-void add_agent_options(CLI::App* command, polctl::PolicyOptions* options) {
+void add_config(CLI::App* command, polctl::PolicyOptions* options) {
   command
       ->add_option(
           "--config", options->config,
           "a configuration file for the agent inside this tool; several are merged in order")
       ->type_name("FILE")
       ->allow_extra_args(false);
+}
+
+void add_agent(CLI::App* command, polctl::PolicyOptions* options) {
   command
       ->add_option_function<std::vector<std::string>>(
           "--agent",
@@ -91,7 +120,11 @@ void add_agent_options(CLI::App* command, polctl::PolicyOptions* options) {
           },
           "take the configuration of a running agent (port 3010, or YARROW_IPC_PORT)")
       ->expected(0, 1)
+      ->allow_extra_args(false)
       ->option_text("[PORT]");
+}
+
+void add_trace(CLI::App* command, polctl::PolicyOptions* options) {
   command
       ->add_option("--trace", options->trace,
                    "let the library trace to syslog, at debug level 0 to 4")
@@ -99,20 +132,67 @@ void add_agent_options(CLI::App* command, polctl::PolicyOptions* options) {
       ->option_text("LEVEL");
 }
 
+void add_live(CLI::App* command, polctl::PolicyOptions* options) {
+  command
+      ->add_option_function<std::vector<std::string>>(
+          "--live",
+          [options](const std::vector<std::string>& given) {
+            options->live = given.empty() ? polctl::default_socket() : given.front();
+          },
+          "ask a running \"polctl serve\" at its socket")
+      ->expected(0, 1)
+      ->allow_extra_args(false)
+      ->option_text("[SOCKET]");
+}
+
+void add_agent_options(CLI::App* command, polctl::PolicyOptions* options) {
+  add_config(command, options);
+  add_agent(command, options);
+  add_trace(command, options);
+}
+
 void add_source_options(CLI::App* command, polctl::PolicyOptions* options) {
   add_policy_file(command, options);
   add_agent_options(command, options);
+  add_live(command, options);
+}
+
+void add_applied(CLI::App* command, polctl::AppliedPolicies* applied) {
+  struct {
+    const char* option;
+    std::string* name;
+    const char* help;
+  } const rows[] = {
+      {"--from-service", &applied->from_service,
+       "the data policy for what comes from the service side"},
+      {"--from-tunnel", &applied->from_tunnel, "the data policy for what comes from the tunnels"},
+      {"--app-route", &applied->app_route, "the app-route policy"},
+      {"--cflowd", &applied->cflowd, "the cflowd template"}};
+  for (const auto& row : rows) {
+    command->add_option(row.option, *row.name, row.help)->type_name("NAME");
+  }
 }
 
 void require_one_source(const CLI::App* command, const polctl::PolicyOptions& options) {
   int sources = (options.policy_file.empty() ? 0 : 1) + (options.config.empty() ? 0 : 1) +
-                (options.agent ? 1 : 0);
+                (options.agent ? 1 : 0) + (options.live.empty() ? 0 : 1);
   if (sources == 1) return;
-  bool files = command->get_option_no_throw("--policy-file") != nullptr;
+  std::vector<std::string> known;
+  for (const char* name : {"--policy-file", "--config", "--agent", "--live"}) {
+    if (command->get_option_no_throw(name) != nullptr) known.emplace_back(name);
+  }
+  std::string last = known.back();
+  known.pop_back();
   throw polctl::InputError(std::string("polctl: error: ") +
                            (sources == 0 ? "no policy is given" : "policy is given twice") +
-                           " (expected one of " + (files ? "--policy-file, " : "") +
-                           "--config and --agent)");
+                           " (expected one of " + polctl::joined(known, ", ") + " and " + last +
+                           ")");
+}
+
+void require_here(const polctl::PolicyOptions& options, bool given, const char* what) {
+  if (options.live.empty() || !given) return;
+  throw polctl::InputError(std::string("polctl: error: a running host has its own ") + what +
+                           " (expected --live without)");
 }
 
 void add_direction(CLI::App* command, uint32_t* direction) {
@@ -197,6 +277,54 @@ void add_dump(CLI::App& app, polctl::DumpOptions* options) {
   command->footer("Example:\n  polctl dump --policy-file branch.txt route-policies");
 }
 
+void add_graph(CLI::App& app, polctl::GraphOptions* options) {
+  CLI::App* command = app.add_subcommand("graph", "Show what uses what");
+  add_source_options(command, &options->source);
+  command->add_option("--format", options->format, "text (default), dot for Graphviz, or json")
+      ->check(CLI::IsMember({"text", "dot", "json"}))
+      ->option_text("dot|json|text");
+  command->footer(kGraphHelp);
+}
+
+void add_document(CLI::App& app, polctl::DocumentOptions* options) {
+  CLI::App* command =
+      app.add_subcommand("document", "Print the XML document for the forwarding manager");
+  add_config(command, &options->source);
+  add_live(command, &options->source);
+  add_applied(command, &options->applied);
+  add_tlocs(command, &options->tlocs);
+  command->add_flag("--pretty", options->pretty, "a line an element");
+  command->add_flag("--show-data", options->show_data,
+                    "publish it in the agent for show, say what that shows, and clear it");
+  add_trace(command, &options->source);
+  command->footer(kDocumentHelp);
+}
+
+void add_labels(CLI::App& app, polctl::LabelsOptions* options) {
+  CLI::App* command = app.add_subcommand("labels", "Show the labels written into data policies");
+  add_agent_options(command, &options->source);
+  add_live(command, &options->source);
+  add_tlocs(command, &options->tlocs);
+  command->add_flag("--json", options->json, "one JSON object a line for each sequence");
+  command->footer("Example:\n  polctl labels --config sdwan.xml --tlocs tlocs.jsonl");
+}
+
+void add_serve(CLI::App& app, polctl::ServeOptions* options) {
+  CLI::App* command =
+      app.add_subcommand("serve", "Run agent, routing daemon and forwarding manager until stopped");
+  add_config(command, &options->source);
+  options->source.listen = YARROW_PORT;
+  command
+      ->add_option("--port", options->source.listen,
+                   "where the agent listens (default 3010; 0 takes a free port)")
+      ->type_name("PORT");
+  command->add_option("--socket", options->socket, "where --live asks")->type_name("PATH");
+  add_applied(command, &options->applied);
+  add_tlocs(command, &options->tlocs);
+  add_trace(command, &options->source);
+  command->footer(kServeHelp);
+}
+
 void add_diff(CLI::App& app, polctl::DiffOptions* options) {
   CLI::App* command =
       app.add_subcommand("diff", "Show which routes two policies answer differently");
@@ -235,7 +363,7 @@ std::string usage_error(const CLI::App* app, const CLI::Error& error) {
   std::vector<std::string> extras = app->remaining();
   if (commands.empty() && !extras.empty()) {
     return "polctl: error: unknown word " + polctl::in_quotes(extras.front()) +
-           " (expected eval, check, diff, dump or watch)\n";
+           " (expected eval, check, diff, dump, graph, document, labels, watch or serve)\n";
   }
   std::string command = commands.empty() ? "polctl" : "polctl " + commands.front()->get_name();
   return "polctl: error: " + std::string(error.what()) + " (expected what \"" + command +
@@ -254,11 +382,19 @@ int run(int argc, char** argv) {
   polctl::DiffOptions diff;
   polctl::DumpOptions dump;
   polctl::WatchOptions watch;
+  polctl::GraphOptions graph;
+  polctl::DocumentOptions document;
+  polctl::LabelsOptions labels;
+  polctl::ServeOptions serve;
   add_eval(app, &eval);
   add_check(app, &files, &check);
   add_diff(app, &diff);
   add_dump(app, &dump);
+  add_graph(app, &graph);
+  add_document(app, &document);
+  add_labels(app, &labels);
   add_watch(app, &watch);
+  add_serve(app, &serve);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -267,10 +403,27 @@ int run(int argc, char** argv) {
   polctl::Output out;
   if (app.got_subcommand("check")) return run_check(files, &check, &out);
   if (app.got_subcommand("diff")) return polctl::run_diff(diff, &out);
+  if (app.got_subcommand("serve")) return polctl::run_serve(serve, &out);
   CLI::App* command = app.get_subcommands().front();
   if (command->get_name() == "eval") {
     require_one_source(command, eval.source);
+    require_here(eval.source, !eval.tlocs.empty(), "TLOCs");
     return polctl::run_eval(eval, &out);
+  }
+  if (command->get_name() == "graph") {
+    require_one_source(command, graph.source);
+    return polctl::run_graph(graph, &out);
+  }
+  if (command->get_name() == "document") {
+    require_one_source(command, document.source);
+    require_here(document.source, !document.tlocs.empty(), "TLOCs");
+    require_here(document.source, document.applied.any(), "policies applied");
+    return polctl::run_document(document, &out);
+  }
+  if (command->get_name() == "labels") {
+    require_one_source(command, labels.source);
+    require_here(labels.source, !labels.tlocs.empty(), "TLOCs");
+    return polctl::run_labels(labels, &out);
   }
   if (command->get_name() == "watch") {
     require_one_source(command, watch.source);

@@ -9,24 +9,33 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <numeric>
 #include <string_view>
 
 #include "address_text.h"
+#include "graph_model.h"
 #include "input_error.h"
+#include "kel/string.h"
 #include "output.h"
 #include "policy/pol_block.h"
 #include "policy/pol_context.h"
+#include "policy/pol_fwd_document.h"
 #include "policy/pol_test.h"
+#include "policy/pol_user.h"
 #include "policy/pol_util.h"
+#include "tloc_resolver.h"
 
 namespace polctl {
 
 namespace {
 
 constexpr size_t kNamesShown = 10;
+
+constexpr int kSettleMs = 20'000;   // that the worker may take
+constexpr int kRetriesMs = 30'000;  // and more for each name that the agent does not have
 
 constexpr int kAnswerMs = 60'000;  // an agent that holds much still answers within
 
@@ -91,14 +100,13 @@ PolicySource::PolicySource(const PolicyOptions& options) {
   if (options.trace < 0) setlogmask(LOG_UPTO(LOG_INFO));
   if (options.policy_file.empty()) connect(options);
   pol_debug_set(static_cast<uint32_t>(std::max(options.trace, 0)));
-  t_pol_callbacks callbacks = {};
+  t_pol_callbacks callbacks = {resolve_service};
   if (pol_init(&callbacks) == nullptr) {
     throw InputError("polctl: error: the policy library could not be started: no memory");
   }
   try {
     if (live_) {
       live_->walk = std::make_unique<ConfigWalk>(g_pol_ctx_p);
-      live_->feed = std::make_unique<ConfigFeed>(live_->port);
       if (live_->feed->next(kAnswerMs, live_->walk.get()) < 0) {
         throw InputError("agent: error: it says nothing (expected its configuration)");
       }
@@ -107,26 +115,70 @@ PolicySource::PolicySource(const PolicyOptions& options) {
           fmt::format("{}: error: cannot be read (expected a policy file)", options.policy_file));
     }
   } catch (...) {
-    pol_destroy();
+    destroy();
     throw;
   }
 }
 
-PolicySource::~PolicySource() { pol_destroy(); }
+PolicySource::~PolicySource() { destroy(); }
+
+void PolicySource::destroy() {
+  if (live_ && live_->walk) live_->walk->release();
+  pol_destroy();
+}
 
 void PolicySource::connect(const PolicyOptions& options) {
   live_ = std::make_unique<LiveConfig>();
   if (options.agent) {
     live_->port = running_agent_port(options.agent_port);
-    return;
+  } else {
+    live_->agent = std::make_unique<EmbeddedAgent>(options.listen);
+    live_->port = live_->agent->port();
   }
-  live_->agent = std::make_unique<EmbeddedAgent>();
-  live_->port = live_->agent->port();
-  std::vector<ConfigFault> faults;
-  ConfigSession session(live_->port);
-  session.load(options.config, &faults);
-  if (faults.empty()) session.commit(options.config, &faults);
-  if (!faults.empty()) throw_faults(faults);
+  live_->session = std::make_unique<ConfigSession>(live_->port);
+  if (!options.agent && !options.config.empty()) {
+    std::vector<ConfigFault> faults;
+    live_->session->load(options.config, &faults);
+    if (faults.empty()) live_->session->commit(options.config, &faults);
+    if (!faults.empty()) throw_faults(faults);
+  }
+  live_->feed = std::make_unique<ConfigFeed>(live_->port);
+  // The library's worker is not there yet; from now on it alone connects.
+  set_worker_port(options.worker ? live_->port : live_->unreachable.port());
+}
+
+void PolicySource::settle() {
+  int limit = kSettleMs;
+  for (const GraphNode& node : read_graph(configured()).nodes) {
+    if (node.state == GraphState::kUndefined) limit += kRetriesMs;
+  }
+  auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit);
+  do {
+    pol_fwd_queue_xml_config(g_pol_ctx_p);
+    while (pol_fwd_policy_is_yarrow_updated() == 0) {
+      if (std::chrono::steady_clock::now() > end) {
+        throw InputError(fmt::format(
+            "agent at port {}: error: the library's worker does not come to an end (expected an "
+            "agent that answers within {} s)",
+            live_->port, limit / 1000));
+      }
+      usleep(500);
+    }
+  } while (live_->feed->next(0, live_->walk.get()) >= 0);
+}
+
+t_pol_user* register_user(const std::string& name, const std::string& policy, uint32_t kind,
+                          uint32_t direction, t_pol_change_cb change, void* arg) {
+  t_pol_registration record = {};
+  strlcpy(record.user_name, name.c_str(), sizeof record.user_name);
+  strlcpy(record.policy_name, policy.c_str(), sizeof record.policy_name);
+  record.kind = kind;
+  record.direction = direction;
+  record.change = change;
+  record.user_arg = reinterpret_cast<uint64_t>(arg);
+  t_pol_user* user = pol_register(&record);
+  if (user == nullptr) throw InputError("polctl: error: cannot use the policy: no memory");
+  return user;
 }
 
 std::vector<std::string> policy_names(uint32_t kind) {

@@ -22,7 +22,12 @@ struct PolicyOptions {
   std::vector<std::string> config; /* configuration files, merged in order */
   bool agent = false;              /* a running agent, at `agent_port` ("": the usual one) */
   std::string agent_port;
-  int trace = -1; /* the library's debug level, its trace going to syslog; negative: no trace */
+  std::string live; /* a running host's socket, asked instead; "": none */
+  int trace = -1;   /* the library's debug level, its trace going to syslog; negative: no trace */
+  /* The library's worker fetches from the agent and writes into it. Otherwise it may not: who only
+   * looks at a running system must not write labels into its configuration. */
+  bool worker = false;
+  uint16_t listen = 0; /* where an agent of this process's own listens; 0: a free port */
 };
 
 /* What a message calls the source. */
@@ -32,8 +37,10 @@ std::string source_name(const PolicyOptions& options);
 struct LiveConfig {
   std::unique_ptr<EmbeddedAgent> agent; /* null when the agent runs elsewhere */
   uint16_t port = 0;
+  std::unique_ptr<ConfigSession> session;
   std::unique_ptr<ConfigFeed> feed;
   std::unique_ptr<ConfigWalk> walk;
+  UnreachablePort unreachable; /* where a worker that may not reach the agent looks for it */
 };
 
 /* Makes the process's context and fills it; destroys it with all it holds. One at a time. */
@@ -46,13 +53,25 @@ class PolicySource {
   PolicySource& operator=(const PolicySource&) = delete;
 
   /* Null when the policy came from a policy file. */
-  LiveConfig* live() { return live_.get(); }
+  LiveConfig* live() const { return live_.get(); }
+
+  /* What is configured; null when the policy came from a policy file. */
+  const ConfiguredNames* configured() const { return live_ ? &live_->walk->configured() : nullptr; }
+
+  /* Waits until the worker has fetched and written all there is, and walks what commits that caused.
+   * Throws InputError when that takes too long. REQUIRES: options.worker, an agent. */
+  void settle();
 
  private:
   void connect(const PolicyOptions& options);
+  void destroy();
 
   std::unique_ptr<LiveConfig> live_;
 };
+
+/* A handle of pol_register for the user's own callback, which may be null. Throws InputError. */
+t_pol_user* register_user(const std::string& name, const std::string& policy, uint32_t kind,
+                          uint32_t direction, t_pol_change_cb change, void* arg);
 
 /* Throws InputError, with the system's reason, when the file cannot be opened for reading. */
 void require_readable(const std::string& path, const char* expected);

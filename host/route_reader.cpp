@@ -226,6 +226,17 @@ void read_route_line(std::string_view text, JsonLine* json, t_pol_route_query* q
   query->tloc = attr->tloc;
 }
 
+// By the word that configuration has for it.
+uint16_t read_service(const JsonField& field) {
+  constexpr uint32_t kServices = 8;
+  const std::string& word = json_text(field, "the name of a service");
+  for (uint32_t service = 1; service <= kServices; ++service) {
+    if (word == kel_util_svc_name(service)) return static_cast<uint16_t>(service);
+  }
+  fail(field.column, fmt::format("unknown service {}", in_quotes(word)),
+       "firewall, ids, ips, web-proxy or service1 to service4");
+}
+
 }  // namespace
 
 void throw_at_line(const LineReader& lines, size_t offset, const LineFault& fault) {
@@ -272,27 +283,32 @@ bool RouteReader::next(t_pol_route_query* query, t_pol_route_attr* attr) {
   return true;
 }
 
-void read_tloc_line(std::string_view text, JsonLine* json, t_pol_tloc_result_entry* tloc) {
+void read_tloc_line(std::string_view text, JsonLine* json, ResolvableTloc* tloc) {
   split_json_line(text, json);
-  *tloc = {};
+  *tloc = {{}, 0, kAnyVpn};
+  t_pol_tloc_result_entry& entry = tloc->entry;
   for (size_t i = 0; i < json->count; ++i) {
     const JsonField& field = json->fields[i];
     if (field.name == "address") {
-      read_tloc_address(field, &tloc->tloc);
+      read_tloc_address(field, &entry.tloc);
     } else if (field.name == "color") {
-      tloc->tloc.color = read_u8(field);
+      entry.tloc.color = read_u8(field);
     } else if (field.name == "encap") {
-      tloc->tloc.encap = read_u8(field);
+      entry.tloc.encap = read_u8(field);
     } else if (field.name == "label") {
-      tloc->label = read_u32(field);
+      entry.label = read_u32(field);
     } else if (field.name == "preference") {
-      tloc->preference = read_u32(field);
+      entry.preference = read_u32(field);
+    } else if (field.name == "service") {
+      tloc->service = read_service(field);
+    } else if (field.name == "vpn") {
+      tloc->vpn = read_u32(field);
     } else {
       fail(field.name_column, fmt::format("unknown member {}", in_quotes(field.name)),
-           "address, color, encap, label or preference");
+           "address, color, encap, label, preference, service or vpn");
     }
   }
-  if (tloc->tloc.family == 0) fail(1, "no member \"address\"", "the TLOC's address");
+  if (entry.tloc.family == 0) fail(1, "no member \"address\"", "the TLOC's address");
 }
 
 }  // namespace polctl

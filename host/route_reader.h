@@ -21,7 +21,8 @@ namespace polctl {
 
 class RouteReader {
  public:
-  explicit RouteReader(const std::string& path) : lines_(path) {}
+  explicit RouteReader(const std::string& path, const std::string& name = "")
+      : lines_(path, name) {}
 
   /* Fills the host's part of the query, which the caller has cleared, and all of `attr`. False at
    * the end. Throws InputError naming file, line and column of what is wrong. */
@@ -34,9 +35,17 @@ class RouteReader {
   JsonLine json_;
 };
 
-/* A JSON object with the members of a TLOC and, for a TLOC that resolves, its label and preference.
- * Throws LineFaultError. */
-void read_tloc_line(std::string_view text, JsonLine* json, t_pol_tloc_result_entry* tloc);
+/* A TLOC that resolves, and what it offers. */
+struct ResolvableTloc {
+  t_pol_tloc_result_entry entry;
+  uint16_t service; /* 0: none */
+  uint64_t vpn;     /* for the service; kAnyVpn: in every VPN */
+};
+inline constexpr uint64_t kAnyVpn = UINT64_MAX;
+
+/* A JSON object with the members of a TLOC, its label and preference, and the service it offers with
+ * the VPN for which it does. Throws LineFaultError. */
+void read_tloc_line(std::string_view text, JsonLine* json, ResolvableTloc* tloc);
 
 /* The next line that holds something, and the offset of its first character that is no blank. */
 bool next_line_with_text(LineReader* lines, std::string_view* line, size_t* start);

@@ -2,6 +2,7 @@
 #include "tloc_resolver.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string_view>
 #include <vector>
 
@@ -17,12 +18,22 @@ namespace {
 // The library's callback is handed nothing of ours, so what it needs is the process's.
 struct Resolvable {
   bool loaded = false;
-  std::vector<t_pol_tloc_result_entry> tlocs;  // ordered by before(); equals in the file's order
+  std::vector<t_pol_tloc_result_entry> tlocs;  // IPv4, by before(); equals in the file's order
+  std::vector<ResolvableTloc> all;             // in the file's order
 };
 
 Resolvable& resolvable() {
   static Resolvable instance;
   return instance;
+}
+
+// A TLOC without an encapsulation takes any.
+bool asks_for(const t_tloc_id& wanted, const t_tloc_id& tloc) {
+  bool same = wanted.family == KEL_AF_INET6
+                  ? memcmp(wanted.addr.v6, tloc.addr.v6, sizeof wanted.addr.v6) == 0
+                  : wanted.addr.v4 == tloc.addr.v4;
+  return same && wanted.family == tloc.family && wanted.color == tloc.color &&
+         (wanted.encap == 0 || wanted.encap == tloc.encap);
 }
 
 bool before(const t_pol_tloc_result_entry& a, const t_pol_tloc_result_entry& b) {
@@ -38,17 +49,19 @@ void load_resolvable_tlocs(const std::string& path) {
   std::string_view line;
   size_t start = 0;
   std::vector<t_pol_tloc_result_entry> tlocs;
+  std::vector<ResolvableTloc> all;
   while (next_line_with_text(&lines, &line, &start)) {
-    t_pol_tloc_result_entry tloc;
+    ResolvableTloc tloc;
     try {
       read_tloc_line(line.substr(start), &json, &tloc);
     } catch (const LineFaultError& error) {
       throw_at_line(lines, start, error.fault);
     }
-    if (tloc.tloc.family == KEL_AF_INET) tlocs.push_back(tloc);
+    all.push_back(tloc);
+    if (tloc.entry.tloc.family == KEL_AF_INET) tlocs.push_back(tloc.entry);
   }
   std::stable_sort(tlocs.begin(), tlocs.end(), before);
-  resolvable() = {true, std::move(tlocs)};
+  resolvable() = {true, std::move(tlocs), std::move(all)};
 }
 
 void resolve_tloc(uint16_t /*id*/, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t /*vpn*/,
@@ -67,6 +80,25 @@ void resolve_tloc(uint16_t /*id*/, uint32_t ipv4, uint8_t color, uint8_t encap, 
   for (auto tloc = first; tloc != last && result->count < POL_MAX_TLOC; ++tloc) {
     if (encap == 0 || tloc->tloc.encap == encap) result->entry[result->count++] = *tloc;
   }
+}
+
+uint32_t resolve_service(uint32_t /*one*/, uint32_t ipv4, uint8_t color, uint8_t encap,
+                         uint64_t vpn, uint16_t service, uint8_t /*local*/, uint32_t* label,
+                         t_tloc_id* tloc, t_pol_service_result* result, uint32_t /*zero*/) {
+  result->count = 0;
+  bool of_tloc = (ipv4 | color | encap) != 0 || tloc->family == KEL_AF_INET6;
+  for (const ResolvableTloc& known : resolvable().all) {
+    if (of_tloc) {
+      if (!asks_for(*tloc, known.entry.tloc)) continue;
+      *label = known.entry.label;
+      break;
+    }
+    if (known.service != service || (known.vpn != kAnyVpn && known.vpn != vpn)) continue;
+    if (result->count == 0) *label = known.entry.label;
+    if (result->count == 0) *tloc = known.entry.tloc;
+    if (result->count < POL_MAX_TLOC) result->entry[result->count++] = known.entry;
+  }
+  return 0;
 }
 
 }  // namespace polctl

@@ -11,8 +11,9 @@
 
 namespace polctl {
 
-/* Reads the TLOCs that resolve: JSON Lines of address, color, encap, label and preference, all but
- * the address optional. Throws InputError. Before this is called every TLOC resolves to itself. */
+/* Reads the TLOCs that resolve: JSON Lines of address, color, encap, label and preference, service
+ * and the service's VPN, all but the address optional. Throws InputError. Before this is called every
+ * TLOC of a route resolves to itself, and none has a label. */
 void load_resolvable_tlocs(const std::string& path);
 
 /* A t_pol_resolve_cb: appends what is loaded with that address and color, in the file's order. A
@@ -20,6 +21,11 @@ void load_resolvable_tlocs(const std::string& path);
  * Only IPv4 TLOCs resolve: of others the library passes no address. */
 void resolve_tloc(uint16_t id, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t vpn,
                   uint16_t service, t_pol_tloc_result* result);
+
+/* A t_pol_service_resolve_cb: the label of a TLOC, or the TLOCs that offer a service in a VPN. */
+uint32_t resolve_service(uint32_t one, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t vpn,
+                         uint16_t service, uint8_t local, uint32_t* label, t_tloc_id* tloc,
+                         t_pol_service_result* result, uint32_t zero);
 
 }  // namespace polctl
 

@@ -41,10 +41,6 @@ constexpr uint8_t kLevelPolicy = 1;
 constexpr uint8_t kLevelSequence = 2;
 constexpr uint8_t kLevelMatch = 3;
 
-void check_level(uint8_t level, uint8_t own) {
-  if (level != own) pol::crash();
-}
-
 uint32_t finish(t_pol_ctx* ctx, uint8_t changed) {
   if (changed != 0) pol_user_chg_list_notify_all(ctx);
   return 0;
@@ -379,7 +375,7 @@ uint32_t match_kind_of(uint32_t match_type) {
 uint32_t pol_config_control_policy_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op, uint8_t level,
                                         const pol_cfg_value* keys, uint32_t num,
                                         const pol_cfg_tag_value* values) {
-  check_level(level, kLevelPolicy);
+  pol::check_level(level, kLevelPolicy);
   const char* name = pol::Keys(keys).text(0);
   POL_LOG("Control Policy: %s, oper:%d, num_values:%u\n", name, static_cast<int>(op), num & 0xffff);
   return read_policy(ctx, op, name, POL_KIND_ROUTE, "control", {values, num});
@@ -388,7 +384,7 @@ uint32_t pol_config_control_policy_read(void* /*host*/, t_pol_ctx* ctx, uint32_t
 uint32_t pol_config_membership_policy_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op,
                                            uint8_t level, const pol_cfg_value* keys, uint32_t num,
                                            const pol_cfg_tag_value* values) {
-  check_level(level, kLevelPolicy);
+  pol::check_level(level, kLevelPolicy);
   const char* name = pol::Keys(keys).text(0);
   POL_LOG("Membership Policy: %s, oper:%d, num_values:%u\n", name, static_cast<int>(op),
           num & 0xffff);
@@ -398,7 +394,7 @@ uint32_t pol_config_membership_policy_read(void* /*host*/, t_pol_ctx* ctx, uint3
 uint32_t pol_config_membership_policy_seq_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op,
                                                uint8_t level, const pol_cfg_value* keys,
                                                uint32_t num, const pol_cfg_tag_value* values) {
-  check_level(level, kLevelSequence);
+  pol::check_level(level, kLevelSequence);
   const char* name = pol::Keys(keys).text(0);
   const uint16_t sequence = pol::Keys(keys).sequence(1);
   const pol::Leaves leaves(values, num);
@@ -452,7 +448,7 @@ uint32_t pol_config_membership_policy_seq_read(void* /*host*/, t_pol_ctx* ctx, u
 uint32_t pol_config_control_policy_seq_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op,
                                             uint8_t level, const pol_cfg_value* keys, uint32_t num,
                                             const pol_cfg_tag_value* values) {
-  check_level(level, kLevelSequence);
+  pol::check_level(level, kLevelSequence);
   const char* name = pol::Keys(keys).text(0);
   const uint16_t sequence = pol::Keys(keys).sequence(1);
   const pol::Leaves leaves(values, num);
@@ -486,7 +482,7 @@ uint32_t pol_config_control_policy_seq_read(void* /*host*/, t_pol_ctx* ctx, uint
 uint32_t pol_config_control_policy_match_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op,
                                               uint8_t level, const pol_cfg_value* keys,
                                               uint32_t num, const pol_cfg_tag_value* values) {
-  check_level(level, kLevelMatch);
+  pol::check_level(level, kLevelMatch);
   const pol::Keys key(keys);
   const char* name = key.text(0);
   const uint16_t sequence = key.sequence(1);

@@ -96,6 +96,23 @@ class Leaf {
     assert((&cur_val_p->v)->type == C_ENUM_VALUE);
     return cur_val_p->v.val.enumvalue;
   }
+  bool boolean() const {
+    assert((&cur_val_p->v)->type == C_BOOL);
+    return cur_val_p->v.val.boolean != 0;
+  }
+  // The values of a leaf-list; text and enumeration with an index read one.
+  uint32_t count() const {
+    assert((&cur_val_p->v)->type == C_LIST);
+    return cur_val_p->v.val.list.ptr != nullptr ? cur_val_p->v.val.list.size : 0;
+  }
+  const char* text(uint32_t num) const {
+    assert((&cur_val_p->v.val.list.ptr[num])->type == C_BUF);
+    return buffer_text(cur_val_p->v.val.list.ptr[num]);
+  }
+  uint32_t enumeration(uint32_t num) const {
+    assert((&cur_val_p->v.val.list.ptr[num])->type == C_ENUM_VALUE);
+    return cur_val_p->v.val.list.ptr[num].val.enumvalue;
+  }
   t_ipaddr address() const {
     if (cur_val_p->v.type != C_IPV4) assert(((&cur_val_p->v))->type == C_IPV6);
     return address_of(cur_val_p->v);
@@ -117,6 +134,11 @@ class Leaves {
   const pol_cfg_tag_value* values_;
   uint32_t count_;
 };
+
+// A policy reader called for another level than its own ends the process.
+inline void check_level(uint8_t level, uint8_t own) {
+  if (level != own) crash();
+}
 
 inline t_tloc_id tloc_of(const t_ipaddr& address, uint8_t color, uint8_t encap) {
   t_tloc_id tloc = {};

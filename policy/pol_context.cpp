@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "base/pol_memory.h"
+#include "pol_fwd_document_internal.h"
 #include "pol_xml_config_internal.h"
 #include "policy/pol_app_list.h"
 #include "policy/pol_color_list.h"
@@ -57,7 +58,7 @@ t_pol_mem_info g_pol_mem_info[POL_MEM_TYPES] = {
     ROW(23, POL_MAX_VPN * sizeof(t_pol_vpn_range), "set vpn list", "POL_MAX_VPN*vpn_list"),
     ROW(24, sizeof(t_pol_entry), "entry policy", "t_pol_entry"),
     ROW(25, sizeof(t_site_entry), "entry site ", "t_site_entry"),
-    ROW(26, 0, "entry list", "t_list_name_entry"),
+    ROW(26, sizeof(t_list_name_entry), "entry list", "t_list_name_entry"),
     ROW(27, sizeof(t_pfx_entry), "entry prefix", "t_pfx_entry"),
     ROW(28, sizeof(t_tloc_entry), "entry tloc", "t_tloc_entry"),
     ROW(29, sizeof(t_color_entry), "entry color", "t_color_entry"),

@@ -187,11 +187,12 @@ int pol_dump_all(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv) {
   pol_dump_fwd_pfx6_list_all(cli, ignored, argc, argv);
   pol_dump_fwd_policer_all(cli, ignored, argc, argv);
   pol_dump_fwd_sla_class_all(cli, ignored, argc, argv);
-  pol_dump_policies(cli, ignored, argc, argv, POL_KIND_DATA);
+  pol_dump_fwd_policies(cli, ignored, argc, argv);
   pol_dump_membership_policies(cli, ignored, argc, argv);
   pol_dump_cflowd_policies(cli, ignored, argc, argv);
   pol_dump_app_list_all(cli, ignored, argc, argv);
   pol_dump_xml_config_all(cli, ignored, argc, argv);
   pol_dump_memory_info(cli, ignored, argc, argv);
+  pol_dump_yarrow_thread(cli, ignored, argc, argv);
   return 0;
 }

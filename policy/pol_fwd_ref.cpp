@@ -2,6 +2,8 @@
 // The roles in which a sequence names an object, and what is done with a role.
 #include "pol_fwd_ref.h"
 
+#include "base/pol_crash.h"
+#include "pol_fwd_block_internal.h"
 #include "policy/pol_app_list.h"
 #include "policy/pol_fwd_app_id.h"
 #include "policy/pol_fwd_pfx_list.h"
@@ -11,7 +13,6 @@
 
 namespace {
 
-using pol::FwdRef;
 using pol::NamedHead;
 
 // The families' user operations in one shape. `kKind` is the direction of those that take one.
@@ -124,6 +125,7 @@ void fwd_ref_update(t_pol_ctx* ctx, const char* block_name, uint32_t kind, const
 t_pol_fwd_user* fwd_ref_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name, uint8_t* changed,
                             const FwdRef& ref) {
   if (ctx == nullptr || entry == nullptr || name == nullptr) return nullptr;
+  fwd_check(*entry);
   if (fwd_ref_names(*entry, ref, name)) return entry->fwd.user;
   entry->*ref.flags |= ref.flag;
   if (!fwd_ref_replace(ctx, entry, ref, name)) return nullptr;
@@ -133,7 +135,9 @@ t_pol_fwd_user* fwd_ref_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name
 }
 
 void fwd_ref_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed, const FwdRef& ref) {
-  if (ctx == nullptr || entry == nullptr || !fwd_ref_drop(ctx, entry, ref)) return;
+  if (ctx == nullptr || entry == nullptr) return;
+  fwd_check(*entry);
+  if (!fwd_ref_drop(ctx, entry, ref)) return;
   *changed = 1;
   pol_block_users_add_to_chg_list(ctx, entry->block);
 }

@@ -33,9 +33,14 @@ extern const FwdRef kFwdSlaClass;
 extern const FwdRef kFwdPolicer;
 extern const FwdRef kFwdTlocList;
 
-// A sequence of another kind of policy ends the process.
-inline t_pol_fwd_user* fwd_user(const t_pol_entry& entry) {
+// Ends the process unless the entry is a sequence of a forwarding policy: others have clauses where
+// it has its roles, and so has a default action.
+inline void fwd_check(const t_pol_entry& entry) {
   if (!is_forwarding(entry)) crash();
+}
+
+inline t_pol_fwd_user* fwd_user(const t_pol_entry& entry) {
+  fwd_check(entry);
   return entry.fwd.user;
 }
 

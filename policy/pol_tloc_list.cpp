@@ -9,6 +9,8 @@
 #include "base/pol_crash.h"
 #include "pol_context_internal.h"
 #include "pol_dump_internal.h"
+#include "policy/pol_fwd_action.h"
+#include "policy/pol_fwd_label.h"
 #include "policy/pol_xml_config.h"
 
 namespace {
@@ -91,6 +93,30 @@ t_tloc_id stored_form(const t_tloc_id& tloc) {
   stored.color = tloc.color;
   stored.encap = tloc.encap;
   return stored;
+}
+
+// The sequence of a data policy whose action the user is; null for set clauses of route policies and
+// of default actions.
+t_pol_fwd_user* data_policy_action(const t_pol_clause_user& user) {
+  if (user.entry == nullptr || user.block == nullptr || user.block->kind != POL_KIND_DATA ||
+      &user == &user.entry->set.tloc_list) {
+    return nullptr;
+  }
+  return user.entry->fwd.user;
+}
+
+// Gives every data policy's action the list's TLOCs and labels them. On purpose a list without such
+// actions stays label pending. An action that finds no memory leaves the list.
+void label_users(void* arg, t_pol_ctx* ctx, t_tloc_list* list) {
+  t_pol_clause_user* next = nullptr;
+  for (t_pol_clause_user* user = list->action_users.front(); user != nullptr; user = next) {
+    next = pol::UserQueue::next(user);
+    t_pol_fwd_user* action = data_policy_action(*user);
+    if (action == nullptr) continue;
+    list->label_pending = 0;
+    pol_fwd_upd_set_internal_tloc_list(ctx, action, list);
+    pol_fwd_upd_label_set_entry(arg, ctx, action);
+  }
 }
 
 }  // namespace
@@ -198,9 +224,12 @@ t_tloc_list* pol_tloc_list_next(t_pol_ctx* ctx, t_tloc_list* list) {
   return ctx != nullptr && list != nullptr ? ctx->tloc_lists.next(list) : nullptr;
 }
 
-// No data policy has actions yet, so no list's labels are computed here and label pending stays;
-// the host's pass still ends with its one notification.
-void pol_tloc_list_update_fwd_pol_label(void* /*arg*/, t_pol_ctx* ctx) {
+void pol_tloc_list_update_fwd_pol_label(void* arg, t_pol_ctx* ctx) {
+  if (ctx == nullptr) return;
+  for (t_tloc_list* list = ctx->tloc_lists.first(); list != nullptr;
+       list = ctx->tloc_lists.next(list)) {
+    if (list->label_pending != 0) label_users(arg, ctx, list);
+  }
   pol_user_chg_list_notify_all(ctx);
 }
 

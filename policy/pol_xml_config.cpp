@@ -10,6 +10,7 @@
 #include "base/pol_memory.h"
 #include "pol_context_internal.h"
 #include "pol_dump_internal.h"
+#include "policy/pol_fwd_document.h"
 
 const char* const pol_fwd_type2headerstr[POL_XML_TYPES] = {
     "",
@@ -200,25 +201,6 @@ uint32_t pol_xml_config_get_str(int32_t type, const char* name, char** buffer, u
   }
   int error = unlock(ctx);
   return status != POL_OK ? status : static_cast<uint32_t>(error);
-}
-
-// A buffer that was grown has no room left, so each later append grows it again: kept, the
-// document's length is settled by then.
-uint32_t pol_fwd_policy_append(const char* text, int32_t size, char** buffer, uint32_t* room) {
-  if (size < 0) return POL_OK;
-  auto added = static_cast<uint32_t>(size);
-  size_t length = *buffer != nullptr ? strlen(*buffer) : 0;
-  if (*buffer == nullptr || *room < added) {
-    auto* grown = static_cast<char*>(pol_realloc(*buffer, length + added + 1));
-    if (grown == nullptr) return POL_ENOMEM;
-    *buffer = grown;
-    *room = 0;
-  } else {
-    *room -= added;
-  }
-  memcpy(*buffer + length, text, added);
-  (*buffer)[length + added] = '\0';
-  return POL_OK;
 }
 
 int pol_dump_xml_config_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,

@@ -3,8 +3,9 @@
  * pol_context.h - the policy context, counted memory and the debug level.
  *
  * A process has one context. The library takes no locks: the host serialises every call on it, but
- * for evaluation (pol_exec.h), which only reads. The counters of g_pol_mem_info are plain words
- * that any thread bumps; they may be slightly off when threads allocate at once.
+ * for evaluation (pol_exec.h), which only reads. The library's own thread counts in g_pol_mem_info
+ * and reads g_pol_dbg_level too: set the level with pol_debug_set, and expect the counters of one
+ * row to be of slightly different moments.
  */
 #ifndef POLICY_POL_CONTEXT_H
 #define POLICY_POL_CONTEXT_H
@@ -42,8 +43,10 @@ POL_DATA char g_polbuf1[512];
  * gives up. A second call without pol_destroy replaces the global. */
 POL_API t_pol_ctx* pol_init(const t_pol_callbacks* callbacks);
 
-/* Frees every policy, list and user, then the context. Nobody is called back. Handles of users are
- * gone with it (pol_unregister still takes them); list users stay allocated, without their list. */
+/* Frees every policy, list and user, ends the worker, then frees the context. Nobody is called
+ * back. Handles of users are gone with it (pol_unregister still takes them); list users stay
+ * allocated, without their list. Requests to the agent that are pending are dropped; the call waits
+ * for the agent's answer to the one in hand. */
 POL_API void pol_destroy(void);
 
 /* malloc, calloc and free that count for memory type 1 to 32; any other type is not counted. The

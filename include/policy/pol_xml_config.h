@@ -45,10 +45,4 @@ POL_API void pol_xml_config_find_and_delete(int32_t type, const char* name);
 POL_API uint32_t pol_xml_config_get_str(int32_t type, const char* name, char** buffer,
                                         uint32_t* room);
 
-/* Appends `size` bytes of text to the NUL-terminated `*buffer` (of pol_malloc) that has `*room`
- * bytes left, growing it when they do not suffice; a buffer that was grown has no room left. 0, or
- * 1 when memory runs out (the buffer stays as it was). */
-POL_API uint32_t pol_fwd_policy_append(const char* text, int32_t size, char** buffer,
-                                       uint32_t* room);
-
 #endif

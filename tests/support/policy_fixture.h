@@ -69,7 +69,9 @@ class PolicyTest : public ::testing::Test {
   uint64_t current(size_t type) const { return outstanding(type) - outstanding_[type]; }
 
   static uint64_t outstanding(size_t type) {
-    return g_pol_mem_info[type].allocs - g_pol_mem_info[type].frees;
+    const t_pol_mem_info& row = g_pol_mem_info[type];  // which the worker counts in too
+    return __atomic_load_n(&row.allocs, __ATOMIC_RELAXED) -
+           __atomic_load_n(&row.frees, __ATOMIC_RELAXED);
   }
 
   // What a user's callback does besides being counted: user_arg points at one of these.

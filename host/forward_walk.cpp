@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Most changes go to their reader as they come. Where a difference says too little, or does too
+// little, more is handed over:
+//
+// - A sequence that goes leaves its DNS and SaaS application lists registered for good. So both are
+//   first taken out of it.
+// - The reader keeps a TLOC's address, color and encapsulation unless others come; it takes SLA
+//   settings for all there are; and it resolves a service when that is told, but not when the VPN or
+//   the TLOC list changes that it depends on. A sequence in which one of these changes is deleted
+//   and made anew.
+// - A VPN list's own settings and its sequence 0 are one sequence. Both are made anew when either
+//   changes and the other may be touched by that.
+// - SLA settings of a data policy's VPN list: the schema has them, the library ends the process for
+//   them. They are not handed over; the agent's text has them all the same.
+// - A VPN list is told as modified also when only a sequence of it changed: its reader has the
+//   policy's text fetched again.
+#include "forward_walk.h"
+
+#include <algorithm>
+
+#include "policy/pol_config.h"
+
+namespace polctl {
+
+namespace {
+
+constexpr uint32_t kTagSlaClass = 0x1fc19c53;
+constexpr uint32_t kTagStrict = 0x5c327362;
+constexpr uint32_t kTagPreferredColor = 0x6464ce5d;
+constexpr uint32_t kTagSaasAppList = 0x07441945;
+constexpr uint32_t kTagDnsAppList = 0x5a06eb58;
+constexpr uint32_t kTagService = 0x32fc12e6;
+constexpr uint32_t kTagTloc = 0x33c074ce;
+constexpr uint32_t kTagTlocList = 0x72d28bfe;
+constexpr uint32_t kTagVpn = 0x4d7d11c2;
+
+constexpr std::string_view kDataPolicy = "/policy/data-policy";
+constexpr std::string_view kAppRoutePolicy = "/policy/app-route-policy";
+
+constexpr uint8_t kPolicyLevel = 1;
+constexpr uint8_t kVpnListLevel = 2;
+constexpr uint8_t kSequenceLevel = 3;
+
+bool is_sla(uint32_t tag) {
+  return tag == kTagSlaClass || tag == kTagStrict || tag == kTagPreferredColor;
+}
+
+template <typename Test>
+bool any_leaf(const t_yarrow_change& change, Test test) {
+  bool found = false;
+  for_each_leaf(change, [&](const Scope& scope, const t_yarrow_tag_value& leaf) {
+    found = found || test(scope, leaf.tag);
+  });
+  return found;
+}
+
+// Whether a sequence with these leaves, the change merged in, is what its reader makes of the change.
+bool told(const t_yarrow_change& change, const LeafMirror& leaves) {
+  bool service = leaves.count_in(kTagService) > 0;
+  return !any_leaf(change, [&](const Scope& scope, uint32_t tag) {
+    bool inside = std::any_of(scope.begin(), scope.end(), [](uint32_t container) {
+      return container == kTagService || container == kTagTloc;
+    });
+    return inside || is_sla(tag) || (service && (tag == kTagVpn || tag == kTagTlocList));
+  });
+}
+
+t_yarrow_value text_value(const std::string& text) {
+  t_yarrow_value value = {};
+  value.type = C_BUF;
+  value.val.buf.size = static_cast<uint32_t>(text.size());
+  value.val.buf.ptr = const_cast<uint8_t*>(reinterpret_cast<const uint8_t*>(text.c_str()));
+  return value;
+}
+
+}  // namespace
+
+bool ForwardWalk::take(const t_yarrow_change& change, ConfiguredNames* names) {
+  std::string_view path = change.path;
+  bool data = path.starts_with(kDataPolicy);
+  std::string_view top = data ? kDataPolicy : kAppRoutePolicy;
+  if (!path.starts_with(top)) return false;
+  std::string_view rest = path.substr(top.size());
+  Place at = {data ? POL_KIND_DATA : POL_KIND_PERF_ROUTE, text_key(change, 0), {}, 0};
+  if (rest.empty()) {
+    note_name(top, change, names);
+    take_policy(at, change);
+  } else if (rest == "/vpn-list") {
+    at.vpn_list = text_key(change, 1);
+    take_vpn_list(at, change);
+  } else if (rest == "/vpn-list/sequence") {
+    at.vpn_list = text_key(change, 1);
+    at.sequence = change.keys[2].val.u16;
+    take_sequence(at, change);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void ForwardWalk::take_policy(const Place& at, const t_yarrow_change& change) {
+  if (change.op == YARROW_DELETED) {
+    release(at, policies(at.kind)[at.policy]);
+    policies(at.kind).erase(at.policy);
+  }
+  hand(at, kPolicyLevel, change.op, {});
+}
+
+void ForwardWalk::take_vpn_list(const Place& at, const t_yarrow_change& change) {
+  VpnList& list = vpn_list(at);
+  if (change.op == YARROW_DELETED) {
+    release(at, list);
+    policies(at.kind)[at.policy].erase(at.vpn_list);
+    return hand(at, kVpnListLevel, change.op, {});
+  }
+  list.leaves.merge(change);
+  std::vector<t_yarrow_tag_value> values(change.values, change.values + change.value_count);
+  if (at.kind == POL_KIND_DATA) {
+    std::erase_if(values, [](const t_yarrow_tag_value& value) { return is_sla(value.tag); });
+  } else if (any_leaf(change, [](const Scope&, uint32_t tag) { return is_sla(tag); })) {
+    if (list.sequences.count(0) != 0) return make_anew(at);
+    if (list.leaves.count(kTagSlaClass) != 0) values = list.leaves.values();
+  }
+  hand(at, kVpnListLevel, change.op, values);
+}
+
+void ForwardWalk::take_sequence(const Place& at, const t_yarrow_change& change) {
+  VpnList& list = vpn_list(at);
+  LeafMirror& leaves = list.sequences[at.sequence];
+  if (change.op == YARROW_DELETED) {
+    release(at);
+    list.sequences.erase(at.sequence);
+    if (at.sequence == 0) return make_anew(at);
+    return hand(at, kSequenceLevel, change.op, {});
+  }
+  leaves.merge(change);
+  if (change.op == YARROW_MODIFIED && !told(change, leaves)) return make_anew(at);
+  // Only a label in it changed, and those the library has from itself.
+  if (change.op == YARROW_MODIFIED && change.value_count == 0) return;
+  hand(at, kSequenceLevel, change.op, {change.values, change.values + change.value_count});
+}
+
+void ForwardWalk::make_anew(const Place& at) {
+  VpnList& list = vpn_list(at);
+  release(at);
+  hand(at, kSequenceLevel, YARROW_DELETED, {});
+  if (at.sequence == 0) {
+    std::vector<t_yarrow_tag_value> values = list.leaves.values();
+    if (at.kind == POL_KIND_DATA) {
+      std::erase_if(values, [](const t_yarrow_tag_value& value) { return is_sla(value.tag); });
+    }
+    hand(at, kVpnListLevel, YARROW_CREATED, values);
+  }
+  auto sequence = list.sequences.find(at.sequence);
+  if (sequence == list.sequences.end()) return;
+  hand(at, kSequenceLevel, YARROW_CREATED, sequence->second.values());
+}
+
+void ForwardWalk::release(const Place& at) {
+  t_yarrow_tag_value gone[2] = {};
+  gone[0].tag = kTagDnsAppList;
+  gone[1].tag = kTagSaasAppList;
+  for (t_yarrow_tag_value& value : gone) value.v.type = C_NOEXISTS;
+  hand(at, kSequenceLevel, YARROW_MODIFIED, {gone, gone + 2});
+}
+
+void ForwardWalk::release(const Place& at, const VpnList& list) {
+  Place within = at;
+  for (const auto& [number, leaves] : list.sequences) {
+    if (leaves.count(kTagDnsAppList) + leaves.count(kTagSaasAppList) == 0) continue;
+    within.sequence = number;
+    release(within);
+  }
+}
+
+void ForwardWalk::release(const Place& at, const Policy& policy) {
+  Place within = at;
+  for (const auto& [name, list] : policy) {
+    within.vpn_list = name;
+    release(within, list);
+  }
+}
+
+void ForwardWalk::release_all() {
+  for (uint32_t kind : {POL_KIND_DATA, POL_KIND_PERF_ROUTE}) {
+    for (const auto& [name, policy] : policies(kind)) release({kind, name, {}, 0}, policy);
+    policies(kind).clear();
+  }
+}
+
+void ForwardWalk::hand(const Place& at, uint8_t level, uint32_t op,
+                       const std::vector<t_yarrow_tag_value>& values) {
+  t_yarrow_value keys[3] = {text_value(at.policy), text_value(at.vpn_list), {}};
+  keys[2].type = C_UINT16;
+  keys[2].val.u16 = at.sequence;
+  auto reader = level == kPolicyLevel    ? pol_config_fwd_read
+                : level == kVpnListLevel ? pol_config_fwd_vpn_list_read
+                                         : pol_config_fwd_seq_read;
+  reader(at.kind, nullptr, ctx_, op, level, keys, static_cast<uint16_t>(values.size()),
+         values.data());
+}
+
+}  // namespace polctl

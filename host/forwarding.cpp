@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "forwarding.h"
+
+#include <fmt/format.h>
+#include <libxml/parser.h>
+
+#include <memory>
+#include <vector>
+
+#include "address_text.h"
+#include "input_error.h"
+#include "output.h"
+#include "policy/pol_context.h"
+#include "policy/pol_fwd_document.h"
+#include "policy/pol_user.h"
+#include "policy_source.h"
+
+namespace polctl {
+
+namespace {
+
+constexpr uint32_t kBodyMemory = 6;      // of pol_fwd_policy_populate's text
+constexpr uint32_t kEnvelopeMemory = 7;  // of the envelopes
+
+struct FreeEnvelope {
+  void operator()(char* text) const { pol_free(text, kEnvelopeMemory); }
+};
+using Envelope = std::unique_ptr<char, FreeEnvelope>;
+
+std::string in_envelope(char* (*add)(const char*, uint32_t, uint32_t*), const std::string& body) {
+  uint32_t length = 0;
+  Envelope text(
+      add(body.empty() ? nullptr : body.data(), static_cast<uint32_t>(body.size()), &length));
+  if (!text) throw InputError("polctl: error: the document cannot be put together: no memory");
+  return {text.get(), length};
+}
+
+void choose(const char* option, uint32_t kind, const std::string& origin, std::string* name) {
+  std::vector<std::string> names = policy_names(kind);
+  if (names.size() > 1) {
+    throw InputError(fmt::format("{}: error: it has {} {} policies (expected {} with one of: {})",
+                                 origin, names.size(),
+                                 kind == POL_KIND_DATA         ? "data"
+                                 : kind == POL_KIND_PERF_ROUTE ? "app-route"
+                                                               : "cflowd",
+                                 option, joined(names, ", ")));
+  }
+  if (!names.empty()) *name = names.front();
+}
+
+}  // namespace
+
+ForwardingManager::ForwardingManager(const AppliedPolicies& applied) : applied_(applied) {
+  try {
+    add("from-service", applied.from_service, POL_KIND_DATA, &from_service_);
+    add("from-tunnel", applied.from_tunnel, POL_KIND_DATA, &from_tunnel_);
+    add("app-route", applied.app_route, POL_KIND_PERF_ROUTE, &app_route_);
+    add("cflowd", applied.cflowd, POL_KIND_CFLOWD, &cflowd_);
+  } catch (...) {
+    leave();
+    throw;
+  }
+}
+
+ForwardingManager::~ForwardingManager() { leave(); }
+
+void ForwardingManager::leave() {
+  for (t_pol_user** user : {&from_service_, &from_tunnel_, &app_route_, &cflowd_}) {
+    pol_unregister(user);
+  }
+}
+
+void ForwardingManager::add(const char* role, const std::string& policy, uint32_t kind,
+                            t_pol_user** user) {
+  if (policy.empty()) return;
+  *user = register_user(fmt::format("forwarding {}", role), policy, kind, POL_DIR_NONE, note_call,
+                        this);
+}
+
+void ForwardingManager::note_call(t_pol_user* /*user*/, uint64_t manager) noexcept {
+  ++reinterpret_cast<ForwardingManager*>(manager)->calls_;
+}
+
+void ForwardingManager::restore(const ConfiguredNames& configured) {
+  if (cflowd_ == nullptr) return;
+  auto names = configured.find("/policy/cflowd-template");
+  if (names != configured.end() && names->second.count(applied_.cflowd) != 0) return;
+  pol_unregister(&cflowd_);
+  add("cflowd", applied_.cflowd, POL_KIND_CFLOWD, &cflowd_);
+}
+
+std::string ForwardingManager::body() const {
+  uint32_t length = 0;
+  char* text = nullptr;
+  uint32_t status =
+      pol_fwd_policy_populate(from_service_, from_tunnel_, app_route_, cflowd_, &length, &text);
+  std::string body(text != nullptr ? text : "", text != nullptr ? length : 0);
+  pol_free(text, kBodyMemory);
+  if (status != POL_OK) {
+    throw InputError(
+        fmt::format("polctl: error: the document cannot be put together (error {})", status));
+  }
+  return body;
+}
+
+std::string ForwardingManager::document() const {
+  return in_envelope(pol_fwd_policy_hdr_add, body());
+}
+
+std::string ForwardingManager::show_data() const {
+  return in_envelope(pol_show_fwd_policy_hdr_add, body());
+}
+
+AppliedPolicies applied_or_only(const AppliedPolicies& named, const std::string& origin) {
+  AppliedPolicies applied = named;
+  if (!named.any()) {
+    choose("--from-service or --from-tunnel", POL_KIND_DATA, origin, &applied.from_service);
+    applied.from_tunnel = applied.from_service;
+    choose("--app-route", POL_KIND_PERF_ROUTE, origin, &applied.app_route);
+    choose("--cflowd", POL_KIND_CFLOWD, origin, &applied.cflowd);
+  }
+  struct {
+    const std::string& name;
+    uint32_t kind;
+  } const all[] = {{applied.from_service, POL_KIND_DATA},
+                   {applied.from_tunnel, POL_KIND_DATA},
+                   {applied.app_route, POL_KIND_PERF_ROUTE},
+                   {applied.cflowd, POL_KIND_CFLOWD}};
+  for (const auto& each : all) {
+    if (!each.name.empty()) require_policy(each.name, each.kind, origin);
+  }
+  return applied;
+}
+
+std::string pretty_xml(const std::string& text) {
+  constexpr int kOptions =
+      XML_PARSE_NONET | XML_PARSE_NOBLANKS | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+  std::unique_ptr<xmlDoc, decltype(&xmlFreeDoc)> document(
+      xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, kOptions),
+      xmlFreeDoc);
+  if (!document) throw InputError("polctl: error: the document is no XML");
+  xmlChar* laid_out = nullptr;
+  int size = 0;
+  xmlDocDumpFormatMemory(document.get(), &laid_out, &size, 1);
+  std::string result(reinterpret_cast<const char*>(laid_out), static_cast<size_t>(size));
+  xmlFree(laid_out);
+  return result;
+}
+
+}  // namespace polctl

@@ -1,0 +1,74 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * forwarding.h - the forwarding manager's side: users of data and app-route policies and a cflowd
+ * template, and the XML document that it works from.
+ */
+#ifndef HOST_FORWARDING_H
+#define HOST_FORWARDING_H
+
+#include <cstdint>
+#include <string>
+
+#include "config_mirror.h"
+#include "policy/pol_types.h"
+
+namespace polctl {
+
+/* Names of policies; "": none. */
+struct AppliedPolicies {
+  std::string from_service;
+  std::string from_tunnel;
+  std::string app_route;
+  std::string cflowd;
+
+  bool any() const {
+    return !(from_service.empty() && from_tunnel.empty() && app_route.empty() && cflowd.empty());
+  }
+};
+
+/* Registered as long as it lives; not to be moved, its users know its address. */
+class ForwardingManager {
+ public:
+  /* Throws InputError. */
+  explicit ForwardingManager(const AppliedPolicies& applied);
+  ~ForwardingManager();
+  ForwardingManager(const ForwardingManager&) = delete;
+  ForwardingManager& operator=(const ForwardingManager&) = delete;
+
+  /* To be called after each batch: a template that was deleted leaves its user without one for good,
+   * so the user registers anew. */
+  void restore(const ConfiguredNames& configured);
+
+  /* How often a policy told that something it uses changed. */
+  uint64_t calls() const { return calls_; }
+
+  /* The document as the cached texts make it now; what was queued must have been fetched. Throws
+   * InputError. */
+  std::string document() const;
+  /* The same as show data. */
+  std::string show_data() const;
+
+ private:
+  static void note_call(t_pol_user* user, uint64_t manager) noexcept;
+  std::string body() const;
+  void add(const char* role, const std::string& policy, uint32_t kind, t_pol_user** user);
+  void leave();
+
+  AppliedPolicies applied_;
+  uint64_t calls_ = 0;
+  t_pol_user* from_service_ = nullptr;
+  t_pol_user* from_tunnel_ = nullptr;
+  t_pol_user* app_route_ = nullptr;
+  t_pol_user* cflowd_ = nullptr;
+};
+
+/* When no policy is named, the only one of each kind, a data policy in both directions. Throws
+ * InputError when a kind has several, or when a name is none's. */
+AppliedPolicies applied_or_only(const AppliedPolicies& named, const std::string& origin);
+
+/* The text with a line an element. Throws InputError when it is no XML. */
+std::string pretty_xml(const std::string& text);
+
+}  // namespace polctl
+
+#endif

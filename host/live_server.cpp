@@ -1,0 +1,212 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "live_server.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "address_text.h"
+#include "input_error.h"
+
+namespace polctl {
+
+namespace {
+
+constexpr int kBacklog = 64;
+
+// Whether the last call may just be made again later.
+bool later() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR; }
+
+// What is left of a host that died refuses connections; anything else is not ours to take away.
+void remove_dead_socket(const std::string& path, const sockaddr_un& address) {
+  struct stat status;
+  if (lstat(path.c_str(), &status) != 0) return;
+  int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  bool dead = S_ISSOCK(status.st_mode) &&
+              connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
+              errno == ECONNREFUSED;
+  close(probe);
+  if (dead) unlink(path.c_str());
+}
+
+// A file in memory that does not grow beyond the limit. Negative when there is none.
+int bounded_file(size_t limit) {
+  int fd = memfd_create("answer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  if (fd < 0) return -1;
+  if (ftruncate(fd, static_cast<off_t>(limit)) == 0 && fcntl(fd, F_ADD_SEALS, F_SEAL_GROW) == 0) {
+    return fd;
+  }
+  close(fd);
+  return -1;
+}
+
+}  // namespace
+
+sockaddr_un socket_address(const std::string& path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    throw InputError(
+        fmt::format("polctl: error: the socket's path {} is too long (expected at most {} bytes)",
+                    in_quotes(path), sizeof address.sun_path - 1));
+  }
+  memcpy(address.sun_path, path.c_str(), path.size());
+  return address;
+}
+
+bool same_user(int sock) {
+  ucred peer = {};
+  socklen_t length = sizeof peer;
+  return getsockopt(sock, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
+         (peer.uid == getuid() || peer.uid == 0);
+}
+
+LiveServer::LiveServer(const std::string& path, Answer answer)
+    : path_(path), answer_(std::move(answer)) {
+  sockaddr_un address = socket_address(path);
+  remove_dead_socket(path, address);
+  listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  // The file is born with its mode: nobody else can connect in between.
+  mode_t before = umask(0177);
+  int status =
+      listener_ < 0 ? -1 : bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  int error = errno;
+  umask(before);
+  if (status == 0 && listen(listener_, kBacklog) == 0) return;
+  if (status == 0) error = errno;
+  if (listener_ >= 0) close(listener_);
+  throw InputError(fmt::format("{}: error: cannot listen: {} (expected a path that is not in use)",
+                               path, strerror(error)));
+}
+
+LiveServer::~LiveServer() {
+  for (Client& client : clients_) close_client(&client);
+  close(listener_);
+  unlink(path_.c_str());
+}
+
+void LiveServer::close_client(Client* client) {
+  close(client->fd);
+  if (client->output >= 0) close(client->output);
+}
+
+void LiveServer::wants(std::vector<pollfd>* polls) const {
+  // More clients wait in the backlog.
+  if (clients_.size() < kMaxClients) polls->push_back({listener_, POLLIN, 0});
+  for (const Client& client : clients_) {
+    polls->push_back({client.fd, static_cast<short>(client.answering ? POLLOUT : POLLIN), 0});
+  }
+}
+
+bool LiveServer::step() {
+  accept_clients();
+  auto now = std::chrono::steady_clock::now();
+  for (auto client = clients_.begin(); client != clients_.end();) {
+    bool stays = client->answering ? send(&*client) : receive(&*client);
+    if (stays && now < client->deadline) {
+      ++client;
+    } else {
+      close_client(&*client);
+      client = clients_.erase(client);
+    }
+  }
+  return !clients_.empty();
+}
+
+void LiveServer::accept_clients() {
+  while (clients_.size() < kMaxClients) {
+    int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) return;
+    if (!same_user(fd)) {
+      close(fd);
+      continue;
+    }
+    Client& client = clients_.emplace_back();
+    client.fd = fd;
+    client.deadline = std::chrono::steady_clock::now() + kPatience;
+  }
+}
+
+// False when the client is done with.
+bool LiveServer::receive(Client* client) {
+  char block[65536];
+  RequestHead head;
+  for (;;) {
+    bool known = client->received.size() >= RequestHead::kSize;
+    if (known && !decode(client->received, &head)) return false;
+    size_t whole = RequestHead::kSize + (known ? head.options_size + head.input_size : 0);
+    if (known && client->received.size() >= whole) break;
+    ssize_t got =
+        recv(client->fd, block, std::min(sizeof block, whole - client->received.size()), 0);
+    if (got < 0) return later();
+    if (got == 0) return false;
+    client->received.append(block, static_cast<size_t>(got));
+    client->deadline = std::chrono::steady_clock::now() + kPatience;
+  }
+  answer(client, head);
+  return send(client);
+}
+
+void LiveServer::answer(Client* client, const RequestHead& head) {
+  LiveRequest request;
+  AnswerHead answer;
+  std::string error;
+  std::string_view options(client->received);
+  options = options.substr(RequestHead::kSize, head.options_size);
+  client->output = bounded_file(kMaxOutput);
+  if (client->output < 0) {
+    error = "polctl: error: the host has no memory for an answer";
+    answer.status = kBadInput;
+  } else if (!decode_options(options, &request)) {
+    error = "polctl: error: the host does not know this request (expected a polctl of its version)";
+    answer.status = kBadInput;
+  } else {
+    request.input = client->received.substr(RequestHead::kSize + head.options_size);
+    Output out(client->output);
+    try {
+      answer.status = static_cast<uint32_t>(answer_(request, &out));
+      out.flush();
+    } catch (const InputError& fault) {
+      error = fault.what();
+      answer.status = kBadInput;
+    }
+    answer.output_size = static_cast<uint64_t>(lseek(client->output, 0, SEEK_CUR));
+  }
+  answer.error_size = static_cast<uint32_t>(error.size());
+  client->head = encode(answer) + error;
+  client->size = client->head.size() + answer.output_size;
+  client->answering = true;
+  client->received = {};
+  client->deadline = std::chrono::steady_clock::now() + kPatience;
+}
+
+bool LiveServer::send(Client* client) {
+  char block[65536];
+  while (client->sent < client->size) {
+    std::string_view part;
+    if (client->sent < client->head.size()) {
+      part = std::string_view(client->head).substr(client->sent);
+    } else {
+      size_t at = client->sent - client->head.size();
+      ssize_t got =
+          pread(client->output, block, std::min(sizeof block, client->size - client->sent),
+                static_cast<off_t>(at));
+      if (got <= 0) return false;
+      part = {block, static_cast<size_t>(got)};
+    }
+    ssize_t sent = ::send(client->fd, part.data(), part.size(), MSG_NOSIGNAL);
+    if (sent < 0) return later();
+    client->sent += static_cast<size_t>(sent);
+    client->deadline = std::chrono::steady_clock::now() + kPatience;
+  }
+  return false;
+}
+
+}  // namespace polctl

@@ -1,0 +1,315 @@
+// SPDX-License-Identifier: Apache-2.0
+// The worker and the agent's writes against a yarrowd process.
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+
+#include "pol_xml_config_internal.h"
+#include "policy/pol_show_data.h"
+#include "support/policy_fixture.h"
+#include "support/seams.h"
+#include "tests/agent/support.h"
+
+namespace {
+
+std::atomic<int> g_waits{0};
+std::function<void(int)> g_on_wait;  // of the calling thread's waits; none while the worker waits
+std::string g_show_file;
+
+}  // namespace
+
+// NOLINTBEGIN: names of the linker's
+extern "C" {
+bool __wrap_pol_thread_wait(t_pol_yarrow_thread* thread, unsigned) {
+  int count = ++g_waits;
+  if (thread == nullptr && g_on_wait) g_on_wait(count);
+  return true;
+}
+// The show data's file lies where tests may write.
+FILE* __real_fopen(const char* path, const char* mode);
+FILE* __wrap_fopen(const char* path, const char* mode) {
+  bool show = strcmp(path, "/etc/zenodra/show_fwd_pol_data.xml") == 0;
+  return __real_fopen(show ? g_show_file.c_str() : path, mode);
+}
+int __real_maapi_load_config(int sock, int trans, unsigned flags, const char* path);
+int __wrap_maapi_load_config(int sock, int trans, unsigned flags, const char* path) {
+  EXPECT_STREQ(path, "/etc/zenodra/show_fwd_pol_data.xml");
+  return __real_maapi_load_config(sock, trans, flags, g_show_file.c_str());
+}
+}
+// NOLINTEND
+
+namespace {
+
+using test::policy;
+using test::why;
+
+const char kName[] = "a {\"b\\";  // what would end a key
+const char kKey[] = "{\"a {\\\"b\\\\\"}";
+
+class RealAgentTest : public PolicyTest {
+ protected:
+  // The library's connections find the test's agent by its port.
+  void SetUp() override {
+    setenv(YARROW_PORT_VARIABLE, std::to_string(agent_.port()).c_str(), 1);
+    g_show_file = directory_.path() + "/show.xml";
+    g_waits = 0;
+    PolicyTest::SetUp();
+  }
+  void TearDown() override {
+    PolicyTest::TearDown();
+    unsetenv(YARROW_PORT_VARIABLE);
+    g_on_wait = nullptr;
+    seams::take_log();
+  }
+
+  void wait_until_idle() {
+    for (unsigned queue = 0; queue < pol::QUEUES; ++queue) {
+      while (!pol::thread_queue_empty(&ctx->thread, static_cast<pol::ThreadQueue>(queue))) {
+        usleep(100);
+      }
+    }
+  }
+
+  void fetch(int32_t type, const char* name) {
+    pol::thread_push_fetch(&ctx->thread, pol::QUEUE_FETCH, static_cast<uint32_t>(type), name);
+    wait_until_idle();
+  }
+
+  static std::string cached(int32_t type) {
+    uint32_t room = 0;
+    char* buffer = nullptr;
+    EXPECT_EQ(pol_xml_config_get_str(type, kName, &buffer, &room), POL_OK);
+    std::string text = buffer != nullptr ? buffer : "none";
+    pol_free(buffer, pol::MEM_UNCOUNTED);
+    return text;
+  }
+
+  int count(const char* path, int datastore = MAAPI_RUNNING) {
+    int trans = session_.begin(datastore, MAAPI_READ);
+    int found = maapi_num_instances(session_.fd(), trans, "%s", path);
+    EXPECT_EQ(why(maapi_finish_trans(session_.fd(), trans)), "ok");
+    return found;
+  }
+
+  test::TempDirectory directory_;
+  test::AgentProcess agent_;
+  test::Session session_{agent_.port()};
+};
+
+struct Kind {
+  int32_t type;
+  const char* element;
+  bool list;
+  const char* first;
+  const char* second;  // which replaces `first` when it is merged
+};
+
+const Kind kKinds[] = {
+    {1, "data-policy", false,
+     "<vpn-list><name>V</name><default-action>accept</default-action></vpn-list>",
+     "<vpn-list><name>V</name><default-action>reject</default-action></vpn-list>"},
+    {2, "app-route-policy", false, "<vpn-list><name>V</name><strict>true</strict></vpn-list>",
+     "<vpn-list><name>V</name><strict>false</strict></vpn-list>"},
+    {3, "cflowd-template", false, "<flow-active-timeout>60</flow-active-timeout>",
+     "<flow-active-timeout>90</flow-active-timeout>"},
+    {4, "vpn-list", true, "<vpn><id>1-5</id></vpn>",
+     "<vpn><id>1-5</id></vpn><vpn><id>7</id></vpn>"},
+    {5, "tloc-list", true,
+     "<tloc><address>10.0.0.1</address><color>mpls</color><encap>ipsec</encap>"
+     "<preference>1</preference></tloc>",
+     "<tloc><address>10.0.0.1</address><color>mpls</color><encap>ipsec</encap>"
+     "<preference>2</preference></tloc>"},
+    {6, "data-prefix-list", true, "<ip-prefix><prefix>10.0.0.0/8</prefix></ip-prefix>",
+     "<ip-prefix><prefix>10.0.0.0/8</prefix></ip-prefix>"
+     "<ip-prefix><prefix>11.0.0.0/8</prefix></ip-prefix>"},
+    {7, "data-ipv6-prefix-list", true, "<ipv6-prefix><prefix>fd00::/8</prefix></ipv6-prefix>",
+     "<ipv6-prefix><prefix>fd00::/8</prefix></ipv6-prefix>"
+     "<ipv6-prefix><prefix>fe00::/8</prefix></ipv6-prefix>"},
+    {8, "sla-class", false, "<loss>1</loss>", "<loss>2</loss>"},
+    {9, "policer", false, "<rate>1000</rate><burst>20</burst>",
+     "<rate>2000</rate><burst>20</burst>"},
+    {10, "app-list", true, "<app><name>x</name></app>",
+     "<app><name>x</name></app><app><name>y</name></app>"},
+};
+
+std::string object(const Kind& kind, const std::string& inner) {
+  return std::string("<") + kind.element + "><name>" + kName + "</name>" + inner + "</" +
+         kind.element + ">";
+}
+
+std::string document(const Kind& kind, const std::string& inner) {
+  std::string text = object(kind, inner);
+  return policy(kind.list ? "<lists>" + text + "</lists>" : text);
+}
+
+TEST_F(RealAgentTest, EveryTypeIsFetchedReplacedAndGone) {
+  for (const Kind& kind : kKinds) {
+    SCOPED_TRACE(kind.element);
+    const std::string closing = kind.type == 1 ? "</data-policy>" : "";
+    pol_xml_config_find_or_create(kind.type, kName);
+    for (const char* inner : {kind.first, kind.second}) {
+      ASSERT_EQ(why(session_.commit(document(kind, inner))), "ok");
+      fetch(kind.type, kName);
+      EXPECT_EQ(cached(kind.type) + closing, object(kind, inner));
+    }
+    const std::string last = cached(kind.type);
+    const std::string path =
+        std::string(kind.list ? "/policy/lists/" : "/policy/") + kind.element + kKey;
+    ASSERT_EQ(why(session_.commit_edits({{path, nullptr}})), "ok");
+    g_waits = 0;
+    fetch(kind.type, kName);
+    EXPECT_EQ(g_waits, 4) << "what is not there is asked for five times";
+    EXPECT_EQ(cached(kind.type), last);
+    pol_xml_config_find_and_delete(kind.type, kName);
+    EXPECT_EQ(cached(kind.type), "none");
+  }
+}
+
+// Each round the object goes from the agent or from the cache while it is being fetched.
+TEST_F(RealAgentTest, ObjectsMayGoWhileTheyAreFetched) {
+  const Kind& kind = kKinds[3];
+  const std::string inner(kind.first);
+  for (int round = 0; round < 60; ++round) {
+    ASSERT_EQ(why(session_.commit(document(kind, inner))), "ok");
+    pol_xml_config_find_or_create(kind.type, kName);
+    pol::thread_push_fetch(&ctx->thread, pol::QUEUE_FETCH, 4, kName);
+    usleep(static_cast<useconds_t>(round * 20));
+    if (round % 2 == 0) {
+      ASSERT_EQ(
+          why(session_.commit_edits({{std::string("/policy/lists/vpn-list") + kKey, nullptr}})),
+          "ok");
+    } else {
+      pol_xml_config_find_and_delete(kind.type, kName);
+    }
+    wait_until_idle();
+    std::string text = cached(kind.type);
+    EXPECT_TRUE(text == "none" || text == object(kind, inner)) << text;
+    pol_xml_config_find_and_delete(kind.type, kName);
+  }
+  EXPECT_EQ(current(pol::MEM_CONFIG_XML), 0U);
+  EXPECT_EQ(current(pol::MEM_FETCH_XML), 0U);
+}
+
+TEST_F(RealAgentTest, LabelSetsReplaceWhatTheSequenceHad) {
+  const std::string sequence = "<sequence><number>10</number></sequence>";
+  ASSERT_EQ(why(session_.commit(
+                document(kKinds[0], "<vpn-list><name>V</name>" + sequence + "</vpn-list>"))),
+            "ok");
+  const std::string set =
+      std::string("/policy/data-policy") + kKey + "/vpn-list{V}/sequence{10}/action/set";
+  const std::string list = set + "/kel-tloc-pref-list";
+  for (uint32_t count : {0U, 64U, 1U, 0U}) {
+    SCOPED_TRACE(count);
+    auto* item = pol::alloc<t_pol_thread_queue_item>(pol::MEM_THREAD_ITEM);
+    pol::copy_name(item->label_set.policy, kName);
+    pol::copy_name(item->label_set.vpn_list, "V");
+    item->label_set.sequence = 10;
+    item->label_set.vpn_label = 1000 + count;
+    item->label_set.count = count;
+    for (uint32_t i = 0; i < count; ++i) {
+      item->label_set.tlocs[i] = {tloc4(0x0a000001 + i, 1, i % 3), 4'000'000'000U + i};
+    }
+    pol::thread_push(&ctx->thread, pol::QUEUE_LABEL_SET, item);
+    wait_until_idle();
+    EXPECT_EQ(this->count(list.c_str()), static_cast<int>(count));
+    int trans = session_.begin(MAAPI_RUNNING, MAAPI_READ);
+    auto leaf = [&](const std::string& path) {
+      char text[64] = "";
+      if (maapi_get_elem_text(session_.fd(), trans, text, sizeof text, "%s", path.c_str()) < 0) {
+        return std::string("none");
+      }
+      return std::string(text);
+    };
+    EXPECT_EQ(leaf(set + "/vpn-label"), std::to_string(1000 + count));
+    for (uint32_t i : {0U, 1U, 63U}) {
+      if (i >= count) continue;
+      const std::string entry = list + "{" + std::to_string(i) + "}";
+      const char* const encaps[] = {"none", "gre", "ipsec"};
+      EXPECT_EQ(leaf(entry + "/address"), "10.0.0." + std::to_string(i + 1));
+      EXPECT_EQ(leaf(entry + "/color"), "mpls");
+      EXPECT_EQ(leaf(entry + "/encap"), encaps[i % 3]);
+      EXPECT_EQ(leaf(entry + "/label"), std::to_string(4'000'000'000U + i));
+    }
+    EXPECT_EQ(why(maapi_finish_trans(session_.fd(), trans)), "ok");
+  }
+  EXPECT_EQ(g_waits, 0);
+}
+
+TEST_F(RealAgentTest, ShowDataIsPublishedCountedAndCleared) {
+  EXPECT_EQ(pol_show_fwd_policy_yarrow_delete(), POL_OK) << "nothing is there yet";
+  std::string lists;
+  std::string objects = "<app-id><name>i</name></app-id>";
+  for (const Kind& kind : kKinds) (kind.list ? lists : objects) += object(kind, kind.second);
+  auto received = [](const std::string& inner) {
+    return policy("<from-pellux>" + inner + "</from-pellux>");
+  };
+  // Each is merged into what is there, also a second time.
+  for (const std::string& part : {"<lists>" + lists + "</lists>", objects, objects}) {
+    EXPECT_EQ(pol_show_fwd_policy_yarrow_set(received(part).c_str()), POL_OK) << seams::take_log();
+  }
+  for (const char* path : pol_show_data_pol_from_pellux) {
+    EXPECT_EQ(count(path, MAAPI_OPERATIONAL), 1) << path;
+  }
+  seams::take_log();
+  EXPECT_EQ(pol_show_fwd_policy_yarrow_set(policy("<no-such/>").c_str()), POL_EAGENT);
+  EXPECT_NE(seams::take_log().find("[POL] Failed to set xml show data, -1yarrow_str "),
+            std::string::npos);
+  EXPECT_EQ(pol_show_fwd_policy_yarrow_delete(), POL_OK);
+  for (const char* path : pol_show_data_pol_from_pellux) {
+    EXPECT_EQ(count(path, MAAPI_OPERATIONAL), 0) << path;
+  }
+}
+
+TEST_F(RealAgentTest, ReceivedPolicyIsDeletedOnceTheDatabaseIsFree) {
+  const std::string received = "<policy-from-pellux xmlns=\"urn:zenodra:yang:policy\">" +
+                               object(kKinds[7], kKinds[7].first) + "</policy-from-pellux>";
+  int trans = session_.begin();
+  ASSERT_EQ(pol_fwd_policy_yarrow_set(session_.fd(), trans, static_cast<uint32_t>(received.size()),
+                                      received.c_str()),
+            0);
+  ASSERT_EQ(why(maapi_apply_trans(session_.fd(), trans, 0)), "ok");
+  ASSERT_EQ(why(maapi_candidate_commit(session_.fd())), "ok");
+  ASSERT_EQ(why(maapi_finish_trans(session_.fd(), trans)), "ok");
+  ASSERT_EQ(count("/policy-from-pellux/sla-class"), 1);
+
+  test::Session other(agent_.port());
+  ASSERT_EQ(why(maapi_lock(other.fd(), MAAPI_CANDIDATE)), "ok");
+  g_on_wait = [&](int waits) {
+    if (waits == 3) {
+      EXPECT_EQ(why(maapi_unlock(other.fd(), MAAPI_CANDIDATE)), "ok");
+    }
+  };
+  pol_debug_set(3);
+  seams::take_log();
+  EXPECT_EQ(pol_fwd_policy_yarrow_delete(), POL_OK);
+  EXPECT_EQ(g_waits, 3);
+  EXPECT_EQ(count("/policy-from-pellux/sla-class"), 0);
+  std::string log = seams::take_log();
+  int lines = 0;
+  for (size_t at = 0; (at = log.find("Database is locked - Retrying", at)) != std::string::npos;) {
+    ++at;
+    ++lines;
+  }
+  EXPECT_EQ(lines, 3);
+}
+
+TEST_F(RealAgentTest, AnAgentThatDiesFailsItsRequestsOnly) {
+  pol_xml_config_find_or_create(4, kName);
+  ASSERT_EQ(why(session_.commit(document(kKinds[3], kKinds[3].first))), "ok");
+  fetch(4, kName);
+  const std::string text = cached(4);
+  agent_.kill_hard();
+  pol_debug_set(1);
+  fetch(4, kName);
+  EXPECT_NE(seams::take_log().find("Failed on multiple retries for queue 2"), std::string::npos);
+  EXPECT_EQ(cached(4), text);
+  EXPECT_EQ(pol_show_fwd_policy_yarrow_delete(), POL_EAGENT);
+  EXPECT_EQ(pol_fwd_policy_yarrow_delete(), POL_EAGENT);
+}
+
+}  // namespace

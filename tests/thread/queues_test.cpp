@@ -1,0 +1,358 @@
+// SPDX-License-Identifier: Apache-2.0
+// The worker, its queues, its start and its end.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <shared_mutex>
+#include <thread>
+
+#include "pol_xml_config_internal.h"
+#include "scripted.h"
+#include "support/policy_fixture.h"
+#include "support/seams.h"
+
+namespace {
+
+using std::chrono::steady_clock;
+
+class QueuesTest : public PolicyTest {
+ protected:
+  // A worker of this test's alone, that has not tried to connect.
+  void SetUp() override {
+    scripted::reset();
+    seams::take_log();
+    PolicyTest::SetUp();
+    descriptors_ = scripted::descriptors();
+    scripted::set_stream("<vpn-list></vpn-list></lists>");
+    pol_debug_set(1);
+  }
+
+  void TearDown() override {
+    PolicyTest::TearDown();
+    EXPECT_EQ(scripted::open_handles(), 0);
+    EXPECT_EQ(scripted::bad_closes(), 0);
+    scripted::reset();
+    seams::take_log();
+  }
+
+  void push(pol::ThreadQueue queue, uint32_t type = POL_XML_VPN_LIST) {
+    if (queue != pol::QUEUE_LABEL_SET) {
+      return pol::thread_push_fetch(&ctx->thread, queue, type, "v");
+    }
+    auto* item = pol::alloc<t_pol_thread_queue_item>(pol::MEM_THREAD_ITEM);
+    pol::thread_push(&ctx->thread, queue, item);
+  }
+
+  void wait_until_idle() {
+    for (unsigned queue = 0; queue < pol::QUEUES; ++queue) {
+      while (!pol::thread_queue_empty(&ctx->thread, static_cast<pol::ThreadQueue>(queue))) {
+        std::this_thread::yield();
+      }
+    }
+  }
+
+  void wait_for_label_queue(uint32_t length) {
+    const uint32_t* now = &ctx->thread.lengths[pol::QUEUE_LABEL_SET];
+    while (__atomic_load_n(now, __ATOMIC_RELAXED) < length) std::this_thread::yield();
+  }
+
+  // What the worker started, by its transactions.
+  static int attempts() { return scripted::calls("maapi_start_trans_flags2"); }
+
+  static int lines(const std::string& log, const std::string& line) {
+    int count = 0;
+    for (size_t at = 0; (at = log.find(line, at)) != std::string::npos; ++at) ++count;
+    return count;
+  }
+
+  std::string dumped() {
+    return printed([](t_cli_user_ctx* cli) { pol_dump_yarrow_thread(cli, 0, 0, nullptr); });
+  }
+
+  int descriptors_ = 0;
+};
+
+TEST_F(QueuesTest, AFailingRequestIsTriedFiveTimesOnEachQueue) {
+  for (unsigned queue = 0; queue < pol::QUEUES; ++queue) {
+    for (int failures : {0, 1, 4, 5}) {
+      SCOPED_TRACE(std::to_string(queue) + " fails " + std::to_string(failures));
+      int before = attempts();
+      int waited = scripted::waits();
+      seams::take_log();
+      scripted::fail_call("maapi_start_trans_flags2", 0, failures);
+      push(static_cast<pol::ThreadQueue>(queue));
+      wait_until_idle();
+      EXPECT_EQ(attempts() - before, std::min(failures + 1, 5));
+      EXPECT_EQ(scripted::waits() - waited, std::min(failures, 4));
+      std::string log = seams::take_log();
+      EXPECT_EQ(
+          lines(log, "[POL] Failed on multiple retries for queue " + std::to_string(queue) + "\n"),
+          failures == 5 ? 1 : 0);
+      EXPECT_EQ(lines(log, "label fetch config processing\n"),
+                queue == pol::QUEUE_LABEL_FETCH ? std::min(failures + 1, 5) : 0);
+    }
+  }
+  EXPECT_EQ(current(pol::MEM_THREAD_ITEM), 0U);
+}
+
+TEST_F(QueuesTest, TheAgentIsConnectedAtTheFirstRequestOnceAndForAll) {
+  struct {
+    const char* failing;
+    const char* message;
+    int attempts;
+  } rows[] = {
+      {"none", "Starting user session for yarrow thread\n", 1},
+      {"socket", "Failed to do get new socket (-1)\n", 5},
+      {"maapi_connect", "Failed to do maapi_connect (-1)yarrow_str error 7 (7) as scripted\n", 5},
+      {"maapi_start_user_session3",
+       "Failed to start a user sessionyarrow_str error 7 (7) as scripted\n", 5},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.failing);
+    scripted::fail_call(row.failing, 0, 1);
+    seams::take_log();
+    int before = attempts();
+    int connects = scripted::calls("maapi_connect");
+    for (int i = 0; i < 2; ++i) {
+      push(pol::QUEUE_FETCH);
+      wait_until_idle();
+    }
+    std::string log = seams::take_log();
+    EXPECT_EQ(lines(log, row.message), 1) << log;
+    EXPECT_EQ(attempts() - before, 2 * row.attempts) << "every request fails without an agent";
+    EXPECT_EQ(scripted::calls("maapi_connect") - connects,
+              row.failing == std::string("socket") ? 0 : 1);
+    EXPECT_EQ(g_pol_yarrow_thread_maapi_connected, 1);
+    pol_destroy();
+    init();
+  }
+  EXPECT_EQ(scripted::descriptors(), descriptors_);
+}
+
+TEST_F(QueuesTest, ARequestIsOnItsQueueWhileItIsWorkedOn) {
+  scripted::hold("maapi_save_config");
+  push(pol::QUEUE_LABEL_FETCH);
+  scripted::wait_until_held();
+  EXPECT_FALSE(pol::thread_queue_empty(&ctx->thread, pol::QUEUE_LABEL_FETCH));
+  EXPECT_NE(dumped().find("Yarrow Thread    \n   ================================\n"
+                          "Thread Idx:0, Empty: 1\nThread Idx:1, Empty: 0\n"
+                          "Thread Idx:2, Empty: 1\n"),
+            std::string::npos)
+      << dumped();
+  scripted::release();
+  wait_until_idle();
+  EXPECT_NE(dumped().find("Idx:1, Empty: 1\n"), std::string::npos);
+  scripted::fail_call("pthread_spin_lock", 0, 1);
+  EXPECT_NE(dumped().find("Lock error on xml config tree (error:35)"), std::string::npos);
+  scripted::fail_call("pthread_spin_unlock", 0, 1);
+  EXPECT_NE(dumped().find("2, Empty: 1\nUnlock error on xml config tree (error:1)"),
+            std::string::npos);
+}
+
+TEST_F(QueuesTest, AnExitOvertakesWhatIsPending) {
+  scripted::hold("maapi_save_config");
+  push(pol::QUEUE_FETCH);
+  scripted::wait_until_held();
+  for (int i = 0; i < 5; ++i) {
+    for (unsigned queue = 0; queue < pol::QUEUES; ++queue) {
+      push(static_cast<pol::ThreadQueue>(queue));
+    }
+  }
+  std::thread destroyer(pol_destroy);
+  wait_for_label_queue(8);
+  scripted::release();
+  destroyer.join();
+  EXPECT_EQ(attempts(), 1);
+  EXPECT_EQ(current(pol::MEM_THREAD_ITEM), 0U);
+  init();
+}
+
+TEST_F(QueuesTest, AnExitEndsEveryWaitAtOnce) {
+  struct {
+    pol::ThreadQueue queue;
+    const char* failing;
+    bool locked;
+  } rows[] = {
+      {pol::QUEUE_FETCH, "maapi_save_config", false},
+      {pol::QUEUE_LABEL_SET, "maapi_set_elem", false},
+      {pol::QUEUE_LABEL_SET, "none", true},
+  };
+  for (const auto& row : rows) {
+    int waited = scripted::waits();
+    scripted::wait_really();
+    scripted::fail_call(row.failing, 0, 1000);
+    scripted::answer_apply(-1, row.locked ? 1000 : 0);
+    push(row.queue);
+    while (scripted::waits() == waited) std::this_thread::yield();
+    const auto start = steady_clock::now();
+    pol_destroy();
+    EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(1)) << row.failing;
+    EXPECT_EQ(scripted::open_handles(), 0);
+    init();
+  }
+}
+
+TEST_F(QueuesTest, AFullPipeStopsNeitherEnd) {
+  scripted::hold("maapi_save_config");
+  push(pol::QUEUE_FETCH);
+  scripted::wait_until_held();
+  const int end = ctx->thread.write_fd;
+  const int flags = fcntl(end, F_GETFL);
+  fcntl(end, F_SETFL, flags | O_NONBLOCK);
+  while (write(end, "1", 1) == 1) {
+  }
+  fcntl(end, F_SETFL, flags);
+  std::thread destroyer(pol_destroy);
+  wait_for_label_queue(3);
+  scripted::release();
+  destroyer.join();
+  EXPECT_EQ(attempts(), 1);
+  init();
+}
+
+TEST_F(QueuesTest, EachStepOfTheStartFails) {
+  struct {
+    const char* call;
+    int skip;
+    uint32_t status;
+    const char* message;
+  } rows[] = {
+      {"pthread_spin_init", 0, POL_ESPINLOCK, "Failed to init spinlock for queue 0 (error 11)\n"},
+      {"pthread_spin_init", 2, POL_ESPINLOCK, "Failed to init spinlock for queue 2 (error 11)\n"},
+      {"pipe", 0, POL_EPIPE, "Failed to setup pipe\n"},
+      {"fcntl", 0, POL_EPIPE, "Failed to set fd flags\n"},
+      {"fcntl", 1, POL_EPIPE, "Failed to set fd flags\n"},
+      {"event_base_new", 0, POL_EEVENT, "Failed to malloc thread event base\n"},
+      {"event_new", 0, POL_EEVENT, "Failed to create event for thread\n"},
+      {"event_add", 0, POL_EEVENT, "Failed to add event for thread\n"},
+  };
+  t_pol_yarrow_thread thread = {};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.call);
+    seams::take_log();
+    scripted::fail_call(row.call, row.skip, 1);
+    EXPECT_EQ(pol_yarrow_thread_init(&thread), row.status);
+    EXPECT_NE(seams::take_log().find(row.message), std::string::npos);
+    EXPECT_EQ(scripted::descriptors(), descriptors_);
+    EXPECT_EQ(pol_yarrow_thread_deinit(&thread), POL_OK) << "nothing is left to end";
+  }
+  pol_destroy();
+  scripted::fail_call("pipe", 0, 1);
+  const t_pol_callbacks callbacks = {};
+  EXPECT_EQ(pol_init(&callbacks), nullptr);
+  EXPECT_NE(g_pol_ctx_p, nullptr);
+  pol_destroy();
+  init();
+}
+
+TEST_F(QueuesTest, EachStepOfTheEndFailsAndMayBeTakenAgain) {
+  struct {
+    const char* call;
+    int skip;
+    uint32_t status;
+    const char* message;
+  } rows[] = {
+      {"calloc", 0, POL_ENOMEM, "Failed to alloc memory for thread queue item\n"},
+      {"calloc", 2, POL_ENOMEM, "Failed to alloc memory for thread queue item\n"},
+      {"pthread_spin_lock", 0, POL_ELOCK, "Lock error on queue\n"},
+      {"pthread_spin_unlock", 1, POL_ELOCK, "Unlock error on queue\n"},
+      {"write", 0, POL_EPIPE, "Write Error on pipe (errno: 5)\n"},
+      {"pthread_spin_destroy", 1, POL_OK, "Failed to destroy spinlock for queue 1 (error 16)\n"},
+  };
+  EXPECT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
+  const int without = scripted::descriptors();
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.message);
+    EXPECT_EQ(pol_yarrow_thread_init(&ctx->thread), POL_OK);
+    seams::take_log();
+    scripted::fail_call(row.call, row.skip, 1);
+    const bool memory = row.status == POL_ENOMEM;
+    {
+      seams::Fail fail(memory ? row.skip + 1 : 1'000'000);
+      EXPECT_EQ(pol_yarrow_thread_deinit(&ctx->thread), row.status);
+    }
+    EXPECT_NE(seams::take_log().find(row.message), std::string::npos);
+    EXPECT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
+    EXPECT_EQ(scripted::descriptors(), without);
+    g_pol_mem_info[pol::MEM_THREAD_ITEM].frees += memory ? 1 : 0;  // counted, and never there
+    EXPECT_EQ(current(pol::MEM_THREAD_ITEM), 0U);
+  }
+  const uint64_t asked = g_pol_mem_info[pol::MEM_THREAD_ITEM].allocs;
+  EXPECT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
+  EXPECT_EQ(g_pol_mem_info[pol::MEM_THREAD_ITEM].allocs, asked) << "nobody is there to be asked";
+}
+
+TEST_F(QueuesTest, AWorkerThatDoesNotEndKeepsItsContext) {
+  scripted::hold("maapi_save_config");
+  pol_xml_config_find_or_create(POL_XML_VPN_LIST, "v");
+  push(pol::QUEUE_FETCH);
+  scripted::wait_until_held();
+  scripted::fail_call("write", 0, 1);
+  pol_destroy();
+  EXPECT_EQ(g_pol_ctx_p, nullptr);
+  EXPECT_EQ(current(pol::MEM_CONTEXT), 1U);
+  scripted::release();  // now it stores the text
+  EXPECT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
+  EXPECT_EQ(current(pol::MEM_CONFIG_XML), 1U);
+  pol_xml_config_deinit(ctx);
+  pol_free(ctx, pol::MEM_CONTEXT);
+  init();
+}
+
+TEST_F(QueuesTest, AQueueThatCannotBeLockedLosesNothing) {
+  for (int skip = 0; skip < 12; ++skip) {
+    scripted::fail_call("pthread_spin_lock", skip, 1);
+    for (unsigned queue = 0; queue < pol::QUEUES; ++queue) {
+      push(static_cast<pol::ThreadQueue>(queue));
+    }
+    // Another wake-up comes back to a queue that was passed over.
+    while (current(pol::MEM_THREAD_ITEM) != 0) {
+      ASSERT_EQ(write(ctx->thread.write_fd, "1", 1), 1);
+      std::this_thread::yield();
+    }
+    wait_until_idle();
+    EXPECT_EQ(current(pol::MEM_THREAD_ITEM), 0U);
+  }
+}
+
+// Eight producers on all queues, and a stop while they produce: what was worked and what was freed
+// is all that was pushed, and nothing is worked after the stop.
+TEST_F(QueuesTest, ProducersAndAStopLoseNothing) {
+  for (bool stopped : {false, true}) {
+    int before = attempts();
+    std::shared_mutex host;  // pushes may overlap each other, not the end
+    std::atomic<bool> ended{false};
+    std::atomic<int> pushed{0};
+    std::vector<std::thread> producers;
+    for (int i = 0; i < 8; ++i) {
+      producers.emplace_back([&, i] {
+        for (int n = 0; n < 100; ++n) {
+          std::shared_lock<std::shared_mutex> hold(host);
+          if (ended) return;
+          push(static_cast<pol::ThreadQueue>((i + n) % pol::QUEUES));
+          ++pushed;
+        }
+      });
+    }
+    if (stopped) {
+      while (pushed < 200) std::this_thread::yield();
+      std::unique_lock<std::shared_mutex> hold(host);
+      ended = true;
+      pol_destroy();
+    }
+    for (std::thread& producer : producers) producer.join();
+    if (!stopped) {
+      wait_until_idle();
+      EXPECT_EQ(attempts() - before, 800);
+    } else {
+      EXPECT_LE(attempts() - before, pushed);
+      init();
+    }
+    EXPECT_EQ(current(pol::MEM_THREAD_ITEM), 0U);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <libxml/parser.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <regex>
+
+#include "support/agent_schema.h"
+#include "support/policy_fixture.h"
+#include "support/seams.h"
+
+namespace {
+
+constexpr char kNamespace[] = "urn:zenodra:policy";
+
+class CompatTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(load_agent_schema()); }
+
+  struct Result {
+    std::string text;  // "(none)" for none; otherwise without its XML declaration
+    std::string log;   // without function and line
+  };
+
+  // The filter must not write to where its host's messages go.
+  static Result filtered(const std::string& text, const char* name_space = kNamespace) {
+    seams::take_log();
+    testing::internal::CaptureStderr();
+    uint32_t length = 0;
+    char* pruned = pol_xml_fetch_compat_config(name_space, text.data(),
+                                               static_cast<uint32_t>(text.size()), &length);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    Result result = {
+        "(none)",
+        std::regex_replace(seams::take_log(), std::regex("191 \\w+\\[\\d+\\]: \\[POL\\] "), "")};
+    if (pruned == nullptr) return result;
+    EXPECT_EQ(length, strlen(pruned));
+    result.text = std::regex_replace(std::string(pruned), std::regex("^<\\?xml[^\n]*\n|\n$"), "");
+    xmlFree(pruned);
+    return result;
+  }
+
+  static std::string policy(const std::string& inner) {
+    return std::string("<policy xmlns=\"") + kNamespace + "\">" + inner + "</policy>";
+  }
+};
+
+std::string repeated(size_t count, const std::string& text) {
+  std::string all;
+  for (size_t i = 0; i < count; ++i) all += text;
+  return all;
+}
+
+// "/policy/lists" with the prefix in each step.
+std::string xpath(const std::string& path) {
+  return std::regex_replace(path, std::regex("/"), "/zenodra-policy:");
+}
+
+TEST_F(CompatTest, TakesOutTheHighestUnknownElementsEverywhere) {
+  const std::string list = "<lists><vpn-list><name>v</name></vpn-list></lists>";
+  const std::string nothing = "No incompatible nodes found\n";
+  auto taken_out = [](const std::string& path, int nodes) {
+    return "Incompat xpath: " + xpath(path) + "\nUnlinking " + std::to_string(nodes) +
+           " nodes for xpath: " + xpath(path) + "\n";
+  };
+  const struct {
+    std::string in;
+    std::string out;
+    std::string log;
+  } kCases[] = {
+      {policy(list), "(none)", nothing},
+      {policy(" <!--c--> " + list + "\n"), "(none)", nothing},
+      {policy("<new><a>1</a><b><lists/></b></new>" + list), policy(list),
+       taken_out("/policy/new", 1)},
+      {policy("<lists><new/></lists>"), policy("<lists/>"), taken_out("/policy/lists/new", 1)},
+      // Text, comments and what stands behind an unknown element are kept.
+      {policy("<new/><!--c--><policer><name><![CDATA[<&]]>&lt;</name></policer> t "),
+       policy("<!--c--><policer><name><![CDATA[<&]]>&lt;</name></policer> t "),
+       taken_out("/policy/new", 1)},
+      {policy("<policer><name>a</name><new>1</new></policer><policer><new/><new/></policer>"),
+       policy("<policer><name>a</name></policer><policer/>"), taken_out("/policy/policer/new", 3)},
+      // A leaf has no children, and an element known elsewhere is unknown here.
+      {policy("<policer><name>a<name/></name></policer><vpn-list/>"),
+       policy("<policer><name>a</name></policer>"),
+       "Incompat xpath: " + xpath("/policy/policer/name/name") +
+           "\nIncompat xpath: " + xpath("/policy/vpn-list") +
+           "\nUnlinking 1 nodes for xpath: " + xpath("/policy/policer/name/name") +
+           "\nUnlinking 1 nodes for xpath: " + xpath("/policy/vpn-list") + "\n"},
+      // One path begins like another: only the first is found; the other way round both are.
+      {policy("<new/><new-too/>"), policy("<new-too/>"), taken_out("/policy/new", 1)},
+      {policy("<new-too/><new/>"), policy(""),
+       "Incompat xpath: " + xpath("/policy/new-too") + "\nIncompat xpath: " + xpath("/policy/new") +
+           "\nUnlinking 1 nodes for xpath: " + xpath("/policy/new-too") +
+           "\nUnlinking 1 nodes for xpath: " + xpath("/policy/new") + "\n"},
+      // Elements of other namespaces are not the policy module's to take out.
+      {policy("<x:new xmlns:x=\"urn:x\"/>"), policy("<x:new xmlns:x=\"urn:x\"/>"),
+       "Incompat xpath: " + xpath("/policy/new") +
+           "\nNo nodes found for xpath: " + xpath("/policy/new") + "\n"},
+      {policy("<x:new/><a/>"), policy("<x:new/>"),
+       "Incompat xpath: " + xpath("/policy/x:new") + "\nIncompat xpath: " + xpath("/policy/a") +
+           "\nError evaluating xpath: " + xpath("/policy/x:new") +
+           "\nUnlinking 1 nodes for xpath: " + xpath("/policy/a") + "\n"},
+      {"<other xmlns=\"urn:zenodra:policy\"><a/></other>", "", taken_out("/other", 1)},
+  };
+  for (const auto& row : kCases) {
+    Result result = filtered(row.in);
+    std::string out = std::regex_replace(row.out, std::regex("><\\/policy>$"), "></policy>");
+    if (out == policy("")) out = "<policy xmlns=\"urn:zenodra:policy\"/>";
+    EXPECT_EQ(result.text, out) << row.in;
+    EXPECT_EQ(result.log, row.log) << row.in;
+  }
+}
+
+TEST_F(CompatTest, HostileTextIsRefusedOrBounded) {
+  std::string laughs = "<!DOCTYPE policy [<!ENTITY e0 \"ha\">";
+  for (int i = 1; i < 20; ++i) {
+    std::string below = "&e" + std::to_string(i - 1) + ";";
+    laughs += "<!ENTITY e" + std::to_string(i) + " \"" + repeated(10, below) + "\">";
+  }
+  laughs += "]>" + policy("<new>&e19;</new>");
+  char secret[] = "/tmp/pol_xml_compat_XXXXXX";
+  int fd = mkstemp(secret);
+  ASSERT_EQ(write(fd, "secret", 6), 6);
+  close(fd);
+  const std::string read_file = std::string("<!DOCTYPE policy [<!ENTITY f SYSTEM \"file://") +
+                                secret + "\">]>" + policy("<new/><description>&f;</description>");
+  const std::string parameter =
+      std::string("<!DOCTYPE policy SYSTEM \"file://") + secret + "\">" + policy("<new/>");
+  const size_t kDeep = 100'000;
+  for (const std::string& text :
+       {laughs, read_file, parameter, std::string("<!DOCTYPE policy>") + policy("<new/>"),
+        policy("<new/>&undefined;"), policy(repeated(kDeep, "<new>") + repeated(kDeep, "</new>")),
+        std::string("no XML"), std::string(), std::string("<policy>\0</policy>", 19),
+        policy("<new>") + "<"}) {
+    Result result = filtered(text);
+    EXPECT_EQ(result.text, "(none)") << text.substr(0, 200);
+    EXPECT_EQ(result.log, "Error parsing XML\n") << text.substr(0, 200);
+  }
+  unlink(secret);
+  seams::take_log();
+  uint32_t length = 0;
+  EXPECT_EQ(pol_xml_fetch_compat_config(kNamespace, "<", (256u << 20) + 1, &length), nullptr);
+  EXPECT_NE(seams::take_log().find("Error parsing XML\n"), std::string::npos);
+  Result unbound = filtered(policy("<new/>"), nullptr);
+  EXPECT_EQ(unbound.text, "(none)");
+  EXPECT_NE(unbound.log.find("Error registering namespace\nError removing incompat nodes\n"),
+            std::string::npos);
+}
+
+TEST_F(CompatTest, WhatCannotBeJudgedIsLeftIn) {
+  std::string unknown;
+  for (int i = 10; i < 50; ++i) unknown += "<n" + std::to_string(i) + "/>";
+  Result result = filtered(policy(unknown));
+  EXPECT_EQ(result.text, policy("<n42/><n43/><n44/><n45/><n46/><n47/><n48/><n49/>"));
+  const std::string full = "Too many incompat xpaths, left in: " + xpath("/policy/n42") + "\n";
+  EXPECT_EQ(result.log.find(full), result.log.rfind("Too many"));
+
+  // Paths of 511, 512 and 600 bytes; the last one twice.
+  const size_t above = xpath("/policy/").size();
+  const std::string fits = std::string(511 - above, 'f');
+  const std::string over = std::string(512 - above, 'o');
+  const std::string far = std::string(600 - above, 'l');
+  result =
+      filtered(policy("<" + far + "><new/></" + far + "><" + over + "/><" + fits + "/><new/>"));
+  EXPECT_EQ(result.text, policy("<" + far + "><new/></" + far + "><" + over + "/>"));
+  EXPECT_EQ(result.log.find("Path too long, left in: "), result.log.rfind("Path too long"));
+}
+
+// A large document with an unknown element in every entry: time must not grow with its square.
+TEST_F(CompatTest, ManyEntriesLoseTheirUnknownElements) {
+  const std::string entry = "<policer><name>a</name>";
+  Result result = filtered(policy(repeated(50'000, entry + "<new>1</new></policer>")));
+  EXPECT_EQ(result.text, policy(repeated(50'000, entry + "</policer>")));
+}
+
+// In a process of its own: a schema that was read once stays.
+TEST(CompatDeathTest, WithoutASchemaEverythingStays) {
+  auto exit_status = [] {
+    int taken = socket(AF_INET, SOCK_STREAM, 0);  // bound, and nobody listens
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    bind(taken, reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(taken, reinterpret_cast<sockaddr*>(&address), &size);
+    setenv(YARROW_PORT_VARIABLE, std::to_string(ntohs(address.sin_port)).c_str(), 1);
+    uint32_t length = 0;
+    const std::string text = "<new xmlns=\"urn:zenodra:policy\"/>";
+    char* pruned = pol_xml_fetch_compat_config(kNamespace, text.data(),
+                                               static_cast<uint32_t>(text.size()), &length);
+    bool told = seams::take_log().find("No schema to compare with\n") != std::string::npos;
+    close(taken);
+    return pruned == nullptr && told ? 0 : 1;
+  };
+  EXPECT_EXIT(_exit(exit_status()), ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
