@@ -2,6 +2,7 @@
 // Application lists: three roles of user.
 #include "policy/pol_app_list.h"
 
+#include "pol_fwd_block_internal.h"
 #include "pol_fwd_object_list.h"
 
 namespace {
@@ -18,6 +19,13 @@ struct AppFacts {
                                             {&t_pol_fwd_user::saas_app_list, "SAAS APP LIST"}};
 };
 using AppLists = pol::FwdObjectList<AppFacts>;
+
+// For the roles that sequences leave behind (pol_fwd_block.h).
+uint32_t remove_and_release(t_pol_ctx* ctx, t_app_list* node, size_t role, t_pol_fwd_user* user) {
+  uint32_t status = AppLists::user_remove(ctx, node, role, user);
+  if (status == POL_OK) pol::fwd_leftover_release(user);
+  return status;
+}
 
 }  // namespace
 
@@ -46,7 +54,7 @@ t_app_list* pol_dns_app_list_user_add(t_pol_ctx* ctx, const char* name, t_pol_fw
 }
 
 uint32_t pol_dns_app_list_user_remove(t_pol_ctx* ctx, t_app_list* node, t_pol_fwd_user* user) {
-  return AppLists::user_remove(ctx, node, 1, user);
+  return remove_and_release(ctx, node, 1, user);
 }
 
 t_app_list* pol_saas_app_list_user_add(t_pol_ctx* ctx, const char* name, t_pol_fwd_user* user) {
@@ -54,7 +62,7 @@ t_app_list* pol_saas_app_list_user_add(t_pol_ctx* ctx, const char* name, t_pol_f
 }
 
 uint32_t pol_saas_app_list_user_remove(t_pol_ctx* ctx, t_app_list* node, t_pol_fwd_user* user) {
-  return AppLists::user_remove(ctx, node, 2, user);
+  return remove_and_release(ctx, node, 2, user);
 }
 
 t_app_list* pol_app_list_first(t_pol_ctx* ctx) { return AppLists::first(ctx); }

@@ -177,6 +177,7 @@ void pol_block_find_and_delete(t_pol_ctx* ctx, const char* name, uint32_t kind, 
 t_pol_entry* pol_block_default_action_add(t_pol_ctx* ctx, t_pol_block* block,
                                           const t_pol_entry* record, uint8_t* changed) {
   if (ctx == nullptr || block == nullptr || record == nullptr) return nullptr;
+  if (pol::is_forwarding(*record)) pol::crash();
   t_pol_entry* own = &block->default_action;
   if (pol::clauses_equal(*own, *record) && own->action == record->action) return own;
   delete_clauses(ctx, own);
@@ -208,7 +209,7 @@ t_pol_entry* pol_entry_first(t_pol_ctx* ctx, t_pol_block* block) {
 }
 
 t_pol_entry* pol_entry_next(t_pol_ctx* ctx, t_pol_entry* entry) {
-  if (ctx == nullptr || entry == nullptr) return nullptr;
+  if (ctx == nullptr || entry == nullptr || !has_entries_tree(entry->block)) return nullptr;
   return entry->block->entries.next(entry);
 }
 

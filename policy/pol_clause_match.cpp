@@ -9,6 +9,7 @@
 
 #include "base/pol_crash.h"
 #include "pol_context_internal.h"
+#include "pol_fwd_block_internal.h"
 #include "policy/pol_clause.h"
 #include "policy/pol_color_list.h"
 #include "policy/pol_pfx_list.h"
@@ -19,6 +20,7 @@
 namespace {
 
 pol::ClauseSite match_site(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
+  if (pol::is_forwarding(*entry)) pol::crash();
   return {ctx, entry, &entry->match_flags, changed};
 }
 

@@ -2,8 +2,10 @@
 // Set clauses, and the clauses of a sequence compared and copied as a whole.
 #include <cstring>
 
+#include "base/pol_crash.h"
 #include "pol_clause_internal.h"
 #include "pol_context_internal.h"
+#include "pol_fwd_block_internal.h"
 #include "policy/pol_clause.h"
 #include "policy/pol_color_list.h"
 #include "policy/pol_pfx_list.h"
@@ -14,6 +16,7 @@
 namespace {
 
 pol::ClauseSite set_site(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
+  if (pol::is_forwarding(*entry)) pol::crash();
   return {ctx, entry, &entry->set_flags, changed};
 }
 

@@ -192,8 +192,7 @@ class ActionLeaves {
         if (leaf.type() == C_XMLEND) in_service_ = false;
         return true;
       case kTagTloc:
-        // The TLOC inside a service is the service's.
-        if (leaf.type() == C_XMLBEGIN && !in_service_) in_tloc_ = true;
+        if (leaf.type() == C_XMLBEGIN) in_tloc_ = true;
         if (leaf.type() == C_XMLEND) in_tloc_ = false;
         return true;
       case kTagVpn:

@@ -61,13 +61,18 @@ void user_release(t_pol_block* block, t_pol_fwd_user* user) {
   block->leftovers.push_back(user);
 }
 
+// Every object that may know the sequence, in the order of its leaving them.
+constexpr const FwdRef* kLeaving[] = {&kFwdSrcPfx, &kFwdDstPfx,  &kFwdSrcPfx6,  &kFwdDstPfx6,
+                                      &kFwdAppId,  &kFwdAppList, &kFwdSlaClass, &kFwdPolicer};
+
 void entry_delete(t_pol_ctx* ctx, t_pol_entry* entry, bool remove_from_tree) {
   t_pol_block* block = entry->block;
   fwd_ref_drop(ctx, entry, kFwdTlocList);
   fwd_tlocs_clear(entry);
-  for (const FwdRef* ref : {&kFwdSrcPfx, &kFwdDstPfx, &kFwdSrcPfx6, &kFwdDstPfx6, &kFwdAppId,
-                            &kFwdAppList, &kFwdSlaClass, &kFwdPolicer}) {
+  for (const FwdRef* ref : kLeaving) {
     if (fwd_ref_drop(ctx, entry, *ref)) pol_block_users_add_to_chg_list(ctx, block);
+    // A host may have registered the record itself, past the sequence.
+    if (NamedHead* object = fwd_object(*entry, *ref)) ref->remove(ctx, object, entry->fwd.user);
   }
   if (remove_from_tree) entry->fwd.vpn->entries.remove(entry);
   user_release(block, entry->fwd.user);
@@ -114,8 +119,16 @@ int32_t xml_type_of(uint32_t kind) {
 
 void fwd_block_release_if_orphaned(t_pol_ctx* ctx, t_pol_block* block) {
   if (block->orphaned == 0 || !block->users.empty()) return;
-  if (!destroying(ctx)) ctx->blocks[block->kind - 1].remove(block);
-  fwd_block_free(ctx, block);
+  // Again as a whole: it may have got a default action since.
+  pol_fwd_block_delete(ctx, ctx->blocks[block->kind - 1].raw(), block, destroying(ctx) ? 0 : 1);
+}
+
+void fwd_leftover_release(t_pol_fwd_user* user) {
+  if (user->entry != nullptr) return;
+  if (user->dns_app_list.list != nullptr || user->saas_app_list.list != nullptr) return;
+  t_pol_block* block = user->app_list.block;
+  if (block != nullptr) block->leftovers.remove(user);
+  pol_free(user, MEM_UNCOUNTED);
 }
 
 FwdPlace fwd_find(t_pol_ctx* ctx, const char* block_name, uint32_t kind, const char* vpn_list,
@@ -135,12 +148,15 @@ void fwd_tlocs_clear(t_pol_entry* entry) {
 }  // namespace pol
 
 uint32_t pol_fwd_block_init(t_pol_ctx* /*ctx*/, t_pol_block* block) {
+  if (block == nullptr) return POL_EINVAL;
+  if (block->fwd_vpns.first() != nullptr) return POL_OK;
   block->fwd_vpns.create(pol::fwd_vpn_compare, offsetof(t_pol_fwd_vpn_entry, link));
   return POL_OK;
 }
 
 void pol_fwd_block_delete(t_pol_ctx* ctx, avl_tree* tree, t_pol_block* block,
                           uint8_t remove_from_tree) {
+  if (ctx == nullptr || block == nullptr) return;
   if (!pol::is_forwarding(block->kind)) pol::crash();
   void* cookie = nullptr;
   while (t_pol_fwd_vpn_entry* vpn = block->fwd_vpns.drain(&cookie)) {
@@ -156,7 +172,7 @@ void pol_fwd_block_delete(t_pol_ctx* ctx, avl_tree* tree, t_pol_block* block,
     pol_block_users_add_to_chg_list(ctx, block);
     return;
   }
-  if (remove_from_tree != 0) avl_remove(tree, block);
+  if (remove_from_tree != 0 && tree != nullptr) avl_remove(tree, block);
   pol::fwd_block_free(ctx, block);
 }
 
@@ -178,6 +194,7 @@ t_pol_fwd_vpn_entry* pol_fwd_vpn_find_or_create(t_pol_ctx* ctx, const char* bloc
     return nullptr;
   }
   policy->fwd_vpns.insert(vpn, where);
+  policy->orphaned = 0;
   pol_block_users_add_to_chg_list(ctx, policy);
   return vpn;
 }

@@ -69,15 +69,22 @@ struct FwdObjectList {
   static Node* user_add(t_pol_ctx* ctx, const char* name, size_t role, t_pol_fwd_user* user) {
     if (ctx == nullptr || name == nullptr || user == nullptr) return nullptr;
     Node* node = find_or_create(ctx, name);
-    if (node != nullptr) {
-      pol::user_add(&node->head, node->users[role], &(user->*Facts::kRoles[role].user));
+    if (node == nullptr) return nullptr;
+    t_pol_clause_user* registration = &(user->*Facts::kRoles[role].user);
+    if (UserQueue::linked(registration) && !registration->stale) {
+      // A user of one object at a time: of this one already, or it leaves the other.
+      if (registration->list == &node->head) return node;
+      user_remove(ctx, list_of<Node>(*registration), role, user);
     }
+    pol::user_add(&node->head, node->users[role], registration);
     return node;
   }
 
   static uint32_t user_remove(t_pol_ctx* ctx, Node* node, size_t role, t_pol_fwd_user* user) {
     if (node == nullptr || ctx == nullptr || user == nullptr) return POL_EINVAL;
-    pol::user_remove(&node->head, node->users[role], &(user->*Facts::kRoles[role].user));
+    t_pol_clause_user* registration = &(user->*Facts::kRoles[role].user);
+    if (registration->list != &node->head) return POL_EINVAL;
+    pol::user_remove(&node->head, node->users[role], registration);
     if (unused(*node)) node_free(ctx, node, true);
     return POL_OK;
   }

@@ -13,7 +13,6 @@
 
 namespace {
 
-using pol::FwdRef;
 using pol::NamedHead;
 
 // The families' user operations in one shape. `kKind` is the direction of those that take one.
@@ -83,10 +82,6 @@ const FwdRef kFwdTlocList = {
     add_tloc_list, remove_tloc_list};
 // clang-format on
 
-void fwd_check(const t_pol_entry& entry) {
-  if (!is_forwarding(entry.block->kind) || &entry == &entry.block->default_action) crash();
-}
-
 bool fwd_ref_names(const t_pol_entry& entry, const FwdRef& ref, const char* name) {
   const NamedHead* object = fwd_object(entry, ref);
   if ((entry.*ref.flags & ref.flag) == 0 || object == nullptr) return false;
@@ -96,7 +91,7 @@ bool fwd_ref_names(const t_pol_entry& entry, const FwdRef& ref, const char* name
 }
 
 bool fwd_ref_replace(t_pol_ctx* ctx, t_pol_entry* entry, const FwdRef& ref, const char* name) {
-  t_pol_fwd_user* user = entry->fwd.user;
+  t_pol_fwd_user* user = fwd_user(*entry);
   t_pol_clause_user* role = &(user->*ref.user);
   if (role->list != nullptr) {
     role->keep_reference = true;

@@ -7,7 +7,8 @@
 // could not be had (t_pol_clause_user.stale), and none once the old one is freed.
 #pragma once
 
-#include "pol_context_internal.h"
+#include "base/pol_crash.h"
+#include "pol_fwd_block_internal.h"
 #include "policy/pol_fwd_match.h"
 
 namespace pol {
@@ -34,11 +35,18 @@ extern const FwdRef kFwdTlocList;
 
 // Ends the process unless the entry is a sequence of a forwarding policy: others have clauses where
 // it has its roles, and so has a default action.
-void fwd_check(const t_pol_entry& entry);
+inline void fwd_check(const t_pol_entry& entry) {
+  if (!is_forwarding(entry)) crash();
+}
+
+inline t_pol_fwd_user* fwd_user(const t_pol_entry& entry) {
+  fwd_check(entry);
+  return entry.fwd.user;
+}
 
 // The object in a role, or null.
 inline NamedHead* fwd_object(const t_pol_entry& entry, const FwdRef& ref) {
-  return (entry.fwd.user->*ref.user).list;
+  return (fwd_user(entry)->*ref.user).list;
 }
 
 // Whether the role is in force and its object has this name.

@@ -6,7 +6,8 @@
  * One is made by its first mention, a change or a use, and goes with its last user, or with its
  * configuration while nobody uses it.
  *
- * Status  0 done; 1 no memory (nothing changed); 7 null object or record; 15 no context.
+ * Status  0 done; 1 no memory (nothing changed); 7 null object or record, or no user of it; 15 no
+ *         context.
  * Order   users are told and shown as they came; objects by name, bytewise.
  * Threads none of its own: the host serialises every call on one context.
  */

@@ -12,10 +12,11 @@
 
 #include "policy/pol_types.h"
 
-/* 1 from the worker's first request on, whether or not the agent could be reached. */
+/* 1 for good from the first request to a worker on, whether or not the agent could be reached. */
 POL_DATA uint8_t g_pol_yarrow_thread_maapi_connected;
 
-/* Starts the worker for the XML cache of g_pol_ctx_p. 0; POL_ESPINLOCK, POL_EPIPE or POL_EEVENT when one of these cannot be had. */
+/* Starts the worker for the XML cache of g_pol_ctx_p. 0; POL_ESPINLOCK, POL_EPIPE or POL_EEVENT when
+ * one of these cannot be had. */
 POL_API uint32_t pol_yarrow_thread_init(t_pol_yarrow_thread* thread);
 
 /* Ends the worker and frees the requests it did not come to; waits for the agent's answer to the

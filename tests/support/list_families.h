@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// list_families.h - the five lists with elements under one set of names, for tests of what they
-// share. An element is chosen by a small number; `clause` is a match clause that uses the list.
+// list_families.h - the named lists under one set of names, for tests of what they share.
+//
+// Lists with elements: an element is chosen by a small number; `clause` is a match clause that uses
+// the list. Objects without: any number is a change; `clause` is a role of a forwarding sequence.
 #pragma once
 
+#include "pol_fwd_ref.h"
 #include "support/policy_fixture.h"
 
 inline t_pol_pfx_record pfx_record(uint32_t number, uint32_t op = POL_PFX_EQ) {
@@ -26,6 +29,8 @@ template <auto kTree, auto kUser, auto kClause, auto kDrop>
 struct ListFamily {
   static auto* find(t_pol_ctx* ctx, const char* list) { return pol::named_find(ctx->*kTree, list); }
   static const t_pol_clause_user& user(const t_pol_entry& e) { return e.match.*kUser; }
+  static uint32_t flags(const t_pol_entry& e) { return e.match_flags; }
+  static constexpr uint32_t kKind = POL_KIND_ROUTE;
   static constexpr auto* clause = kClause;
   static constexpr auto* drop = kDrop;
 };
@@ -110,4 +115,65 @@ struct PfxFamily : ListFamily<&t_pol_ctx::pfx_lists, &t_pol_match::pfx_list,
   static void ask(t_pol_route_query* query, t_pol_route_attr*, uint32_t n) {
     query->prefix = pfx_record(n).prefix;
   }
+};
+
+template <auto kTree, auto kChange, auto kCfgDel, const pol::FwdRef*... kRoleRefs>
+struct ObjectFamily {
+  static constexpr uint32_t kKind = POL_KIND_PERF_ROUTE;
+  static constexpr auto kObjects = kTree;
+  static constexpr const pol::FwdRef* kRoles[] = {kRoleRefs...};
+  static constexpr auto* cfg_del = kCfgDel;
+
+  static auto* find(t_pol_ctx* ctx, const char* list) { return pol::named_find(ctx->*kTree, list); }
+  static uint32_t add(t_pol_ctx* ctx, const char* list, uint32_t /*n*/) {
+    return kChange(ctx, list);
+  }
+  static t_pol_fwd_user* clause(t_pol_ctx* ctx, t_pol_entry* e, const char* list,
+                                uint8_t* changed) {
+    return pol::fwd_ref_add(ctx, e, list, changed, *kRoles[0]);
+  }
+  static void drop(t_pol_ctx* ctx, t_pol_entry* e, uint8_t* changed) {
+    pol::fwd_ref_delete(ctx, e, changed, *kRoles[0]);
+  }
+  static const t_pol_clause_user& user(const t_pol_entry& e) {
+    return e.fwd.user->*kRoles[0]->user;
+  }
+  static uint32_t flags(const t_pol_entry& e) { return e.*kRoles[0]->flags; }
+};
+
+struct AppFamily
+    : ObjectFamily<&t_pol_ctx::app_lists, pol_app_list_entry_change, pol_app_list_cfg_del,
+                   &pol::kFwdAppList, &pol::kFwdDnsAppList, &pol::kFwdSaasAppList> {
+  static constexpr uint32_t kListMem = 20, kXmlType = POL_XML_APP_LIST,
+                            kFlag = POL_FWD_MATCH_F_APP_LIST;
+};
+
+struct FwdPfxFamily : ObjectFamily<&t_pol_ctx::fwd_pfx_lists, pol_fwd_pfx_list_entry_change,
+                                   pol_fwd_pfx_list_cfg_del, &pol::kFwdSrcPfx, &pol::kFwdDstPfx> {
+  static constexpr uint32_t kListMem = 17, kXmlType = POL_XML_DATA_PREFIX_LIST,
+                            kFlag = POL_FWD_MATCH_F_SRC_PFX;
+};
+
+struct FwdPfx6Family
+    : ObjectFamily<&t_pol_ctx::fwd_pfx6_lists, pol_fwd_pfx6_list_entry_change,
+                   pol_fwd_pfx6_list_cfg_del, &pol::kFwdSrcPfx6, &pol::kFwdDstPfx6> {
+  static constexpr uint32_t kListMem = 17, kXmlType = POL_XML_DATA_IPV6_PREFIX_LIST,
+                            kFlag = POL_FWD_MATCH_F_SRC_PFX6;
+};
+
+struct SlaClassFamily : ObjectFamily<&t_pol_ctx::sla_classes, pol_fwd_sla_class_entry_change,
+                                     pol_fwd_sla_class_cfg_del, &pol::kFwdSlaClass> {
+  static constexpr uint32_t kListMem = 11, kXmlType = POL_XML_SLA_CLASS,
+                            kFlag = POL_FWD_SET_F_SLA_CLASS;
+};
+
+struct PolicerFamily : ObjectFamily<&t_pol_ctx::policers, pol_fwd_policer_entry_change,
+                                    pol_fwd_policer_cfg_del, &pol::kFwdPolicer> {
+  static constexpr uint32_t kListMem = 12, kXmlType = POL_XML_POLICER,
+                            kFlag = POL_FWD_SET_F_POLICER;
+};
+
+struct AppIdFamily : ObjectFamily<&t_pol_ctx::app_ids, pol_fwd_app_id_entry_change,
+                                  pol_fwd_app_id_cfg_del, &pol::kFwdAppId> {
+  static constexpr uint32_t kListMem = 32, kXmlType = 0, kFlag = POL_FWD_MATCH_F_APP_ID;
 };

@@ -58,10 +58,12 @@ class RealAgentTest : public PolicyTest {
     setenv(YARROW_PORT_VARIABLE, std::to_string(agent_.port()).c_str(), 1);
     g_show_file = directory_.path() + "/show.xml";
     g_waits = 0;
+    seams::log_of_all_threads(true);
     PolicyTest::SetUp();
   }
   void TearDown() override {
     PolicyTest::TearDown();
+    seams::log_of_all_threads(false);
     unsetenv(YARROW_PORT_VARIABLE);
     g_on_wait = nullptr;
     seams::take_log();
@@ -245,13 +247,15 @@ TEST_F(RealAgentTest, ShowDataIsPublishedCountedAndCleared) {
   std::string lists;
   std::string objects = "<app-id><name>i</name></app-id>";
   for (const Kind& kind : kKinds) (kind.list ? lists : objects) += object(kind, kind.second);
-  const std::string text =
-      policy("<from-pellux><lists>" + lists + "</lists>" + objects + "</from-pellux>");
-  for (int i = 0; i < 2; ++i) {  // merged into itself the second time
-    EXPECT_EQ(pol_show_fwd_policy_yarrow_set(text.c_str()), POL_OK) << seams::take_log();
-    for (const char* path : pol_show_data_pol_from_pellux) {
-      EXPECT_EQ(count(path, MAAPI_OPERATIONAL), 1) << path;
-    }
+  auto received = [](const std::string& inner) {
+    return policy("<from-pellux>" + inner + "</from-pellux>");
+  };
+  // Each is merged into what is there, also a second time.
+  for (const std::string& part : {"<lists>" + lists + "</lists>", objects, objects}) {
+    EXPECT_EQ(pol_show_fwd_policy_yarrow_set(received(part).c_str()), POL_OK) << seams::take_log();
+  }
+  for (const char* path : pol_show_data_pol_from_pellux) {
+    EXPECT_EQ(count(path, MAAPI_OPERATIONAL), 1) << path;
   }
   seams::take_log();
   EXPECT_EQ(pol_show_fwd_policy_yarrow_set(policy("<no-such/>").c_str()), POL_EAGENT);
@@ -264,7 +268,7 @@ TEST_F(RealAgentTest, ShowDataIsPublishedCountedAndCleared) {
 }
 
 TEST_F(RealAgentTest, ReceivedPolicyIsDeletedOnceTheDatabaseIsFree) {
-  const std::string received = "<policy-from-pellux xmlns=\"urn:zenodra:yang:policy\">" +
+  const std::string received = "<policy-from-pellux xmlns=\"urn:zenodra:policy\">" +
                                object(kKinds[7], kKinds[7].first) + "</policy-from-pellux>";
   int trans = session_.begin();
   ASSERT_EQ(pol_fwd_policy_yarrow_set(session_.fd(), trans, static_cast<uint32_t>(received.size()),

@@ -310,6 +310,7 @@ TEST_F(CallsTest, OnlyAWholeTextIsStoredOfAnyLength) {
 TEST_F(CallsTest, AFetchWithoutMemoryLeavesNothingBehind) {
   t_pol_xml_config* config = pol_xml_config_find_or_create(POL_XML_VPN_LIST, "v");
   scripted::set_stream(saved(std::string(5000, 'x')));
+  EXPECT_TRUE(fetch());
   pol_debug_set(1);
   const char* const messages[] = {
       "Failed to allocate memory for fwd policy, path: /policy/lists/vpn-list{v}\n",
@@ -317,14 +318,14 @@ TEST_F(CallsTest, AFetchWithoutMemoryLeavesNothingBehind) {
       "Could not allocate memory\n"};
   for (int nth = 1; nth <= 3; ++nth) {
     UncountedFailures received(pol::MEM_FETCH_XML);
-    UncountedFailures stored(pol::MEM_CONFIG_XML);
     seams::take_log();
     seams::Fail fail(nth);
     EXPECT_FALSE(fetch()) << nth;
     EXPECT_NE(seams::take_log().find(messages[nth - 1]), std::string::npos) << nth;
     EXPECT_EQ(scripted::open_handles(), 0);
+    EXPECT_EQ(config->text == nullptr, nth == 3) << "the old text goes for the new one";
   }
-  EXPECT_EQ(config->text, nullptr);
+  ++g_pol_mem_info[pol::MEM_CONFIG_XML].frees;  // counted, and never there
   EXPECT_EQ(config->size, 0U);
   EXPECT_TRUE(fetch());
 }

@@ -23,6 +23,7 @@ class QueuesTest : public PolicyTest {
   // A worker of this test's alone, that has not tried to connect.
   void SetUp() override {
     scripted::reset();
+    seams::log_of_all_threads(true);
     seams::take_log();
     PolicyTest::SetUp();
     descriptors_ = scripted::descriptors();
@@ -32,6 +33,7 @@ class QueuesTest : public PolicyTest {
 
   void TearDown() override {
     PolicyTest::TearDown();
+    seams::log_of_all_threads(false);
     EXPECT_EQ(scripted::open_handles(), 0);
     EXPECT_EQ(scripted::bad_closes(), 0);
     scripted::reset();
@@ -280,6 +282,9 @@ TEST_F(QueuesTest, EachStepOfTheEndFailsAndMayBeTakenAgain) {
     g_pol_mem_info[pol::MEM_THREAD_ITEM].frees += memory ? 1 : 0;  // counted, and never there
     EXPECT_EQ(current(pol::MEM_THREAD_ITEM), 0U);
   }
+  const uint64_t asked = g_pol_mem_info[pol::MEM_THREAD_ITEM].allocs;
+  EXPECT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
+  EXPECT_EQ(g_pol_mem_info[pol::MEM_THREAD_ITEM].allocs, asked) << "nobody is there to be asked";
 }
 
 TEST_F(QueuesTest, AWorkerThatDoesNotEndKeepsItsContext) {

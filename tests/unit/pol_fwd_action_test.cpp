@@ -230,24 +230,6 @@ TEST_F(FwdActionTest, ServicesWithoutMemoryKeepTheTlocsThatTheyGot) {
   EXPECT_TRUE(take_queued().empty());
 }
 
-TEST_F(FwdActionTest, PathsThatLeadNowhereDoNothing) {
-  const t_tloc_id tloc = tloc4(kA);
-  for (auto [policy, vpn, number] :
-       {std::tuple("q", "v", 1u), std::tuple("p", "w", 1u), std::tuple("p", "v", 65537u)}) {
-    sequence(1);
-    pol_fwd_entry_vpn_upd(ctx, policy, POL_KIND_DATA, vpn, number, 1);
-    pol_fwd_entry_tloc_upd(ctx, policy, POL_KIND_DATA, vpn, number, 1, &tloc);
-    pol_fwd_entry_svc_upd(ctx, policy, POL_KIND_DATA, vpn, number, 4, 0, 0);
-    pol_fwd_entry_tloc_list_upd(ctx, policy, POL_KIND_DATA, vpn, number, "l");
-    pol_fwd_entry_policer_upd(ctx, policy, POL_KIND_DATA, vpn, number, "l");
-    pol_fwd_upd_label(ctx, policy, POL_KIND_DATA, vpn, number);
-    pol_fwd_entry_seq_mod(ctx, policy, POL_KIND_DATA, vpn, number);
-  }
-  EXPECT_TRUE(take_queued().empty());
-  EXPECT_EQ(find(1)->set_flags, 0u);
-  EXPECT_EQ(pol_tloc_list_first(ctx), nullptr);
-}
-
 using FwdActionDeathTest = FwdActionTest;
 
 TEST_F(FwdActionDeathTest, OtherKindsOfPolicyEndTheProcess) {

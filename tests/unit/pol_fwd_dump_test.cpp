@@ -80,14 +80,6 @@ TEST_F(FwdDumpTest, PoliciesMatchTheirGolden) {
   drop_app_lists();
 }
 
-TEST_F(FwdDumpTest, TimesThatNoCalendarHoldsPrintAsNothing) {
-  fetched(POL_XML_VPN_LIST, "v", INT64_MAX - 5, 1);
-  const std::string text = printed([this](t_cli_user_ctx* cli) {
-    pol_dump_fwd_block(pol_block_find(ctx, "p", POL_KIND_DATA, nullptr), cli);
-  });
-  EXPECT_NE(text.find("Start:              End:              Max: 1 seconds"), std::string::npos);
-}
-
 using FwdDumpDeathTest = FwdDumpTest;
 
 TEST_F(FwdDumpDeathTest, SequencesOfOtherPoliciesEndTheProcess) {

@@ -183,7 +183,9 @@ TEST_F(FwdLabelTest, ChangedTlocListsAreLabeledInOnePass) {
 
   // Set clauses are no actions: of a route policy, and of a data policy's default action.
   pol_entry_set_tloc_list_add(ctx, entry(block("r"), 1), "r", &changed);
-  pol_entry_set_tloc_list_add(ctx, &block("p", POL_KIND_DATA)->default_action, "r", &changed);
+  t_pol_entry* other = &block("p", POL_KIND_DATA)->default_action;
+  pol_entry_match_preference_add(ctx, other, 1, &changed);  // where a sequence has its record
+  pol_entry_set_tloc_list_add(ctx, other, "r", &changed);
   list_tloc("r", tloc4(kA));
   pol_config_update_tloc_list(nullptr, ctx);
   EXPECT_EQ(labeled(), "");
@@ -216,6 +218,8 @@ TEST_F(FwdLabelTest, WhatIsNotThereHasNoLabels) {
   EXPECT_EQ(pol_fwd_upd_set_internal_tloc_list(ctx, user, nullptr), uint32_t{POL_EINVAL});
   EXPECT_EQ(labeled(), "");
   pol_dns_app_list_user_remove(ctx, pol_app_list_first(ctx), user);
+  block("p", POL_KIND_DATA)->leftovers.remove(user);
+  pol_free(user, pol::MEM_UNCOUNTED);
 }
 
 }  // namespace

@@ -111,7 +111,6 @@ TEST_F(GraphTest, WhatADeletedSequenceLeftRegisteredIsThePolicysAndThenNobodys) 
   pol_block_find_and_delete(ctx, "P", kind, &changed);
   EXPECT_EQ(walk().edges, (Lines{"nobody -DNS application-> A"}));
   pol_dns_app_list_user_remove(ctx, pol_app_list_first(ctx), left);
-  pol_free(left, 0);
 }
 
 TEST_F(GraphTest, WithoutContextOrVisitorThereIsNoWalk) {

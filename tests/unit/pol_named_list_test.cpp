@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the five lists with elements share.
+// What the named lists share, and what those with elements and those without share.
 #include <csignal>
 
 #include "support/list_families.h"
@@ -12,11 +12,46 @@ class NamedListTest : public PolicyTest {
  protected:
   // A policy of one accepting sequence that matches on the list, and its user.
   t_pol_entry* use(const char* policy, const char* list) {
-    t_pol_entry* e = entry(block(policy), 10);
+    t_pol_entry* e = sequence(policy);
     EXPECT_NE(Family::clause(ctx, e, list, &changed), nullptr);
     return e;
   }
 
+  t_pol_entry* sequence(const char* policy) {
+    t_pol_block* made = block(policy, Family::kKind);
+    if (Family::kKind == POL_KIND_ROUTE) return entry(made, 10);
+    pol_fwd_vpn_find_or_create(ctx, policy, Family::kKind, "v");
+    return pol_fwd_entry_find_or_create(ctx, policy, Family::kKind, "v", 10);
+  }
+
+  void delete_sequence(const char* policy) {
+    if (Family::kKind == POL_KIND_ROUTE) {
+      pol_entry_find_and_delete(ctx, block(policy), 10, &changed);
+    } else {
+      pol_fwd_entry_find_and_delete(ctx, policy, Family::kKind, "v", 10);
+    }
+  }
+
+  // Something besides a policy under test that keeps a list, and its end.
+  void keep(const char* list) {
+    if (Family::kKind == POL_KIND_ROUTE) {
+      Family::add(ctx, list, 1);
+    } else {
+      use("keeper", list);
+    }
+  }
+  void let_go(const char* list) {
+    if (Family::kKind == POL_KIND_ROUTE) {
+      Family::cfg_del(ctx, list);
+    } else {
+      delete_sequence("keeper");
+    }
+  }
+};
+
+template <class Family>
+class ElementListTest : public NamedListTest<Family> {
+ protected:
   uint32_t evaluate(t_pol_user* user, uint32_t number) {
     t_pol_route_attr attr = {};
     t_pol_route_query query;
@@ -35,16 +70,29 @@ const Queue& elements_of(const Queue& queue) {
   return queue;
 }
 
-using Families = ::testing::Types<SiteFamily, VpnFamily, TlocFamily, ColorFamily, PfxFamily>;
+using Families =
+    ::testing::Types<SiteFamily, VpnFamily, TlocFamily, ColorFamily, PfxFamily, AppFamily,
+                     FwdPfxFamily, FwdPfx6Family, SlaClassFamily, PolicerFamily, AppIdFamily>;
+using ElementFamilies = ::testing::Types<SiteFamily, VpnFamily, TlocFamily, ColorFamily, PfxFamily>;
+using ObjectFamilies = ::testing::Types<AppFamily, FwdPfxFamily, FwdPfx6Family, SlaClassFamily,
+                                        PolicerFamily, AppIdFamily>;
 TYPED_TEST_SUITE(NamedListTest, Families);
+TYPED_TEST_SUITE(ElementListTest, ElementFamilies);
 
-TYPED_TEST(NamedListTest, NodeLivesAsLongAsElementsOrUsers) {
+TYPED_TEST(NamedListTest, FirstUserMakesAndLastUserFreesTheNode) {
   t_pol_ctx* ctx = this->ctx;
   t_pol_entry* e = this->use("p", "l");
-  EXPECT_NE(TypeParam::find(ctx, "l"), nullptr) << "made by its first user";
+  t_pol_entry* f = this->use("q", "l");
   TypeParam::drop(ctx, e, &this->changed);
-  EXPECT_EQ(TypeParam::find(ctx, "l"), nullptr) << "gone with its last user";
+  EXPECT_NE(TypeParam::find(ctx, "l"), nullptr);
+  TypeParam::drop(ctx, f, &this->changed);
+  EXPECT_EQ(TypeParam::find(ctx, "l"), nullptr);
+  EXPECT_EQ(TypeParam::cfg_del(ctx, "absent"), POL_OK);
+}
 
+TYPED_TEST(ElementListTest, NodeLivesAsLongAsElementsOrUsers) {
+  t_pol_ctx* ctx = this->ctx;
+  t_pol_entry* e = nullptr;
   TypeParam::add(ctx, "l", 1);
   TypeParam::del(ctx, "l", 1);
   EXPECT_NE(TypeParam::find(ctx, "l"), nullptr) << "the last element's deletion keeps the node";
@@ -60,10 +108,9 @@ TYPED_TEST(NamedListTest, NodeLivesAsLongAsElementsOrUsers) {
   TypeParam::drop(ctx, e, &this->changed);
   EXPECT_NE(TypeParam::find(ctx, "l"), nullptr) << "kept for its element";
   EXPECT_EQ(TypeParam::del(ctx, "absent", 1), POL_OK);
-  EXPECT_EQ(TypeParam::cfg_del(ctx, "absent"), POL_OK);
 }
 
-TYPED_TEST(NamedListTest, ChangesNotifyUsersOnceAndMissesDoNot) {
+TYPED_TEST(ElementListTest, ChangesNotifyUsersOnceAndMissesDoNot) {
   t_pol_ctx* ctx = this->ctx;
   typename PolicyTest::Calls calls;
   t_pol_user* user = this->add_user("u", "p", &calls);
@@ -110,58 +157,137 @@ TYPED_TEST(NamedListTest, NamingAnotherListMovesTheRegistration) {
   EXPECT_TRUE(this->changes([&](uint8_t* c) { TypeParam::clause(ctx, e, "b", c); }));
   EXPECT_EQ(TypeParam::find(ctx, "a"), nullptr);
   EXPECT_FALSE(this->changes([&](uint8_t* c) { TypeParam::clause(ctx, e, "b", c); }));
-  pol_block_find_and_delete(ctx, "p", POL_KIND_ROUTE, &this->changed);
+  pol_block_find_and_delete(ctx, "p", TypeParam::kKind, &this->changed);
   TypeParam::cfg_del(ctx, "b");
   EXPECT_EQ(TypeParam::find(ctx, "b"), nullptr) << "the policy's deletion unregistered";
 }
 
 // Naming a list that cannot be made leaves the clause with the list it had, of which it is no user
-// any more: the reference must hold while the list lives and vanish with it.
+// any more: the reference must hold while the list lives and vanish with it, whatever comes next.
 TYPED_TEST(NamedListTest, FailedRenameKeepsTheOldListWhileItLives) {
   t_pol_ctx* ctx = this->ctx;
   typename PolicyTest::Calls calls;
-  t_pol_user* user = this->add_user("u", "p", &calls);
-  t_pol_entry* e = this->use("p", "old");
-  TypeParam::add(ctx, "old", 1);
+  t_pol_user* user = this->add_user("u", "p", &calls, POL_DIR_OUT, TypeParam::kKind);
+  t_pol_entry* e = this->sequence("p");
   auto fail = [&] {
     uint64_t lists = g_pol_mem_info[TypeParam::kListMem].allocs;
     seams::Fail none(1);
     EXPECT_EQ(TypeParam::clause(ctx, e, "new", &this->changed), nullptr);
     g_pol_mem_info[TypeParam::kListMem].allocs = lists;
   };
-  fail();
-  EXPECT_NE(e->match_flags & TypeParam::kFlag, 0u);
-  EXPECT_EQ(this->evaluate(user, 1), POL_ACCEPT) << "still the old list";
+  auto make_stale = [&] {
+    e = this->sequence("p");
+    EXPECT_NE(TypeParam::clause(ctx, e, "old", &this->changed), nullptr);
+    this->keep("old");
+    fail();
+    EXPECT_NE(TypeParam::flags(*e) & TypeParam::kFlag, 0u);
+    ASSERT_NE(TypeParam::user(*e).list, nullptr);
+    EXPECT_EQ(TypeParam::user(*e).list, &TypeParam::find(ctx, "old")->head) << "still the old one";
+  };
+  make_stale();
   pol_user_chg_list_notify_all(ctx);
   calls.count = 0;
   TypeParam::add(ctx, "old", 2);
   EXPECT_EQ(calls.count, 0) << "but not as its user";
-  TypeParam::cfg_del(ctx, "old");
+  EXPECT_FALSE(this->changes([&](uint8_t* c) { TypeParam::clause(ctx, e, "old", c); }));
+  fail();
+  this->let_go("old");
   EXPECT_EQ(TypeParam::find(ctx, "old"), nullptr);
-  EXPECT_EQ(this->evaluate(user, 1), POL_REJECT);
   EXPECT_EQ(TypeParam::user(*e).list, nullptr);
 
-  // The old list is freed by the very attempt when nothing else holds it.
   TypeParam::clause(ctx, e, "old", &this->changed);
   fail();
-  EXPECT_EQ(TypeParam::find(ctx, "old"), nullptr);
-  EXPECT_EQ(this->evaluate(user, 1), POL_REJECT);
+  EXPECT_EQ(TypeParam::find(ctx, "old"), nullptr) << "freed by the very attempt";
+  EXPECT_EQ(TypeParam::user(*e).list, nullptr);
 
-  // A later success, a deletion and a deleted sequence all leave the stale list alone.
-  for (int way = 0; way < 3; ++way) {
-    TypeParam::clause(ctx, e, "old", &this->changed);
-    TypeParam::add(ctx, "old", 1);
-    fail();
-    if (way == 0) TypeParam::clause(ctx, e, "new", &this->changed);
-    if (way == 1) TypeParam::drop(ctx, e, &this->changed);
-    if (way == 2) pol_entry_find_and_delete(ctx, this->block("p"), 10, &this->changed);
-    TypeParam::cfg_del(ctx, "old");
-    EXPECT_EQ(TypeParam::find(ctx, "old"), nullptr) << way;
+  for (const char* way : {"other name", "clear", "sequence", "policy", "policy with users"}) {
+    SCOPED_TRACE(way);
+    make_stale();
+    if (way[0] == 'o') TypeParam::clause(ctx, e, "new", &this->changed);
+    if (way[0] == 'c') TypeParam::drop(ctx, e, &this->changed);
+    if (way[0] == 's') this->delete_sequence("p");
+    if (way[0] == 'p') {
+      if (way == std::string("policy")) pol_unregister(&user);
+      pol_block_find_and_delete(ctx, "p", TypeParam::kKind, &this->changed);
+      user = this->add_user("u", "p", nullptr, POL_DIR_OUT, TypeParam::kKind);
+    }
+    this->let_go("old");
+    EXPECT_EQ(TypeParam::find(ctx, "old"), nullptr);
+    if (way[0] == 'o') TypeParam::drop(ctx, e, &this->changed);
   }
 }
 
+TYPED_TEST(ElementListTest, FailedRenameStillMatchesTheOldListUntilItsConfigurationGoes) {
+  t_pol_user* user = this->add_user("u", "p", nullptr);
+  t_pol_entry* e = this->use("p", "old");
+  TypeParam::add(this->ctx, "old", 1);
+  {
+    typename PolicyTest::UncountedFailures lists(TypeParam::kListMem);
+    seams::Fail none(1);
+    TypeParam::clause(this->ctx, e, "new", &this->changed);
+  }
+  EXPECT_EQ(this->evaluate(user, 1), POL_ACCEPT);
+  TypeParam::cfg_del(this->ctx, "old");
+  EXPECT_EQ(this->evaluate(user, 1), POL_REJECT);
+}
+
+template <class Family>
+class FwdObjectTest : public NamedListTest<Family> {};
+TYPED_TEST_SUITE(FwdObjectTest, ObjectFamilies);
+
+TYPED_TEST(FwdObjectTest, ChangeTellsEveryRolesUsersInOrderAndConfigurationGoesOnlyUnused) {
+  t_pol_ctx* ctx = this->ctx;
+  EXPECT_EQ(TypeParam::add(ctx, "l", 1), POL_OK);
+  EXPECT_NE(TypeParam::find(ctx, "l"), nullptr) << "made by a change";
+  TypeParam::cfg_del(ctx, "l");
+  EXPECT_EQ(TypeParam::find(ctx, "l"), nullptr);
+
+  // Policies come to the roles from the last on, so that roles and not the time decide.
+  constexpr size_t kRoles = std::size(TypeParam::kRoles);
+  std::vector<int> order;
+  std::vector<int> expected;
+  typename PolicyTest::Calls calls[2 * kRoles];
+  for (size_t i = 2 * kRoles; i-- > 0;) {
+    size_t role = i / 2;
+    std::string policy = "p" + std::to_string(i);
+    calls[i].order = &order;
+    calls[i].id = static_cast<int>(i ^ 1);
+    t_pol_entry* e = this->sequence(policy.c_str());
+    pol::fwd_ref_add(ctx, e, "l", &this->changed, *TypeParam::kRoles[role]);
+    this->add_user("u", policy.c_str(), &calls[i], i, TypeParam::kKind);
+    expected.push_back(static_cast<int>(2 * kRoles - 1 - i));
+  }
+  this->take_queued();
+  TypeParam::cfg_del(ctx, "l");
+  EXPECT_EQ(order.size(), 0u) << "used: nothing happens";
+  EXPECT_EQ(TypeParam::add(ctx, "l", 1), POL_OK);
+  EXPECT_EQ(order, expected);
+  // Sequences with DNS and SaaS lists must let go of them before they go.
+  for (size_t i = 0; i < 2 * kRoles; ++i) {
+    t_pol_entry* e = this->sequence(("p" + std::to_string(i)).c_str());
+    pol::fwd_ref_delete(ctx, e, &this->changed, *TypeParam::kRoles[i / 2]);
+    EXPECT_EQ(TypeParam::find(ctx, "l") == nullptr, i + 1 == 2 * kRoles);
+  }
+}
+
+// A record is a user of one object a role, however a host mixes up its calls.
+TYPED_TEST(FwdObjectTest, RecordRegisteredByHandIsOnOneObjectAndGoesWithItsSequence) {
+  t_pol_ctx* ctx = this->ctx;
+  const pol::FwdRef& ref = *TypeParam::kRoles[0];
+  t_pol_entry* e = this->sequence("p");
+  t_pol_fwd_user* record = e->fwd.user;
+  EXPECT_EQ(ref.add(ctx, "a", record), ref.add(ctx, "a", record));
+  this->use("q", "a");
+  ref.add(ctx, "b", record);
+  ref.remove(ctx, &TypeParam::find(ctx, "a")->head, record);
+  EXPECT_EQ(TypeParam::user(*e).list, &TypeParam::find(ctx, "b")->head);
+  this->delete_sequence("p");
+  EXPECT_EQ(TypeParam::find(ctx, "b"), nullptr);
+  EXPECT_NE(TypeParam::find(ctx, "a"), nullptr);
+}
+
 // Whichever allocation fails, the add says so and the list is as before.
-TYPED_TEST(NamedListTest, AnyFailedAllocationLeavesTheListAsItWas) {
+TYPED_TEST(ElementListTest, AnyFailedAllocationLeavesTheListAsItWas) {
   t_pol_ctx* ctx = this->ctx;
   for (bool exists : {false, true}) {
     bool hit = true;
@@ -209,6 +335,12 @@ TYPED_TEST(NamedListDeathTest, TeardownWithAUserEndsTheProcess) {
     pol_tloc_list_main_deinit(ctx);
     pol_color_list_main_deinit(ctx);
     pol_pfx_list_main_deinit(ctx);
+    pol_app_list_main_deinit(ctx);
+    pol_fwd_pfx_list_main_deinit(ctx);
+    pol_fwd_pfx6_list_main_deinit(ctx);
+    pol_fwd_sla_class_main_deinit(ctx);
+    pol_fwd_policer_main_deinit(ctx);
+    pol_fwd_app_id_main_deinit(ctx);
   };
   EXPECT_EXIT(deinit_all(this->ctx), ::testing::KilledBySignal(SIGSEGV), "");
 }
