@@ -5,6 +5,7 @@
 #include <libxml/parser.h>
 
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "address_text.h"
@@ -18,6 +19,20 @@
 namespace polctl {
 
 namespace {
+
+struct RoleRow {
+  const char* word;
+  uint32_t kind;
+  std::string_view path;
+};
+
+// In the order of the roles.
+constexpr RoleRow kRoleRows[] = {
+    {"from-service", POL_KIND_DATA, "/policy/data-policy"},
+    {"from-tunnel", POL_KIND_DATA, "/policy/data-policy"},
+    {"app-route", POL_KIND_PERF_ROUTE, "/policy/app-route-policy"},
+    {"cflowd", POL_KIND_CFLOWD, "/policy/cflowd-template"},
+};
 
 constexpr uint32_t kBodyMemory = 6;      // of pol_fwd_policy_populate's text
 constexpr uint32_t kEnvelopeMemory = 7;  // of the envelopes
@@ -50,12 +65,13 @@ void choose(const char* option, uint32_t kind, const std::string& origin, std::s
 
 }  // namespace
 
-ForwardingManager::ForwardingManager(const AppliedPolicies& applied) : applied_(applied) {
+ForwardingManager::ForwardingManager(const AppliedPolicies& applied) {
+  applied_[kFromService].policy = applied.from_service;
+  applied_[kFromTunnel].policy = applied.from_tunnel;
+  applied_[kAppRoute].policy = applied.app_route;
+  applied_[kCflowd].policy = applied.cflowd;
   try {
-    add("from-service", applied.from_service, POL_KIND_DATA, &from_service_);
-    add("from-tunnel", applied.from_tunnel, POL_KIND_DATA, &from_tunnel_);
-    add("app-route", applied.app_route, POL_KIND_PERF_ROUTE, &app_route_);
-    add("cflowd", applied.cflowd, POL_KIND_CFLOWD, &cflowd_);
+    for (Role role : {kFromService, kFromTunnel, kAppRoute, kCflowd}) enter(role);
   } catch (...) {
     leave();
     throw;
@@ -65,16 +81,14 @@ ForwardingManager::ForwardingManager(const AppliedPolicies& applied) : applied_(
 ForwardingManager::~ForwardingManager() { leave(); }
 
 void ForwardingManager::leave() {
-  for (t_pol_user** user : {&from_service_, &from_tunnel_, &app_route_, &cflowd_}) {
-    pol_unregister(user);
-  }
+  for (Applied& applied : applied_) pol_unregister(&applied.user);
 }
 
-void ForwardingManager::add(const char* role, const std::string& policy, uint32_t kind,
-                            t_pol_user** user) {
-  if (policy.empty()) return;
-  *user = register_user(fmt::format("forwarding {}", role), policy, kind, POL_DIR_NONE, note_call,
-                        this);
+void ForwardingManager::enter(Role role) {
+  Applied& applied = applied_[role];
+  if (applied.policy.empty() || applied.user != nullptr) return;
+  applied.user = register_user(std::string("forwarding ") + kRoleRows[role].word, applied.policy,
+                               kRoleRows[role].kind, POL_DIR_NONE, note_call, this);
 }
 
 void ForwardingManager::note_call(t_pol_user* /*user*/, uint64_t manager) noexcept {
@@ -82,18 +96,24 @@ void ForwardingManager::note_call(t_pol_user* /*user*/, uint64_t manager) noexce
 }
 
 void ForwardingManager::restore(const ConfiguredNames& configured) {
-  if (cflowd_ == nullptr) return;
-  auto names = configured.find("/policy/cflowd-template");
-  if (names != configured.end() && names->second.count(applied_.cflowd) != 0) return;
-  pol_unregister(&cflowd_);
-  add("cflowd", applied_.cflowd, POL_KIND_CFLOWD, &cflowd_);
+  for (size_t role = 0; role < kRoles; ++role) {
+    Applied& applied = applied_[role];
+    auto names = configured.find(kRoleRows[role].path);
+    bool gone = names == configured.end() || names->second.count(applied.policy) == 0;
+    if (gone) {
+      pol_unregister(&applied.user);
+    } else {
+      enter(static_cast<Role>(role));
+    }
+  }
 }
 
 std::string ForwardingManager::body() const {
   uint32_t length = 0;
   char* text = nullptr;
   uint32_t status =
-      pol_fwd_policy_populate(from_service_, from_tunnel_, app_route_, cflowd_, &length, &text);
+      pol_fwd_policy_populate(applied_[kFromService].user, applied_[kFromTunnel].user,
+                              applied_[kAppRoute].user, applied_[kCflowd].user, &length, &text);
   std::string body(text != nullptr ? text : "", text != nullptr ? length : 0);
   pol_free(text, kBodyMemory);
   if (status != POL_OK) {

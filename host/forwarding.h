@@ -35,8 +35,10 @@ class ForwardingManager {
   ForwardingManager(const ForwardingManager&) = delete;
   ForwardingManager& operator=(const ForwardingManager&) = delete;
 
-  /* To be called after each batch: a template that was deleted leaves its user without one for good,
-   * so the user registers anew. */
+  /* To be called after each batch. A template that was deleted leaves its user without one for good;
+   * a deleted data or app-route policy stays, emptied, until its users have left. So they leave, and
+   * come back with the policy; not before, because the library would make one of that name and its
+   * worker would ask the agent for it in vain, again and again. Throws InputError. */
   void restore(const ConfiguredNames& configured);
 
   /* How often a policy told that something it uses changed. */
@@ -49,17 +51,19 @@ class ForwardingManager {
   std::string show_data() const;
 
  private:
+  enum Role { kFromService, kFromTunnel, kAppRoute, kCflowd, kRoles };
+  struct Applied {
+    std::string policy; /* "": none */
+    t_pol_user* user = nullptr;
+  };
+
   static void note_call(t_pol_user* user, uint64_t manager) noexcept;
   std::string body() const;
-  void add(const char* role, const std::string& policy, uint32_t kind, t_pol_user** user);
+  void enter(Role role);
   void leave();
 
-  AppliedPolicies applied_;
+  Applied applied_[kRoles];
   uint64_t calls_ = 0;
-  t_pol_user* from_service_ = nullptr;
-  t_pol_user* from_tunnel_ = nullptr;
-  t_pol_user* app_route_ = nullptr;
-  t_pol_user* cflowd_ = nullptr;
 };
 
 /* When no policy is named, the only one of each kind, a data policy in both directions. Throws

@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <thread>
 
 #include "agent_link.h"
@@ -48,6 +50,21 @@ class ServeTest : public testing::Test {
     ASSERT_TRUE(session.commit(files, &faults));
   }
 
+  void remove(const std::vector<std::string>& paths) {
+    sockaddr_in address = polctl::agent_address(port_);
+    int sock = polctl::agent_socket();
+    maapi_connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    maapi_start_user_session3(sock, "test", "test", nullptr, nullptr);
+    int trans =
+        maapi_start_trans_flags2(sock, MAAPI_CANDIDATE, MAAPI_READ_WRITE, 0, 0, nullptr, nullptr);
+    for (const std::string& path : paths) {
+      EXPECT_EQ(maapi_delete(sock, trans, "%s", path.c_str()), YARROW_OK) << path;
+    }
+    EXPECT_EQ(maapi_apply_trans(sock, trans, 0), YARROW_OK);
+    EXPECT_EQ(maapi_candidate_commit(sock), YARROW_OK);
+    maapi_close(sock);
+  }
+
   // What the socket answers to bytes; "" when it just closes.
   std::string raw(const std::string& bytes) const {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -82,7 +99,7 @@ TEST_F(ServeTest, AnswersAsTheCommandsDoAndFollowsCommits) {
   EXPECT_NE(eval.out.find("\"action\":\"reject\""), std::string::npos);
   EXPECT_EQ(eval.err.rfind("<stdin>:2:1: error: ", 0), 0u) << eval.err;
 
-  commit(R"(<policy xmlns="urn:zenodra:yang:policy"><lists><tloc-list><name>hubs</name><tloc>
+  commit(R"(<policy xmlns="urn:zenodra:policy"><lists><tloc-list><name>hubs</name><tloc>
       <address>10.0.0.3</address><color>mpls</color><encap>ipsec</encap></tloc></tloc-list>
       <app-list><name>fresh</name></app-list></lists></policy>)");
   EXPECT_NE(ask({"labels"}).out.find(", 10.0.0.3 mpls ipsec label 1003"), std::string::npos);
@@ -93,6 +110,26 @@ TEST_F(ServeTest, AnswersAsTheCommandsDoAndFollowsCommits) {
   EXPECT_NE(ask({"graph"}).out.find("app-list fresh"), std::string::npos);
   EXPECT_EQ(server_->stop(SIGTERM), 0);
   EXPECT_NE(access(socket_.c_str(), F_OK), 0) << "its file goes with it";
+}
+
+TEST_F(ServeTest, PoliciesThatGoLeaveTheDocumentAndComeBackToIt) {
+  std::string before = ask({"document"}).out;
+  std::vector<std::string> all = {"/policy/data-policy{branch}",
+                                  "/policy/app-route-policy{quality}",
+                                  "/policy/cflowd-template{flows}", "/policy/control-policy{out}"};
+  for (int round = 0; round < 2; ++round) {
+    remove(all);
+    std::string empty = ask({"document"}).out;
+    EXPECT_EQ(empty.find("branch"), std::string::npos) << empty;
+    EXPECT_EQ(empty.find("flows"), std::string::npos) << empty;
+    EXPECT_EQ(ask({"graph"}).out.find("undefined"), std::string::npos);
+    std::ifstream file(kConfig);
+    std::ostringstream config;
+    config << file.rdbuf();
+    commit(config.str());
+    EXPECT_EQ(ask({"document"}).out, before);
+  }
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
 }
 
 TEST_F(ServeTest, KeepsToItsUserAndToItsBounds) {
