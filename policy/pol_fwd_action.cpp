@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The actions of sequences of data and app-route policies. Beside the sequence's flags stand the
-// policy's (t_pol_block.sets), by which label evaluation passes over whole policies. On purpose they
-// are no counts: any sequence sets them and any takes them back, for all.
+// policy's (t_pol_block.sets), by which label evaluation passes over whole policies. On purpose
+// they are no counts: any sequence sets them and any takes them back, for all.
 #include "policy/pol_fwd_action.h"
 
 #include <algorithm>
