@@ -13,12 +13,7 @@
 namespace agent {
 
 // The envelope around saved configuration; loaded text may have it or begin with a top-level node.
-inline constexpr char kConfigNamespace[] = "urn:yarrow:config:1";
-
-// What policy documents call the envelope and the policy module; loaded text may.
-inline constexpr char kDocumentConfigNamespace[] = "urn:norvik:config:1.0";
-inline constexpr char kPolicyNamespace[] = "urn:zenodra:yang:policy";
-inline constexpr char kDocumentPolicyNamespace[] = "urn:zenodra:policy";
+inline constexpr char kConfigNamespace[] = "urn:norvik:config:1.0";
 
 // The node at the path in its ancestors, with the keys of each entry on the way: one line, no white
 // space between elements, each namespace declared once.

@@ -68,16 +68,6 @@ std::string Loader::path() const {
   return steps.empty() ? above : above + path_text(steps);
 }
 
-bool is_envelope(const char* name_space) {
-  return name_space != nullptr && (strcmp(name_space, kConfigNamespace) == 0 ||
-                                   strcmp(name_space, kDocumentConfigNamespace) == 0);
-}
-
-bool is_in(const SchemaNode& node, const char* name_space) {
-  return name_space == nullptr || node.name_space == name_space ||
-         (node.name_space == kPolicyNamespace && strcmp(name_space, kDocumentPolicyNamespace) == 0);
-}
-
 void Loader::start(std::string_view name, const char* name_space, int attributes) {
   int line = xmlSAX2GetLineNumber(parser);
   if (skipping > 0) {
@@ -86,13 +76,14 @@ void Loader::start(std::string_view name, const char* name_space, int attributes
   }
   bool is_root = !seen_root;
   seen_root = true;
-  if (is_root && name == "config" && is_envelope(name_space)) {
+  if (is_root && name == "config" && name_space != nullptr &&
+      strcmp(name_space, kConfigNamespace) == 0) {
     in_envelope = true;
     return;
   }
   const SchemaNode* child = schema_child(*stack.back().schema, name);
   auto here = [&] { return path() + "/" + std::string(name); };
-  bool known = child != nullptr && is_in(*child, name_space);
+  bool known = child != nullptr && (name_space == nullptr || child->name_space == name_space);
   bool other_kind =
       known &&
       (rules.state ? !child->is_state && !child->holds_state && !child->is_key : child->is_state);

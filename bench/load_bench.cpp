@@ -3,7 +3,6 @@
 // is told; memory an element; many changes to a policy with many users.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
-#include <time.h>
 
 #include <algorithm>
 #include <functional>
@@ -18,19 +17,6 @@ constexpr char kList[] = "load";
 uint64_t told = 0;
 
 void count_call(t_pol_user* /*user*/, uint64_t /*arg*/) { ++told; }
-
-double cpu_seconds() {
-  timespec now = {};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
-// Processor time: what else runs on the machine is not the library's cost.
-double seconds(const std::function<void()>& work) {
-  const double start = cpu_seconds();
-  work();
-  return cpu_seconds() - start;
-}
 
 // A policy whose one sequence names the list, with a user that is called back.
 class ListUser {

@@ -13,6 +13,7 @@ namespace bench {
 void register_prefix_lists();
 void register_sequences();
 void register_loads();
+void register_forwarding();
 void register_threads();
 }  // namespace bench
 
@@ -31,6 +32,7 @@ int main(int argc, char** argv) {
   bench::register_prefix_lists();
   bench::register_sequences();
   bench::register_loads();
+  bench::register_forwarding();
   bench::register_threads();
   bench::Collector collector;
   benchmark::RunSpecifiedBenchmarks(&collector);

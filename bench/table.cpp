@@ -146,6 +146,25 @@ int print_loads(const Figures& figures) {
   return missed;
 }
 
+// Beside each figure the same work in the standard library's containers (the floor), and for both
+// how much more a sequence costs among 10,000 than among 1,000, which leaves the caches.
+void print_forwarding(const Figures& figures) {
+  constexpr const char* kWork[] = {"build", "teardown", "change"};
+  if (!find(figures, "W8/build/10000")) return;
+  printf("\n%-32s%12s%14s%10s%10s%10s\n", "forwarding, 10,000 sequences", "ms", "ns/sequence",
+         "floor", "growth", "floor's");
+  for (const char* work : kWork) {
+    const std::string name = work;
+    auto small = find(figures, "W8/" + name + "/1000");
+    auto large = find(figures, "W8/" + name + "/10000");
+    auto floor = find(figures, "W8/floor/" + name + "/10000");
+    auto small_floor = find(figures, "W8/floor/" + name + "/1000");
+    if (!small || !large || !floor || !small_floor) continue;
+    printf("W8   %-27s%12.3f%14.1f%9.2fx%9.2fx%9.2fx\n", work, *large / 1e6, *large / 10000,
+           *large / *floor, *large / *small / 10, *floor / *small_floor / 10);
+  }
+}
+
 int print_bytes(const Figures& figures) {
   int missed = 0;
   printf("\n%-32s%12s\n", "memory", "bytes");
@@ -191,6 +210,7 @@ int print_table(const Figures& figures) {
   int missed = print_evaluations(figures);
   missed += print_growths(figures);
   missed += print_loads(figures);
+  print_forwarding(figures);
   missed += print_bytes(figures);
   return missed;
 }

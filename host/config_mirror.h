@@ -10,6 +10,7 @@
 #ifndef HOST_CONFIG_MIRROR_H
 #define HOST_CONFIG_MIRROR_H
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <set>
@@ -89,9 +90,13 @@ struct ConfigMirror {
       std::unordered_map<uint64_t, uint32_t>; /* low and high to members that say so */
   using Bounds = std::unordered_map<uint64_t, BoundsMirror>; /* by address and length; if any */
 
+  /* By their keys, which they are. */
+  using TlocMembers = std::map<std::string, std::array<t_yarrow_value, 3>>;
+
   std::map<std::string, Sequences> control_policies;
   std::map<std::string, Spellings> site_lists;
   std::map<std::string, Spellings> vpn_lists;
+  std::map<std::string, TlocMembers> tloc_lists;
   std::map<std::string, Bounds> prefix_lists;
   ConfiguredNames names;
 };

@@ -7,6 +7,8 @@
 // - a prefix member's operator follows from all its bounds, so it is given all of them;
 // - two members of a site or VPN list may spell one range ("5" and "5-5"), which is deleted with the
 //   last of them;
+// - sequences of data policies keep copies of a TLOC list's members, which they lose with the members
+//   but not with the list, so a list that goes loses its members first;
 // - a TLOC that loses its color keeps its address, which the reader would drop; a service that loses
 //   its TLOC has none, where the reader would keep 0.0.0.0; a sequence that names a TLOC list in two
 //   places has one; a sequence has one match of its several, or none where the last was deleted.
@@ -43,7 +45,7 @@ constexpr uint32_t kTagPrefixGe = 0x0c7fba2e;
 constexpr uint32_t kTagPrefixLe = 0x10ae453c;
 
 // How a change reaches its reader.
-enum class Way { kEntry, kRange, kPrefix, kCollector, kSequence, kMatch };
+enum class Way { kEntry, kRange, kTloc, kPrefix, kCollector, kSequence, kMatch };
 
 }  // namespace
 
@@ -62,7 +64,7 @@ constexpr ConfigRow kRows[] = {
     {"/policy/lists/vpn-list", 1, Way::kEntry, pol_config_policy_vpn_list_name},
     {"/policy/lists/vpn-list/vpn", 2, Way::kRange, pol_config_policy_vpn_list},
     {"/policy/lists/tloc-list", 1, Way::kEntry, pol_config_policy_tloc_list_name},
-    {"/policy/lists/tloc-list/tloc", 2, Way::kEntry, pol_config_policy_tloc_list},
+    {"/policy/lists/tloc-list/tloc", 2, Way::kTloc, pol_config_policy_tloc_list},
     {"/policy/lists/color-list", 1, Way::kEntry, pol_config_policy_color_list_name},
     {"/policy/lists/color-list/color", 2, Way::kEntry, pol_config_policy_color_list},
     {"/policy/lists/prefix-list", 1, Way::kEntry, pol_config_policy_prefix_list_name},
@@ -187,10 +189,39 @@ void ConfigWalk::take_entry(const ConfigRow& row, const t_yarrow_change& change)
   // Only something in it changed; a member's reader would take this for a member without leaves.
   if (change.op == YARROW_MODIFIED && change.value_count == 0) return;
   if (row.way == Way::kRange) return take_range(row, change);
+  if (row.way == Way::kTloc) return take_tloc(row, change);
   if (row.way == Way::kPrefix) return take_prefix(row, change);
   if (row.way == Way::kCollector) return take_collector(row, change);
   if (change.op == YARROW_DELETED && row.level == 1) forget(row, change);
   hand(row, change);
+}
+
+void ConfigWalk::take_tloc(const ConfigRow& row, const t_yarrow_change& change) {
+  auto& members = mirror_.tloc_lists[text_key(change, 0)];
+  const t_yarrow_value& address = change.keys[1];
+  size_t size = address.type == C_IPV4 ? sizeof address.val.ip : sizeof address.val.ip6;
+  std::string key(reinterpret_cast<const char*>(&address.val), size);
+  for (uint32_t i = 2; i < 4; ++i) key += std::to_string(change.keys[i].val.enumvalue) + ' ';
+  if (change.op == YARROW_DELETED) {
+    members.erase(key);
+  } else {
+    members[key] = {address, change.keys[2], change.keys[3]};
+  }
+  hand(row, change);
+}
+
+void ConfigWalk::empty_tloc_list(const t_yarrow_change& change) {
+  const ConfigRow* row = std::find_if(std::begin(kRows), std::end(kRows),
+                                      [](const auto& r) { return r.way == Way::kTloc; });
+  for (const auto& [key, member] : mirror_.tloc_lists[text_key(change, 0)]) {
+    t_yarrow_value keys[4] = {change.keys[0], member[0], member[1], member[2]};
+    t_yarrow_change gone = with_values(change, YARROW_DELETED, {});
+    gone.level = row->level;
+    gone.keys = keys;
+    gone.key_count = 4;
+    hand(*row, gone);
+  }
+  mirror_.tloc_lists.erase(text_key(change, 0));
 }
 
 // The reader ends the process for a collector without its template.
@@ -203,6 +234,7 @@ void ConfigWalk::forget(const ConfigRow& row, const t_yarrow_change& change) {
   std::string name = text_key(change, 0);
   if (row.reader == pol_config_policy_site_list_name) mirror_.site_lists.erase(name);
   if (row.reader == pol_config_policy_vpn_list_name) mirror_.vpn_lists.erase(name);
+  if (row.reader == pol_config_policy_tloc_list_name) empty_tloc_list(change);
   if (row.reader == pol_config_policy_prefix_list_name) mirror_.prefix_lists.erase(name);
   if (row.reader == pol_config_control_policy_read) mirror_.control_policies.erase(name);
 }

@@ -40,6 +40,8 @@ class ConfigWalk {
   void take_entry(const ConfigRow& row, const t_yarrow_change& change);
   void take_range(const ConfigRow& row, const t_yarrow_change& change);
   void take_prefix(const ConfigRow& row, const t_yarrow_change& change);
+  void take_tloc(const ConfigRow& row, const t_yarrow_change& change);
+  void empty_tloc_list(const t_yarrow_change& change);
   void take_collector(const ConfigRow& row, const t_yarrow_change& change);
   uint32_t take_sequence(const ConfigRow& row, const t_yarrow_batch* batch, uint32_t at);
   void forget(const ConfigRow& row, const t_yarrow_change& change);

@@ -1,9 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/rig.h"
 
+#include <time.h>
+
 #include <cstdlib>
 
 namespace bench {
+namespace {
+
+double cpu_seconds() {
+  timespec now = {};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+}  // namespace
+
+double seconds(const std::function<void()>& work) {
+  const double start = cpu_seconds();
+  work();
+  return cpu_seconds() - start;
+}
 
 t_pol_ctx* context() {
   static t_pol_ctx* const ctx = [] {

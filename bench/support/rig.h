@@ -6,6 +6,7 @@
 // many times.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,9 @@ namespace bench {
 
 // Made on first use.
 t_pol_ctx* context();
+
+// Processor time: what else runs on the machine is not the library's cost.
+double seconds(const std::function<void()>& work);
 
 struct Rig {
   explicit Rig(const std::string& name);

@@ -65,7 +65,7 @@ TEST_F(ChangesTest, ABatchIsToldOnlyToThoseWhomItConcernsAndNoneForNothing) {
   EXPECT_EQ(lists.next(50), "none");
   EXPECT_EQ(policers.next(50), "none");
   Subscriber all(agent_.port(), "/policy");
-  ASSERT_EQ(why(session_.commit("<policy-from-pellux xmlns=\"urn:zenodra:yang:policy\"><app-id>"
+  ASSERT_EQ(why(session_.commit("<policy-from-pellux xmlns=\"urn:zenodra:policy\"><app-id>"
                                 "<name>a</name></app-id></policy-from-pellux>")),
             "ok");
   EXPECT_EQ(all.next(50), "none") << "whose path only begins alike";

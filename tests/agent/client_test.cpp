@@ -162,7 +162,7 @@ TEST_F(ClientTest, NamesWithBlanksAndQuotesTravelAsKeys) {
   ASSERT_EQ(why(maapi_apply_trans(fd_, trans, 0)), "ok");
   EXPECT_EQ(
       session_.save("/policy", MAAPI_CANDIDATE),
-      "<config xmlns=\"urn:yarrow:config:1\"><policy xmlns=\"urn:zenodra:yang:policy\"><policer>"
+      "<config xmlns=\"urn:norvik:config:1.0\"><policy xmlns=\"urn:zenodra:policy\"><policer>"
       "<name>a \"b\\ {c}</name></policer></policy></config>");
   EXPECT_EQ(why(maapi_candidate_validate(fd_)),
             "invalid configuration: /policy/policer{\"a \\\"b\\\\ {c}\"}/rate: is missing\n"
@@ -180,7 +180,7 @@ TEST_F(ClientTest, SavedTextIsOneLineShapedSoThatHeadersAndFootersCutIt) {
                                        sla_class))),
             "ok");
   auto saved = [](const std::string& inner) {
-    return "<config xmlns=\"urn:yarrow:config:1\">" + policy(inner) + "</config>";
+    return "<config xmlns=\"urn:norvik:config:1.0\">" + policy(inner) + "</config>";
   };
   EXPECT_EQ(session_.save("/policy/lists/vpn-list{V}"), saved(vpn_list));
   EXPECT_EQ(session_.save("/policy/sla-class"), saved(sla_class));
@@ -200,8 +200,8 @@ TEST_F(ClientTest, SavedTextIsOneLineShapedSoThatHeadersAndFootersCutIt) {
 
 TEST_F(ClientTest, LoadMergesReplacesOrStartsAfreshAsItsFlagsSay) {
   const std::string received =
-      "<config xmlns=\"urn:yarrow:config:1\"><policy-from-pellux "
-      "xmlns=\"urn:zenodra:yang:policy\">";
+      "<config xmlns=\"urn:norvik:config:1.0\"><policy-from-pellux "
+      "xmlns=\"urn:zenodra:policy\">";
   const std::string end = "</policy-from-pellux></config>";
   ASSERT_EQ(why(session_.load(policy("<app-id><name>keep</name></app-id>"))), "ok");
   ASSERT_EQ(why(session_.load(received + "<app-id><name>old</name></app-id>" + end, 0x4401)), "ok");
@@ -225,7 +225,7 @@ TEST_F(ClientTest, LoadMergesReplacesOrStartsAfreshAsItsFlagsSay) {
   for (int i = 0; i < 2; ++i) {
     ASSERT_EQ(why(session_.load(colors)), "ok");
     EXPECT_EQ(session_.save("/policy/data-policy", MAAPI_CANDIDATE),
-              "<config xmlns=\"urn:yarrow:config:1\">" + colors + "</config>");
+              "<config xmlns=\"urn:norvik:config:1.0\">" + colors + "</config>");
   }
   EXPECT_EQ(why(maapi_load_config(fd_, trans, 0x1, file.c_str())), "ok");
   EXPECT_EQ(maapi_num_instances(fd_, trans, "/policy/app-id"), 1);

@@ -44,9 +44,9 @@ TEST_F(CommitTest, RefusalsNameEveryFaultAsTheirGoldenHasItAndTellNobody) {
 
 TEST_F(CommitTest, TextThatIsNoXmlIsRefusedWithItsLine) {
   const char* const texts[] = {"", "no markup",
-                               "<policy xmlns=\"urn:zenodra:yang:policy\">\n<lists>",
+                               "<policy xmlns=\"urn:zenodra:policy\">\n<lists>",
                                "<!DOCTYPE policy [<!ENTITY a \"aaaa\">]><policy>&a;</policy>",
-                               "<policy xmlns=\"urn:zenodra:yang:policy\"></policy><policy/>"};
+                               "<policy xmlns=\"urn:zenodra:policy\"></policy><policy/>"};
   for (const char* text : texts) {
     EXPECT_EQ(session_.load(text), YARROW_ERR) << text;
     EXPECT_EQ(yarrow_errno, YARROW_ERR_MALFORMED) << text;

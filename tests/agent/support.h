@@ -109,7 +109,7 @@ std::string why(int status);
 constexpr unsigned kReplace = YARROW_CONFIG_XML | YARROW_CONFIG_REPLACE;
 
 inline std::string policy(const std::string& inner) {
-  return "<policy xmlns=\"urn:zenodra:yang:policy\">" + inner + "</policy>";
+  return "<policy xmlns=\"urn:zenodra:policy\">" + inner + "</policy>";
 }
 
 }  // namespace test

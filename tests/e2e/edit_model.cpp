@@ -18,7 +18,7 @@ using Texts = std::vector<std::string>;
 const std::map<std::string, Texts>& pools() {
   static const std::map<std::string, Texts> pools = {
       {"name", {"A", "B", "C"}},
-      {"number", {"10", "20", "30"}},
+      {"number", {"0", "10", "20"}},
       {"id", {"5", "5-5", "05", "1-9", "7", "4294967301", "9-1"}},
       {"color", {"default", "mpls", "lte"}},
       {"encap", {"gre", "ipsec"}},
@@ -34,6 +34,15 @@ const std::map<std::string, Texts>& pools() {
       {"action-value", {"accept", "reject"}},
       {"tloc-action", {"strict", "primary", "ecmp", "backup"}},
       {"carrier", {"default", "carrier1", "carrier8"}},
+      {"strict", {"true", "false"}},
+      {"preferred-color", {"default", "mpls", "lte"}},
+      {"backup-preferred-color", {"mpls"}},
+      {"exceed", {"drop", "remark"}},
+      {"transport", {"udp", "tcp"}},
+      {"plp", {"low", "high"}},
+      {"source-ip", {"10.0.0.0/8", "2001:db8::/32"}},
+      {"destination-ip", {"10.0.0.0/8"}},
+      {"ipv6-prefix/prefix", {"2001:db8::/32", "2001:db8:1::/48"}},
       {"origin", {"connected", "static", "rip", "bgp-internal", "service", "isis"}},
   };
   return pools;
@@ -52,9 +61,27 @@ std::string_view rival_of(std::string_view name) {
 
 // The lists that the library reads.
 constexpr const char* kTops[] = {
-    "/policy/lists/site-list",  "/policy/lists/vpn-list",    "/policy/lists/tloc-list",
-    "/policy/lists/color-list", "/policy/lists/prefix-list", "/policy/control-policy",
-    "/policy/control-policy",   "/policy/control-policy",    "/policy/membership-policy",
+    "/policy/lists/site-list",
+    "/policy/lists/vpn-list",
+    "/policy/lists/tloc-list",
+    "/policy/lists/color-list",
+    "/policy/lists/prefix-list",
+    "/policy/control-policy",
+    "/policy/control-policy",
+    "/policy/control-policy",
+    "/policy/membership-policy",
+    "/policy/lists/app-list",
+    "/policy/lists/data-prefix-list",
+    "/policy/lists/data-ipv6-prefix-list",
+    "/policy/app-id",
+    "/policy/sla-class",
+    "/policy/policer",
+    "/policy/cflowd-template",
+    "/policy/data-policy",
+    "/policy/data-policy",
+    "/policy/data-policy",
+    "/policy/app-route-policy",
+    "/policy/app-route-policy",
 };
 
 const t_yarrow_cs_node* child_named(const t_yarrow_cs_node* node, std::string_view name) {
@@ -81,6 +108,7 @@ std::string Editor::text_for(const t_yarrow_cs_node* leaf) {
     return found->second[below(static_cast<uint32_t>(found->second.size()))];
   }
   // A number, or a name of a list.
+  if (leaf->type == C_XMLTAG) return "";
   if (leaf->type != C_BUF) return std::to_string(below(4));
   return pools().at("name")[below(3)];
 }
@@ -162,11 +190,23 @@ void Editor::edit_list(const t_yarrow_cs_node* list, const std::string& parent) 
       break;
   }
   bool made = maapi_create(sock_, trans_, "%s", entry.c_str()) == YARROW_OK;
+  for (const char* needed : {"rate", "burst"}) {
+    const t_yarrow_cs_node* leaf = made ? child_named(list, needed) : nullptr;
+    if (leaf != nullptr) set(leaf, entry);
+  }
   if (made) {
     fill(list, entry, 35);
   } else {
     edit_in(list, entry);
   }
+}
+
+void Editor::delete_all() {
+  trans_ =
+      maapi_start_trans_flags2(sock_, MAAPI_CANDIDATE, MAAPI_READ_WRITE, 0, 0, nullptr, nullptr);
+  for (const char* top : kTops) remove(top);
+  EXPECT_EQ(why(maapi_apply_trans(sock_, trans_, 0)), "ok");
+  EXPECT_EQ(why(maapi_finish_trans(sock_, trans_)), "ok");
 }
 
 void Editor::edit(uint32_t count) {

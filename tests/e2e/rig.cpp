@@ -4,12 +4,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <map>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <vector>
 
 #include "policy/pol_dump.h"
+#include "yarrow/yarrow_schema.h"
 
 namespace test {
 
@@ -21,18 +23,27 @@ int append(void* arg, const char* text, size_t length) {
 }
 
 // A list that lost its last element stays until its configuration goes, where one that never had any
-// was never made. Both match nothing.
+// was never made. Both match nothing. An object that lost its last user goes, where one that never had
+// any stays. Neither does anything.
 void drop_empty_lists(std::string* dump) {
-  const std::regex empty("([a-z]+)-list: (\\S+) \\(PTR\\)\nend \n");
+  static const std::map<std::string, std::string> types = {
+      {"vpn-list", "4"},  {"tloc-list", "5"},   {"fwd-prefix-list", "6"}, {"fwd-prefix6-list", "7"},
+      {"sla-class", "8"}, {"fwd-policer", "9"}, {"app-list", "10"}};
+  const std::regex empty("([a-z6-]+): (\\S+) \\(PTR\\)\nend \n");
   std::smatch found;
   while (std::regex_search(*dump, found, empty)) {
-    std::string type = found[1] == "vpn" ? "4" : found[1] == "tloc" ? "5" : "none";
+    auto known = types.find(found[1]);
+    std::string type = known != types.end() ? known->second : "none";
     std::string text = "Name: " + found[2].str() + ", Type: " + type + ", Size: 0\nXML: \n";
     dump->erase(static_cast<size_t>(found.position()), static_cast<size_t>(found.length()));
     size_t at = dump->find(text);
     if (at != std::string::npos) dump->erase(at, text.size());
   }
-  *dump = std::regex_replace(*dump, std::regex("\n(\\w+ list|policy config) .*"), "");
+  *dump = std::regex_replace(
+      *dump,
+      std::regex("\n(entry appid|policer|sla class|pol-yarrow-thrd-args|.*list|policy "
+                 "config|Thread Idx:\\d,) .*"),
+      "");
 }
 
 // Without what histories may differ in: addresses, allocations that were made and freed again,
@@ -46,7 +57,8 @@ std::string comparable(std::string dump) {
   std::string sorted;
   std::vector<std::string> run;
   bool in_lists = true;
-  const std::regex element("^ {2,4}[a-zU]");
+  const std::regex title("^ {4,}[A-Z][A-Z0-9 ]+ *$");
+  const std::regex element("^ {2,4}[a-zA-Z]");
   auto flush = [&] {
     std::sort(run.begin(), run.end());
     for (const std::string& line : run) sorted += line + "\n";
@@ -54,8 +66,8 @@ std::string comparable(std::string dump) {
   };
   for (std::string line; std::getline(lines, line);) {
     if (line.empty()) continue;
-    in_lists = in_lists && line.find("POLICIES") == std::string::npos;
-    if (in_lists && std::regex_search(line, element)) {
+    if (std::regex_search(line, title)) in_lists = line.find("POLICIES") == std::string::npos;
+    if (in_lists ? std::regex_search(line, element) : line.starts_with("        TLOC: ")) {
       run.push_back(line);
       continue;
     }
@@ -76,14 +88,20 @@ std::multiset<std::string> lines_of(const std::string& text) {
 }  // namespace
 
 Rig::Rig() : session_(agent_.port()) {
+  EXPECT_EQ(why(yarrow_load_schemas(session_.addr(), session_.addr_len())), "ok");
+  feed_ = std::make_unique<polctl::ConfigFeed>(agent_.port());
+  polctl::set_worker_port(unreachable_.port());
   t_pol_callbacks callbacks = {};
   pol_init(&callbacks);
   walk_ = std::make_unique<polctl::ConfigWalk>(g_pol_ctx_p);
-  feed_ = std::make_unique<polctl::ConfigFeed>(agent_.port());
   EXPECT_EQ(feed_->next(10'000, walk_.get()), 0);
 }
 
-Rig::~Rig() { pol_destroy(); }
+Rig::~Rig() {
+  walk_->release();
+  pol_destroy();
+  unsetenv(YARROW_PORT_VARIABLE);
+}
 
 bool Rig::commit() {
   if (maapi_candidate_commit(session_.fd()) == YARROW_OK) return true;

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "agent_link.h"
 #include "config_walk.h"
 #include "policy/pol_context.h"
 #include "tests/agent/support.h"
@@ -38,6 +39,7 @@ class Rig {
   Session session_;
   int64_t followed_ = 0;
   std::unique_ptr<polctl::ConfigFeed> feed_;
+  polctl::UnreachablePort unreachable_;  // labels are not written: histories are the test's alone
   std::unique_ptr<polctl::ConfigWalk> walk_;
 };
 

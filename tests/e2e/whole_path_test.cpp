@@ -3,6 +3,7 @@
 // However a configuration came to be, the library holds the same.
 #include <chrono>
 #include <cstdlib>
+#include <sstream>
 #include <vector>
 
 #include "edit_model.h"
@@ -55,6 +56,27 @@ std::string prefix(const std::string& leaves) {
   return policy("<lists><prefix-list><name>A</name><prefix><prefix>10.0.0.0/8</prefix>" + leaves +
                 "</prefix></prefix-list></lists>");
 }
+
+#define FORWARDING "/policy/data-policy{P}/vpn-list{V}/sequence{10}"
+#define QUALITY "/policy/app-route-policy{P}/vpn-list{V}"
+
+std::string data(const std::string& inner, const std::string& number = "10") {
+  return policy("<data-policy><name>P</name><vpn-list><name>V</name><sequence><number>" + number +
+                "</number>" + inner + "</sequence></vpn-list></data-policy>");
+}
+
+// The VPN list's own leaves, and those of its sequence.
+std::string quality(const std::string& own, const std::string& number, const std::string& inner) {
+  return policy("<app-route-policy><name>P</name><vpn-list><name>V</name>" + own +
+                "<sequence><number>" + number + "</number>" + inner +
+                "</sequence></vpn-list></app-route-policy>");
+}
+
+const std::string kApplications =
+    "<match><dns-app-list>A</dns-app-list><saas-app-list>B</saas-app-list></match>";
+
+const std::string kSla =
+    "<sla-class>A</sla-class><strict>true</strict><preferred-color>lte</preferred-color>";
 
 const std::string kTloc =
     "<tloc><address>10.0.0.1</address><color>lte</color><encap>gre</encap></tloc>";
@@ -132,6 +154,43 @@ std::vector<Trap> traps() {
        {{"/policy/control-policy{P}", nullptr},
         {"/policy/control-policy{P}", ""},
         {"/policy/control-policy{P}/default-action", "accept"}}},
+      {"SequenceGoesWithItsApplications", data(kApplications), {{FORWARDING, nullptr}}},
+      {"VpnListGoesWithItsApplications",
+       data(kApplications),
+       {{"/policy/data-policy{P}/vpn-list{V}", nullptr}}},
+      {"DataPolicyGoesWithItsApplications",
+       data(kApplications),
+       {{"/policy/data-policy{P}", nullptr}}},
+      {"ApplicationsStayUntilTheEnd", data(kApplications), {}},
+      {"ForwardingTlocLosesItsColor",
+       data(set(kTloc)),
+       {{FORWARDING "/action/set/tloc/color", nullptr}}},
+      {"ForwardingTlocStopsBeingBinding",
+       data(set("<tloc><address>10.0.0.1</address><encap>gre</encap><local/></tloc>")),
+       {{FORWARDING "/action/set/tloc/local", nullptr}}},
+      {"ServiceChangesItsVpn",
+       data(set("<vpn>3</vpn><service><type>ids</type></service>")),
+       {{FORWARDING "/action/set/vpn", "4"}}},
+      {"ForwardingTlocListGoesBeforeItsPolicy",
+       policy("<lists><tloc-list><name>A</name>" + kTloc + "</tloc-list></lists>") + "\n" +
+           data(set("<tloc-list>A</tloc-list>")),
+       {{"/policy/lists/tloc-list{A}", nullptr}}},
+      {"SlaLosesItsStrictness",
+       quality("", "10", "<action>" + kSla + "</action>"),
+       {{QUALITY "/sequence{10}/action/strict", nullptr}}},
+      {"VpnListsSlaChangesItsColor", quality(kSla, "10", ""), {{QUALITY "/strict", "false"}}},
+      {"SequenceZeroGoes", quality(kSla, "0", kApplications), {{QUALITY "/sequence{0}", nullptr}}},
+      {"VpnListLosesTheSlaOfSequenceZero",
+       quality(kSla, "0", "<action><sla-class>B</sla-class></action>"),
+       {{QUALITY "/sla-class", nullptr}}},
+      {"DataPolicysVpnListHasAnSlaClass",
+       policy("<data-policy><name>P</name><vpn-list><name>V</name>" + kSla +
+              "</vpn-list></data-policy>"),
+       {{"/policy/data-policy{P}/vpn-list{V}/strict", "false"}}},
+      {"TemplateGoesWithItsCollector",
+       policy("<cflowd-template><name>P</name><collector><vpn>1</vpn><address>10.0.0.1</address>"
+              "<port>5</port></collector></cflowd-template>"),
+       {{"/policy/cflowd-template{P}", nullptr}}},
       {"ActionGoes", control(set("<tag>1</tag>")), {{SEQUENCE "/action/action-value", nullptr}}},
   };
 }
@@ -153,7 +212,8 @@ class WholePathTrap : public testing::TestWithParam<Trap> {};
 
 TEST_P(WholePathTrap, LeavesWhatTheFinalConfigurationMakes) {
   Rig rig;
-  rig.commit_and_follow(GetParam().before);
+  std::istringstream parts(GetParam().before);
+  for (std::string part; std::getline(parts, part);) rig.commit_and_follow(part);
   make_edits(rig.session(), GetParam().edits);
   ASSERT_TRUE(rig.commit()) << why(YARROW_ERR);
   rig.follow();
@@ -172,7 +232,6 @@ TEST(WholePath, RandomHistoriesLeaveWhatTheFinalConfigurationMakes) {
   unsigned long rounds = rounds_text != nullptr ? strtoul(rounds_text, nullptr, 10) : 120;
   SCOPED_TRACE("E2E_SEED=" + std::to_string(seed));
   Rig rig;
-  ASSERT_EQ(why(yarrow_load_schemas(rig.session().addr(), rig.session().addr_len())), "ok");
   test::Editor editor(rig.session().fd(), seed);
   auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   uint64_t commits = 0;
@@ -188,6 +247,10 @@ TEST(WholePath, RandomHistoriesLeaveWhatTheFinalConfigurationMakes) {
     ASSERT_EQ(rig.difference_from_scratch(), "") << "round " << round;
   }
   EXPECT_GT(accepted * 2, commits) << "too many edits are refused to mean much";
+  editor.delete_all();
+  ASSERT_TRUE(rig.commit());
+  rig.follow();
+  EXPECT_EQ(rig.difference_from_scratch(), "") << "nothing is left";
 }
 
 void count_call(t_pol_user* /*user*/, uint64_t count) { ++*reinterpret_cast<int*>(count); }

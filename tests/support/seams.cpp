@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/seams.h"
 
+#include <unistd.h>
+
+#include <atomic>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
@@ -10,6 +13,7 @@ namespace {
 
 std::mutex g_log_lock;  // the worker logs too
 std::string g_log;
+std::atomic<bool> g_all_threads{false};
 thread_local int g_until_failure = 0;  // 0: none armed
 thread_local bool g_hit = false;
 
@@ -35,6 +39,7 @@ void* __wrap_realloc(void* memory, size_t size) {
 }
 
 void __wrap_vsyslog(int priority, const char* format, va_list args) {
+  if (!g_all_threads && gettid() != getpid()) return;
   char line[4096];
   vsnprintf(line, sizeof line, format, args);
   std::lock_guard<std::mutex> hold(g_log_lock);
@@ -50,6 +55,8 @@ std::string take_log() {
   text.swap(g_log);
   return text;
 }
+
+void log_of_all_threads(bool all) { g_all_threads = all; }
 
 Fail::Fail(int nth) { g_until_failure = nth, g_hit = false; }
 Fail::~Fail() { g_until_failure = 0; }

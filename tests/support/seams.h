@@ -8,8 +8,10 @@
 
 namespace seams {
 
-// What was logged since the last call; each line has its priority in front.
+// What was logged since the last call; each line has its priority in front. Of the main thread only,
+// unless all are wanted: the worker writes whenever it gets to run.
 std::string take_log();
+void log_of_all_threads(bool all);
 
 // While alive, the n-th allocation (from 1) of this thread fails; `hit` tells whether it came to
 // it.

@@ -58,10 +58,12 @@ class RealAgentTest : public PolicyTest {
     setenv(YARROW_PORT_VARIABLE, std::to_string(agent_.port()).c_str(), 1);
     g_show_file = directory_.path() + "/show.xml";
     g_waits = 0;
+    seams::log_of_all_threads(true);
     PolicyTest::SetUp();
   }
   void TearDown() override {
     PolicyTest::TearDown();
+    seams::log_of_all_threads(false);
     unsetenv(YARROW_PORT_VARIABLE);
     g_on_wait = nullptr;
     seams::take_log();
@@ -266,7 +268,7 @@ TEST_F(RealAgentTest, ShowDataIsPublishedCountedAndCleared) {
 }
 
 TEST_F(RealAgentTest, ReceivedPolicyIsDeletedOnceTheDatabaseIsFree) {
-  const std::string received = "<policy-from-pellux xmlns=\"urn:zenodra:yang:policy\">" +
+  const std::string received = "<policy-from-pellux xmlns=\"urn:zenodra:policy\">" +
                                object(kKinds[7], kKinds[7].first) + "</policy-from-pellux>";
   int trans = session_.begin();
   ASSERT_EQ(pol_fwd_policy_yarrow_set(session_.fd(), trans, static_cast<uint32_t>(received.size()),

@@ -23,6 +23,7 @@ class QueuesTest : public PolicyTest {
   // A worker of this test's alone, that has not tried to connect.
   void SetUp() override {
     scripted::reset();
+    seams::log_of_all_threads(true);
     seams::take_log();
     PolicyTest::SetUp();
     descriptors_ = scripted::descriptors();
@@ -32,6 +33,7 @@ class QueuesTest : public PolicyTest {
 
   void TearDown() override {
     PolicyTest::TearDown();
+    seams::log_of_all_threads(false);
     EXPECT_EQ(scripted::open_handles(), 0);
     EXPECT_EQ(scripted::bad_closes(), 0);
     scripted::reset();

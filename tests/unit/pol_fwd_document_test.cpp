@@ -20,6 +20,12 @@ std::string taken_log() {
 
 class DocumentTest : public PolicyTest {
  protected:
+  // Without the worker, whose lines would come in between.
+  void SetUp() override {
+    PolicyTest::SetUp();
+    ASSERT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
+  }
+
   void TearDown() override {
     for (t_pol_entry* made : entries_) {
       for (const pol::FwdRef* ref : {&pol::kFwdDnsAppList, &pol::kFwdSaasAppList}) {

@@ -1,0 +1,245 @@
+// SPDX-License-Identifier: Apache-2.0
+// What is forwarding policies' own beyond what the model test compares: paths that lead nowhere,
+// policies that outlive their deletion, registrations that outlive their sequence, calls that end
+// the process, dumps.
+#include <csignal>
+#include <regex>
+
+#include "support/golden.h"
+#include "support/list_families.h"
+#include "support/seams.h"
+
+namespace {
+
+constexpr uint32_t kApp = POL_KIND_PERF_ROUTE;
+constexpr uint32_t kData = POL_KIND_DATA;
+
+class FwdBlockTest : public PolicyTest {
+ protected:
+  t_pol_entry* sequence(const char* policy, uint32_t kind, const char* vpn, int32_t number) {
+    block(policy, kind);
+    pol_fwd_vpn_find_or_create(ctx, policy, kind, vpn);
+    return pol_fwd_entry_find_or_create(ctx, policy, kind, vpn, number);
+  }
+
+  // Everything that a sequence may name, each by its role's letter.
+  void name_all(t_pol_entry* e) {
+    const pol::FwdRef* refs[] = {&pol::kFwdSrcPfx,     &pol::kFwdDstPfx,  &pol::kFwdSrcPfx6,
+                                 &pol::kFwdDstPfx6,    &pol::kFwdAppId,   &pol::kFwdAppList,
+                                 &pol::kFwdDnsAppList, &pol::kFwdPolicer, &pol::kFwdSaasAppList,
+                                 &pol::kFwdSlaClass,   &pol::kFwdTlocList};
+    for (const pol::FwdRef* ref : refs) pol::fwd_ref_add(ctx, e, "a", &changed, *ref);
+  }
+
+  void forget_left_behind(t_pol_entry* e) {
+    pol::fwd_ref_delete(ctx, e, &changed, pol::kFwdDnsAppList);
+    pol::fwd_ref_delete(ctx, e, &changed, pol::kFwdSaasAppList);
+  }
+};
+
+TEST_F(FwdBlockTest, PathsThatLeadNowhereMakeAndChangeNothing) {
+  add_user("u", "p", nullptr, POL_DIR_IN, kData);
+  EXPECT_EQ(pol_fwd_vpn_find_or_create(ctx, "absent", kData, "v"), nullptr);
+  EXPECT_EQ(pol_fwd_entry_find_or_create(ctx, "p", kData, "v", 1), nullptr) << "no VPN list yet";
+  EXPECT_EQ(current(pol::MEM_FWD_ENTRY), 0u);
+  t_pol_fwd_vpn_entry* vpn = pol_fwd_vpn_find_or_create(ctx, "p", kData, "v");
+  EXPECT_EQ(take_queued().size(), 1u);
+  EXPECT_EQ(pol_fwd_vpn_find_or_create(ctx, "p", kData, "v"), vpn);
+  t_pol_entry* one = pol_fwd_entry_find_or_create(ctx, "p", kData, "v", 65537);
+  EXPECT_EQ(pol_entry_get_sequence(one), 1u);
+  EXPECT_EQ(pol_fwd_entry_find_or_create(ctx, "p", kData, "v", 1), one);
+  pol_fwd_entry_src_pfx_upd(ctx, "p", kData, "v", 65537, "a");
+  pol_fwd_entry_src_pfx_upd(ctx, "p", kApp, "v", 1, "a");
+  pol_fwd_entry_src_pfx_upd(ctx, "p", kData, nullptr, 1, "a");
+  pol_fwd_entry_src_pfx_upd(nullptr, "p", kData, "v", 1, "a");
+  pol_fwd_entry_find_and_delete(ctx, "p", kData, "v", 65537);
+  pol_fwd_vpn_find_and_delete(ctx, "p", kData, "w");
+  EXPECT_EQ(one->match_flags, 0u);
+  EXPECT_EQ(current(pol::MEM_FWD_PFX_LIST), 0u);
+  EXPECT_EQ(take_queued().size(), 0u);
+  EXPECT_EQ(pol_fwd_block_init(ctx, vpn->block), POL_OK);
+  EXPECT_EQ(vpn->block->fwd_vpns.first(), vpn) << "made again, a policy keeps what it has";
+  EXPECT_EQ(pol_entry_next(ctx, one), nullptr) << "walked by its path, not as a route sequence";
+}
+
+TEST_F(FwdBlockTest, DeletedPolicyWaitsEmptyForItsUsersUnlessItIsConfiguredAgain) {
+  Calls calls;
+  enum : int { kAlone, kNewVpn, kNewDefault };
+  for (int since : {kAlone, kNewVpn, kNewDefault}) {
+    SCOPED_TRACE(since);
+    name_all(sequence("p", kApp, "v", 1));
+    forget_left_behind(pol_fwd_entry_find_or_create(ctx, "p", kApp, "v", 1));
+    t_pol_user* user = add_user("u", "p", &calls, POL_DIR_IN, kApp);
+    calls.count = 0;
+    pol_block_find_and_delete(ctx, "p", kApp, &changed);
+    pol_user_chg_list_notify_all(ctx);
+    EXPECT_EQ(calls.count, 1);
+    for (size_t type : {11, 12, 17, 19, 20, 22, 24, 31, 32}) EXPECT_EQ(current(type), 0u) << type;
+    if (since == kNewVpn) pol_fwd_vpn_find_or_create(ctx, "p", kApp, "v");
+    if (since == kNewDefault) {
+      t_pol_entry* record = entry(block("r"), 10);
+      pol_entry_match_site_list_add(ctx, record, "s", &changed);
+      pol_block_default_action_add(ctx, user->block, record, &changed);
+      pol_block_find_and_delete(ctx, "r", POL_KIND_ROUTE, &changed);
+    }
+    pol_unregister(&user);
+    EXPECT_EQ(pol_block_find(ctx, "p", kApp, nullptr) != nullptr, since == kNewVpn);
+    EXPECT_EQ(current(pol::MEM_SITE_LIST), 0u);
+    pol_block_find_and_delete(ctx, "p", kApp, &changed);
+    EXPECT_EQ(current(pol::MEM_POLICY_CONFIG), 0u);
+  }
+}
+
+TEST_F(FwdBlockTest, UserThatLeavesOnBeingToldTakesTheDeletedPolicyAlong) {
+  Calls first;
+  Calls second;
+  for (Calls* calls : {&first, &second}) {
+    calls->also = [](t_pol_user* user, Calls*) { pol_unregister(&user); };
+    add_user(calls == &first ? "u" : "v", "p", calls, POL_DIR_IN, kData);
+  }
+  sequence("p", kData, "v", 1);
+  pol_block_find_and_delete(ctx, "p", kData, &changed);
+  pol_user_chg_list_notify_all(ctx);
+  EXPECT_EQ(first.count + second.count, 2);
+  EXPECT_EQ(pol_block_find(ctx, "p", kData, nullptr), nullptr);
+}
+
+TEST_F(FwdBlockTest, WhatASequenceLeavesOnAppListsTellsItsPolicyAndGoesWithTheLastRegistration) {
+  Calls calls;
+  t_pol_user* user = add_user("u", "p", &calls, POL_DIR_IN, kData);
+  t_pol_entry* e = sequence("p", kData, "v", 1);
+  t_pol_fwd_user* left = e->fwd.user;
+  pol_fwd_entry_dns_app_list_upd(ctx, "p", kData, "v", 1, "a");
+  pol_fwd_entry_saas_app_list_upd(ctx, "p", kData, "v", 1, "a");
+  pol_fwd_vpn_find_and_delete(ctx, "p", kData, "v");
+  // One of the same number is another.
+  sequence("p", kData, "v", 1);
+  pol_fwd_entry_dns_app_list_upd(ctx, "p", kData, "v", 1, "");
+  pol_user_chg_list_notify_all(ctx);
+  calls.count = 0;
+  pol_app_list_entry_change(ctx, "a");
+  EXPECT_EQ(calls.count, 1);
+  pol_unregister(&user);
+  pol_block_find_and_delete(ctx, "p", kData, &changed);
+  pol_app_list_entry_change(ctx, "a");
+  t_app_list* list = pol_app_list_first(ctx);
+  EXPECT_NE(printed([list](t_cli_user_ctx* cli) {
+              pol_dump_app_list(list, cli);
+            }).find("SAAS APP LIST User: <none>"),
+            std::string::npos);
+  EXPECT_EQ(pol_app_list_user_remove(ctx, list, left), POL_EINVAL) << "not in this role";
+  EXPECT_EQ(pol_dns_app_list_user_remove(ctx, list, left), POL_OK);
+  EXPECT_EQ(pol_saas_app_list_user_remove(ctx, list, left), POL_OK);
+  EXPECT_EQ(pol_app_list_first(ctx), nullptr);
+}
+
+TEST_F(FwdBlockTest, PrefixListsOfOneNameAreTwoAndAnyKindButOneIsTheDestination) {
+  t_pol_fwd_user* user = sequence("p", kData, "v", 1)->fwd.user;
+  t_fwd_pfx_list* four = pol_fwd_pfx_list_user_add(ctx, "a", 3, user);
+  t_fwd_pfx_list* six = pol_fwd_pfx6_list_user_add(ctx, "a", 1, user);
+  EXPECT_NE(four, six);
+  EXPECT_EQ(four->users[1].front(), &user->dst_pfx);
+  EXPECT_EQ(six->users[0].front(), &user->src_pfx6);
+  EXPECT_EQ(pol_fwd_pfx_list_user_remove(ctx, nullptr, 3, user), POL_EINVAL);
+  EXPECT_EQ(pol_fwd_pfx_list_user_remove(ctx, four, 4, user), POL_OK);
+  EXPECT_EQ(pol_fwd_pfx_list_first(ctx), nullptr);
+  EXPECT_EQ(pol_fwd_pfx6_list_first(ctx), six);
+}
+
+// Whichever allocation of a life from nothing to nothing fails, no memory stays and nothing breaks.
+TEST_F(FwdBlockTest, AnyFailedAllocationLeavesNothingBehind) {
+  bool hit = true;
+  int nth = 1;
+  for (; hit; ++nth) {
+    uint64_t before[POL_MEM_TYPES];
+    for (size_t i = 0; i < POL_MEM_TYPES; ++i) before[i] = outstanding(i);
+    {
+      seams::Fail fail(nth);
+      t_pol_user* user = add_user("u", "p", nullptr, POL_DIR_IN, kApp);
+      for (const char* name : {"a", "b"}) {
+        t_pol_entry* e = sequence("p", kApp, name, 1);
+        if (e != nullptr) name_all(e);
+        pol_fwd_entry_sla_class_upd(ctx, "p", kApp, "a", 1, name, 1, 2, 0);
+        pol_fwd_entry_saas_app_list_upd(ctx, "p", kApp, "a", 1, name);
+        pol_fwd_entry_src_pfx_upd(ctx, "p", kApp, "a", 1, name);
+        pol_fwd_entry_dst_pfx6_upd(ctx, "p", kApp, "b", 1, "a");
+        pol_app_list_entry_change(ctx, "c");
+        pol_fwd_app_id_entry_change(ctx, "b");
+        if (e != nullptr) forget_left_behind(e);
+      }
+      t_pol_entry* e = pol_fwd_entry_find_or_create(ctx, "p", kApp, "a", 1);
+      if (e != nullptr) forget_left_behind(e);
+      pol_unregister(&user);
+      hit = fail.hit();
+    }
+    pol_block_find_and_delete(ctx, "p", kApp, &changed);
+    pol_app_list_cfg_del(ctx, "c");
+    pol_fwd_app_id_cfg_del(ctx, "b");
+    // The failure itself is counted as had.
+    uint64_t gap = 0;
+    for (size_t i = 0; i < POL_MEM_TYPES; ++i) {
+      gap += outstanding(i) - before[i];
+      g_pol_mem_info[i].allocs -= outstanding(i) - before[i];
+    }
+    EXPECT_LE(gap, hit ? 1u : 0u) << nth;
+  }
+  EXPECT_GT(nth, 35) << "the life has become shorter than its allocations were";
+}
+
+TEST_F(FwdBlockTest, DumpsOfObjectsMatchTheirGolden) {
+  for (const char* policy : {"p", "q"}) name_all(sequence(policy, kApp, "v", 1));
+  const std::string longest(70, 'n');
+  pol_fwd_entry_dst_pfx_upd(ctx, "q", kApp, "v", 1, longest.c_str());
+  pol_fwd_policer_entry_change(ctx, "unused");
+  pol_fwd_app_id_entry_change(ctx, "unused");
+  pol_app_list_first(ctx)->changed = 0;
+  std::string text = printed([](t_cli_user_ctx* cli) {
+    pol_dump_app_list_all(cli, 0, 0, nullptr);
+    pol_dump_fwd_pfx_list_all(cli, 0, 0, nullptr);
+    pol_dump_fwd_pfx6_list_all(cli, 0, 0, nullptr);
+    pol_dump_fwd_sla_class_all(cli, 0, 0, nullptr);
+    pol_dump_fwd_policer_all(cli, 0, 0, nullptr);
+    pol_dump_fwd_app_id_all(cli, 0, 0, nullptr);
+  });
+  text = std::regex_replace(text, std::regex("0x[0-9a-f]{9,}"), "PTR");
+  expect_golden("dump/fwd_objects.ok", text);
+  for (const char* policy : {"p", "q"}) forget_left_behind(sequence(policy, kApp, "v", 1));
+}
+
+using FwdBlockDeathTest = FwdBlockTest;
+
+TEST_F(FwdBlockDeathTest, LeftoverRegistrationEndsTheTeardown) {
+  auto leave_and_destroy = [this] {
+    sequence("p", kData, "v", 1);
+    pol_fwd_entry_saas_app_list_upd(ctx, "p", kData, "v", 1, "a");
+    pol_fwd_entry_find_and_delete(ctx, "p", kData, "v", 1);
+    pol_destroy();
+  };
+  EXPECT_EXIT(leave_and_destroy(), ::testing::KilledBySignal(SIGSEGV), "");
+}
+
+// What is meant for one kind of policy never reads another's memory as its own.
+TEST_F(FwdBlockDeathTest, WrongKindOfPolicyEndsTheProcess) {
+  t_pol_entry* data = sequence("p", kData, "v", 1);
+  t_pol_entry* route = entry(block("r"), 10);
+  t_pol_entry* fallback = &data->block->default_action;
+  t_pol_entry* app = sequence("p", kApp, "v", 1);
+  const std::pair<const char*, std::function<void()>> calls[] = {
+      {"path", [&] { pol_fwd_entry_app_list_upd(ctx, "r", POL_KIND_ROUTE, "v", 1, "a"); }},
+      {"no such kind", [&] { pol_fwd_vpn_find_or_create(ctx, "p", 6, "v"); }},
+      {"block", [&] { pol_fwd_block_delete(ctx, nullptr, block("r"), 0); }},
+      {"class by path", [&] { pol_fwd_entry_sla_class_upd(ctx, "p", kData, "v", 1, "", 0, 0, 1); }},
+      {"class", [&] { pol_fwd_entry_sla_class_add(ctx, data, "a", 0, 0, &changed); }},
+      {"no class", [&] { pol_fwd_entry_sla_class_add(ctx, app, nullptr, 0, 0, &changed); }},
+      {"route", [&] { pol_fwd_entry_match_src_list_add(ctx, route, "a", &changed); }},
+      {"fallback", [&] { pol_fwd_entry_match_app_id_add(ctx, fallback, "a", &changed); }},
+      {"match", [&] { pol_entry_match_tag_add(ctx, data, 1, &changed); }},
+      {"set", [&] { pol_entry_set_tloc_list_add(ctx, data, "a", &changed); }},
+      {"record", [&] { pol_block_default_action_add(ctx, block("r"), data, &changed); }},
+  };
+  for (const auto& [what, call] : calls) {
+    EXPECT_EXIT(call(), ::testing::KilledBySignal(SIGSEGV), "") << what;
+  }
+}
+
+}  // namespace
