@@ -4,7 +4,8 @@
 // Matches and the policer are handed on as their leaves come. What acts together (SLA class, VPN,
 // TLOC, TLOC list, service) is gathered over the walk and then applied in a fixed order, because
 // each decides what becomes of the next. A sequence has one VPN, one TLOC and one TLOC list: those
-// of its service stand in the same places and, coming later in a report, go before the action's own.
+// of its service stand in the same places and, coming later in a report, go before the action's
+// own.
 #include "base/pol_log.h"
 #include "pol_config_internal.h"
 #include "pol_context_internal.h"
@@ -127,8 +128,8 @@ class SlaLeaves {
   uint8_t colors_ = 0;
 };
 
-// The parts of a TLOC that a report gives or takes away. It goes with its address. What is both given
-// and taken away has changed its place.
+// The parts of a TLOC that a report gives or takes away. It goes with its address. What is both
+// given and taken away has changed its place.
 struct TlocParts {
   bool address_given = false;
   bool color_given = false;
@@ -267,8 +268,8 @@ class ActionLeaves {
                            static_cast<uint8_t>(flag), tloc);
   }
 
-  // Whether the service was set, deleted or resolved again. A change of its VPN or flag alone is one
-  // of the service that the sequence has; one of the TLOCs only has that resolved again.
+  // Whether the service was set, deleted or resolved again. A change of its VPN or flag alone is
+  // one of the service that the sequence has; one of the TLOCs only has that resolved again.
   bool apply_service(bool tlocs_changed) const {
     if (!service_removed_ && !service_given_ && !tlocs_changed) return false;
     const t_pol_fwd_clauses now = current();

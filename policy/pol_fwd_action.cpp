@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The actions of sequences of data and app-route policies. Beside the sequence's flags stand the
-// policy's (t_pol_block.sets), by which label evaluation passes over whole policies. On purpose they
-// are no counts: any sequence sets them and any takes them back, for all.
+// policy's (t_pol_block.sets), by which label evaluation passes over whole policies. On purpose
+// they are no counts: any sequence sets them and any takes them back, for all.
 #include "policy/pol_fwd_action.h"
 
 #include <algorithm>
@@ -166,8 +166,7 @@ void pol_fwd_entry_tloc_list_upd(t_pol_ctx* ctx, const char* block, uint32_t kin
 t_pol_fwd_user* pol_fwd_entry_set_tloc_list_add(t_pol_ctx* ctx, t_pol_entry* entry,
                                                 const char* name, uint8_t* changed) {
   if (ctx == nullptr || entry == nullptr || name == nullptr) return nullptr;
-  pol::fwd_check(*entry);
-  t_pol_fwd_user* user = entry->fwd.user;
+  t_pol_fwd_user* user = pol::fwd_user(*entry);
   if (pol::fwd_ref_names(*entry, pol::kFwdTlocList, name)) return user;
   if (!pol::fwd_ref_replace(ctx, entry, pol::kFwdTlocList, name)) return nullptr;
   *changed = 1;

@@ -9,6 +9,7 @@
 #include "base/pol_crash.h"
 #include "pol_context_internal.h"
 #include "pol_dump_internal.h"
+#include "pol_fwd_block_internal.h"
 #include "policy/pol_fwd_action.h"
 #include "policy/pol_fwd_label.h"
 #include "policy/pol_xml_config.h"
@@ -98,11 +99,9 @@ t_tloc_id stored_form(const t_tloc_id& tloc) {
 // The sequence of a data policy whose action the user is; null for set clauses of route policies and
 // of default actions.
 t_pol_fwd_user* data_policy_action(const t_pol_clause_user& user) {
-  if (user.entry == nullptr || user.block == nullptr || user.block->kind != POL_KIND_DATA ||
-      &user == &user.entry->set.tloc_list) {
-    return nullptr;
-  }
-  return user.entry->fwd.user;
+  const t_pol_entry* entry = user.entry;
+  if (entry == nullptr || !pol::is_forwarding(*entry)) return nullptr;
+  return entry->block->kind == POL_KIND_DATA ? entry->fwd.user : nullptr;
 }
 
 // Gives every data policy's action the list's TLOCs and labels them. On purpose a list without such

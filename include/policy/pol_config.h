@@ -8,13 +8,13 @@
  *
  * Arguments  host: the host's own, never read. ctx: the context. op: enum pol_cfg_op. level: lists
  *            on the path below "/policy" or "/policy/lists", 1 for the object itself. keys: of all
- *            lists on the path, outermost first. num: changed leaves in `values`, of which the low 16
- *            bits count.
+ *            lists on the path, outermost first. num: changed leaves in `values`, of which the low
+ *            16 bits count.
  * Status     0 done; list readers: -1 for an unreadable range; control and membership policies and
  *            application lists: 1 when one cannot be made. What a list answers is not passed on.
  * Aborts     on purpose: a key or value of another type than the reader's schema says fails an
- *            assertion; another level than the reader's own, and what cannot be made where no status
- *            says so, ends the process. The schema keeps types and levels from being wrong.
+ *            assertion; another level than the reader's own, and what cannot be made where no
+ *            status says so, ends the process. The schema keeps types and levels from being wrong.
  * Threads    the host's configuration thread, one call at a time.
  */
 #ifndef POLICY_POL_CONFIG_H
@@ -96,8 +96,8 @@ POL_API uint32_t pol_config_membership_policy_seq_read(void* host, t_pol_ctx* ct
                                                        uint32_t num,
                                                        const pol_cfg_tag_value* values);
 
-/* Objects that data policies name; the key is the name. Created or deleted, or changed with at least
- * one leaf. */
+/* Objects that data policies name; the key is the name. Created or deleted, or changed with at
+ * least one leaf. */
 POL_API uint32_t pol_config_policy_sla_class_read(void* host, t_pol_ctx* ctx, uint32_t op,
                                                   uint8_t level, const pol_cfg_value* keys,
                                                   uint32_t num, const pol_cfg_tag_value* values);
@@ -117,8 +117,8 @@ POL_API uint32_t pol_config_app_list_read(void* host, t_pol_ctx* ctx, uint32_t o
                                           const pol_cfg_value* keys, uint32_t num,
                                           const pol_cfg_tag_value* values);
 
-/* Their members, keys: object, member. Whatever became of a member, its object changed. The level of
- * an application or family does not matter. */
+/* Their members, keys: object, member. Whatever became of a member, its object changed. The level
+ * of an application or family does not matter. */
 POL_API uint32_t pol_config_fwd_pfx_list_ip_read(void* host, t_pol_ctx* ctx, uint32_t op,
                                                  uint8_t level, const pol_cfg_value* keys,
                                                  uint32_t num, const pol_cfg_tag_value* values);

@@ -25,8 +25,8 @@ POL_API int pol_dump_membership_policies(t_cli_user_ctx* cli, uint32_t ignored, 
                                          char** argv);
 POL_API int pol_dump_cflowd_policies(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv);
 
-/* Data and app-route policies, with what each sequence resolved to and when the texts of the objects
- * that it names were last fetched. */
+/* Data and app-route policies, with what each sequence resolved to and when the texts of the
+ * objects that it names were last fetched. */
 POL_API int pol_dump_fwd_policies(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv);
 POL_API void pol_dump_fwd_block(t_pol_block* block, t_cli_user_ctx* cli);
 POL_API void pol_dump_fwd_vpn_entry(t_pol_fwd_vpn_entry* vpn, t_cli_user_ctx* cli);
