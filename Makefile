@@ -59,7 +59,7 @@ fuzz:
 
 bench: setup
 	@cmake --preset bench --log-level=WARNING >/dev/null
-	@$(call CMAKE_BUILD,bench) --target pol_bench agent_bench config_bench document_bench
+	@$(call CMAKE_BUILD,bench) --target pol_bench agent_bench config_bench document_bench path_bench
 	@build-bench/bin/pol_bench
 	@printf '\n'
 	@build-bench/bin/agent_bench
@@ -67,6 +67,8 @@ bench: setup
 	@build-bench/bin/config_bench
 	@printf '\n'
 	@build-bench/bin/document_bench
+	@printf '\n'
+	@build-bench/bin/path_bench
 
 # Installs what `make build` leaves and writes nothing else, so that a build by the user can be
 # installed by root.
