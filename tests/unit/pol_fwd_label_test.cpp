@@ -218,8 +218,6 @@ TEST_F(FwdLabelTest, WhatIsNotThereHasNoLabels) {
   EXPECT_EQ(pol_fwd_upd_set_internal_tloc_list(ctx, user, nullptr), uint32_t{POL_EINVAL});
   EXPECT_EQ(labeled(), "");
   pol_dns_app_list_user_remove(ctx, pol_app_list_first(ctx), user);
-  block("p", POL_KIND_DATA)->leftovers.remove(user);
-  pol_free(user, pol::MEM_UNCOUNTED);
 }
 
 }  // namespace
