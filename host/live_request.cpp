@@ -23,7 +23,7 @@ uint64_t get(std::string_view bytes, size_t at, size_t count) {
 
 // One list of members for both ways: Writer makes the object, Reader takes it apart.
 struct Writer {
-  json object;
+  json& object;
   template <typename Value>
   void member(const char* name, const Value& value) {
     object[name] = value;
@@ -123,10 +123,11 @@ bool decode(std::string_view bytes, AnswerHead* head) {
 }
 
 std::string encode_options(const LiveRequest& request) {
-  Writer writer;
-  writer.object["command"] = kCommands[request.options.index()];
+  json object;
+  object["command"] = kCommands[request.options.index()];
+  Writer writer{object};
   std::visit([&](const auto& options) { members(&writer, options); }, request.options);
-  return writer.object.dump(-1, ' ', false, json::error_handler_t::replace);
+  return object.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
 bool decode_options(std::string_view text, LiveRequest* request) {
