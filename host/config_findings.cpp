@@ -17,21 +17,54 @@ namespace polctl {
 
 namespace {
 
-constexpr std::string_view kLists = "/policy/lists/";
+constexpr size_t kNameBytes = POL_LIST_NAME_SIZE - 1; /* of an object's name that count */
 
+/* Objects that policies name. */
 struct Family {
   std::string_view name;
-  uint32_t tag; /* of the leaves that name such a list */
-  size_t bytes; /* of a name that count */
+  std::string_view path;
+  bool has_members;
 };
 
 constexpr Family kFamilies[] = {
-    {"site-list", 0x6d6fa00b, POL_LIST_NAME_SIZE - 1},
-    {"vpn-list", 0x6aebf6e6, POL_LIST_NAME_SIZE - 1},
-    {"tloc-list", 0x72d28bfe, POL_LIST_NAME_SIZE - 1},
-    {"color-list", 0x3129eae5, POL_LIST_NAME_SIZE - 1},
-    {"prefix-list", 0x5dc389d2, POL_LIST_NAME_SIZE - 1},
+    {"site-list", "/policy/lists/site-list", true},
+    {"vpn-list", "/policy/lists/vpn-list", true},
+    {"tloc-list", "/policy/lists/tloc-list", true},
+    {"color-list", "/policy/lists/color-list", true},
+    {"prefix-list", "/policy/lists/prefix-list", true},
+    {"app-list", "/policy/lists/app-list", true},
+    {"data-prefix-list", "/policy/lists/data-prefix-list", true},
+    {"data-ipv6-prefix-list", "/policy/lists/data-ipv6-prefix-list", true},
+    {"sla-class", "/policy/sla-class", false},
+    {"policer", "/policy/policer", false},
 };
+
+/* Leaves of policies that name an object, by their tag. */
+struct NamingLeaf {
+  uint32_t tag;
+  std::string_view family;
+};
+
+constexpr NamingLeaf kNamingLeaves[] = {
+    {0x6d6fa00b, "site-list"},
+    {0x6aebf6e6, "vpn-list"},
+    {0x72d28bfe, "tloc-list"},
+    {0x3129eae5, "color-list"},
+    {0x5dc389d2, "prefix-list"},
+    {0x542ece51, "app-list"},
+    {0x5a06eb58, "app-list"},              /* DNS */
+    {0x07441945, "app-list"},              /* SaaS */
+    {0x32d6e4cb, "data-prefix-list"},      /* source */
+    {0x4db8ee1a, "data-prefix-list"},      /* destination */
+    {0x5754b118, "data-ipv6-prefix-list"}, /* source */
+    {0x71567138, "data-ipv6-prefix-list"}, /* destination */
+    {0x1fc19c53, "sla-class"},
+    {0x58e2217b, "policer"},
+};
+
+bool under(std::string_view path, std::string_view top) {
+  return path.starts_with(top) && (path.size() == top.size() || path[top.size()] == '/');
+}
 
 struct Sequence {
   std::string path;
@@ -40,10 +73,14 @@ struct Sequence {
 };
 
 struct Reader {
-  std::map<std::pair<std::string_view, std::string>, uint64_t> members;  // by family and name
+  struct Object {
+    const Family* family = nullptr;
+    uint64_t members = 0;
+  };
+  std::map<std::pair<std::string_view, std::string>, Object> objects;  // by family and name
   struct Naming {
     std::string_view family;
-    std::string list;
+    std::string name;
     std::string path;
   };
   std::vector<Naming> namings;
@@ -51,7 +88,8 @@ struct Reader {
   std::vector<ConfigFinding> findings;
 
   void take(const t_yarrow_change& change);
-  void take_list(const t_yarrow_change& change);
+  void take_object(const Family& family, const t_yarrow_change& change);
+  void take_forwarding(const char* kind, const t_yarrow_change& change);
   void take_sequence(const t_yarrow_change& change, bool membership);
   void take_names(const t_yarrow_change& change, const std::string& path);
   void check_length(const std::string& path, std::string_view name, size_t bytes);
@@ -89,7 +127,11 @@ void Reader::check_length(const std::string& path, std::string_view name, size_t
 
 void Reader::take(const t_yarrow_change& change) {
   std::string_view path = change.path;
-  if (path.starts_with(kLists)) return take_list(change);
+  for (const Family& family : kFamilies) {
+    if (under(path, family.path)) return take_object(family, change);
+  }
+  if (under(path, "/policy/data-policy")) return take_forwarding("data", change);
+  if (under(path, "/policy/app-route-policy")) return take_forwarding("app-route", change);
   bool control = path.starts_with("/policy/control-policy");
   bool membership = path.starts_with("/policy/membership-policy");
   if (!control && !membership) return;
@@ -98,19 +140,30 @@ void Reader::take(const t_yarrow_change& change) {
   check_length(fmt::format("{}{{{}}}", path, key_text(name)), name, POL_NAME_SIZE - 1);
 }
 
-void Reader::take_list(const t_yarrow_change& change) {
-  std::string_view below = std::string_view(change.path).substr(kLists.size());
-  for (const Family& family : kFamilies) {
-    if (!below.starts_with(family.name)) continue;
-    std::string name = text_of(change.keys[0]);
-    uint64_t& count = members[{family.name, name}];
-    if (change.level > 1) {
-      ++count;
-    } else {
-      check_length(fmt::format("{}{}{{{}}}", kLists, family.name, key_text(name)), name,
-                   family.bytes);
-    }
+void Reader::take_object(const Family& family, const t_yarrow_change& change) {
+  std::string name = text_of(change.keys[0]);
+  Object& object = objects[{family.name, name}];
+  object.family = &family;
+  if (change.level > 1) {
+    ++object.members;
+  } else {
+    check_length(fmt::format("{}{{{}}}", family.path, key_text(name)), name, kNameBytes);
   }
+}
+
+// A policy, a VPN list of it or a sequence in that.
+void Reader::take_forwarding(const char* kind, const t_yarrow_change& change) {
+  std::string name = text_of(change.keys[0]);
+  std::string path = fmt::format("/policy/{}-policy{{{}}}", kind, key_text(name));
+  if (change.level == 1) return check_length(path, name, POL_NAME_SIZE - 1);
+  std::string vpn_list = text_of(change.keys[1]);
+  path += fmt::format("/vpn-list{{{}}}", key_text(vpn_list));
+  if (change.level == 2) {
+    namings.push_back({"vpn-list", vpn_list, path});
+  } else {
+    path += fmt::format("/sequence{{{}}}", change.keys[2].val.u16);
+  }
+  take_names(change, path);
 }
 
 void Reader::take_sequence(const t_yarrow_change& change, bool membership) {
@@ -141,15 +194,20 @@ void Reader::take_sequence(const t_yarrow_change& change, bool membership) {
 
 void Reader::take_names(const t_yarrow_change& change, const std::string& path) {
   for_each_leaf(change, [&](const Scope& scope, const t_yarrow_tag_value& leaf) {
-    for (const Family& family : kFamilies) {
-      if (leaf.tag != family.tag || leaf.v.type != C_BUF) continue;
+    for (const NamingLeaf& naming : kNamingLeaves) {
+      if (leaf.tag != naming.tag) continue;
       std::string at = path;
       const t_yarrow_cs_node* node = yarrow_cs_node_cd(nullptr, "%s", change.path);
       for (uint32_t tag : scope) {
         node = child_with(node, tag);
         if (node != nullptr) at += fmt::format("/{}", node->name);
       }
-      namings.push_back({family.name, text_of(leaf.v), fmt::format("{}/{}", at, family.name)});
+      node = child_with(node, leaf.tag);
+      if (node != nullptr) at += fmt::format("/{}", node->name);
+      if (leaf.v.type == C_BUF) namings.push_back({naming.family, text_of(leaf.v), at});
+      for (uint32_t i = 0; leaf.v.type == C_LIST && i < leaf.v.val.list.size; ++i) {
+        namings.push_back({naming.family, text_of(leaf.v.val.list.ptr[i]), at});
+      }
     }
   });
 }
@@ -172,15 +230,15 @@ void Reader::judge_sequences(const std::map<uint16_t, Sequence>& sequences) {
 }
 
 void Reader::finish() {
-  for (const auto& [key, count] : members) {
-    if (count > 0) continue;
-    findings.push_back({fmt::format("{}{}{{{}}}", kLists, key.first, key_text(key.second)),
+  for (const auto& [key, object] : objects) {
+    if (object.members > 0 || !object.family->has_members) continue;
+    findings.push_back({fmt::format("{}{{{}}}", object.family->path, key_text(key.second)),
                         fmt::format("{} {} is never filled", key.first, in_quotes(key.second))});
   }
   for (const Naming& naming : namings) {
-    if (members.count({naming.family, naming.list}) != 0) continue;
+    if (objects.count({naming.family, naming.name}) != 0) continue;
     findings.push_back({naming.path, fmt::format("{} {} is named, but absent", naming.family,
-                                                 in_quotes(naming.list))});
+                                                 in_quotes(naming.name))});
   }
   for (const auto& [path, sequences] : policies) judge_sequences(sequences);
 }
