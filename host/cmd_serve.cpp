@@ -165,7 +165,7 @@ class Serving {
       if (Clock::now() > end) {
         throw InputError(
             "polctl: error: the worker still fetches what was committed (a name that is not "
-            "configured holds it up for 25 s; \"polctl graph --live\" tells which)");
+            "configured holds it up for 20 s; \"polctl graph --live\" tells which)");
       }
       usleep(kWorkerPollMs * 500);
     }
