@@ -36,22 +36,6 @@ TEST_F(BlockTest, NamesAreCutAndUnknownKindsDoNothing) {
   }
 }
 
-TEST_F(BlockTest, OnlyRealChangesQueueUsers) {
-  add_user("u", "p", nullptr);
-  t_pol_block* b = block("p");
-  auto find_or_create = [&](uint8_t* c) { pol_entry_find_or_create(ctx, b, 10, c); };
-  EXPECT_FALSE(tells([&](uint8_t* c) { pol_block_find_or_create(ctx, "p", POL_KIND_ROUTE, c); }));
-  EXPECT_TRUE(tells(find_or_create));
-  EXPECT_FALSE(tells(find_or_create));
-  t_pol_entry* e = pol_entry_find(ctx, b, 10, nullptr);
-  EXPECT_FALSE(tells([&](uint8_t* c) { pol_entry_action_add(ctx, e, POL_REJECT, c); }));
-  EXPECT_TRUE(tells([&](uint8_t* c) { pol_entry_action_add(ctx, e, POL_ACCEPT, c); }));
-  EXPECT_TRUE(tells([&](uint8_t* c) { pol_entry_action_delete(ctx, e, c); }));
-  EXPECT_FALSE(tells([&](uint8_t* c) { pol_entry_action_delete(ctx, e, c); }));
-  EXPECT_FALSE(tells([&](uint8_t* c) { pol_entry_find_and_delete(ctx, b, 11, c); }));
-  EXPECT_TRUE(tells([&](uint8_t* c) { pol_entry_find_and_delete(ctx, b, 10, c); }));
-}
-
 TEST_F(BlockTest, DefaultActionTakesClausesWithTheirLists) {
   add_user("u", "p", nullptr);
   t_pol_block* b = block("p");
@@ -84,20 +68,6 @@ TEST_F(BlockTest, DefaultActionTakesClausesWithTheirLists) {
   EXPECT_TRUE(tells(drop));
   EXPECT_EQ(lists_there(), 0u);
   EXPECT_FALSE(tells(drop));
-}
-
-TEST_F(BlockTest, DeletingAPolicyLeavesItsUsersWithoutOne) {
-  Calls calls;
-  t_pol_user* user = add_user("u", "p", &calls);
-  EXPECT_TRUE(tells([&](uint8_t* c) { pol_block_find_and_delete(ctx, "p", POL_KIND_ROUTE, c); }));
-
-  // A policy of that name made again is not theirs.
-  entry(block("p"), 10);
-  EXPECT_TRUE(take_queued().empty());
-  t_pol_route_query query;
-  pol_pre_execute(&query, 1);
-  query.match_type = POL_MATCH_ROUTE;
-  EXPECT_EQ(pol_execute(user, &query), POL_REJECT);
 }
 
 TEST_F(BlockTest, ForwardingPolicyGoesWithItsLastUser) {

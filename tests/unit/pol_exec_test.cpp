@@ -88,10 +88,11 @@ TEST_F(ExecTest, GroupCountIsBounded) {
   pol_entry_match_group_add(ctx, e, 5, &changed);
   attr.present = POL_ATTR_GROUP;
   attr.group[POL_MAX_GROUP - 1] = 5;
-  attr.group_count = 4294967295u;
-  EXPECT_EQ(run(out), POL_ACCEPT);
-  attr.group_count = POL_MAX_GROUP - 1;
-  EXPECT_EQ(run(out), POL_REJECT);
+  for (auto [count, action] :
+       {std::pair(4294967295u, POL_ACCEPT), {POL_MAX_GROUP - 1u, POL_REJECT}}) {
+    attr.group_count = count;
+    EXPECT_EQ(run(out), uint32_t{action});
+  }
   attr.group[POL_MAX_GROUP - 1] = 0;
   attr.reserved[0] = 5;  // what lies behind the groups
   attr.group_count = 4294967295u;
@@ -136,11 +137,9 @@ TEST_F(ExecTest, UltimateTlocIsAppendedBehindAFullArray) {
   attr.label = 1234;
   g_answers = 1000;
   EXPECT_EQ(run(out), POL_ACCEPT);
-  EXPECT_EQ(tlocs.count, 65u);
-  EXPECT_EQ(tlocs.ultimate, 2);
-  EXPECT_EQ(tlocs.entry[64].label, 1234u);
-  EXPECT_EQ(tlocs.entry[64].preference, 55u) << "as already set";
-  EXPECT_EQ(tlocs.entry[64].tloc.addr.v4, 7u);
+  const t_pol_tloc_result_entry& last = tlocs.entry[64];
+  EXPECT_EQ(std::tuple(tlocs.count, tlocs.ultimate), std::tuple(65u, 2));
+  EXPECT_EQ(std::tuple(last.label, last.preference, last.tloc.addr.v4), std::tuple(1234u, 55u, 7u));
   g_answers = 0;
   EXPECT_EQ(run(out), POL_ACCEPT) << "the own TLOC alone suffices";
   e->set.ultimate_tloc = 1;
@@ -215,6 +214,7 @@ TEST_F(ExecTest, HandlesTellWhatAnOutboundRoutePolicySets) {
   t_pol_entry* e = entry(b, 10);
   pol_entry_set_tloc_add(ctx, e, &tloc, &changed);
   pol_entry_set_service_add(ctx, e, 1, &tloc, 0, &changed);
+  take_queued();
   EXPECT_EQ(pol_handle_sets_tloc(out), 1);
   EXPECT_EQ(pol_handle_sets_service(out), 1);
   EXPECT_EQ(pol_handle_sets_tloc_list(out), 0);
@@ -222,7 +222,12 @@ TEST_F(ExecTest, HandlesTellWhatAnOutboundRoutePolicySets) {
   for (t_pol_user* other : {in, member, static_cast<t_pol_user*>(nullptr)}) {
     EXPECT_EQ(pol_handle_sets_tloc(other), 0);
   }
+  // A policy of that name made again is not theirs.
   pol_block_find_and_delete(ctx, "p", POL_KIND_ROUTE, &changed);
+  EXPECT_EQ(take_queued(), (std::vector<std::string>{"out", "in"}));
+  entry(block("p"), 10);
+  EXPECT_TRUE(take_queued().empty());
+  EXPECT_EQ(run(out), POL_REJECT);
   EXPECT_EQ(pol_handle_sets_tloc(out), 0);
   char name[8] = "x";
   EXPECT_STREQ(pol_handle_get_name(out, name, sizeof name), "");

@@ -141,6 +141,8 @@ TEST_F(ListFamilyTest, TlocsAreOverwrittenAndLeaveLabelsPending) {
   pol_tloc_list_add_entry(ctx, "t", &tloc, 9);
   EXPECT_EQ(list->label_pending, 1);
   EXPECT_EQ(pol_tloc_list_find_entry(ctx, "t", &tloc)->preference, 9u);
+  tloc.addr.v6[9] = 0x77;  // beyond an IPv4 address
+  EXPECT_NE(pol_tloc_list_find_entry(ctx, "t", &tloc), nullptr);
   // Who sets from the list is told, as who matches on it.
   Calls calls;
   add_user("u", "p", &calls);
