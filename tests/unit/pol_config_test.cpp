@@ -66,6 +66,7 @@ TEST_F(ConfigTest, RangeMembersAreScannedNotChecked) {
     EXPECT_NE(pol_site_list_find_entry(ctx, "l", low, high), nullptr);
     EXPECT_NE(pol_vpn_list_find_entry(ctx, "l", low, high), nullptr);
   }
+  EXPECT_EQ(pol_site_list_find_entry(ctx, "l", 5, 6), nullptr);
   EXPECT_EQ(current(pol::MEM_SITE_ENTRY), 3u);
   EXPECT_EQ(current(pol::MEM_VPN_ENTRY), 3u);
 }

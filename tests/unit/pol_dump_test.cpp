@@ -34,9 +34,16 @@ class DumpTest : public PolicyTest {
     pol_tloc_list_add_entry(ctx, "tlocs", &tloc, 9);
     t_tloc_id v6 = {KEL_AF_INET6, {}, 4, 1};
     pol_tloc_list_add_entry(ctx, "tlocs", &v6, 0);
-    pol_color_list_add_entry(ctx, "colors", 3);
-    t_pol_pfx_record record = {POL_PFX_LE, prefix4(0x0a000000, 8), 0, 24};
-    pol_pfx_list_entry_add(ctx, "prefixes", &record);
+    // Elements keep their order, ranges unmerged; those that are there already are not added.
+    for (uint16_t color : {3, 263, 2, 3}) pol_color_list_add_entry(ctx, "colors", color);
+    for (auto [low, high] : {std::pair(5u, 5u), {15u, 30u}, {10u, 20u}, {9u, 3u}, {10u, 20u}}) {
+      pol_site_list_add_entry(ctx, "sites", low, high);
+    }
+    t_pol_pfx_record records[] = {{POL_PFX_GE, prefix4(0x0a000000, 8), 16, 0},
+                                  {POL_PFX_LE, prefix4(0x0a000000, 8), 0, 24},
+                                  {POL_PFX_LE, prefix4(0x0a000000, 16), 0, 24},
+                                  {POL_PFX_LE, {{KEL_AF_INET6, {}}, 16}, 0, 24}};
+    for (const auto& record : records) pol_pfx_list_entry_add(ctx, "prefixes", &record);
     list_user_ = pol_site_list_user_add(ctx, "sites", nullptr, nullptr);
     take_queued();
     add_user("first", "main", nullptr);

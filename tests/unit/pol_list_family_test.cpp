@@ -9,19 +9,6 @@ namespace {
 
 using ListFamilyTest = PolicyTest;
 
-// What the ranges hold is the evaluation model's to tell.
-TEST_F(ListFamilyTest, RangesAreKeptUnmergedInOrder) {
-  const std::pair<uint32_t, uint32_t> added[] = {{15, 30}, {10, 20}, {9, 3}, {10, 20}};
-  for (auto [low, high] : added) pol_site_list_add_entry(ctx, "s", low, high);
-  std::string ranges;
-  for (const pol::RangeNode& range : SiteFamily::find(ctx, "s")->entries.in_order()) {
-    ranges += std::to_string(range.low) + "-" + std::to_string(range.high) + " ";
-  }
-  EXPECT_EQ(ranges, "15-30 10-20 9-3 ");
-  EXPECT_NE(pol_site_list_find_entry(ctx, "s", 10, 20), nullptr);
-  EXPECT_EQ(pol_site_list_find_entry(ctx, "s", 10, 21), nullptr);
-}
-
 t_pol_list_registration site_registration(int* told) {
   t_pol_list_registration record = {};
   snprintf(record.name, sizeof record.name, "s");
@@ -159,23 +146,6 @@ TEST_F(ListFamilyTest, TlocsAreOverwrittenAndLeaveLabelsPending) {
   EXPECT_EQ(list->label_pending, 1);
 }
 
-TEST_F(ListFamilyTest, PrefixesAreFoundByAddressAndLengthAndOverwritten) {
-  t_pol_pfx_record rows[] = {{POL_PFX_GE, prefix4(0x0a000000, 8), 16, 0},
-                             {POL_PFX_LE, prefix4(0x0a000000, 8), 0, 24},
-                             {POL_PFX_LE, prefix4(0x0a000000, 16), 0, 24},
-                             {POL_PFX_LE, {{KEL_AF_INET6, {}}, 16}, 0, 24}};
-  rows[3].prefix.addr.addr.v6[1] = 0x0a;
-  for (const t_pol_pfx_record& row : rows) pol_pfx_list_entry_add(ctx, "p", &row);
-  EXPECT_EQ(current(pol::MEM_PFX_ENTRY), 3u);
-  std::string text =
-      printed([&](t_cli_user_ctx* cli) { pol_dump_pfx_list(PfxFamily::find(ctx, "p"), cli); });
-  EXPECT_NE(text.find("\n  prefix 10.0.0.0/8 LE min 0 max 24"
-                      "\n  prefix 10.0.0.0/16 LE min 0 max 24"
-                      "\n  prefix a::/16 LE min 0 max 24\nend \n"),
-            std::string::npos)
-      << text;
-}
-
 // 0/0 on bounds takes every family, and so lies elsewhere than 0/0 alone: an overwrite moves it.
 TEST_F(ListFamilyTest, AFailedOverwriteLeavesThePrefixAsItWas) {
   bool hit = true;
@@ -202,13 +172,6 @@ TEST_F(ListFamilyTest, AnOperatorBeyondAByteIsNoneOfThoseKnown) {
     pol_pfx_list_entry_add(ctx, "p", &record);
     EXPECT_FALSE(PfxFamily::find(ctx, "p")->index.matches(record.prefix));
   }
-}
-
-TEST_F(ListFamilyTest, ColorsKeepTheirOrder) {
-  for (uint16_t color : {7, 263, 2, 7}) pol_color_list_add_entry(ctx, "c", color);
-  std::vector<int> colors;
-  for (const t_color_entry& e : ColorFamily::find(ctx, "c")->entries) colors.push_back(e.color);
-  EXPECT_EQ(colors, (std::vector<int>{7, 263, 2}));
 }
 
 using ListFamilyDeathTest = PolicyTest;
