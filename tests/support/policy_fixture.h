@@ -65,6 +65,20 @@ class PolicyTest : public ::testing::Test {
     uint64_t outstanding_;
   };
 
+  // The match clauses that name lists of their own.
+  static constexpr auto kListAdds = {pol_entry_match_site_list_add, pol_entry_match_tloc_list_add,
+                                     pol_entry_match_pfx_list_add, pol_entry_match_vpn_list_add,
+                                     pol_entry_match_color_list_add};
+
+  uint64_t lists_there() const {
+    uint64_t count = 0;
+    for (size_t type : {pol::MEM_VPN_LIST, pol::MEM_SITE_LIST, pol::MEM_TLOC_LIST,
+                        pol::MEM_PFX_LIST, pol::MEM_COLOR_LIST}) {
+      count += current(type);
+    }
+    return count;
+  }
+
   // Objects of a type that the test has made and that are still there.
   uint64_t current(size_t type) const { return outstanding(type) - outstanding_[type]; }
 

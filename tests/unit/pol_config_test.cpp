@@ -32,6 +32,14 @@ class ConfigTest : public PolicyTest {
                 3);
   }
 
+  // Leaves between the tags that open and close a container.
+  static cfg::Leaves within(uint32_t container, const cfg::Leaves& inner) {
+    cfg::Leaves all = {leaf(container, none(32))};
+    all.insert(all.end(), inner.begin(), inner.end());
+    all.push_back(leaf(container, none(33)));
+    return all;
+  }
+
   // What sequence 10 sets, as its dump tells it.
   std::string sets() {
     const std::string text = shown(entry10());
@@ -54,9 +62,11 @@ TEST_F(ConfigTest, RangeMembersAreScannedNotChecked) {
     EXPECT_EQ(read(reader, POL_CFG_CREATED, {text("l"), text("abc")}), 0xffffffffu);
     EXPECT_NE(seams::take_log().find(" list range abc in list l\n"), std::string::npos);
   }
-  EXPECT_NE(pol_site_list_find_entry(ctx, "l", 5, 5), nullptr);
-  EXPECT_NE(pol_vpn_list_find_entry(ctx, "l", 10, 5), nullptr);
-  EXPECT_NE(pol_vpn_list_find_entry(ctx, "l", 7, 7), nullptr);
+  for (auto [low, high] : {std::pair(5u, 5u), {10u, 5u}, {7u, 7u}}) {
+    EXPECT_NE(pol_site_list_find_entry(ctx, "l", low, high), nullptr);
+    EXPECT_NE(pol_vpn_list_find_entry(ctx, "l", low, high), nullptr);
+  }
+  EXPECT_EQ(pol_site_list_find_entry(ctx, "l", 5, 6), nullptr);
   EXPECT_EQ(current(pol::MEM_SITE_ENTRY), 3u);
   EXPECT_EQ(current(pol::MEM_VPN_ENTRY), 3u);
 }
@@ -102,10 +112,10 @@ TEST_F(ConfigTest, TlocMembersTakeTheirLastPreference) {
 }
 
 TEST_F(ConfigTest, ColorMembersAddOnAnythingButDeletion) {
-  read(pol_config_policy_color_list, POL_CFG_MODIFIED, {text("c"), word(7)});
-  EXPECT_NE(pol_color_list_find_entry(ctx, "c", 7), nullptr);
-  read(pol_config_policy_color_list, POL_CFG_DELETED, {text("c"), word(7)});
-  EXPECT_EQ(pol_color_list_find_entry(ctx, "c", 7), nullptr);
+  for (uint32_t op : {POL_CFG_MODIFIED, POL_CFG_DELETED}) {
+    read(pol_config_policy_color_list, op, {text("c"), word(7)});
+    EXPECT_EQ(pol_color_list_find_entry(ctx, "c", 7) != nullptr, op == POL_CFG_MODIFIED);
+  }
 }
 
 TEST_F(ConfigTest, PrefixBoundsChooseTheOperator) {
@@ -139,12 +149,11 @@ TEST_F(ConfigTest, PoliciesComeGoAndTellTheirUsersOnce) {
   auto policy = [&](uint32_t op, const cfg::Leaves& leaves = {}) {
     return read(pol_config_control_policy_read, op, {text("p")}, leaves);
   };
-  EXPECT_EQ(policy(POL_CFG_CREATED, {leaf(0x7037c488, word(1))}), 0u);
-  EXPECT_EQ(calls.count, 0) << "already rejects";
-  policy(POL_CFG_MODIFIED, {leaf(0x7037c488, word(0))});
-  EXPECT_EQ(calls.count, 1);
-  policy(POL_CFG_MODIFIED, {leaf(0x7037c488, word(5))});
-  EXPECT_EQ(calls.count, 1);
+  const std::pair<uint32_t, int> actions[] = {{1, 0}, {0, 1}, {5, 1}};  // it already rejects
+  for (auto [action, called] : actions) {
+    EXPECT_EQ(policy(POL_CFG_MODIFIED, {leaf(0x7037c488, word(action))}), 0u);
+    EXPECT_EQ(calls.count, called) << action;
+  }
   EXPECT_EQ(pol_block_find(ctx, "p", POL_KIND_ROUTE, nullptr)->default_action.action,
             uint32_t{POL_ACCEPT});
   sequence(POL_CFG_CREATED, {leaf(0x0369ffb7, word(0)), leaf(0x0c2c7467, u32(5))});
@@ -159,10 +168,7 @@ TEST_F(ConfigTest, ControlSequenceLaysGivenPartsOverWhatItHas) {
   sequence(POL_CFG_CREATED, {leaf(0x61fa2cdb, cfg::ipv4(9))});
   EXPECT_EQ(sets(), "") << "outside both scopes";
   auto in_tloc = [&](const cfg::Leaves& inner) {
-    cfg::Leaves all = {leaf(0x33c074ce, none(32))};
-    all.insert(all.end(), inner.begin(), inner.end());
-    all.push_back(leaf(0x33c074ce, none(33)));
-    sequence(POL_CFG_MODIFIED, all);
+    sequence(POL_CFG_MODIFIED, within(0x33c074ce, inner));
     return sets();
   };
   EXPECT_EQ(in_tloc({leaf(0x61fa2cdb, cfg::ipv4(0x0a000001)), leaf(0x2b503622, word(3)),
@@ -178,18 +184,14 @@ TEST_F(ConfigTest, ControlSequenceLaysGivenPartsOverWhatItHas) {
 
 TEST_F(ConfigTest, ServiceKeepsItsOwnTlocAndVpn) {
   block("p");
-  auto in_service = [&](const cfg::Leaves& inner, const cfg::Leaves& behind = {}) {
-    cfg::Leaves all = {leaf(0x32fc12e6, none(32))};
-    all.insert(all.end(), inner.begin(), inner.end());
-    all.push_back(leaf(0x32fc12e6, none(33)));
-    all.insert(all.end(), behind.begin(), behind.end());
-    sequence(POL_CFG_CREATED, all);
+  auto in_service = [&](const cfg::Leaves& inner) {
+    sequence(POL_CFG_CREATED, within(0x32fc12e6, inner));
     return sets();
   };
+  sequence(POL_CFG_CREATED, {leaf(0x4d7d11c2, u32(12))});
   EXPECT_EQ(in_service({leaf(0x6ccfcce4, word(4)), leaf(0x4d7d11c2, u32(30)),
                         leaf(0x33c074ce, none(32)), leaf(0x61fa2cdb, cfg::ipv4(7)),
-                        leaf(0x33c074ce, none(33)), leaf(0x5a62686b, none())},
-                       {leaf(0x4d7d11c2, u32(12))}),
+                        leaf(0x33c074ce, none(33)), leaf(0x5a62686b, none())}),
             " vpn-id: 12 service: 4 vpn: 30 tloc: 0.0.0.7:0:2 [none]");
   EXPECT_EQ(in_service({leaf(0x61fa2cdb, none()), leaf(0x4d7d11c2, none())}),
             " vpn-id: 12 service: 4 vpn: 0 tloc: 0.0.0.0:0:2 [none]");

@@ -10,48 +10,40 @@ class DumpTest : public PolicyTest {
  protected:
   // Everything printable at once: every clause and every kind of list.
   void build() {
+    ASSERT_EQ(pol_test_parse_file(GOLDEN_DIR "/dump/all.in", nullptr), 0);
+    // For the rest the text has no words.
     t_pol_entry* e = entry(block("main"), 10);
     t_tloc_id tloc = tloc4(0x0a000001, 3, 2);
     t_ipaddr address = {KEL_AF_INET, {0x0a000009}};
-    pol_entry_match_tag_add(ctx, e, 1, &changed);
-    pol_entry_match_domain_add(ctx, e, 2, &changed);
     pol_entry_match_group_add(ctx, e, 3, &changed);
-    pol_entry_match_preference_add(ctx, e, 4, &changed);
-    pol_entry_match_vpn_id_add(ctx, e, 4294967296u, &changed);
-    pol_entry_match_vpn_list_add(ctx, e, "vpns", &changed);
-    pol_entry_match_site_add(ctx, e, 6, &changed);
-    pol_entry_match_site_list_add(ctx, e, "sites", &changed);
     pol_entry_match_tloc_add(ctx, e, &tloc, &changed);
-    pol_entry_match_tloc_list_add(ctx, e, "tlocs", &changed);
-    pol_entry_match_pfx_list_add(ctx, e, "prefixes", &changed);
     pol_entry_match_origin_add(ctx, e, 2, &changed);
     pol_entry_match_originator_add(ctx, e, &address, &changed);
     pol_entry_match_carrier_add(ctx, e, 7, &changed);
-    pol_entry_match_src_port_add(ctx, e, 80, &changed);
-    pol_entry_match_dst_port_add(ctx, e, 443, &changed);
     pol_entry_match_dscp_add(ctx, e, 13, &changed);
     pol_entry_match_color_add(ctx, e, 1, &changed);
     pol_entry_match_color_list_add(ctx, e, "colors", &changed);
-    pol_entry_set_tag_add(ctx, e, 11, &changed);
-    pol_entry_set_preference_add(ctx, e, 12, &changed);
-    pol_entry_set_vpn_id_add(ctx, e, 13, &changed);
-    pol_entry_set_vpn_list_add(ctx, e, "vpns", &changed);
     pol_entry_set_tloc_list_add(ctx, e, "tlocs", &changed);
     pol_entry_set_tloc_add(ctx, e, &tloc, &changed);
     pol_entry_set_service_add(ctx, e, 4, &tloc, 14, &changed);
     e->set.ultimate_tloc = 2;
-    entry(block("main"), 20, POL_MATCH_TLOC, POL_REJECT);
     block("data", POL_KIND_DATA);
-    entry(block("members", POL_KIND_MEMBERSHIP), 5, POL_MATCH_SERVICE);
     block("flows", POL_KIND_CFLOWD);
+    entry(block("members", POL_KIND_MEMBERSHIP), 5, POL_MATCH_SERVICE);
     pol_vpn_list_add_entry(ctx, "vpns", 1, 4294967295u);
-    pol_site_list_add_entry(ctx, "sites", 5, 5);
     pol_tloc_list_add_entry(ctx, "tlocs", &tloc, 9);
     t_tloc_id v6 = {KEL_AF_INET6, {}, 4, 1};
     pol_tloc_list_add_entry(ctx, "tlocs", &v6, 0);
-    pol_color_list_add_entry(ctx, "colors", 3);
-    t_pol_pfx_record record = {POL_PFX_LE, prefix4(0x0a000000, 8), 0, 24};
-    pol_pfx_list_entry_add(ctx, "prefixes", &record);
+    // Elements keep their order, ranges unmerged; those that are there already are not added.
+    for (uint16_t color : {3, 263, 2, 3}) pol_color_list_add_entry(ctx, "colors", color);
+    for (auto [low, high] : {std::pair(5u, 5u), {15u, 30u}, {10u, 20u}, {9u, 3u}, {10u, 20u}}) {
+      pol_site_list_add_entry(ctx, "sites", low, high);
+    }
+    t_pol_pfx_record records[] = {{POL_PFX_GE, prefix4(0x0a000000, 8), 16, 0},
+                                  {POL_PFX_LE, prefix4(0x0a000000, 8), 0, 24},
+                                  {POL_PFX_LE, prefix4(0x0a000000, 16), 0, 24},
+                                  {POL_PFX_LE, {{KEL_AF_INET6, {}}, 16}, 0, 24}};
+    for (const auto& record : records) pol_pfx_list_entry_add(ctx, "prefixes", &record);
     list_user_ = pol_site_list_user_add(ctx, "sites", nullptr, nullptr);
     take_queued();
     add_user("first", "main", nullptr);

@@ -45,7 +45,6 @@ TEST_F(TextParseTest, ALastLineWithoutNewlineLosesItsLastCharacter) {
   EXPECT_NE(pol_site_list_find_entry(ctx, "s1", 0, 0), nullptr);
   t_pol_test_tokens tokens = {};
   uint32_t kind = 0;
-  EXPECT_EQ(pol_test_get_tokens("", tokens, &kind), 0u);
   EXPECT_EQ(pol_test_get_tokens("   ", tokens, &kind), 0u);
   EXPECT_EQ(pol_test_get_tokens("ends with blanks   ", tokens, &kind), 3u);
   EXPECT_STREQ(tokens[2], "blank");

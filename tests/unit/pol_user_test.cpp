@@ -31,8 +31,7 @@ TEST_F(UserTest, FirstRegistrationWinsAndTheKeyIsKindDirectionName) {
   EXPECT_EQ(pol_block_find(ctx, "other", POL_KIND_ROUTE, nullptr), nullptr);
   entry(block("p"), 1);
   pol_user_chg_list_notify_all(ctx);
-  EXPECT_EQ(first.count, 1);
-  EXPECT_EQ(second.count, 0);
+  EXPECT_EQ(std::pair(first.count, second.count), std::pair(1, 0));
   EXPECT_EQ(add_user("b", "p", &first, POL_DIR_OUT, 9), nullptr) << "no such kind";
   add_user("b", "p", nullptr, POL_DIR_IN);
   add_user("a", "p", nullptr, POL_DIR_OUT);
