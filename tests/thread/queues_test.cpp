@@ -27,15 +27,15 @@ class QueuesTest : public PolicyTest {
     seams::take_log();
     PolicyTest::SetUp();
     descriptors_ = scripted::descriptors();
-    scripted::set_stream("<vpn-list></vpn-list></lists>");
+    scripted::state()->stream = "<vpn-list></vpn-list></lists>";
     pol_debug_set(1);
   }
 
   void TearDown() override {
     PolicyTest::TearDown();
     seams::log_of_all_threads(false);
-    EXPECT_EQ(scripted::open_handles(), 0);
-    EXPECT_EQ(scripted::bad_closes(), 0);
+    EXPECT_EQ(scripted::state()->open, 0);
+    EXPECT_EQ(scripted::state()->bad_closes, 0);
     scripted::reset();
     seams::take_log();
   }
@@ -82,13 +82,13 @@ TEST_F(QueuesTest, AFailingRequestIsTriedFiveTimesOnEachQueue) {
     for (int failures : {0, 1, 4, 5}) {
       SCOPED_TRACE(std::to_string(queue) + " fails " + std::to_string(failures));
       int before = attempts();
-      int waited = scripted::waits();
+      int waited = scripted::state()->waits;
       seams::take_log();
       scripted::fail_call("maapi_start_trans_flags2", 0, failures);
       push(static_cast<pol::ThreadQueue>(queue));
       wait_until_idle();
       EXPECT_EQ(attempts() - before, std::min(failures + 1, 5));
-      EXPECT_EQ(scripted::waits() - waited, std::min(failures, 4));
+      EXPECT_EQ(scripted::state()->waits - waited, std::min(failures, 4));
       std::string log = seams::take_log();
       EXPECT_EQ(
           lines(log, "[POL] Failed on multiple retries for queue " + std::to_string(queue) + "\n"),
@@ -183,16 +183,17 @@ TEST_F(QueuesTest, AnExitEndsEveryWaitAtOnce) {
       {pol::QUEUE_LABEL_SET, "none", true},
   };
   for (const auto& row : rows) {
-    int waited = scripted::waits();
-    scripted::wait_really();
+    int waited = scripted::state()->waits;
+    scripted::state()->real_waits = true;
     scripted::fail_call(row.failing, 0, 1000);
-    scripted::answer_apply(-1, row.locked ? 1000 : 0);
+    scripted::state()->apply_result = -1;
+    scripted::state()->apply_times = row.locked ? 1000 : 0;
     push(row.queue);
-    while (scripted::waits() == waited) std::this_thread::yield();
+    while (scripted::state()->waits == waited) std::this_thread::yield();
     const auto start = steady_clock::now();
     pol_destroy();
     EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(1)) << row.failing;
-    EXPECT_EQ(scripted::open_handles(), 0);
+    EXPECT_EQ(scripted::state()->open, 0);
     init();
   }
 }
