@@ -132,10 +132,7 @@ TEST_F(CallsTest, ALockedDatabaseIsAskedAgainForSoLong) {
         row.done);
     EXPECT_EQ(scripted::state()->waits, row.waits);
     std::string log = seams::take_log();
-    int lines = 0;
-    const std::string line = "[POL] Database is locked - Retrying\n";
-    for (size_t at = 0; (at = log.find(line, at)) != std::string::npos; ++at) ++lines;
-    EXPECT_EQ(lines, row.waits);
+    EXPECT_EQ(scripted::occurrences(log, "[POL] Database is locked - Retrying\n"), row.waits);
     EXPECT_EQ(log.find("Failed to apply") == std::string::npos, row.done) << log;
   }
 }

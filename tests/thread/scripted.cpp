@@ -251,12 +251,12 @@ void fail_call(const char* name, int skip, int times) {
   g_state.fail_skip = skip;
   g_state.fail_times = times;
 }
-int calls(const std::string& name) {
-  std::string text = state()->trace;
+int occurrences(const std::string& text, const std::string& part) {
   int count = 0;
-  for (size_t at = 0; (at = text.find(" " + name + " ", at)) != std::string::npos; ++at) ++count;
+  for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) ++count;
   return count;
 }
+int calls(const std::string& name) { return occurrences(state()->trace, " " + name + " "); }
 void hold(const char* name) {
   std::lock_guard<std::mutex> hold(g_lock);
   g_state.held = name;

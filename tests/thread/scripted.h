@@ -56,6 +56,7 @@ void hold(const char* name);
 void wait_until_held();
 void release();
 
+int occurrences(const std::string& text, const std::string& part);
 int descriptors();  // of this process
 
 }  // namespace scripted
