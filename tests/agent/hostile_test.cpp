@@ -74,6 +74,7 @@ std::string spoiled(std::string body, std::mt19937& random) {
 TEST(HostileTest, AThousandSpoiledFramesLeaveTheAgentServing) {
   AgentProcess agent;
   Session witness(agent.port());
+  Subscriber subscriber(agent.port(), "/policy-from-pellux");
   ASSERT_EQ(why(witness.commit(policy("<app-id><name>a</name></app-id>"))), "ok");
   std::string before = witness.save("/policy");
   std::mt19937 random(11);
@@ -109,6 +110,8 @@ TEST(HostileTest, AThousandSpoiledFramesLeaveTheAgentServing) {
   }
   EXPECT_EQ(witness.save("/policy").substr(0, 60), before.substr(0, 60));
   EXPECT_EQ(agent.terminate(), 0) << "no crash on the way out";
+  EXPECT_EQ(subscriber.next(), "closed");
+  EXPECT_EQ(why(maapi_candidate_commit(witness.fd())), "not connected: the connection is lost");
 }
 
 TEST(HostileTest, AFrameBeyondTheLimitIsAnsweredAndTheConnectionClosed) {

@@ -2,10 +2,12 @@
 #include "edit_model.h"
 
 #include <map>
+#include <sstream>
 #include <string_view>
 #include <vector>
 
 #include "tests/agent/support.h"
+#include "tests/support/golden.h"
 
 namespace test {
 
@@ -13,38 +15,18 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-// Few values a leaf, so that histories meet themselves again. Words stand for every enumeration;
-// members of ranges are spelled in several ways.
+// Few values a leaf, so that histories meet themselves again, and as "tops" the lists that the library
+// reads. Words stand for every enumeration; members of ranges are spelled in several ways.
 const std::map<std::string, Texts>& pools() {
-  static const std::map<std::string, Texts> pools = {
-      {"name", {"A", "B", "C"}},
-      {"number", {"0", "10", "20"}},
-      {"id", {"5", "5-5", "05", "1-9", "7", "4294967301", "9-1"}},
-      {"color", {"default", "mpls", "lte"}},
-      {"encap", {"gre", "ipsec"}},
-      {"address", {"10.0.0.1", "10.0.0.2", "2001:db8::1"}},
-      {"originator", {"10.0.0.9", "2001:db8::9"}},
-      {"prefix", {"10.0.0.0/8", "10.1.0.0/16", "0.0.0.0/0", "10.1.2.0/24"}},
-      {"length", {"0", "24", "26"}},
-      {"ge", {"0", "9", "16"}},
-      {"le", {"0", "24", "32"}},
-      {"match/type", {"route", "tloc", "service"}},
-      {"service/type", {"none", "firewall", "ids"}},
-      {"default-action", {"accept", "reject"}},
-      {"action-value", {"accept", "reject"}},
-      {"tloc-action", {"strict", "primary", "ecmp", "backup"}},
-      {"carrier", {"default", "carrier1", "carrier8"}},
-      {"strict", {"true", "false"}},
-      {"preferred-color", {"default", "mpls", "lte"}},
-      {"backup-preferred-color", {"mpls"}},
-      {"exceed", {"drop", "remark"}},
-      {"transport", {"udp", "tcp"}},
-      {"plp", {"low", "high"}},
-      {"source-ip", {"10.0.0.0/8", "2001:db8::/32"}},
-      {"destination-ip", {"10.0.0.0/8"}},
-      {"ipv6-prefix/prefix", {"2001:db8::/32", "2001:db8:1::/48"}},
-      {"origin", {"connected", "static", "rip", "bgp-internal", "service", "isis"}},
-  };
+  static const std::map<std::string, Texts> pools = [] {
+    std::map<std::string, Texts> read;
+    std::istringstream lines(read_golden("e2e/texts.in"));
+    for (std::string line, leaf, text; std::getline(lines, line);) {
+      std::istringstream words(line);
+      for (words >> leaf; words >> text;) read[leaf].push_back(text);
+    }
+    return read;
+  }();
   return pools;
 }
 
@@ -58,31 +40,6 @@ std::string_view rival_of(std::string_view name) {
   auto found = rivals.find(name);
   return found != rivals.end() ? found->second : "";
 }
-
-// The lists that the library reads.
-constexpr const char* kTops[] = {
-    "/policy/lists/site-list",
-    "/policy/lists/vpn-list",
-    "/policy/lists/tloc-list",
-    "/policy/lists/color-list",
-    "/policy/lists/prefix-list",
-    "/policy/control-policy",
-    "/policy/control-policy",
-    "/policy/control-policy",
-    "/policy/membership-policy",
-    "/policy/lists/app-list",
-    "/policy/lists/data-prefix-list",
-    "/policy/lists/data-ipv6-prefix-list",
-    "/policy/app-id",
-    "/policy/sla-class",
-    "/policy/policer",
-    "/policy/cflowd-template",
-    "/policy/data-policy",
-    "/policy/data-policy",
-    "/policy/data-policy",
-    "/policy/app-route-policy",
-    "/policy/app-route-policy",
-};
 
 const t_yarrow_cs_node* child_named(const t_yarrow_cs_node* node, std::string_view name) {
   const t_yarrow_cs_node* child = node->children;
@@ -177,44 +134,25 @@ void Editor::edit_in(const t_yarrow_cs_node* node, const std::string& path) {
 
 void Editor::edit_list(const t_yarrow_cs_node* list, const std::string& parent) {
   std::string entry = entry_path(list, parent);
-  switch (below(12)) {
-    case 0:
-      return remove(entry);
-    case 1:  // made anew in the same commit
-      remove(entry);
-      break;
-    case 2:
-      if (below(4) == 0) return remove(parent + "/" + list->name);
-      break;
-    default:
-      break;
-  }
+  const uint32_t choice = below(12);
+  if (choice == 0) return remove(entry);
+  if (choice == 1) remove(entry);  // made anew in the same commit
+  if (choice == 2 && below(4) == 0) return remove(parent + "/" + list->name);
   bool made = maapi_create(sock_, trans_, "%s", entry.c_str()) == YARROW_OK;
+  if (!made) return edit_in(list, entry);
   for (const char* needed : {"rate", "burst"}) {
-    const t_yarrow_cs_node* leaf = made ? child_named(list, needed) : nullptr;
-    if (leaf != nullptr) set(leaf, entry);
+    if (const t_yarrow_cs_node* leaf = child_named(list, needed)) set(leaf, entry);
   }
-  if (made) {
-    fill(list, entry, 35);
-  } else {
-    edit_in(list, entry);
-  }
-}
-
-void Editor::delete_all() {
-  trans_ =
-      maapi_start_trans_flags2(sock_, MAAPI_CANDIDATE, MAAPI_READ_WRITE, 0, 0, nullptr, nullptr);
-  for (const char* top : kTops) remove(top);
-  EXPECT_EQ(why(maapi_apply_trans(sock_, trans_, 0)), "ok");
-  EXPECT_EQ(why(maapi_finish_trans(sock_, trans_)), "ok");
+  fill(list, entry, 35);
 }
 
 void Editor::edit(uint32_t count) {
   trans_ =
       maapi_start_trans_flags2(sock_, MAAPI_CANDIDATE, MAAPI_READ_WRITE, 0, 0, nullptr, nullptr);
   ASSERT_GT(trans_, 0) << why(trans_);
+  const Texts& tops = pools().at("tops");
   for (uint32_t i = 0; i < count; ++i) {
-    std::string top = kTops[below(std::size(kTops))];
+    const std::string& top = tops[below(static_cast<uint32_t>(tops.size()))];
     const t_yarrow_cs_node* list = yarrow_cs_node_cd(nullptr, "%s", top.c_str());
     ASSERT_NE(list, nullptr) << top;
     edit_list(list, top.substr(0, top.rfind('/')));

@@ -21,9 +21,6 @@ class Editor {
   // made (an absent entry deleted, say) is passed over.
   void edit(uint32_t count);
 
-  // Deletes whatever edits can have made.
-  void delete_all();
-
   uint32_t below(uint32_t limit) { return limit == 0 ? 0 : random_() % limit; }
 
  private:

@@ -3,10 +3,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <iterator>
 #include <map>
 #include <regex>
-#include <set>
 #include <sstream>
 #include <vector>
 
@@ -78,13 +76,6 @@ std::string comparable(std::string dump) {
   return sorted;
 }
 
-std::multiset<std::string> lines_of(const std::string& text) {
-  std::multiset<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.insert(line);
-  return lines;
-}
-
 }  // namespace
 
 Rig::Rig() : session_(agent_.port()) {
@@ -121,11 +112,10 @@ void Rig::commit_and_follow(const std::string& xml) {
   follow();
 }
 
-std::string Rig::difference_from_scratch() const {
+std::pair<std::string, std::string> Rig::states() const {
   std::string followed;
   t_cli_user_ctx cli = {append, &followed};
   pol_dump_all(&cli, 0, 0, nullptr);
-  followed = comparable(std::move(followed));
 
   std::string command = POLCTL_PATH " dump all --agent=" + std::to_string(agent_.port());
   FILE* out = popen(command.c_str(), "r");
@@ -133,19 +123,7 @@ std::string Rig::difference_from_scratch() const {
   char block[65536];
   for (size_t got = 0; (got = fread(block, 1, sizeof block, out)) > 0;) fresh.append(block, got);
   EXPECT_EQ(pclose(out), 0);
-  fresh = comparable(std::move(fresh));
-
-  if (followed == fresh) return "";
-  std::multiset<std::string> a = lines_of(followed);
-  std::multiset<std::string> b = lines_of(fresh);
-  std::string text = "the state differs";
-  std::vector<std::string> lines;
-  std::set_difference(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(lines));
-  for (const std::string& line : lines) text += "\nfollowed: " + line;
-  lines.clear();
-  std::set_difference(b.begin(), b.end(), a.begin(), a.end(), std::back_inserter(lines));
-  for (const std::string& line : lines) text += "\nat once:  " + line;
-  return text;
+  return {comparable(std::move(followed)), comparable(std::move(fresh))};
 }
 
 }  // namespace test

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "agent_link.h"
 #include "config_walk.h"
@@ -29,10 +30,9 @@ class Rig {
   // Commits text merged into what is there, and follows.
   void commit_and_follow(const std::string& xml);
 
-  // In what the library of this process differs from one that is given the configuration of now at
-  // once; "" when in nothing. Elements and users of a list are compared sorted: they stand in the
-  // order of arrival.
-  std::string difference_from_scratch() const;
+  // The state of the library of this process, and of one that is given the configuration of now at
+  // once. Elements and users of a list are sorted: they stand in the order of arrival.
+  std::pair<std::string, std::string> states() const;
 
  private:
   AgentProcess agent_;

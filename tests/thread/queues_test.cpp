@@ -7,10 +7,12 @@
 #include <chrono>
 #include <mutex>
 #include <shared_mutex>
+#include <sstream>
 #include <thread>
 
 #include "pol_xml_config_internal.h"
 #include "scripted.h"
+#include "support/golden.h"
 #include "support/policy_fixture.h"
 #include "support/seams.h"
 
@@ -27,15 +29,15 @@ class QueuesTest : public PolicyTest {
     seams::take_log();
     PolicyTest::SetUp();
     descriptors_ = scripted::descriptors();
-    scripted::set_stream("<vpn-list></vpn-list></lists>");
+    scripted::state()->stream = "<vpn-list></vpn-list></lists>";
     pol_debug_set(1);
   }
 
   void TearDown() override {
     PolicyTest::TearDown();
     seams::log_of_all_threads(false);
-    EXPECT_EQ(scripted::open_handles(), 0);
-    EXPECT_EQ(scripted::bad_closes(), 0);
+    EXPECT_EQ(scripted::state()->open, 0);
+    EXPECT_EQ(scripted::state()->bad_closes, 0);
     scripted::reset();
     seams::take_log();
   }
@@ -56,19 +58,25 @@ class QueuesTest : public PolicyTest {
     }
   }
 
-  void wait_for_label_queue(uint32_t length) {
+  // The worker stays in the midst of a fetch.
+  void hold_worker(pol::ThreadQueue queue = pol::QUEUE_FETCH) {
+    scripted::hold("maapi_save_config");
+    push(queue);
+    scripted::wait_until_held();
+  }
+
+  // Lets the worker go when its exit is asked for on the last queue, which is `length` long then.
+  void destroy_held_worker(uint32_t length) {
     const uint32_t* now = &ctx->thread.lengths[pol::QUEUE_LABEL_SET];
+    std::thread destroyer(pol_destroy);
     while (__atomic_load_n(now, __ATOMIC_RELAXED) < length) std::this_thread::yield();
+    scripted::release();
+    destroyer.join();
+    EXPECT_EQ(attempts(), 1);
   }
 
   // What the worker started, by its transactions.
   static int attempts() { return scripted::calls("maapi_start_trans_flags2"); }
-
-  static int lines(const std::string& log, const std::string& line) {
-    int count = 0;
-    for (size_t at = 0; (at = log.find(line, at)) != std::string::npos; ++at) ++count;
-    return count;
-  }
 
   std::string dumped() {
     return printed([](t_cli_user_ctx* cli) { pol_dump_yarrow_thread(cli, 0, 0, nullptr); });
@@ -82,18 +90,18 @@ TEST_F(QueuesTest, AFailingRequestIsTriedFiveTimesOnEachQueue) {
     for (int failures : {0, 1, 4, 5}) {
       SCOPED_TRACE(std::to_string(queue) + " fails " + std::to_string(failures));
       int before = attempts();
-      int waited = scripted::waits();
+      int waited = scripted::state()->waits;
       seams::take_log();
       scripted::fail_call("maapi_start_trans_flags2", 0, failures);
       push(static_cast<pol::ThreadQueue>(queue));
       wait_until_idle();
       EXPECT_EQ(attempts() - before, std::min(failures + 1, 5));
-      EXPECT_EQ(scripted::waits() - waited, std::min(failures, 4));
+      EXPECT_EQ(scripted::state()->waits - waited, std::min(failures, 4));
       std::string log = seams::take_log();
-      EXPECT_EQ(
-          lines(log, "[POL] Failed on multiple retries for queue " + std::to_string(queue) + "\n"),
-          failures == 5 ? 1 : 0);
-      EXPECT_EQ(lines(log, "label fetch config processing\n"),
+      EXPECT_EQ(scripted::occurrences(log, "[POL] Failed on multiple retries for queue " +
+                                               std::to_string(queue) + "\n"),
+                failures == 5 ? 1 : 0);
+      EXPECT_EQ(scripted::occurrences(log, "label fetch config processing\n"),
                 queue == pol::QUEUE_LABEL_FETCH ? std::min(failures + 1, 5) : 0);
     }
   }
@@ -123,7 +131,7 @@ TEST_F(QueuesTest, TheAgentIsConnectedAtTheFirstRequestOnceAndForAll) {
       wait_until_idle();
     }
     std::string log = seams::take_log();
-    EXPECT_EQ(lines(log, row.message), 1) << log;
+    EXPECT_EQ(scripted::occurrences(log, row.message), 1) << log;
     EXPECT_EQ(attempts() - before, 2 * row.attempts) << "every request fails without an agent";
     EXPECT_EQ(scripted::calls("maapi_connect") - connects,
               row.failing == std::string("socket") ? 0 : 1);
@@ -135,9 +143,7 @@ TEST_F(QueuesTest, TheAgentIsConnectedAtTheFirstRequestOnceAndForAll) {
 }
 
 TEST_F(QueuesTest, ARequestIsOnItsQueueWhileItIsWorkedOn) {
-  scripted::hold("maapi_save_config");
-  push(pol::QUEUE_LABEL_FETCH);
-  scripted::wait_until_held();
+  hold_worker(pol::QUEUE_LABEL_FETCH);
   EXPECT_FALSE(pol::thread_queue_empty(&ctx->thread, pol::QUEUE_LABEL_FETCH));
   EXPECT_NE(dumped().find("Yarrow Thread    \n   ================================\n"
                           "Thread Idx:0, Empty: 1\nThread Idx:1, Empty: 0\n"
@@ -155,19 +161,13 @@ TEST_F(QueuesTest, ARequestIsOnItsQueueWhileItIsWorkedOn) {
 }
 
 TEST_F(QueuesTest, AnExitOvertakesWhatIsPending) {
-  scripted::hold("maapi_save_config");
-  push(pol::QUEUE_FETCH);
-  scripted::wait_until_held();
+  hold_worker();
   for (int i = 0; i < 5; ++i) {
     for (unsigned queue = 0; queue < pol::QUEUES; ++queue) {
       push(static_cast<pol::ThreadQueue>(queue));
     }
   }
-  std::thread destroyer(pol_destroy);
-  wait_for_label_queue(8);
-  scripted::release();
-  destroyer.join();
-  EXPECT_EQ(attempts(), 1);
+  destroy_held_worker(8);
   EXPECT_EQ(current(pol::MEM_THREAD_ITEM), 0U);
   init();
 }
@@ -183,64 +183,78 @@ TEST_F(QueuesTest, AnExitEndsEveryWaitAtOnce) {
       {pol::QUEUE_LABEL_SET, "none", true},
   };
   for (const auto& row : rows) {
-    int waited = scripted::waits();
-    scripted::wait_really();
+    int waited = scripted::state()->waits;
+    scripted::state()->real_waits = true;
     scripted::fail_call(row.failing, 0, 1000);
-    scripted::answer_apply(-1, row.locked ? 1000 : 0);
+    scripted::state()->apply_result = -1;
+    scripted::state()->apply_times = row.locked ? 1000 : 0;
     push(row.queue);
-    while (scripted::waits() == waited) std::this_thread::yield();
+    while (scripted::state()->waits == waited) std::this_thread::yield();
     const auto start = steady_clock::now();
     pol_destroy();
     EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(1)) << row.failing;
-    EXPECT_EQ(scripted::open_handles(), 0);
+    EXPECT_EQ(scripted::state()->open, 0);
     init();
   }
 }
 
 TEST_F(QueuesTest, AFullPipeStopsNeitherEnd) {
-  scripted::hold("maapi_save_config");
-  push(pol::QUEUE_FETCH);
-  scripted::wait_until_held();
+  hold_worker();
   const int end = ctx->thread.write_fd;
   const int flags = fcntl(end, F_GETFL);
   fcntl(end, F_SETFL, flags | O_NONBLOCK);
   while (write(end, "1", 1) == 1) {
   }
   fcntl(end, F_SETFL, flags);
-  std::thread destroyer(pol_destroy);
-  wait_for_label_queue(3);
-  scripted::release();
-  destroyer.join();
-  EXPECT_EQ(attempts(), 1);
+  destroy_held_worker(3);
   init();
 }
 
-TEST_F(QueuesTest, EachStepOfTheStartFails) {
-  struct {
-    const char* call;
-    int skip;
-    uint32_t status;
-    const char* message;
-  } rows[] = {
-      {"pthread_spin_init", 0, POL_ESPINLOCK, "Failed to init spinlock for queue 0 (error 11)\n"},
-      {"pthread_spin_init", 2, POL_ESPINLOCK, "Failed to init spinlock for queue 2 (error 11)\n"},
-      {"pipe", 0, POL_EPIPE, "Failed to setup pipe\n"},
-      {"fcntl", 0, POL_EPIPE, "Failed to set fd flags\n"},
-      {"fcntl", 1, POL_EPIPE, "Failed to set fd flags\n"},
-      {"event_base_new", 0, POL_EEVENT, "Failed to malloc thread event base\n"},
-      {"event_new", 0, POL_EEVENT, "Failed to create event for thread\n"},
-      {"event_add", 0, POL_EEVENT, "Failed to add event for thread\n"},
-  };
-  t_pol_yarrow_thread thread = {};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.call);
+// Every call of the start and the end fails wherever it is made; after that an end is an end.
+TEST_F(QueuesTest, EachStepOfTheStartAndTheEndFailsAsItsGoldenHasIt) {
+  seams::log_of_all_threads(false);
+  t_pol_yarrow_thread* thread = &ctx->thread;
+  EXPECT_EQ(pol_yarrow_thread_deinit(thread), POL_OK);
+  const int without = scripted::descriptors();
+  std::ostringstream all;
+  // Whether the call was made so often.
+  auto fails = [&](const char* call, int skip, uint32_t (*step)(t_pol_yarrow_thread*)) {
+    SCOPED_TRACE(call + std::to_string(skip));
+    const bool memory = strcmp(call, "calloc") == 0;
     seams::take_log();
-    scripted::fail_call(row.call, row.skip, 1);
-    EXPECT_EQ(pol_yarrow_thread_init(&thread), row.status);
-    EXPECT_NE(seams::take_log().find(row.message), std::string::npos);
-    EXPECT_EQ(scripted::descriptors(), descriptors_);
-    EXPECT_EQ(pol_yarrow_thread_deinit(&thread), POL_OK) << "nothing is left to end";
+    scripted::fail_call(call, skip, 1);
+    seams::Fail fail(memory ? skip + 1 : 1'000'000);
+    const uint32_t status = step(thread);
+    const bool hit = memory ? fail.hit() : scripted::state()->fail_times == 0;
+    scripted::fail_call("", 0, 0);
+    if (!hit) return false;
+    std::string log = seams::take_log();
+    log.erase(0, log.find("[POL]"));
+    all << call << " " << skip << ": " << status << " " << log;
+    EXPECT_EQ(pol_yarrow_thread_deinit(thread), POL_OK);
+    EXPECT_EQ(scripted::descriptors(), without);
+    g_pol_mem_info[pol::MEM_THREAD_ITEM].frees += memory ? 1 : 0;  // counted, and never there
+    EXPECT_EQ(current(pol::MEM_THREAD_ITEM), 0U);
+    return true;
+  };
+  for (const char* call :
+       {"pthread_spin_init", "pipe", "fcntl", "event_base_new", "event_new", "event_add"}) {
+    for (int skip = 0; fails(call, skip, pol_yarrow_thread_init); ++skip) {
+    }
+    EXPECT_EQ(pol_yarrow_thread_deinit(thread), POL_OK);
   }
+  for (const char* call :
+       {"calloc", "pthread_spin_lock", "pthread_spin_unlock", "write", "pthread_spin_destroy"}) {
+    // The fourth time may be the worker's.
+    for (int skip = 0; skip < 3; ++skip) {
+      EXPECT_EQ(pol_yarrow_thread_init(thread), POL_OK);
+      if (!fails(call, skip, pol_yarrow_thread_deinit)) break;
+    }
+  }
+  expect_golden("thread/steps.ok", all.str());
+  const uint64_t asked = g_pol_mem_info[pol::MEM_THREAD_ITEM].allocs;
+  EXPECT_EQ(pol_yarrow_thread_deinit(thread), POL_OK);
+  EXPECT_EQ(g_pol_mem_info[pol::MEM_THREAD_ITEM].allocs, asked) << "nobody is there to be asked";
   pol_destroy();
   scripted::fail_call("pipe", 0, 1);
   const t_pol_callbacks callbacks = {};
@@ -248,43 +262,6 @@ TEST_F(QueuesTest, EachStepOfTheStartFails) {
   EXPECT_NE(g_pol_ctx_p, nullptr);
   pol_destroy();
   init();
-}
-
-TEST_F(QueuesTest, EachStepOfTheEndFailsAndMayBeTakenAgain) {
-  struct {
-    const char* call;
-    int skip;
-    uint32_t status;
-    const char* message;
-  } rows[] = {
-      {"calloc", 0, POL_ENOMEM, "Failed to alloc memory for thread queue item\n"},
-      {"calloc", 2, POL_ENOMEM, "Failed to alloc memory for thread queue item\n"},
-      {"pthread_spin_lock", 0, POL_ELOCK, "Lock error on queue\n"},
-      {"pthread_spin_unlock", 1, POL_ELOCK, "Unlock error on queue\n"},
-      {"write", 0, POL_EPIPE, "Write Error on pipe (errno: 5)\n"},
-      {"pthread_spin_destroy", 1, POL_OK, "Failed to destroy spinlock for queue 1 (error 16)\n"},
-  };
-  EXPECT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
-  const int without = scripted::descriptors();
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.message);
-    EXPECT_EQ(pol_yarrow_thread_init(&ctx->thread), POL_OK);
-    seams::take_log();
-    scripted::fail_call(row.call, row.skip, 1);
-    const bool memory = row.status == POL_ENOMEM;
-    {
-      seams::Fail fail(memory ? row.skip + 1 : 1'000'000);
-      EXPECT_EQ(pol_yarrow_thread_deinit(&ctx->thread), row.status);
-    }
-    EXPECT_NE(seams::take_log().find(row.message), std::string::npos);
-    EXPECT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
-    EXPECT_EQ(scripted::descriptors(), without);
-    g_pol_mem_info[pol::MEM_THREAD_ITEM].frees += memory ? 1 : 0;  // counted, and never there
-    EXPECT_EQ(current(pol::MEM_THREAD_ITEM), 0U);
-  }
-  const uint64_t asked = g_pol_mem_info[pol::MEM_THREAD_ITEM].allocs;
-  EXPECT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
-  EXPECT_EQ(g_pol_mem_info[pol::MEM_THREAD_ITEM].allocs, asked) << "nobody is there to be asked";
 }
 
 TEST_F(QueuesTest, AWorkerThatDoesNotEndKeepsItsContext) {

@@ -22,45 +22,16 @@
 
 namespace {
 
-struct State {
-  int step = 0;
-  int fail_step = 0;
-  std::string fail_name;
-  int fail_skip = 0;
-  int fail_times = 0;
-  int fail_error = scripted::kError;
-  std::string trace = " ";
-  int waits = 0;
-  bool real_waits = false;
-  std::string stream;
-  int positions = 0;
-  int apply_result = 0;
-  int apply_times = 0;
-  std::string held;
-  bool reached = false;
-  std::string objects;
-  std::string paths;
-  int open = 0;
-  int bad_closes = 0;
-};
-
 std::mutex g_lock;
 std::condition_variable g_changed;
-State g_state;
+scripted::State g_state;
 thread_local int t_errno = 0;
-
-// Reads or changes the state under its lock.
-template <class Act>
-auto with_state(Act act) {
-  std::lock_guard<std::mutex> hold(g_lock);
-  return act(g_state);
-}
 
 bool fails_by_name(const char* name) {
   if (g_state.fail_times == 0 || g_state.fail_name != name) return false;
   if (g_state.fail_skip-- > 0) return false;
   --g_state.fail_times;
-  t_errno = g_state.fail_error;
+  t_errno = scripted::kError;
   return true;
 }
 
@@ -86,24 +57,21 @@ bool traced_fails(const char* name) {
 int outcome(const char* name, int handle, int opened = 0, int result = YARROW_OK) {
   if (traced_fails(name)) return YARROW_ERR;
   if (handle < 0) return YARROW_ERR;
-  std::lock_guard<std::mutex> hold(g_lock);
-  g_state.open += opened;
+  scripted::state()->open += opened;
   return result;
 }
 
 // What ends a handle ends it also when it fails.
 int ending(const char* name) {
   bool failed = traced_fails(name);
-  std::lock_guard<std::mutex> hold(g_lock);
-  --g_state.open;
+  --scripted::state()->open;
   return failed ? YARROW_ERR : YARROW_OK;
 }
 
 std::string keep_path(const char* format, va_list args) {
   char path[4096];
   vsnprintf(path, sizeof path, format, args);
-  std::lock_guard<std::mutex> hold(g_lock);
-  g_state.paths += std::string(path) + "\n";
+  scripted::state()->paths += std::string(path) + "\n";
   return path;
 }
 
@@ -164,7 +132,7 @@ int maapi_delete(int sock, int, const char* format, ...) {
 }
 int maapi_set_elem(int sock, int, const t_yarrow_value* value, const char* format, ...) {
   KEEP_PATH(format);
-  with_state([&](State& s) { s.objects += std::to_string(value->val.u32) + "\n"; });
+  scripted::state()->objects += std::to_string(value->val.u32) + "\n";
   return outcome("maapi_set_elem", sock);
 }
 int maapi_set_object(int sock, int, const t_yarrow_value* values, int count, const char* format,
@@ -172,7 +140,7 @@ int maapi_set_object(int sock, int, const t_yarrow_value* values, int count, con
   KEEP_PATH(format);
   std::string types;
   for (int i = 0; i < count; ++i) types += std::to_string(values[i].type) + " ";
-  with_state([&](State& s) { s.objects += types + "\n"; });
+  scripted::state()->objects += types + "\n";
   return outcome("maapi_set_object", sock);
 }
 
@@ -234,7 +202,7 @@ bool __wrap_pol_thread_wait(t_pol_yarrow_thread* thread, unsigned seconds) {
 
 int __real_socket(int domain, int type, int protocol);
 int __wrap_socket(int domain, int type, int protocol) {
-  return traced_fails("socket") ? -1 : __real_socket(domain, type, protocol);
+  return traced_fails("socket") ? (errno = EMFILE, -1) : __real_socket(domain, type, protocol);
 }
 ssize_t __real_recv(int sock, void* bytes, size_t size, int flags);
 ssize_t __wrap_recv(int sock, void* bytes, size_t size, int flags) {
@@ -244,118 +212,63 @@ FILE* __wrap_fopen(const char*, const char*) { return traced_fails("fopen") ? nu
 int __real_close(int fd);
 int __wrap_close(int fd) {
   int status = __real_close(fd);
-  if (status != 0) with_state([](State& s) { ++s.bad_closes; });
+  if (status != 0) ++scripted::state()->bad_closes;
   return status;
 }
-int __real_pipe(int* ends);
-int __wrap_pipe(int* ends) { return fails("pipe") ? -1 : __real_pipe(ends); }
-int __real_fcntl(int fd, int command, int argument);
-int __wrap_fcntl(int fd, int command, int argument) {
-  return fails("fcntl") ? -1 : __real_fcntl(fd, command, argument);
-}
-ssize_t __real_write(int fd, const void* bytes, size_t size);
-ssize_t __wrap_write(int fd, const void* bytes, size_t size) {
-  return fails("write") ? (errno = EIO, -1) : __real_write(fd, bytes, size);
-}
-event_base* __real_event_base_new();
-event_base* __wrap_event_base_new() {
-  return fails("event_base_new") ? nullptr : __real_event_base_new();
-}
-event* __real_event_new(event_base* base, int fd, short what, event_callback_fn call, void* arg);
-event* __wrap_event_new(event_base* base, int fd, short what, event_callback_fn call, void* arg) {
-  return fails("event_new") ? nullptr : __real_event_new(base, fd, what, call, arg);
-}
-int __real_event_add(event* what, const timeval* timeout);
-int __wrap_event_add(event* what, const timeval* timeout) {
-  return fails("event_add") ? -1 : __real_event_add(what, timeout);
-}
-int __real_pthread_spin_init(pthread_spinlock_t* lock, int shared);
-int __wrap_pthread_spin_init(pthread_spinlock_t* lock, int shared) {
-  return fails("pthread_spin_init") ? EAGAIN : __real_pthread_spin_init(lock, shared);
-}
-int __real_pthread_spin_lock(pthread_spinlock_t* lock);
-int __wrap_pthread_spin_lock(pthread_spinlock_t* lock) {
-  return fails("pthread_spin_lock") ? EDEADLK : __real_pthread_spin_lock(lock);
-}
-// The lock is let go all the same.
-int __real_pthread_spin_unlock(pthread_spinlock_t* lock);
-int __wrap_pthread_spin_unlock(pthread_spinlock_t* lock) {
-  __real_pthread_spin_unlock(lock);
-  return fails("pthread_spin_unlock") ? EPERM : 0;
-}
-int __real_pthread_spin_destroy(pthread_spinlock_t* lock);
-int __wrap_pthread_spin_destroy(pthread_spinlock_t* lock) {
-  __real_pthread_spin_destroy(lock);
-  return fails("pthread_spin_destroy") ? EBUSY : 0;
-}
+
+#define FAILS_WHEN_TOLD(type, name, parameters, arguments, failure)             \
+  type __real_##name parameters;                                                \
+  type __wrap_##name parameters {                                               \
+    return fails(#name) ? static_cast<type>(failure) : __real_##name arguments; \
+  }
+FAILS_WHEN_TOLD(int, pipe, (int* ends), (ends), -1)
+FAILS_WHEN_TOLD(int, fcntl, (int fd, int command, int argument), (fd, command, argument), -1)
+FAILS_WHEN_TOLD(ssize_t, write, (int fd, const void* bytes, size_t size), (fd, bytes, size),
+                (errno = EIO, -1))
+FAILS_WHEN_TOLD(event_base*, event_base_new, (), (), nullptr)
+FAILS_WHEN_TOLD(event*, event_new,
+                (event_base * base, int fd, short what, event_callback_fn call, void* arg),
+                (base, fd, what, call, arg), nullptr)
+FAILS_WHEN_TOLD(int, event_add, (event * what, const timeval* timeout), (what, timeout), -1)
+FAILS_WHEN_TOLD(int, pthread_spin_init, (pthread_spinlock_t * lock, int shared), (lock, shared),
+                EAGAIN)
+FAILS_WHEN_TOLD(int, pthread_spin_lock, (pthread_spinlock_t * lock), (lock), EDEADLK)
+// What fails to be let go or destroyed is so all the same.
+FAILS_WHEN_TOLD(int, pthread_spin_unlock, (pthread_spinlock_t * lock), (lock),
+                (__real_pthread_spin_unlock(lock), EPERM))
+FAILS_WHEN_TOLD(int, pthread_spin_destroy, (pthread_spinlock_t * lock), (lock),
+                (__real_pthread_spin_destroy(lock), EBUSY))
 }
 // NOLINTEND
 
 namespace scripted {
 
-void reset() {
-  with_state([](State& s) { s = {}; });
+Locked state() { return {std::unique_lock<std::mutex>(g_lock), &g_state}; }
+void reset() { *state().state = {}; }
+void fail_call(const char* name, int skip, int times) {
+  std::lock_guard<std::mutex> hold(g_lock);
+  g_state.fail_name = name;
+  g_state.fail_skip = skip;
+  g_state.fail_times = times;
 }
-void fail_step(int step) {
-  with_state([&](State& s) { s.fail_step = step; });
-}
-void fail_call(const char* name, int skip, int times, int error) {
-  with_state([&](State& s) {
-    s.fail_name = name;
-    s.fail_skip = skip;
-    s.fail_times = times;
-    s.fail_error = error;
-  });
-}
-std::string trace() {
-  return with_state([](State& s) { return s.trace.substr(1); });
-}
-int calls(const std::string& name) {
-  std::string text = " " + trace();
+int occurrences(const std::string& text, const std::string& part) {
   int count = 0;
-  for (size_t at = 0; (at = text.find(" " + name + " ", at)) != std::string::npos; ++at) ++count;
+  for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at) ++count;
   return count;
 }
-int waits() {
-  return with_state([](State& s) { return s.waits; });
-}
-void wait_really() {
-  with_state([](State& s) { s.real_waits = true; });
-}
-void set_stream(const std::string& text) {
-  with_state([&](State& s) { s.stream = text; });
-}
-void set_positions(int count) {
-  with_state([&](State& s) { s.positions = count; });
-}
-void answer_apply(int result, int times) {
-  with_state([&](State& s) {
-    s.apply_result = result;
-    s.apply_times = times;
-  });
-}
+int calls(const std::string& name) { return occurrences(state()->trace, " " + name + " "); }
 void hold(const char* name) {
-  with_state([&](State& s) {
-    s.held = name;
-    s.reached = false;
-  });
+  std::lock_guard<std::mutex> hold(g_lock);
+  g_state.held = name;
+  g_state.reached = false;
 }
 void wait_until_held() {
   std::unique_lock<std::mutex> lock(g_lock);
   g_changed.wait(lock, [] { return g_state.reached; });
 }
 void release() {
-  with_state([](State& s) { s.held.clear(); });
+  state()->held.clear();
   g_changed.notify_all();
-}
-std::string objects() {
-  return with_state([](State& s) { return s.objects; });
-}
-std::string paths() {
-  return with_state([](State& s) { return s.paths; });
-}
-int open_handles() {
-  return with_state([](State& s) { return s.open; });
 }
 int descriptors() {
   DIR* directory = opendir("/proc/self/fd");
@@ -363,9 +276,6 @@ int descriptors() {
   while (readdir(directory) != nullptr) ++count;
   closedir(directory);
   return count;
-}
-int bad_closes() {
-  return with_state([](State& s) { return s.bad_closes; });
 }
 
 }  // namespace scripted
