@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <sstream>
+#include <utility>
 
 #include "support/list_families.h"
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <csignal>
+#include <utility>
 
 #include "support/cfg_values.h"
 #include "support/forward_fixture.h"
