@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <sstream>
+#include <utility>
 
 #include "support/list_families.h"
 
@@ -46,7 +47,7 @@ inline std::string brief(const std::string& name) {
   return name.empty() ? "\"\"" : name.front() + std::to_string(name.size()) + name.back();
 }
 
-using Visit = std::function<void(pol::NamedHead&, int changed, pol::UserQueue*)>;
+using Visit = std::function<void(pol::NamedHead&, uint8_t* changed, pol::UserQueue*)>;
 
 struct Family {
   uint32_t xml;
@@ -61,11 +62,9 @@ template <class F>
 void each(t_pol_ctx* ctx, const Visit& visit) {
   const auto& tree = ctx->*F::kObjects;
   for (auto* node = tree.first(); node != nullptr; node = tree.next(node)) {
-    if constexpr (F::kXmlType != 0) {
-      visit(node->head, node->changed, node->users);
-    } else {
-      visit(node->head, 1, node->users);
-    }
+    uint8_t* changed = nullptr;
+    if constexpr (F::kXmlType != 0) changed = &node->changed;
+    visit(node->head, changed, node->users);
   }
 }
 
@@ -87,9 +86,18 @@ struct Role {
   void (*remove)(t_pol_ctx*, t_pol_entry*, uint8_t*);
 };
 
-inline void policer_upd(t_pol_ctx* ctx, const char* block, uint32_t kind, const char* vpn,
-                        uint32_t seq, const char* name) {
-  pol::fwd_ref_update(ctx, block, kind, vpn, seq, name, pol::kFwdPolicer);
+// An SLA class's settings follow from its name.
+inline uint8_t option_of(const std::string& object) { return object.size() % 2; }
+inline uint32_t value_of(const std::string& object) { return object.size() % 5; }
+
+inline void sla_upd(t_pol_ctx* ctx, const char* block, uint32_t kind, const char* vpn, uint32_t seq,
+                    const char* name) {
+  pol_fwd_entry_sla_class_upd(ctx, block, kind, vpn, seq, name, option_of(cut(name, 64)),
+                              value_of(cut(name, 64)), *name == 0 ? 1 : 0);
+}
+inline t_pol_fwd_user* sla_add(t_pol_ctx* ctx, t_pol_entry* e, const char* name, uint8_t* changed) {
+  return pol_fwd_entry_sla_class_add(ctx, e, name, option_of(cut(name, 64)),
+                                     value_of(cut(name, 64)), changed);
 }
 
 constexpr size_t kDns = 1, kSaas = 2, kSla = 8, kRoleCount = 10;
@@ -107,8 +115,9 @@ constexpr Role kRoles[kRoleCount] = {
      pol_fwd_entry_match_dst6_list_delete},
     {3, 0, &pol::kFwdAppId, pol_fwd_entry_app_id_upd, pol_fwd_entry_match_app_id_add,
      pol_fwd_entry_match_app_id_delete},
-    {4, 0, &pol::kFwdSlaClass, nullptr, nullptr, nullptr},  // takes values: written out
-    {5, 0, &pol::kFwdPolicer, policer_upd, nullptr, nullptr},
+    {4, 0, &pol::kFwdSlaClass, sla_upd, sla_add, pol_fwd_entry_sla_class_delete},
+    {5, 0, &pol::kFwdPolicer, pol_fwd_entry_policer_upd, pol_fwd_entry_set_policer_add,
+     pol_fwd_entry_set_policer_delete},
 };
 // The bits as hosts know them; the first eight are of the match word, the others of the action's.
 constexpr uint32_t kBits[kRoleCount] = {0x80000,  0x400000,  0x2000000, 0x1000, 0x2000,
@@ -125,15 +134,12 @@ struct ModelRole {
 struct ModelSequence {
   int id = 0;
   ModelRole roles[kRoleCount];
-  uint32_t option = 0;
-  uint32_t value = 0;
 };
 
 struct ModelPolicy {
   std::map<std::string, std::map<uint32_t, ModelSequence>> vpns;
   std::vector<int> users;
   bool orphaned = false;
-  int unregistered = 0;
 };
 
 struct ModelObject {
@@ -209,12 +215,8 @@ class Model {
   void make_vpn(const PolicyKey& key, const std::string& vpn) {
     ModelPolicy* policy = find(key);
     if (policy == nullptr || policy->vpns.count(vpn) != 0 || !alloc(pol::MEM_FWD_VPN_ENTRY)) return;
-    bool created = false;
-    ModelVpnList* list = vpn_list(vpn, &created);
-    if (list == nullptr) {
-      ++policy->unregistered;
-      return;
-    }
+    ModelVpnList* list = vpn_list(cut(vpn, 64));
+    if (list == nullptr) return;
     policy->vpns[vpn];
     policy->orphaned = false;
     list->users.push_back({key, vpn});
@@ -318,28 +320,19 @@ class Model {
     }
   }
 
+  // 0: an element more, 1: one less, 2: none any more.
   void change_vpn_list(const std::string& name, uint32_t how) {
-    bool created = false;
-    if (how == 0) {  // an element more
-      ModelVpnList* list = vpn_list(name, &created);
-      if (list == nullptr || list->element) return;
-      list->changed = true;
-      list->element = alloc(pol::MEM_VPN_ENTRY);
-      if (list->element) return tell(*list);
-    } else if (vpn_lists.count(cut(name, 64)) == 0) {
-      return;
-    } else if (how == 1) {  // one less
-      ModelVpnList& list = vpn_lists[cut(name, 64)];
-      list.changed = true;
-      if (list.element) {
-        list.element = false;
-        tell(list);
-      }
-      return;
-    } else {
-      vpn_lists[cut(name, 64)].element = false;
+    const bool was = vpn_lists.count(name) != 0;
+    ModelVpnList* list = how == 0 ? vpn_list(name) : was ? &vpn_lists[name] : nullptr;
+    if (list == nullptr || (how == 0 && list->element)) return;
+    if (how != 2) list->changed = true;
+    const bool had = std::exchange(list->element, how == 0 && alloc(pol::MEM_VPN_ENTRY));
+    if (how != 2 && list->element != had) {
+      for (const auto& user : list->users) mark(user.first);
+      notify();
+    } else if (how == 2 || !was) {
+      free_unused_vpn_list(name);
     }
-    if (how != 0 || created) free_unused_vpn_list(cut(name, 64));
   }
 
   void add_user(int user, const PolicyKey& key) {
@@ -397,24 +390,18 @@ class Model {
     return &objects[family][name];
   }
 
-  ModelVpnList* vpn_list(const std::string& name, bool* created) {
-    auto at = vpn_lists.find(cut(name, 64));
+  ModelVpnList* vpn_list(const std::string& name) {
+    auto at = vpn_lists.find(name);
     if (at != vpn_lists.end()) return &at->second;
     if (!alloc(pol::MEM_VPN_LIST)) return nullptr;
-    cache(POL_XML_VPN_LIST, cut(name, 64));
-    *created = true;
-    return &vpn_lists[cut(name, 64)];
+    cache(POL_XML_VPN_LIST, name);
+    return &vpn_lists[name];
   }
 
   void free_unused_vpn_list(const std::string& name) {
     if (vpn_lists[name].element || !vpn_lists[name].users.empty()) return;
     vpn_lists.erase(name);
     xml.erase({POL_XML_VPN_LIST, name});
-  }
-
-  void tell(const ModelVpnList& list) {
-    for (const auto& user : list.users) mark(user.first);
-    notify();
   }
 
   void leave(ModelSequence* seq, size_t role, bool keep) {
@@ -444,22 +431,21 @@ inline std::string model_tells(const Model& m) {
   std::ostringstream text;
   std::map<std::pair<size_t, std::string>, int> stale;
   std::ostringstream policies;
-  size_t counts[POL_MEM_TYPES] = {};
   for (const auto& [key, policy] : m.policies) {
-    ++counts[pol::MEM_BLOCK];
     int left = 0;
     for (const auto& owner : m.owners) left += owner.second.left && owner.second.policy == key;
     policies << key.first << " " << brief(key.second) << " orphaned " << policy.orphaned << " left "
              << left << " users";
     for (int user : policy.users) policies << " u" << user;
     policies << "\n";
-    counts[pol::MEM_FWD_VPN_ENTRY] += policy.vpns.size() + policy.unregistered;
     for (const auto& [vpn, sequences] : policy.vpns) {
       policies << "  " << brief(vpn) << "\n";
       for (const auto& [number, seq] : sequences) {
-        ++counts[pol::MEM_FWD_ENTRY];
         uint32_t flags[2] = {};
-        policies << "    " << number << " " << seq.option << "/" << seq.value;
+        policies << "    " << number;
+        if (const auto& sla = seq.roles[kSla].object) {
+          policies << " " << unsigned{option_of(*sla)} << "/" << value_of(*sla);
+        }
         for (size_t role = 0; role < kRoleCount; ++role) {
           const ModelRole& at = seq.roles[role];
           if (at.on) flags[role / kSla] |= kBits[role];
@@ -472,7 +458,6 @@ inline std::string model_tells(const Model& m) {
   }
   for (size_t f = 0; f < std::size(kFamilies); ++f) {
     for (const auto& [name, object] : m.objects[f]) {
-      ++counts[kFamilies[f].memory];
       text << "family " << f << " " << brief(name) << " " << object.changed << " stale "
            << stale[{f, name}];
       for (size_t queue = 0; queue < kFamilies[f].roles; ++queue) {
@@ -488,8 +473,6 @@ inline std::string model_tells(const Model& m) {
   }
   text << policies.str();
   for (const auto& [name, list] : m.vpn_lists) {
-    ++counts[pol::MEM_VPN_LIST];
-    counts[pol::MEM_VPN_ENTRY] += list.element ? 1 : 0;
     text << "vpn-list " << brief(name) << " " << list.changed;
     for (const auto& user : list.users) {
       text << " " << user.first.first << brief(user.first.second) << "/" << brief(user.second);
@@ -497,15 +480,10 @@ inline std::string model_tells(const Model& m) {
     text << "\n";
   }
   for (const auto& record : m.xml) text << "xml " << record.first << brief(record.second) << "\n";
-  counts[pol::MEM_POLICY_CONFIG] = m.xml.size();
   text << "queued";
   for (int user : m.queued) text << " u" << user;
   text << "\ncalled";
   for (int user : m.called) text << " u" << user;
-  for (const auto& user : m.registered) counts[pol::MEM_USER] += user.has_value() ? 1 : 0;
-  counts[pol::MEM_CONTEXT] = 1;
-  text << "\nmemory";
-  for (size_t count : counts) text << " " << count;
   return text.str();
 }
 

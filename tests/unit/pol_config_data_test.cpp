@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <csignal>
+#include <utility>
 
 #include "support/cfg_values.h"
 #include "support/forward_fixture.h"
@@ -96,42 +97,36 @@ class ConfigDataTest : public ForwardTest {
   }
 };
 
+// Each report: who was told by then, whether the policy is to be fetched again.
 TEST_F(ConfigDataTest, PoliciesVpnListsAndSequencesComeAndGo) {
-  uint8_t& fetch = pol_block_find(ctx, "p", POL_KIND_DATA, nullptr)->fetch_xml;
-  fetch = 0;
-  EXPECT_EQ(policy(POL_CFG_CREATED), 0u);
-  EXPECT_EQ(fetch, 1);
-  EXPECT_EQ(calls.count, 0) << "it was there";
-  fetch = 0;
-  policy(POL_CFG_MODIFIED);
-  EXPECT_EQ(fetch, 0);
-
+  t_pol_block* p = pol_block_find(ctx, "p", POL_KIND_DATA, nullptr);
+  auto reported = [&](uint32_t status, int told, bool fetch) {
+    EXPECT_EQ(status, 0u);
+    EXPECT_EQ(calls.count, told);
+    EXPECT_EQ(std::exchange(p->fetch_xml, 0), fetch);
+  };
+  p->fetch_xml = 0;
+  reported(policy(POL_CFG_CREATED), 0, true);  // it was there
+  reported(policy(POL_CFG_MODIFIED), 0, false);
   EXPECT_EQ(find(0), nullptr);
-  vpn_list(POL_CFG_CREATED);
+  reported(vpn_list(POL_CFG_CREATED), 0, true);
   EXPECT_NE(find(0), nullptr) << "the VPN list's own settings";
-  EXPECT_EQ(fetch, 1);
-  calls.count = 0;
-  vpn_list(POL_CFG_MODIFIED, {leaf(kAction, none())});
-  EXPECT_EQ(calls.count, 0);
-  vpn_list(POL_CFG_MODIFIED, {leaf(0x7037c488, word(0))});
-  EXPECT_EQ(calls.count, 1);
+  reported(vpn_list(POL_CFG_MODIFIED, {leaf(kAction, none())}), 0, true);
+  reported(vpn_list(POL_CFG_MODIFIED, {leaf(0x7037c488, word(0))}), 1, true);
 
-  fetch = 0;
-  EXPECT_EQ(seq(POL_CFG_CREATED, {}, POL_KIND_DATA, u16(65535)), 0u);
+  auto last = [&](uint32_t op, const cfg::Leaves& leaves = {}) {
+    return seq(op, leaves, POL_KIND_DATA, u16(65535));
+  };
+  reported(last(POL_CFG_CREATED), 1, true);
   EXPECT_NE(find(65535), nullptr);
-  EXPECT_EQ(fetch, 1);
-  seq(POL_CFG_MODIFIED, {leaf(kAction, word(0)), leaf(1, none()), leaf(2, none())}, POL_KIND_DATA,
-      u16(65535));
-  EXPECT_EQ(calls.count, 2) << "once for all that the library does not keep";
-  seq(POL_CFG_DELETED, {}, POL_KIND_DATA, u16(65535));
+  // Once for all that the library does not keep.
+  reported(last(POL_CFG_MODIFIED, {leaf(kAction, word(0)), leaf(1, none()), leaf(2, none())}), 2,
+           true);
+  reported(last(POL_CFG_DELETED), 3, true);
   EXPECT_EQ(find(65535), nullptr);
-  EXPECT_EQ(calls.count, 3);
-  vpn_list(POL_CFG_DELETED);
-  EXPECT_EQ(calls.count, 4);
+  reported(vpn_list(POL_CFG_DELETED), 4, true);
   EXPECT_EQ(pol_vpn_list_first(ctx), nullptr);
-
-  policy(POL_CFG_DELETED);
-  EXPECT_EQ(calls.count, 4);
+  reported(policy(POL_CFG_DELETED), 4, false);
   EXPECT_EQ(take_queued(), std::vector<std::string>{"u"}) << "told with the next batch";
 }
 
@@ -140,25 +135,21 @@ TEST_F(ConfigDataTest, MatchesNameTheirObjects) {
       {0x542ece51, &t_pol_fwd_user::app_list}, {0x5a06eb58, &t_pol_fwd_user::dns_app_list},
       {0x32d6e4cb, &t_pol_fwd_user::src_pfx},  {0x4db8ee1a, &t_pol_fwd_user::dst_pfx},
       {0x5754b118, &t_pol_fwd_user::src_pfx6}, {0x71567138, &t_pol_fwd_user::dst_pfx6},
-      {0x58e2217b, &t_pol_fwd_user::policer}};
+      {0x58e2217b, &t_pol_fwd_user::policer},  {kSaas, &t_pol_fwd_user::saas_app_list}};
   seq(POL_CFG_CREATED);
-  const t_pol_fwd_user& user = *find(1)->fwd.user;
+  std::vector<pol_cfg_value> names = {text("x"), text("o")}, empty;  // one list, the last
   for (const auto& [tag, role] : rows) {
+    const t_pol_clause_user& user = find(1)->fwd.user->*role;
     calls.count = 0;
-    seq(POL_CFG_MODIFIED, {leaf(tag, text("a")), leaf(tag, text("o"))});
-    ASSERT_NE((user.*role).list, nullptr) << std::hex << tag;
-    EXPECT_STREQ((user.*role).list->name, "o");
+    seq(POL_CFG_MODIFIED, {leaf(tag, tag == kSaas ? list(names) : text("a")),
+                           leaf(tag, tag == kSaas ? list(names) : text("o"))});
+    ASSERT_NE(user.list, nullptr) << std::hex << tag;
+    EXPECT_STREQ(user.list->name, "o");
     EXPECT_EQ(calls.count, 1);
-    seq(POL_CFG_MODIFIED, {leaf(tag, none())});
-    EXPECT_EQ((user.*role).list, nullptr);
+    seq(POL_CFG_MODIFIED, {leaf(tag, tag == kSaas ? list(empty) : none())});
+    EXPECT_EQ(user.list, nullptr);
     EXPECT_EQ(calls.count, 2);
   }
-  std::vector<pol_cfg_value> names = {text("x"), text("y")};
-  std::vector<pol_cfg_value> empty;
-  seq(POL_CFG_MODIFIED, {leaf(kSaas, list(names))});
-  EXPECT_STREQ(user.saas_app_list.list->name, "y") << "one list, the last";
-  seq(POL_CFG_MODIFIED, {leaf(kSaas, list(empty))});
-  EXPECT_EQ(user.saas_app_list.list, nullptr);
   EXPECT_EQ(labeled(), "") << "no match has labels";
 }
 
@@ -199,7 +190,8 @@ TEST_F(ConfigDataTest, ActionsAreLaidOverWhatTheSequenceHas) {
       {{leaf(kTlocList, text("x")), leaf(kTlocList, text("l")), leaf(kTlocList, gone)},
        "vpn 9 service 5 list l -> 0.0.0.5:1:2=0/2 ",
        true},
-      {in_service({leaf(kType, gone), leaf(kVpn, gone), leaf(kTlocList, gone)}), "vpn 0", true},
+      {in_service({leaf(kType, gone)}), "vpn 9 list l -> 0.0.0.5:1:2=0/2 ", true},
+      {in_service({leaf(kVpn, gone), leaf(kTlocList, gone)}), "vpn 0", true},
       {{leaf(kAction, word(1))}, "vpn 0", false},
   };
   seq(POL_CFG_CREATED);

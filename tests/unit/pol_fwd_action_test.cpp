@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <csignal>
+#include <functional>
 
 #include "support/forward_fixture.h"
 
@@ -73,7 +74,12 @@ TEST_F(FwdActionTest, ServiceBecomesTlocs) {
   EXPECT_EQ(find(1)->set_flags, POL_FWD_SET_F_SERVICE);
   EXPECT_EQ(take_queued().size(), 1u);
 
-  // Resolved again: the one TLOC that the label belongs to, nothing, more than there is room for.
+  // Resolved again: although a TLOC is set, whose address is zero; then the one TLOC that the label
+  // belongs to, nothing, more than there is room for.
+  set_tloc(1, tloc4(0, 3));
+  set_service(1, 0);
+  EXPECT_EQ(tlocs(1), "10.0.0.1:3:2=100/7 [::1]:0:0=101/0 ");
+  remove_tloc(1);
   host.service.clear();
   host.service_label = 55, host.service_tloc = tloc4(kB, 1, 1);
   set_service(1, 0);
@@ -100,29 +106,6 @@ TEST_F(FwdActionTest, ServiceBecomesTlocs) {
   EXPECT_TRUE(take_queued().empty()) << "no service in the policy";
 }
 
-TEST_F(FwdActionTest, TlocAndTlocListGoBeforeAService) {
-  sequence(1);
-  host.service = {result(tloc4(kB), 9)};
-  set_tloc(1, tloc4(0, 3));
-  set_service(1, 4);
-  EXPECT_EQ(tlocs(1), "10.0.0.2:1:2=9/0 ") << "zero is no address";
-  set_tloc(1, tloc4(kA));
-  set_service(1, 4);
-  EXPECT_EQ(tlocs(1), "");
-  remove_tloc(1);
-
-  list_tloc("l", tloc4(kA, 3), 5);
-  set_list(1, "l");
-  host.asked.clear();
-  take_queued();
-  for (uint8_t remove : {0, 1}) {
-    set_service(1, static_cast<uint16_t>(remove != 0 ? 0 : 4), 0, remove);
-    EXPECT_EQ(tlocs(1), "10.0.0.1:3:2=0/5 ");
-    EXPECT_EQ(take_queued().size(), 1u);
-  }
-  EXPECT_TRUE(host.asked.empty());
-}
-
 TEST_F(FwdActionTest, TlocListIsCopiedWhenItIsNamed) {
   t_pol_entry* e = sequence(1);
   list_tloc("l", tloc4(kB), 2);
@@ -144,19 +127,6 @@ TEST_F(FwdActionTest, TlocListIsCopiedWhenItIsNamed) {
   EXPECT_EQ(pol_tloc_list_find(ctx, "m"), nullptr);
   EXPECT_FALSE(tells([&](uint8_t* c) { pol_fwd_entry_set_tloc_list_delete(ctx, e, c); }));
   EXPECT_EQ(e->set_flags, 0u);
-}
-
-TEST_F(FwdActionTest, PolicersTellThePoliciesThatNameThem) {
-  t_pol_entry* e = sequence(1);
-  EXPECT_TRUE(tells([&](uint8_t* c) { pol_fwd_entry_set_policer_add(ctx, e, "a", c); }));
-  pol_fwd_policer_entry_change(ctx, "a");
-  EXPECT_EQ(calls.count, 1);
-  EXPECT_FALSE(tells([&](uint8_t* c) { pol_fwd_entry_set_policer_add(ctx, e, "a", c); }));
-  pol_fwd_entry_policer_upd(ctx, "p", POL_KIND_DATA, "v", 1, "b");
-  EXPECT_EQ(take_queued().size(), 1u);
-  EXPECT_STREQ(pol_fwd_policer_first(ctx)->head.name, "b") << "the old one is gone";
-  EXPECT_TRUE(tells([&](uint8_t* c) { pol_fwd_entry_set_policer_delete(ctx, e, c); }));
-  EXPECT_EQ(pol_fwd_policer_first(ctx), nullptr);
 }
 
 // A list that cannot be had: the sequence goes on with the old one's TLOCs, without being told of
@@ -203,18 +173,9 @@ TEST_F(FwdActionTest, NoAllocationThatFailsLeavesHalfAnAction) {
 }
 
 TEST_F(FwdActionTest, ServicesWithoutMemoryKeepTheTlocsThatTheyGot) {
-  static uint32_t count;
-  ctx->resolve_service = [](uint32_t, uint32_t, uint8_t, uint8_t, uint64_t, uint16_t, uint8_t,
-                            uint32_t* label, t_tloc_id* tloc, t_pol_service_result* result,
-                            uint32_t) -> uint32_t {
-    *label = 9, *tloc = tloc4(kA), result->count = count;
-    for (uint32_t i = 0; i < count; ++i) result->entry[i] = ForwardTest::result(tloc4(kB), i);
-    return 0;
-  };
   sequence(1);
   pol_debug_set(1);
-  auto failing = [&](uint32_t results, int nth) {
-    count = results;
+  auto failing = [&](int nth) {
     take_queued(), seams::take_log();
     seams::Fail fail(nth);
     set_service(1, 4);
@@ -222,10 +183,13 @@ TEST_F(FwdActionTest, ServicesWithoutMemoryKeepTheTlocsThatTheyGot) {
     forgive(pol::MEM_TLOC_ENTRY);
     return tlocs(1);
   };
-  EXPECT_EQ(failing(3, 2), "10.0.0.2:1:2=0/0 ");
+  host.service.assign(3, result(tloc4(kB), 0));
+  EXPECT_EQ(failing(2), "10.0.0.2:1:2=0/0 ");
   EXPECT_EQ(seams::take_log(), "");
   EXPECT_EQ(take_queued().size(), 1u);
-  EXPECT_EQ(failing(0, 1), "");
+  host.service.clear();
+  host.service_label = 9;
+  EXPECT_EQ(failing(1), "");
   EXPECT_NE(seams::take_log().find("191 pol_fwd_entry_svc_upd["), std::string::npos);
   EXPECT_TRUE(take_queued().empty());
 }
@@ -233,24 +197,27 @@ TEST_F(FwdActionTest, ServicesWithoutMemoryKeepTheTlocsThatTheyGot) {
 using FwdActionDeathTest = FwdActionTest;
 
 TEST_F(FwdActionDeathTest, OtherKindsOfPolicyEndTheProcess) {
-  const auto crashed = ::testing::KilledBySignal(SIGSEGV);
   constexpr uint32_t kRoute = POL_KIND_ROUTE, kPerf = POL_KIND_PERF_ROUTE;
   const t_tloc_id tloc = tloc4(kA);
-  block("a", kPerf);
+  t_pol_entry* fallback = &block("a", kPerf)->default_action;
   pol_fwd_vpn_find_or_create(ctx, "a", kPerf, "v");
   pol_fwd_entry_tloc_upd(ctx, "a", kPerf, "v", 1, 0, nullptr);  // not there: nothing
   pol_fwd_entry_find_or_create(ctx, "a", kPerf, "v", 1);
-  EXPECT_EXIT(pol_fwd_entry_tloc_upd(ctx, "a", kPerf, "v", 1, 0, nullptr), crashed, "");
-  EXPECT_EXIT(pol_fwd_entry_tloc_upd(ctx, "a", kPerf, "v", 1, 0, &tloc), crashed, "");
-  EXPECT_EXIT(pol_fwd_entry_tloc_list_upd(ctx, "x", kPerf, "v", 1, "l"), crashed, "");
-  EXPECT_EXIT(pol_fwd_entry_svc_upd(ctx, "x", kRoute, "v", 1, 4, 0, 0), crashed, "");
-  EXPECT_EXIT(pol_fwd_entry_vpn_upd(ctx, "x", 5, "v", 1, 1), crashed, "");
-  EXPECT_EXIT(pol_fwd_upd_label(ctx, "x", kRoute, "v", 1), crashed, "");
-  // Sequences without roles: a route policy's, and the default action of any.
-  EXPECT_EXIT(pol_fwd_entry_set_policer_add(ctx, entry(block("r"), 1), "l", &changed), crashed, "");
-  EXPECT_EXIT(
-      pol_fwd_entry_set_tloc_list_add(ctx, &block("a", kPerf)->default_action, "l", &changed),
-      crashed, "");
+  t_pol_entry* route = entry(block("r"), 1);
+  const std::function<void()> calls[] = {
+      [&] { pol_fwd_entry_tloc_upd(ctx, "a", kPerf, "v", 1, 0, nullptr); },
+      [&] { pol_fwd_entry_tloc_upd(ctx, "a", kPerf, "v", 1, 0, &tloc); },
+      [&] { pol_fwd_entry_tloc_list_upd(ctx, "x", kPerf, "v", 1, "l"); },
+      [&] { pol_fwd_entry_svc_upd(ctx, "x", kRoute, "v", 1, 4, 0, 0); },
+      [&] { pol_fwd_entry_vpn_upd(ctx, "x", 5, "v", 1, 1); },
+      [&] { pol_fwd_upd_label(ctx, "x", kRoute, "v", 1); },
+      // Sequences without roles: a route policy's, and the default action of any.
+      [&] { pol_fwd_entry_set_policer_add(ctx, route, "l", &changed); },
+      [&] { pol_fwd_entry_set_tloc_list_add(ctx, fallback, "l", &changed); },
+  };
+  for (size_t i = 0; i < std::size(calls); ++i) {
+    EXPECT_EXIT(calls[i](), ::testing::KilledBySignal(SIGSEGV), "") << i;
+  }
 }
 
 }  // namespace

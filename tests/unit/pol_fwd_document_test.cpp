@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <pthread.h>
-
 #include <regex>
 #include <set>
 
 #include "pol_fwd_ref.h"
 #include "pol_xml_config_internal.h"
 #include "support/agent_schema.h"
+#include "support/forward_fixture.h"
 #include "support/golden.h"
-#include "support/policy_fixture.h"
-#include "support/seams.h"
 
 namespace {
 
@@ -18,21 +15,15 @@ std::string taken_log() {
   return std::regex_replace(seams::take_log(), std::regex("191 \\w+\\[\\d+\\]: \\[POL\\] "), "");
 }
 
-class DocumentTest : public PolicyTest {
+class DocumentTest : public ForwardTest {
  protected:
-  // Without the worker, whose lines would come in between.
-  void SetUp() override {
-    PolicyTest::SetUp();
-    ASSERT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
-  }
-
   void TearDown() override {
     for (t_pol_entry* made : entries_) {
       for (const pol::FwdRef* ref : {&pol::kFwdDnsAppList, &pol::kFwdSaasAppList}) {
         pol::fwd_ref_drop(ctx, made, *ref);
       }
     }
-    PolicyTest::TearDown();
+    ForwardTest::TearDown();
   }
 
   static void cache(int32_t type, const std::string& name, const std::string& text) {
@@ -77,21 +68,17 @@ class DocumentTest : public PolicyTest {
     return add_user("fwd", policy, nullptr, direction, kind);
   }
 
-  struct Result {
-    uint32_t status;
-    std::string text;  // "(none)" for none
-  };
-
-  static Result populated(const t_pol_user* service, const t_pol_user* tunnel,
-                          const t_pol_user* app_route, const t_pol_user* cflowd) {
+  // With POL_OK the text, otherwise the status; "(none)" where there is none.
+  static std::string populated(const t_pol_user* service, const t_pol_user* tunnel,
+                               const t_pol_user* app_route, const t_pol_user* cflowd) {
     uint32_t length = 77;
     char none = 0;
     char* text = &none;
     uint32_t status = pol_fwd_policy_populate(service, tunnel, app_route, cflowd, &length, &text);
     EXPECT_EQ(text != nullptr ? strlen(text) : 0, length);
-    Result result = {status, text != nullptr ? text : "(none)"};
+    std::string result = text != nullptr ? text : "(none)";
     pol_free(text, pol::MEM_PEER_XML);
-    return result;
+    return status == POL_OK ? result : std::to_string(status) + result;
   }
 
  private:
@@ -132,10 +119,11 @@ TEST_F(DocumentTest, HasEachPolicyWithItsDirectionAndEachObjectOnce) {
   };
   std::string told;
   for (const auto& row : kCases) {
-    Result result = populated(row.policies[0], row.policies[1], row.policies[2], row.policies[3]);
-    EXPECT_EQ(result.status, POL_OK) << row.title;
+    const auto& [service, tunnel, app_route, cflowd] = row.policies;
     told += std::string(row.title) + "\n  " +
-            std::regex_replace(result.text, std::regex("(</[a-z0-9-]+>)<(?!/)"), "$1\n  <") + "\n";
+            std::regex_replace(populated(service, tunnel, app_route, cflowd),
+                               std::regex("(</[a-z0-9-]+>)<(?!/)"), "$1\n  <") +
+            "\n";
   }
   pol_debug_set(3);
   taken_log();
@@ -153,17 +141,14 @@ TEST_F(DocumentTest, NamesThatAgreeIn32CharactersAreOneObject) {
   name(entry, pol::kFwdSrcPfx6, POL_XML_DATA_IPV6_PREFIX_LIST, stem + "a");
   name(entry, pol::kFwdDstPfx6, POL_XML_DATA_IPV6_PREFIX_LIST, stem + "b");
   t_pol_user* user = applied("D", POL_KIND_DATA, POL_DIR_IN, POL_XML_DATA_POLICY, "");
-  Result result = populated(nullptr, user, nullptr, nullptr);
-  EXPECT_EQ(result.text,
-            "<direction>from-tunnel</direction></data-policy><lists><vpn-list>v</vpn-list>"
-            "<data-prefix-list>" +
-                stem +
-                "aX</data-prefix-list>"
-                "<data-ipv6-prefix-list>" +
-                stem +
-                "a</data-ipv6-prefix-list>"
-                "<data-ipv6-prefix-list>" +
-                stem + "b</data-ipv6-prefix-list></lists>");
+  auto in = [](const std::string& tag, const std::string& text) {
+    return "<" + tag + ">" + text + "</" + tag + ">";
+  };
+  EXPECT_EQ(populated(nullptr, user, nullptr, nullptr),
+            in("direction", "from-tunnel") + "</data-policy>" +
+                in("lists", in("vpn-list", "v") + in("data-prefix-list", stem + "aX") +
+                                in("data-ipv6-prefix-list", stem + "a") +
+                                in("data-ipv6-prefix-list", stem + "b")));
 }
 
 // Texts that outgrow every buffer, and a footer that does by itself.
@@ -185,14 +170,10 @@ TEST_F(DocumentTest, AnyAllocationMayFailAndNothingIsLeftOver) {
   for (bool hit = true; hit;) {
     UncountedFailures texts(pol::MEM_PEER_XML);
     UncountedFailures names(pol::MEM_LIST_NAME);
-    Result result;
-    {
-      seams::Fail fail(++nth);
-      result = populated(d, nullptr, a, nullptr);
-      hit = fail.hit();
-    }
-    EXPECT_EQ(result.status, hit ? POL_ENOMEM : POL_OK) << nth;
-    EXPECT_EQ(result.text, hit ? "(none)" : whole) << nth;
+    seams::Fail fail(++nth);
+    const std::string result = populated(d, nullptr, a, nullptr);
+    hit = fail.hit();
+    EXPECT_EQ(result, hit ? std::to_string(POL_ENOMEM) + "(none)" : whole) << nth;
     // The one that failed is counted and was never there.
     EXPECT_LE(current(pol::MEM_PEER_XML) + current(pol::MEM_LIST_NAME), hit ? 1u : 0u) << nth;
     logs.insert(taken_log());
@@ -256,88 +237,53 @@ TEST_F(DocumentTest, EnvelopesWrapABodyAndTakeOutWhatTheSchemaDoesNotKnow) {
   }
 }
 
-class FetchTest : public PolicyTest {
+class FetchTest : public ForwardTest {
  protected:
-  // Without the worker the requests stay where they were queued.
-  void SetUp() override {
-    PolicyTest::SetUp();
-    ASSERT_EQ(pol_yarrow_thread_deinit(&ctx->thread), POL_OK);
-    for (auto& lock : ctx->thread.locks) pthread_spin_init(&lock, PTHREAD_PROCESS_PRIVATE);
-    ASSERT_EQ(pipe(pipe_), 0);
-    ctx->thread.write_fd = pipe_[1];
-  }
-  void TearDown() override {
-    taken(pol::QUEUE_FETCH);
-    close(pipe_[0]);
-    close(pipe_[1]);
-    PolicyTest::TearDown();
-  }
-
-  std::string taken(pol::ThreadQueue queue) {
+  std::string taken() {
     std::string text;
-    while (t_pol_thread_queue_item* item = ctx->thread.queues[queue].front()) {
-      text += std::to_string(item->type) + item->name + " ";
-      pol::thread_unlink(&ctx->thread, queue, item);
-      pol_free(item, pol::MEM_THREAD_ITEM);
+    for (const Request& request : take_requests()) {
+      text += std::to_string(request.item.type) + request.item.name + " ";
     }
     return text;
   }
-
-  // One of everything that has a text, unmarked.
-  void make_all() {
-    for (const char* name : {"b", "a"}) {
-      block(name, POL_KIND_DATA);
-      block(name, POL_KIND_PERF_ROUTE);
-      block(name, POL_KIND_CFLOWD);
-      block(name, POL_KIND_ROUTE);
-      pol_vpn_list_add_entry(ctx, name, 1, 1);
-      t_tloc_id tloc = tloc4(1);
-      pol_tloc_list_add_entry(ctx, name, &tloc, 0);
-      pol_fwd_pfx_list_entry_change(ctx, name);
-      pol_fwd_pfx6_list_entry_change(ctx, name);
-      pol_fwd_sla_class_entry_change(ctx, name);
-      pol_fwd_policer_entry_change(ctx, name);
-      pol_app_list_entry_change(ctx, name);
-      pol_fwd_app_id_entry_change(ctx, name);
-    }
-  }
-
-  int pipe_[2] = {-1, -1};
 };
 
 TEST_F(FetchTest, AsksOncePerChangedObjectKindByKindPolicersBeforeSlaClasses) {
-  make_all();
-  pol_fwd_queue_xml_config(ctx);
-  EXPECT_EQ(taken(pol::QUEUE_FETCH),
-            "1a 1b 2a 2b 3a 3b 4a 4b 5a 5b 6a 6b 7a 7b 9a 9b 8a 8b 10a 10b ");
-  char bytes[64];
-  EXPECT_EQ(read(pipe_[0], bytes, sizeof bytes), 20) << "the worker is woken once a request";
-  pol_fwd_queue_xml_config(ctx);
-  EXPECT_EQ(taken(pol::QUEUE_FETCH), "");
-  pol_fwd_pfx_list_entry_change(ctx, "b");
-  pol_debug_set(1);
-  taken_log();
-  pol_fwd_queue_xml_config(ctx);
-  EXPECT_EQ(taken_log(), "Queue fetch xml config for b of type 6\n");
-  EXPECT_EQ(taken(pol::QUEUE_FETCH), "6b ");
-  pol_fwd_queue_xml_config(nullptr);
-}
-
-TEST_F(FetchTest, RequestThatCannotBeQueuedIsForgotten) {
-  pol_app_list_entry_change(ctx, "a");
-  pol_debug_set(1);
-  taken_log();
-  {
-    UncountedFailures failures(pol::MEM_THREAD_ITEM);
-    seams::Fail fail(1);
-    pol_fwd_queue_xml_config(ctx);
-    EXPECT_TRUE(fail.hit());
+  for (const char* name : {"z", "a"}) {
+    for (uint32_t kind : {POL_KIND_DATA, POL_KIND_PERF_ROUTE, POL_KIND_CFLOWD, POL_KIND_ROUTE}) {
+      block(name, kind);
+    }
+    pol_vpn_list_add_entry(ctx, name, 1, 1);
+    list_tloc(name, tloc4(1));
+    for (auto change : {pol_fwd_pfx_list_entry_change, pol_fwd_pfx6_list_entry_change,
+                        pol_fwd_sla_class_entry_change, pol_fwd_policer_entry_change,
+                        pol_app_list_entry_change, pol_fwd_app_id_entry_change}) {
+      change(ctx, name);
+    }
   }
+  pol_fwd_queue_xml_config(ctx);
+  EXPECT_EQ(taken(), "1a 1p 1z 2a 2z 3a 3z 4a 4v 4z 5a 5z 6a 6z 7a 7z 9a 9z 8a 8z 10a 10z ");
+  char bytes[64];
+  EXPECT_EQ(read(ctx->thread.read_fd, bytes, sizeof bytes), 22) << "woken once a request";
+  pol_fwd_queue_xml_config(ctx);
+  EXPECT_EQ(taken(), "");
+  pol_fwd_pfx_list_entry_change(ctx, "z");
+  pol_debug_set(1);
+  taken_log();
+  pol_fwd_queue_xml_config(ctx);
+  EXPECT_EQ(taken_log(), "Queue fetch xml config for z of type 6\n");
+  EXPECT_EQ(taken(), "6z ");
+  pol_fwd_queue_xml_config(nullptr);
+
+  pol_app_list_entry_change(ctx, "a");
+  UncountedFailures failures(pol::MEM_THREAD_ITEM);
+  seams::Fail fail(1);
+  pol_fwd_queue_xml_config(ctx);
   EXPECT_EQ(taken_log(),
             "Queue fetch xml config for a of type 10\n"
             "Failed to alloc memory for thread queue item\n");
   pol_fwd_queue_xml_config(ctx);
-  EXPECT_EQ(taken(pol::QUEUE_FETCH), "");
+  EXPECT_EQ(taken(), "") << "a request that cannot be queued is forgotten";
 }
 
 TEST_F(FetchTest, AnyQueueWithARequestIsWorkLeft) {
@@ -345,7 +291,7 @@ TEST_F(FetchTest, AnyQueueWithARequestIsWorkLeft) {
   for (pol::ThreadQueue queue : {pol::QUEUE_LABEL_SET, pol::QUEUE_LABEL_FETCH, pol::QUEUE_FETCH}) {
     pol::thread_push_fetch(&ctx->thread, queue, POL_XML_POLICER, "p");
     EXPECT_EQ(pol_fwd_policy_is_yarrow_updated(), 0) << queue;
-    taken(queue);
+    take_requests();
     EXPECT_EQ(pol_fwd_policy_is_yarrow_updated(), 1) << queue;
   }
 }

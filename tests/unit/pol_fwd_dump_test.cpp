@@ -12,21 +12,6 @@ namespace {
 
 class FwdDumpTest : public ForwardTest {
  protected:
-  void SetUp() override {
-    ForwardTest::SetUp();
-    setenv("TZ", "UTC", 1);
-    tzset();
-  }
-  void TearDown() override {
-    unsetenv("TZ");
-    tzset();
-    ForwardTest::TearDown();
-  }
-
-  static void fetched(int32_t type, const char* name, time_t start, int32_t longest) {
-    pol_xml_config_find_or_create(type, name)->fetched = {start, start + 2, longest};
-  }
-
   // Sequence 1 with all that a sequence can have.
   void build() {
     sequence(0), sequence(1);
@@ -53,31 +38,33 @@ class FwdDumpTest : public ForwardTest {
     pol_fwd_entry_sla_class_add(
         ctx, pol_fwd_entry_find_or_create(ctx, "route", POL_KIND_PERF_ROUTE, "w", 65535), "gold", 1,
         4, c);
-    fetched(POL_XML_VPN_LIST, "v", 100, 1);
-    fetched(POL_XML_DATA_PREFIX_LIST, "src", 200, 9);
-    fetched(POL_XML_DATA_IPV6_PREFIX_LIST, "src", 300, 4);
-    fetched(POL_XML_DATA_PREFIX_LIST, "dst", 500, 2);
-    fetched(POL_XML_DATA_IPV6_PREFIX_LIST, "dst6", 400, 3);
-    fetched(POL_XML_APP_LIST, "o", 600, 5);
-    fetched(POL_XML_POLICER, "o", 700, 6);
-    fetched(POL_XML_TLOC_LIST, "l", 800, 7);
-    fetched(POL_XML_SLA_CLASS, "gold", 900, 8);
-  }
-
-  void drop_app_lists() {
-    for (auto name : {pol_fwd_entry_dns_app_list_upd, pol_fwd_entry_saas_app_list_upd}) {
-      name(ctx, "p", POL_KIND_DATA, "v", 1, nullptr);
+    const std::tuple<int32_t, const char*, time_t, int32_t> fetched[] = {
+        {POL_XML_VPN_LIST, "v", 100, 1},
+        {POL_XML_DATA_PREFIX_LIST, "src", 200, 9},
+        {POL_XML_DATA_IPV6_PREFIX_LIST, "src", 300, 4},
+        {POL_XML_DATA_PREFIX_LIST, "dst", 500, 2},
+        {POL_XML_DATA_IPV6_PREFIX_LIST, "dst6", 400, 3},
+        {POL_XML_APP_LIST, "o", 600, 5},
+        {POL_XML_POLICER, "o", 700, 6},
+        {POL_XML_TLOC_LIST, "l", 800, 7},
+        {POL_XML_SLA_CLASS, "gold", 900, 8}};
+    for (const auto& [type, name, start, longest] : fetched) {
+      pol_xml_config_find_or_create(type, name)->fetched = {start, start + 2, longest};
     }
   }
 };
 
 TEST_F(FwdDumpTest, PoliciesMatchTheirGolden) {
+  setenv("TZ", "UTC", 1);
+  tzset();
   build();
   const std::string text =
       printed([](t_cli_user_ctx* cli) { pol_dump_fwd_policies(cli, 0, 0, nullptr); });
   expect_golden("dump/forwarding.ok",
                 std::regex_replace(text, std::regex("0x[0-9a-f]{9,}"), "PTR") + "\n");
-  drop_app_lists();
+  for (auto name : {pol_fwd_entry_dns_app_list_upd, pol_fwd_entry_saas_app_list_upd}) {
+    name(ctx, "p", POL_KIND_DATA, "v", 1, nullptr);
+  }
 }
 
 using FwdDumpDeathTest = FwdDumpTest;

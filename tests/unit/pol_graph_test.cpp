@@ -39,7 +39,11 @@ class GraphTest : public PolicyTest {
  protected:
   Graph walk() {
     Graph graph;
-    t_pol_graph_visitor visitor = {on_node, on_edge, &graph};
+    t_pol_graph_visitor visitor = {};
+    EXPECT_EQ(pol_graph_walk(nullptr, &visitor), POL_ENOCTX);
+    EXPECT_EQ(pol_graph_walk(ctx, nullptr), POL_EINVAL);
+    EXPECT_EQ(pol_graph_walk(ctx, &visitor), POL_OK) << "for nobody";
+    visitor = {on_node, on_edge, &graph};
     EXPECT_EQ(pol_graph_walk(ctx, &visitor), POL_OK);
     return graph;
   }
@@ -111,13 +115,6 @@ TEST_F(GraphTest, WhatADeletedSequenceLeftRegisteredIsThePolicysAndThenNobodys) 
   pol_block_find_and_delete(ctx, "P", kind, &changed);
   EXPECT_EQ(walk().edges, (Lines{"nobody -DNS application-> A"}));
   pol_dns_app_list_user_remove(ctx, pol_app_list_first(ctx), left);
-}
-
-TEST_F(GraphTest, WithoutContextOrVisitorThereIsNoWalk) {
-  t_pol_graph_visitor visitor = {};
-  EXPECT_EQ(pol_graph_walk(nullptr, &visitor), POL_ENOCTX);
-  EXPECT_EQ(pol_graph_walk(ctx, nullptr), POL_EINVAL);
-  EXPECT_EQ(pol_graph_walk(ctx, &visitor), POL_OK);
 }
 
 }  // namespace
