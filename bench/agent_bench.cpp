@@ -53,8 +53,7 @@ struct Link {
 };
 
 std::string prefix_list(int entries) {
-  std::string text =
-      "<policy xmlns=\"urn:zenodra:policy\"><lists><prefix-list><name>big</name>";
+  std::string text = "<policy xmlns=\"urn:zenodra:policy\"><lists><prefix-list><name>big</name>";
   for (int i = 0; i < entries; ++i) {
     text += "<prefix><prefix>" + std::to_string(10 + (i >> 16)) + "." +
             std::to_string(i >> 8 & 255) + "." + std::to_string(i & 255) +

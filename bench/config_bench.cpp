@@ -51,8 +51,7 @@ void note_call(t_pol_user* /*user*/, uint64_t callback) {
 }
 
 std::string configuration(int entries) {
-  std::string text =
-      "<policy xmlns=\"urn:zenodra:policy\"><lists><prefix-list><name>big</name>";
+  std::string text = "<policy xmlns=\"urn:zenodra:policy\"><lists><prefix-list><name>big</name>";
   for (int i = 0; i < entries; ++i) {
     text += "<prefix><prefix>" + std::to_string(10 + (i >> 16)) + "." +
             std::to_string(i >> 8 & 255) + "." + std::to_string(i & 255) +
