@@ -306,6 +306,7 @@ TEST_F(QueuesTest, ProducersAndAStopLoseNothing) {
     std::atomic<bool> ended{false};
     std::atomic<int> pushed{0};
     std::vector<std::thread> producers;
+    producers.reserve(8);
     for (int i = 0; i < 8; ++i) {
       producers.emplace_back([&, i] {
         for (int n = 0; n < 100; ++n) {

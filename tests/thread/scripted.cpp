@@ -22,8 +22,8 @@
 
 namespace {
 
-std::mutex g_lock;
-std::condition_variable g_changed;
+std::recursive_mutex g_lock;  // a sanitizer may call what is replaced while a statement holds it
+std::condition_variable_any g_changed;
 scripted::State g_state;
 thread_local int t_errno = 0;
 
@@ -36,13 +36,13 @@ bool fails_by_name(const char* name) {
 }
 
 bool fails(const char* name) {
-  std::lock_guard<std::mutex> hold(g_lock);
+  std::lock_guard<std::recursive_mutex> hold(g_lock);
   return fails_by_name(name);
 }
 
 // Also traces the call, and keeps it while it is held.
 bool traced_fails(const char* name) {
-  std::unique_lock<std::mutex> hold(g_lock);
+  std::unique_lock<std::recursive_mutex> hold(g_lock);
   g_state.trace += std::string(name) + " ";
   if (g_state.held == name) {
     g_state.reached = true;
@@ -114,7 +114,7 @@ int maapi_candidate_commit(int sock) { return outcome("maapi_candidate_commit", 
 
 int maapi_apply_trans(int sock, int, int) {
   int status = outcome("maapi_apply_trans", sock);
-  std::lock_guard<std::mutex> hold(g_lock);
+  std::lock_guard<std::recursive_mutex> hold(g_lock);
   if (g_state.apply_times == 0) return status;
   --g_state.apply_times;
   t_errno = YARROW_ERR_LOCKED;
@@ -161,7 +161,7 @@ int yarrow_stream_connect(int sock, const sockaddr*, socklen_t, int, int) {
   if (outcome("yarrow_stream_connect", sock) != YARROW_OK) return YARROW_ERR;
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) abort();
-  std::lock_guard<std::mutex> hold(g_lock);
+  std::lock_guard<std::recursive_mutex> hold(g_lock);
   const std::string& text = g_state.stream;
   if (send(ends[0], text.data(), text.size(), MSG_DONTWAIT) != static_cast<ssize_t>(text.size())) {
     abort();
@@ -191,7 +191,7 @@ int cdb_delete(int sock, const char* format, ...) {
 bool __real_pol_thread_wait(t_pol_yarrow_thread* thread, unsigned seconds);
 bool __wrap_pol_thread_wait(t_pol_yarrow_thread* thread, unsigned seconds) {
   {
-    std::lock_guard<std::mutex> hold(g_lock);
+    std::lock_guard<std::recursive_mutex> hold(g_lock);
     ++g_state.waits;
     if (seconds != 5) abort();
     g_changed.notify_all();
@@ -243,10 +243,10 @@ FAILS_WHEN_TOLD(int, pthread_spin_destroy, (pthread_spinlock_t * lock), (lock),
 
 namespace scripted {
 
-Locked state() { return {std::unique_lock<std::mutex>(g_lock), &g_state}; }
+Locked state() { return {std::unique_lock<std::recursive_mutex>(g_lock), &g_state}; }
 void reset() { *state().state = {}; }
 void fail_call(const char* name, int skip, int times) {
-  std::lock_guard<std::mutex> hold(g_lock);
+  std::lock_guard<std::recursive_mutex> hold(g_lock);
   g_state.fail_name = name;
   g_state.fail_skip = skip;
   g_state.fail_times = times;
@@ -258,12 +258,12 @@ int occurrences(const std::string& text, const std::string& part) {
 }
 int calls(const std::string& name) { return occurrences(state()->trace, " " + name + " "); }
 void hold(const char* name) {
-  std::lock_guard<std::mutex> hold(g_lock);
+  std::lock_guard<std::recursive_mutex> hold(g_lock);
   g_state.held = name;
   g_state.reached = false;
 }
 void wait_until_held() {
-  std::unique_lock<std::mutex> lock(g_lock);
+  std::unique_lock<std::recursive_mutex> lock(g_lock);
   g_changed.wait(lock, [] { return g_state.reached; });
 }
 void release() {

@@ -35,7 +35,7 @@ struct State {
 
 // The state, which stays locked to the end of the statement.
 struct Locked {
-  std::unique_lock<std::mutex> hold;
+  std::unique_lock<std::recursive_mutex> hold;
   State* state;
   State* operator->() const { return state; }
 };
