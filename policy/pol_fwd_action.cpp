@@ -32,25 +32,11 @@ Resolution resolve(t_pol_ctx* ctx, const t_pol_fwd_clauses& action, const t_tloc
   return found;
 }
 
-// A TLOC as it is kept: what its family does not use is zero.
-t_tloc_id kept_form(const t_tloc_id& tloc) {
-  t_tloc_id kept = {};
-  kept.family = tloc.family;
-  if (tloc.family == KEL_AF_INET) {
-    kept.addr.v4 = tloc.addr.v4;
-  } else {
-    memcpy(kept.addr.v6, tloc.addr.v6, sizeof kept.addr.v6);
-  }
-  kept.color = tloc.color;
-  kept.encap = tloc.encap;
-  return kept;
-}
-
 [[nodiscard]] bool tloc_append(t_pol_entry* entry, const t_tloc_id& tloc, uint32_t label,
                                uint32_t preference) {
   auto* record = alloc<t_tloc_entry>(MEM_TLOC_ENTRY);
   if (record == nullptr) return false;
-  record->tloc = kept_form(tloc);
+  record->tloc = tloc_stored(tloc);
   record->label = label;
   record->preference = preference;
   entry->fwd.tlocs.push_back(record);
@@ -109,7 +95,7 @@ void pol_fwd_entry_tloc_upd(t_pol_ctx* ctx, const char* block, uint32_t kind, co
     entry->block->sets &= ~POL_SETS_FWD_TLOC;
     entry->set_flags &= ~POL_FWD_SET_F_TLOC;
   } else {
-    t_tloc_id next = pol::tloc_given(*tloc) ? pol::kept_form(*tloc) : stored;
+    t_tloc_id next = pol::tloc_given(*tloc) ? pol::tloc_stored(*tloc) : stored;
     next.color = tloc->color != 0 ? tloc->color : stored.color;
     next.encap = encap_given != 0 ? tloc->encap : stored.encap;
     stored = next;

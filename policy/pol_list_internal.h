@@ -3,6 +3,8 @@
 // pol_list_internal.h - the nodes of the named lists, and what data policies register on them.
 #pragma once
 
+#include <cstring>
+
 #include "base/named_list.h"
 #include "base/range_set.h"
 #include "pol_pfx_index.h"
@@ -53,8 +55,25 @@ struct t_tloc_entry {
 };
 
 namespace pol {
+
 using TlocQueue = TailQueue<t_tloc_entry, &t_tloc_entry::link>;
+
+// A TLOC as entries have it: padding and the part of the address that its family has no use for are
+// zero.
+inline t_tloc_id tloc_stored(const t_tloc_id& tloc) {
+  t_tloc_id stored = {};
+  stored.family = tloc.family;
+  if (tloc.family == KEL_AF_INET) {
+    stored.addr.v4 = tloc.addr.v4;
+  } else {
+    memcpy(stored.addr.v6, tloc.addr.v6, sizeof stored.addr.v6);
+  }
+  stored.color = tloc.color;
+  stored.encap = tloc.encap;
+  return stored;
 }
+
+}  // namespace pol
 
 struct t_tloc_list {
   pol::NamedHead head;

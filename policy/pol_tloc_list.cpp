@@ -82,20 +82,6 @@ uint32_t user_remove(t_pol_ctx* ctx, t_tloc_list* list, pol::UserQueue t_tloc_li
   return POL_OK;
 }
 
-// An entry's TLOC is what was given, padding and the unused part of an IPv4 address zeroed.
-t_tloc_id stored_form(const t_tloc_id& tloc) {
-  t_tloc_id stored = {};
-  stored.family = tloc.family;
-  if (tloc.family == KEL_AF_INET) {
-    stored.addr.v4 = tloc.addr.v4;
-  } else {
-    memcpy(stored.addr.v6, tloc.addr.v6, sizeof stored.addr.v6);
-  }
-  stored.color = tloc.color;
-  stored.encap = tloc.encap;
-  return stored;
-}
-
 // The sequence of a data policy whose action the user is; null for set clauses of route policies and
 // of default actions.
 t_pol_fwd_user* data_policy_action(const t_pol_clause_user& user) {
@@ -163,7 +149,7 @@ uint32_t pol_tloc_list_add_entry(t_pol_ctx* ctx, const char* name, const t_tloc_
       if (created != 0) node_free(ctx, list, true);
       return POL_ENOMEM;
     }
-    entry->tloc = stored_form(*tloc);
+    entry->tloc = pol::tloc_stored(*tloc);
     list->entries.push_back(entry);
     list->by_tloc.insert(entry, where);
   }
