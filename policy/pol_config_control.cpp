@@ -11,12 +11,10 @@
 
 namespace {
 
-constexpr uint32_t kTagDefaultAction = 0x7037c488;
 constexpr uint32_t kTagAction = 0x0369ffb7;
 constexpr uint32_t kTagTag = 0x0c2c7467;
 constexpr uint32_t kTagPreference = 0x176ecfd3;
 constexpr uint32_t kTagDomain = 0x1beabc63;
-constexpr uint32_t kTagVpn = 0x4d7d11c2;
 constexpr uint32_t kTagVpnList = 0x6aebf6e6;
 constexpr uint32_t kTagSite = 0x59a72353;
 constexpr uint32_t kTagSiteList = 0x6d6fa00b;
@@ -25,15 +23,8 @@ constexpr uint32_t kTagColorList = 0x3129eae5;
 constexpr uint32_t kTagOriginator = 0x470748d8;
 constexpr uint32_t kTagCarrier = 0x4ef9605a;
 constexpr uint32_t kTagPfxList = 0x5dc389d2;
-constexpr uint32_t kTagTlocList = 0x72d28bfe;
 constexpr uint32_t kTagTlocAction = 0x4a63a685;
 constexpr uint32_t kTagOrigin = 0x775cf168;
-constexpr uint32_t kTagTloc = 0x33c074ce;
-constexpr uint32_t kTagAddress = 0x61fa2cdb;
-constexpr uint32_t kTagColor = 0x2b503622;
-constexpr uint32_t kTagEncap = 0x5a62686b;
-constexpr uint32_t kTagService = 0x32fc12e6;
-constexpr uint32_t kTagServiceType = 0x6ccfcce4;
 
 constexpr uint32_t kFailed = 1;
 
@@ -44,11 +35,6 @@ constexpr uint8_t kLevelMatch = 3;
 uint32_t finish(t_pol_ctx* ctx, uint8_t changed) {
   if (changed != 0) pol_user_chg_list_notify_all(ctx);
   return 0;
-}
-
-void log_leaf(uint32_t at, const pol::Leaf& leaf) {
-  POL_LOG("cur: %d XML = %u, type: %d \n", static_cast<int>(at), leaf.tag(),
-          static_cast<int>(leaf.type()));
 }
 
 // YANG's accept is 0 and reject 1; 0 for other numbers, which are ignored.
@@ -91,8 +77,9 @@ uint32_t read_policy(t_pol_ctx* ctx, uint32_t op, const char* name, uint32_t kin
       break;
   }
   for (uint32_t i = 0; i < leaves.count(); ++i) {
-    log_leaf(i, leaves[i]);
-    if (leaves[i].tag() == kTagDefaultAction) set_default_action(ctx, block, leaves[i], &changed);
+    pol::log_leaf(i, leaves[i]);
+    if (leaves[i].tag() == pol::kTagDefaultAction)
+      set_default_action(ctx, block, leaves[i], &changed);
   }
   return finish(ctx, changed);
 }
@@ -133,11 +120,11 @@ class ActionLeaves {
 
   void take(const pol::Leaf& leaf) {
     switch (leaf.tag()) {
-      case kTagService:
+      case pol::kTagService:
         if (leaf.type() == C_XMLBEGIN) in_service_ = true;
         if (leaf.type() == C_XMLEND) in_service_ = false;
         return;
-      case kTagTloc:
+      case pol::kTagTloc:
         // The TLOC inside a service is the service's.
         if (leaf.type() == C_XMLBEGIN && !in_service_) in_tloc_ = true;
         if (leaf.type() == C_XMLEND) in_tloc_ = false;
@@ -155,7 +142,7 @@ class ActionLeaves {
         return leaf.removed()
                    ? pol_entry_set_vpn_list_delete(ctx_, entry_, changed_)
                    : void(pol_entry_set_vpn_list_add(ctx_, entry_, leaf.text(), changed_));
-      case kTagTlocList:
+      case pol::kTagTlocList:
         if (leaf.removed()) {
           tloc_list_removed_ = true;
         } else {
@@ -164,15 +151,15 @@ class ActionLeaves {
         return;
       case kTagTlocAction:
         return take_tloc_action(leaf);
-      case kTagVpn:
+      case pol::kTagVpn:
         return take_vpn(leaf);
-      case kTagAddress:
-      case kTagColor:
-      case kTagEncap:
+      case pol::kTagAddress:
+      case pol::kTagColor:
+      case pol::kTagEncap:
         if (in_service_) return take_service_tloc(leaf);
         if (in_tloc_) take_set_tloc(leaf);
         return;
-      case kTagServiceType:
+      case pol::kTagServiceType:
         service_removed_ |= leaf.removed();
         if (leaf.removed()) return;
         type_given_ = true;
@@ -226,10 +213,10 @@ class ActionLeaves {
   }
 
   void take_set_tloc(const pol::Leaf& leaf) {
-    if (leaf.tag() == kTagEncap) return set_tloc_.give_encap(leaf);
+    if (leaf.tag() == pol::kTagEncap) return set_tloc_.give_encap(leaf);
     if (leaf.removed()) {
       set_tloc_.removed = true;
-    } else if (leaf.tag() == kTagAddress) {
+    } else if (leaf.tag() == pol::kTagAddress) {
       set_tloc_.give_address(leaf.address());
     } else {
       set_tloc_.give_color(leaf.enumeration());
@@ -237,8 +224,8 @@ class ActionLeaves {
   }
 
   void take_service_tloc(const pol::Leaf& leaf) {
-    if (leaf.tag() == kTagEncap) return service_tloc_.give_encap(leaf);
-    if (leaf.tag() == kTagColor) {
+    if (leaf.tag() == pol::kTagEncap) return service_tloc_.give_encap(leaf);
+    if (leaf.tag() == pol::kTagColor) {
       service_tloc_.give_color(leaf.removed() ? 0 : leaf.enumeration());
     } else {
       service_tloc_.give_address(leaf.removed() ? t_ipaddr{KEL_AF_INET, {0}} : leaf.address());
@@ -269,7 +256,7 @@ class MatchLeaves {
 
   void take(const pol::Leaf& leaf) {
     switch (leaf.tag()) {
-      case kTagTloc:
+      case pol::kTagTloc:
         if (leaf.type() == C_XMLBEGIN) in_tloc_ = true;
         if (leaf.type() == C_XMLEND) in_tloc_ = false;
         return;
@@ -279,7 +266,7 @@ class MatchLeaves {
         return number<pol_entry_match_preference_add, pol_entry_match_preference_delete>(leaf);
       case kTagDomain:
         return number<pol_entry_match_domain_add, pol_entry_match_domain_delete>(leaf);
-      case kTagVpn:
+      case pol::kTagVpn:
         return number<pol_entry_match_vpn_id_add, pol_entry_match_vpn_id_delete>(leaf);
       case kTagSite:
         return number<pol_entry_match_site_add, pol_entry_match_site_delete>(leaf);
@@ -293,7 +280,7 @@ class MatchLeaves {
         return list<pol_entry_match_vpn_list_add, pol_entry_match_vpn_list_delete>(leaf);
       case kTagSiteList:
         return list<pol_entry_match_site_list_add, pol_entry_match_site_list_delete>(leaf);
-      case kTagTlocList:
+      case pol::kTagTlocList:
         return list<pol_entry_match_tloc_list_add, pol_entry_match_tloc_list_delete>(leaf);
       case kTagOrigin:
         if (leaf.removed()) return pol_entry_match_origin_delete(ctx_, entry_, changed_);
@@ -306,13 +293,13 @@ class MatchLeaves {
         return;
       case kTagOriginator:
         return take_originator(leaf);
-      case kTagColor:
+      case pol::kTagColor:
         return take_color(leaf);
-      case kTagAddress:
+      case pol::kTagAddress:
         tloc_.removed |= leaf.removed();
         if (!leaf.removed()) tloc_.give_address(leaf.address());
         return;
-      case kTagEncap:
+      case pol::kTagEncap:
         return tloc_.give_encap(leaf);
       default:
         return;
@@ -419,7 +406,7 @@ uint32_t pol_config_membership_policy_seq_read(void* /*host*/, t_pol_ctx* ctx, u
   }
   for (uint32_t i = 0; i < leaves.count(); ++i) {
     const pol::Leaf leaf = leaves[i];
-    log_leaf(i, leaf);
+    pol::log_leaf(i, leaf);
     switch (leaf.tag()) {
       case kTagVpnList:
         if (leaf.removed()) {
@@ -428,7 +415,7 @@ uint32_t pol_config_membership_policy_seq_read(void* /*host*/, t_pol_ctx* ctx, u
           pol_entry_match_vpn_list_add(ctx, entry, leaf.text(), &changed);
         }
         break;
-      case kTagVpn:
+      case pol::kTagVpn:
         if (leaf.removed()) {
           pol_entry_match_vpn_id_delete(ctx, entry, &changed);
         } else {
@@ -472,7 +459,7 @@ uint32_t pol_config_control_policy_seq_read(void* /*host*/, t_pol_ctx* ctx, uint
   }
   ActionLeaves action(ctx, entry, &changed);
   for (uint32_t i = 0; i < leaves.count(); ++i) {
-    log_leaf(i, leaves[i]);
+    pol::log_leaf(i, leaves[i]);
     action.take(leaves[i]);
   }
   action.apply();
@@ -504,7 +491,7 @@ uint32_t pol_config_control_policy_match_read(void* /*host*/, t_pol_ctx* ctx, ui
   }
   MatchLeaves match(ctx, entry, &changed);
   for (uint32_t i = 0; i < leaves.count(); ++i) {
-    log_leaf(i, leaves[i]);
+    pol::log_leaf(i, leaves[i]);
     match.take(leaves[i]);
   }
   match.apply();

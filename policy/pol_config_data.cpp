@@ -18,7 +18,6 @@
 
 namespace {
 
-constexpr uint32_t kTagDefaultAction = 0x7037c488;
 constexpr uint32_t kTagSlaClass = 0x1fc19c53;
 constexpr uint32_t kTagStrict = 0x5c327362;
 constexpr uint32_t kTagColors = 0x6464ce5d;
@@ -30,14 +29,6 @@ constexpr uint32_t kTagDstPfx = 0x4db8ee1a;
 constexpr uint32_t kTagSrcPfx6 = 0x5754b118;
 constexpr uint32_t kTagDstPfx6 = 0x71567138;
 constexpr uint32_t kTagPolicer = 0x58e2217b;
-constexpr uint32_t kTagVpn = 0x4d7d11c2;
-constexpr uint32_t kTagTlocList = 0x72d28bfe;
-constexpr uint32_t kTagTloc = 0x33c074ce;
-constexpr uint32_t kTagAddress = 0x61fa2cdb;
-constexpr uint32_t kTagColor = 0x2b503622;
-constexpr uint32_t kTagEncap = 0x5a62686b;
-constexpr uint32_t kTagService = 0x32fc12e6;
-constexpr uint32_t kTagServiceType = 0x6ccfcce4;
 constexpr uint32_t kTagLocal = 0x7ef235bf;
 
 constexpr uint8_t kLevelPolicy = 1;
@@ -56,11 +47,6 @@ struct Place {
 void check(uint32_t kind, uint8_t level, uint8_t own) {
   pol::check_level(level, own);
   if (!pol::is_forwarding(kind)) pol::crash();
-}
-
-void log_leaf(uint32_t at, const pol::Leaf& leaf) {
-  POL_LOG("cur: %d XML = %u, type: %d \n", static_cast<int>(at), leaf.tag(),
-          static_cast<int>(leaf.type()));
 }
 
 t_pol_block* mark_for_fetch(const Place& at) {
@@ -148,11 +134,11 @@ struct TlocParts {
   void take(const pol::Leaf& leaf) {
     if (leaf.removed()) return take_away(leaf.tag());
     switch (leaf.tag()) {
-      case kTagAddress:
+      case pol::kTagAddress:
         address_given = true;
         address = leaf.address();
         return;
-      case kTagColor:
+      case pol::kTagColor:
         color_given = true;
         color = static_cast<uint8_t>(leaf.enumeration());
         return;
@@ -172,9 +158,9 @@ struct TlocParts {
 
  private:
   void take_away(uint32_t tag) {
-    address_removed |= tag == kTagAddress;
-    color_removed |= tag == kTagColor;
-    if (tag != kTagEncap || encap_given) return;
+    address_removed |= tag == pol::kTagAddress;
+    color_removed |= tag == pol::kTagColor;
+    if (tag != pol::kTagEncap || encap_given) return;
     encap_given = true;
     encap = KEL_ENCAP_IPSEC;
   }
@@ -188,29 +174,29 @@ class ActionLeaves {
   // False for a leaf of something else.
   bool take(const pol::Leaf& leaf) {
     switch (leaf.tag()) {
-      case kTagService:
+      case pol::kTagService:
         if (leaf.type() == C_XMLBEGIN) in_service_ = true;
         if (leaf.type() == C_XMLEND) in_service_ = false;
         return true;
-      case kTagTloc:
+      case pol::kTagTloc:
         if (leaf.type() == C_XMLBEGIN) in_tloc_ = true;
         if (leaf.type() == C_XMLEND) in_tloc_ = false;
         return true;
-      case kTagVpn:
+      case pol::kTagVpn:
         service_given_ |= in_service_;
         vpn_seen_ = true;
         if (!leaf.removed()) vpn_ = leaf.u32();
         return true;
-      case kTagTlocList:
+      case pol::kTagTlocList:
         tloc_list_seen_ = true;
         if (!leaf.removed()) tloc_list_ = leaf.text();
         return true;
-      case kTagAddress:
-      case kTagColor:
-      case kTagEncap:
+      case pol::kTagAddress:
+      case pol::kTagColor:
+      case pol::kTagEncap:
         if (in_service_ || in_tloc_) tloc_.take(leaf);
         return true;
-      case kTagServiceType:
+      case pol::kTagServiceType:
         service_removed_ = leaf.removed();
         service_given_ |= !leaf.removed();
         type_given_ = !leaf.removed();
@@ -338,7 +324,7 @@ void read_sequence(const Place& at, const pol::Leaves& leaves) {
   ActionLeaves action(at);
   for (uint32_t i = 0; i < leaves.count(); ++i) {
     const pol::Leaf leaf = leaves[i];
-    log_leaf(i, leaf);
+    pol::log_leaf(i, leaf);
     if (auto update = by_name(leaf.tag())) {
       update(at.ctx, at.policy, at.kind, at.vpn_list, at.sequence,
              leaf.removed() ? nullptr : leaf.text());
@@ -355,8 +341,8 @@ void read_sequence(const Place& at, const pol::Leaves& leaves) {
 void read_vpn_list(const Place& at, t_pol_block* block, const pol::Leaves& leaves) {
   SlaLeaves sla;
   for (uint32_t i = 0; i < leaves.count(); ++i) {
-    log_leaf(i, leaves[i]);
-    if (leaves[i].tag() == kTagDefaultAction && block != nullptr) {
+    pol::log_leaf(i, leaves[i]);
+    if (leaves[i].tag() == pol::kTagDefaultAction && block != nullptr) {
       pol_block_users_add_to_chg_list(at.ctx, block);
     }
     // On purpose after every leaf from the first of the class on: each time all that came so far.
