@@ -57,7 +57,7 @@ struct t_pol_set {
 // POL_FWD_SET_F_*.
 struct t_pol_fwd_clauses {
   t_pol_fwd_vpn_entry* vpn;  // the parent
-  t_pol_fwd_user* user;      // owned
+  t_pol_fwd_user* user;      // that the same t_pol_fwd_entry holds
   t_tloc_id tloc;
   uint32_t tloc_label;
   uint64_t vpn_id;
@@ -83,6 +83,13 @@ struct t_pol_entry {
   uint32_t action;
   avl_node link;
   t_pol_block* block;
+};
+
+// A sequence of a forwarding policy, in one piece with what the objects that it names know it by.
+// Those may know it longer than the policy: then `entry` is gone and `user` is left (pol_fwd_block.cpp).
+struct t_pol_fwd_entry {
+  t_pol_entry entry;
+  t_pol_fwd_user user;
 };
 
 enum pol_sets : uint8_t {

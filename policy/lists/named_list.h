@@ -45,6 +45,7 @@ struct NamedHead {
   char name[POL_LIST_NAME_SIZE];
   avl_node link;
   UserQueue stale;
+  bool in_document;  // only while a document is put together: it has the object's text
 };
 
 inline int named_compare(const void* key, const void* node) {

@@ -46,8 +46,7 @@ class QueuesTest : public PolicyTest {
     if (queue != pol::QUEUE_LABEL_SET) {
       return pol::thread_push_fetch(&ctx->thread, queue, type, "v");
     }
-    auto* item = pol::alloc<t_pol_thread_queue_item>(pol::MEM_THREAD_ITEM);
-    pol::thread_push(&ctx->thread, queue, item);
+    pol::thread_push_labels(&ctx->thread, {});
   }
 
   void wait_until_idle() {

@@ -133,21 +133,20 @@ TEST_F(DocumentTest, HasEachPolicyWithItsDirectionAndEachObjectOnce) {
   expect_golden("document/populated.ok", told);
 }
 
-TEST_F(DocumentTest, NamesThatAgreeIn32CharactersAreOneObject) {
-  const std::string stem(31, 'n');
+TEST_F(DocumentTest, NamesOfAnyLengthAreToldApartByTheirLastCharacter) {
+  const std::string stem(62, 'n');
   t_pol_entry* entry = sequence("D", POL_KIND_DATA, "v", 10);
-  name(entry, pol::kFwdSrcPfx, POL_XML_DATA_PREFIX_LIST, stem + "aX");
-  name(entry, pol::kFwdDstPfx, POL_XML_DATA_PREFIX_LIST, stem + "aY");
-  name(entry, pol::kFwdSrcPfx6, POL_XML_DATA_IPV6_PREFIX_LIST, stem + "a");
-  name(entry, pol::kFwdDstPfx6, POL_XML_DATA_IPV6_PREFIX_LIST, stem + "b");
+  name(entry, pol::kFwdSrcPfx, POL_XML_DATA_PREFIX_LIST, stem + "a");
+  name(entry, pol::kFwdDstPfx, POL_XML_DATA_PREFIX_LIST, stem + "b");
+  name(entry, pol::kFwdSrcPfx6, POL_XML_DATA_IPV6_PREFIX_LIST, stem + "b");
   t_pol_user* user = applied("D", POL_KIND_DATA, POL_DIR_IN, POL_XML_DATA_POLICY, "");
   auto in = [](const std::string& tag, const std::string& text) {
     return "<" + tag + ">" + text + "</" + tag + ">";
   };
   EXPECT_EQ(populated(nullptr, user, nullptr, nullptr),
             in("direction", "from-tunnel") + "</data-policy>" +
-                in("lists", in("vpn-list", "v") + in("data-prefix-list", stem + "aX") +
-                                in("data-ipv6-prefix-list", stem + "a") +
+                in("lists", in("vpn-list", "v") + in("data-prefix-list", stem + "a") +
+                                in("data-prefix-list", stem + "b") +
                                 in("data-ipv6-prefix-list", stem + "b")));
 }
 
@@ -265,6 +264,7 @@ TEST_F(FetchTest, AsksOncePerChangedObjectKindByKindPolicersBeforeSlaClasses) {
   EXPECT_EQ(taken(), "1a 1p 1z 2a 2z 3a 3z 4a 4v 4z 5a 5z 6a 6z 7a 7z 9a 9z 8a 8z 10a 10z ");
   char bytes[64];
   EXPECT_EQ(read(ctx->thread.read_fd, bytes, sizeof bytes), 22) << "woken once a request";
+  EXPECT_LT(sizeof(t_pol_thread_queue_item), 200u) << "a fetch carries no labels";
   pol_fwd_queue_xml_config(ctx);
   EXPECT_EQ(taken(), "");
   pol_fwd_pfx_list_entry_change(ctx, "z");

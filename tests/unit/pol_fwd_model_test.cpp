@@ -280,6 +280,7 @@ class Twin {
       }
       text << "\n";
     }
+    text << "sequences " << outstanding(pol::MEM_FWD_ENTRY) - before_[pol::MEM_FWD_ENTRY] << "\n";
     const auto& cache = ctx_->xml_configs;
     for (const t_pol_xml_config* c = cache.first(); c != nullptr; c = cache.next(c)) {
       text << "xml " << c->type << brief(c->name) << "\n";
