@@ -115,7 +115,36 @@ struct t_pol_block {
   pol::TailQueue<t_pol_fwd_user, &t_pol_fwd_user::leftover_link> leftovers;
   t_pol_entry default_action;
   uint8_t fetch_xml;
-  uint8_t orphaned;  // a forwarding policy that was deleted and stays, empty, for its users
+  uint8_t orphaned;   // a forwarding policy that was deleted and stays, empty, for its users
+  uint8_t text_gone;  // of a forwarding policy: its text was taken out of the XML cache for good
   pol::BlockUsers users;
   uint8_t all_queued;  // every user stands on the change list
 };
+
+namespace pol {
+
+inline bool is_forwarding(uint32_t kind) {
+  return kind == POL_KIND_DATA || kind == POL_KIND_PERF_ROUTE;
+}
+
+// Whether the sequence has forwarding clauses. A default action has none, whatever the policy's kind.
+inline bool is_forwarding(const t_pol_entry& entry) {
+  return entry.block != nullptr && is_forwarding(entry.block->kind) &&
+         &entry != &entry.block->default_action;
+}
+
+// Type of a policy's record in the XML cache; 0 for kinds that have none.
+int32_t xml_type_of(uint32_t kind);
+
+// Frees a block that was deleted while it had users, once the last of them is gone.
+void fwd_block_release_if_orphaned(t_pol_ctx* ctx, t_pol_block* block);
+
+// Frees a sequence's record by what is left of it last.
+inline void fwd_record_free(t_pol_fwd_user* user) {
+  pol_free(reinterpret_cast<char*>(user) - offsetof(t_pol_fwd_entry, user), MEM_FWD_ENTRY);
+}
+
+// Frees what a deleted sequence left behind, once neither DNS nor SaaS application lists know it.
+void fwd_leftover_release(t_pol_fwd_user* user);
+
+}  // namespace pol

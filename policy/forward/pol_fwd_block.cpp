@@ -9,6 +9,7 @@
 
 #include "base/pol_crash.h"
 #include "base/pol_memory.h"
+#include "base/pol_name.h"
 #include "core/pol_clause_internal.h"
 #include "forward/pol_fwd_block_internal.h"
 #include "forward/pol_fwd_ref.h"
@@ -40,11 +41,6 @@ t_pol_fwd_vpn_entry* vpn_find(t_pol_block* block, const char* name, avl_index* w
   return block->fwd_vpns.find(key, where);
 }
 
-// What is left of a sequence goes with its record.
-void record_free(t_pol_fwd_user* user) {
-  pol_free(reinterpret_cast<char*>(user) - offsetof(t_pol_fwd_entry, user), MEM_FWD_ENTRY);
-}
-
 // On purpose: what DNS and SaaS application lists know of the sequence stays with them, bound to the
 // block while that lives and to nothing afterwards; and with it the sequence's record.
 void entry_release(t_pol_block* block, t_pol_fwd_user* user) {
@@ -55,7 +51,7 @@ void entry_release(t_pol_block* block, t_pol_fwd_user* user) {
     role->list = nullptr;
   }
   if (user->dns_app_list.list == nullptr && user->saas_app_list.list == nullptr) {
-    return record_free(user);
+    return fwd_record_free(user);
   }
   bind(user, block, nullptr);
   block->leftovers.push_back(user);
@@ -101,59 +97,7 @@ void fwd_block_free(t_pol_block* block) {
   pol_free(block, MEM_BLOCK);
 }
 
-// `has_text`: whether the XML cache may still have the policy's text.
-void fwd_block_delete(t_pol_ctx* ctx, avl_tree* tree, t_pol_block* block, bool remove_from_tree,
-                      bool has_text) {
-  void* cookie = nullptr;
-  while (t_pol_fwd_vpn_entry* vpn = block->fwd_vpns.drain(&cookie)) vpn_delete(ctx, vpn, false);
-  // Text policy files give forwarding policies default actions with clauses; those are on lists.
-  uint8_t changed = 0;
-  pol_entry_set_delete(ctx, &block->default_action, &changed);
-  pol_entry_match_delete(ctx, &block->default_action, &changed);
-  entry_reset(&block->default_action, block);
-  const bool kept = !block->users.empty();
-  // At the end of the context the cache goes before the users for whom the policy is kept.
-  if (has_text && (!kept || destroying(ctx))) {
-    pol_xml_config_find_and_delete(xml_type_of(block->kind), block->name);
-  }
-  if (kept) {
-    block->orphaned = 1;
-    pol_block_users_add_to_chg_list(ctx, block);
-    return;
-  }
-  if (remove_from_tree && tree != nullptr) avl_remove(tree, block);
-  fwd_block_free(block);
-}
-
 }  // namespace
-
-int32_t xml_type_of(uint32_t kind) {
-  switch (kind) {
-    case POL_KIND_DATA:
-      return POL_XML_DATA_POLICY;
-    case POL_KIND_PERF_ROUTE:
-      return POL_XML_APP_ROUTE_POLICY;
-    case POL_KIND_CFLOWD:
-      return POL_XML_CFLOWD_TEMPLATE;
-    default:
-      return 0;
-  }
-}
-
-void fwd_block_release_if_orphaned(t_pol_ctx* ctx, t_pol_block* block) {
-  if (block->orphaned == 0 || !block->users.empty()) return;
-  // Again as a whole: it may have got a default action since.
-  const bool alive = !destroying(ctx);
-  fwd_block_delete(ctx, ctx->blocks[block->kind - 1].raw(), block, alive, alive);
-}
-
-void fwd_leftover_release(t_pol_fwd_user* user) {
-  if (user->entry != nullptr) return;
-  if (user->dns_app_list.list != nullptr || user->saas_app_list.list != nullptr) return;
-  t_pol_block* block = user->app_list.block;
-  if (block != nullptr) block->leftovers.remove(user);
-  record_free(user);
-}
 
 FwdPlace fwd_find(t_pol_ctx* ctx, const char* block_name, uint32_t kind, const char* vpn_list,
                   uint32_t sequence) {
@@ -182,7 +126,28 @@ void pol_fwd_block_delete(t_pol_ctx* ctx, avl_tree* tree, t_pol_block* block,
                           uint8_t remove_from_tree) {
   if (ctx == nullptr || block == nullptr) return;
   if (!pol::is_forwarding(block->kind)) pol::crash();
-  pol::fwd_block_delete(ctx, tree, block, remove_from_tree != 0, true);
+  void* cookie = nullptr;
+  while (t_pol_fwd_vpn_entry* vpn = block->fwd_vpns.drain(&cookie)) {
+    pol::vpn_delete(ctx, vpn, false);
+  }
+  // Text policy files give forwarding policies default actions with clauses; those are on lists.
+  uint8_t changed = 0;
+  pol_entry_set_delete(ctx, &block->default_action, &changed);
+  pol_entry_match_delete(ctx, &block->default_action, &changed);
+  pol::entry_reset(&block->default_action, block);
+  const bool kept = !block->users.empty();
+  // At the end of the context the cache goes before the users for whom the policy is kept.
+  if (block->text_gone == 0 && (!kept || pol::destroying(ctx))) {
+    pol_xml_config_find_and_delete(pol::xml_type_of(block->kind), block->name);
+    block->text_gone = 1;
+  }
+  if (kept) {
+    block->orphaned = 1;
+    pol_block_users_add_to_chg_list(ctx, block);
+    return;
+  }
+  if (remove_from_tree != 0 && tree != nullptr) avl_remove(tree, block);
+  pol::fwd_block_free(block);
 }
 
 t_pol_fwd_vpn_entry* pol_fwd_vpn_find_or_create(t_pol_ctx* ctx, const char* block, uint32_t kind,
