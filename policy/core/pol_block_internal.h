@@ -52,6 +52,9 @@ struct t_pol_set {
   t_pol_clause_user tloc_list;
 };
 
+// What makes a TLOC's encapsulation binding: the leaf beside the TLOC, or that of its service.
+enum pol_encap_binds : uint8_t { POL_ENCAP_BY_TLOC = 0x1, POL_ENCAP_BY_SERVICE = 0x2 };
+
 // What a sequence of a forwarding policy has instead of match values. Lists and other objects that
 // it names stand in the roles of `user`; its match_flags and set_flags are POL_FWD_MATCH_F_* and
 // POL_FWD_SET_F_*.
@@ -59,6 +62,8 @@ struct t_pol_fwd_clauses {
   t_pol_fwd_vpn_entry* vpn;  // the parent
   t_pol_fwd_user* user;      // that the same t_pol_fwd_entry holds
   t_tloc_id tloc;
+  uint8_t encap_told;   // that the TLOC was configured with; its own only while something binds it
+  uint8_t encap_binds;  // enum pol_encap_binds, as last told, with or without a TLOC
   uint32_t tloc_label;
   uint64_t vpn_id;
   uint16_t service;  // 0: none

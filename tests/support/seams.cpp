@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 namespace {
@@ -39,6 +40,7 @@ void* __wrap_realloc(void* memory, size_t size) {
 }
 
 void __wrap_vsyslog(int priority, const char* format, va_list args) {
+  if (seams::spinlocks_held != 0) abort();
   if (!g_all_threads && gettid() != getpid()) return;
   char line[4096];
   vsnprintf(line, sizeof line, format, args);

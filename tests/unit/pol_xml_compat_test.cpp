@@ -120,6 +120,7 @@ TEST_F(CompatTest, HostileTextIsRefusedOrBounded) {
   const size_t kDeep = 100'000;
   for (const std::string& text :
        {laughs, read_file, parameter, std::string("<!DOCTYPE policy>") + policy("<new/>"),
+        std::string("\xff\xfe<\0a\0/\0>\0", 10),  // UTF-16 would part the bytes otherwise
         policy("<new/>&undefined;"), policy(repeated(kDeep, "<new>") + repeated(kDeep, "</new>")),
         std::string("no XML"), std::string(), std::string("<policy>\0</policy>", 19),
         policy("<new>") + "<"}) {
@@ -155,6 +156,39 @@ TEST_F(CompatTest, WhatCannotBeJudgedIsLeftIn) {
       filtered(policy("<" + far + "><new/></" + far + "><" + over + "/><" + fits + "/><new/>"));
   EXPECT_EQ(result.text, policy("<" + far + "><new/></" + far + "><" + over + "/>"));
   EXPECT_EQ(result.log.find("Path too long, left in: "), result.log.rfind("Path too long"));
+}
+
+// Each bound kept, and passed by one: what is passed is no XML.
+TEST_F(CompatTest, WhatWouldKeepTheParserBusyIsNotParsed) {
+  auto numbered = [](size_t count, const std::string& before, const std::string& after) {
+    std::string all;
+    for (size_t i = 0; i < count; ++i) all += before + std::to_string(i) + after;
+    return all;
+  };
+  auto nested = [&](size_t count) {  // one namespace more is the policy's own
+    return policy(numbered(count, "<a xmlns:n", "=\"u\">") + repeated(count, "</a>"));
+  };
+  const std::string equals = repeated(500, "=");
+  const std::pair<std::string, bool> kCases[] = {
+      {policy("<a" + numbered(64, " n", "='>'") + "/>"), true},
+      {policy("<a" + numbered(65, " n", "='>'") + "/>"), false},
+      {policy("<a" + numbered(80'000, " n", "=\"\"") + "/>"), false},
+      {policy("<a n='" + equals + "'/><!--<" + equals + "-->" + equals + "<![CDATA[<" + equals +
+              "]]><?p <" + equals + "?>"),
+       true},
+      {policy("<a n='" + std::string(65'000, 'x') + "'/>"), true},
+      {policy("<a n='" + std::string(66'000, 'x') + "'/>"), false},
+      {nested(63), true},
+      {nested(64), false},
+      {policy(numbered(1'000, "<a xmlns:n", "='u'/>")), true},
+      {policy(numbered(90'000, "<a", "/>")), true},
+      {policy(numbered(110'000, "<a", "/>")), false},
+      {policy(numbered(110'000, "<?a", "?>")), false},
+  };
+  for (const auto& [text, parsed] : kCases) {
+    SCOPED_TRACE(text.substr(0, 80) + " of " + std::to_string(text.size()));
+    EXPECT_EQ(filtered(text).log != "Error parsing XML\n", parsed);
+  }
 }
 
 // A large document with an unknown element in every entry: time must not grow with its square.
