@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "exchange/pol_xml_config_internal.h"
+#include "exchange/pol_yarrow_thread_internal.h"
 #include "forward/pol_fwd_ref.h"
 #include "policy/policy.h"
 #include "tests/support/agent_schema.h"

@@ -95,6 +95,10 @@ bool pol::xml_tags_bounded(string_view text) {
 }
 
 void pol::xml_parser_bound(xmlParserCtxt* parser) {
+  // Or it goes on behind a fault, where quotes no longer part what the tags' bounds took them to part.
+  parser->sax->serror = [](void* at, auto* error) {
+    if (error->level == XML_ERR_FATAL) stop(at);
+  };
   parser->sax->internalSubset = refuse_doctype;
   parser->sax->startElementNs = start_element;
   parser->sax->characters = characters;

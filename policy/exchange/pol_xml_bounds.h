@@ -25,8 +25,8 @@ inline constexpr size_t kMaxXmlNames =
 // of itself; in other encodings tags end elsewhere.
 [[nodiscard]] bool xml_tags_bounded(std::string_view text);
 
-// Has the parser stop, with a text that is not well-formed, at a DOCTYPE and where there are too many
-// namespaces or names. For texts without entities of their own; the parser builds a tree.
+// Has the parser stop, with a text that is not well-formed, at the first fault, at a DOCTYPE and where
+// there are too many namespaces or names. For texts without entities of their own; the parser builds a tree.
 void xml_parser_bound(xmlParserCtxt* parser);
 
 }  // namespace pol

@@ -150,7 +150,10 @@ bool known(Walk* walk, const xmlNode* element, size_t depth) {
     const bool found = ask(walk);
     if (walk->no_schema) return false;
     if (!found) note_unknown(walk);
-    if (place != nullptr) *place = {parent, id = ++walk->answers.count, element->name, found};
+    if (place != nullptr) {
+      id = ++walk->answers.count;
+      *place = {parent, id, element->name, found};
+    }
     if (!found) return false;
   }
   walk->ends[depth + 1] = walk->ends[depth] + static_cast<size_t>(size);

@@ -84,8 +84,9 @@ void assembly_free(Assembly* assembly) {
 [[nodiscard]] uint32_t add_vpn_list(Assembly* assembly, const t_pol_fwd_vpn_entry* vpn) {
   POL_LOG_AT(3, "Get vpn-list '%s'config\n", vpn->name);
   uint32_t status = POL_OK;
-  if (t_vpn_list* list = vpn->vpn_list)
+  if (t_vpn_list* list = vpn->vpn_list) {
     status = add_object(assembly, POL_XML_VPN_LIST, &list->head);
+  }
   const t_pol_entry* entry = vpn->entries.first();
   for (; entry != nullptr && status == POL_OK; entry = vpn->entries.next(entry)) {
     for (const Named& named : kNamed) {
