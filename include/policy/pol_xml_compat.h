@@ -4,8 +4,8 @@
  *
  * A newer controller may send elements that an older device would refuse a whole load for. The text
  * is hostile until it is parsed: no DOCTYPE, and with it no entity of its own, no nesting beyond what
- * the parser bounds, nothing read from files or the network. It is read as UTF-8. Bounds keep the work
- * proportional to the text: 64 KiB and 64 attributes a tag, 64 namespaces in scope, 100,000 different
+ * the parser bounds, nothing read from files or the network, no encoding but UTF-8, ASCII and those of
+ * ISO 8859. Bounds keep the work proportional to the text: 64 KiB and 64 attributes a tag, 64 namespaces in scope, 100,000 different
  * names (with other texts of up to three bytes, and of blanks). A text beyond them is no XML.
  */
 #ifndef POLICY_POL_XML_COMPAT_H

@@ -3,6 +3,9 @@
 
 #include <libxml/SAX2.h>
 #include <libxml/dict.h>
+#include <strings.h>
+
+#include <cstring>
 
 namespace {
 
@@ -46,6 +49,13 @@ bool skip_tag(string_view* text) {
   return true;
 }
 
+bool of_ascii_bytes(const xmlChar* encoding) {
+  if (encoding == nullptr) return true;
+  const auto* name = reinterpret_cast<const char*>(encoding);
+  return strcasecmp(name, "utf-8") == 0 || strcasecmp(name, "us-ascii") == 0 ||
+         strncasecmp(name, "iso-8859-", 9) == 0;
+}
+
 void stop(void* parser) {
   static_cast<xmlParserCtxt*>(parser)->wellFormed = 0;
   xmlStopParser(static_cast<xmlParserCtxt*>(parser));
@@ -60,6 +70,13 @@ bool bounded(void* parser) {
   }
   stop(parser);
   return false;
+}
+
+// Behind the declaration of the encoding.
+void start_document(void* parser) {
+  const auto* state = static_cast<const xmlParserCtxt*>(parser);
+  if (!of_ascii_bytes(state->encoding) || !of_ascii_bytes(state->input->encoding)) stop(parser);
+  xmlSAX2StartDocument(parser);
 }
 
 // A DOCTYPE has no place in policy and is what entity bombs and reads of files are made of.
@@ -87,6 +104,9 @@ void instruction(void* parser, const xmlChar* target, const xmlChar* data) {
 }  // namespace
 
 bool pol::xml_tags_bounded(string_view text) {
+  constexpr string_view kByteOrder = "\xef\xbb\xbf";
+  if (text.starts_with(kByteOrder)) text.remove_prefix(kByteOrder.size());
+  if (text.size() < 2 || text[1] == '\0' || memchr("< \t\r\n", text[0], 5) == nullptr) return false;
   for (size_t at = 0; (at = text.find('<')) != string_view::npos;) {
     text.remove_prefix(at + 1);
     if (!skip_other(&text) && !skip_tag(&text)) return false;
@@ -99,6 +119,7 @@ void pol::xml_parser_bound(xmlParserCtxt* parser) {
   parser->sax->serror = [](void* at, auto* error) {
     if (error->level == XML_ERR_FATAL) stop(at);
   };
+  parser->sax->startDocument = start_document;
   parser->sax->internalSubset = refuse_doctype;
   parser->sax->startElementNs = start_element;
   parser->sax->characters = characters;

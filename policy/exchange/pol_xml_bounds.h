@@ -21,12 +21,12 @@ inline constexpr int kMaxNamespaces = 64;     // in scope at one place
 inline constexpr size_t kMaxXmlNames =
     100'000;  // different ones, with the short texts kept like them
 
-// Whether every tag of the text keeps its bounds. REQUIRES: the text is read as UTF-8, whatever it says
-// of itself; in other encodings tags end elsewhere.
+// Whether every tag of the text keeps its bounds, and no tag can be read as ending elsewhere: the text
+// does not begin like one of an encoding whose markup is not of ASCII's bytes.
 [[nodiscard]] bool xml_tags_bounded(std::string_view text);
 
-// Has the parser stop, with a text that is not well-formed, at the first fault, at a DOCTYPE and where
-// there are too many namespaces or names. For texts without entities of their own; the parser builds a tree.
+// Has the parser stop, with a text that is not well-formed, at the first fault, at a declaration of such
+// an encoding, at a DOCTYPE and where there are too many namespaces or names. For texts without entities of their own; the parser builds a tree.
 void xml_parser_bound(xmlParserCtxt* parser);
 
 }  // namespace pol

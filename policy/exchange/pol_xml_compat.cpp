@@ -102,7 +102,7 @@ xmlDoc* parse(const char* text, uint32_t length) {
   xmlParserCtxt* parser = xmlNewParserCtxt();
   if (parser == nullptr) return nullptr;
   pol::xml_parser_bound(parser);
-  xmlDoc* doc = xmlCtxtReadMemory(parser, text, static_cast<int>(length), nullptr, "UTF-8",
+  xmlDoc* doc = xmlCtxtReadMemory(parser, text, static_cast<int>(length), nullptr, nullptr,
                                   XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
   xmlFreeParserCtxt(parser);
   return doc;

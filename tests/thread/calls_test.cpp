@@ -160,6 +160,7 @@ TEST_F(CallsTest, LabelPathsHoldTheWholeNamesOrAreNotSent) {
   scripted::reset();
   EXPECT_TRUE(pol::label_write(&worker_, labels_));
   EXPECT_NE(scripted::state()->paths.find("/sequence{-294967296}/"), std::string::npos);
+  labels_.sequence = 10;
 
   // 510 characters would leave a path that names the policy's whole list when it is cut.
   for (size_t length : {200, 430, 440, 450, 460, 510}) {

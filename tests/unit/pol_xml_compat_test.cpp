@@ -60,6 +60,7 @@ TEST_F(CompatTest, TakesOutTheHighestUnknownElementsEverywhere) {
   const std::string list = "<lists><vpn-list><name>v</name></vpn-list></lists>";
   const std::string named = "<policer><name><![CDATA[<&]]>&lt;</name></policer> t ";
   const std::string known = "<policer><name>a</name></policer>";
+  const std::string latin = "<?xml version='1.0' encoding='ISO-8859-1'?>";
   const std::string other = "<x:new xmlns:x=\"urn:x\"/>";
   const struct {
     std::string in;
@@ -68,6 +69,9 @@ TEST_F(CompatTest, TakesOutTheHighestUnknownElementsEverywhere) {
   } kCases[] = {
       {policy(list), "(none)", {}},
       {policy(" <!--c--> " + list + "\n"), "(none)", {}},
+      {"\xef\xbb\xbf" + policy(list), "(none)", {}},
+      {"\n" + policy(list), "(none)", {}},
+      {latin + policy("<!--\xe4-->" + list), "(none)", {}},
       {policy("<new><a>1</a><b><lists/></b></new>" + list), policy(list), {{"/policy/new", "1"}}},
       {policy("<lists><new/></lists>"), policy("<lists/>"), {{"/policy/lists/new", "1"}}},
       // Text, comments and what stands behind an unknown element are kept.
@@ -120,10 +124,10 @@ TEST_F(CompatTest, HostileTextIsRefusedOrBounded) {
   const size_t kDeep = 100'000;
   for (const std::string& text :
        {laughs, read_file, parameter, std::string("<!DOCTYPE policy>") + policy("<new/>"),
-        std::string("\xff\xfe<\0a\0/\0>\0", 10),  // UTF-16 would part the bytes otherwise
-        policy("<new/>&undefined;"), policy(repeated(kDeep, "<new>") + repeated(kDeep, "</new>")),
-        std::string("no XML"), std::string(), std::string("<policy>\0</policy>", 19),
-        policy("<new>") + "<"}) {
+        std::string("\xff\xfe<\0a\0/\0>\0", 10), std::string("<\0a\0/\0>\0", 8),
+        "<?xml version='1.0' encoding='UTF-7'?>" + policy("<new/>"), policy("<new/>&undefined;"),
+        policy(repeated(kDeep, "<new>") + repeated(kDeep, "</new>")), std::string("no XML"),
+        std::string(), std::string("<policy>\0</policy>", 19), policy("<new>") + "<"}) {
     Result result = filtered(text);
     EXPECT_EQ(result.text, "(none)") << text.substr(0, 200);
     EXPECT_EQ(result.log, "Error parsing XML\n") << text.substr(0, 200);
