@@ -5,8 +5,6 @@
 #include <libxml/dict.h>
 #include <strings.h>
 
-#include <cstring>
-
 namespace {
 
 using std::string_view;
@@ -106,7 +104,8 @@ void instruction(void* parser, const xmlChar* target, const xmlChar* data) {
 bool pol::xml_tags_bounded(string_view text) {
   constexpr string_view kByteOrder = "\xef\xbb\xbf";
   if (text.starts_with(kByteOrder)) text.remove_prefix(kByteOrder.size());
-  if (text.size() < 2 || text[1] == '\0' || memchr("< \t\r\n", text[0], 5) == nullptr) return false;
+  constexpr string_view kFirst = "< \t\r\n";
+  if (text.size() < 2 || text[1] == '\0' || kFirst.find(text[0]) == string_view::npos) return false;
   for (size_t at = 0; (at = text.find('<')) != string_view::npos;) {
     text.remove_prefix(at + 1);
     if (!skip_other(&text) && !skip_tag(&text)) return false;

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <iterator>
 
 #include "base/pol_crash.h"
 #include "forward/pol_fwd_block_internal.h"
@@ -40,7 +41,7 @@ extern const FwdRef kFwdTlocList;
 inline constexpr const FwdRef* kFwdRefs[] = {
     &kFwdSrcPfx,     &kFwdDstPfx,      &kFwdSrcPfx6,  &kFwdDstPfx6, &kFwdAppId,   &kFwdAppList,
     &kFwdDnsAppList, &kFwdSaasAppList, &kFwdSlaClass, &kFwdPolicer, &kFwdTlocList};
-inline constexpr size_t kFwdRoles = sizeof kFwdRefs / sizeof *kFwdRefs;
+inline constexpr size_t kFwdRoles = std::size(kFwdRefs);
 static_assert(offsetof(t_pol_fwd_user, entry) == kFwdRoles * sizeof(t_pol_clause_user),
               "every registration is a role's");
 

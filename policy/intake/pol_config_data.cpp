@@ -121,6 +121,7 @@ struct TlocParts {
   bool encap_given = false;
   bool address_removed = false;
   bool color_removed = false;
+  bool encap_removed = false;
   t_ipaddr address = {};
   uint8_t color = 0;
   uint8_t encap = 0;
@@ -143,6 +144,7 @@ struct TlocParts {
         return;
       default:
         encap_given = true;
+        encap_removed = false;
         encap = static_cast<uint8_t>(leaf.enumeration());
         return;
     }
@@ -161,6 +163,7 @@ struct TlocParts {
     color_removed |= tag == pol::kTagColor;
     if (tag != pol::kTagEncap || encap_given) return;
     encap_given = true;
+    encap_removed = true;
     encap = KEL_ENCAP_IPSEC;
   }
 };
@@ -247,7 +250,9 @@ class ActionLeaves {
     };
     note(tloc_local_seen_, tloc_local_, POL_ENCAP_BY_TLOC);
     note(service_local_seen_ || service_removed_, service_local_, POL_ENCAP_BY_SERVICE);
-    if (tloc_.encap_given) clauses->encap_told = tloc_.encap;
+    // With the TLOC goes the encapsulation; alone it becomes the usual one.
+    const bool gone = tloc_.encap_removed && tloc_.removed();
+    if (tloc_.encap_given) clauses->encap_told = gone ? uint8_t{0} : tloc_.encap;
   }
 
   // Also when only what makes its encapsulation binding was told.
