@@ -39,6 +39,7 @@ struct t_pol_ctx {
   pol::AvlTree<t_pol_user> users;
   pol::ChangeList change_list;
   uint64_t batch;           // counts notification passes
+  uint64_t places;          // counts users that were given a policy
   t_pol_user* notify_next;  // the user that pol_block_user_notify_all goes to next
 
   t_pol_service_resolve_cb resolve_service;

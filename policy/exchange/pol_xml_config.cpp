@@ -196,7 +196,7 @@ uint32_t pol_xml_config_get_str(int32_t type, const char* name, char** buffer, u
   const t_pol_xml_config* config = ctx->xml_configs.find(&key);
   if (config != nullptr && config->text != nullptr) {
     status = pol_fwd_policy_append(config->text, static_cast<int32_t>(config->size), buffer, room);
-    // On purpose: the number is always 0; support tools look for the line as it is.
+    // On purpose: the number is always 0.
     if (status != POL_OK) POL_LOG_ALWAYS("Could not append policy (error:%d)\n", 0);
   }
   int error = unlock(ctx);

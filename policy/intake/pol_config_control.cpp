@@ -58,14 +58,14 @@ void set_default_action(t_pol_ctx* ctx, t_pol_block* block, const pol::Leaf& lea
 
 // The policy's own node, alike for both kinds.
 uint32_t read_policy(t_pol_ctx* ctx, uint32_t op, const char* name, uint32_t kind, const char* what,
-                     const pol::Leaves& leaves) {
+                     const pol::Leaves& leaves, pol::Caller reader = pol::Caller::here()) {
   uint8_t changed = 0;
   t_pol_block* block = nullptr;
   switch (op) {
     case POL_CFG_CREATED:
       block = pol_block_find_or_create(ctx, name, kind, &changed);
       if (block == nullptr) {
-        POL_LOG("Failed to create %s policy - pol: %s\n", what, name);
+        POL_LOG_FROM(reader, "Failed to create %s policy - pol: %s\n", what, name);
         return kFailed;
       }
       break;
@@ -77,7 +77,7 @@ uint32_t read_policy(t_pol_ctx* ctx, uint32_t op, const char* name, uint32_t kin
       break;
   }
   for (uint32_t i = 0; i < leaves.count(); ++i) {
-    pol::log_leaf(i, leaves[i]);
+    pol::log_leaf(i, leaves[i], reader);
     if (leaves[i].tag() == pol::kTagDefaultAction)
       set_default_action(ctx, block, leaves[i], &changed);
   }
@@ -479,7 +479,7 @@ uint32_t pol_config_control_policy_match_read(void* /*host*/, t_pol_ctx* ctx, ui
           static_cast<int>(op), leaves.count(), match_type);
   t_pol_block* block = pol_block_find(ctx, name, POL_KIND_ROUTE, nullptr);
   t_pol_entry* entry = pol_entry_find(ctx, block, sequence, nullptr);
-  if (block == nullptr || entry == nullptr) pol::crash();
+  if (entry == nullptr) pol::crash("a match of a sequence that is not there");
   uint8_t changed = 0;
   if (op == POL_CFG_CREATED) {
     pol_entry_match_add(ctx, block, entry, match_kind_of(match_type), &changed);

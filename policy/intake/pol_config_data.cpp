@@ -42,11 +42,12 @@ struct Place {
   uint32_t kind;
   const char* vpn_list;
   uint16_t sequence;
+  pol::Caller reader = pol::Caller::here();
 };
 
-void check(uint32_t kind, uint8_t level, uint8_t own) {
-  pol::check_level(level, own);
-  if (!pol::is_forwarding(kind)) pol::crash();
+void check(uint32_t kind, uint8_t level, uint8_t own, pol::Caller from = pol::Caller::here()) {
+  pol::check_level(level, own, from);
+  if (!pol::is_forwarding(kind)) pol::crash("a kind without VPN lists", from);
 }
 
 t_pol_block* mark_for_fetch(const Place& at) {
@@ -57,9 +58,9 @@ t_pol_block* mark_for_fetch(const Place& at) {
 
 // Ends the process: a VPN list or sequence that is reported as new cannot be done without.
 [[noreturn]] void fail_entry(const Place& at) {
-  POL_LOG("Failed to create %s policy entry - pol: %s, vpn: %s seq: %d\n",
-          pol_util_type_str(at.kind), at.policy, at.vpn_list, at.sequence);
-  pol::crash();
+  POL_LOG_FROM(at.reader, "Failed to create %s policy entry - pol: %s, vpn: %s seq: %d\n",
+               pol_util_type_str(at.kind), at.policy, at.vpn_list, at.sequence);
+  pol::crash("a reported sequence that cannot be made", at.reader);
 }
 
 // What the leaves of an SLA class say, gathered.
@@ -324,7 +325,7 @@ void read_sequence(const Place& at, const pol::Leaves& leaves) {
   ActionLeaves action(at);
   for (uint32_t i = 0; i < leaves.count(); ++i) {
     const pol::Leaf leaf = leaves[i];
-    pol::log_leaf(i, leaf);
+    pol::log_leaf(i, leaf, at.reader);
     if (auto update = by_name(leaf.tag())) {
       update(at.ctx, at.policy, at.kind, at.vpn_list, at.sequence,
              leaf.removed() ? nullptr : leaf.text());
@@ -341,7 +342,7 @@ void read_sequence(const Place& at, const pol::Leaves& leaves) {
 void read_vpn_list(const Place& at, t_pol_block* block, const pol::Leaves& leaves) {
   SlaLeaves sla;
   for (uint32_t i = 0; i < leaves.count(); ++i) {
-    pol::log_leaf(i, leaves[i]);
+    pol::log_leaf(i, leaves[i], at.reader);
     if (leaves[i].tag() == pol::kTagDefaultAction && block != nullptr) {
       pol_block_users_add_to_chg_list(at.ctx, block);
     }
@@ -364,7 +365,7 @@ uint32_t pol_config_fwd_read(uint32_t type, void* /*host*/, t_pol_ctx* ctx, uint
     t_pol_block* block = pol_block_find_or_create(ctx, name, type, &changed);
     if (block == nullptr) {
       POL_LOG("Failed to create %s policy - pol: %s\n", pol_util_type_str(type), name);
-      pol::crash();
+      pol::crash("a reported policy that cannot be made");
     }
     block->fetch_xml = 1;
     if (changed != 0) pol_user_chg_list_notify_all(ctx);
@@ -388,7 +389,7 @@ uint32_t pol_config_fwd_vpn_list_read(uint32_t type, void* /*host*/, t_pol_ctx* 
     if (pol_fwd_vpn_find_or_create(ctx, at.policy, type, at.vpn_list) == nullptr) {
       POL_LOG("Failed to create %s policy - pol: %s, vpn: %s\n", pol_util_type_str(type), at.policy,
               at.vpn_list);
-      pol::crash();
+      pol::crash("a reported VPN list that cannot be made");
     }
     // Sequence 0 has the VPN list's own settings.
     if (pol_fwd_entry_find_or_create(ctx, at.policy, type, at.vpn_list, 0) == nullptr) {

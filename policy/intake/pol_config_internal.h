@@ -2,8 +2,8 @@
 //
 // pol_config_internal.h - typed cursors over the keys and leaves of a reported change.
 //
-// Each asserts the type that it reads. The assertions' texts are known to support tools, so the
-// names of the pointers in them are fixed.
+// Each asserts the type that it reads. The names of the pointers are kept on purpose: an
+// assertion's text is made of them.
 #pragma once
 
 #include <arpa/inet.h>
@@ -148,8 +148,8 @@ class Leaves {
 };
 
 // A policy reader called for another level than its own ends the process.
-inline void check_level(uint8_t level, uint8_t own) {
-  if (level != own) crash();
+inline void check_level(uint8_t level, uint8_t own, Caller from = Caller::here()) {
+  if (level != own) crash("a change of another level than the reader's", from);
 }
 
 inline t_tloc_id tloc_of(const t_ipaddr& address, uint8_t color, uint8_t encap) {
@@ -161,9 +161,10 @@ inline t_tloc_id tloc_of(const t_ipaddr& address, uint8_t color, uint8_t encap) 
   return tloc;
 }
 
-inline void log_leaf(uint32_t at, const Leaf& leaf) {
-  POL_LOG("cur: %d XML = %u, type: %d \n", static_cast<int>(at), leaf.tag(),
-          static_cast<int>(leaf.type()));
+// A line of the reader's.
+inline void log_leaf(uint32_t at, const Leaf& leaf, Caller reader = Caller::here()) {
+  POL_LOG_FROM(reader, "cur: %d XML = %u, type: %d \n", static_cast<int>(at), leaf.tag(),
+               static_cast<int>(leaf.type()));
 }
 
 }  // namespace pol

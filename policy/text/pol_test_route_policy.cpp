@@ -69,24 +69,22 @@ void sequence_step(Line& line, const Clause& clause) {
   pol_entry_find_and_delete(line.ctx, line.block, clause.number(), &line.changed);
 }
 
-// Takes the match clauses off their lists and drops them, telling nobody.
+// Take the clauses off their lists and drop them, telling nobody.
 void drop_match(t_pol_ctx* ctx, t_pol_entry* entry) {
-  t_pol_match& match = entry->match;
-  pol_color_list_user_remove(ctx, list_of<t_color_list>(match.color_list), &match.color_list);
-  pol_pfx_list_user_remove(ctx, list_of<t_pfx_list>(match.pfx_list), &match.pfx_list);
-  pol_site_list_pol_user_remove(ctx, list_of<t_site_list>(match.site_list), &match.site_list);
-  pol_tloc_list_user_remove(ctx, list_of<t_tloc_list>(match.tloc_list), &match.tloc_list);
-  pol_vpn_list_match_user_remove(ctx, list_of<t_vpn_list>(match.vpn_list), &match.vpn_list);
-  match.type = 0;
-  entry->match_flags = 0;
+  for (const auto& row : kMatchLists) {
+    t_pol_clause_user* user = &(entry->match.*row.user);
+    if (user->list != nullptr) user_leave(ctx, user, Leaving::kForgets);
+  }
+  match_reset(entry);
 }
 
 void drop_set(t_pol_ctx* ctx, t_pol_entry* entry) {
-  t_pol_set& set = entry->set;
-  pol_vpn_list_action_user_remove(ctx, list_of<t_vpn_list>(set.vpn_list), &set.vpn_list);
-  pol_tloc_list_action_user_remove(ctx, list_of<t_tloc_list>(set.tloc_list), &set.tloc_list);
+  for (const auto& row : kSetLists) {
+    t_pol_clause_user* user = &(entry->set.*row.user);
+    if (user->list != nullptr) user_leave(ctx, user, Leaving::kForgets);
+  }
   if ((entry->set_flags & POL_SET_F_TLOC_LIST) != 0) entry->block->sets &= ~POL_SETS_TLOC_LIST;
-  entry->set_flags = 0;
+  set_reset(entry);
 }
 
 // On purpose: who uses the policy is told when match clauses went, or when an accept is deleted;
