@@ -34,12 +34,6 @@ struct Caller {
 #define POL_LOG_ALWAYS(format, ...) \
   POL_LOG_LINE("%s[%d]: [POL] " format, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
-// Without the library's mark, as the text policy file's own lines are.
-#define POL_LOG_PLAIN(format, ...) \
-  POL_LOG_LINE("%s[%d]: " format, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
-#define POL_LOG_PLAIN_FROM(from, format, ...) \
-  POL_LOG_LINE("%s[%d]: " format, (from).function, (from).line __VA_OPT__(, ) __VA_ARGS__)
-
 #define POL_LOG_AT(level, format, ...)                                                      \
   do {                                                                                      \
     if (::pol::debug_level() >= (level)) POL_LOG_ALWAYS(format __VA_OPT__(, ) __VA_ARGS__); \
@@ -47,10 +41,19 @@ struct Caller {
 
 #define POL_LOG(format, ...) POL_LOG_AT(1, format __VA_OPT__(, ) __VA_ARGS__)
 
-#define POL_LOG_FROM(from, format, ...)                                              \
-  do {                                                                               \
-    if (::pol::debug_level() >= 1) {                                                 \
-      POL_LOG_LINE("%s[%d]: [POL] " format, (from).function,                         \
-                   (from).line __VA_OPT__(, ) __VA_ARGS__);                          \
-    }                                                                                \
+// For the caller of a helper.
+#define POL_LOG_FROM(from, format, ...)                                               \
+  do {                                                                                \
+    if (::pol::debug_level() >= 1) {                                                  \
+      POL_LOG_LINE("%s[%d]: [POL] " format, (from).function,                          \
+                   (from).line __VA_OPT__(, ) __VA_ARGS__);                           \
+    }                                                                                 \
+  } while (0)
+
+// The same without the library's mark, as the text policy file's own lines are.
+#define POL_LOG_PLAIN_FROM(from, format, ...)                                          \
+  do {                                                                                 \
+    if (::pol::debug_level() >= 1) {                                                   \
+      POL_LOG_LINE("%s[%d]: " format, (from).function, (from).line __VA_OPT__(, ) __VA_ARGS__); \
+    }                                                                                  \
   } while (0)

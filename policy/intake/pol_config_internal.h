@@ -14,19 +14,9 @@
 #include "base/pol_crash.h"
 #include "base/pol_log.h"
 #include "policy/pol_config.h"
+#include "policy/pol_config_tags.h"
 
 namespace pol {
-
-// Leaves that control policies and data policies have alike.
-inline constexpr uint32_t kTagDefaultAction = 0x7037c488;
-inline constexpr uint32_t kTagVpn = 0x4d7d11c2;
-inline constexpr uint32_t kTagTlocList = 0x72d28bfe;
-inline constexpr uint32_t kTagTloc = 0x33c074ce;
-inline constexpr uint32_t kTagAddress = 0x61fa2cdb;
-inline constexpr uint32_t kTagColor = 0x2b503622;
-inline constexpr uint32_t kTagEncap = 0x5a62686b;
-inline constexpr uint32_t kTagService = 0x32fc12e6;
-inline constexpr uint32_t kTagServiceType = 0x6ccfcce4;
 
 inline const char* buffer_text(const pol_cfg_value& value) {
   return value.val.buf.ptr != nullptr ? reinterpret_cast<const char*>(value.val.buf.ptr) : "";

@@ -64,8 +64,9 @@ uint32_t pol_test_get_tokens(const char* line, t_pol_test_tokens tokens, uint32_
   const pol::TextLine* known = count > 0 ? pol::text_line(tokens[0]) : nullptr;
   *kind = known != nullptr ? known->kind : static_cast<uint32_t>(POL_TEST_OTHER);
   for (uint32_t i = 0; i < count; ++i) {
-    POL_LOG_PLAIN("i: %d,   %s - %d\n", static_cast<int>(i), tokens[i],
-                  static_cast<int>(strlen(tokens[i])));
+    // On purpose whatever the debug level is, unlike all else that reading a file logs.
+    POL_LOG_LINE("%s[%d]: i: %d,   %s - %d\n", __func__, __LINE__, static_cast<int>(i), tokens[i],
+                 static_cast<int>(strlen(tokens[i])));
   }
   return count;
 }
