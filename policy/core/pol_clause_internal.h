@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "base/pol_name.h"
 #include "core/pol_block_internal.h"
 #include "policy/pol_clause.h"
 
