@@ -4,6 +4,7 @@
 
 #include "base/pol_log.h"
 #include "intake/pol_config_internal.h"
+#include "kel/ipaddr.h"
 #include "policy/pol_color_list.h"
 #include "policy/pol_pfx_list.h"
 #include "policy/pol_site_list.h"

@@ -5,6 +5,7 @@
 #include "base/pol_crash.h"
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
+#include "kel/tloc.h"
 
 namespace {
 

@@ -11,6 +11,7 @@
 #include "base/pol_crash.h"
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
+#include "kel/ipaddr.h"
 #include "policy/pol_util.h"
 
 namespace {
