@@ -18,22 +18,11 @@
 #include <algorithm>
 
 #include "policy/pol_config.h"
+#include "policy/pol_config_tags.h"
 
 namespace polctl {
 
 namespace {
-
-constexpr uint32_t kTagSlaClass = 0x1fc19c53;
-constexpr uint32_t kTagStrict = 0x5c327362;
-constexpr uint32_t kTagPreferredColor = 0x6464ce5d;
-constexpr uint32_t kTagSaasAppList = 0x07441945;
-constexpr uint32_t kTagDnsAppList = 0x5a06eb58;
-constexpr uint32_t kTagService = 0x32fc12e6;
-constexpr uint32_t kTagTloc = 0x33c074ce;
-constexpr uint32_t kTagTlocList = 0x72d28bfe;
-constexpr uint32_t kTagVpn = 0x4d7d11c2;
-constexpr uint32_t kTagAddress = 0x61fa2cdb;
-constexpr uint32_t kTagEncap = 0x5a62686b;
 
 constexpr std::string_view kDataPolicy = "/policy/data-policy";
 constexpr std::string_view kAppRoutePolicy = "/policy/app-route-policy";
@@ -43,7 +32,7 @@ constexpr uint8_t kVpnListLevel = 2;
 constexpr uint8_t kSequenceLevel = 3;
 
 bool is_sla(uint32_t tag) {
-  return tag == kTagSlaClass || tag == kTagStrict || tag == kTagPreferredColor;
+  return tag == POL_TAG_SLA_CLASS || tag == POL_TAG_STRICT || tag == POL_TAG_PREFERRED_COLOR;
 }
 
 template <typename Test>
@@ -57,17 +46,17 @@ bool any_leaf(const t_yarrow_change& change, Test test) {
 
 // Whether a sequence with these leaves, the change merged in, is what its reader makes of the change.
 bool told(const t_yarrow_change& change, const LeafMirror& leaves) {
-  const bool service = leaves.count_in(kTagService) > 0;
-  const bool address = leaves.count(kTagAddress) > 0;
+  const bool service = leaves.count_in(POL_TAG_SERVICE) > 0;
+  const bool address = leaves.count(POL_TAG_ADDRESS) > 0;
   auto inside = [](const Scope& scope, uint32_t container) {
     return std::find(scope.begin(), scope.end(), container) != scope.end();
   };
   return !any_leaf(change, [&](const Scope& scope, const t_yarrow_tag_value& leaf) {
-    if (inside(scope, kTagService) || is_sla(leaf.tag)) return true;
-    if (inside(scope, kTagTloc)) {
-      return service || !address || (leaf.tag == kTagEncap && leaf.v.type == C_NOEXISTS);
+    if (inside(scope, POL_TAG_SERVICE) || is_sla(leaf.tag)) return true;
+    if (inside(scope, POL_TAG_TLOC)) {
+      return service || !address || (leaf.tag == POL_TAG_ENCAP && leaf.v.type == C_NOEXISTS);
     }
-    return service && (leaf.tag == kTagVpn || leaf.tag == kTagTlocList);
+    return service && (leaf.tag == POL_TAG_VPN || leaf.tag == POL_TAG_TLOC_LIST);
   });
 }
 
@@ -123,7 +112,7 @@ void ForwardWalk::take_vpn_list(const Place& at, const t_yarrow_change& change) 
   std::vector<t_yarrow_tag_value> values(change.values, change.values + change.value_count);
   if (any_leaf(change, [](const Scope&, const auto& leaf) { return is_sla(leaf.tag); })) {
     if (list.sequences.count(0) != 0) return make_anew(at);
-    if (list.leaves.count(kTagSlaClass) != 0) values = list.leaves.values();
+    if (list.leaves.count(POL_TAG_SLA_CLASS) != 0) values = list.leaves.values();
   }
   hand(at, kVpnListLevel, change.op, values);
 }
@@ -158,8 +147,8 @@ void ForwardWalk::make_anew(const Place& at) {
 
 void ForwardWalk::release(const Place& at) {
   t_yarrow_tag_value gone[2] = {};
-  gone[0].tag = kTagDnsAppList;
-  gone[1].tag = kTagSaasAppList;
+  gone[0].tag = POL_TAG_DNS_APP_LIST;
+  gone[1].tag = POL_TAG_SAAS_APP_LIST;
   for (t_yarrow_tag_value& value : gone) value.v.type = C_NOEXISTS;
   hand(at, kSequenceLevel, YARROW_MODIFIED, {gone, gone + 2});
 }
@@ -167,7 +156,7 @@ void ForwardWalk::release(const Place& at) {
 void ForwardWalk::release(const Place& at, const VpnList& list) {
   Place within = at;
   for (const auto& [number, leaves] : list.sequences) {
-    if (leaves.count(kTagDnsAppList) + leaves.count(kTagSaasAppList) == 0) continue;
+    if (leaves.count(POL_TAG_DNS_APP_LIST) + leaves.count(POL_TAG_SAAS_APP_LIST) == 0) continue;
     within.sequence = number;
     release(within);
   }

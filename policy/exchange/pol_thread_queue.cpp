@@ -31,7 +31,7 @@ bool thread_wake(const t_pol_yarrow_thread* thread) {
 }
 
 void thread_push(t_pol_yarrow_thread* thread, ThreadQueue queue, t_pol_thread_queue_item* item) {
-  // On purpose every queue's messages name the label-set queue.
+  // On purpose: every queue's messages name the label-set queue.
   if (pthread_spin_lock(&thread->locks[queue]) != 0) {
     POL_LOG("Lock error on label-set queue\n");
     pol_free(item, MEM_THREAD_ITEM);

@@ -104,14 +104,14 @@ void note_fetch(t_pol_fetch_time* time, time_t start, time_t end) {
 }
 
 bool lock(t_pol_ctx* ctx) {
-  int error = pthread_spin_lock(&ctx->xml_lock);
-  if (error != 0) POL_LOG_ALWAYS("Lock error on xml config tree (error:%d)\n", error);
+  int error = pol::xml_lock(ctx);
+  if (error != 0) POL_LOG("Lock error on xml config tree (error:%d)\n", error);
   return error == 0;
 }
 
 int unlock(t_pol_ctx* ctx) {
   int error = pthread_spin_unlock(&ctx->xml_lock);
-  if (error != 0) POL_LOG_ALWAYS("Unlock error on xml config tree (error:%d)\n", error);
+  if (error != 0) POL_LOG("Unlock error on xml config tree (error:%d)\n", error);
   return error;
 }
 
@@ -129,7 +129,7 @@ uint32_t append_text(int32_t type, const char* name, Append append) {
   if (config != nullptr && config->text != nullptr) status = append({config->text, config->size});
   const int error = unlock(ctx);
   // On purpose the number is always 0.
-  if (status != POL_OK) POL_LOG_ALWAYS("Could not append policy (error:%d)\n", 0);
+  if (status != POL_OK) POL_LOG("Could not append policy (error:%d)\n", 0);
   return status != POL_OK ? status : static_cast<uint32_t>(error);
 }
 
@@ -163,6 +163,7 @@ uint32_t pol_xml_config_init(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
   ctx->xml_configs.create(xml_compare, offsetof(t_pol_xml_config, link));
   int error = pthread_spin_init(&ctx->xml_lock, PTHREAD_PROCESS_PRIVATE);
+  ctx->xml_lock_made = error == 0 ? 1 : 0;
   if (error == 0) return POL_OK;
   POL_LOG_ALWAYS("Failed to init spinlock for XML config (error %d)\n", error);
   return POL_ESPINLOCK;
@@ -170,6 +171,7 @@ uint32_t pol_xml_config_init(t_pol_ctx* ctx) {
 
 uint32_t pol_xml_config_deinit(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
+  if (ctx->xml_lock_made == 0) return POL_OK;  // nothing was ever kept
   if (lock(ctx)) {
     void* cookie = nullptr;
     while (t_pol_xml_config* config = ctx->xml_configs.drain(&cookie)) free_config(config);
@@ -177,7 +179,7 @@ uint32_t pol_xml_config_deinit(t_pol_ctx* ctx) {
     ctx->xml_configs.destroy();
   }
   int error = pthread_spin_destroy(&ctx->xml_lock);
-  if (error != 0) POL_LOG_ALWAYS("Failed to destroy spinlock for XML config (error %d)\n", error);
+  if (error != 0) POL_LOG("Failed to destroy spinlock for XML config (error %d)\n", error);
   return static_cast<uint32_t>(error);
 }
 
@@ -228,7 +230,7 @@ int pol_dump_xml_config_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*arg
   if (ctx == nullptr) return 0;
   pol::dump_title(cli, "\n              XML Config    ");
   maapi_cli_printf(cli, "\n");
-  int error = pthread_spin_lock(&ctx->xml_lock);
+  int error = pol::xml_lock(ctx);
   if (error != 0) {
     maapi_cli_printf(cli, "Lock error on xml config tree (error:%d)", error);
     return 0;
