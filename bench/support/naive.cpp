@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "kel/ipaddr.h"
 #include "support/naive.h"
 
 namespace bench {

@@ -128,7 +128,6 @@ t_pol_user* pol_user_find_or_create(t_pol_ctx* ctx, const char* name, const char
                                     t_pol_resolve_cb resolve, uint64_t reserved,
                                     uint64_t user_arg) {
   if (ctx == nullptr || name == nullptr || policy_name == nullptr) return nullptr;
-  if (direction > POL_DIR_OUT) return nullptr;
   avl_index where = 0;
   t_pol_user* user = pol_user_find(ctx, name, kind, direction, &where);
   if (user != nullptr) return user;

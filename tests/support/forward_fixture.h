@@ -12,6 +12,7 @@
 
 #include "base/pol_memory.h"
 #include "exchange/pol_yarrow_thread_internal.h"
+#include "kel/tloc.h"
 #include "support/policy_fixture.h"
 #include "support/seams.h"
 
