@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "kel/ipaddr.h"
 #include "support/naive.h"
+#include "kel/ipaddr.h"
 
 namespace bench {
 namespace {

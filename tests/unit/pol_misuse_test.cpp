@@ -44,8 +44,7 @@ class MisuseTest : public PolicyTest {
 
   // All but the counts of allocations: what is made and given back at once is no change.
   static std::string state() {
-    const std::string all =
-        printed([](t_cli_user_ctx* cli) { pol_dump_all(cli, 0, 0, nullptr); });
+    const std::string all = printed([](t_cli_user_ctx* cli) { pol_dump_all(cli, 0, 0, nullptr); });
     return all.substr(0, all.find("MEMORY STATISTICS"));
   }
 
@@ -151,9 +150,8 @@ class MisuseTest : public PolicyTest {
   void try_wrongly(const char* name, R (*function)(A...)) {
     if (skipped(name)) return;
     ++tried_;
-    [&]<size_t... I>(std::index_sequence<I...>) {
-      (without<I>(name, function), ...);
-    }(std::index_sequence_for<A...>());
+    [&]<size_t... I>(std::index_sequence<I...>) { (without<I>(name, function), ...); }
+    (std::index_sequence_for<A...>());
     // A record that is registered nowhere is removed from nothing.
     if (std::string_view(name).find("user_remove") != std::string_view::npos &&
         std::string_view(name) != "pol_site_list_user_remove") {
