@@ -5,8 +5,9 @@
 // a batch of changes has the list called back. A callback may do anything but destroy the context:
 // unregister itself or others, change policy, ask for notification. So nothing here keeps a user
 // across a callback: the batch is taken from the list's head, and the walk over a policy's users
-// goes on from a place that their removal moves on. A change looks only at users that are not queued
-// yet, so that many changes, and many callbacks that change their own policy, cost no walk over all.
+// goes on from a place that their removal moves on. A change looks only at users that are not
+// queued yet, so that many changes, and many callbacks that change their own policy, cost no walk
+// over all.
 #include "core/pol_user_internal.h"
 
 #include <cstring>
