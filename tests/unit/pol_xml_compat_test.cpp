@@ -23,6 +23,7 @@ class CompatTest : public ::testing::Test {
 
   // The filter must not write to where its host's messages go.
   static Result filtered(const std::string& text, const char* name_space = kNamespace) {
+    pol_debug_set(1);
     seams::take_log();
     testing::internal::CaptureStderr();
     uint32_t length = 0;
