@@ -36,26 +36,6 @@ const char* level_name(LogLevel level) {
   }
 }
 
-// Printable ASCII alone, in which a backslash begins what stands for another byte.
-std::string visible(std::string_view text) {
-  std::string out;
-  for (char c : text.substr(0, kMaxLogText)) {
-    if (c == '\\') {
-      out += "\\\\";
-    } else if (c == '\n') {
-      out += "\\n";
-    } else if (c >= ' ' && c <= '~') {
-      out += c;
-    } else {
-      char code[8];
-      snprintf(code, sizeof code, "\\x%02x", unsigned{static_cast<uint8_t>(c)});
-      out += code;
-    }
-  }
-  if (text.size() > kMaxLogText) out += "...";
-  return out;
-}
-
 // The visible text in quotes; JSON has backslashes of its own.
 std::string quoted(std::string_view visible_text, bool json) {
   std::string out = "\"";
@@ -68,7 +48,7 @@ std::string quoted(std::string_view visible_text, bool json) {
 
 std::string value_text(const LogField& field, bool json) {
   if (field.is_number) return field.value;
-  std::string text = visible(field.value);
+  std::string text = visible_text(field.value);
   bool plain = !json && text.find_first_of(" \"=\\") == std::string::npos;
   return plain ? text : quoted(text, json);
 }
@@ -116,6 +96,25 @@ int64_t steady_ms() {
 
 }  // namespace
 
+std::string visible_text(std::string_view text) {
+  std::string out;
+  for (char c : text.substr(0, kMaxLogText)) {
+    if (c == '\\') {
+      out += "\\\\";
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c >= ' ' && c <= '~') {
+      out += c;
+    } else {
+      char code[8];
+      snprintf(code, sizeof code, "\\x%02x", unsigned{static_cast<uint8_t>(c)});
+      out += code;
+    }
+  }
+  if (text.size() > kMaxLogText) out += "...";
+  return out;
+}
+
 std::string log_format(LogTarget target, LogLevel level, std::string_view what,
                        std::initializer_list<LogField> fields) {
   bool json = target == LogTarget::kJson;
@@ -123,12 +122,12 @@ std::string log_format(LogTarget target, LogLevel level, std::string_view what,
   if (json) {
     line = "{\"time\":\"" + timestamp() + "\",\"program\":" + quoted(g_program.load(), true) +
            ",\"pid\":" + std::to_string(getpid()) + ",\"level\":\"" + level_name(level) +
-           "\",\"what\":" + quoted(visible(what), true);
+           "\",\"what\":" + quoted(visible_text(what), true);
   } else if (target == LogTarget::kStderr) {
     line = timestamp() + ' ' + g_program.load() + '[' + std::to_string(getpid()) + "] " +
-           level_name(level) + ": " + visible(what);
+           level_name(level) + ": " + visible_text(what);
   } else {
-    line = visible(what);
+    line = visible_text(what);
   }
   for (const LogField& field : fields) {
     if (field.value.empty()) continue;

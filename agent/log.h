@@ -28,7 +28,7 @@ enum class LogTarget : uint8_t { kOff, kSyslog, kStderr, kJson };
 // rotation.
 enum class LogLevel : uint8_t { kError = 3, kWarning = 4, kNotice = 5, kInfo = 6 };
 
-constexpr size_t kMaxLogText = 500;
+constexpr size_t kMaxLogText = 1000;
 
 struct LogField {
   const char* name;
@@ -59,6 +59,9 @@ struct LogBurst {
 };
 void log_burst(LogBurst& burst, LogLevel level, std::string_view what,
                std::initializer_list<LogField> fields = {});
+
+// Text that others wrote, in printable ASCII: a backslash begins what stands for another byte.
+std::string visible_text(std::string_view text);
 
 // One line in the target's form, without its end.
 std::string log_format(LogTarget target, LogLevel level, std::string_view what,
