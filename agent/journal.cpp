@@ -14,7 +14,6 @@ namespace agent {
 namespace {
 
 constexpr char kRunning[] = "running";
-constexpr uint64_t kRewriteSlack = 4u << 20;
 
 using End = JournalContent::End;
 
@@ -185,7 +184,7 @@ bool journal_wants_rewrite(const Journal& journal) {
   // What the file written anew would have: alike after a restart, whatever the file has grown to.
   uint64_t needed =
       std::accumulate(journal.commit_sizes.begin(), journal.commit_sizes.end(), journal.base_size);
-  return journal.size > std::min(2 * needed + kRewriteSlack, journal.limit / 2);
+  return journal.size > std::min(2 * needed + journal.slack, journal.limit / 2);
 }
 
 Result journal_rewrite(Journal& journal, const Schema& schema,
@@ -208,7 +207,7 @@ Result journal_rewrite(Journal& journal, const Schema& schema,
     journal.commit_sizes = std::move(fresh.commit_sizes);
     journal.broken = !state_dir_sync(journal.dir).ok();
   }
-  journal.quiet_until = journal.size + std::max(journal.size / 4, kRewriteSlack);
+  journal.quiet_until = journal.size + std::max(journal.size / 4, journal.slack);
   return result;
 }
 

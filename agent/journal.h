@@ -23,7 +23,8 @@
 
 namespace agent {
 
-constexpr uint64_t kMaxJournal = 1u << 30;  // bytes of a file
+constexpr uint64_t kMaxJournal = 1u << 30;    // bytes of a file
+constexpr uint64_t kRewriteSlack = 4u << 20;  // that it may outgrow twice what is needed
 
 struct Journal {
   StateDir dir;  // not open: nothing is kept
@@ -32,6 +33,7 @@ struct Journal {
   uint64_t base_size = 0;             // of its base
   std::deque<uint64_t> commit_sizes;  // of its last kMaxRollback commits
   uint64_t quiet_until = 0;           // not written anew below this size
+  uint64_t slack = kRewriteSlack;
   uint64_t limit = kMaxJournal;
   bool broken = false;  // a write failed and could not be taken back
 
