@@ -14,6 +14,8 @@
 #include <fstream>
 #include <map>
 
+#include "support/paths.h"
+
 namespace test {
 
 namespace {
@@ -97,7 +99,7 @@ AgentProcess::AgentProcess(const std::string& directory, const std::vector<std::
   if (pid_ == 0) {
     dup2(ends[1], STDOUT_FILENO);
     dup2(log_, STDERR_FILENO);
-    execv(YARROWD_PATH, pointers.data());
+    execv(kYarrowdPath, pointers.data());
     _exit(127);
   }
   close(ends[1]);
