@@ -204,7 +204,9 @@ Result save(Agent& agent, const Session& session, const Transaction& trans, Read
   if (!find_node(trans.root, path)) {
     return failed(YARROW_ERR_NOEXISTS, path_text(path) + ": no such node");
   }
-  auto own = [&](const auto& stream) { return stream.second.owner == session.id; };
+  auto own = [&](const auto& stream) {
+    return stream.second.owner == session.id && !stream.second.taken;
+  };
   auto pending = std::count_if(agent.streams.begin(), agent.streams.end(), own);
   if (static_cast<size_t>(pending) >= kMaxStreamsEach) {
     return failed(YARROW_ERR_TOOBIG, "too many streams");

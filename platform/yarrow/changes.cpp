@@ -168,7 +168,8 @@ int wait_readable(int sock, int timeout_ms) {
 int read_batch(int sock, t_yarrow_batch& batch) {
   std::string body;
   for (bool begun = false;;) {
-    if (yarrow::read_frame(sock, &body) != YARROW_OK) return YARROW_ERR;
+    const auto limit = yarrow::TimeLimit::of_socket(sock);
+    if (yarrow::read_frame(sock, &body, limit) != YARROW_OK) return YARROW_ERR;
     Reader in(body);
     auto kind = static_cast<yarrow::PushKind>(in.u8());
     bool good = in.ok() && begun == (kind != yarrow::PushKind::kBatchBegin);
