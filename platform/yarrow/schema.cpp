@@ -9,6 +9,7 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/yarrow/change_check.h"
 #include "platform/yarrow/client.h"
 
 namespace {
@@ -104,6 +105,21 @@ bool next_step(std::string_view* path, std::string_view* prefix, std::string_vie
   return !name->empty();
 }
 
+// The node below `start`, which may be null for the top, of the schema that was loaded.
+const t_yarrow_cs_node* find_node(const t_yarrow_cs_node* start, std::string_view path) {
+  const LoadedSchema* schema = g_schema.load(std::memory_order_acquire);
+  const t_yarrow_cs_node* at = start;
+  const t_yarrow_cs_node* first = start != nullptr ? start->children : &schema->nodes.front();
+  std::string_view prefix;
+  std::string_view name;
+  while (!path.empty()) {
+    at = next_step(&path, &prefix, &name) ? child_by_name(first, prefix, name) : nullptr;
+    if (at == nullptr) return nullptr;
+    first = at->children;
+  }
+  return at;
+}
+
 }  // namespace
 
 int yarrow_load_schemas(const struct sockaddr* addr, socklen_t addr_len) {
@@ -138,20 +154,19 @@ const t_yarrow_cs_node* yarrow_cs_node_cd(const t_yarrow_cs_node* start, const c
   bool good = yarrow::add_path(text, format, args);
   va_end(args);
   if (!good) return nullptr;
-  const LoadedSchema* schema = g_schema.load(std::memory_order_acquire);
-  const t_yarrow_cs_node* at = start;
-  const t_yarrow_cs_node* first = start != nullptr ? start->children : &schema->nodes.front();
   std::string_view path = yarrow::Reader(text.bytes()).text();
-  if (start == nullptr && path == "/") return first;
-  std::string_view prefix;
-  std::string_view name;
-  while (!path.empty()) {
-    at = next_step(&path, &prefix, &name) ? child_by_name(first, prefix, name) : nullptr;
-    if (at == nullptr) {
-      yarrow::fail(YARROW_ERR_BADPATH, "no such path");
-      return nullptr;
-    }
-    first = at->children;
-  }
-  return at;
+  if (start == nullptr && path == "/")
+    return &g_schema.load(std::memory_order_acquire)->nodes.front();
+  const t_yarrow_cs_node* found = find_node(start, path);
+  if (found == nullptr) yarrow::fail(YARROW_ERR_BADPATH, "no such path");
+  return found;
 }
+
+namespace yarrow {
+
+const t_yarrow_cs_node* schema_node(std::string_view path) {
+  bool loaded = g_schema.load(std::memory_order_acquire) != nullptr;
+  return loaded ? find_node(nullptr, path) : nullptr;
+}
+
+}  // namespace yarrow
