@@ -12,11 +12,11 @@
 #include <sstream>
 #include <thread>
 
-#include "agent_link.h"
-#include "forwarding.h"
-#include "live_request.h"
-#include "live_server.h"
+#include "host/agent_link.h"
+#include "host/forwarding.h"
+#include "host/live_server.h"
 #include "process.h"
+#include "tool/live_request.h"
 #include "yarrow/yarrow_maapi.h"
 
 namespace {

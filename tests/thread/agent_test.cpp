@@ -9,7 +9,7 @@
 #include <sstream>
 #include <thread>
 
-#include "pol_xml_config_internal.h"
+#include "exchange/pol_xml_config_internal.h"
 #include "policy/pol_show_data.h"
 #include "support/golden.h"
 #include "support/policy_fixture.h"
