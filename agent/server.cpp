@@ -196,45 +196,6 @@ void write_some(Agent& agent, Connection& connection) {
   connection.dead = true;
 }
 
-bool out_of_descriptors(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-}
-
-// Says why not, if that goes out at once, and forgets the connection.
-void refuse(int socket, const Result& why) {
-  const std::string frame = status_frame(why, {});
-  [[maybe_unused]] ssize_t sent =
-      send(socket, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-  close(socket);
-}
-
-void accept_some(Server& server, int listener) {
-  for (int i = 0; i < kAcceptsATurn; ++i) {
-    int socket = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (socket < 0) {
-      // The connection stays in the listener's queue, which would wake the server again at once.
-      if (out_of_descriptors(errno)) server.accept_after = now_ms() + kAcceptPause;
-      return;
-    }
-    uid_t uid = 0;
-    bool by_path = listener == server.path.listener;
-    Result result = server_admit(server, socket, by_path, &uid);
-    if (result.ok() && server.connections.size() == kMaxConnections) {
-      result = failed(YARROW_ERR_TOOBIG, "too many connections");
-    }
-    if (!result.ok()) {
-      refuse(socket, result);
-      continue;
-    }
-    int on = 1;
-    if (!by_path) setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    Connection& connection = server.connections.emplace_back();
-    connection.socket = socket;
-    connection.session.id = server.next_id++;
-    connection.deadline = now_ms() + kHelloTime;
-  }
-}
-
 // Ends what the connection held, here and for others.
 void let_go(Server& server, const Connection& connection) {
   session_end(server.agent, connection.session);
@@ -258,6 +219,57 @@ void drop_dead(Server& server) {
   }
   std::erase_if(server.agent.streams,
                 [&](const auto& stream) { return now > stream.second.deadline; });
+}
+
+bool out_of_descriptors(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+// Says why not, if that goes out at once, and forgets the connection.
+void refuse(int socket, const Result& why) {
+  const std::string frame = status_frame(why, {});
+  [[maybe_unused]] ssize_t sent =
+      send(socket, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  close(socket);
+}
+
+// Whether all places are taken, by peers that are still there.
+bool is_full(Server& server) {
+  if (server.connections.size() < kMaxConnections) return false;
+  for (Connection& connection : server.connections) {
+    char byte = 0;
+    connection.dead =
+        connection.dead || recv(connection.socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+  }
+  drop_dead(server);
+  return server.connections.size() == kMaxConnections;
+}
+
+void accept_some(Server& server, int listener) {
+  for (int i = 0; i < kAcceptsATurn; ++i) {
+    int socket = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (socket < 0) {
+      // The connection stays in the listener's queue, which would wake the server again at once.
+      if (out_of_descriptors(errno)) server.accept_after = now_ms() + kAcceptPause;
+      return;
+    }
+    uid_t uid = 0;
+    bool by_path = listener == server.path.listener;
+    Result result = server_admit(server, socket, by_path, &uid);
+    if (result.ok() && is_full(server)) {
+      result = failed(YARROW_ERR_TOOBIG, "too many connections");
+    }
+    if (!result.ok()) {
+      refuse(socket, result);
+      continue;
+    }
+    int on = 1;
+    if (!by_path) setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    Connection& connection = server.connections.emplace_back();
+    connection.socket = socket;
+    connection.session.id = server.next_id++;
+    connection.deadline = now_ms() + kHelloTime;
+  }
 }
 
 // Waits for something to do; false when the server is to end.
@@ -305,9 +317,9 @@ void server_run(Server& server) {
       more = more || has_whole_frame(connection) ||
              (!connection.pending.empty() && connection.out.empty());
     }
+    drop_dead(server);
     if ((watched[1].revents & POLLIN) != 0) accept_some(server, server.listener);
     if ((watched[2].revents & POLLIN) != 0) accept_some(server, server.path.listener);
-    drop_dead(server);
     datastores_tidy(
         server.agent.stores);  // after the answer to the commit that made it due is sent
   }

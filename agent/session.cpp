@@ -4,7 +4,6 @@
 #include <syslog.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cinttypes>
 
 #include "agent/edits.h"
@@ -401,13 +400,6 @@ Result answer_cdb(Agent& agent, Session& session, Request request, Reader& in, W
 }
 
 }  // namespace
-
-int64_t now_ms() {
-  using std::chrono::duration_cast;
-  using std::chrono::milliseconds;
-  auto since = std::chrono::steady_clock::now().time_since_epoch();
-  return duration_cast<milliseconds>(since).count();
-}
 
 Result session_answer(Agent& agent, Session& session, SocketKind kind, Request request, Reader& in,
                       Writer& out) {

@@ -2,6 +2,8 @@
 #include "support.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -75,16 +77,22 @@ TempDirectory::TempDirectory()
 
 TempDirectory::~TempDirectory() { std::filesystem::remove_all(path_); }
 
-AgentProcess::AgentProcess(const std::string& directory) {
+AgentProcess::AgentProcess(const std::string& directory, const std::vector<std::string>& more,
+                           unsigned descriptors) {
   int ends[2];
   if (pipe(ends) != 0) abort();
+  std::vector<const char*> arguments = {"yarrowd", "--port", "0"};
+  if (!directory.empty()) arguments.insert(arguments.end(), {"--dir", directory.c_str()});
+  for (const std::string& one : more) arguments.push_back(one.c_str());
+  arguments.push_back(nullptr);
   pid_ = fork();
   if (pid_ == 0) {
     dup2(ends[1], STDOUT_FILENO);
     close(ends[0]);
     close(ends[1]);
-    execl(YARROWD_PATH, "yarrowd", "--port", "0", directory.empty() ? nullptr : "--dir",
-          directory.c_str(), nullptr);
+    const rlimit limit = {descriptors, descriptors};
+    if (descriptors > 0 && setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(126);
+    execv(YARROWD_PATH, const_cast<char**>(arguments.data()));
     _exit(127);
   }
   close(ends[1]);
@@ -220,6 +228,54 @@ std::string describe(const t_yarrow_change& change) {
     }
   }
   return text;
+}
+
+Environment::Environment(const char* name, const std::string& value) : name_(name) {
+  setenv(name, value.c_str(), 1);
+}
+
+Environment::~Environment() { unsetenv(name_); }
+
+FalseAgent::FalseAgent(std::vector<std::string> answers)
+    : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* any = reinterpret_cast<sockaddr*>(&address);
+  if (pipe(stop_) != 0 || bind(listener_, any, size) != 0 || listen(listener_, 0) != 0 ||
+      getsockname(listener_, any, &size) != 0) {
+    abort();
+  }
+  port_ = ntohs(address.sin_port);
+  thread_ = std::thread([this, answers = std::move(answers)] { serve(answers); });
+}
+
+FalseAgent::~FalseAgent() {
+  close(stop_[1]);
+  thread_.join();
+  close(stop_[0]);
+  close(listener_);
+}
+
+void FalseAgent::serve(const std::vector<std::string>& answers) {
+  std::vector<pollfd> watched = {{stop_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
+  size_t next = 0;
+  while (poll(watched.data(), watched.size(), -1) >= 0 && watched[0].revents == 0) {
+    if (watched[1].revents != 0)
+      watched.push_back({accept(listener_, nullptr, nullptr), POLLIN, 0});
+    char frame[4096];
+    for (size_t i = 2; i < watched.size(); ++i) {
+      if ((watched[i].revents & POLLIN) == 0) continue;
+      if (recv(watched[i].fd, frame, sizeof frame, 0) <= 0) {
+        watched[i].events = 0;
+      } else if (next < answers.size()) {
+        const std::string& answer = answers[next++];
+        send(watched[i].fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+      }
+    }
+  }
+  for (size_t i = 2; i < watched.size(); ++i) close(watched[i].fd);
 }
 
 std::string why(int status) {
