@@ -5,15 +5,10 @@
 #ifndef YARROW_CHANGE_CHECK_H
 #define YARROW_CHANGE_CHECK_H
 
-#include <string_view>
-
 #include "yarrow/yarrow_changes.h"
 #include "yarrow/yarrow_schema.h"
 
 namespace yarrow {
-
-// The node at a path of names alone; null when there is none or no schema was loaded.
-const t_yarrow_cs_node* schema_node(std::string_view path);
 
 // Checks keys and values against the node at the change's path. What the schema does not know is
 // for readers to skip: it passes. YARROW_ERR names the path, what came, and what was expected.

@@ -16,6 +16,7 @@
 
 #include "platform/yarrow/change_check.h"
 #include "platform/yarrow/client.h"
+#include "platform/yarrow/schema.h"
 
 namespace {
 

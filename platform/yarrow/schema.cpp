@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "yarrow/yarrow_schema.h"
+#include "platform/yarrow/schema.h"
 
 #include <unistd.h>
 
 #include <atomic>
-#include <deque>
 #include <memory>
 #include <mutex>
-#include <vector>
 
-#include "platform/yarrow/change_check.h"
 #include "platform/yarrow/client.h"
 
 namespace {
@@ -19,11 +16,7 @@ using yarrow::Writer;
 
 constexpr uint32_t kMaxNodes = 1u << 20;
 
-// Nodes and texts at addresses that stay.
-struct LoadedSchema {
-  std::vector<t_yarrow_cs_node> nodes;
-  std::deque<std::string> texts;
-};
+using yarrow::LoadedSchema;
 
 std::mutex g_lock;
 std::atomic<const LoadedSchema*> g_schema = nullptr;  // set once, never freed
@@ -50,30 +43,6 @@ bool add_node(LoadedSchema& schema, std::vector<t_yarrow_cs_node*>& last_childre
   if (last_children[parent] != nullptr) last_children[parent]->next = made;
   last_children[parent] = made;
   return true;
-}
-
-int fetch_schema(int sock, LoadedSchema& schema) {
-  std::vector<t_yarrow_cs_node*> last_children;  // by parent, 0: the top
-  uint32_t total = 1;
-  while (schema.nodes.size() < total) {
-    Writer out;
-    out.u32(static_cast<uint32_t>(schema.nodes.size()));
-    std::string content;
-    if (yarrow::call(sock, yarrow::Request::kSchema, out, &content) != YARROW_OK) return YARROW_ERR;
-    Reader in(content);
-    total = in.u32();
-    bool good = total > 0 && total <= kMaxNodes && in.left() > 0;
-    if (good && last_children.empty()) {
-      last_children.resize(total + 1);
-      schema.nodes.reserve(total);  // pointers to nodes are kept
-    }
-    good = good && last_children.size() == total + 1;
-    while (good && in.left() > 0) {
-      good = schema.nodes.size() < total && add_node(schema, last_children, in);
-    }
-    if (!good) return yarrow::fail(YARROW_ERR_PROTOCOL, "a schema that makes no sense");
-  }
-  return YARROW_OK;
 }
 
 const t_yarrow_cs_node* child_by_name(const t_yarrow_cs_node* first, std::string_view prefix,
@@ -129,7 +98,7 @@ int yarrow_load_schemas(const struct sockaddr* addr, socklen_t addr_len) {
   if (sock < 0) return yarrow::fail_os("socket");
   auto schema = std::make_unique<LoadedSchema>();
   int status = yarrow::connect_socket(sock, addr, addr_len, yarrow::SocketKind::kMaapi, Writer());
-  if (status == YARROW_OK) status = fetch_schema(sock, *schema);
+  if (status == YARROW_OK) status = yarrow::fetch_schema(sock, *schema);
   close(sock);
   if (status == YARROW_OK) g_schema.store(schema.release(), std::memory_order_release);
   return status;
@@ -163,6 +132,30 @@ const t_yarrow_cs_node* yarrow_cs_node_cd(const t_yarrow_cs_node* start, const c
 }
 
 namespace yarrow {
+
+int fetch_schema(int sock, LoadedSchema& schema) {
+  std::vector<t_yarrow_cs_node*> last_children;  // by parent, 0: the top
+  uint32_t total = 1;
+  while (schema.nodes.size() < total) {
+    Writer out;
+    out.u32(static_cast<uint32_t>(schema.nodes.size()));
+    std::string content;
+    if (yarrow::call(sock, yarrow::Request::kSchema, out, &content) != YARROW_OK) return YARROW_ERR;
+    Reader in(content);
+    total = in.u32();
+    bool good = total > 0 && total <= kMaxNodes && in.left() > 0;
+    if (good && last_children.empty()) {
+      last_children.resize(total + 1);
+      schema.nodes.reserve(total);  // pointers to nodes are kept
+    }
+    good = good && last_children.size() == total + 1;
+    while (good && in.left() > 0) {
+      good = schema.nodes.size() < total && add_node(schema, last_children, in);
+    }
+    if (!good) return yarrow::fail(YARROW_ERR_PROTOCOL, "a schema that makes no sense");
+  }
+  return YARROW_OK;
+}
 
 const t_yarrow_cs_node* schema_node(std::string_view path) {
   bool loaded = g_schema.load(std::memory_order_acquire) != nullptr;
