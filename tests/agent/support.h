@@ -34,23 +34,29 @@ class TempDirectory {
   std::string path_;
 };
 
+std::string file_text(const std::string& name);
+
 class AgentProcess {
  public:
-  // An empty directory keeps nothing. `more` are further arguments; `descriptors` is how many the
-  // process may have, 0 as many as usual.
+  // An empty directory keeps nothing; `descriptors` is how many the process may have, 0 as many as
+  // usual. What it logs is shown if it does not end well.
   explicit AgentProcess(const std::string& directory = "",
-                        const std::vector<std::string>& more = {}, unsigned descriptors = 0);
+                        const std::vector<std::string>& options = {}, unsigned descriptors = 0);
   ~AgentProcess();
   AgentProcess(const AgentProcess&) = delete;
   AgentProcess& operator=(const AgentProcess&) = delete;
 
   uint16_t port() const { return port_; }  // 0: it did not start
   pid_t pid() const { return pid_; }
+  std::string log() const;
   void kill_hard();
   int terminate();  // the exit status after SIGTERM
 
  private:
+  int ended();  // waits for its end
+
   pid_t pid_ = -1;
+  int log_ = -1;
   uint16_t port_ = 0;
 };
 
