@@ -81,8 +81,7 @@ void answer_hello(Server& server, Connection& connection, std::string_view body)
   connection.state = result.ok() ? Connection::State::kServing : Connection::State::kClosing;
   add_status(connection, result, {});
   if (connection.stream != 0) {
-    connection.out += server.agent.streams[connection.stream].text;
-    server.agent.streams[connection.stream].text.clear();
+    connection.out += stream_text(server.agent, connection.stream);
     connection.state = Connection::State::kClosing;
   }
   bool closing = connection.state == Connection::State::kClosing;
