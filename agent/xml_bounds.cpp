@@ -209,7 +209,10 @@ const char* xml_beyond_bounds(std::string_view text, int* line) {
   pass.text = text;
   size_t begin = text_end(text);
   const char* fault = begin < text.size() ? "bytes that are no UTF-8 text" : nullptr;
-  if (fault == nullptr && !declares_utf8(text)) fault = "an encoding other than UTF-8";
+  if (fault == nullptr && !declares_utf8(text)) {
+    begin = 0;
+    fault = "an encoding other than UTF-8";
+  }
   while (fault == nullptr) {
     begin = pass.at = text.find('<', pass.at);
     if (begin == std::string_view::npos) return nullptr;
