@@ -10,14 +10,18 @@ namespace agent {
 
 namespace {
 
+// Changes from which on it pays to look for lists that older versions had.
+constexpr size_t kManyChanges = 256;
+
 // Makes `root` running: checks it, writes it down, keeps it as a version.
-Result make_running(Datastores& stores, const NodeRef& root, CommitRef* record) {
+Result make_running(Datastores& stores, NodeRef root, CommitRef* record) {
   auto commit = std::make_shared<CommitRecord>();
   commit->before = stores.running();
   changes_between(commit->before, root, &commit->changes);
   if (commit->changes.empty()) return {};
   Result result = validate_changes(*stores.schema, root, commit->changes);
   if (!result.ok()) return result;
+  if (commit->changes.size() >= kManyChanges) root = pooled(stores.pool, commit->before, root);
   commit->after = root;
   commit->commit = stores.commit_id() + 1;
   result = journal_append(stores.journal, commit->commit, commit->changes);
@@ -34,6 +38,10 @@ Result datastores_open(Datastores& stores, const Schema& schema, const std::stri
   stores.schema = &schema;
   Result result = journal_open(stores.journal, schema, directory, &stores.versions);
   if (!result.ok()) return result;
+  NodeRef before = empty_tree(schema);
+  for (Version& version : stores.versions) {
+    before = version.root = pooled(stores.pool, before, version.root);
+  }
   stores.operational = empty_tree(schema);
   return {};
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "agent/journal.h"
+#include "agent/list_pool.h"
 #include "yarrow/yarrow_maapi.h"
 
 namespace agent {
@@ -27,6 +28,7 @@ struct Datastores {
   Journal journal;
   std::deque<Version> versions;  // oldest first; the last is running
   NodeRef operational;
+  ListPool pool;  // of the versions' lists
 
   const NodeRef& running() const { return versions.back().root; }
   uint64_t commit_id() const { return versions.back().commit; }
