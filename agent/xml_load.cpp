@@ -43,22 +43,23 @@ struct Part {
 
 // What stood below an entry or container. A container that stands several times is one.
 struct Parts {
+  const SchemaNode* schema = nullptr;
   std::vector<Part> parts;
-  std::vector<std::pair<const SchemaNode*, Parts>> containers;
+  std::vector<Parts> containers;
   Operations operations;  // of the containers themselves
 
-  void add(const SchemaNode& container, Parts&& inside);
+  void add(Parts&& inside);
 };
 
-void Parts::add(const SchemaNode& container, Parts&& inside) {
-  for (auto& [schema, there] : containers) {
-    if (schema != &container) continue;
+void Parts::add(Parts&& inside) {
+  for (Parts& there : containers) {
+    if (there.schema != inside.schema) continue;
     for (Part& part : inside.parts) there.parts.push_back(std::move(part));
-    for (auto& [below, more] : inside.containers) there.add(*below, std::move(more));
+    for (Parts& more : inside.containers) there.add(std::move(more));
     for (XmlOperation& one : inside.operations) there.operations.push_back(std::move(one));
     return;
   }
-  containers.emplace_back(&container, std::move(inside));
+  containers.push_back(std::move(inside));
 }
 
 struct Element {
@@ -308,15 +309,15 @@ void Loader::build(Parts& all, Node& node, Operations* operations) {
       }
     }
   }
-  for (auto& [container, inside] : all.containers) {
+  for (Parts& inside : all.containers) {
     auto child = std::make_shared<Node>();
-    child->schema = container;
+    child->schema = inside.schema;
     Operations below;
-    building.push_back(container);
+    building.push_back(inside.schema);
     build(inside, *child, &below);
     building.pop_back();
     for (XmlOperation& one : below) {
-      one.path.insert(one.path.begin(), {container, {}});
+      one.path.insert(one.path.begin(), {inside.schema, {}});
       operations->push_back(std::move(one));
     }
     if (!child->children.empty()) node.children.push_back(std::move(child));
@@ -402,7 +403,8 @@ void Loader::end() {
     if (element.operation != XmlOperationKind::kMerge) {
       around.operations.push_back({element.operation, element.line, {{&schema, {}}}, {}});
     }
-    if (!element.deleted) around.add(schema, std::move(element.parts));
+    element.parts.schema = &schema;
+    if (!element.deleted) around.add(std::move(element.parts));
   }
   stack.pop_back();
 }
