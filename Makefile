@@ -31,7 +31,7 @@ setup:
 # Not for the tests' sake: they are neither built nor needed to run the tool.
 build: setup
 	@cmake --preset dev --log-level=WARNING >/dev/null
-	@$(call CMAKE_BUILD,dev) --target policy $(if $(wildcard host/CMakeLists.txt),polctl)
+	@$(call CMAKE_BUILD,dev) --target policy polctl
 
 run: build
 	@scripts/demo build/bin/polctl

@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "agent/yarrow_agent.h"
-#include "agent_link.h"
-#include "config_walk.h"
-#include "input_error.h"
+#include "host/agent_link.h"
+#include "host/config_walk.h"
+#include "host/input_error.h"
 #include "kel/string.h"
 #include "policy/pol_context.h"
 #include "policy/pol_user.h"

@@ -15,8 +15,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "pol_fwd_ref.h"
-#include "pol_xml_config_internal.h"
+#include "exchange/pol_xml_config_internal.h"
+#include "forward/pol_fwd_ref.h"
 #include "policy/policy.h"
 #include "tests/support/agent_schema.h"
 

@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "agent_link.h"
-#include "config_walk.h"
-#include "forwarding.h"
-#include "input_error.h"
+#include "host/agent_link.h"
+#include "host/config_walk.h"
+#include "host/forwarding.h"
+#include "host/input_error.h"
 #include "policy/pol_context.h"
 #include "policy/pol_fwd_document.h"
 #include "yarrow/yarrow_maapi.h"

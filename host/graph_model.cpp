@@ -4,6 +4,7 @@
 #include <unordered_map>
 
 #include "input_error.h"
+#include "output.h"
 #include "policy/pol_context.h"
 #include "policy/pol_util.h"
 

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "config_mirror.h"
-#include "output.h"
 #include "policy/pol_graph.h"
 
 namespace polctl {
@@ -62,10 +61,6 @@ std::string graph_title(const Graph& graph, size_t node);
 
 /* "accept", "reject"; of a data or app-route policy's sequence what it sets: "tloc-list, policer". */
 std::string graph_action(const GraphNode& node);
-
-void write_graph_dot(const Graph& graph, Output* out);
-void write_graph_json(const Graph& graph, Output* out);
-void write_graph_text(const Graph& graph, Output* out);
 
 }  // namespace polctl
 

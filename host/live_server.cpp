@@ -155,7 +155,6 @@ bool LiveServer::receive(Client* client) {
 }
 
 void LiveServer::answer(Client* client, const RequestHead& head) {
-  LiveRequest request;
   AnswerHead answer;
   std::string error;
   std::string_view options(client->received);
@@ -164,14 +163,11 @@ void LiveServer::answer(Client* client, const RequestHead& head) {
   if (client->output < 0) {
     error = "polctl: error: the host has no memory for an answer";
     answer.status = kBadInput;
-  } else if (!decode_options(options, &request)) {
-    error = "polctl: error: the host does not know this request (expected a polctl of its version)";
-    answer.status = kBadInput;
   } else {
-    request.input = client->received.substr(RequestHead::kSize + head.options_size);
+    std::string input = client->received.substr(RequestHead::kSize + head.options_size);
     Output out(client->output);
     try {
-      answer.status = static_cast<uint32_t>(answer_(request, &out));
+      answer.status = static_cast<uint32_t>(answer_(options, input, &out));
       out.flush();
     } catch (const InputError& fault) {
       error = fault.what();

@@ -15,9 +15,11 @@
 #include <functional>
 #include <list>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "live_request.h"
+#include "live_frame.h"
+#include "output.h"
 
 namespace polctl {
 
@@ -33,8 +35,9 @@ class LiveServer {
   static constexpr auto kPatience = std::chrono::seconds(10); /* without a byte either way */
   static constexpr size_t kMaxOutput = size_t{256} * 1024 * 1024;
 
-  /* Answers a request; what it throws as InputError becomes the answer's words. */
-  using Answer = std::function<int(const LiveRequest& request, Output* out)>;
+  /* Answers a request's options and input; what it throws as InputError becomes the answer's words. */
+  using Answer =
+      std::function<int(std::string_view options, const std::string& input, Output* out)>;
 
   /* Listens at the path, for this user alone. The file of a host that died is replaced; throws
    * InputError when one still serves there. */

@@ -3,13 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <string_view>
 #include <vector>
-
-#include "input_error.h"
-#include "json_line.h"
-#include "line_reader.h"
-#include "route_reader.h"
 
 namespace polctl {
 
@@ -18,8 +12,8 @@ namespace {
 // The library's callback is handed nothing of ours, so what it needs is the process's.
 struct Resolvable {
   bool loaded = false;
-  std::vector<t_pol_tloc_result_entry> tlocs;  // IPv4, by before(); equals in the file's order
-  std::vector<ResolvableTloc> all;             // in the file's order
+  std::vector<t_pol_tloc_result_entry> tlocs;  // IPv4, by before(); equals as given
+  std::vector<ResolvableTloc> all;             // as given
 };
 
 Resolvable& resolvable() {
@@ -43,25 +37,13 @@ bool before(const t_pol_tloc_result_entry& a, const t_pol_tloc_result_entry& b) 
 
 }  // namespace
 
-void load_resolvable_tlocs(const std::string& path) {
-  LineReader lines(path);
-  JsonLine json;
-  std::string_view line;
-  size_t start = 0;
-  std::vector<t_pol_tloc_result_entry> tlocs;
-  std::vector<ResolvableTloc> all;
-  while (next_line_with_text(&lines, &line, &start)) {
-    ResolvableTloc tloc;
-    try {
-      read_tloc_line(line.substr(start), &json, &tloc);
-    } catch (const LineFaultError& error) {
-      throw_at_line(lines, start, error.fault);
-    }
-    all.push_back(tloc);
-    if (tloc.entry.tloc.family == KEL_AF_INET) tlocs.push_back(tloc.entry);
+void set_resolvable_tlocs(const std::vector<ResolvableTloc>& tlocs) {
+  std::vector<t_pol_tloc_result_entry> sorted;
+  for (const ResolvableTloc& tloc : tlocs) {
+    if (tloc.entry.tloc.family == KEL_AF_INET) sorted.push_back(tloc.entry);
   }
-  std::stable_sort(tlocs.begin(), tlocs.end(), before);
-  resolvable() = {true, std::move(tlocs), std::move(all)};
+  std::stable_sort(sorted.begin(), sorted.end(), before);
+  resolvable() = {true, std::move(sorted), tlocs};
 }
 
 void resolve_tloc(uint16_t /*id*/, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t /*vpn*/,

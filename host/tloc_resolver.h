@@ -5,18 +5,26 @@
 #ifndef HOST_TLOC_RESOLVER_H
 #define HOST_TLOC_RESOLVER_H
 
-#include <string>
+#include <cstdint>
+#include <vector>
 
 #include "policy/pol_types.h"
 
 namespace polctl {
 
-/* Reads the TLOCs that resolve: JSON Lines of address, color, encap, label and preference, service
- * and the service's VPN, all but the address optional. Throws InputError. Before this is called every
- * TLOC of a route resolves to itself, and none has a label. */
-void load_resolvable_tlocs(const std::string& path);
+/* A TLOC that resolves, and what it offers. */
+struct ResolvableTloc {
+  t_pol_tloc_result_entry entry;
+  uint16_t service; /* 0: none */
+  uint64_t vpn;     /* for the service; kAnyVpn: in every VPN */
+};
+inline constexpr uint64_t kAnyVpn = UINT64_MAX;
 
-/* A t_pol_resolve_cb: appends what is loaded with that address and color, in the file's order. A
+/* Replaces what resolves. Before the first call every TLOC of a route resolves to itself, and none has
+ * a label. */
+void set_resolvable_tlocs(const std::vector<ResolvableTloc>& tlocs);
+
+/* A t_pol_resolve_cb: appends what is loaded with that address and color, in the order given. A
  * TLOC asked for with encapsulation 0, as policy files have them, takes any encapsulation.
  * Only IPv4 TLOCs resolve: of others the library passes no address. */
 void resolve_tloc(uint16_t id, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t vpn,

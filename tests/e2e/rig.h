@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
-#include "agent_link.h"
-#include "config_walk.h"
+#include "host/agent_link.h"
+#include "host/config_walk.h"
 #include "policy/pol_context.h"
 #include "tests/agent/support.h"
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "byte_reader.h"
-#include "pol_pfx_index.h"
+#include "lists/pol_pfx_index.h"
 #include "support/pfx_oracle.h"
 
 namespace {

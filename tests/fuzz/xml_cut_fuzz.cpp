@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "pol_xml_fetch_internal.h"
+#include "exchange/pol_xml_fetch_internal.h"
 #include "policy/pol_xml_config.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "route_reader.h"
+#include "tool/route_reader.h"
 
 #include <gtest/gtest.h>
 
@@ -7,11 +7,12 @@
 #include <memory>
 #include <vector>
 
-#include "address_text.h"
-#include "input_error.h"
+#include "host/address_text.h"
+#include "host/input_error.h"
+#include "host/tloc_resolver.h"
 #include "process.h"
 #include "support/golden.h"
-#include "tloc_resolver.h"
+#include "tool/tloc_reader.h"
 
 namespace polctl {
 namespace {

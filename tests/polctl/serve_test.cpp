@@ -12,17 +12,18 @@
 #include <sstream>
 #include <thread>
 
-#include "agent_link.h"
-#include "forwarding.h"
-#include "live_request.h"
-#include "live_server.h"
+#include "host/agent_link.h"
+#include "host/forwarding.h"
+#include "host/live_server.h"
 #include "process.h"
+#include "support/paths.h"
+#include "tool/live_request.h"
 #include "yarrow/yarrow_maapi.h"
 
 namespace {
 
-const std::string kConfig = POLCTL_GOLDENS "/forward.xml";
-const std::string kTlocs = POLCTL_GOLDENS "/forward_tlocs.jsonl";
+const std::string kConfig = std::string(kGoldenDir) + "/polctl/forward.xml";
+const std::string kTlocs = std::string(kGoldenDir) + "/polctl/forward_tlocs.jsonl";
 
 class ServeTest : public testing::Test {
  protected:

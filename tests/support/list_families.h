@@ -6,7 +6,7 @@
 // the list. Objects without: any number is a change; `clause` is a role of a forwarding sequence.
 #pragma once
 
-#include "pol_fwd_ref.h"
+#include "forward/pol_fwd_ref.h"
 #include "support/policy_fixture.h"
 
 inline t_pol_pfx_record pfx_record(uint32_t number, uint32_t op = POL_PFX_EQ) {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "pol_context_internal.h"
+#include "core/pol_context_internal.h"
 #include "policy/policy.h"
 
 // A sequence in one line as its dump tells it, without pointers and words of flags.

@@ -10,7 +10,8 @@
 #include <sstream>
 #include <thread>
 
-#include "pol_xml_config_internal.h"
+#include "exchange/pol_xml_config_internal.h"
+#include "exchange/pol_yarrow_thread_internal.h"
 #include "scripted.h"
 #include "support/golden.h"
 #include "support/policy_fixture.h"

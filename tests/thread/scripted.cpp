@@ -15,7 +15,8 @@
 #include <cstring>
 #include <mutex>
 
-#include "pol_yarrow_thread_internal.h"
+#include "exchange/pol_thread_wait.h"
+#include "exchange/pol_yarrow_thread_internal.h"
 #include "yarrow/yarrow_cdb.h"
 #include "yarrow/yarrow_maapi.h"
 #include "yarrow/yarrow_schema.h"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <csignal>
 
-#include "pol_fwd_block_internal.h"
+#include "forward/pol_fwd_block_internal.h"
 #include "support/policy_fixture.h"
 #include "support/seams.h"
 

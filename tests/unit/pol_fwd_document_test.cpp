@@ -2,8 +2,8 @@
 #include <regex>
 #include <set>
 
-#include "pol_fwd_ref.h"
-#include "pol_xml_config_internal.h"
+#include "exchange/pol_xml_config_internal.h"
+#include "forward/pol_fwd_ref.h"
 #include "support/agent_schema.h"
 #include "support/forward_fixture.h"
 #include "support/golden.h"

@@ -4,7 +4,7 @@
 #include <ctime>
 #include <regex>
 
-#include "pol_xml_config_internal.h"
+#include "exchange/pol_xml_config_internal.h"
 #include "support/forward_fixture.h"
 #include "support/golden.h"
 

@@ -10,7 +10,7 @@
 
 #include <array>
 
-#include "pol_xml_config_internal.h"
+#include "exchange/pol_xml_config_internal.h"
 #include "support/seams.h"
 
 namespace {

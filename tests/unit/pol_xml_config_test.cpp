@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "pol_xml_config_internal.h"
+#include "exchange/pol_xml_config_internal.h"
 #include "support/policy_fixture.h"
 #include "support/seams.h"
 

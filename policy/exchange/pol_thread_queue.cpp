@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+// The host's side of the worker's queues. The worker is woken by one byte in a pipe for each
+// request; a queue's lock is held only while a request is linked.
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "base/pol_log.h"
+#include "base/pol_memory.h"
+#include "base/pol_name.h"
+#include "exchange/pol_yarrow_thread_internal.h"
+
+namespace pol {
+
+void thread_link_first(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_queue_item* item) {
+  thread->queues[queue].insert_after(nullptr, item);
+  __atomic_add_fetch(&thread->lengths[queue], 1, __ATOMIC_RELAXED);
+}
+
+void thread_unlink(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_queue_item* item) {
+  thread->queues[queue].remove(item);
+  __atomic_sub_fetch(&thread->lengths[queue], 1, __ATOMIC_RELAXED);
+}
+
+void thread_push(t_pol_yarrow_thread* thread, ThreadQueue queue, t_pol_thread_queue_item* item) {
+  // On purpose: every queue's messages name the label-set queue; support tools look for them so.
+  if (pthread_spin_lock(&thread->locks[queue]) != 0) {
+    POL_LOG("Lock error on label-set queue\n");
+    pol_free(item, MEM_THREAD_ITEM);
+    return;
+  }
+  thread->queues[queue].push_back(item);
+  __atomic_add_fetch(&thread->lengths[queue], 1, __ATOMIC_RELAXED);
+  if (pthread_spin_unlock(&thread->locks[queue]) != 0) {
+    POL_LOG("Unlock error on label-set queue\n");
+  }
+  if (write(thread->write_fd, "1", 1) != 1) POL_LOG("Write Error on pipe (errno: %d)\n", errno);
+}
+
+void thread_push_fetch(t_pol_yarrow_thread* thread, ThreadQueue queue, uint32_t type,
+                       const char* name) {
+  POL_LOG("Queue fetch xml config for %s of type %u\n", name, type);
+  auto* item = alloc<t_pol_thread_queue_item>(MEM_THREAD_ITEM);
+  if (item == nullptr) {
+    POL_LOG("Failed to alloc memory for thread queue item\n");
+    return;
+  }
+  item->type = type;
+  copy_name(item->name, name);
+  thread_push(thread, queue, item);
+}
+
+bool thread_queue_empty(t_pol_yarrow_thread* thread, ThreadQueue queue) {
+  if (pthread_spin_lock(&thread->locks[queue]) != 0) {
+    POL_LOG("Lock error on queue %d\n", static_cast<int>(queue));
+    return false;
+  }
+  bool empty = thread->queues[queue].empty();
+  if (pthread_spin_unlock(&thread->locks[queue]) == 0) return empty;
+  POL_LOG("Unlock error on queue %d\n", static_cast<int>(queue));
+  return false;
+}
+
+}  // namespace pol

@@ -1,0 +1,228 @@
+// SPDX-License-Identifier: Apache-2.0
+// The cache of the agent's XML text. The lock guards the tree and the texts; its failures are
+// logged and the operation is skipped, never tried again.
+#include "exchange/pol_xml_config_internal.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "base/pol_dump_title.h"
+#include "base/pol_log.h"
+#include "base/pol_memory.h"
+#include "base/pol_name.h"
+#include "core/pol_context_internal.h"
+#include "policy/pol_dump.h"
+#include "policy/pol_fwd_document.h"
+
+const char* const pol_fwd_type2headerstr[POL_XML_TYPES] = {
+    "",
+    "<data-policy>",
+    "<app-route-policy>",
+    "<cflowd-template>",
+    "<vpn-list>",
+    "<tloc-list>",
+    "<data-prefix-list>",
+    "<data-ipv6-prefix-list>",
+    "<sla-class>",
+    "<policer>",
+    "<app-list>",
+};
+
+// On purpose: a data policy's footer starts with its own closing tag, which the document's assembly
+// writes itself; the other kinds keep theirs.
+const char* const pol_fwd_type2footerstr[POL_XML_TYPES] = {
+    "",
+    "</data-policy></policy></config>",
+    "</policy></config>",
+    "</policy></config>",
+    "</lists>",
+    "</lists>",
+    "</lists>",
+    "</lists>",
+    "</policy></config>",
+    "</policy></config>",
+    "</lists>",
+};
+
+namespace {
+
+struct XmlKey {
+  int32_t type;
+  char name[POL_NAME_SIZE];
+};
+static_assert(offsetof(t_pol_xml_config, name) - offsetof(t_pol_xml_config, type) ==
+              offsetof(XmlKey, name));
+
+XmlKey key_of(int32_t type, const char* name) {
+  XmlKey key = {type, {}};
+  pol::copy_name(key.name, name);
+  return key;
+}
+
+int xml_compare(const void* key, const void* node) {
+  const auto* a = static_cast<const XmlKey*>(key);
+  const auto* b = static_cast<const t_pol_xml_config*>(node);
+  if (a->type != b->type) return a->type < b->type ? -1 : 1;
+  return pol::sign(strncmp(a->name, b->name, POL_NAME_SIZE));
+}
+
+void free_config(t_pol_xml_config* config) {
+  pol_free(config->text, pol::MEM_CONFIG_XML);
+  pol_free(config, pol::MEM_POLICY_CONFIG);
+}
+
+bool set_text(t_pol_xml_config* config, std::string_view text) {
+  pol_free(config->text, pol::MEM_CONFIG_XML);
+  config->text = nullptr;
+  config->size = 0;
+  // A text of which no document could be made counts as one that there is no memory for.
+  if (text.size() < INT32_MAX) {
+    config->text = static_cast<char*>(pol_malloc(text.size() + 1, pol::MEM_CONFIG_XML));
+  }
+  if (config->text == nullptr) {
+    POL_LOG("Could not allocate memory\n");
+    return false;
+  }
+  memcpy(config->text, text.data(), text.size());
+  config->text[text.size()] = '\0';
+  config->size = static_cast<uint32_t>(text.size());
+  return true;
+}
+
+void note_fetch(t_pol_fetch_time* time, time_t start, time_t end) {
+  time->start = start;
+  time->end = end;
+  time->longest = std::max(time->longest, static_cast<int32_t>(end - start));
+}
+
+bool lock(t_pol_ctx* ctx) {
+  int error = pthread_spin_lock(&ctx->xml_lock);
+  if (error != 0) POL_LOG_ALWAYS("Lock error on xml config tree (error:%d)\n", error);
+  return error == 0;
+}
+
+int unlock(t_pol_ctx* ctx) {
+  int error = pthread_spin_unlock(&ctx->xml_lock);
+  if (error != 0) POL_LOG_ALWAYS("Unlock error on xml config tree (error:%d)\n", error);
+  return error;
+}
+
+}  // namespace
+
+t_pol_fetch_time pol::xml_fetch_time(int32_t type, const char* name) {
+  t_pol_ctx* ctx = g_pol_ctx_p;
+  if (ctx == nullptr || name == nullptr || !lock(ctx)) return {};
+  XmlKey key = key_of(type, name);
+  const t_pol_xml_config* config = ctx->xml_configs.find(&key);
+  t_pol_fetch_time time = config != nullptr ? config->fetched : t_pol_fetch_time{};
+  unlock(ctx);
+  return time;
+}
+
+bool pol::xml_config_store(t_pol_ctx* ctx, int32_t type, const char* name, std::string_view text,
+                           time_t start) {
+  POL_LOG_AT(3, "Set xml config for policy %s of type %d (str:%.*s)\n", name, type,
+             static_cast<int>(text.size()), text.data());
+  if (ctx == nullptr || !lock(ctx)) return true;
+  XmlKey key = key_of(type, name);
+  t_pol_xml_config* config = ctx->xml_configs.find(&key);
+  bool stored = config == nullptr || set_text(config, text);
+  if (config != nullptr && stored) note_fetch(&config->fetched, start, time(nullptr));
+  unlock(ctx);
+  return stored;
+}
+
+uint32_t pol_xml_config_init(t_pol_ctx* ctx) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  ctx->xml_configs.create(xml_compare, offsetof(t_pol_xml_config, link));
+  int error = pthread_spin_init(&ctx->xml_lock, PTHREAD_PROCESS_PRIVATE);
+  if (error == 0) return POL_OK;
+  POL_LOG_ALWAYS("Failed to init spinlock for XML config (error %d)\n", error);
+  return POL_ESPINLOCK;
+}
+
+uint32_t pol_xml_config_deinit(t_pol_ctx* ctx) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  if (lock(ctx)) {
+    void* cookie = nullptr;
+    while (t_pol_xml_config* config = ctx->xml_configs.drain(&cookie)) free_config(config);
+    unlock(ctx);
+    ctx->xml_configs.destroy();
+  }
+  int error = pthread_spin_destroy(&ctx->xml_lock);
+  if (error != 0) POL_LOG_ALWAYS("Failed to destroy spinlock for XML config (error %d)\n", error);
+  return static_cast<uint32_t>(error);
+}
+
+t_pol_xml_config* pol_xml_config_find_or_create(int32_t type, const char* name) {
+  t_pol_ctx* ctx = g_pol_ctx_p;
+  if (ctx == nullptr || name == nullptr) return nullptr;
+  XmlKey key = key_of(type, name);
+  if (!lock(ctx)) return nullptr;
+  avl_index where = 0;
+  t_pol_xml_config* config = ctx->xml_configs.find(&key, &where);
+  if (config == nullptr) {
+    config = pol::alloc<t_pol_xml_config>(pol::MEM_POLICY_CONFIG);
+    if (config != nullptr) {
+      POL_LOG_AT(3, "Create xml config entry for policy %s of type %d\n", key.name, type);
+      config->type = type;
+      memcpy(config->name, key.name, sizeof key.name);
+      ctx->xml_configs.insert(config, where);
+    }
+  }
+  unlock(ctx);
+  return config;
+}
+
+void pol_xml_config_find_and_delete(int32_t type, const char* name) {
+  t_pol_ctx* ctx = g_pol_ctx_p;
+  if (ctx == nullptr || name == nullptr) return;
+  XmlKey key = key_of(type, name);
+  POL_LOG_AT(3, "Delete xml config entry for policy %s of type %d\n", key.name, type);
+  if (!lock(ctx)) return;
+  t_pol_xml_config* config = ctx->xml_configs.find(&key);
+  if (config != nullptr) {
+    ctx->xml_configs.remove(config);
+    free_config(config);
+  }
+  unlock(ctx);
+}
+
+uint32_t pol_xml_config_get_str(int32_t type, const char* name, char** buffer, uint32_t* room) {
+  t_pol_ctx* ctx = g_pol_ctx_p;
+  if (ctx == nullptr || name == nullptr) return POL_OK;
+  XmlKey key = key_of(type, name);
+  POL_LOG_AT(3, "Get xml config for policy %s of type %d\n", key.name, type);
+  if (!lock(ctx)) return POL_ELOCK;
+  uint32_t status = POL_OK;
+  const t_pol_xml_config* config = ctx->xml_configs.find(&key);
+  if (config != nullptr && config->text != nullptr) {
+    status = pol_fwd_policy_append(config->text, static_cast<int32_t>(config->size), buffer, room);
+    // On purpose: the number is always 0; support tools look for the line as it is.
+    if (status != POL_OK) POL_LOG_ALWAYS("Could not append policy (error:%d)\n", 0);
+  }
+  int error = unlock(ctx);
+  return status != POL_OK ? status : static_cast<uint32_t>(error);
+}
+
+int pol_dump_xml_config_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
+                            char** /*argv*/) {
+  t_pol_ctx* ctx = g_pol_ctx_p;
+  if (ctx == nullptr) return 0;
+  pol::dump_title(cli, "\n              XML Config    ");
+  maapi_cli_printf(cli, "\n");
+  int error = pthread_spin_lock(&ctx->xml_lock);
+  if (error != 0) {
+    maapi_cli_printf(cli, "Lock error on xml config tree (error:%d)", error);
+    return 0;
+  }
+  for (const t_pol_xml_config* config = ctx->xml_configs.first(); config != nullptr;
+       config = ctx->xml_configs.next(config)) {
+    maapi_cli_printf(cli, "Name: %s, Type: %d, Size: %d\n", config->name, config->type,
+                     static_cast<int>(config->size));
+    maapi_cli_printf(cli, "XML: %s\n", config->text != nullptr ? config->text : "");
+  }
+  error = pthread_spin_unlock(&ctx->xml_lock);
+  if (error != 0) maapi_cli_printf(cli, "Unlock error on xml config tree (error:%d)", error);
+  return 0;
+}

@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+// Color lists: one kind of user, no changed flag, no XML record.
+#include "policy/pol_color_list.h"
+
+#include "base/pol_crash.h"
+#include "core/pol_context_internal.h"
+#include "core/pol_dump_internal.h"
+
+namespace {
+
+int color_compare(const void* key, const void* node) {
+  return pol::sign(*static_cast<const uint16_t*>(key) -
+                   static_cast<const t_color_entry*>(node)->color);
+}
+
+void free_entries(t_color_list* list) {
+  list->by_color.destroy();
+  while (t_color_entry* entry = list->entries.pop_front()) pol_free(entry, pol::MEM_COLOR_ENTRY);
+  if (!list->entries.empty()) pol::crash();
+}
+
+void free_if_unused(t_pol_ctx* ctx, t_color_list* list) {
+  if (!list->entries.empty() || !list->users.empty()) return;
+  pol::named_remove(ctx->color_lists, list, pol::MEM_COLOR_LIST);
+}
+
+t_color_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
+  t_color_list* list =
+      pol::named_find_or_create(ctx->color_lists, name, pol::MEM_COLOR_LIST, created);
+  if (*created != 0) list->by_color.create(color_compare, offsetof(t_color_entry, tree_link));
+  return list;
+}
+
+void tell_all(t_pol_ctx* ctx, const t_color_list& list) {
+  pol::mark_blocks(ctx, list.users);
+  pol_user_chg_list_notify_all(ctx);
+}
+
+}  // namespace
+
+uint32_t pol_color_list_main_init(t_pol_ctx* ctx) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  ctx->color_lists.create(pol::named_compare, offsetof(t_color_list, head.link));
+  return POL_OK;
+}
+
+uint32_t pol_color_list_main_deinit(t_pol_ctx* ctx) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  void* cookie = nullptr;
+  while (t_color_list* list = ctx->color_lists.drain(&cookie)) {
+    free_entries(list);
+    if (!list->users.empty()) pol::crash();
+    pol::named_release(list, pol::MEM_COLOR_LIST);
+  }
+  ctx->color_lists.destroy();
+  return POL_OK;
+}
+
+t_color_list* pol_color_list_find(t_pol_ctx* ctx, const char* name) {
+  if (ctx == nullptr || name == nullptr) return nullptr;
+  return pol::named_find(ctx->color_lists, name);
+}
+
+t_color_entry* pol_color_list_find_entry(t_pol_ctx* ctx, const char* name, uint16_t color) {
+  t_color_list* list = pol_color_list_find(ctx, name);
+  return list != nullptr ? list->by_color.find(&color) : nullptr;
+}
+
+uint32_t pol_color_list_add_entry(t_pol_ctx* ctx, const char* name, uint16_t color) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  if (name == nullptr) return POL_EINVAL;
+  uint8_t created = 0;
+  t_color_list* list = find_or_create(ctx, name, &created);
+  if (list == nullptr) return POL_ENOMEM;
+  avl_index where = 0;
+  if (list->by_color.find(&color, &where) == nullptr) {
+    auto* entry = pol::alloc<t_color_entry>(pol::MEM_COLOR_ENTRY);
+    if (entry == nullptr) {
+      if (created != 0) {
+        if (!list->entries.empty() || !list->users.empty()) pol::crash();
+        pol::named_remove(ctx->color_lists, list, pol::MEM_COLOR_LIST);
+      }
+      return POL_ENOMEM;
+    }
+    entry->color = color;
+    list->entries.push_back(entry);
+    list->by_color.insert(entry, where);
+  }
+  tell_all(ctx, *list);
+  return POL_OK;
+}
+
+uint32_t pol_color_list_del_entry(t_pol_ctx* ctx, const char* name, uint16_t color) {
+  t_color_list* list = pol_color_list_find(ctx, name);
+  t_color_entry* entry = list != nullptr ? list->by_color.find(&color) : nullptr;
+  if (entry == nullptr) return POL_OK;
+  list->by_color.remove(entry);
+  list->entries.remove(entry);
+  pol_free(entry, pol::MEM_COLOR_ENTRY);
+  tell_all(ctx, *list);
+  return POL_OK;
+}
+
+uint32_t pol_color_list_cfg_del(t_pol_ctx* ctx, const char* name) {
+  t_color_list* list = pol_color_list_find(ctx, name);
+  if (list == nullptr) return POL_OK;
+  free_entries(list);
+  free_if_unused(ctx, list);
+  return POL_OK;
+}
+
+t_color_list* pol_color_list_user_add(t_pol_ctx* ctx, const char* name, t_pol_clause_user* record) {
+  uint8_t created = 0;
+  t_color_list* list = find_or_create(ctx, name, &created);
+  if (list != nullptr) pol::user_add(&list->head, list->users, record);
+  return list;
+}
+
+uint32_t pol_color_list_user_remove(t_pol_ctx* ctx, t_color_list* list, t_pol_clause_user* record) {
+  if (list == nullptr) return POL_EINVAL;
+  pol::user_remove(&list->head, list->users, record);
+  free_if_unused(ctx, list);
+  return POL_OK;
+}
+
+void pol_dump_color_list(t_color_list* list, t_cli_user_ctx* cli) {
+  maapi_cli_printf(cli, "\ncolor-list: %s (%p)", list->head.name, static_cast<void*>(list));
+  for (const t_color_entry& entry : list->entries) {
+    maapi_cli_printf(cli, "\n  color %s", kel_util_tloc_color_name(entry.color));
+  }
+  maapi_cli_printf(cli, "\nend \n");
+  pol::dump_list_users(cli, list->users);
+}
+
+int pol_dump_color_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
+                            char** /*argv*/) {
+  if (g_pol_ctx_p == nullptr) return 0;
+  pol::dump_title(cli, "\n              COLOR LISTS           ");
+  const auto& lists = g_pol_ctx_p->color_lists;
+  for (t_color_list* list = lists.first(); list != nullptr; list = lists.next(list)) {
+    pol_dump_color_list(list, cli);
+  }
+  return 0;
+}

@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// pol_fwd_object_list.h - what the named objects without elements share: application lists,
+// forwarding prefix lists, SLA classes, policers and application ids.
+//
+// Their content is the agent's; the library knows who uses them, so that a change reaches the
+// policies. A family says by its Facts how it differs:
+//   Node        its node: head, users (a queue a role) and, with kXmlType, changed
+//   kTree       its tree in the context
+//   kMemory     its memory type
+//   kXmlType    enum pol_xml_type of its text; 0 when the agent has none
+//   kTitle, kWord, kRoles   what its dump says; kRoles in the order of Node::users
+#pragma once
+
+#include <iterator>
+
+#include "base/pol_crash.h"
+#include "core/pol_context_internal.h"
+#include "core/pol_dump_internal.h"
+#include "lists/named_list.h"
+#include "policy/pol_xml_config.h"
+
+namespace pol {
+
+// A way in which a sequence uses an object.
+struct FwdRole {
+  t_pol_clause_user t_pol_fwd_user::*user;
+  const char* word;
+};
+
+template <class Facts>
+struct FwdObjectList {
+  using Node = typename Facts::Node;
+
+  static uint32_t init(t_pol_ctx* ctx) {
+    if (ctx == nullptr) return POL_ENOCTX;
+    tree(ctx).create(named_compare, offsetof(Node, head.link));
+    return POL_OK;
+  }
+
+  static uint32_t deinit(t_pol_ctx* ctx) {
+    if (ctx == nullptr) return POL_ENOCTX;
+    void* cookie = nullptr;
+    while (Node* node = tree(ctx).drain(&cookie)) node_free(ctx, node, false);
+    tree(ctx).destroy();
+    return POL_OK;
+  }
+
+  // Anything of the object changed, or it was made.
+  static uint32_t entry_change(t_pol_ctx* ctx, const char* name) {
+    if (ctx == nullptr) return POL_ENOCTX;
+    if (name == nullptr) return POL_EINVAL;
+    Node* node = find_or_create(ctx, name);
+    if (node == nullptr) return POL_ENOMEM;
+    if constexpr (Facts::kXmlType != 0) node->changed = 1;
+    for (const UserQueue& users : node->users) mark_blocks(ctx, users);
+    pol_user_chg_list_notify_all(ctx);
+    return POL_OK;
+  }
+
+  // On purpose: a used object stays as it is, and nobody is told.
+  static uint32_t cfg_del(t_pol_ctx* ctx, const char* name) {
+    if (ctx == nullptr || name == nullptr) return POL_OK;
+    Node* node = named_find(tree(ctx), name);
+    if (node != nullptr && unused(*node)) node_free(ctx, node, true);
+    return POL_OK;
+  }
+
+  static Node* user_add(t_pol_ctx* ctx, const char* name, size_t role, t_pol_fwd_user* user) {
+    if (ctx == nullptr || name == nullptr || user == nullptr) return nullptr;
+    Node* node = find_or_create(ctx, name);
+    if (node == nullptr) return nullptr;
+    t_pol_clause_user* registration = &(user->*Facts::kRoles[role].user);
+    if (UserQueue::linked(registration) && !registration->stale) {
+      // A user of one object at a time: of this one already, or it leaves the other.
+      if (registration->list == &node->head) return node;
+      user_remove(ctx, list_of<Node>(*registration), role, user);
+    }
+    pol::user_add(&node->head, node->users[role], registration);
+    return node;
+  }
+
+  static uint32_t user_remove(t_pol_ctx* ctx, Node* node, size_t role, t_pol_fwd_user* user) {
+    if (node == nullptr || ctx == nullptr || user == nullptr) return POL_EINVAL;
+    t_pol_clause_user* registration = &(user->*Facts::kRoles[role].user);
+    if (registration->list != &node->head) return POL_EINVAL;
+    pol::user_remove(&node->head, node->users[role], registration);
+    if (unused(*node)) node_free(ctx, node, true);
+    return POL_OK;
+  }
+
+  static Node* first(t_pol_ctx* ctx) { return ctx != nullptr ? tree(ctx).first() : nullptr; }
+  static Node* next(t_pol_ctx* ctx, Node* node) {
+    return ctx != nullptr && node != nullptr ? tree(ctx).next(node) : nullptr;
+  }
+
+  static void dump(Node* node, t_cli_user_ctx* cli) {
+    auto* address = static_cast<void*>(node);
+    if constexpr (Facts::kXmlType != 0) {
+      maapi_cli_printf(cli, "\n%s: %s (%p, %u)", Facts::kWord, node->head.name, address,
+                       unsigned{node->changed});
+    } else {
+      maapi_cli_printf(cli, "\n%s: %s (%p)", Facts::kWord, node->head.name, address);
+    }
+    for (size_t role = 0; role < std::size(node->users); ++role) {
+      for (const t_pol_clause_user& user : node->users[role]) {
+        maapi_cli_printf(cli, "\n  %s User: %s", Facts::kRoles[role].word,
+                         user.block != nullptr ? user.block->name : "<none>");
+      }
+    }
+    maapi_cli_printf(cli, "\nend \n");
+  }
+
+  static int dump_all(t_cli_user_ctx* cli) {
+    if (g_pol_ctx_p == nullptr) return 0;
+    dump_title(cli, Facts::kTitle);
+    for (Node* node = first(g_pol_ctx_p); node != nullptr; node = next(g_pol_ctx_p, node)) {
+      dump(node, cli);
+    }
+    return 0;
+  }
+
+ private:
+  static_assert(std::size(decltype(Node::users){}) == std::size(Facts::kRoles));
+
+  static NamedTree<Node>& tree(t_pol_ctx* ctx) { return ctx->*Facts::kTree; }
+
+  static bool unused(const Node& node) {
+    for (const UserQueue& users : node.users) {
+      if (!users.empty()) return false;
+    }
+    return true;
+  }
+
+  static Node* find_or_create(t_pol_ctx* ctx, const char* name) {
+    uint8_t created = 0;
+    Node* node = named_find_or_create(tree(ctx), name, Facts::kMemory, &created);
+    if constexpr (Facts::kXmlType != 0) {
+      if (created != 0) {
+        pol_xml_config_find_or_create(Facts::kXmlType, node->head.name);
+        node->changed = 1;
+      }
+    }
+    return node;
+  }
+
+  static void node_free(t_pol_ctx* ctx, Node* node, bool remove_from_tree) {
+    if (!unused(*node)) crash();
+    if (remove_from_tree) tree(ctx).remove(node);
+    if constexpr (Facts::kXmlType != 0) {
+      pol_xml_config_find_and_delete(Facts::kXmlType, node->head.name);
+    }
+    named_release(node, Facts::kMemory);
+  }
+};
+
+}  // namespace pol

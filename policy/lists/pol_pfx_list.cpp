@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+// Prefix lists: elements are found by their prefix and overwritten; one kind of user, no changed
+// flag, no XML record. Evaluation asks the index (pol_pfx_index.h), which every change keeps in
+// step.
+#include "policy/pol_pfx_list.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "base/pol_crash.h"
+#include "core/pol_context_internal.h"
+#include "core/pol_dump_internal.h"
+#include "policy/pol_util.h"
+
+namespace {
+
+void free_entries(t_pfx_list* list) {
+  list->index.clear();
+  while (t_pfx_entry* entry = list->entries.pop_front()) pol_free(entry, pol::MEM_PFX_ENTRY);
+  if (!list->entries.empty()) pol::crash();
+}
+
+void free_if_unused(t_pol_ctx* ctx, t_pfx_list* list) {
+  if (!list->entries.empty() || !list->users.empty()) return;
+  pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
+}
+
+t_pfx_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
+  return pol::named_find_or_create(ctx->pfx_lists, name, pol::MEM_PFX_LIST, created);
+}
+
+// The element, and through `list` its list, which is told even when no element has the prefix.
+t_pfx_entry* find_entry(t_pol_ctx* ctx, const char* name, const t_pol_pfx_record& record,
+                        t_pfx_list** list) {
+  *list = pol::named_find(ctx->pfx_lists, name);
+  return *list != nullptr ? (*list)->index.find(record.prefix) : nullptr;
+}
+
+// A new element with its place in the index, or null and nothing changed.
+t_pfx_entry* entry_create(t_pfx_list* list, const t_pol_pfx_record& record) {
+  auto* entry = pol::alloc<t_pfx_entry>(pol::MEM_PFX_ENTRY);
+  if (entry == nullptr) return nullptr;
+  entry->addr.family = record.prefix.addr.family;
+  if (record.prefix.addr.family == KEL_AF_INET) {
+    entry->addr.addr.v4 = record.prefix.addr.addr.v4;
+  } else {
+    memcpy(entry->addr.addr.v6, record.prefix.addr.addr.v6, sizeof entry->addr.addr.v6);
+  }
+  entry->len = record.prefix.len;
+  entry->op = static_cast<uint8_t>(std::min<uint32_t>(record.op, UINT8_MAX));
+  entry->min = record.min;
+  entry->max = record.max;
+  if (!list->index.add(entry)) {
+    pol_free(entry, pol::MEM_PFX_ENTRY);
+    return nullptr;
+  }
+  list->entries.push_back(entry);
+  return entry;
+}
+
+void tell_all(t_pol_ctx* ctx, const t_pfx_list& list) {
+  pol::mark_blocks(ctx, list.users);
+  pol_user_chg_list_notify_all(ctx);
+}
+
+}  // namespace
+
+uint32_t pol_pfx_list_main_init(t_pol_ctx* ctx) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  ctx->pfx_lists.create(pol::named_compare, offsetof(t_pfx_list, head.link));
+  return POL_OK;
+}
+
+uint32_t pol_pfx_list_main_deinit(t_pol_ctx* ctx) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  void* cookie = nullptr;
+  while (t_pfx_list* list = ctx->pfx_lists.drain(&cookie)) {
+    free_entries(list);
+    if (!list->users.empty()) pol::crash();
+    pol::named_release(list, pol::MEM_PFX_LIST);
+  }
+  ctx->pfx_lists.destroy();
+  return POL_OK;
+}
+
+uint32_t pol_pfx_list_entry_add(t_pol_ctx* ctx, const char* name, const t_pol_pfx_record* record) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  if (name == nullptr || record == nullptr) return POL_EINVAL;
+  uint8_t created = 0;
+  t_pfx_list* list = find_or_create(ctx, name, &created);
+  if (list == nullptr) return POL_ENOMEM;
+  t_pfx_entry* entry = list->index.find(record->prefix);
+  if (entry != nullptr) {
+    if (!list->index.change(entry, *record)) return POL_ENOMEM;
+  } else if (entry_create(list, *record) == nullptr) {
+    if (created != 0) {
+      if (!list->entries.empty() || !list->users.empty()) pol::crash();
+      pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
+    }
+    return POL_ENOMEM;
+  }
+  tell_all(ctx, *list);
+  return POL_OK;
+}
+
+uint32_t pol_pfx_list_del_entry(t_pol_ctx* ctx, const char* name, const t_pol_pfx_record* record) {
+  if (ctx == nullptr || name == nullptr || record == nullptr) return POL_OK;
+  t_pfx_list* list = nullptr;
+  t_pfx_entry* entry = find_entry(ctx, name, *record, &list);
+  if (entry == nullptr) return POL_OK;
+  list->index.remove(entry);
+  list->entries.remove(entry);
+  pol_free(entry, pol::MEM_PFX_ENTRY);
+  tell_all(ctx, *list);
+  return POL_OK;
+}
+
+uint32_t pol_pfx_list_cfg_del(t_pol_ctx* ctx, const char* name) {
+  if (ctx == nullptr || name == nullptr) return POL_OK;
+  t_pfx_list* list = pol::named_find(ctx->pfx_lists, name);
+  if (list == nullptr) return POL_OK;
+  free_entries(list);
+  free_if_unused(ctx, list);
+  return POL_OK;
+}
+
+t_pfx_list* pol_pfx_list_user_add(t_pol_ctx* ctx, const char* name, t_pol_clause_user* record) {
+  uint8_t created = 0;
+  t_pfx_list* list = find_or_create(ctx, name, &created);
+  if (list != nullptr) pol::user_add(&list->head, list->users, record);
+  return list;
+}
+
+uint32_t pol_pfx_list_user_remove(t_pol_ctx* ctx, t_pfx_list* list, t_pol_clause_user* record) {
+  if (list == nullptr) return POL_EINVAL;
+  pol::user_remove(&list->head, list->users, record);
+  free_if_unused(ctx, list);
+  return POL_OK;
+}
+
+// On purpose: the users come before the end, unlike in the other lists' dumps.
+void pol_dump_pfx_list(t_pfx_list* list, t_cli_user_ctx* cli) {
+  maapi_cli_printf(cli, "\nprefix-list: %s (%p)", list->head.name, static_cast<void*>(list));
+  for (const t_pfx_entry& entry : list->entries) {
+    char address[128];
+    char prefix[512];
+    snprintf(prefix, sizeof prefix, "%s/%u", ipaddr_print(&entry.addr, address, sizeof address),
+             unsigned{entry.len});
+    maapi_cli_printf(cli, "\n  prefix %s %s min %d max %d", prefix, pol_util_pfx_op_str(entry.op),
+                     int{entry.min}, int{entry.max});
+  }
+  pol::dump_list_users(cli, list->users);
+  maapi_cli_printf(cli, "\nend \n");
+}
+
+int pol_dump_pfx_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
+                          char** /*argv*/) {
+  if (g_pol_ctx_p == nullptr) return 0;
+  pol::dump_title(cli, "\n              PREFIX LISTS         ");
+  const auto& lists = g_pol_ctx_p->pfx_lists;
+  for (t_pfx_list* list = lists.first(); list != nullptr; list = lists.next(list)) {
+    pol_dump_pfx_list(list, cli);
+  }
+  return 0;
+}

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: Apache-2.0
+// Site lists: no changed flag, no XML record; one outside user beside the policies.
+#include "policy/pol_site_list.h"
+
+#include "base/pol_crash.h"
+#include "base/pol_name.h"
+#include "core/pol_context_internal.h"
+#include "core/pol_dump_internal.h"
+#include "policy/pol_util.h"
+
+namespace {
+
+bool unused(const t_site_list& list) {
+  return list.entries.empty() && list.pol_users.empty() && list.list_user == nullptr;
+}
+
+void free_entries(t_site_list* list) {
+  list->entries.clear([](pol::RangeNode* node) { pol_free(node, pol::MEM_SITE_ENTRY); });
+  if (!list->entries.empty()) pol::crash();
+}
+
+void free_if_unused(t_pol_ctx* ctx, t_site_list* list) {
+  if (unused(*list)) pol::named_remove(ctx->site_lists, list, pol::MEM_SITE_LIST);
+}
+
+t_site_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
+  return pol::named_find_or_create(ctx->site_lists, name, pol::MEM_SITE_LIST, created);
+}
+
+// The outside user is told first and may do anything to the list, even away with it; so the list is
+// looked up again for the policies.
+void tell_all(t_pol_ctx* ctx, t_site_list* list) {
+  char name[POL_LIST_NAME_SIZE];
+  pol::copy_name(name, list->head.name);
+  t_pol_list_user* user = list->list_user;
+  if (user != nullptr && user->change != nullptr) user->change(user, user->arg);
+  list = pol::named_find(ctx->site_lists, name);
+  if (list != nullptr) pol::mark_blocks(ctx, list->pol_users);
+  pol_user_chg_list_notify_all(ctx);
+}
+
+}  // namespace
+
+uint32_t pol_site_list_main_init(t_pol_ctx* ctx) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  ctx->site_lists.create(pol::named_compare, offsetof(t_site_list, head.link));
+  return POL_OK;
+}
+
+uint32_t pol_site_list_main_deinit(t_pol_ctx* ctx) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  void* cookie = nullptr;
+  while (t_site_list* list = ctx->site_lists.drain(&cookie)) {
+    free_entries(list);
+    if (!list->pol_users.empty()) pol::crash();
+    // On purpose: the record is the registrant's to forget and stays; only its way to the list is
+    // cut.
+    if (list->list_user != nullptr) list->list_user->list = nullptr;
+    pol::named_release(list, pol::MEM_SITE_LIST);
+  }
+  ctx->site_lists.destroy();
+  return POL_OK;
+}
+
+uint32_t pol_site_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, uint32_t high) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  if (name == nullptr) return POL_EINVAL;
+  uint8_t created = 0;
+  t_site_list* list = find_or_create(ctx, name, &created);
+  if (list == nullptr) return POL_ENOMEM;
+  if (list->entries.find(low, high) != nullptr) return POL_OK;
+  auto* entry = pol::alloc<t_site_entry>(pol::MEM_SITE_ENTRY);
+  if (entry == nullptr) {
+    if (created != 0) {
+      if (!list->entries.empty() || !list->pol_users.empty()) pol::crash();
+      pol::named_remove(ctx->site_lists, list, pol::MEM_SITE_LIST);
+    }
+    return POL_ENOMEM;
+  }
+  entry->range.low = low;
+  entry->range.high = high;
+  list->entries.add(&entry->range);
+  tell_all(ctx, list);
+  return POL_OK;
+}
+
+t_site_entry* pol_site_list_find_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
+                                       uint32_t high) {
+  if (ctx == nullptr || name == nullptr) return nullptr;
+  t_site_list* list = pol::named_find(ctx->site_lists, name);
+  return list != nullptr ? reinterpret_cast<t_site_entry*>(list->entries.find(low, high)) : nullptr;
+}
+
+uint32_t pol_site_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, uint32_t high) {
+  t_site_entry* entry = pol_site_list_find_entry(ctx, name, low, high);
+  if (entry == nullptr) return POL_OK;
+  t_site_list* list = pol::named_find(ctx->site_lists, name);
+  list->entries.remove(&entry->range);
+  pol_free(entry, pol::MEM_SITE_ENTRY);
+  tell_all(ctx, list);
+  return POL_OK;
+}
+
+uint32_t pol_site_list_cfg_del(t_pol_ctx* ctx, const char* name) {
+  if (ctx == nullptr || name == nullptr) return POL_OK;
+  t_site_list* list = pol::named_find(ctx->site_lists, name);
+  if (list == nullptr) return POL_OK;
+  free_entries(list);
+  free_if_unused(ctx, list);
+  return POL_OK;
+}
+
+t_site_list* pol_site_list_pol_user_add(t_pol_ctx* ctx, const char* name,
+                                        t_pol_clause_user* record) {
+  uint8_t created = 0;
+  t_site_list* list = find_or_create(ctx, name, &created);
+  if (list != nullptr) pol::user_add(&list->head, list->pol_users, record);
+  return list;
+}
+
+uint32_t pol_site_list_pol_user_remove(t_pol_ctx* ctx, t_site_list* list,
+                                       t_pol_clause_user* record) {
+  if (list == nullptr) return POL_EINVAL;
+  pol::user_remove(&list->head, list->pol_users, record);
+  free_if_unused(ctx, list);
+  return POL_OK;
+}
+
+t_pol_list_user* pol_site_list_user_add(t_pol_ctx* ctx, const char* name,
+                                        t_pol_list_change_cb change, void* arg) {
+  if (ctx == nullptr || name == nullptr) return nullptr;
+  uint8_t created = 0;
+  t_site_list* list = find_or_create(ctx, name, &created);
+  if (list == nullptr) return nullptr;
+  if (list->list_user != nullptr) return list->list_user;
+  auto* user = pol::alloc<t_pol_list_user>(pol::MEM_LIST_USER);
+  if (user == nullptr) return nullptr;
+  *user = {POL_LIST_SITE, change, list, arg};
+  list->list_user = user;
+  return user;
+}
+
+uint32_t pol_site_list_user_remove(t_pol_ctx* ctx, t_pol_list_user* user) {
+  if (user == nullptr || user->list == nullptr) return POL_EINVAL;
+  t_site_list* list = user->list;
+  list->list_user = nullptr;
+  pol_free(user, pol::MEM_LIST_USER);
+  free_if_unused(ctx, list);
+  return POL_OK;
+}
+
+void pol_dump_site_list(t_site_list* list, t_cli_user_ctx* cli) {
+  maapi_cli_printf(cli, "\nsite-list: %s (0x%p)", list->head.name, static_cast<void*>(list));
+  for (const pol::RangeNode& range : list->entries.in_order()) {
+    maapi_cli_printf(cli, "\n  site-id %d-%d", static_cast<int>(range.low),
+                     static_cast<int>(range.high));
+  }
+  maapi_cli_printf(cli, "\nend \n");
+  const t_pol_list_user* user = list->list_user;
+  if (user == nullptr) return;
+  maapi_cli_printf(cli, "\n    User: %p, list: %s, list-type: %s, ctx: %p, chg_cb: %p\n",
+                   static_cast<const void*>(user), list->head.name,
+                   pol_util_list_type_str(user->list_type), user->arg,
+                   reinterpret_cast<void*>(user->change));
+}
+
+int pol_dump_site_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
+                           char** /*argv*/) {
+  if (g_pol_ctx_p == nullptr) return 0;
+  pol::dump_title(cli, "\n              SITE LISTS           ");
+  const auto& lists = g_pol_ctx_p->site_lists;
+  for (t_site_list* list = lists.first(); list != nullptr; list = lists.next(list)) {
+    pol_dump_site_list(list, cli);
+  }
+  return 0;
+}

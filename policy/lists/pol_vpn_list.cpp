@@ -1,0 +1,203 @@
+// SPDX-License-Identifier: Apache-2.0
+// VPN lists: three kinds of user, a changed flag and a record in the XML cache.
+#include "policy/pol_vpn_list.h"
+
+#include "base/pol_crash.h"
+#include "core/pol_context_internal.h"
+#include "core/pol_dump_internal.h"
+#include "policy/pol_xml_config.h"
+
+namespace {
+
+bool unused(const t_vpn_list& list) {
+  return list.entries.empty() && list.match_users.empty() && list.action_users.empty() &&
+         list.fwd_pol_users.empty();
+}
+
+void free_entries(t_vpn_list* list) {
+  list->entries.clear([](pol::RangeNode* node) { pol_free(node, pol::MEM_VPN_ENTRY); });
+  if (!list->entries.empty()) pol::crash();
+}
+
+void node_free(t_pol_ctx* ctx, t_vpn_list* list, bool remove_from_tree) {
+  if (!unused(*list)) pol::crash();
+  if (remove_from_tree) ctx->vpn_lists.remove(list);
+  pol_xml_config_find_and_delete(POL_XML_VPN_LIST, list->head.name);
+  pol::named_release(list, pol::MEM_VPN_LIST);
+}
+
+t_vpn_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
+  t_vpn_list* list = pol::named_find_or_create(ctx->vpn_lists, name, pol::MEM_VPN_LIST, created);
+  if (*created != 0) {
+    pol_xml_config_find_or_create(POL_XML_VPN_LIST, list->head.name);
+    list->changed = 1;
+  }
+  return list;
+}
+
+void tell_all(t_pol_ctx* ctx, const t_vpn_list& list) {
+  pol::mark_blocks(ctx, list.match_users);
+  pol::mark_blocks(ctx, list.action_users);
+  for (t_pol_fwd_vpn_entry& user : list.fwd_pol_users) {
+    pol_block_users_add_to_chg_list(ctx, user.block);
+  }
+  pol_user_chg_list_notify_all(ctx);
+}
+
+t_vpn_list* user_add(t_pol_ctx* ctx, const char* name, pol::UserQueue t_vpn_list::*queue,
+                     t_pol_clause_user* record) {
+  uint8_t created = 0;
+  t_vpn_list* list = find_or_create(ctx, name, &created);
+  if (list != nullptr) pol::user_add(&list->head, list->*queue, record);
+  return list;
+}
+
+uint32_t user_remove(t_pol_ctx* ctx, t_vpn_list* list, pol::UserQueue t_vpn_list::*queue,
+                     t_pol_clause_user* record) {
+  if (list == nullptr) return POL_EINVAL;
+  pol::user_remove(&list->head, list->*queue, record);
+  if (unused(*list)) node_free(ctx, list, true);
+  return POL_OK;
+}
+
+}  // namespace
+
+uint32_t pol_vpn_list_main_init(t_pol_ctx* ctx) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  ctx->vpn_lists.create(pol::named_compare, offsetof(t_vpn_list, head.link));
+  return POL_OK;
+}
+
+uint32_t pol_vpn_list_main_deinit(t_pol_ctx* ctx) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  void* cookie = nullptr;
+  while (t_vpn_list* list = ctx->vpn_lists.drain(&cookie)) {
+    free_entries(list);
+    node_free(ctx, list, false);
+  }
+  ctx->vpn_lists.destroy();
+  return POL_OK;
+}
+
+uint32_t pol_vpn_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, uint32_t high) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  if (name == nullptr) return POL_EINVAL;
+  uint8_t created = 0;
+  t_vpn_list* list = find_or_create(ctx, name, &created);
+  if (list == nullptr) return POL_ENOMEM;
+  if (list->entries.find(low, high) != nullptr) return POL_OK;
+  list->changed = 1;
+  auto* entry = pol::alloc<t_pol_vpn_entry>(pol::MEM_VPN_ENTRY);
+  if (entry == nullptr) {
+    if (created != 0) node_free(ctx, list, true);
+    return POL_ENOMEM;
+  }
+  entry->range.low = low;
+  entry->range.high = high;
+  list->entries.add(&entry->range);
+  tell_all(ctx, *list);
+  return POL_OK;
+}
+
+t_pol_vpn_entry* pol_vpn_list_find_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
+                                         uint32_t high) {
+  if (ctx == nullptr || name == nullptr) return nullptr;
+  t_vpn_list* list = pol::named_find(ctx->vpn_lists, name);
+  if (list == nullptr) return nullptr;
+  return reinterpret_cast<t_pol_vpn_entry*>(list->entries.find(low, high));
+}
+
+uint32_t pol_vpn_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, uint32_t high) {
+  if (ctx == nullptr || name == nullptr) return POL_OK;
+  t_vpn_list* list = pol::named_find(ctx->vpn_lists, name);
+  if (list == nullptr) return POL_OK;
+  list->changed =
+      1;  // on purpose before the look-up: a missed delete still has the text fetched again
+  pol::RangeNode* range = list->entries.find(low, high);
+  if (range == nullptr) return POL_OK;
+  list->entries.remove(range);
+  pol_free(range, pol::MEM_VPN_ENTRY);
+  tell_all(ctx, *list);
+  return POL_OK;
+}
+
+uint32_t pol_vpn_list_cfg_del(t_pol_ctx* ctx, const char* name) {
+  if (ctx == nullptr || name == nullptr) return POL_OK;
+  t_vpn_list* list = pol::named_find(ctx->vpn_lists, name);
+  if (list == nullptr) return POL_OK;
+  free_entries(list);
+  if (unused(*list)) node_free(ctx, list, true);
+  return POL_OK;
+}
+
+t_vpn_list* pol_vpn_list_match_user_add(t_pol_ctx* ctx, const char* name,
+                                        t_pol_clause_user* record) {
+  return user_add(ctx, name, &t_vpn_list::match_users, record);
+}
+
+t_vpn_list* pol_vpn_list_action_user_add(t_pol_ctx* ctx, const char* name,
+                                         t_pol_clause_user* record) {
+  return user_add(ctx, name, &t_vpn_list::action_users, record);
+}
+
+t_vpn_list* pol_vpn_list_fwd_pol_user_add(t_pol_ctx* ctx, const char* name,
+                                          t_pol_fwd_vpn_entry* record) {
+  uint8_t created = 0;
+  t_vpn_list* list = find_or_create(ctx, name, &created);
+  if (list == nullptr) return nullptr;
+  list->fwd_pol_users.push_back(record);
+  record->vpn_list = list;
+  return list;
+}
+
+uint32_t pol_vpn_list_match_user_remove(t_pol_ctx* ctx, t_vpn_list* list,
+                                        t_pol_clause_user* record) {
+  return user_remove(ctx, list, &t_vpn_list::match_users, record);
+}
+
+uint32_t pol_vpn_list_action_user_remove(t_pol_ctx* ctx, t_vpn_list* list,
+                                         t_pol_clause_user* record) {
+  return user_remove(ctx, list, &t_vpn_list::action_users, record);
+}
+
+uint32_t pol_vpn_list_fwd_pol_user_remove(t_pol_ctx* ctx, t_vpn_list* list,
+                                          t_pol_fwd_vpn_entry* record) {
+  if (list == nullptr) return POL_EINVAL;
+  list->fwd_pol_users.remove(record);
+  record->vpn_list = nullptr;
+  if (unused(*list)) node_free(ctx, list, true);
+  return POL_OK;
+}
+
+t_vpn_list* pol_vpn_list_first(t_pol_ctx* ctx) {
+  return ctx != nullptr ? ctx->vpn_lists.first() : nullptr;
+}
+
+t_vpn_list* pol_vpn_list_next(t_pol_ctx* ctx, t_vpn_list* list) {
+  return ctx != nullptr && list != nullptr ? ctx->vpn_lists.next(list) : nullptr;
+}
+
+// On purpose: action users are not shown.
+void pol_dump_vpn_list(t_vpn_list* list, t_cli_user_ctx* cli) {
+  maapi_cli_printf(cli, "\nvpn-list: %s (0x%p, %u)", list->head.name, static_cast<void*>(list),
+                   unsigned{list->changed});
+  for (const pol::RangeNode& range : list->entries.in_order()) {
+    maapi_cli_printf(cli, "\n    vpn-id: %lu-%lu", range.low, range.high);
+  }
+  maapi_cli_printf(cli, "\nend \n");
+  pol::dump_list_users(cli, list->match_users);
+  for (const t_pol_fwd_vpn_entry& user : list->fwd_pol_users) {
+    maapi_cli_printf(cli, "\n  User: %s", user.block->name);
+  }
+}
+
+int pol_dump_vpn_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
+                          char** /*argv*/) {
+  if (g_pol_ctx_p == nullptr) return 0;
+  pol::dump_title(cli, "\n              VPN LISTS            ");
+  const auto& lists = g_pol_ctx_p->vpn_lists;
+  for (t_vpn_list* list = lists.first(); list != nullptr; list = lists.next(list)) {
+    pol_dump_vpn_list(list, cli);
+  }
+  return 0;
+}

@@ -1,0 +1,248 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// polctl diff. A process holds one policy context, so the old policy's answers are kept while the
+// new one is loaded in its place.
+
+#include <map>
+#include <tuple>
+#include <vector>
+
+#include "commands.h"
+#include "evaluation.h"
+#include "host/input_error.h"
+#include "json_line.h"
+#include "policy/pol_util.h"
+#include "terminal.h"
+#include "tloc_reader.h"
+
+namespace polctl {
+
+namespace {
+
+constexpr uint64_t kFewRoutes = 20;  // that differ are shown each on a line, more as a summary
+
+// An answer, without the query that it was given to. Kept for every route, so it is small where
+// little is set.
+struct Kept {
+  uint32_t action = 0;
+  uint32_t sequence = 0;
+  bool is_default = false;
+  uint8_t applied = 0;
+  uint32_t tag = 0;
+  uint32_t preference = 0;
+  std::string tlocs;
+  std::string vpns;
+};
+
+Kept kept_of(const Verdict& verdict) {
+  const t_pol_route_query& query = *verdict.query;
+  Kept kept;
+  kept.action = verdict.action;
+  kept.is_default = verdict.decision.is_default != 0;
+  kept.sequence = kept.is_default ? 0 : verdict.decision.sequence;
+  kept.applied = query.applied;
+  if ((query.applied & POL_APPLIED_TAG) != 0) kept.tag = query.attr_copy.tag;
+  if ((query.applied & POL_APPLIED_PREF) != 0) kept.preference = query.attr_copy.preference;
+  kept.tlocs = tlocs_text(query);
+  kept.vpns = vpns_text(query);
+  return kept;
+}
+
+std::string decider_text(const Kept& kept) {
+  return kept.is_default ? "default action" : fmt::format("sequence {}", kept.sequence);
+}
+
+std::string shown(const Kept& kept, uint8_t bit, uint32_t value) {
+  return (kept.applied & bit) != 0 ? std::to_string(value) : "";
+}
+
+struct Attribute {
+  const char* name;
+  std::string before; /* empty: not set */
+  std::string after;
+};
+
+std::vector<Attribute> attributes_that_differ(const Kept& a, const Kept& b) {
+  std::vector<Attribute> all = {
+      {"tag", shown(a, POL_APPLIED_TAG, a.tag), shown(b, POL_APPLIED_TAG, b.tag)},
+      {"preference", shown(a, POL_APPLIED_PREF, a.preference),
+       shown(b, POL_APPLIED_PREF, b.preference)},
+      {"tlocs", a.tlocs, b.tlocs},
+      {"vpns", a.vpns, b.vpns},
+  };
+  std::erase_if(all, [](const Attribute& each) { return each.before == each.after; });
+  return all;
+}
+
+bool same(const Kept& a, const Kept& b) {
+  return a.action == b.action && a.is_default == b.is_default && a.sequence == b.sequence &&
+         attributes_that_differ(a, b).empty();
+}
+
+PolicyOptions source_of(const std::string& file) {
+  PolicyOptions options;
+  require_readable(file, "a policy file or configuration");
+  if (is_configuration(file)) {
+    options.config = {file};
+  } else {
+    options.policy_file = file;
+  }
+  return options;
+}
+
+// The policy named, or the only one.
+std::string chosen_policy(const DiffOptions& options, const std::string& file) {
+  if (!options.policy.empty()) {
+    require_policy(options.policy, POL_KIND_ROUTE, file);
+    return options.policy;
+  }
+  std::vector<std::string> names = policy_names(POL_KIND_ROUTE);
+  if (names.size() == 1) return names.front();
+  throw InputError(fmt::format(
+      "{}: error: it has {} route policies (expected one, or --policy NAME)", file, names.size()));
+}
+
+std::vector<Kept> answers_of(const std::string& file, const DiffOptions& options) {
+  PolicySource source(source_of(file));
+  Evaluation evaluation(chosen_policy(options, file), POL_KIND_ROUTE, options.direction);
+  RouteReader routes(options.routes);
+  std::vector<Kept> answers;
+  while (const Verdict* verdict = evaluation.next(&routes, false)) {
+    answers.push_back(kept_of(*verdict));
+  }
+  return answers;
+}
+
+void write_json_side(const char* name, const Kept& kept, Output* out) {
+  out->print("\"{}\":{{\"action\":\"{}\",\"sequence\":{}}}", name, pol_util_action_str(kept.action),
+             kept.is_default ? "null" : std::to_string(kept.sequence));
+}
+
+class Differences {
+ public:
+  Differences(const DiffOptions& options, Output* out)
+      : options_(options),
+        out_(out),
+        palette_(out->fd()),
+        table_("llll", {{"route"}, {"old"}, {"new"}, {"sets"}}) {}
+
+  void add(const Verdict& verdict, const Kept& before) {
+    ++routes_;
+    Kept after = kept_of(verdict);
+    if (same(before, after)) return;
+    ++differ_;
+    if (options_.json) return write_json(verdict, before, after);
+    if (differ_ <= kFewRoutes) table_.add(row(verdict, before, after));
+    Group& group = groups_[{before.is_default, before.sequence, before.action, after.is_default,
+                            after.sequence, after.action}];
+    if (group.routes++ == 0) group.example = {before, after, route_text(verdict)};
+  }
+
+  bool any() const { return differ_ > 0; }
+
+  void finish() {
+    if (!options_.json) {
+      if (differ_ > kFewRoutes) {
+        print_groups();
+      } else if (differ_ > 0) {
+        table_.print(out_, palette_);
+      }
+      out_->print("{}{} of {} route{} differ\n", differ_ > 0 ? "\n" : "", grouped(differ_),
+                  grouped(routes_), routes_ == 1 ? "" : "s");
+    }
+    out_->flush();
+  }
+
+ private:
+  struct Example {
+    Kept before;
+    Kept after;
+    std::string route;
+  };
+  struct Group {
+    uint64_t routes = 0;
+    Example example;
+  };
+  using Key = std::tuple<bool, uint32_t, uint32_t, bool, uint32_t, uint32_t>;
+
+  static Table::Cell verdict_cell(const Kept& kept) {
+    return {fmt::format("{}, {}", pol_util_action_str(kept.action), decider_text(kept)),
+            action_colour(kept.action)};
+  }
+
+  static std::vector<Table::Cell> row(const Verdict& verdict, const Kept& a, const Kept& b) {
+    std::vector<std::string> parts;
+    for (const Attribute& each : attributes_that_differ(a, b)) {
+      parts.push_back(fmt::format("{} {} -> {}", each.name,
+                                  each.before.empty() ? "none" : each.before,
+                                  each.after.empty() ? "none" : each.after));
+    }
+    return {{route_text(verdict)}, verdict_cell(a), verdict_cell(b), {joined(parts, "; ")}};
+  }
+
+  void write_json(const Verdict& verdict, const Kept& a, const Kept& b) {
+    out_->print("{{\"index\":{},\"route\":{},", verdict.index, json_string(route_text(verdict)));
+    write_json_side("old", a, out_);
+    out_->write(",");
+    write_json_side("new", b, out_);
+    out_->write(",\"attributes\":{");
+    const char* separator = "";
+    auto side = [](const std::string& text) -> std::string {
+      if (text.empty()) return "null";
+      bool number = text.find_first_not_of("0123456789") == std::string::npos;
+      return number ? text : json_string(text);
+    };
+    for (const Attribute& each : attributes_that_differ(a, b)) {
+      out_->print("{}\"{}\":[{},{}]", separator, each.name, side(each.before), side(each.after));
+      separator = ",";
+    }
+    out_->write("}}\n");
+  }
+
+  void print_groups() {
+    Table table("llrl", {{"old"}, {"new"}, {"routes"}, {"first route"}});
+    for (const auto& [key, group] : groups_) {
+      table.add({verdict_cell(group.example.before),
+                 verdict_cell(group.example.after),
+                 {grouped(group.routes)},
+                 {group.example.route}});
+    }
+    table.print(out_, palette_);
+  }
+
+  const DiffOptions& options_;
+  Output* out_;
+  Palette palette_;
+  Table table_;
+  std::map<Key, Group> groups_;
+  uint64_t routes_ = 0;
+  uint64_t differ_ = 0;
+};
+
+}  // namespace
+
+int run_diff(const DiffOptions& options, Output* out) {
+  if (options.routes == "-") {
+    throw InputError(
+        "polctl: error: the routes are read twice (expected a file, not standard input)");
+  }
+  if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);
+  std::vector<Kept> before = answers_of(options.old_file, options);
+  PolicySource source(source_of(options.new_file));
+  Evaluation evaluation(chosen_policy(options, options.new_file), POL_KIND_ROUTE,
+                        options.direction);
+  RouteReader routes(options.routes);
+  Differences differences(options, out);
+  while (!out->gone()) {
+    const Verdict* verdict = evaluation.next(&routes, false);
+    if (verdict == nullptr) break;
+    if (verdict->index >= before.size()) {
+      throw InputError(options.routes + ": error: it grew meanwhile (expected a file that stays)");
+    }
+    differences.add(*verdict, before[verdict->index]);
+  }
+  differences.finish();
+  return differences.any() ? kFindings : kDone;
+}
+
+}  // namespace polctl

@@ -1,0 +1,125 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * commands.h - polctl's commands. Each returns an ExitStatus and throws InputError.
+ */
+#ifndef TOOL_COMMANDS_H
+#define TOOL_COMMANDS_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/forwarding.h"
+#include "host/output.h"
+#include "host/policy_source.h"
+#include "policy/pol_types.h"
+
+namespace polctl {
+
+/* Every command that a running host answers too (polctl serve) has two halves: run_ finds its policy
+ * and answers, or asks the host; answer_ only answers. */
+
+struct EvalOptions {
+  PolicyOptions source;
+  std::string policy;
+  uint32_t kind = POL_KIND_ROUTE;
+  uint32_t direction = POL_DIR_IN;
+  std::string routes = "-"; /* "-" is standard input */
+  std::string routes_name;  /* what messages call them, unless "" */
+  std::string tlocs;        /* empty: each TLOC resolves to itself */
+  bool json = false;
+  bool explain = false;
+};
+
+/* Runs routes through a policy. kDone whatever the verdicts are: they are the answer. */
+int run_eval(const EvalOptions& options, Output* out);
+int answer_eval(const EvalOptions& options, Output* out);
+
+struct CheckOptions {
+  std::string policy_file;
+  std::vector<std::string> config; /* configuration files, merged in order; then no policy file */
+  bool json = false;
+};
+
+/* Says what is wrong with a policy file or with configuration. kFindings when there is something. */
+int run_check(const CheckOptions& options, Output* out);
+int run_check_config(const CheckOptions& options, Output* out);
+
+struct DumpOptions {
+  PolicyOptions source;
+  std::string topic = "all";
+};
+
+/* Prints what the library holds once the policy is loaded. */
+int run_dump(const DumpOptions& options, Output* out);
+int answer_dump(const DumpOptions& options, Output* out);
+
+struct GraphOptions {
+  PolicyOptions source;
+  std::string format = "text"; /* or "dot" or "json" */
+};
+
+/* Shows what uses what, what is undefined and what is unused. */
+int run_graph(const GraphOptions& options, Output* out);
+int answer_graph(const GraphOptions& options, const PolicySource& source, Output* out);
+
+struct DocumentOptions {
+  PolicyOptions source;
+  AppliedPolicies applied; /* of a running host: its own count */
+  std::string tlocs;
+  bool pretty = false;
+  bool show_data = false; /* publish it, say what the agent shows, and clear that */
+};
+
+/* Prints the XML document for the applied policies. */
+int run_document(DocumentOptions options, Output* out);
+int answer_document(const DocumentOptions& options, const ForwardingManager& manager, Output* out);
+
+struct LabelsOptions {
+  PolicyOptions source;
+  std::string tlocs;
+  bool json = false;
+};
+
+/* Shows the labels that the agent's configuration holds. */
+int run_labels(LabelsOptions options, Output* out);
+int answer_labels(const LabelsOptions& options, ConfigSession* session, Output* out);
+
+struct ServeOptions {
+  PolicyOptions source;
+  AppliedPolicies applied;
+  std::string tlocs;
+  std::string socket;
+};
+
+/* Keeps agent and host running until SIGINT or SIGTERM, and answers the other commands. */
+int run_serve(ServeOptions options, Output* out);
+
+struct DiffOptions {
+  std::string old_file; /* each a policy file or configuration, as its content tells */
+  std::string new_file;
+  std::string policy; /* empty: the only route policy there is in both */
+  uint32_t direction = POL_DIR_IN;
+  std::string routes;
+  std::string tlocs;
+  bool json = false;
+};
+
+/* Runs routes through two versions of a policy. kFindings when any of them is answered differently. */
+int run_diff(const DiffOptions& options, Output* out);
+
+struct WatchOptions {
+  PolicyOptions source;
+  std::vector<std::string> policies; /* control policies to use; none: all there are */
+  std::vector<std::string> change;   /* configuration files to commit; none: wait for others' */
+};
+
+/* Registers a user for each policy and shows what each commit has it told, and when. */
+int run_watch(const WatchOptions& options, Output* out);
+
+/* What DumpOptions::topic may be. */
+std::vector<std::string> dump_topics();
+
+}  // namespace polctl
+
+#endif

@@ -1,0 +1,28 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * live_client.h - asks a running host (polctl serve).
+ */
+#ifndef TOOL_LIVE_CLIENT_H
+#define TOOL_LIVE_CLIENT_H
+
+#include <string>
+
+#include "host/output.h"
+#include "live_request.h"
+
+namespace polctl {
+
+/* Has the host answer, prints that, and returns its exit status. Throws InputError, with the host's
+ * words where it refuses. */
+int ask_live(const std::string& socket, const LiveRequest& request, Output* out);
+
+/* A whole file, or standard input ("-"), that goes to the host with a request. Throws InputError when
+ * it cannot be read or is longer than the host takes. */
+std::string read_input(const std::string& path);
+
+/* The socket that is used unless one is named: in XDG_RUNTIME_DIR, or in /tmp with the user's id. */
+std::string default_socket();
+
+}  // namespace polctl
+
+#endif

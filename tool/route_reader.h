@@ -1,0 +1,51 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * route_reader.h - routes from text: JSON Lines and bare prefixes, mixed.
+ *
+ * A line that begins with '{' is a JSON object, an empty one and one that begins with '#' are
+ * passed over, any other is one prefix and asks about a route. An attribute that a line does not
+ * name is not present. A TLOC may leave out its color and encapsulation: they count as 0, as in
+ * policy files, which give TLOCs no encapsulation.
+ */
+#ifndef TOOL_ROUTE_READER_H
+#define TOOL_ROUTE_READER_H
+
+#include <string>
+
+#include "host/input_error.h"
+#include "host/tloc_resolver.h"
+#include "json_line.h"
+#include "line_reader.h"
+#include "policy/pol_types.h"
+
+namespace polctl {
+
+class RouteReader {
+ public:
+  explicit RouteReader(const std::string& path, const std::string& name = "")
+      : lines_(path, name) {}
+
+  /* Fills the host's part of the query, which the caller has cleared, and all of `attr`. False at
+   * the end. Throws InputError naming file, line and column of what is wrong. */
+  bool next(t_pol_route_query* query, t_pol_route_attr* attr);
+
+  const LineReader& lines() const { return lines_; }
+
+ private:
+  LineReader lines_;
+  JsonLine json_;
+};
+
+/* A JSON object with the members of a TLOC, its label and preference, and the service it offers with
+ * the VPN for which it does. Throws LineFaultError. */
+void read_tloc_line(std::string_view text, JsonLine* json, ResolvableTloc* tloc);
+
+/* The next line that holds something, and the offset of its first character that is no blank. */
+bool next_line_with_text(LineReader* lines, std::string_view* line, size_t* start);
+
+/* Ends the command: what is wrong with the reader's last line. */
+[[noreturn]] void throw_at_line(const LineReader& lines, size_t offset, const LineFault& fault);
+
+}  // namespace polctl
+
+#endif

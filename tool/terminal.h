@@ -1,0 +1,84 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * terminal.h - colour, tables and progress for people.
+ */
+#ifndef TOOL_TERMINAL_H
+#define TOOL_TERMINAL_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/output.h"
+
+namespace polctl {
+
+enum class Colour { Plain, Bold, Dim, Red, Green, Yellow };
+
+/* Colours text when the file is a terminal and the environment does not ask for none (NO_COLOR set
+ * and not empty, TERM=dumb). */
+class Palette {
+ public:
+  explicit Palette(int fd);
+  /* Tells whether it colours at all. */
+  bool on() const { return on_; }
+  std::string paint(Colour colour, std::string_view text) const;
+
+ private:
+  bool on_;
+};
+
+Colour action_colour(uint32_t action);
+
+/* Columns as wide as their widest cell, two blanks between them. Widths count bytes. */
+class Table {
+ public:
+  struct Cell {
+    std::string text;
+    Colour colour = Colour::Plain;
+  };
+  /* `align` has a letter a column: 'l' or 'r'. */
+  Table(std::string align, std::vector<Cell> heading);
+  void add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
+  void print(Output* out, const Palette& palette) const;
+
+ private:
+  std::string align_;
+  std::vector<std::vector<Cell>> rows_; /* the heading first */
+};
+
+/* 175195 as "175,195". */
+std::string grouped(uint64_t number);
+
+/* A bar on standard error for work that takes more than a second, when that is a terminal. Not
+ * wanted where the answers themselves scroll over the same screen. */
+class Progress {
+ public:
+  Progress(std::string what, bool wanted);
+  ~Progress() { clear(); }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  /* Cheap enough for every route: it looks at the clock once in a thousand calls. `size` 0: the end
+   * is not known. */
+  void step(uint64_t position, uint64_t size) {
+    if (enabled_ && ++steps_ % 1024 == 0) show(position, size);
+  }
+  /* Takes the bar off the screen. */
+  void clear();
+
+ private:
+  void show(uint64_t position, uint64_t size);
+
+  std::string what_;
+  bool enabled_;
+  bool shown_ = false;
+  uint64_t steps_ = 0;
+  std::chrono::steady_clock::time_point next_;
+};
+
+}  // namespace polctl
+
+#endif
