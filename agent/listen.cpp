@@ -158,8 +158,8 @@ void server_leave(Server& server) {
 
 Result server_admit(const Server& server, int socket, bool by_path, uid_t* uid) {
   yarrow::Peer peer = yarrow::peer_of_accepted(server.peer_table, socket);
-  *uid = peer.uid;
   if (!peer.known) return failed(YARROW_ERR_ACCESS, "the peer is not known: " + peer.why);
+  *uid = peer.uid;
   const std::vector<uid_t>& allowed = server.allowed_uids;
   if (std::find(allowed.begin(), allowed.end(), peer.uid) != allowed.end()) return {};
   if (by_path && server.path.has_group && in_group(socket, server.path.group)) return {};

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
 
 namespace agent {
 
@@ -32,6 +33,7 @@ constexpr int64_t kHelloTime = 10'000;
 constexpr int64_t kFarewellTime = 60'000;  // without progress
 constexpr int kTick = 1'000;
 constexpr int kAcceptsATurn = 16;
+constexpr uid_t kNobody = static_cast<uid_t>(-1);
 constexpr int64_t kAcceptPause = 1'000;
 constexpr size_t kMaxResultsKept = 8;
 constexpr int64_t kResultTime = 60'000;
@@ -100,9 +102,7 @@ void answer_hello(Server& server, Connection& connection, std::string_view body)
   connection.state = result.ok() ? Connection::State::kServing : Connection::State::kClosing;
   add_status(connection, result, {});
   if (connection.stream != 0) {
-    std::string& text = server.agent.streams[connection.stream].text;
-    connection.out += text;
-    text = {};
+    connection.out += stream_text(server.agent, connection.stream);
     connection.state = Connection::State::kClosing;
   }
   bool closing = connection.state == Connection::State::kClosing;
@@ -199,8 +199,6 @@ void write_some(Agent& agent, Connection& connection) {
 // Ends what the connection held, here and for others.
 void let_go(Server& server, const Connection& connection) {
   session_end(server.agent, connection.session);
-  std::erase_if(server.agent.streams,
-                [&](const auto& stream) { return stream.second.owner == connection.session.id; });
   if (connection.stream != 0) end_stream(server.agent, connection.stream);
   close(connection.socket);
   server.accept_after = 0;
@@ -250,14 +248,22 @@ void accept_some(Server& server, int listener) {
     int socket = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (socket < 0) {
       // The connection stays in the listener's queue, which would wake the server again at once.
-      if (out_of_descriptors(errno)) server.accept_after = now_ms() + kAcceptPause;
+      if (!out_of_descriptors(errno)) return;
+      log_burst(server.starved, LogLevel::kWarning, "no connection can be accepted",
+                {{"reason", std::generic_category().message(errno)}});
+      server.accept_after = now_ms() + kAcceptPause;
       return;
     }
-    uid_t uid = 0;
+    uid_t uid = kNobody;
     bool by_path = listener == server.path.listener;
     Result result = server_admit(server, socket, by_path, &uid);
     if (result.ok() && is_full(server)) {
       result = failed(YARROW_ERR_TOOBIG, "too many connections");
+      log_burst(server.crowded, LogLevel::kWarning, "a connection beyond the limit is refused",
+                {{"limit", kMaxConnections}, {"uid", uid}});
+    } else if (!result.ok()) {
+      log_burst(server.refused, LogLevel::kWarning, "a peer is refused",
+                {{"uid", uid != kNobody ? std::to_string(uid) : ""}, {"reason", result.reason}});
     }
     if (!result.ok()) {
       refuse(socket, result);

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/log.h"
 #include "agent/session.h"
 
 namespace agent {
@@ -49,6 +50,7 @@ struct Server {
   int peer_table = -1;       // kept, so that a lack of descriptors lets nobody in
   int64_t accept_after = 0;  // no descriptor was left: not before then
   std::vector<uid_t> allowed_uids;
+  LogBurst refused, crowded, starved;
   uint64_t next_id = 1;
   std::list<Connection> connections;
 
@@ -67,6 +69,7 @@ Result server_listen(Server& server, uint16_t port, uint16_t* bound, const std::
 void server_leave(Server& server);
 
 // Whether the peer of an accepted connection is served. `by_path`: it came by the Unix socket.
+// `uid` stays as it is where the kernel tells none.
 Result server_admit(const Server& server, int socket, bool by_path, uid_t* uid);
 
 void server_run(Server& server);

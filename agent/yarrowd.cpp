@@ -48,7 +48,8 @@ int usage(FILE* out) {
       "                       or what the environment variable YARROW_IPC_PORT says)\n"
       "  --socket PATH        listen on a Unix socket there too (default: what the environment\n"
       "                       variable YARROW_IPC_PATH says, else, if the port is 3010 and the\n"
-      "                       directory can be written to, " YARROW_PATH ")\n"
+      "                       directory can be written to, " YARROW_PATH
+      ")\n"
       "  --group NAME         let this group connect to the Unix socket (default: its owner)\n"
       "  --allow-uid UID      serve processes of this user too\n"
       "  --log WHERE          stderr (the default), syslog, or json, an object a line on stderr\n"
@@ -62,7 +63,8 @@ int usage(FILE* out) {
       "under\n"
       "                       another name\n"
       "  --version            print the version, and end\n"
-      "Prints \"yarrowd: port PORT\", and \"yarrowd: socket PATH\" if there is one, once it serves.\n"
+      "Prints \"yarrowd: port PORT\", and \"yarrowd: socket PATH\" if there is one, once it "
+      "serves.\n"
       "SIGTERM ends it. The exit status is 1 when "
       "it\n"
       "cannot start or a check finds damage, 2 for a wrong command line.\n",

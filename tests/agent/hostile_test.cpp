@@ -222,10 +222,22 @@ TEST(HostileTest, TransactionsAndStreamsOfOneSessionAreBounded) {
   ASSERT_EQ(why(session.commit(policy("<app-id><name>a</name></app-id>"))), "ok");
   int trans = session.begin();
   int status = 0;
-  for (int i = 0; i < 100 && status >= 0; ++i) {
+  int first = maapi_save_config(session.fd(), trans, YARROW_CONFIG_XML, "/policy");
+  for (int i = 0; i < 8; ++i) {
     status = maapi_save_config(session.fd(), trans, YARROW_CONFIG_XML, "/policy");
+    EXPECT_EQ(why(status), "ok");
   }
-  EXPECT_EQ(why(status), "too big: too many streams");
+  Socket late(agent.port());
+  EXPECT_EQ(yarrow_stream_connect(late.fd(), late.addr(), late.addr_len(), first, 0), YARROW_ERR)
+      << "the oldest that nobody asked for gave way to the ninth";
+  Session other(agent.port());
+  const int unread = maapi_save_config(other.fd(), other.begin(), YARROW_CONFIG_XML, "/policy");
+  other.shut();
+  EXPECT_EQ(session.save("/policy"), session.save("/policy", MAAPI_CANDIDATE));
+  Socket orphan(agent.port());
+  EXPECT_EQ(yarrow_stream_connect(orphan.fd(), orphan.addr(), orphan.addr_len(), unread, 0),
+            YARROW_ERR)
+      << "it went with its connection";
   for (int i = 0; i < 100; ++i) {
     status =
         maapi_start_trans_flags2(session.fd(), MAAPI_CANDIDATE, MAAPI_READ, 0, 0, nullptr, nullptr);

@@ -16,6 +16,8 @@
 #include <fstream>
 #include <map>
 
+#include "support/paths.h"
+
 namespace test {
 
 namespace {
@@ -102,7 +104,7 @@ AgentProcess::AgentProcess(const std::string& directory, const std::vector<std::
     dup2(log_, STDERR_FILENO);
     const rlimit limit = {descriptors, descriptors};
     if (descriptors > 0 && setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(126);
-    execv(YARROWD_PATH, pointers.data());
+    execv(kYarrowdPath, pointers.data());
     _exit(127);
   }
   close(ends[1]);
