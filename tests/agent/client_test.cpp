@@ -118,6 +118,17 @@ TEST_F(ClientTest, PathsThatDoNotFitTheSchemaAreNamed) {
   expect_golden("changes/paths.ok", all);
   EXPECT_EQ(why(maapi_delete(fd_, trans, "/policy/policer{%s}", std::string(5000, 'x').c_str())),
             "too big: a path too long");
+  EXPECT_EQ(why(maapi_set_elem_text(fd_, trans, std::string(4096, 'x').c_str(),
+                                    "/policy/app-id{a}/name")),
+            "too big: a value too long");
+  std::vector<t_yarrow_value> items(1025);
+  for (t_yarrow_value& item : items) item.type = C_XMLTAG;
+  t_yarrow_value list = {};
+  list.type = C_LIST;
+  list.val.list = {static_cast<uint32_t>(items.size()), items.data()};
+  EXPECT_EQ(why(maapi_set_elem(fd_, trans, &list, "%s/vpn-list{V}/preferred-color",
+                               "/policy/data-policy{D}")),
+            "?");
 }
 
 // The cache cuts saved text at these marks.

@@ -11,6 +11,9 @@
 #include <fstream>
 #include <random>
 
+#include "agent/edits.h"
+#include "agent/keypath.h"
+#include "agent/server.h"
 #include "agent/yarrow_agent.h"
 #include "platform/yarrow/wire.h"
 #include "support.h"
@@ -270,6 +273,44 @@ TEST(HostileTest, StreamsThatNobodyAsksForNeitherWedgeASessionNorOutliveIt) {
   session = std::make_unique<Session>(agent.port());
   EXPECT_EQ(maapi_commit_id(session->fd()), 1);
   EXPECT_EQ(read_stream(*session, id), "no such node: no such stream");
+}
+
+TEST(HostileTest, WhatASubscriberLagsBehindIsToldAsOne) {
+  agent::Server server;
+  std::string error;
+  server.agent.schema = agent::schema_load(&error);
+  ASSERT_TRUE(server.agent.schema) << error;
+  agent::Connection& lagging = server.connections.emplace_back();
+  lagging.kind = SocketKind::kSubscription;
+  lagging.state = agent::Connection::State::kServing;
+  agent::NodeRef root = agent::empty_tree(*server.agent.schema);
+  constexpr uint64_t kCommits = 600;
+  constexpr size_t kMost = 256;
+  for (uint64_t commit = 1; commit <= kCommits; ++commit) {
+    auto record = std::make_shared<agent::CommitRecord>();
+    record->commit = commit;
+    record->before = root;
+    agent::Path path;
+    ASSERT_TRUE(agent::path_parse(*server.agent.schema,
+                                  "/policy/app-id{a" + std::to_string(commit) + "}", &path)
+                    .ok());
+    agent::Editor editor{*server.agent.schema, false, &root};
+    ASSERT_TRUE(agent::edit_create(editor, path).ok());
+    record->after = root;
+    agent::changes_between(record->before, record->after, &record->changes);
+    agent::subscription_publish(server, record);
+  }
+  ASSERT_EQ(lagging.pending.size(), kMost);
+  EXPECT_EQ(lagging.pending[0]->commit, 1u) << "may be half told";
+  EXPECT_EQ(lagging.pending[1]->commit, kCommits - kMost + 2);
+  EXPECT_EQ(lagging.pending.back()->commit, kCommits);
+  agent::subscription_fill(lagging);
+  EXPECT_TRUE(lagging.pending.empty());
+  size_t told = 0;
+  for (size_t at = 0; (at = lagging.out.find("/policy/app-id", at)) != std::string::npos; ++at) {
+    ++told;
+  }
+  EXPECT_EQ(told, kCommits) << "each entry once";
 }
 
 int64_t g_clock_ahead = 0;  // milliseconds
