@@ -24,7 +24,7 @@ namespace agent {
 enum class LogTarget : uint8_t { kOff, kSyslog, kStderr, kJson };
 
 // Syslog's numbers. Error: what was asked for is not done, and the operator must act. Warning:
-// something was refused or cut off, or a limit reached. Notice: start, end, recovery. Info: commits,
+// something was refused, cut off or given up, or a limit reached. Notice: start, end. Info: commits,
 // rotation.
 enum class LogLevel : uint8_t { kError = 3, kWarning = 4, kNotice = 5, kInfo = 6 };
 

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <system_error>
@@ -63,20 +64,21 @@ Result os_failure(const std::string& what) {
 }
 
 Result state_dir_open(StateDir& dir, const std::string& name, bool make) {
-  dir.name = name;
+  // With a slash at its end a link would be followed.
+  dir.name = name.substr(0, std::max(name.find_last_not_of('/') + 1, size_t{1}));
   if (name.empty()) return failed(YARROW_ERR_NOEXISTS, "an empty directory name");
-  bool is_new = make && mkdir(name.c_str(), kPrivateDirectory) == 0;
-  if (make && !is_new && errno != EEXIST) return os_failure(name);
-  dir.handle = open(name.c_str(), O_RDONLY | O_DIRECTORY | kCareful);
+  bool is_new = make && mkdir(dir.name.c_str(), kPrivateDirectory) == 0;
+  if (make && !is_new && errno != EEXIST) return os_failure(dir.name);
+  dir.handle = open(dir.name.c_str(), O_RDONLY | O_DIRECTORY | kCareful);
   if (dir.handle < 0 && (errno == ELOOP || errno == ENOTDIR)) {
-    return failed(YARROW_ERR_ACCESS, name + ": is a link or not a directory");
+    return failed(YARROW_ERR_ACCESS, dir.name + ": is a link or not a directory");
   }
-  if (dir.handle < 0) return os_failure(name);
-  Result result = check_owner(dir.handle, S_IFDIR, name);
+  if (dir.handle < 0) return os_failure(dir.name);
+  Result result = check_owner(dir.handle, S_IFDIR, dir.name);
   if (!result.ok() || !is_new) return result;
   // What will be synced in it is only found again if its own name is.
   int parent = openat(dir.handle, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (parent < 0 || fsync(parent) != 0) result = os_failure(name + "/..");
+  if (parent < 0 || fsync(parent) != 0) result = os_failure(dir.path(".."));
   if (parent >= 0) close(parent);
   return result;
 }
@@ -133,7 +135,8 @@ Result state_file_replace(const StateDir& dir, const std::string& name, std::str
 Result state_file_keep(const StateDir& dir, const std::string& name, const std::string& why,
                        std::string* kept) {
   for (int i = 1; i <= kMaxKept; ++i) {
-    std::string other = name + "." + why + "." + std::to_string(i);
+    std::string other = name;
+    other.append(".").append(why).append(".").append(std::to_string(i));
     *kept = dir.path(other);
     if (linkat(dir.handle, name.c_str(), dir.handle, other.c_str(), 0) == 0) {
       return state_dir_sync(dir);

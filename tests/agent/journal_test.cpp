@@ -4,6 +4,7 @@
 // lies in against those who share the machine.
 #include "agent/journal.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -265,6 +266,33 @@ TEST_F(JournalTest, AKillAtAnyMomentLosesNothingThatWasAcknowledged) {
   munmap(shared, 4096);
 }
 
+TEST_F(JournalTest, WhatCannotBeWrittenIsRefusedAndTriedAgain) {
+  agent::Journal journal;
+  ASSERT_EQ(open(journal).reason, "");
+  ASSERT_EQ(commit(journal, wide(1)).reason, "");
+  const std::string before = file_text(file_);
+  int file = std::exchange(journal.file, ::open(file_.c_str(), O_RDONLY));
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(commit(journal, wide(2)).error, YARROW_ERR_OS);
+    EXPECT_TRUE(journal.broken) << "neither written nor taken back";
+  }
+  close(std::exchange(journal.file, file));
+  EXPECT_EQ(file_text(file_), before);
+  EXPECT_EQ(commit(journal, wide(2)).reason, "");
+  journal.quiet_until = 0;
+  journal.limit = 2 * journal.size - 2;
+  EXPECT_TRUE(journal_wants_rewrite(journal));
+  std::filesystem::create_directory(file_ + ".new");
+  EXPECT_EQ(journal_rewrite(journal, *schema_, versions_).error, YARROW_ERR_OS);
+  EXPECT_FALSE(journal_wants_rewrite(journal)) << "not again at once";
+  EXPECT_EQ(commit(journal, wide(3)).reason, "");
+  const std::string expected = saved();
+  close(std::exchange(journal.dir.lock, -1));
+  agent::Journal other;
+  ASSERT_EQ(open(other).reason, "");
+  EXPECT_EQ(saved(), expected);
+}
+
 // What others may have put in the directory's or a file's place.
 TEST_F(JournalTest, ADirectoryOrFileThatOthersCouldHaveMadeIsRefused) {
   namespace fs = std::filesystem;
@@ -276,6 +304,11 @@ TEST_F(JournalTest, ADirectoryOrFileThatOthersCouldHaveMadeIsRefused) {
   } kCases[] = {
       {[&] { chmod(name_.c_str(), 0770); }, "state: others may write to it (mode 0770)"},
       {[&] { fs::remove_all(name_), fs::create_directory_symlink(directory_.path(), name_); },
+       "state: is a link or not a directory"},
+      {[&] {
+         fs::remove_all(name_), fs::create_directory_symlink(directory_.path(), name_);
+         name_ += "//";
+       },
        "state: is a link or not a directory"},
       {[&] { fs::remove_all(name_), std::ofstream(name_) << "x"; },
        "state: is a link or not a directory"},
@@ -289,6 +322,7 @@ TEST_F(JournalTest, ADirectoryOrFileThatOthersCouldHaveMadeIsRefused) {
   };
   for (const auto& [attack, reason] : kCases) {
     if (strstr(reason, "65534") != nullptr && geteuid() != 0) continue;
+    name_ = directory_.path() + "/state";
     fs::remove_all(name_);
     std::ofstream(victim) << "precious";
     {
