@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/datastore.h"
 
-#include <syslog.h>
-
+#include "agent/log.h"
 #include "agent/rebase.h"
 #include "agent/validate.h"
 
@@ -34,9 +33,10 @@ Result make_running(Datastores& stores, NodeRef root, CommitRef* record) {
 
 }  // namespace
 
-Result datastores_open(Datastores& stores, const Schema& schema, const std::string& directory) {
+Result datastores_open(Datastores& stores, const Schema& schema,
+                       const std::optional<std::string>& directory, OnDamage on_damage) {
   stores.schema = &schema;
-  Result result = journal_open(stores.journal, schema, directory, &stores.versions);
+  Result result = journal_open(stores.journal, schema, directory, on_damage, &stores.versions);
   if (!result.ok()) return result;
   NodeRef before = empty_tree(schema);
   for (Version& version : stores.versions) {
@@ -48,12 +48,16 @@ Result datastores_open(Datastores& stores, const Schema& schema, const std::stri
 
 void datastores_tidy(Datastores& stores) {
   if (!journal_wants_rewrite(stores.journal)) return;
-  // All commits stand in the old file; failing to shorten it loses nothing.
+  uint64_t before = stores.journal.size;
   Result result = journal_rewrite(stores.journal, *stores.schema, stores.versions);
-  if (result.ok()) return;
-  syslog(LOG_WARNING, "%s", result.reason.c_str());
-  stores.journal.base_size =
-      stores.journal.size;  // not again before it has grown as much once more
+  if (result.ok()) {
+    log_line(LogLevel::kInfo, "the journal is written anew",
+             {{"commit", stores.commit_id()}, {"before", before}, {"bytes", stores.journal.size}});
+    return;
+  }
+  // All commits stand in the old file: failing to shorten it loses nothing.
+  log_line(LogLevel::kWarning, "the journal cannot be written anew and grows on",
+           {{"commit", stores.commit_id()}, {"bytes", before}, {"reason", result.reason}});
 }
 
 const NodeRef* datastore_root(const Datastores& stores, int datastore) {

@@ -34,7 +34,8 @@ struct Datastores {
   uint64_t commit_id() const { return versions.back().commit; }
 };
 
-Result datastores_open(Datastores& stores, const Schema& schema, const std::string& directory);
+Result datastores_open(Datastores& stores, const Schema& schema,
+                       const std::optional<std::string>& directory, OnDamage on_damage);
 
 // Shortens the file on disk when that is due. Takes as long as writing the whole configuration: to
 // be called when no client waits.

@@ -9,14 +9,16 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace agent {
 
 struct Options {
-  std::string directory;            // where running is kept; empty: nowhere
-  uint16_t port = 0;                // 0: a free one
+  std::optional<std::string> directory;  // where running is kept; none: nowhere
+  bool recover = false;  // a damaged file is kept under another name and its good commits used
+  uint16_t port = 0;     // 0: a free one
   std::vector<uid_t> allowed_uids;  // beside this process's own
 };
 
@@ -24,6 +26,9 @@ class Handle;
 
 // Starts an agent. Null on failure, with the reason in `error`.
 std::shared_ptr<Handle> start(const Options& options, std::string* error);
+
+// The number of the last commit. REQUIRES: no thread serves.
+uint64_t commit(const Handle& handle);
 
 // The port it listens on.
 uint16_t port(const Handle& handle);
@@ -39,6 +44,17 @@ void request_stop(Handle& handle);
 
 // Asks, and waits for the thread of run_in_thread.
 void stop(Handle& handle);
+
+// What a start would find in a directory, which an agent may be using; writes nothing. `text` is a
+// line for the operator; false if a start would end.
+bool check(const std::string& directory, std::string* text);
+
+// Copies what a directory keeps, which an agent may be using, to a new file.
+bool backup(const std::string& directory, const std::string& file, std::string* text);
+
+// Makes a directory keep what the file does; what it kept stays under another name. False if an
+// agent uses the directory.
+bool restore(const std::string& directory, const std::string& file, std::string* text);
 
 }  // namespace agent
 #endif

@@ -109,15 +109,16 @@ class Play {
                          const std::string& rest) {
     const int fd = session.fd();
     const std::string xml =
-        "<policy xmlns=\"urn:zenodra:policy\" xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" +
+        "<policy xmlns=\"urn:zenodra:policy\" "
+        "xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" +
         rest + "</policy>";
     if (command == "begin") trans = session.begin(rest.empty() ? MAAPI_CANDIDATE : MAAPI_RUNNING);
     if (command == "create") return why(maapi_create(fd, trans, "%s", rest.c_str()));
     if (command == "delete") return why(maapi_delete(fd, trans, "%s", rest.c_str()));
     if (command == "set") {
       const std::string leaf = rest.substr(0, rest.find(' ', rest.rfind('/')));
-      return why(maapi_set_elem_text(fd, trans, rest.substr(leaf.size() + 1).c_str(), "%s",
-                                     leaf.c_str()));
+      return why(
+          maapi_set_elem_text(fd, trans, rest.substr(leaf.size() + 1).c_str(), "%s", leaf.c_str()));
     }
     if (command == "apply") return why(maapi_apply_trans(fd, trans, 1));
     if (command == "commit") return why(maapi_candidate_commit(fd));

@@ -33,20 +33,28 @@ class TempDirectory {
   std::string path_;
 };
 
+std::string file_text(const std::string& name);
+
 class AgentProcess {
  public:
-  // An empty directory keeps nothing.
-  explicit AgentProcess(const std::string& directory = "");
+  // An empty directory keeps nothing. What it logs is shown if it does not end well.
+  explicit AgentProcess(const std::string& directory = "",
+                        const std::vector<std::string>& options = {});
   ~AgentProcess();
   AgentProcess(const AgentProcess&) = delete;
   AgentProcess& operator=(const AgentProcess&) = delete;
 
-  uint16_t port() const { return port_; }
+  uint16_t port() const { return port_; }  // 0: it did not start
+  pid_t pid() const { return pid_; }
+  std::string log() const;
   void kill_hard();
   int terminate();  // the exit status after SIGTERM
 
  private:
+  int ended();  // waits for its end
+
   pid_t pid_ = -1;
+  int log_ = -1;
   uint16_t port_ = 0;
 };
 

@@ -173,7 +173,8 @@ TEST_F(TreeTest, EditsAreCarriedOverUnlessWhatTheyEditIsGone) {
       while (!above.empty() && above.back().keys.empty());
       bool is_gone = change.op == YARROW_MODIFIED && !agent::find_node(theirs, at);
       if (!is_gone || !agent::find_node(theirs, above)) continue;
-      conflicts += (conflicts.empty() ? "" : "\n") + agent::path_text(at) + ": was deleted meanwhile";
+      conflicts +=
+          (conflicts.empty() ? "" : "\n") + agent::path_text(at) + ": was deleted meanwhile";
     }
     NodeRef landed = theirs;
     const agent::Result result = agent::rebase(base, mine, &landed);
@@ -262,34 +263,6 @@ TEST_F(TreeTest, TextBeyondItsBoundsIsRefusedBeforeItIsParsed) {
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_FALSE(agent::xml_load(*schema_, text, schema_->root, {}, &content).ok());
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
-  }
-}
-
-TEST_F(TreeTest, AJournalRecordThatIsCutOrSpoiledIsRefusedWithoutHarm) {
-  yarrow::Writer no_leaf;
-  no_leaf.u32(1);
-  no_leaf.u8(YARROW_VALUE_SET);
-  no_leaf.text("/policy/lists");
-  no_leaf.u32(0);
-  yarrow::Reader spoiled(no_leaf.bytes());
-  std::vector<agent::Change> nothing;
-  EXPECT_FALSE(agent::changes_read(*schema_, spoiled, &nothing).ok());
-  std::mt19937 random(17);
-  NodeRef root = agent::empty_tree(*schema_);
-  for (int i = 0; i < 60; ++i) root = edited(root, random);
-  std::vector<agent::Change> changes;
-  agent::changes_between(agent::empty_tree(*schema_), root, &changes);
-  yarrow::Writer out;
-  agent::changes_write(changes, out);
-  for (int i = 0; i < 2000; ++i) {
-    std::string bytes = out.bytes();
-    bytes[random() % bytes.size()] = static_cast<char>(random());
-    if (i % 2 == 0) bytes.resize(random() % bytes.size());
-    yarrow::Reader in(bytes);
-    std::vector<agent::Change> read;
-    if (agent::changes_read(*schema_, in, &read).ok()) {
-      agent::changes_apply(agent::empty_tree(*schema_), read);
-    }
   }
 }
 
