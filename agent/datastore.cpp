@@ -12,6 +12,12 @@ namespace {
 // Changes from which on it pays to look for lists that older versions had.
 constexpr size_t kManyChanges = 256;
 
+// A version's tree as it is kept.
+NodeRef kept(Datastores& stores, const NodeRef& before, const NodeRef& root,
+             const std::vector<Change>& changes) {
+  return changes.size() < kManyChanges ? root : pooled(stores.pool, before, root);
+}
+
 // Makes `root` running: checks it, writes it down, keeps it as a version.
 Result make_running(Datastores& stores, NodeRef root, CommitRef* record) {
   auto commit = std::make_shared<CommitRecord>();
@@ -20,7 +26,7 @@ Result make_running(Datastores& stores, NodeRef root, CommitRef* record) {
   if (commit->changes.empty()) return {};
   Result result = validate_changes(*stores.schema, root, commit->changes);
   if (!result.ok()) return result;
-  if (commit->changes.size() >= kManyChanges) root = pooled(stores.pool, commit->before, root);
+  root = kept(stores, commit->before, root, commit->changes);
   commit->after = root;
   commit->commit = stores.commit_id() + 1;
   result = journal_append(stores.journal, commit->commit, commit->changes);
@@ -40,7 +46,9 @@ Result datastores_open(Datastores& stores, const Schema& schema,
   if (!result.ok()) return result;
   NodeRef before = empty_tree(schema);
   for (Version& version : stores.versions) {
-    before = version.root = pooled(stores.pool, before, version.root);
+    std::vector<Change> changes;
+    changes_between(before, version.root, &changes);
+    before = version.root = kept(stores, before, version.root, changes);
   }
   stores.operational = empty_tree(schema);
   return {};

@@ -164,9 +164,7 @@ std::vector<EntryChange> map_diff(const MapRef& before, const MapRef& after) {
     }
     const EntryMap* a = old_rest.empty() ? nullptr : old_rest.back().map;
     const EntryMap* b = new_rest.empty() ? nullptr : new_rest.back().map;
-    int order = a == nullptr   ? 1
-                : b == nullptr ? -1
-                               : compare_entries(*a->entry, b->entry->texts);
+    int order = a == nullptr ? 1 : b == nullptr ? -1 : compare_entries(*a->entry, b->entry->texts);
     if (order <= 0) old_rest.pop_back();
     if (order >= 0) new_rest.pop_back();
     if (order == 0 && a->entry == b->entry) continue;
@@ -179,8 +177,8 @@ MapRef map_change(const MapRef& map, const std::vector<EntryChange>& changes) {
   if (changes.size() * kRebuildShare < map_count(map)) {
     MapRef result = map;
     for (const EntryChange& change : changes) {
-      result = change.after ? map_put(result, change.after)
-                            : map_erase(result, change.before->texts);
+      result =
+          change.after ? map_put(result, change.after) : map_erase(result, change.before->texts);
     }
     return result;
   }

@@ -72,6 +72,12 @@ int datastore_of_cdb(int number) {
   }
 }
 
+Result limit_reached(Agent& agent, const Session& session, const char* limit) {
+  log_burst(agent.limits, LogLevel::kWarning, "a session reaches a limit",
+            {{"limit", limit}, {"user", session.user}, {"client", session.client_id}});
+  return failed(YARROW_ERR_TOOBIG, limit);
+}
+
 Result start_session(Session& session, Reader& in) {
   if (session.started) return failed(YARROW_ERR_ALREADY, "the socket has its user session");
   session.user = in.text(kMaxName);
@@ -118,7 +124,7 @@ Result start_transaction(Agent& agent, Session& session, Reader& in, Writer& out
     return failed(YARROW_ERR_PROTOCOL, "no such mode");
   }
   if (session.transactions.size() == kMaxTransactions) {
-    return failed(YARROW_ERR_TOOBIG, "too many transactions");
+    return limit_reached(agent, session, "too many transactions");
   }
   trans.writable = mode == MAAPI_READ_WRITE;
   trans.base = trans.root = *root;
@@ -169,15 +175,23 @@ Result answer_edit(const Agent& agent, Transaction& trans, Request request, Read
   }
 }
 
-void publish(Agent& agent, const Session& session, const CommitRef& record) {
+// Hands a commit on to the subscribers, and says in the log what became of it.
+void publish(Agent& agent, const Session& session, const CommitRef& record, const Result& result) {
+  if (!result.ok()) {
+    log_burst(agent.refusals, LogLevel::kWarning, "commit refused",
+              {{"commit", agent.stores.commit_id()},
+               {"user", session.user},
+               {"client", session.client_id},
+               {"reason", result.reason}});
+  }
   if (!record) return;
   log_line(LogLevel::kInfo, "commit done",
            {{"commit", record->commit},
-            {"changes", record->changes.size()},
             {"user", session.user},
-            {"context", session.context},
             {"client", session.client_id},
-            {"source", session.source}});
+            {"context", session.context},
+            {"source", session.source},
+            {"changes", record->changes.size()}});
   agent.unpublished.push_back(record);
 }
 
@@ -191,7 +205,7 @@ Result apply(Agent& agent, Session& session, Transaction& trans, bool keep_open)
   } else {
     CommitRef record;
     result = datastore_apply(agent.stores, trans.datastore, trans.base, trans.root, &record);
-    publish(agent, session, record);
+    if (trans.datastore == MAAPI_RUNNING) publish(agent, session, record, result);
   }
   if (!result.ok()) return result;
   trans.ended = !keep_open;
@@ -222,7 +236,7 @@ Result commit(Agent& agent, Session& session) {
   CommitRef record;
   Result result =
       datastore_apply(agent.stores, MAAPI_RUNNING, candidate.base, candidate.root, &record);
-  publish(agent, session, record);
+  publish(agent, session, record, result);
   return result;
 }
 
@@ -338,8 +352,9 @@ Result load_data(Agent& agent, const Session& session, Reader& in) {
   bool too_much = load.text.size() + text.size() > yarrow::kMaxLoadText;
   if (too_much || !make_room(agent, session.id, text.size())) {
     agent.loads.erase(session.id);
-    return failed(YARROW_ERR_TOOBIG,
-                  too_much ? "too much text" : "other sessions load too much text at this moment");
+    return limit_reached(
+        agent, session,
+        too_much ? "too much text" : "other sessions load too much text at this moment");
   }
   load.text += text;
   load.touched = now_ms();

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "agent/datastore.h"
+#include "agent/log.h"
 #include "platform/yarrow/wire.h"
 
 namespace agent {
@@ -59,11 +60,12 @@ struct SavedStream {
 struct Agent {
   std::unique_ptr<Schema> schema;
   Datastores stores;
-  std::map<int, uint64_t> locks;  // datastore to connection
+  std::map<int, uint64_t> locks;   // datastore to connection
   std::map<uint64_t, Load> loads;  // unfinished, by connection
   std::map<int, SavedStream> streams;
   int next_stream = 1;
   std::deque<CommitRef> unpublished;  // commits that subscribers are still to be told
+  LogBurst refusals, limits;
 };
 
 int64_t now_ms();

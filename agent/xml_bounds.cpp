@@ -60,7 +60,7 @@ struct Pass {
   std::string_view text;
   size_t at = 0;  // the '<' in hand
   size_t depth = 0;
-  size_t in_scope = 0;             // namespaces declared by the elements that are open
+  size_t in_scope = 0;                  // namespaces declared by the elements that are open
   uint8_t declared[kXmlMaxDepth] = {};  // by each of them
   Names names;
 
@@ -217,7 +217,8 @@ const char* xml_beyond_bounds(std::string_view text, int* line) {
     begin = pass.at = text.find('<', pass.at);
     if (begin == std::string_view::npos) return nullptr;
     fault = pass.markup();
-    if (fault == nullptr && pass.names.count > kXmlMaxNames) fault = "more than 2048 distinct names";
+    if (fault == nullptr && pass.names.count > kXmlMaxNames)
+      fault = "more than 2048 distinct names";
   }
   begin = std::min(begin, text.size());
   *line = 1 + static_cast<int>(

@@ -11,10 +11,10 @@
 namespace agent {
 
 constexpr size_t kXmlMaxTagBytes = 16384;
-constexpr size_t kXmlMaxAttributes = 64;   // of a tag
-constexpr size_t kXmlMaxNamespaces = 64;   // declared around one element
-constexpr size_t kXmlMaxDepth = 256;       // elements in elements
-constexpr size_t kXmlMaxNames = 2048;      // distinct, of elements, attributes and namespaces
+constexpr size_t kXmlMaxAttributes = 64;  // of a tag
+constexpr size_t kXmlMaxNamespaces = 64;  // declared around one element
+constexpr size_t kXmlMaxDepth = 256;      // elements in elements
+constexpr size_t kXmlMaxNames = 2048;     // distinct, of elements, attributes and namespaces
 
 // Null if the text keeps within the bounds; otherwise what goes beyond them, with its line. Beyond
 // them are also document types, which can make a text larger than it is, and whatever pass and

@@ -36,7 +36,7 @@ struct Part {
   const SchemaNode* schema = nullptr;
   int line = 0;
   XmlOperationKind operation = XmlOperationKind::kMerge;
-  std::string text;      // of a leaf or item
+  std::string text;  // of a leaf or item
   NodeRef entry;
   Operations operations;  // in an entry
 };
@@ -85,8 +85,9 @@ struct Loader {
   xmlParserCtxtPtr parser = nullptr;
   std::vector<Element> stack;
   std::vector<const SchemaNode*> named;
-  std::vector<const SchemaNode*> building;  // the containers between the top of the stack and a part
-  size_t skipping = 0;                      // depth inside an element that is passed over
+  std::vector<const SchemaNode*>
+      building;         // the containers between the top of the stack and a part
+  size_t skipping = 0;  // depth inside an element that is passed over
   bool in_envelope = false;
   bool seen_root = false;
   std::vector<Fault> faults;
@@ -138,8 +139,8 @@ bool Loader::read_operation(int line, int attributes, const xmlChar** values, st
   auto here = [&] { return path() + "/" + std::string(name); };
   for (int i = 0; i < attributes; ++i, values += 5) {  // name, prefix, namespace, begin, end
     auto text = [&](int at) { return reinterpret_cast<const char*>(values[at]); };
-    bool known = strcmp(text(0), "operation") == 0 && values[2] != nullptr &&
-                 text(2) == kOperationNamespace;
+    bool known =
+        strcmp(text(0), "operation") == 0 && values[2] != nullptr && text(2) == kOperationNamespace;
     if (!known) {
       fault(line, here() + ": attributes mean nothing here");
       return false;
@@ -323,9 +324,8 @@ void Loader::build(Parts& all, Node& node, Operations* operations) {
     if (!child->children.empty()) node.children.push_back(std::move(child));
   }
   for (XmlOperation& one : all.operations) operations->push_back(std::move(one));
-  std::sort(node.children.begin(), node.children.end(), [](const NodeRef& a, const NodeRef& b) {
-    return a->schema->index < b->schema->index;
-  });
+  std::sort(node.children.begin(), node.children.end(),
+            [](const NodeRef& a, const NodeRef& b) { return a->schema->index < b->schema->index; });
 }
 
 void Loader::build_leaf_list(std::vector<Part>::iterator first, std::vector<Part>::iterator last,

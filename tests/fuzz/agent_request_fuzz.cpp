@@ -32,7 +32,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   // As a fresh agent, but for the schema.
   agent.stores.versions.clear();
-  if (!agent::datastores_open(agent.stores, *agent.schema, std::nullopt, agent::OnDamage::kRefuse).ok()) abort();
+  agent::log_to(agent::LogTarget::kOff, "");
+  if (!agent::datastores_open(agent.stores, *agent.schema, std::nullopt, agent::OnDamage::kRefuse)
+           .ok()) {
+    abort();
+  }
   constexpr size_t kSessions = 3;
   agent::Session sessions[kSessions];
   for (size_t i = 0; i < kSessions; ++i) sessions[i].id = i + 1;
