@@ -45,6 +45,11 @@ void __wrap_vsyslog(int priority, const char* format, va_list args) {
   std::lock_guard<std::mutex> hold(g_log_lock);
   g_log += std::to_string(priority) + " " + line;
 }
+
+// What hardened code calls instead.
+void __wrap___vsyslog_chk(int priority, int /*flag*/, const char* format, va_list args) {
+  __wrap_vsyslog(priority, format, args);
+}
 }
 
 namespace seams {
