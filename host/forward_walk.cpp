@@ -20,20 +20,11 @@
 #include <algorithm>
 
 #include "policy/pol_config.h"
+#include "policy/pol_config_tags.h"
 
 namespace polctl {
 
 namespace {
-
-constexpr uint32_t kTagSlaClass = 0x1fc19c53;
-constexpr uint32_t kTagStrict = 0x5c327362;
-constexpr uint32_t kTagPreferredColor = 0x6464ce5d;
-constexpr uint32_t kTagSaasAppList = 0x07441945;
-constexpr uint32_t kTagDnsAppList = 0x5a06eb58;
-constexpr uint32_t kTagService = 0x32fc12e6;
-constexpr uint32_t kTagTloc = 0x33c074ce;
-constexpr uint32_t kTagTlocList = 0x72d28bfe;
-constexpr uint32_t kTagVpn = 0x4d7d11c2;
 
 constexpr std::string_view kDataPolicy = "/policy/data-policy";
 constexpr std::string_view kAppRoutePolicy = "/policy/app-route-policy";
@@ -43,7 +34,7 @@ constexpr uint8_t kVpnListLevel = 2;
 constexpr uint8_t kSequenceLevel = 3;
 
 bool is_sla(uint32_t tag) {
-  return tag == kTagSlaClass || tag == kTagStrict || tag == kTagPreferredColor;
+  return tag == POL_TAG_SLA_CLASS || tag == POL_TAG_STRICT || tag == POL_TAG_PREFERRED_COLOR;
 }
 
 template <typename Test>
@@ -57,12 +48,12 @@ bool any_leaf(const t_yarrow_change& change, Test test) {
 
 // Whether a sequence with these leaves, the change merged in, is what its reader makes of the change.
 bool told(const t_yarrow_change& change, const LeafMirror& leaves) {
-  bool service = leaves.count_in(kTagService) > 0;
+  bool service = leaves.count_in(POL_TAG_SERVICE) > 0;
   return !any_leaf(change, [&](const Scope& scope, uint32_t tag) {
     bool inside = std::any_of(scope.begin(), scope.end(), [](uint32_t container) {
-      return container == kTagService || container == kTagTloc;
+      return container == POL_TAG_SERVICE || container == POL_TAG_TLOC;
     });
-    return inside || is_sla(tag) || (service && (tag == kTagVpn || tag == kTagTlocList));
+    return inside || is_sla(tag) || (service && (tag == POL_TAG_VPN || tag == POL_TAG_TLOC_LIST));
   });
 }
 
@@ -120,7 +111,7 @@ void ForwardWalk::take_vpn_list(const Place& at, const t_yarrow_change& change) 
     std::erase_if(values, [](const t_yarrow_tag_value& value) { return is_sla(value.tag); });
   } else if (any_leaf(change, [](const Scope&, uint32_t tag) { return is_sla(tag); })) {
     if (list.sequences.count(0) != 0) return make_anew(at);
-    if (list.leaves.count(kTagSlaClass) != 0) values = list.leaves.values();
+    if (list.leaves.count(POL_TAG_SLA_CLASS) != 0) values = list.leaves.values();
   }
   hand(at, kVpnListLevel, change.op, values);
 }
@@ -159,8 +150,8 @@ void ForwardWalk::make_anew(const Place& at) {
 
 void ForwardWalk::release(const Place& at) {
   t_yarrow_tag_value gone[2] = {};
-  gone[0].tag = kTagDnsAppList;
-  gone[1].tag = kTagSaasAppList;
+  gone[0].tag = POL_TAG_DNS_APP_LIST;
+  gone[1].tag = POL_TAG_SAAS_APP_LIST;
   for (t_yarrow_tag_value& value : gone) value.v.type = C_NOEXISTS;
   hand(at, kSequenceLevel, YARROW_MODIFIED, {gone, gone + 2});
 }
@@ -168,7 +159,7 @@ void ForwardWalk::release(const Place& at) {
 void ForwardWalk::release(const Place& at, const VpnList& list) {
   Place within = at;
   for (const auto& [number, leaves] : list.sequences) {
-    if (leaves.count(kTagDnsAppList) + leaves.count(kTagSaasAppList) == 0) continue;
+    if (leaves.count(POL_TAG_DNS_APP_LIST) + leaves.count(POL_TAG_SAAS_APP_LIST) == 0) continue;
     within.sequence = number;
     release(within);
   }

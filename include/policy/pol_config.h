@@ -21,7 +21,7 @@
 #define POLICY_POL_CONFIG_H
 
 #include "policy/pol_types.h"
-#include "yarrow/yarrow_types.h"
+#include "yarrow/yarrow_values.h"
 
 typedef t_yarrow_value pol_cfg_value;
 typedef t_yarrow_tag_value pol_cfg_tag_value;

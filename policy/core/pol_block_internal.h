@@ -98,6 +98,7 @@ enum pol_sets : uint8_t {
 struct t_pol_block {
   char name[POL_NAME_SIZE];  // first: the tree's key
   avl_node link;
+  uint8_t in_tree;
   uint32_t kind;
   uint8_t sets;  // enum pol_sets
   pol::AvlTree<t_pol_entry> entries;
@@ -110,10 +111,20 @@ struct t_pol_block {
   uint8_t fetch_xml;
   uint8_t orphaned;  // a forwarding policy that was deleted and stays, empty, for its users
   pol::BlockUsers users;
-  uint8_t all_queued;  // every user stands on the change list
+  pol::UnqueuedUsers unqueued;
 };
 
 namespace pol {
+
+// A caller need not want to know.
+inline void mark_changed(uint8_t* changed) {
+  if (changed != nullptr) *changed = 1;
+}
+
+// Nothing when it stands in none.
+void block_leave_tree(t_pol_ctx* ctx, t_pol_block* block);
+// REQUIRES: out of its tree, empty and without users.
+void block_free(t_pol_block* block);
 
 inline bool is_forwarding(uint32_t kind) {
   return kind == POL_KIND_DATA || kind == POL_KIND_PERF_ROUTE;

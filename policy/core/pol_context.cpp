@@ -23,6 +23,7 @@
 #include "policy/pol_tloc_list.h"
 #include "policy/pol_vpn_list.h"
 #include "policy/pol_xml_config.h"
+#include "yarrow/yarrow_cli.h"
 
 t_pol_ctx* g_pol_ctx_p = nullptr;
 int32_t g_pol_dbg_level = 0;
@@ -111,6 +112,8 @@ constexpr InitModule kInit[] = {
 };
 
 }  // namespace
+
+const char* pol_version() { return POL_VERSION; }
 
 t_pol_ctx* pol_init(const t_pol_callbacks* callbacks) {
   if (callbacks == nullptr) return nullptr;

@@ -23,7 +23,7 @@ void thread_unlink(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_que
 }
 
 void thread_push(t_pol_yarrow_thread* thread, ThreadQueue queue, t_pol_thread_queue_item* item) {
-  // On purpose: every queue's messages name the label-set queue; support tools look for them so.
+  // On purpose: every queue's messages name the label-set queue.
   if (pthread_spin_lock(&thread->locks[queue]) != 0) {
     POL_LOG("Lock error on label-set queue\n");
     pol_free(item, MEM_THREAD_ITEM);

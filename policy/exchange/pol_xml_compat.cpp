@@ -72,7 +72,7 @@ void note_unknown(Walk* walk) {
     walk->full_told = true;
     return;
   }
-  POL_LOG_ALWAYS("Incompat xpath: %s\n", walk->path);
+  POL_LOG("Incompat xpath: %s\n", walk->path);
   walk->lengths[walk->count] = strlen(walk->path);
   memcpy(walk->paths[walk->count], walk->path, sizeof walk->path);
   ++walk->count;
@@ -121,9 +121,9 @@ void unlink_nodes(const char* path, xmlXPathContext* context) {
   }
   const xmlNodeSet* nodes = found->nodesetval;
   if (nodes == nullptr || nodes->nodeNr <= 0) {
-    POL_LOG_ALWAYS("No nodes found for xpath: %s\n", path);
+    POL_LOG("No nodes found for xpath: %s\n", path);
   } else {
-    POL_LOG_ALWAYS("Unlinking %u nodes for xpath: %s\n", static_cast<unsigned>(nodes->nodeNr),
+    POL_LOG("Unlinking %u nodes for xpath: %s\n", static_cast<unsigned>(nodes->nodeNr),
                    path);
     for (int j = 0; j < nodes->nodeNr; ++j) {
       assert(nodes->nodeTab[j]);
@@ -177,7 +177,7 @@ char* filtered(const char* name_space, xmlDoc* doc, uint32_t* out_length) {
   memset(&walk, 0, sizeof walk);
   find_unknown(&walk, root);
   if (walk.count == 0) {
-    POL_LOG_ALWAYS("No incompatible nodes found\n");
+    POL_LOG("No incompatible nodes found\n");
     return nullptr;
   }
   if (!remove_unknown(walk, doc, name_space)) {

@@ -96,14 +96,14 @@ void note_fetch(t_pol_fetch_time* time, time_t start, time_t end) {
 }
 
 bool lock(t_pol_ctx* ctx) {
-  int error = pthread_spin_lock(&ctx->xml_lock);
-  if (error != 0) POL_LOG_ALWAYS("Lock error on xml config tree (error:%d)\n", error);
+  int error = pol::xml_lock(ctx);
+  if (error != 0) POL_LOG("Lock error on xml config tree (error:%d)\n", error);
   return error == 0;
 }
 
 int unlock(t_pol_ctx* ctx) {
   int error = pthread_spin_unlock(&ctx->xml_lock);
-  if (error != 0) POL_LOG_ALWAYS("Unlock error on xml config tree (error:%d)\n", error);
+  if (error != 0) POL_LOG("Unlock error on xml config tree (error:%d)\n", error);
   return error;
 }
 
@@ -136,6 +136,7 @@ uint32_t pol_xml_config_init(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
   ctx->xml_configs.create(xml_compare, offsetof(t_pol_xml_config, link));
   int error = pthread_spin_init(&ctx->xml_lock, PTHREAD_PROCESS_PRIVATE);
+  ctx->xml_lock_made = error == 0 ? 1 : 0;
   if (error == 0) return POL_OK;
   POL_LOG_ALWAYS("Failed to init spinlock for XML config (error %d)\n", error);
   return POL_ESPINLOCK;
@@ -143,6 +144,7 @@ uint32_t pol_xml_config_init(t_pol_ctx* ctx) {
 
 uint32_t pol_xml_config_deinit(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
+  if (ctx->xml_lock_made == 0) return POL_OK;  // nothing was ever kept
   if (lock(ctx)) {
     void* cookie = nullptr;
     while (t_pol_xml_config* config = ctx->xml_configs.drain(&cookie)) free_config(config);
@@ -150,7 +152,7 @@ uint32_t pol_xml_config_deinit(t_pol_ctx* ctx) {
     ctx->xml_configs.destroy();
   }
   int error = pthread_spin_destroy(&ctx->xml_lock);
-  if (error != 0) POL_LOG_ALWAYS("Failed to destroy spinlock for XML config (error %d)\n", error);
+  if (error != 0) POL_LOG("Failed to destroy spinlock for XML config (error %d)\n", error);
   return static_cast<uint32_t>(error);
 }
 
@@ -198,8 +200,8 @@ uint32_t pol_xml_config_get_str(int32_t type, const char* name, char** buffer, u
   const t_pol_xml_config* config = ctx->xml_configs.find(&key);
   if (config != nullptr && config->text != nullptr) {
     status = pol_fwd_policy_append(config->text, static_cast<int32_t>(config->size), buffer, room);
-    // On purpose: the number is always 0; support tools look for the line as it is.
-    if (status != POL_OK) POL_LOG_ALWAYS("Could not append policy (error:%d)\n", 0);
+    // On purpose: the number is always 0.
+    if (status != POL_OK) POL_LOG("Could not append policy (error:%d)\n", 0);
   }
   int error = unlock(ctx);
   return status != POL_OK ? status : static_cast<uint32_t>(error);
@@ -211,7 +213,7 @@ int pol_dump_xml_config_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*arg
   if (ctx == nullptr) return 0;
   pol::dump_title(cli, "\n              XML Config    ");
   maapi_cli_printf(cli, "\n");
-  int error = pthread_spin_lock(&ctx->xml_lock);
+  int error = pol::xml_lock(ctx);
   if (error != 0) {
     maapi_cli_printf(cli, "Lock error on xml config tree (error:%d)", error);
     return 0;

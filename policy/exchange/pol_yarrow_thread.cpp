@@ -293,7 +293,7 @@ int pol_dump_yarrow_thread(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc
   pol::dump_title(cli, "\n              Yarrow Thread    ");
   maapi_cli_printf(cli, "\n");
   // On purpose under the cache's lock and without the queues': a dump never holds up a producer.
-  int error = pthread_spin_lock(&ctx->xml_lock);
+  int error = pol::xml_lock(ctx);
   if (error != 0) {
     maapi_cli_printf(cli, "Lock error on xml config tree (error:%d)", error);
     return 0;

@@ -49,10 +49,10 @@ t_pol_fwd_vpn_entry* vpn_find(t_pol_block* block, const char* name, avl_index* w
 // block while that lives and to nothing afterwards.
 void user_release(t_pol_block* block, t_pol_fwd_user* user) {
   for (t_pol_clause_user* role : {&user->dns_app_list, &user->saas_app_list}) {
-    if (!role->stale) continue;
-    role->list->stale.remove(role);
-    role->stale = false;
+    if (!is_stale(*role)) continue;
+    role->queue->remove(role);
     role->list = nullptr;
+    role->queue = nullptr;
   }
   if (user->dns_app_list.list == nullptr && user->saas_app_list.list == nullptr) {
     pol_free(user, MEM_UNCOUNTED);
@@ -100,14 +100,14 @@ void fwd_block_free(t_pol_ctx* ctx, t_pol_block* block) {
     pol_free(vpn, MEM_FWD_VPN_ENTRY);
   }
   block->fwd_vpns.destroy();
-  pol_free(block, MEM_BLOCK);
+  block_free(block);
 }
 
 }  // namespace
 
 FwdPlace fwd_find(t_pol_ctx* ctx, const char* block_name, uint32_t kind, const char* vpn_list,
                   uint32_t sequence) {
-  if (!is_forwarding(kind)) crash();
+  if (!is_forwarding(kind)) crash("a kind without VPN lists");
   FwdPlace place = {};
   place.block = pol_block_find(ctx, block_name, kind, nullptr);
   if (place.block != nullptr) place.vpn = vpn_find(place.block, vpn_list);
@@ -128,10 +128,11 @@ uint32_t pol_fwd_block_init(t_pol_ctx* /*ctx*/, t_pol_block* block) {
   return POL_OK;
 }
 
-void pol_fwd_block_delete(t_pol_ctx* ctx, avl_tree* tree, t_pol_block* block,
-                          uint8_t remove_from_tree) {
+// Whether the policy stands in its tree is known to the policy, whatever the caller says.
+void pol_fwd_block_delete(t_pol_ctx* ctx, avl_tree* /*tree*/, t_pol_block* block,
+                          uint8_t /*remove_from_tree*/) {
   if (ctx == nullptr || block == nullptr) return;
-  if (!pol::is_forwarding(block->kind)) pol::crash();
+  if (!pol::is_forwarding(block->kind)) pol::crash("a block of another kind");
   void* cookie = nullptr;
   while (t_pol_fwd_vpn_entry* vpn = block->fwd_vpns.drain(&cookie)) {
     pol::vpn_delete(ctx, vpn, false);
@@ -146,13 +147,13 @@ void pol_fwd_block_delete(t_pol_ctx* ctx, avl_tree* tree, t_pol_block* block,
     pol_block_users_add_to_chg_list(ctx, block);
     return;
   }
-  if (remove_from_tree != 0 && tree != nullptr) avl_remove(tree, block);
+  pol::block_leave_tree(ctx, block);
   pol::fwd_block_free(ctx, block);
 }
 
 t_pol_fwd_vpn_entry* pol_fwd_vpn_find_or_create(t_pol_ctx* ctx, const char* block, uint32_t kind,
                                                 const char* vpn_list) {
-  if (!pol::is_forwarding(kind)) pol::crash();
+  if (!pol::is_forwarding(kind)) pol::crash("a kind without VPN lists");
   t_pol_block* policy = pol_block_find(ctx, block, kind, nullptr);
   if (policy == nullptr || vpn_list == nullptr) return nullptr;
   avl_index where = 0;

@@ -8,6 +8,7 @@
 #include "forward/pol_fwd_action_internal.h"
 #include "forward/pol_fwd_block_internal.h"
 #include "forward/pol_fwd_ref.h"
+#include "kel/tloc.h"
 #include "policy/pol_dump.h"
 #include "policy/pol_util.h"
 

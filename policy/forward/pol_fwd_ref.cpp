@@ -94,11 +94,7 @@ bool fwd_ref_names(const t_pol_entry& entry, const FwdRef& ref, const char* name
 bool fwd_ref_replace(t_pol_ctx* ctx, t_pol_entry* entry, const FwdRef& ref, const char* name) {
   t_pol_fwd_user* user = fwd_user(*entry);
   t_pol_clause_user* role = &(user->*ref.user);
-  if (role->list != nullptr) {
-    role->keep_reference = true;
-    ref.remove(ctx, role->list, user);
-    role->keep_reference = false;
-  }
+  if (role->list != nullptr) user_leave(ctx, role, Leaving::kStaysStale);
   return ref.add(ctx, name, user) != nullptr;
 }
 

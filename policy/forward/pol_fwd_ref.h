@@ -4,7 +4,7 @@
 //
 // A role is in force while its flag is set. Its record on the object then has the object as `list`;
 // on purpose that is still the old one, of which the sequence is no longer a user, when another
-// could not be had (t_pol_clause_user.stale), and none once the old one is freed.
+// could not be had (NamedHead.stale), and none once the old one is freed.
 #pragma once
 
 #include "base/pol_crash.h"
@@ -35,8 +35,8 @@ extern const FwdRef kFwdTlocList;
 
 // Ends the process unless the entry is a sequence of a forwarding policy: others have clauses where
 // it has its roles, and so has a default action.
-inline void fwd_check(const t_pol_entry& entry) {
-  if (!is_forwarding(entry)) crash();
+inline void fwd_check(const t_pol_entry& entry, Caller from = Caller::here()) {
+  if (!is_forwarding(entry)) crash("no sequence of a forwarding policy", from);
 }
 
 inline t_pol_fwd_user* fwd_user(const t_pol_entry& entry) {
