@@ -5,6 +5,7 @@
 #include <map>
 #include <sstream>
 
+#include "agent/session.h"
 #include "support.h"
 #include "support/golden.h"
 
@@ -165,6 +166,48 @@ TEST(SessionsTest, WhatSessionsSeeAndMayCommitMatchesItsGolden) {
     all += "\n";
   });
   expect_golden("changes/sessions.ok", all);
+}
+
+// Without a wire: a quarter of a gigabyte would take its time on one.
+TEST(SessionsTest, UnfinishedLoadsAreBoundedInSumAndThoseThatPauseGiveWay) {
+  agent::log_to(agent::LogTarget::kOff, "");
+  agent::Agent agent;
+  std::string error;
+  agent.schema = agent::schema_load(&error);
+  ASSERT_TRUE(agent::datastores_open(agent.stores, *agent.schema, {}, {}).ok());
+  agent::Session sessions[3];
+  auto ask = [&](agent::Session& session, yarrow::Request request, const std::string& arguments) {
+    yarrow::Reader in(arguments);
+    yarrow::Writer out;
+    return agent::session_answer(agent, session, yarrow::SocketKind::kMaapi, request, in, out)
+        .reason;
+  };
+  yarrow::Writer hello, trans, load, data;
+  for (const char* text : {"u", "c", "i", "s"}) hello.text(text);
+  for (uint32_t number : {uint32_t{MAAPI_CANDIDATE}, uint32_t{MAAPI_READ_WRITE}}) trans.u32(number);
+  for (uint32_t number : {1u, uint32_t{YARROW_CONFIG_XML}, 0u}) load.u32(number);
+  data.text(std::string(8u << 20, ' '));
+  const std::string full = "other sessions load too much text at this moment";
+  for (agent::Session& session : sessions) {
+    session.id = static_cast<uint64_t>(&session - sessions) + 1;
+    ASSERT_EQ(ask(session, yarrow::Request::kStartSession, hello.bytes()), "");
+    ASSERT_EQ(ask(session, yarrow::Request::kStartTrans, trans.bytes()), "");
+    ASSERT_EQ(ask(session, yarrow::Request::kLoadBegin, load.bytes()), "");
+    for (int i = 0; i < 16; ++i) {
+      EXPECT_EQ(ask(session, yarrow::Request::kLoadData, data.bytes()),
+                session.id < 3 ? ""
+                : i == 0       ? full
+                               : "nothing is being loaded");
+    }
+  }
+  agent.loads[1].touched -= 11'000;
+  EXPECT_EQ(ask(sessions[1], yarrow::Request::kLoadData, data.bytes()), "too much text");
+  ASSERT_EQ(ask(sessions[1], yarrow::Request::kLoadBegin, load.bytes()), "");
+  for (int i = 0; i < 16; ++i)
+    EXPECT_EQ(ask(sessions[1], yarrow::Request::kLoadData, data.bytes()), "");
+  ASSERT_EQ(ask(sessions[2], yarrow::Request::kLoadBegin, load.bytes()), "");
+  EXPECT_EQ(ask(sessions[2], yarrow::Request::kLoadData, data.bytes()), "");
+  EXPECT_EQ(ask(sessions[0], yarrow::Request::kLoadEnd, ""), "nothing is being loaded");
 }
 
 TEST(RollbackTest, AnyOfTheLastFiftyConfigurationsComesBackAlsoAfterARestart) {

@@ -8,6 +8,7 @@
 
 #include "agent/changes.h"
 #include "agent/keypath.h"
+#include "agent/list_pool.h"
 #include "agent/rebase.h"
 #include "agent/xml.h"
 #include "agent/xml_bounds.h"
@@ -216,6 +217,30 @@ TEST_F(TreeTest, ChangesBetweenAnyTwoTreesLeadFromOneToTheOtherAlsoThroughJourna
     ASSERT_EQ(text(agent::shared(before, after)), text(after));
     if (round % 40 == 39) after = agent::empty_tree(*schema_);
     before = after;
+  }
+}
+
+// A configuration that goes back and forth, and a list that comes under another name.
+TEST_F(TreeTest, VersionsKeepAListOnceHoweverOftenItComes) {
+  agent::ListPool pool;
+  NodeRef running = agent::empty_tree(*schema_);
+  std::map<std::string, NodeRef> lists;
+  for (const char* step : {"S 0", "S 1", "S 0", "T 1", "T 0", "S 1"}) {
+    std::string list(1, step[0]);
+    std::vector<NodeRef> entries;
+    const agent::Path at = path("/policy/lists/site-list{" + list + "}/site");
+    for (int i = 1000; i < 1100; ++i) {
+      entries.push_back(entry(*at.back().schema, std::to_string(i * (step[2] == '0' ? 1 : 2))));
+    }
+    auto node = std::make_shared<agent::Node>();
+    node->schema = at.back().schema;
+    node->entries = agent::map_build(entries);
+    NodeRef next = agent::with_node(agent::empty_tree(*schema_), at, node);
+    const std::string expected = text(next);
+    running = agent::pooled(pool, running, next);
+    EXPECT_EQ(text(running), expected);
+    NodeRef& known = lists.emplace(step + 2, agent::find_node(running, at)).first->second;
+    EXPECT_EQ(agent::find_node(running, at), known) << step;
   }
 }
 
