@@ -7,8 +7,6 @@
 #include <algorithm>
 #include <numeric>
 
-#include "agent/log.h"
-
 namespace agent {
 
 namespace {
@@ -28,14 +26,22 @@ bool is_damaged(const JournalContent& content) {
   return content.end == End::kDamaged || content.end == End::kForeign;
 }
 
-// Why a start ends, and what an operator can do.
+// What is wrong with a file that is damaged or none of ours.
 Result damage(const std::string& name, const JournalContent& content) {
-  std::string text = name + ": ";
-  if (content.end == End::kForeign) return failed(YARROW_ERR_MALFORMED, text + content.fault);
-  text += "damaged at byte " + std::to_string(content.good_size) + ": " + content.fault + "; " +
-          last_good(content) + "; ";
-  if (!content.versions.empty()) text += "--recover goes on from it, ";
-  return failed(YARROW_ERR_MALFORMED, text + "--restore takes a backup");
+  if (content.end == End::kForeign) {
+    return failed(YARROW_ERR_MALFORMED, name + ": " + content.fault);
+  }
+  return failed(YARROW_ERR_MALFORMED, name + ": damaged at byte " +
+                                          std::to_string(content.good_size) + ": " + content.fault +
+                                          "; " + last_good(content));
+}
+
+// The same for the file of a directory, with what an operator can do.
+Result damage_in_place(const StateDir& dir, const JournalContent& content) {
+  Result result = damage(dir.path(kRunning), content);
+  if (!content.versions.empty()) result.reason += "; --recover goes on from it";
+  result.reason += "; --restore takes a backup";
+  return result;
 }
 
 Result cut_tail(Journal& journal, const JournalContent& content, uint64_t file_size) {
@@ -56,6 +62,7 @@ Result recover(Journal& journal, const Schema& schema, const JournalContent& con
   std::string kept;
   Result result = state_file_keep(journal.dir, kRunning, "damaged", &kept);
   if (result.ok()) result = journal_rewrite(journal, schema, content.versions);
+  if (result.ok()) result = state_dir_sync(journal.dir);
   if (!result.ok()) return result;
   log_line(LogLevel::kWarning, "recovered: commits after this one are given up",
            {{"commit", content.versions.back().commit},
@@ -115,7 +122,7 @@ Result read_for_report(const Schema& schema, const std::string& directory, Journ
   if (journal.file < 0) {
     return failed(YARROW_ERR_NOEXISTS, name + ": no such file: a start would begin empty");
   }
-  return is_damaged(*content) ? damage(name, *content) : Result{};
+  return is_damaged(*content) ? damage_in_place(journal.dir, *content) : Result{};
 }
 
 }  // namespace
@@ -141,7 +148,7 @@ Result journal_open(Journal& journal, const Schema& schema,
     return journal_rewrite(journal, schema, *versions);
   }
   if (is_damaged(content) && (on_damage == OnDamage::kRefuse || content.versions.empty())) {
-    return damage(journal.dir.path(kRunning), content);
+    return damage_in_place(journal.dir, content);
   }
   *versions = content.versions;
   if (is_damaged(content)) return recover(journal, schema, content, bytes.size());
@@ -171,11 +178,12 @@ Result journal_append(Journal& journal, uint64_t commit, const std::vector<Chang
   Result result = os_failure(name);
   // What a failed sync leaves on disk is unknown: without the cut, a restart could find a commit
   // that was refused.
-  if (!repair(journal)) {
-    log_line(LogLevel::kError,
-             "the running configuration cannot be written until its disk recovers",
-             {{"file", name}, {"reason", result.reason}});
-  }
+  const char* what =
+      repair(journal)
+          ? "a commit cannot be written: the file is as it was before"
+          : "a commit cannot be written nor taken back: none can, until the disk recovers";
+  log_burst(journal.failures, LogLevel::kError, what,
+            {{"commit", commit}, {"reason", result.reason}});
   return result;
 }
 
@@ -273,6 +281,7 @@ Result journal_restore(const Schema& schema, const std::string& directory, const
   std::string kept;
   if (journal.file >= 0) result = state_file_keep(journal.dir, kRunning, "replaced", &kept);
   if (result.ok()) result = journal_rewrite(journal, schema, content.versions);
+  if (result.ok()) result = state_dir_sync(journal.dir);
   if (!result.ok()) return result;
   *report = journal.dir.path(kRunning) + ": restored, commit " +
             std::to_string(content.versions.back().commit);

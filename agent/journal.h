@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "agent/journal_format.h"
+#include "agent/log.h"
 #include "agent/state_dir.h"
 
 namespace agent {
@@ -36,6 +37,7 @@ struct Journal {
   uint64_t slack = kRewriteSlack;
   uint64_t limit = kMaxJournal;
   bool broken = false;  // a write failed and could not be taken back
+  LogBurst failures;
 
   Journal() = default;
   ~Journal();

@@ -97,6 +97,9 @@ TEST(CrashTest, AFullDiskRefusesCommitsAndNothingElseAndGoesOnOnceThereIsRoom) {
     EXPECT_EQ(read_generation(session), 1);
     EXPECT_EQ(maapi_commit_id(session.fd()), 1);
     EXPECT_EQ(why(maapi_candidate_reset(session.fd())), "ok");
+    EXPECT_NE(agent.log().find("a commit cannot be written: the file is as it was before commit=2"),
+              std::string::npos)
+        << agent.log();
     limit_files(RLIM_INFINITY);
     EXPECT_EQ(why(session.commit(generation(3))), "ok");
     agent.kill_hard();
