@@ -62,7 +62,7 @@ void Differ::lists_in(const Node* before, const Node* after) {
       list(a.get(), b.get(), schema);
     } else if (schema.kind == YARROW_NODE_CONTAINER) {
       lists_in(a.get(), b.get());
-    } else if (schema.level == 0) {
+    } else if (schema.level == 0 && !(a && b && a->texts == b->texts)) {
       changes->push_back({&schema, YARROW_VALUE_SET, {}, {}, nullptr});
       changes->back().leaves.push_back({LeafChange::Kind::kLeaf, &schema, b});
     }
@@ -72,12 +72,13 @@ void Differ::lists_in(const Node* before, const Node* after) {
 void Differ::list(const Node* before, const Node* after, const SchemaNode& schema) {
   const MapRef old_entries = before != nullptr ? before->entries : nullptr;
   const MapRef new_entries = after != nullptr ? after->entries : nullptr;
-  map_diff(old_entries, new_entries, [&](const NodeRef& a, const NodeRef& b) {
-    if (!b) entry(a, b, schema);
-  });
-  map_diff(old_entries, new_entries, [&](const NodeRef& a, const NodeRef& b) {
-    if (b) entry(a, b, schema);
-  });
+  const std::vector<EntryChange> differing = map_diff(old_entries, new_entries);
+  for (const EntryChange& one : differing) {
+    if (!one.after) entry(one.before, one.after, schema);
+  }
+  for (const EntryChange& one : differing) {
+    if (one.after) entry(one.before, one.after, schema);
+  }
 }
 
 void Differ::entry(const NodeRef& before, const NodeRef& after, const SchemaNode& schema) {

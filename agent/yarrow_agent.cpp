@@ -30,7 +30,10 @@ std::shared_ptr<Handle> start(const Options& options, std::string* error) {
   if (!agent.schema) return nullptr;
   Result result = datastores_open(agent.stores, *agent.schema, options.directory,
                                   options.recover ? OnDamage::kRecover : OnDamage::kRefuse);
-  if (result.ok()) result = server_listen(handle->server, options.port, &handle->port);
+  if (result.ok()) {
+    result = server_listen(handle->server, options.port, &handle->port, options.socket_path,
+                           options.socket_group);
+  }
   if (!result.ok()) {
     *error = result.reason;
     return nullptr;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The management agent inside a process of its own or of a tool: it listens on the loopback address
-// and serves its clients from one thread.
+// The management agent inside a process of its own or of a tool: it listens on the loopback address,
+// and on a Unix socket if it is given one, and serves its clients from one thread.
 #ifndef AGENT_YARROW_AGENT_H
 #define AGENT_YARROW_AGENT_H
 
@@ -17,8 +17,10 @@ namespace agent {
 
 struct Options {
   std::optional<std::string> directory;  // where running is kept; none: nowhere
-  bool recover = false;  // a damaged file is kept under another name and its good commits used
-  uint16_t port = 0;     // 0: a free one
+  bool recover = false;      // a damaged file is kept under another name and its good commits used
+  uint16_t port = 0;         // 0: a free one
+  std::string socket_path;   // of a Unix socket to listen on too; empty: none
+  std::string socket_group;  // whose members may connect there; empty: the owner alone
   std::vector<uid_t> allowed_uids;  // beside this process's own
 };
 

@@ -3,12 +3,14 @@
 // yarrowd - the management agent as a process.
 #include <fcntl.h>
 #include <getopt.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 #include <thread>
 
@@ -36,13 +38,19 @@ bool number_of(const char* text, Number* number) {
 
 int usage(FILE* out) {
   fputs(
-      "usage: yarrowd [--dir DIRECTORY] [--port PORT] [--allow-uid UID]... [--log WHERE]\n"
+      "usage: yarrowd [--dir DIRECTORY] [--port PORT] [--socket PATH] [--group NAME]\n"
+      "               [--allow-uid UID]... [--log WHERE]\n"
       "       yarrowd --recover DIRECTORY [--port PORT]...\n"
       "       yarrowd --check DIRECTORY\n"
       "       yarrowd --dir DIRECTORY --backup FILE | --restore FILE\n"
       "  --dir DIRECTORY      keep the running configuration there (default: in memory only)\n"
       "  --port PORT          listen on 127.0.0.1 port PORT; 0 takes a free one (default: 3010,\n"
       "                       or what the environment variable YARROW_IPC_PORT says)\n"
+      "  --socket PATH        listen on a Unix socket there too (default: what the environment\n"
+      "                       variable YARROW_IPC_PATH says, else, if the port is 3010 and the\n"
+      "                       directory can be written to, " YARROW_PATH
+      ")\n"
+      "  --group NAME         let this group connect to the Unix socket (default: its owner)\n"
       "  --allow-uid UID      serve processes of this user too\n"
       "  --log WHERE          stderr (the default), syslog, or json, an object a line on stderr\n"
       "  --recover DIRECTORY  as --dir; a damaged file there is kept under another name, and the\n"
@@ -55,7 +63,9 @@ int usage(FILE* out) {
       "under\n"
       "                       another name\n"
       "  --version            print the version, and end\n"
-      "Prints \"yarrowd: port PORT\" once it serves. SIGTERM ends it. The exit status is 1 when "
+      "Prints \"yarrowd: port PORT\", and \"yarrowd: socket PATH\" if there is one, once it "
+      "serves.\n"
+      "SIGTERM ends it. The exit status is 1 when "
       "it\n"
       "cannot start or a check finds damage, 2 for a wrong command line.\n",
       out);
@@ -67,10 +77,20 @@ int wrong(const char* what) {
   return 2;
 }
 
+// Where the agent of the machine has its Unix socket; without the right to make it nowhere, and
+// clients find the port.
+std::string usual_path() {
+  const std::string directory(YARROW_PATH, strrchr(YARROW_PATH, '/'));
+  mkdir(directory.c_str(), 0755);
+  return access(directory.c_str(), W_OK) == 0 ? YARROW_PATH : "";
+}
+
 // Takes the arguments; -1 to go on, else the exit status.
 int read_arguments(int argc, char** argv, CommandLine* line) {
   static const option kOptions[] = {{"dir", required_argument, nullptr, 'd'},
                                     {"port", required_argument, nullptr, 'p'},
+                                    {"socket", required_argument, nullptr, 's'},
+                                    {"group", required_argument, nullptr, 'g'},
                                     {"allow-uid", required_argument, nullptr, 'u'},
                                     {"log", required_argument, nullptr, 'l'},
                                     {"recover", required_argument, nullptr, 'r'},
@@ -82,7 +102,9 @@ int read_arguments(int argc, char** argv, CommandLine* line) {
                                     {nullptr, 0, nullptr, 0}};
   agent::Options& options = line->options;
   options.port = YARROW_PORT;
-  const char* variable = getenv(YARROW_PORT_VARIABLE);
+  const char* path = secure_getenv(YARROW_PATH_VARIABLE);
+  if (path != nullptr) options.socket_path = path;
+  const char* variable = secure_getenv(YARROW_PORT_VARIABLE);
   if (variable != nullptr && !number_of(variable, &options.port)) {
     return wrong(YARROW_PORT_VARIABLE " in the environment is no port from 0 to 65535");
   }
@@ -119,6 +141,12 @@ int read_arguments(int argc, char** argv, CommandLine* line) {
       case 'p':
         if (!number_of(optarg, &options.port)) status = wrong("--port takes a port, 0 to 65535");
         break;
+      case 's':
+        options.socket_path = optarg;
+        break;
+      case 'g':
+        options.socket_group = optarg;
+        break;
       case 'u':
         if (!number_of(optarg, &uid)) status = wrong("--allow-uid takes the number of a user");
         options.allowed_uids.push_back(uid);
@@ -141,6 +169,13 @@ int read_arguments(int argc, char** argv, CommandLine* line) {
   if (optind != argc) return wrong("arguments without an option");
   if (line->command != Command::kServe && (options.recover || !options.directory)) {
     return wrong("--backup and --restore take --dir DIRECTORY");
+  }
+  bool serves = line->command == Command::kServe;
+  if (serves && options.socket_path.empty() && options.port == YARROW_PORT) {
+    options.socket_path = usual_path();
+  }
+  if (options.socket_path.empty() && !options.socket_group.empty()) {
+    return wrong("--group is for a Unix socket, --socket PATH");
   }
   return -1;
 }
@@ -185,9 +220,13 @@ int serve(const CommandLine& line) {
   agent::log_line(agent::LogLevel::kNotice, "the agent starts",
                   {{"version", YARROWD_VERSION},
                    {"port", agent::port(*handle)},
+                   {"path", line.options.socket_path},
                    {"directory", line.options.directory.value_or("")},
                    {"commit", agent::commit(*handle)}});
   printf("yarrowd: port %u\n", unsigned{agent::port(*handle)});
+  if (!line.options.socket_path.empty()) {
+    printf("yarrowd: socket %s\n", agent::visible_text(line.options.socket_path).c_str());
+  }
   fflush(stdout);
   std::thread waiter([&] { wait_for_end(signals, *handle); });
   agent::run(*handle);

@@ -3,7 +3,9 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -85,7 +87,8 @@ std::string file_text(const std::string& name) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-AgentProcess::AgentProcess(const std::string& directory, const std::vector<std::string>& options)
+AgentProcess::AgentProcess(const std::string& directory, const std::vector<std::string>& options,
+                           unsigned descriptors)
     : log_(memfd_create("log", MFD_CLOEXEC)) {
   std::vector<std::string> arguments = {"yarrowd", "--port", "0"};
   if (!directory.empty()) arguments.insert(arguments.end(), {"--dir", directory});
@@ -99,6 +102,8 @@ AgentProcess::AgentProcess(const std::string& directory, const std::vector<std::
   if (pid_ == 0) {
     dup2(ends[1], STDOUT_FILENO);
     dup2(log_, STDERR_FILENO);
+    const rlimit limit = {descriptors, descriptors};
+    if (descriptors > 0 && setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(126);
     execv(kYarrowdPath, pointers.data());
     _exit(127);
   }
@@ -246,6 +251,54 @@ std::string describe(const t_yarrow_change& change) {
     }
   }
   return text;
+}
+
+Environment::Environment(const char* name, const std::string& value) : name_(name) {
+  setenv(name, value.c_str(), 1);
+}
+
+Environment::~Environment() { unsetenv(name_); }
+
+FalseAgent::FalseAgent(std::vector<std::string> answers)
+    : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* any = reinterpret_cast<sockaddr*>(&address);
+  if (pipe(stop_) != 0 || bind(listener_, any, size) != 0 || listen(listener_, 0) != 0 ||
+      getsockname(listener_, any, &size) != 0) {
+    abort();
+  }
+  port_ = ntohs(address.sin_port);
+  thread_ = std::thread([this, answers = std::move(answers)] { serve(answers); });
+}
+
+FalseAgent::~FalseAgent() {
+  close(stop_[1]);
+  thread_.join();
+  close(stop_[0]);
+  close(listener_);
+}
+
+void FalseAgent::serve(const std::vector<std::string>& answers) {
+  std::vector<pollfd> watched = {{stop_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
+  size_t next = 0;
+  while (poll(watched.data(), watched.size(), -1) >= 0 && watched[0].revents == 0) {
+    if (watched[1].revents != 0)
+      watched.push_back({accept(listener_, nullptr, nullptr), POLLIN, 0});
+    char frame[4096];
+    for (size_t i = 2; i < watched.size(); ++i) {
+      if ((watched[i].revents & POLLIN) == 0) continue;
+      if (recv(watched[i].fd, frame, sizeof frame, 0) <= 0) {
+        watched[i].events = 0;
+      } else if (next < answers.size()) {
+        const std::string& answer = answers[next++];
+        send(watched[i].fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+      }
+    }
+  }
+  for (size_t i = 2; i < watched.size(); ++i) close(watched[i].fd);
 }
 
 std::string why(int status) {

@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -290,6 +292,21 @@ TEST_F(RealAgentTest, AnAgentThatDiesFailsItsRequestsOnly) {
   EXPECT_EQ(cached(4), text);
   EXPECT_EQ(pol_show_fwd_policy_yarrow_delete(), POL_EAGENT);
   EXPECT_EQ(pol_fwd_policy_yarrow_delete(), POL_EAGENT);
+}
+
+TEST_F(RealAgentTest, AnAgentThatHangsHoldsUpTheEndForOneTimeLimitAlone) {
+  const test::Environment with(YARROW_TIMEOUT_VARIABLE, "1");
+  pol_xml_config_find_or_create(4, kName);
+  ASSERT_EQ(why(session_.commit(document(kinds()[3], kinds()[3].first))), "ok");
+  fetch(4, kName);
+  kill(agent_.pid(), SIGSTOP);
+  for (int i = 0; i < 5; ++i) pol::thread_push_fetch(&ctx->thread, pol::QUEUE_FETCH, 4, kName);
+  usleep(100'000);  // the worker waits for an answer
+  const auto begin = std::chrono::steady_clock::now();
+  pol_destroy();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2'500));
+  kill(agent_.pid(), SIGCONT);
+  init();
 }
 
 }  // namespace
