@@ -162,13 +162,14 @@ std::vector<EntryChange> map_diff(const MapRef& before, const MapRef& after) {
       open_top(new_rest);
       continue;
     }
-    const EntryMap* a = old_rest.empty() ? nullptr : old_rest.back().map;
-    const EntryMap* b = new_rest.empty() ? nullptr : new_rest.back().map;
-    int order = a == nullptr ? 1 : b == nullptr ? -1 : compare_entries(*a->entry, b->entry->texts);
+    // Both tops are entries, or one walk is over.
+    const NodeRef a = old_rest.empty() ? nullptr : old_rest.back().map->entry;
+    const NodeRef b = new_rest.empty() ? nullptr : new_rest.back().map->entry;
+    int order = !a ? 1 : -1;
+    if (a && b) order = compare_entries(*a, b->texts);
     if (order <= 0) old_rest.pop_back();
     if (order >= 0) new_rest.pop_back();
-    if (order == 0 && a->entry == b->entry) continue;
-    changes.push_back({order <= 0 ? a->entry : nullptr, order >= 0 ? b->entry : nullptr});
+    if (a != b) changes.push_back({order <= 0 ? a : nullptr, order >= 0 ? b : nullptr});
   }
   return changes;
 }
