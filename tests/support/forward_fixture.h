@@ -49,11 +49,15 @@ class ForwardTest : public PolicyTest {
   }
 
   void TearDown() override {
+    drop_worker();
+    PolicyTest::TearDown();
+  }
+
+  void drop_worker() {
     take_requests();
     close(ctx->thread.read_fd);
     close(ctx->thread.write_fd);
     for (auto& lock : ctx->thread.locks) pthread_spin_destroy(&lock);
-    PolicyTest::TearDown();
   }
 
   t_pol_entry* sequence(uint32_t number, const char* policy = "p") {
@@ -149,7 +153,6 @@ class ForwardTest : public PolicyTest {
   Host host;
   Calls calls;
 
- private:
   // The real one would work the requests away.
   void replace_worker() {
     t_pol_yarrow_thread& thread = ctx->thread;
@@ -160,6 +163,8 @@ class ForwardTest : public PolicyTest {
     thread.write_fd = ends[1];
     for (auto& lock : thread.locks) pthread_spin_init(&lock, PTHREAD_PROCESS_PRIVATE);
   }
+
+  static void set_host(Host* host) { host_ = host; }
 
   static uint32_t resolve(uint32_t one, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t vpn,
                           uint16_t service, uint8_t local, uint32_t* label, t_tloc_id* tloc,
@@ -186,5 +191,6 @@ class ForwardTest : public PolicyTest {
     return 0;
   }
 
+ private:
   static inline Host* host_ = nullptr;
 };
