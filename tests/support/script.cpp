@@ -259,7 +259,8 @@ void ScriptTest::execute(const Words& words) {
 
 // Words of scripts' own: `sequence p 10` makes one that matches routes and accepts them; `register
 // name policy kind direction : call ; call` does those on being told; `host` is what labels are
-// asked of: TLOC=label, or service TLOC=label/preference.
+// asked of: TLOC=label, or service TLOC=label/preference; `hold` keeps the record of a sequence, which
+// `let_go` takes from the DNS application list that is left of it.
 bool ScriptTest::own_word(Args& args) {
   const std::string& word = args.words[0];
   if (word == "sequence") {
@@ -271,6 +272,19 @@ bool ScriptTest::own_word(Args& args) {
     registers(args);
   } else if (word == "unregister") {
     pol_unregister(&user_at(args.take()));
+  } else if (word == "graph") {
+    graph();
+  } else if (word == "outside") {
+    t_pol_list_registration record = {};
+    snprintf(record.name, sizeof record.name, "%s", args.text());
+    record.list_type = POL_LIST_SITE;
+    outside_ = pol_list_register(&record);
+  } else if (word == "nobody_outside") {
+    pol_list_unregister(outside_);
+  } else if (word == "hold") {
+    left_ = entry_at(args.take())->fwd.user;
+  } else if (word == "let_go") {
+    pol_dns_app_list_user_remove(ctx, pol_app_list_first(ctx), left_);
   } else if (word == "debug") {
     pol_debug_set(static_cast<uint32_t>(args.number()));
   } else if (word == "host") {

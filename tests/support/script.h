@@ -62,6 +62,7 @@ class ScriptTest : public ForwardTest {
   void registers(Args& args);
   void crash(const std::vector<std::string>& words);
   void say(const std::string& text) { said_ += "    " + text + "\n"; }
+  void graph();
   void say_requests();
   void say_difference();
   std::vector<std::string> state();
@@ -70,6 +71,8 @@ class ScriptTest : public ForwardTest {
   std::string said_;
   std::vector<std::string> state_;
   std::map<std::string, User> users_;
+  t_pol_list_user* outside_ = nullptr;
+  t_pol_fwd_user* left_ = nullptr;
   t_pol_ctx* given_ = nullptr;
 };
 

@@ -53,7 +53,47 @@ void sequences(t_pol_block* block, const std::string& policy, Lines* lines) {
   }
 }
 
+// Nodes by their names, edges as "from -role-> to".
+struct Graph {
+  std::map<const void*, std::string> names;
+  Lines lines;
+  bool edges = false;
+};
+
+void on_node(void* arg, const t_pol_graph_node* node) {
+  auto* graph = static_cast<Graph*>(arg);
+  EXPECT_FALSE(graph->edges) << "nodes come first";
+  std::ostringstream name;
+  if (node->parent != nullptr) name << graph->names.at(node->parent) << "/";
+  name << (node->name != nullptr ? node->name : "outside");
+  if (node->type == POL_GRAPH_SEQUENCE) name << node->sequence;
+  EXPECT_TRUE(graph->names.emplace(node->id, name.str()).second);
+  std::ostringstream line;
+  line << node->type << " " << (node->kind != 0 ? pol_util_type_str(node->kind) : "-") << " "
+       << name.str() << " a" << node->action << " m" << std::hex << node->match_flags << " s"
+       << node->set_flags << std::dec << " d" << node->direction << " n" << node->elements;
+  graph->lines.push_back(line.str());
+}
+
+void on_edge(void* arg, const t_pol_graph_edge* edge) {
+  auto* graph = static_cast<Graph*>(arg);
+  graph->edges = true;
+  std::string from = edge->from != nullptr ? graph->names.at(edge->from) : "nobody";
+  graph->lines.push_back(from + " -" + edge->role + "-> " + graph->names.at(edge->to));
+}
+
 }  // namespace
+
+void ScriptTest::graph() {
+  Graph graph;
+  t_pol_graph_visitor visitor = {};
+  EXPECT_EQ(pol_graph_walk(nullptr, &visitor), POL_ENOCTX);
+  EXPECT_EQ(pol_graph_walk(ctx, nullptr), POL_EINVAL);
+  EXPECT_EQ(pol_graph_walk(ctx, &visitor), POL_OK) << "for nobody";
+  visitor = {on_node, on_edge, &graph};
+  EXPECT_EQ(pol_graph_walk(ctx, &visitor), POL_OK);
+  for (const std::string& line : graph.lines) say(line);
+}
 
 Lines ScriptTest::state() {
   Lines lines;
@@ -91,8 +131,8 @@ Lines ScriptTest::state() {
   }
   std::string queued;
   for (const t_pol_user& user : ctx->change_list) queued += std::string(" ") + user.name;
-  lines.push_back("records:" + records);
-  lines.push_back("queued:" + queued);
+  lines.push_back("xml records:" + records);
+  lines.push_back("change list:" + queued);
   return lines;
 }
 
