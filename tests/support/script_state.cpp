@@ -12,13 +12,14 @@ namespace {
 using Lines = std::vector<std::string>;
 
 std::string on_a_line(std::string text) {
-  for (auto [what, with] : {std::pair("(0x)+[0-9a-f]{9,}", "PTR"),
-                            {"(VPN-list y|Y)arrow fetch time:\\s+Start:[^\n]*\n[^\n]*\n[^\n]*", ""},
-                            {"\\(PTR, ", "("},
-                            {" \\(PTR\\)|\\bend \n|PTR, ", ""},
-                            {"\\s+", " "}}) {
-    text = std::regex_replace(text, std::regex(what), with);
-  }
+  static const std::pair<std::regex, const char*> kSteps[] = {
+      {std::regex("(0x)+[0-9a-f]{9,}"), "PTR"},
+      {std::regex("(VPN-list y|Y)arrow fetch time:\\s+Start:[^\n]*\n[^\n]*\n[^\n]*"), ""},
+      {std::regex("\\(PTR, "), "("},
+      {std::regex(" \\(PTR\\)|\\bend \n|PTR, "), ""},
+      {std::regex("\\s+"), " "},
+  };
+  for (const auto& [what, with] : kSteps) text = std::regex_replace(text, what, with);
   const size_t start = std::min(text.find_first_not_of(' '), text.size());
   return text.substr(start, text.find_last_not_of(' ') + 1 - start);
 }
@@ -42,7 +43,8 @@ void sequences(t_pol_block* block, const std::string& policy, Lines* lines) {
     for (auto* e = vpn->entries.first(); e != nullptr; e = vpn->entries.next(e)) {
       std::string text =
           PolicyTest::printed([e](t_cli_user_ctx* cli) { pol_dump_fwd_entry(e, cli); });
-      text = std::regex_replace(on_a_line(text), std::regex("Entry \\d+ "), "");
+      text = on_a_line(text);
+      text.erase(0, text.find(' ', 6) + 1);  // its number
       if (e->fwd.sla_option != 0 || e->fwd.sla_value != 0) {
         text +=
             " SLA " + std::to_string(e->fwd.sla_option) + "/" + std::to_string(e->fwd.sla_value);
