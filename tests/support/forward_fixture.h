@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "base/pol_memory.h"
+#include "exchange/pol_yarrow_thread_internal.h"
 #include "support/policy_fixture.h"
 #include "support/seams.h"
 
@@ -65,10 +66,8 @@ class ForwardTest : public PolicyTest {
                                         static_cast<int32_t>(number));
   }
 
-  t_pol_entry* find(uint32_t number, const char* policy = "p", uint32_t kind = POL_KIND_DATA) {
-    t_pol_block* found = pol_block_find(ctx, policy, kind, nullptr);
-    auto* vpn = found != nullptr ? found->fwd_vpns.first() : nullptr;
-    return vpn != nullptr ? vpn->entries.find(&number) : nullptr;
+  t_pol_entry* find(uint32_t number) {
+    return block("p", POL_KIND_DATA)->fwd_vpns.first()->entries.find(&number);
   }
 
   void set_vpn(uint32_t number, uint64_t vpn) {
@@ -83,15 +82,12 @@ class ForwardTest : public PolicyTest {
   void set_list(uint32_t number, const char* name) {
     pol_fwd_entry_tloc_list_upd(ctx, "p", POL_KIND_DATA, "v", number, name);
   }
-  void set_service(uint32_t number, uint16_t service, uint8_t local = 0, uint8_t remove = 0) {
-    pol_fwd_entry_svc_upd(ctx, "p", POL_KIND_DATA, "v", number, service, local, remove);
+  void set_service(uint32_t number, uint16_t service, uint8_t local = 0) {
+    pol_fwd_entry_svc_upd(ctx, "p", POL_KIND_DATA, "v", number, service, local, 0);
   }
   void list_tloc(const char* name, const t_tloc_id& tloc, uint32_t preference = 0) {
     pol_tloc_list_add_entry(ctx, name, &tloc, preference);
   }
-
-  // A failed allocation is counted and never freed.
-  static void forgive(pol::MemType type) { ++g_pol_mem_info[type].frees; }
 
   static std::string printed_tloc(const t_tloc_id& tloc) {
     char buffer[128];
@@ -121,33 +117,6 @@ class ForwardTest : public PolicyTest {
       }
     }
     return taken;
-  }
-
-  // The label sets queued, as "sequence@label: address:color:encapsulation=label, ", one a line;
-  // each must have its one fetch of the policy.
-  std::string labeled() {
-    std::ostringstream out;
-    std::vector<std::string> sets;
-    std::vector<std::string> fetches;
-    for (const Request& request : take_requests()) {
-      const t_pol_thread_queue_item& item = request.item;
-      if (request.queue == pol::QUEUE_LABEL_SET) {
-        sets.emplace_back(item.label_set.policy);
-        EXPECT_STREQ(item.label_set.vpn_list, "v");
-        out << item.label_set.sequence << "@" << item.label_set.vpn_label << ":";
-        for (uint32_t i = 0; i < item.label_set.count; ++i) {
-          out << " " << printed_tloc(item.label_set.tlocs[i].tloc) << "="
-              << item.label_set.tlocs[i].label;
-        }
-        out << "\n";
-      } else {
-        EXPECT_EQ(request.queue, unsigned{pol::QUEUE_LABEL_FETCH});
-        EXPECT_EQ(item.type, uint32_t{POL_XML_DATA_POLICY});
-        fetches.emplace_back(item.name);
-      }
-    }
-    EXPECT_EQ(sets, fetches);
-    return out.str();
   }
 
   Host host;
