@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What is forwarding policies' own beyond what the model test compares, which also lets allocations
-// fail: paths that lead nowhere, settings, hosts' own calls, calls that end the process, dumps.
+// fail: hosts' own calls, a teardown that ends the process, dumps.
 #include <csignal>
 #include <regex>
 
@@ -36,51 +36,6 @@ class FwdBlockTest : public PolicyTest {
   }
 };
 
-TEST_F(FwdBlockTest, PathsThatLeadNowhereMakeAndChangeNothing) {
-  add_user("u", "p", nullptr, POL_DIR_IN, kData);
-  t_pol_entry* one = sequence("p", kData, "v", 1);
-  take_queued();
-  pol_fwd_entry_src_pfx_upd(ctx, "p", kApp, "v", 1, "a");
-  pol_fwd_entry_src_pfx_upd(ctx, "p", kData, nullptr, 1, "a");
-  pol_fwd_entry_src_pfx_upd(nullptr, "p", kData, "v", 1, "a");
-  EXPECT_EQ(one->match_flags, 0u);
-  EXPECT_EQ(current(pol::MEM_FWD_PFX_LIST), 0u);
-  EXPECT_EQ(take_queued().size(), 0u);
-  EXPECT_EQ(pol_fwd_block_init(ctx, one->block), POL_OK);
-  EXPECT_EQ(one->block->fwd_vpns.first(), one->fwd.vpn) << "made again, it keeps what it has";
-  EXPECT_EQ(pol_entry_next(ctx, one), nullptr) << "walked by its path, not as a route sequence";
-}
-
-TEST_F(FwdBlockTest, NewSettingsOfAnSlaClassTellOnlyByPathAndTheValueStays) {
-  t_pol_entry* e = sequence("p", kApp, "v", 1);
-  add_user("u", "p", nullptr, POL_DIR_IN, kApp);
-  auto add = [&](uint32_t value) {
-    return [=, this](uint8_t* c) { pol_fwd_entry_sla_class_add(ctx, e, "a", 1, value, c); };
-  };
-  EXPECT_TRUE(tells(add(4)));
-  EXPECT_FALSE(tells(add(4)));
-  EXPECT_TRUE(changes(add(5)));
-  EXPECT_EQ(take_queued().size(), 0u);
-  pol_fwd_entry_sla_class_upd(ctx, "p", kApp, "v", 1, "a", 1, 6, 0);
-  EXPECT_EQ(take_queued().size(), 1u);
-  pol_fwd_entry_sla_class_delete(ctx, e, &changed);
-  EXPECT_EQ(e->fwd.sla_option, 0);
-  EXPECT_EQ(e->fwd.sla_value, 6u);
-}
-
-TEST_F(FwdBlockTest, DeletedPolicyGivesUpTheDefaultActionThatItGotSince) {
-  block("p", kApp);
-  t_pol_user* user = add_user("u", "p", nullptr, POL_DIR_IN, kApp);
-  pol_block_find_and_delete(ctx, "p", kApp, &changed);
-  t_pol_entry* record = entry(block("r"), 10);
-  pol_entry_match_site_list_add(ctx, record, "s", &changed);
-  pol_block_default_action_add(ctx, user->block, record, &changed);
-  pol_block_find_and_delete(ctx, "r", POL_KIND_ROUTE, &changed);
-  pol_unregister(&user);
-  EXPECT_EQ(pol_block_find(ctx, "p", kApp, nullptr), nullptr);
-  EXPECT_EQ(current(pol::MEM_SITE_LIST), 0u);
-}
-
 TEST_F(FwdBlockTest, EveryPolicysTextGoesOnceAtTheEnd) {
   block("p", kData);
   block("r", kApp);
@@ -99,20 +54,6 @@ TEST_F(FwdBlockTest, EveryPolicysTextGoesOnceAtTheEnd) {
   }
   pol_debug_set(0);
   init();
-}
-
-TEST_F(FwdBlockTest, UserThatLeavesOnBeingToldTakesTheDeletedPolicyAlong) {
-  Calls first;
-  Calls second;
-  for (Calls* calls : {&first, &second}) {
-    calls->also = [](t_pol_user* user, Calls*) { pol_unregister(&user); };
-    add_user(calls == &first ? "u" : "v", "p", calls, POL_DIR_IN, kData);
-  }
-  sequence("p", kData, "v", 1);
-  pol_block_find_and_delete(ctx, "p", kData, &changed);
-  pol_user_chg_list_notify_all(ctx);
-  EXPECT_EQ(first.count + second.count, 2);
-  EXPECT_EQ(pol_block_find(ctx, "p", kData, nullptr), nullptr);
 }
 
 TEST_F(FwdBlockTest, WhatNobodyOwnsAnyMoreGoesRoleByRole) {
@@ -174,30 +115,6 @@ TEST_F(FwdBlockDeathTest, LeftoverRegistrationEndsTheTeardown) {
     pol_destroy();
   };
   EXPECT_EXIT(leave_and_destroy(), ::testing::KilledBySignal(SIGSEGV), "");
-}
-
-// What is meant for one kind of policy never reads another's memory as its own.
-TEST_F(FwdBlockDeathTest, WrongKindOfPolicyEndsTheProcess) {
-  t_pol_entry* data = sequence("p", kData, "v", 1);
-  t_pol_entry* route = entry(block("r"), 10);
-  t_pol_entry* fallback = &data->block->default_action;
-  t_pol_entry* app = sequence("p", kApp, "v", 1);
-  const std::pair<const char*, std::function<void()>> calls[] = {
-      {"path", [&] { pol_fwd_entry_app_list_upd(ctx, "r", POL_KIND_ROUTE, "v", 1, "a"); }},
-      {"no such kind", [&] { pol_fwd_vpn_find_or_create(ctx, "p", 6, "v"); }},
-      {"block", [&] { pol_fwd_block_delete(ctx, nullptr, block("r"), 0); }},
-      {"class by path", [&] { pol_fwd_entry_sla_class_upd(ctx, "p", kData, "v", 1, "", 0, 0, 1); }},
-      {"class", [&] { pol_fwd_entry_sla_class_add(ctx, data, "a", 0, 0, &changed); }},
-      {"no class", [&] { pol_fwd_entry_sla_class_add(ctx, app, nullptr, 0, 0, &changed); }},
-      {"route", [&] { pol_fwd_entry_match_src_list_add(ctx, route, "a", &changed); }},
-      {"fallback", [&] { pol_fwd_entry_match_app_id_add(ctx, fallback, "a", &changed); }},
-      {"match", [&] { pol_entry_match_tag_add(ctx, data, 1, &changed); }},
-      {"set", [&] { pol_entry_set_tloc_list_add(ctx, data, "a", &changed); }},
-      {"record", [&] { pol_block_default_action_add(ctx, block("r"), data, &changed); }},
-  };
-  for (const auto& [what, call] : calls) {
-    EXPECT_EXIT(call(), ::testing::KilledBySignal(SIGSEGV), "") << what;
-  }
 }
 
 }  // namespace
