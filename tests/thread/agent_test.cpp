@@ -248,12 +248,12 @@ TEST_F(RealAgentTest, ALabelForASequenceDeletedWhileTheWorkerWaitsBringsNothingB
   };
   pol_debug_set(1);
   seams::take_log();
-  auto* item = pol::alloc<t_pol_thread_queue_item>(pol::MEM_THREAD_ITEM);
-  pol::copy_name(item->label_set.policy, kName);
-  pol::copy_name(item->label_set.vpn_list, "V");
-  item->label_set.sequence = 10;
-  item->label_set.vpn_label = 1000;
-  pol::thread_push(&ctx->thread, pol::QUEUE_LABEL_SET, item);
+  t_pol_label_set labels = {};
+  pol::copy_name(labels.policy, kName);
+  pol::copy_name(labels.vpn_list, "V");
+  labels.sequence = 10;
+  labels.vpn_label = 1000;
+  pol::thread_push_labels(&ctx->thread, labels);
   wait_until_idle();
   const std::string log = seams::take_log();
   pol_debug_set(0);
