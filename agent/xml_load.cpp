@@ -12,6 +12,7 @@
 
 #include "agent/keypath.h"
 #include "agent/validate.h"
+#include "agent/value_words.h"
 #include "agent/xml.h"
 #include "platform/yarrow/wire.h"
 
@@ -21,12 +22,19 @@ namespace {
 
 constexpr size_t kMaxDepth = 40;
 
+// Where a start tag stands; column 0 is not known.
+struct Place {
+  int line = 0;
+  int column = 0;
+};
+
 struct Element {
   const SchemaNode* schema = nullptr;
-  int line = 0;
+  Place place;
   std::string text;            // of a leaf
   std::shared_ptr<Node> node;  // of a container or an entry; an entry's keys may come late
   uint32_t keys_seen = 0;
+  bool spoiled = false;  // a key is refused: it cannot be put anywhere
 };
 
 struct Loader {
@@ -41,7 +49,8 @@ struct Loader {
   std::string faults;
   size_t fault_count = 0;
 
-  void fault(int line, std::string_view reason);
+  void fault(Place place, std::string_view reason);
+  Place tag_place() const;
   std::string path() const;
   void start(std::string_view name, const char* name_space, int attributes);
   void end();
@@ -49,11 +58,24 @@ struct Loader {
   void end_entry(Element& element);
 };
 
-void Loader::fault(int line, std::string_view reason) {
+// "line 5:7: reason"
+void Loader::fault(Place place, std::string_view reason) {
   if (++fault_count > kMaxFaults) return;
   if (!faults.empty()) faults += '\n';
-  faults += "line " + std::to_string(line) + ": ";
+  faults += "line " + std::to_string(place.line);
+  if (place.column > 0) faults += ":" + std::to_string(place.column);
+  faults += ": ";
   faults += reason;
+}
+
+// Of the start tag that the parser has just read but for its end. One that goes over several lines is
+// at the last of them, in no column.
+Place Loader::tag_place() const {
+  const xmlParserInput& input = *parser->input;
+  const xmlChar* at = input.cur;
+  while (at > input.base && *at != '<' && *at != '\n') --at;
+  bool found = *at == '<';
+  return {xmlSAX2GetLineNumber(parser), found ? input.col - static_cast<int>(input.cur - at) : 0};
 }
 
 std::string Loader::path() const {
@@ -62,18 +84,19 @@ std::string Loader::path() const {
   for (size_t i = 1; i < stack.size(); ++i) {
     const Element& element = stack[i];
     bool is_entry = element.node && element.schema->kind == YARROW_NODE_LIST;
-    bool complete = is_entry && element.keys_seen == element.schema->key_count;
+    uint32_t all_keys = (1u << element.schema->key_count) - 1;
+    bool complete = is_entry && element.keys_seen == all_keys && !element.spoiled;
     steps.push_back({element.schema, complete ? element.node->texts : Keys{}});
   }
   return steps.empty() ? above : above + path_text(steps);
 }
 
 void Loader::start(std::string_view name, const char* name_space, int attributes) {
-  int line = xmlSAX2GetLineNumber(parser);
   if (skipping > 0) {
     if (++skipping + stack.size() > kMaxDepth) xmlStopParser(parser);
     return;
   }
+  Place place = tag_place();
   bool is_root = !seen_root;
   seen_root = true;
   if (is_root && name == "config" && name_space != nullptr &&
@@ -88,18 +111,18 @@ void Loader::start(std::string_view name, const char* name_space, int attributes
       known &&
       (rules.state ? !child->is_state && !child->holds_state && !child->is_key : child->is_state);
   if (!known) {
-    fault(line, here() + ": no such node");
+    fault(place, here() + ": " + unknown_child(*stack.back().schema));
   } else if (other_kind) {
     if (!rules.skip_other) {
-      fault(line, here() + (rules.state ? ": is no state data" : ": is state data"));
+      fault(place, here() + (rules.state ? ": is no state data" : ": is state data"));
     }
   } else if (attributes > 0) {
-    fault(line, here() + ": attributes mean nothing here");
+    fault(place, here() + ": attributes mean nothing here");
   } else {
     if (stack.size() == 1) named.push_back(child);
     Element element;
     element.schema = child;
-    element.line = line;
+    element.place = place;
     if (!child->is_leaf()) {
       element.node = std::make_shared<Node>();
       element.node->schema = child;
@@ -126,13 +149,17 @@ void Loader::end_leaf(Element& element) {
   std::string canonical;
   std::string reason;
   if (!schema_canonical(schema, leaf, trimmed(element.text), &canonical, &reason)) {
-    fault(element.line, here() + ": " + reason);
+    fault(element.place, here() + ": " + reason);
+    if (leaf.is_key) {
+      parent.keys_seen |= 1u << leaf.index;
+      parent.spoiled = true;
+    }
     return;
   }
   if (leaf.is_key) {
     std::string& key = parent.node->texts[leaf.index];
     uint32_t bit = 1u << leaf.index;
-    if ((parent.keys_seen & bit) != 0) fault(element.line, here() + ": stands twice");
+    if ((parent.keys_seen & bit) != 0) fault(element.place, here() + ": stands twice");
     parent.keys_seen |= bit;
     key = std::move(canonical);
     return;
@@ -140,12 +167,12 @@ void Loader::end_leaf(Element& element) {
   std::vector<std::string> texts;
   NodeRef old = child_of(*parent.node, leaf);
   if (old && leaf.kind == YARROW_NODE_LEAF) {
-    fault(element.line, here() + ": stands twice");
+    fault(element.place, here() + ": stands twice");
     return;
   }
   if (old) texts = old->texts;
   if (texts.size() == yarrow::kMaxLeafListItems) {
-    fault(element.line, here() + ": too many items");
+    fault(element.place, here() + ": too many items");
     return;
   }
   if (std::find(texts.begin(), texts.end(), canonical) != texts.end()) return;
@@ -155,9 +182,10 @@ void Loader::end_leaf(Element& element) {
 
 void Loader::end_entry(Element& element) {
   const SchemaNode& list = *element.schema;
+  if (element.spoiled) return;
   for (uint32_t i = 0; i < list.key_count; ++i) {
     if ((element.keys_seen & 1u << i) != 0) continue;
-    fault(element.line,
+    fault(element.place,
           path() + "/" + list.name + ": its key " + list.children[i]->name + " is missing");
     return;
   }
@@ -190,7 +218,7 @@ void Loader::end() {
     return;
   }
   if (!trimmed(element.text).empty()) {
-    fault(element.line, path() + "/" + element.schema->name + ": text where elements belong");
+    fault(element.place, path() + "/" + element.schema->name + ": text where elements belong");
   }
   if (element.schema->kind == YARROW_NODE_LIST) {
     end_entry(element);
@@ -230,7 +258,7 @@ void on_text(void* state, const xmlChar* text, int length) {
 void on_document_type(void* state, const xmlChar* /*name*/, const xmlChar* /*external*/,
                       const xmlChar* /*system*/) {
   Loader& loader = *static_cast<Loader*>(state);
-  loader.fault(xmlSAX2GetLineNumber(loader.parser), "a document type is not allowed");
+  loader.fault({xmlSAX2GetLineNumber(loader.parser), 0}, "a document type is not allowed");
   xmlStopParser(loader.parser);
 }
 
@@ -238,7 +266,7 @@ void on_error(void* state, xmlErrorPtr error) {
   Loader& loader = *static_cast<Loader*>(state);
   if (error == nullptr || error->level < XML_ERR_ERROR || error->code == XML_ERR_USER_STOP) return;
   std::string_view message = error->message != nullptr ? error->message : "unreadable";
-  loader.fault(error->line, trimmed(message));
+  loader.fault({error->line, error->int2}, trimmed(message));
 }
 
 }  // namespace
@@ -269,8 +297,9 @@ Result xml_load(const Schema& schema, std::string_view text, const SchemaNode& t
   xmlCtxtUseOptions(parser, XML_PARSE_NONET | XML_PARSE_HUGE);
   int status = xmlParseDocument(parser);
   size_t depth = loader.stack.size() + loader.skipping;
-  if (depth > kMaxDepth) loader.fault(xmlSAX2GetLineNumber(parser), "elements nested too deep");
-  if (status != 0 && loader.fault_count == 0) loader.fault(1, "cannot be parsed");
+  if (depth > kMaxDepth)
+    loader.fault({xmlSAX2GetLineNumber(parser), 0}, "elements nested too deep");
+  if (status != 0 && loader.fault_count == 0) loader.fault({1, 1}, "cannot be parsed");
   parser->sax = own_handler;
   if (parser->myDoc != nullptr) xmlFreeDoc(parser->myDoc);
   xmlFreeParserCtxt(parser);
