@@ -28,5 +28,8 @@ install(FILES ${CMAKE_BINARY_DIR}/libpolicyConfig.cmake
 file(RELATIVE_PATH POLICY_PC_TO_PREFIX
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/libpolicy.pc.in ${CMAKE_BINARY_DIR}/libpolicy.pc @ONLY)
+configure_file(cmake/libpolicy-host.pc.in ${CMAKE_BINARY_DIR}/libpolicy-host.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/libpolicy-host.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)
 install(FILES ${CMAKE_BINARY_DIR}/libpolicy.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)
