@@ -15,9 +15,10 @@
 #include "policy/pol_types.h"
 
 /* Registers a user with g_pol_ctx_p and returns its handle, valid until pol_unregister or
- * pol_destroy (what it is good for then is said there). The policy is made, empty and rejecting, if it is not configured yet. A user of that kind, direction and
- * name that exists is returned as it is: the first registration's policy and callbacks stay. Null
- * without a context, for an unknown kind or direction and when memory runs out. */
+ * pol_destroy (what it is good for then is said there). The policy is made, empty and rejecting, if
+ * it is not configured yet. A user of that kind, direction and name that exists is returned as it
+ * is: the first registration's policy and callbacks stay. A direction without a meaning is kept.
+ * Null without a context, for an unknown kind and when memory runs out. */
 POL_API t_pol_user* pol_register(const t_pol_registration* record);
 
 /* Forgets the user and sets the handle to null. A null pointer or handle does nothing. */

@@ -109,7 +109,7 @@ void fwd_leftover_release(t_pol_fwd_user* user) {
   if (user->dns_app_list.list != nullptr || user->saas_app_list.list != nullptr) return;
   t_pol_block* block = user->app_list.block;
   if (block != nullptr) block->leftovers.remove(user);
-  pol_free(user, MEM_UNCOUNTED);
+  fwd_record_free(user);
 }
 
 }  // namespace pol
@@ -206,8 +206,8 @@ void pol_block_find_and_delete(t_pol_ctx* ctx, const char* name, uint32_t kind, 
 t_pol_entry* pol_block_default_action_add(t_pol_ctx* ctx, t_pol_block* block,
                                           const t_pol_entry* record, uint8_t* changed) {
   if (ctx == nullptr || block == nullptr || record == nullptr) return nullptr;
-  if (!known_action(record->action)) return nullptr;
   if (pol::is_forwarding(*record)) pol::crash("a default action from a forwarding sequence");
+  if (!known_action(record->action)) return nullptr;
   t_pol_entry* own = &block->default_action;
   if (pol::clauses_equal(*own, *record) && own->action == record->action) return own;
   delete_clauses(ctx, own);

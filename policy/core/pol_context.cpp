@@ -57,7 +57,7 @@ t_pol_mem_info g_pol_mem_info[POL_MEM_TYPES] = {
     ROW(21, sizeof(t_color_list), "color list", "t_color_list"),
     ROW(22, sizeof(t_vpn_list), "vpn list", "t_vpn_list"),
     ROW(23, POL_MAX_VPN * sizeof(t_pol_vpn_range), "set vpn list", "POL_MAX_VPN*vpn_list"),
-    ROW(24, sizeof(t_pol_entry), "entry policy", "t_pol_entry"),
+    ROW(24, sizeof(t_pol_fwd_entry), "entry policy", "t_pol_entry"),
     ROW(25, sizeof(t_site_entry), "entry site ", "t_site_entry"),
     ROW(26, sizeof(t_list_name_entry), "entry list", "t_list_name_entry"),
     ROW(27, sizeof(t_pfx_entry), "entry prefix", "t_pfx_entry"),

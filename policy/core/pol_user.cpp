@@ -5,8 +5,9 @@
 // a batch of changes has the list called back. A callback may do anything but destroy the context:
 // unregister itself or others, change policy, ask for notification. So nothing here keeps a user
 // across a callback: the batch is taken from the list's head, and the walk over a policy's users
-// goes on from a place that their removal moves on. A change looks only at users that are not queued
-// yet, so that many changes, and many callbacks that change their own policy, cost no walk over all.
+// goes on from a place that their removal moves on. A change looks only at users that are not
+// queued yet, so that many changes, and many callbacks that change their own policy, cost no walk
+// over all.
 #include "core/pol_user_internal.h"
 
 #include <cstring>
@@ -128,7 +129,6 @@ t_pol_user* pol_user_find_or_create(t_pol_ctx* ctx, const char* name, const char
                                     t_pol_resolve_cb resolve, uint64_t reserved,
                                     uint64_t user_arg) {
   if (ctx == nullptr || name == nullptr || policy_name == nullptr) return nullptr;
-  if (direction > POL_DIR_OUT) return nullptr;
   avl_index where = 0;
   t_pol_user* user = pol_user_find(ctx, name, kind, direction, &where);
   if (user != nullptr) return user;

@@ -7,6 +7,9 @@
 // could not be had (NamedHead.stale), and none once the old one is freed.
 #pragma once
 
+#include <cstddef>
+#include <iterator>
+
 #include "base/pol_crash.h"
 #include "forward/pol_fwd_block_internal.h"
 #include "policy/pol_fwd_match.h"
@@ -16,6 +19,8 @@ namespace pol {
 struct FwdRef {
   uint32_t flag;
   uint32_t t_pol_entry::*flags;
+  int32_t
+      xml_type;  // of the objects' records in the XML cache; 0 when the agent has no text of them
   t_pol_clause_user t_pol_fwd_user::*user;
   NamedHead* (*add)(t_pol_ctx* ctx, const char* name, t_pol_fwd_user* user);
   void (*remove)(t_pol_ctx* ctx, NamedHead* object, t_pol_fwd_user* user);
@@ -32,6 +37,13 @@ extern const FwdRef kFwdSaasAppList;
 extern const FwdRef kFwdSlaClass;
 extern const FwdRef kFwdPolicer;
 extern const FwdRef kFwdTlocList;
+
+inline constexpr const FwdRef* kFwdRefs[] = {
+    &kFwdSrcPfx,     &kFwdDstPfx,      &kFwdSrcPfx6,  &kFwdDstPfx6, &kFwdAppId,   &kFwdAppList,
+    &kFwdDnsAppList, &kFwdSaasAppList, &kFwdSlaClass, &kFwdPolicer, &kFwdTlocList};
+inline constexpr size_t kFwdRoles = std::size(kFwdRefs);
+static_assert(offsetof(t_pol_fwd_user, entry) == kFwdRoles * sizeof(t_pol_clause_user),
+              "every registration is a role's");
 
 // Ends the process unless the entry is a sequence of a forwarding policy: others have clauses where
 // it has its roles, and so has a default action.

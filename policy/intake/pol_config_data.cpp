@@ -75,10 +75,9 @@ class SlaLeaves {
     }
   }
 
-  // Schemas with these leaves in a data policy have nothing that they could set there; the module
-  // takes such a call for a broken invariant.
+  // On purpose for data policies as well, of which none may have them: the call ends the process.
   void apply(const Place& at) const {
-    if ((!seen_ && !removed_) || at.kind != POL_KIND_PERF_ROUTE) return;
+    if (!seen_ && !removed_) return;
     pol_fwd_entry_sla_class_upd(at.ctx, at.policy, at.kind, at.vpn_list, at.sequence, name_,
                                 static_cast<uint8_t>(strict_), colors_,
                                 static_cast<uint8_t>(removed_));
@@ -110,6 +109,7 @@ struct FwdTlocParts {
   bool encap_given = false;
   bool address_removed = false;
   bool color_removed = false;
+  bool encap_removed = false;
   t_ipaddr address = {};
   uint8_t color = 0;
   uint8_t encap = 0;
@@ -132,6 +132,7 @@ struct FwdTlocParts {
         return;
       default:
         encap_given = true;
+        encap_removed = false;
         encap = static_cast<uint8_t>(leaf.enumeration());
         return;
     }
@@ -150,6 +151,7 @@ struct FwdTlocParts {
     color_removed |= tag == POL_TAG_COLOR;
     if (tag != POL_TAG_ENCAP || encap_given) return;
     encap_given = true;
+    encap_removed = true;
     encap = KEL_ENCAP_IPSEC;
   }
 };
@@ -218,22 +220,49 @@ class FwdActionLeaves {
   }
 
  private:
-  // What the sequence has now; zero for one that is not there.
-  t_pol_fwd_clauses current() const {
-    const t_pol_entry* entry =
-        pol::fwd_find(at_.ctx, at_.policy, at_.kind, at_.vpn_list, at_.sequence).entry;
-    return entry != nullptr ? entry->fwd : t_pol_fwd_clauses{};
+  t_pol_entry* entry() const {
+    return pol::fwd_find(at_.ctx, at_.policy, at_.kind, at_.vpn_list, at_.sequence).entry;
   }
 
+  // What the sequence has now; zero for one that is not there.
+  t_pol_fwd_clauses current() const {
+    const t_pol_entry* found = entry();
+    return found != nullptr ? found->fwd : t_pol_fwd_clauses{};
+  }
+
+  // What a later report takes for granted.
+  void remember_encap(t_pol_fwd_clauses* clauses) const {
+    auto note = [clauses](bool seen, bool set, uint8_t by) {
+      if (seen) clauses->encap_binds &= static_cast<uint8_t>(~by);
+      if (seen && set) clauses->encap_binds |= by;
+    };
+    note(tloc_local_seen_, tloc_local_, POL_ENCAP_BY_TLOC);
+    note(service_local_seen_ || service_removed_, service_local_, POL_ENCAP_BY_SERVICE);
+    // With the TLOC goes the encapsulation; alone it becomes the usual one.
+    const bool gone = tloc_.encap_removed && tloc_.removed();
+    if (tloc_.encap_given) clauses->encap_told = gone ? uint8_t{0} : tloc_.encap;
+  }
+
+  // Also when only what makes its encapsulation binding was told.
   bool apply_tloc() const {
-    if (!tloc_.given()) {
-      if (tloc_.removed()) update_tloc(false, nullptr);
-      return tloc_.removed();
+    t_pol_entry* found = entry();
+    if (found == nullptr) return tloc_.given() || tloc_.removed();
+    const bool was_binding = found->fwd.encap_binds != 0;
+    remember_encap(&found->fwd);
+    if (tloc_.removed()) {
+      update_tloc(false, nullptr);
+      return true;
     }
-    const t_tloc_id tloc = tloc_.over(current().tloc);
-    // A color is taken away only with the TLOC, so that what remains of it is set anew.
-    if (tloc_.color_removed) update_tloc(false, nullptr);
-    update_tloc(tloc_local_ || service_local_ || tloc_.color_removed, &tloc);
+    const bool has_tloc = (found->set_flags & POL_FWD_SET_F_TLOC) != 0;
+    const bool told = tloc_local_seen_ || service_local_seen_;
+    if (!tloc_.given() && (!told || !has_tloc)) return false;
+    t_tloc_id tloc = tloc_.over(found->fwd.tloc);
+    tloc.encap = found->fwd.encap_told;
+    const bool binding = found->fwd.encap_binds != 0;
+    // A color, or an encapsulation that was binding, is taken away only with the TLOC, so that what
+    // remains of it is set anew.
+    if (tloc_.color_removed || (was_binding && !binding)) update_tloc(false, nullptr);
+    update_tloc(binding, &tloc);
     return true;
   }
 

@@ -46,6 +46,7 @@ struct NamedHead {
   // On purpose: a clause whose new list could not be had still refers to the one that it left,
   // without being its user, until one of the two goes.
   UserQueue stale;
+  bool in_document;  // only while a document is put together: it has the object's text
   // Frees the list unless elements or users hold it.
   void (*free_if_unused)(t_pol_ctx* ctx, NamedHead* list);
 };

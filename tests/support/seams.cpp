@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 
 namespace {
@@ -42,6 +43,7 @@ void* __wrap_realloc(void* memory, size_t size) {
 // The library's lines only: what else is linked into a test logs to other facilities.
 void __wrap_syslog(int priority, const char* format, ...) {
   if ((priority & LOG_FACMASK) != LOG_LOCAL7) return;
+  if (seams::spinlocks_held != 0) abort();
   if (!g_all_threads && gettid() != getpid()) return;
   char line[4096];
   va_list args;

@@ -42,8 +42,10 @@ class MisuseTest : public PolicyTest {
     take_queued();
   }
 
-  std::string state() {
-    return printed([](t_cli_user_ctx* cli) { pol_dump_all(cli, 0, 0, nullptr); });
+  // All but the counts of allocations: what is made and given back at once is no change.
+  static std::string state() {
+    const std::string all = printed([](t_cli_user_ctx* cli) { pol_dump_all(cli, 0, 0, nullptr); });
+    return all.substr(0, all.find("MEMORY STATISTICS"));
   }
 
   // What an argument of a type should be.
@@ -148,9 +150,8 @@ class MisuseTest : public PolicyTest {
   void try_wrongly(const char* name, R (*function)(A...)) {
     if (skipped(name)) return;
     ++tried_;
-    [&]<size_t... I>(std::index_sequence<I...>) {
-      (without<I>(name, function), ...);
-    }(std::index_sequence_for<A...>());
+    [&]<size_t... I>(std::index_sequence<I...>) { (without<I>(name, function), ...); }
+    (std::index_sequence_for<A...>());
     // A record that is registered nowhere is removed from nothing.
     if (std::string_view(name).find("user_remove") != std::string_view::npos &&
         std::string_view(name) != "pol_site_list_user_remove") {
@@ -203,7 +204,6 @@ TEST_F(MisuseTest, NumbersWithoutAMeaningChangeNothing) {
     EXPECT_EQ(pol_block_find_or_create(ctx, "other", number == 5 ? 6 : number, &changed), nullptr);
     pol_block_find_and_delete(ctx, kName, number == 5 ? 6 : number, &changed);
     EXPECT_EQ(pol_entry_action_add(ctx, entry_, number, &changed), nullptr);
-    EXPECT_EQ(add_user("other", kName, nullptr, number == 0 ? 3 : number), nullptr);
     EXPECT_EQ(add_user("other", kName, nullptr, POL_DIR_IN, number == 5 ? 6 : number), nullptr);
   }
   for (uint32_t family : {KEL_AF_INET, KEL_AF_INET6}) {
