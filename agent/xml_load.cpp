@@ -111,7 +111,9 @@ void Loader::start(std::string_view name, const char* name_space, int attributes
       known &&
       (rules.state ? !child->is_state && !child->holds_state && !child->is_key : child->is_state);
   if (!known) {
-    fault(place, here() + ": " + unknown_child(*stack.back().schema));
+    fault(place, here() + ": " +
+                     (child != nullptr ? "of another namespace (expected " + child->name_space + ")"
+                                       : unknown_child(*stack.back().schema)));
   } else if (other_kind) {
     if (!rules.skip_other) {
       fault(place, here() + (rules.state ? ": is no state data" : ": is state data"));
