@@ -21,7 +21,7 @@ help:
 	@echo 'make bench     the benchmarks, as tables'
 	@echo 'make tsan      the tests under ThreadSanitizer'
 	@echo 'make fuzz      every fuzzer for SECONDS=30'
-	@echo 'make build     build/bin/polctl and build/lib/libpolicy.so'
+	@echo 'make build     polctl, yarrowd and the libraries, in build/bin and build/lib'
 	@echo 'make install   into PREFIX=/usr/local, below DESTDIR'
 	@echo 'make format    clang-format over the sources'
 
@@ -31,7 +31,7 @@ setup:
 # Not for the tests' sake: they are neither built nor needed to run the tool.
 build: setup
 	@cmake --preset dev --log-level=WARNING >/dev/null
-	@$(call CMAKE_BUILD,dev) --target policy polctl
+	@$(call CMAKE_BUILD,dev) --target policy policy_host_shared polctl yarrowd
 
 run: build
 	@scripts/demo build/bin/polctl

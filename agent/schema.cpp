@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "agent/modules.h"
+#include "agent/value_words.h"
 #include "agent/xml_bounds.h"
 #include "platform/yarrow/wire.h"
 
@@ -256,8 +257,7 @@ bool schema_canonical(const Schema& schema, const SchemaNode& leaf, std::string_
   LY_ERR status = lyd_value_validate(schema.context, leaf.yang, terminated.c_str(),
                                      terminated.size(), nullptr, nullptr, &result);
   if (status != LY_SUCCESS) {
-    const char* reason = ly_errmsg(schema.context);
-    *error = reason != nullptr ? reason : "a value that its type refuses";
+    *error = refused_value(leaf, text);
     ly_err_clean(schema.context, nullptr);
     return false;
   }

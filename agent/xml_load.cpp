@@ -10,9 +10,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 #include "agent/keypath.h"
 #include "agent/validate.h"
+#include "agent/value_words.h"
 #include "agent/xml.h"
 #include "agent/xml_bounds.h"
 #include "platform/yarrow/wire.h"
@@ -30,11 +32,21 @@ bool deletes(XmlOperationKind kind) {
   return kind == XmlOperationKind::kDelete || kind == XmlOperationKind::kRemove;
 }
 
+// Where a start tag stands; column 0 is not known.
+struct Place {
+  int line = 0;
+  int column = 0;
+};
+
+bool before(const Place& a, const Place& b) {
+  return std::tie(a.line, a.column) < std::tie(b.line, b.column);
+}
+
 // A leaf, an item or an entry as it stood in the text. One that is deleted is there too: it may not
 // stand a second time.
 struct Part {
   const SchemaNode* schema = nullptr;
-  int line = 0;
+  Place place;
   XmlOperationKind operation = XmlOperationKind::kMerge;
   std::string text;  // of a leaf or item
   NodeRef entry;
@@ -64,18 +76,19 @@ void Parts::add(Parts&& inside) {
 
 struct Element {
   const SchemaNode* schema = nullptr;
-  int line = 0;
+  Place place;
   XmlOperationKind operation = XmlOperationKind::kMerge;
   bool deleted = false;  // with an element around it
   bool too_long = false;
-  std::string text;  // of a leaf
-  Keys keys;         // of an entry; they may come late
+  bool spoiled = false;  // a key is refused: it cannot be put anywhere
+  std::string text;      // of a leaf
+  Keys keys;             // of an entry; they may come late
   uint32_t keys_seen = 0;
   Parts parts;
 };
 
 struct Fault {
-  int line;
+  Place place;
   std::string reason;
 };
 
@@ -94,11 +107,12 @@ struct Loader {
   size_t fault_count = 0;
 
   Loader(const Schema& by, const XmlRules& under) : schema(by), rules(under) {}
-  void fault(int line, std::string reason);
+  void fault(Place place, std::string reason);
+  Place tag_place() const;
   std::string path() const;
   void start(std::string_view name, const char* name_space, int attributes, const xmlChar** values);
-  void open(const SchemaNode& child, int line, XmlOperationKind operation);
-  bool read_operation(int line, int attributes, const xmlChar** values, std::string_view name,
+  void open(const SchemaNode& child, Place place, XmlOperationKind operation);
+  bool read_operation(Place place, int attributes, const xmlChar** values, std::string_view name,
                       XmlOperationKind* operation);
   void end();
   void end_leaf(Element& element);
@@ -112,8 +126,18 @@ struct Loader {
   void stands_twice(const Part& first, const Part& again);
 };
 
-void Loader::fault(int line, std::string reason) {
-  if (++fault_count <= kMaxFaults) faults.push_back({line, std::move(reason)});
+void Loader::fault(Place place, std::string reason) {
+  if (++fault_count <= kMaxFaults) faults.push_back({place, std::move(reason)});
+}
+
+// Of the start tag that the parser has just read but for its end. One that goes over several lines is
+// at the last of them, in no column.
+Place Loader::tag_place() const {
+  const xmlParserInput& input = *parser->input;
+  const xmlChar* at = input.cur;
+  while (at > input.base && *at != '<' && *at != '\n') --at;
+  bool found = *at == '<';
+  return {xmlSAX2GetLineNumber(parser), found ? input.col - static_cast<int>(input.cur - at) : 0};
 }
 
 std::string Loader::path() const {
@@ -121,7 +145,8 @@ std::string Loader::path() const {
   std::string above = stack.front().schema->path;
   for (size_t i = 1; i < stack.size(); ++i) {
     const Element& element = stack[i];
-    bool complete = element.keys_seen != 0 && element.keys_seen + 1 == 1u << element.keys.size();
+    bool complete = element.keys_seen != 0 && !element.spoiled &&
+                    element.keys_seen + 1 == 1u << element.keys.size();
     steps.push_back({element.schema, complete ? element.keys : Keys{}});
   }
   for (const SchemaNode* container : building) steps.push_back({container, {}});
@@ -129,8 +154,8 @@ std::string Loader::path() const {
 }
 
 // False, with a fault, for attributes other than one operation.
-bool Loader::read_operation(int line, int attributes, const xmlChar** values, std::string_view name,
-                            XmlOperationKind* operation) {
+bool Loader::read_operation(Place place, int attributes, const xmlChar** values,
+                            std::string_view name, XmlOperationKind* operation) {
   static constexpr std::pair<std::string_view, XmlOperationKind> kWords[] = {
       {"merge", XmlOperationKind::kMerge},   {"replace", XmlOperationKind::kReplace},
       {"create", XmlOperationKind::kCreate}, {"delete", XmlOperationKind::kDelete},
@@ -142,32 +167,32 @@ bool Loader::read_operation(int line, int attributes, const xmlChar** values, st
     bool known =
         strcmp(text(0), "operation") == 0 && values[2] != nullptr && text(2) == kOperationNamespace;
     if (!known) {
-      fault(line, here() + ": attributes mean nothing here");
+      fault(place, here() + ": attributes mean nothing here");
       return false;
     }
     std::string_view word(text(3), static_cast<size_t>(text(4) - text(3)));
     const auto* found = std::find_if(std::begin(kWords), std::end(kWords),
                                      [&](const auto& one) { return one.first == word; });
     if (found == std::end(kWords)) {
-      fault(line, here() + ": \"" + std::string(word) +
-                      "\" is no operation (expected merge, replace, create, delete or remove)");
+      fault(place, here() + ": \"" + std::string(word) +
+                       "\" is no operation (expected merge, replace, create, delete or remove)");
       return false;
     }
     *operation = found->second;
   }
   bool changes = *operation != XmlOperationKind::kMerge;
   if (changes && stack.back().deleted && !deletes(*operation)) {
-    fault(line, here() + ": an operation inside what is deleted");
+    fault(place, here() + ": an operation inside what is deleted");
     return false;
   }
   return true;
 }
 
-void Loader::open(const SchemaNode& child, int line, XmlOperationKind operation) {
+void Loader::open(const SchemaNode& child, Place place, XmlOperationKind operation) {
   if (stack.size() == 1) named.push_back(&child);
   Element element;
   element.schema = &child;
-  element.line = line;
+  element.place = place;
   element.operation = operation;
   element.deleted = stack.back().deleted || deletes(operation);
   element.keys.resize(child.key_count);
@@ -177,17 +202,17 @@ void Loader::open(const SchemaNode& child, int line, XmlOperationKind operation)
 
 void Loader::start(std::string_view name, const char* name_space, int attributes,
                    const xmlChar** values) {
-  int line = xmlSAX2GetLineNumber(parser);
   if (skipping > 0) {
     if (++skipping + stack.size() > kMaxDepth) xmlStopParser(parser);
     return;
   }
+  const Place place = tag_place();
   bool is_root = !seen_root;
   seen_root = true;
   if (is_root && name == "config" && name_space != nullptr &&
       strcmp(name_space, kConfigNamespace) == 0) {
     in_envelope = true;
-    if (attributes > 0) fault(line, "/config: attributes mean nothing here");
+    if (attributes > 0) fault(place, "/config: attributes mean nothing here");
     return;
   }
   const SchemaNode* child = schema_child(*stack.back().schema, name);
@@ -198,13 +223,15 @@ void Loader::start(std::string_view name, const char* name_space, int attributes
       (rules.state ? !child->is_state && !child->holds_state && !child->is_key : child->is_state);
   XmlOperationKind operation = XmlOperationKind::kMerge;
   if (!known) {
-    fault(line, here() + ": no such node");
+    fault(place, here() + ": " +
+                     (child != nullptr ? "of another namespace (expected " + child->name_space + ")"
+                                       : unknown_child(*stack.back().schema)));
   } else if (other_kind) {
     if (!rules.skip_other) {
-      fault(line, here() + (rules.state ? ": is no state data" : ": is state data"));
+      fault(place, here() + (rules.state ? ": is no state data" : ": is state data"));
     }
-  } else if (read_operation(line, attributes, values, name, &operation)) {
-    open(*child, line, operation);
+  } else if (read_operation(place, attributes, values, name, &operation)) {
+    open(*child, place, operation);
     return;
   }
   skipping = 1;
@@ -221,9 +248,9 @@ void Loader::end_key(const Element& leaf, std::string text) {
   Element& entry = stack.back();
   uint32_t bit = 1u << leaf.schema->index;
   auto here = [&] { return path() + "/" + leaf.schema->name; };
-  if ((entry.keys_seen & bit) != 0) fault(leaf.line, here() + ": stands twice");
+  if ((entry.keys_seen & bit) != 0) fault(leaf.place, here() + ": stands twice");
   if (leaf.operation != XmlOperationKind::kMerge) {
-    fault(leaf.line, here() + ": a key takes no operation");
+    fault(leaf.place, here() + ": a key takes no operation");
   }
   entry.keys_seen |= bit;
   entry.keys[leaf.schema->index] = std::move(text);
@@ -246,23 +273,28 @@ void Loader::end_leaf(Element& element) {
     if (again) schema_canonical(schema, leaf, inner, &canonical, &reason);
   }
   if (!reason.empty()) {
-    fault(element.line, path() + "/" + leaf.name + ": " + reason);
+    fault(element.place, path() + "/" + leaf.name + ": " + reason);
+    if (leaf.is_key) {
+      parent.keys_seen |= 1u << leaf.index;
+      parent.spoiled = true;
+    }
   } else if (leaf.is_key) {
     end_key(element, std::move(canonical));
   } else {
     parent.parts.parts.push_back(
-        {&leaf, element.line, element.operation, std::move(canonical), nullptr, {}});
+        {&leaf, element.place, element.operation, std::move(canonical), nullptr, {}});
   }
 }
 
 // The entry is still on the stack.
 void Loader::end_entry(Element& element) {
   const SchemaNode& list = *element.schema;
-  Part part{&list, element.line, element.operation, {}, nullptr, {}};
+  if (element.spoiled) return;
+  Part part{&list, element.place, element.operation, {}, nullptr, {}};
   for (uint32_t i = 0; i < list.key_count; ++i) {
     if ((element.keys_seen & 1u << i) != 0) continue;
     std::string above = path();
-    fault(element.line, above + ": its key " + list.children[i]->name + " is missing");
+    fault(element.place, above + ": its key " + list.children[i]->name + " is missing");
     return;
   }
   auto entry = std::make_shared<Node>();
@@ -279,9 +311,9 @@ void Loader::stands_twice(const Part& first, const Part& again) {
   if (again.entry) step = {{again.schema, again.entry->texts}};
   std::string name = again.entry ? path_text(step) : "/" + again.schema->name;
   std::string item = again.schema->kind == YARROW_NODE_LEAF_LIST ? " \"" + again.text + "\"" : "";
-  int lines[] = {std::min(first.line, again.line), std::max(first.line, again.line)};
-  fault(lines[1], path() + name + ":" + item + " stands twice (first in line " +
-                      std::to_string(lines[0]) + ")");
+  const auto& [earlier, later] = std::minmax(first.place, again.place, before);
+  fault(later, path() + name + ":" + item + " stands twice (first in line " +
+                   std::to_string(earlier.line) + ")");
 }
 
 // Makes the children of a node out of what stood below it, and gives the operations their paths from
@@ -306,7 +338,7 @@ void Loader::build(Parts& all, Node& node, Operations* operations) {
         node.children.push_back(make_leaf(leaf, {std::move(first->text)}));
       }
       if (first->operation != XmlOperationKind::kMerge) {
-        operations->push_back({first->operation, first->line, {{&leaf, {}}}, {}});
+        operations->push_back({first->operation, first->place.line, {{&leaf, {}}}, {}});
       }
     }
   }
@@ -337,7 +369,7 @@ void Loader::build_leaf_list(std::vector<Part>::iterator first, std::vector<Part
     sorted.push_back(&*part);
     if (!deletes(part->operation)) texts.push_back(part->text);
     if (part->operation != XmlOperationKind::kMerge) {
-      operations->push_back({part->operation, part->line, {{&leaf, {}}}, part->text});
+      operations->push_back({part->operation, part->place.line, {{&leaf, {}}}, part->text});
     }
   }
   std::stable_sort(sorted.begin(), sorted.end(),
@@ -346,7 +378,7 @@ void Loader::build_leaf_list(std::vector<Part>::iterator first, std::vector<Part
     if (sorted[i]->text == sorted[i - 1]->text) stands_twice(*sorted[i - 1], *sorted[i]);
   }
   if (texts.size() > yarrow::kMaxLeafListItems) {
-    fault(first->line, path() + "/" + leaf.name + ": too many items");
+    fault(first->place, path() + "/" + leaf.name + ": too many items");
   }
   if (!texts.empty()) node.children.push_back(make_leaf(leaf, std::move(texts)));
 }
@@ -364,7 +396,7 @@ void Loader::build_list(std::vector<Part>::iterator first, std::vector<Part>::it
     if (part != first && !by_keys(*(part - 1), *part)) stands_twice(*(part - 1), *part);
     const Step step{&list, part->entry->texts};
     if (part->operation != XmlOperationKind::kMerge) {
-      operations->push_back({part->operation, part->line, {step}, {}});
+      operations->push_back({part->operation, part->place.line, {step}, {}});
     }
     for (XmlOperation& one : part->operations) {
       one.path.insert(one.path.begin(), step);
@@ -393,7 +425,7 @@ void Loader::end() {
   }
   Element& element = stack.back();
   if (!trimmed(element.text).empty()) {
-    fault(element.line, path() + ": text where elements belong");
+    fault(element.place, path() + ": text where elements belong");
   }
   Parts& around = stack[stack.size() - 2].parts;
   const SchemaNode& schema = *element.schema;
@@ -401,7 +433,7 @@ void Loader::end() {
     end_entry(element);
   } else if (!stack[stack.size() - 2].deleted) {
     if (element.operation != XmlOperationKind::kMerge) {
-      around.operations.push_back({element.operation, element.line, {{&schema, {}}}, {}});
+      around.operations.push_back({element.operation, element.place.line, {{&schema, {}}}, {}});
     }
     element.parts.schema = &schema;
     if (!element.deleted) around.add(std::move(element.parts));
@@ -445,7 +477,7 @@ void on_error(void* state, xmlErrorPtr error) {
   Loader& loader = *static_cast<Loader*>(state);
   if (error == nullptr || error->level < XML_ERR_ERROR || error->code == XML_ERR_USER_STOP) return;
   std::string_view message = error->message != nullptr ? error->message : "unreadable";
-  loader.fault(error->line, std::string(trimmed(message)));
+  loader.fault({error->line, error->int2}, std::string(trimmed(message)));
   if (error->level == XML_ERR_FATAL) xmlStopParser(loader.parser);
 }
 
@@ -459,7 +491,7 @@ void parse(Loader& loader, std::string_view text) {
   handler.serror = on_error;
   xmlParserCtxtPtr parser = xmlCreateMemoryParserCtxt(text.data(), static_cast<int>(text.size()));
   if (parser == nullptr) {
-    loader.fault(1, "no text");
+    loader.fault({1, 1}, "no text");
     return;
   }
   loader.parser = parser;
@@ -469,8 +501,9 @@ void parse(Loader& loader, std::string_view text) {
   xmlCtxtUseOptions(parser, XML_PARSE_NONET | XML_PARSE_HUGE);
   int status = xmlParseDocument(parser);
   size_t depth = loader.stack.size() + loader.skipping;
-  if (depth > kMaxDepth) loader.fault(xmlSAX2GetLineNumber(parser), "elements nested too deep");
-  if (status != 0 && loader.fault_count == 0) loader.fault(1, "cannot be parsed");
+  if (depth > kMaxDepth)
+    loader.fault({xmlSAX2GetLineNumber(parser), 0}, "elements nested too deep");
+  if (status != 0 && loader.fault_count == 0) loader.fault({1, 1}, "cannot be parsed");
   parser->sax = own_handler;
   if (parser->myDoc != nullptr) xmlFreeDoc(parser->myDoc);
   xmlFreeParserCtxt(parser);
@@ -478,11 +511,13 @@ void parse(Loader& loader, std::string_view text) {
 
 std::string fault_lines(Loader& loader) {
   std::stable_sort(loader.faults.begin(), loader.faults.end(),
-                   [](const Fault& a, const Fault& b) { return a.line < b.line; });
+                   [](const Fault& a, const Fault& b) { return before(a.place, b.place); });
   std::string text;
   for (const Fault& fault : loader.faults) {
     if (!text.empty()) text += '\n';
-    text += "line " + std::to_string(fault.line) + ": " + fault.reason;
+    text += "line " + std::to_string(fault.place.line);
+    if (fault.place.column > 0) text += ":" + std::to_string(fault.place.column);
+    text += ": " + fault.reason;
   }
   if (loader.fault_count > kMaxFaults) text += "\nand more";
   return text;
@@ -499,7 +534,7 @@ Result xml_load(const Schema& schema, std::string_view text, const SchemaNode& t
   loader.stack.push_back(std::move(top));
   int line = 0;
   if (const char* excess = xml_beyond_bounds(text, &line)) {
-    loader.fault(line, excess);
+    loader.fault({line, 0}, excess);
   } else {
     parse(loader, text);
   }

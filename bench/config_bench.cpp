@@ -16,7 +16,7 @@
 
 #include "agent/yarrow_agent.h"
 #include "host/agent_link.h"
-#include "host/config_walk.h"
+#include "host/config_feed.h"
 #include "host/input_error.h"
 #include "kel/string.h"
 #include "policy/pol_context.h"

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "host/agent_link.h"
-#include "host/config_walk.h"
+#include "host/config_feed.h"
 #include "host/forwarding.h"
 #include "host/input_error.h"
 #include "policy/pol_context.h"
@@ -126,7 +126,7 @@ Figures measure(int sequences) {
     if (feed.next(kWaitMs, &walk) < 0) throw polctl::InputError("no batch");
     polctl::AppliedPolicies applied;
     applied.from_service = "P";
-    polctl::ForwardingManager manager(applied);
+    polctl::ForwardingManager manager(applied, walk.configured());
     fetch_changed();
     std::vector<double> walked, fetched, document, whole;
     for (int i = 0; i < kProbes; ++i) {

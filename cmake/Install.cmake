@@ -30,5 +30,7 @@ file(RELATIVE_PATH POLICY_PC_TO_PREFIX
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/libpolicy.pc.in ${CMAKE_BINARY_DIR}/libpolicy.pc @ONLY)
 configure_file(cmake/libyarrow.pc.in ${CMAKE_BINARY_DIR}/libyarrow.pc @ONLY)
+configure_file(cmake/libpolicy-host.pc.in ${CMAKE_BINARY_DIR}/libpolicy-host.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/libpolicy.pc ${CMAKE_BINARY_DIR}/libyarrow.pc
+  ${CMAKE_BINARY_DIR}/libpolicy-host.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)

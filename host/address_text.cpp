@@ -4,6 +4,8 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include <cstring>
 
 namespace polctl {
@@ -136,12 +138,47 @@ std::string in_quotes(std::string_view text) {
   return result;
 }
 
-std::string printable(std::string_view text) {
-  std::string result(text);
-  for (char& c : result) {
-    if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = '?';
+namespace {
+
+// How many bytes the character at the beginning has and which it is; 0 bytes for none.
+size_t character_at(std::string_view text, uint32_t* character) {
+  auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  unsigned first = byte(0);
+  size_t size = first < 0x80 ? 1 : first < 0xc2 ? 0 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+  if (size == 0 || first > 0xf4 || text.size() < size) return 0;
+  *character = size == 1 ? first : first & (0x7fu >> size);
+  for (size_t i = 1; i < size; ++i) {
+    if ((byte(i) & 0xc0u) != 0x80) return 0;
+    *character = *character << 6 | (byte(i) & 0x3fu);
+  }
+  constexpr uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+  bool surrogate = *character >= 0xd800 && *character <= 0xdfff;
+  return *character < kLeast[size] || *character > 0x10ffff || surrogate ? 0 : size;
+}
+
+bool upsets_terminals(uint32_t character) {
+  bool control = character < ' ' || (character >= 0x7f && character <= 0x9f);
+  bool turns = character == 0x200e || character == 0x200f || character == 0x061c ||
+               (character >= 0x2028 && character <= 0x202e) ||
+               (character >= 0x2066 && character <= 0x2069);
+  return control || turns;
+}
+
+std::string made_printable(std::string_view text, bool lines) {
+  std::string result;
+  while (!text.empty()) {
+    uint32_t character = 0;
+    size_t size = character_at(text, &character);
+    bool stays = size > 0 && (!upsets_terminals(character) || (lines && character == '\n'));
+    result += stays ? text.substr(0, size) : "?";
+    text.remove_prefix(std::max<size_t>(size, 1));
   }
   return result;
 }
+
+}  // namespace
+
+std::string printable(std::string_view text) { return made_printable(text, false); }
+std::string printable_lines(std::string_view text) { return made_printable(text, true); }
 
 }  // namespace polctl

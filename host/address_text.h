@@ -33,9 +33,11 @@ std::string tloc_text(const t_tloc_id& tloc);
  * ASCII become '?'. */
 std::string in_quotes(std::string_view text);
 
-/* The text with its control characters as '?': a policy file's words reach a terminal as they are.
- */
+/* The text as a terminal or a log may have it: control characters, of C1 too, those that turn the
+ * direction of writing, and bytes that are no UTF-8 become '?'. */
 std::string printable(std::string_view text);
+/* The same of several lines, whose ends stay. */
+std::string printable_lines(std::string_view text);
 
 }  // namespace polctl
 

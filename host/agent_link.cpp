@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -12,7 +13,7 @@
 #include "address_text.h"
 #include "agent/yarrow_agent.h"
 #include "input_error.h"
-#include "policy_source.h"
+#include "near_word.h"
 #include "xml_places.h"
 #include "yarrow/yarrow_maapi.h"
 
@@ -55,14 +56,42 @@ size_t path_end(std::string_view text) {
   return std::string_view::npos;
 }
 
-// "line 5: /policy/...: reason", "/policy/...: reason" or a reason alone.
+// What was meant by a word that is not among those expected: the value in quotes, or the path's last
+// name. A name's siblings are many, and are left out where it is clear which was meant.
+void add_hint(ConfigFault* fault) {
+  constexpr std::string_view kOneOf = "one of: ";
+  if (!fault->expected.starts_with(kOneOf)) return;
+  bool is_name = fault->what.find('"') == std::string::npos;
+  std::string word = fault->path.substr(fault->path.rfind('/') + 1);
+  if (!is_name) {
+    size_t begin = fault->what.find('"') + 1;
+    word = fault->what.substr(begin, fault->what.rfind('"') - begin);
+  }
+  std::vector<std::string> known;
+  for (size_t at = kOneOf.size(); at < fault->expected.size();) {
+    size_t end = std::min(fault->expected.find(", ", at), fault->expected.size());
+    known.push_back(fault->expected.substr(at, end - at));
+    at = end + 2;
+  }
+  std::vector<std::string> near = near_words(word, known);
+  if (near.empty()) return;
+  fault->what += ", did you mean " + near.front() + "?";
+  if (is_name) fault->expected.clear();
+}
+
+// "line 5:7: /policy/...: reason", "/policy/...: reason" or a reason alone.
 ConfigFault fault_of(std::string_view text) {
   ConfigFault fault;
   constexpr std::string_view kLine = "line ";
   if (text.starts_with(kLine)) {
     const char* begin = text.data() + kLine.size();
-    auto [end, error] = std::from_chars(begin, text.data() + text.size(), fault.line);
-    if (error == std::errc() && std::string_view(end, 2) == ": ") {
+    const char* last = text.data() + text.size();
+    auto [end, error] = std::from_chars(begin, last, fault.line);
+    if (error == std::errc() && end + 1 < last && *end == ':' && end[1] != ' ') {
+      auto [after, bad] = std::from_chars(end + 1, last, fault.column);
+      if (bad == std::errc()) end = after;
+    }
+    if (error == std::errc() && last - end >= 2 && std::string_view(end, 2) == ": ") {
       text.remove_prefix(static_cast<size_t>(end + 2 - text.data()));
     }
   }
@@ -71,7 +100,15 @@ ConfigFault fault_of(std::string_view text) {
     fault.path = text.substr(0, colon);
     text.remove_prefix(colon + 2);
   }
+  constexpr std::string_view kExpected = " (expected ";
+  size_t expected = text.ends_with(')') ? text.rfind(kExpected) : std::string_view::npos;
+  if (expected != std::string_view::npos) {
+    fault.expected = text.substr(expected + kExpected.size());
+    fault.expected.pop_back();
+    text = text.substr(0, expected);
+  }
   fault.what = text;
+  add_hint(&fault);
   return fault;
 }
 
@@ -96,16 +133,17 @@ std::string agent_problem() {
   return reason.empty() ? yarrow_strerror(yarrow_errno) : reason;
 }
 
-EmbeddedAgent::EmbeddedAgent(uint16_t port) {
+EmbeddedAgent::EmbeddedAgent(uint16_t port, const std::string& directory) {
   std::string problem;
   agent::Options options;
   options.port = port;
+  if (!directory.empty()) options.directory = directory;
   handle_ = agent::start(options, &problem);
   if (!handle_) {
     std::string which = port == 0 ? "a free port" : fmt::format("port {} free", port);
-    throw InputError(fmt::format(
-        "polctl: error: the agent does not start: {} (expected {} on the loopback address)",
-        problem, which));
+    if (!directory.empty()) which += fmt::format(", and {} its own", in_quotes(directory));
+    throw InputError(
+        fmt::format("polctl: error: the agent does not start: {} (expected {})", problem, which));
   }
   agent::run_in_thread(*handle_);
   set_worker_port(agent::port(*handle_));
@@ -114,6 +152,17 @@ EmbeddedAgent::EmbeddedAgent(uint16_t port) {
 EmbeddedAgent::~EmbeddedAgent() { agent::stop(*handle_); }
 
 uint16_t EmbeddedAgent::port() const { return agent::port(*handle_); }
+
+uint16_t port_of(const std::string& text, const std::string& what, uint16_t lowest) {
+  uint16_t port = 0;
+  const char* last = text.data() + text.size();
+  auto [end, error] = std::from_chars(text.data(), last, port);
+  if (error != std::errc() || end != last || port < lowest) {
+    throw InputError(fmt::format("polctl: error: {}: {} is no port (expected {} to 65535)", what,
+                                 in_quotes(text), lowest));
+  }
+  return port;
+}
 
 uint16_t running_agent_port(const std::string& given) {
   const char* variable = getenv(YARROW_PORT_VARIABLE);
@@ -124,13 +173,7 @@ uint16_t running_agent_port(const std::string& given) {
   unsetenv(YARROW_PORT_VARIABLE);
   if (!given.empty()) unsetenv(YARROW_PATH_VARIABLE);
   if (text.empty()) return YARROW_PORT;
-  uint16_t port = 0;
-  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-  if (error != std::errc() || *end != '\0' || port == 0) {
-    throw InputError(
-        fmt::format("polctl: error: {} is no port (expected 1 to 65535)", in_quotes(text)));
-  }
-  return port;
+  return port_of(text, given.empty() ? YARROW_PORT_VARIABLE : "--agent", 1);
 }
 
 UnreachablePort::UnreachablePort() : sock_(agent_socket()) {
@@ -153,11 +196,14 @@ void set_worker_port(uint16_t port) {
 }
 
 std::string fault_line(const ConfigFault& fault, const char* severity) {
-  std::string text = fault.file.empty() ? "polctl" : fault.file;
+  std::string text = fault.file.empty() ? "polctl" : printable(fault.file);
   if (fault.line > 0) text += fmt::format(":{}", fault.line);
+  if (fault.column > 0) text += fmt::format(":{}", fault.column);
   text += fmt::format(": {}: ", severity);
   if (!fault.path.empty()) text += printable(fault.path) + ": ";
-  return text + printable(fault.what);
+  text += printable(fault.what);
+  if (!fault.expected.empty()) text += fmt::format(" (expected {})", printable(fault.expected));
+  return text;
 }
 
 ConfigSession::ConfigSession(uint16_t port) : sock_(agent_socket()), port_(port) {
@@ -174,27 +220,25 @@ ConfigSession::ConfigSession(uint16_t port) : sock_(agent_socket()), port_(port)
 
 ConfigSession::~ConfigSession() { maapi_close(sock_); }
 
-void ConfigSession::load(const std::vector<std::string>& files, std::vector<ConfigFault>* faults) {
+void ConfigSession::load(const SourceFiles& files, std::vector<ConfigFault>* faults) {
   int trans =
       maapi_start_trans_flags2(sock_, MAAPI_CANDIDATE, MAAPI_READ_WRITE, 0, 0, nullptr, nullptr);
   if (trans < 0) fail("no transaction");
-  for (const std::string& file : files) {
-    require_readable(file, "a configuration file");
-    if (maapi_load_config(sock_, trans, YARROW_CONFIG_XML | YARROW_CONFIG_MERGE, file.c_str()) ==
-        YARROW_OK) {
+  for (const SourceFile& file : files) {
+    if (maapi_load_config(sock_, trans, YARROW_CONFIG_XML | YARROW_CONFIG_MERGE,
+                          file.path().c_str()) == YARROW_OK) {
       continue;
     }
     each_reason(agent_problem(), [&](std::string_view reason) {
       faults->push_back(fault_of(reason));
-      faults->back().file = file;
+      faults->back().file = file.name();
     });
   }
   if (faults->empty() && maapi_apply_trans(sock_, trans, 0) != YARROW_OK) fail("not applied");
   maapi_finish_trans(sock_, trans);
 }
 
-bool ConfigSession::commit(const std::vector<std::string>& files,
-                           std::vector<ConfigFault>* faults) {
+bool ConfigSession::commit(const SourceFiles& files, std::vector<ConfigFault>* faults) {
   int64_t before = maapi_commit_id(sock_);
   if (maapi_candidate_commit(sock_) == YARROW_OK) return maapi_commit_id(sock_) != before;
   std::string problem = agent_problem();
@@ -202,7 +246,7 @@ bool ConfigSession::commit(const std::vector<std::string>& files,
   XmlPlaces places(files);
   each_reason(problem, [&](std::string_view reason) {
     ConfigFault fault = fault_of(reason);
-    places.find(fault.path, &fault.file, &fault.line);
+    places.find(fault.path, &fault);
     faults->push_back(std::move(fault));
   });
   return false;

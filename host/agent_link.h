@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "source_file.h"
+
 namespace agent {
 class Handle;
 }
@@ -24,12 +26,13 @@ sockaddr_in agent_address(uint16_t port);
 /* Why the calling thread's last call to the agent failed. */
 std::string agent_problem();
 
-/* An agent of this process's own, which keeps nothing on disk. From its start on the process
- * connects to its port, whatever the environment says (YARROW_IPC_PORT, YARROW_IPC_PATH). */
+/* An agent of this process's own. From its start on the process connects to its port, whatever the
+ * environment says (YARROW_IPC_PORT, YARROW_IPC_PATH). */
 class EmbeddedAgent {
  public:
-  /* Port 0: a free one. Throws InputError, as when the port is taken. */
-  explicit EmbeddedAgent(uint16_t port = 0);
+  /* Port 0: a free one. `directory` is where it keeps the configuration; "": nowhere. Throws
+   * InputError, as when the port is taken. */
+  explicit EmbeddedAgent(uint16_t port = 0, const std::string& directory = "");
   ~EmbeddedAgent();
   EmbeddedAgent(const EmbeddedAgent&) = delete;
   EmbeddedAgent& operator=(const EmbeddedAgent&) = delete;
@@ -38,6 +41,9 @@ class EmbeddedAgent {
  private:
   std::shared_ptr<agent::Handle> handle_;
 };
+
+/* A port number; `what` says which option or variable it comes from. Throws InputError. */
+uint16_t port_of(const std::string& text, const std::string& what, uint16_t lowest);
 
 /* The port of a running agent: the one given, else the environment's, else the usual one, which stands
  * for the Unix socket too where there is one. Throws
@@ -64,13 +70,15 @@ void set_worker_port(uint16_t port);
 
 /* One reason why configuration was refused. */
 struct ConfigFault {
-  std::string file; /* empty: not known, as `line` 0 */
+  std::string file; /* empty: not known, as are `line` 0 and `column` 0 */
   uint32_t line = 0;
+  uint32_t column = 0;
   std::string path; /* of the node in the configuration; empty when the text cannot be parsed */
   std::string what;
+  std::string expected; /* empty: nothing else fits */
 };
 
-/* "FILE:LINE: error: PATH: WHAT" */
+/* "FILE:LINE:COLUMN: error: PATH: WHAT" */
 std::string fault_line(const ConfigFault& fault, const char* severity);
 
 /* A session that edits the candidate. */
@@ -82,11 +90,12 @@ class ConfigSession {
   ConfigSession& operator=(const ConfigSession&) = delete;
 
   /* Merges the files, in order, into the candidate; what is wrong with any of them goes to `faults`,
-   * and then nothing was merged. Throws InputError when a file cannot be read. */
-  void load(const std::vector<std::string>& files, std::vector<ConfigFault>* faults);
+   * and then nothing was merged. */
+  void load(const SourceFiles& files, std::vector<ConfigFault>* faults);
 
-  /* Makes the candidate running; whether that changed anything. Refusals name paths; `files` say in which line those stand. */
-  bool commit(const std::vector<std::string>& files, std::vector<ConfigFault>* faults);
+  /* Makes the candidate running; whether that changed anything. Refusals name paths; `files` say
+   * where those stand. */
+  bool commit(const SourceFiles& files, std::vector<ConfigFault>* faults);
 
   /* The running configuration below the path, as XML; "" when there is none. Throws InputError. */
   std::string save(const std::string& path);

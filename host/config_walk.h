@@ -10,7 +10,6 @@
 #define HOST_CONFIG_WALK_H
 
 #include <cstdint>
-#include <memory>
 
 #include "config_mirror.h"
 #include "forward_walk.h"
@@ -29,6 +28,9 @@ class ConfigWalk {
 
   /* To be called before the context is destroyed; then nothing more may be taken. */
   void release() { forward_.release_all(); }
+
+  /* TLOCs resolve otherwise than before: has labels computed anew. */
+  void resolve_again() { forward_.resolve_again(); }
 
   const ConfiguredNames& configured() const { return mirror_.names; }
 
@@ -53,36 +55,6 @@ class ConfigWalk {
   ForwardWalk forward_;
   uint64_t changes_ = 0;
   uint64_t unread_ = 0;
-};
-
-/* A subscription to an agent's policy tree. */
-class ConfigFeed {
- public:
-  /* Throws InputError when the agent cannot be reached. */
-  explicit ConfigFeed(uint16_t port);
-  ~ConfigFeed();
-  ConfigFeed(const ConfigFeed&) = delete;
-  ConfigFeed& operator=(const ConfigFeed&) = delete;
-
-  struct Free {
-    void operator()(t_yarrow_batch* batch) const { yarrow_batch_free(batch); }
-  };
-  using Batch = std::unique_ptr<t_yarrow_batch, Free>;
-
-  /* Waits for the next batch; null when the time is over (negative: no limit) or the agent has
-   * closed. Throws InputError. */
-  Batch read(int timeout_ms);
-
-  /* Waits for the next batch and walks it; the first is the present configuration. Returns how many
-   * changes it held, -1 when the time is over (negative: no limit) or the agent has closed. Throws
-   * InputError. */
-  int64_t next(int timeout_ms, ConfigWalk* walk);
-
-  /* To be polled for input. */
-  int fd() const { return sock_; }
-
- private:
-  int sock_;
 };
 
 }  // namespace polctl

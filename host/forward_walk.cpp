@@ -170,6 +170,21 @@ void ForwardWalk::release(const Place& at, const Policy& policy) {
   }
 }
 
+void ForwardWalk::resolve_again() {
+  for (uint32_t kind : {POL_KIND_DATA, POL_KIND_PERF_ROUTE}) {
+    for (const auto& [policy, lists] : policies(kind)) {
+      for (const auto& [name, list] : lists) {
+        for (const auto& [number, leaves] : list.sequences) {
+          bool resolves = leaves.count_in(POL_TAG_TLOC) + leaves.count_in(POL_TAG_SERVICE) +
+                              leaves.count(POL_TAG_TLOC_LIST) + leaves.count(POL_TAG_VPN) >
+                          0;
+          if (resolves) make_anew({kind, policy, name, number});
+        }
+      }
+    }
+  }
+}
+
 void ForwardWalk::release_all() {
   for (uint32_t kind : {POL_KIND_DATA, POL_KIND_PERF_ROUTE}) {
     for (const auto& [name, policy] : policies(kind)) release({kind, name, {}, 0}, policy);

@@ -24,6 +24,9 @@ class ForwardWalk {
   /* False when it is a change of something else. Notes names of policies in `names`. */
   bool take(const t_yarrow_change& change, ConfiguredNames* names);
 
+  /* Has every sequence with a TLOC, a TLOC list or a service resolve them again. */
+  void resolve_again();
+
   /* Lets go of what sequences would leave registered for good, which a context must not hold when it
    * is destroyed. */
   void release_all();

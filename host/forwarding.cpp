@@ -65,13 +65,15 @@ void choose(const char* option, uint32_t kind, const std::string& origin, std::s
 
 }  // namespace
 
-ForwardingManager::ForwardingManager(const AppliedPolicies& applied) {
+ForwardingManager::ForwardingManager(const AppliedPolicies& applied,
+                                     const ConfiguredNames& configured)
+    : by_name_(applied.any()) {
   applied_[kFromService].policy = applied.from_service;
   applied_[kFromTunnel].policy = applied.from_tunnel;
   applied_[kAppRoute].policy = applied.app_route;
   applied_[kCflowd].policy = applied.cflowd;
   try {
-    for (Role role : {kFromService, kFromTunnel, kAppRoute, kCflowd}) enter(role);
+    follow(configured);
   } catch (...) {
     leave();
     throw;
@@ -95,17 +97,30 @@ void ForwardingManager::note_call(t_pol_user* /*user*/, uint64_t manager) noexce
   ++reinterpret_cast<ForwardingManager*>(manager)->calls_;
 }
 
-void ForwardingManager::restore(const ConfiguredNames& configured) {
+void ForwardingManager::follow(const ConfiguredNames& configured) {
   for (size_t role = 0; role < kRoles; ++role) {
     Applied& applied = applied_[role];
-    auto names = configured.find(kRoleRows[role].path);
-    bool gone = names == configured.end() || names->second.count(applied.policy) == 0;
-    if (gone) {
-      pol_unregister(&applied.user);
-    } else {
-      enter(static_cast<Role>(role));
+    auto found = configured.find(kRoleRows[role].path);
+    static const std::set<std::string> none;
+    const std::set<std::string>& names = found != configured.end() ? found->second : none;
+    if (names.count(applied.policy) == 0) pol_unregister(&applied.user);
+    if (!by_name_ && names.count(applied.policy) == 0) {
+      applied.policy = names.size() == 1 ? *names.begin() : "";
     }
+    if (names.count(applied.policy) != 0) enter(static_cast<Role>(role));
   }
+}
+
+std::vector<std::string> ForwardingManager::awaited() const {
+  std::vector<std::string> names;
+  for (size_t role = 0; role < kRoles; ++role) {
+    const Applied& applied = applied_[role];
+    if (applied.policy.empty() || applied.user != nullptr) continue;
+    std::string_view path = kRoleRows[role].path;
+    names.push_back(
+        fmt::format("{} {}", path.substr(path.rfind('/') + 1), in_quotes(applied.policy)));
+  }
+  return names;
 }
 
 std::string ForwardingManager::body() const {

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "config_mirror.h"
 #include "policy/pol_types.h"
@@ -29,17 +30,21 @@ struct AppliedPolicies {
 /* Registered as long as it lives; not to be moved, its users know its address. */
 class ForwardingManager {
  public:
-  /* Throws InputError. */
-  explicit ForwardingManager(const AppliedPolicies& applied);
+  /* Policies that are not configured are applied once they are. When none is named, the only one of
+   * each kind is, and stays while it is there. Throws InputError. */
+  ForwardingManager(const AppliedPolicies& applied, const ConfiguredNames& configured);
   ~ForwardingManager();
   ForwardingManager(const ForwardingManager&) = delete;
   ForwardingManager& operator=(const ForwardingManager&) = delete;
 
-  /* To be called after each batch. A template that was deleted leaves its user without one for good;
+  /* To be called after each batch: applies what was waited for. A template that was deleted leaves its user without one for good;
    * a deleted data or app-route policy stays, emptied, until its users have left. So they leave, and
    * come back with the policy; not before, because the library would make one of that name and its
    * worker would ask the agent for it in vain, again and again. Throws InputError. */
-  void restore(const ConfiguredNames& configured);
+  void follow(const ConfiguredNames& configured);
+
+  /* What is named and not configured: `data-policy "branch"`. */
+  std::vector<std::string> awaited() const;
 
   /* How often a policy told that something it uses changed. */
   uint64_t calls() const { return calls_; }
@@ -62,6 +67,7 @@ class ForwardingManager {
   void enter(Role role);
   void leave();
 
+  bool by_name_; /* policies were named, else the only ones are taken */
   Applied applied_[kRoles];
   uint64_t calls_ = 0;
 };

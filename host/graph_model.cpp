@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "graph_model.h"
 
+#include <fmt/format.h>
+
 #include <unordered_map>
 
+#include "address_text.h"
 #include "input_error.h"
 #include "output.h"
 #include "policy/pol_context.h"
@@ -142,6 +145,20 @@ Graph read_graph(const ConfiguredNames* configured) {
     }
   }
   return graph;
+}
+
+std::vector<std::string> absent_objects(const ConfiguredNames* configured) {
+  std::vector<std::string> absent;
+  for (const GraphNode& node : read_graph(configured).nodes) {
+    bool list = node.type == POL_GRAPH_VPN_LIST || node.type == POL_GRAPH_TLOC_LIST ||
+                (node.type >= POL_GRAPH_APP_LIST && node.type <= POL_GRAPH_POLICER);
+    bool policy = node.type == POL_GRAPH_POLICY &&
+                  (node.kind == POL_KIND_DATA || node.kind == POL_KIND_PERF_ROUTE ||
+                   node.kind == POL_KIND_CFLOWD);
+    if (node.state != GraphState::kUndefined || !(list || policy)) continue;
+    absent.push_back(fmt::format("{} {}", graph_word(node), in_quotes(node.name)));
+  }
+  return absent;
 }
 
 const char* graph_word(const GraphNode& node) {

@@ -53,6 +53,10 @@ struct Graph {
  * somebody uses another. */
 Graph read_graph(const ConfiguredNames* configured);
 
+/* What policies name that is not configured and that the library's worker would ask the agent for,
+ * again and again: `vpn-list "corp"`. */
+std::vector<std::string> absent_objects(const ConfiguredNames* configured);
+
 /* "prefix-list", "data-policy", ...: the words of the configuration. */
 const char* graph_word(const GraphNode& node);
 

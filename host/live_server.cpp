@@ -79,7 +79,12 @@ LiveServer::LiveServer(const std::string& path, Answer answer)
       listener_ < 0 ? -1 : bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
   int error = errno;
   umask(before);
-  if (status == 0 && listen(listener_, kBacklog) == 0) return;
+  struct stat made = {};
+  if (status == 0 && lstat(path.c_str(), &made) == 0 && listen(listener_, kBacklog) == 0) {
+    device_ = made.st_dev;
+    inode_ = made.st_ino;
+    return;
+  }
   if (status == 0) error = errno;
   if (listener_ >= 0) close(listener_);
   throw InputError(fmt::format("{}: error: cannot listen: {} (expected a path that is not in use)",
@@ -89,7 +94,10 @@ LiveServer::LiveServer(const std::string& path, Answer answer)
 LiveServer::~LiveServer() {
   for (Client& client : clients_) close_client(&client);
   close(listener_);
-  unlink(path_.c_str());
+  // Somebody may have put another in its place meanwhile.
+  struct stat now = {};
+  bool own = lstat(path_.c_str(), &now) == 0 && now.st_dev == device_ && now.st_ino == inode_;
+  if (own) unlink(path_.c_str());
 }
 
 void LiveServer::close_client(Client* client) {
@@ -98,19 +106,19 @@ void LiveServer::close_client(Client* client) {
 }
 
 void LiveServer::wants(std::vector<pollfd>* polls) const {
-  // More clients wait in the backlog.
-  if (clients_.size() < kMaxClients) polls->push_back({listener_, POLLIN, 0});
+  polls->push_back({listener_, static_cast<short>(clients_.size() < kMaxClients ? POLLIN : 0), 0});
   for (const Client& client : clients_) {
     polls->push_back({client.fd, static_cast<short>(client.answering ? POLLOUT : POLLIN), 0});
   }
 }
 
 bool LiveServer::step() {
+  make_room();
   accept_clients();
   auto now = std::chrono::steady_clock::now();
   for (auto client = clients_.begin(); client != clients_.end();) {
     bool stays = client->answering ? send(&*client) : receive(&*client);
-    if (stays && now < client->deadline) {
+    if (stays && now < client->deadline && now < client->end) {
       ++client;
     } else {
       close_client(&*client);
@@ -130,8 +138,23 @@ void LiveServer::accept_clients() {
     }
     Client& client = clients_.emplace_back();
     client.fd = fd;
-    client.deadline = std::chrono::steady_clock::now() + kPatience;
+    client.begun = std::chrono::steady_clock::now();
+    client.deadline = client.begun + kPatience;
+    client.end = client.begun + kRequestTime;
   }
+}
+
+// Where all places are taken and somebody waits, the one that has been asking for longest goes.
+void LiveServer::make_room() {
+  pollfd waiting = {listener_, POLLIN, 0};
+  if (clients_.size() < kMaxClients || poll(&waiting, 1, 0) <= 0) return;
+  auto slow =
+      std::min_element(clients_.begin(), clients_.end(), [](const Client& a, const Client& b) {
+        return std::pair(a.answering, a.begun) < std::pair(b.answering, b.begun);
+      });
+  if (slow->answering || std::chrono::steady_clock::now() < slow->begun + kGrace) return;
+  close_client(&*slow);
+  clients_.erase(slow);
 }
 
 // False when the client is done with.
@@ -180,7 +203,9 @@ void LiveServer::answer(Client* client, const RequestHead& head) {
   client->size = client->head.size() + answer.output_size;
   client->answering = true;
   client->received = {};
-  client->deadline = std::chrono::steady_clock::now() + kPatience;
+  auto now = std::chrono::steady_clock::now();
+  client->deadline = now + kPatience;
+  client->end = now + kRequestTime + std::chrono::seconds(client->size / kSlowest);
 }
 
 bool LiveServer::send(Client* client) {

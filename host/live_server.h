@@ -3,12 +3,14 @@
  * live_server.h - a running host's local socket: several clients at once, each with one request.
  *
  * Nothing here waits: who owns the server polls its descriptors with its own and then lets it step.
- * A client that takes too long, or asks for too much, is cut off.
+ * A client that takes too long, or asks for too much, is cut off: one that
+ * drips bytes, too, and sooner where others wait.
  */
 #ifndef HOST_LIVE_SERVER_H
 #define HOST_LIVE_SERVER_H
 
 #include <poll.h>
+#include <sys/types.h>
 #include <sys/un.h>
 
 #include <chrono>
@@ -32,7 +34,11 @@ bool same_user(int sock);
 class LiveServer {
  public:
   static constexpr size_t kMaxClients = 16;
-  static constexpr auto kPatience = std::chrono::seconds(10); /* without a byte either way */
+  static constexpr auto kPatience = std::chrono::seconds(10);    /* without a byte either way */
+  static constexpr auto kRequestTime = std::chrono::seconds(30); /* for a whole request */
+  static constexpr auto kGrace = std::chrono::seconds(1);        /* where others wait for a place */
+  static constexpr size_t kSlowest =
+      65536; /* bytes of an answer that a second must take, after that */
   static constexpr size_t kMaxOutput = size_t{256} * 1024 * 1024;
 
   /* Answers a request's options and input; what it throws as InputError becomes the answer's words. */
@@ -60,10 +66,13 @@ class LiveServer {
     int output = -1;  /* a file in memory with what the command printed */
     size_t sent = 0;  /* of head and output together */
     size_t size = 0;
-    std::chrono::steady_clock::time_point deadline;
+    std::chrono::steady_clock::time_point deadline; /* for the next byte */
+    std::chrono::steady_clock::time_point begun;
+    std::chrono::steady_clock::time_point end; /* for all of them */
   };
 
   void accept_clients();
+  void make_room();
   bool receive(Client* client);
   bool send(Client* client);
   void answer(Client* client, const RequestHead& head);
@@ -72,6 +81,8 @@ class LiveServer {
   std::string path_;
   Answer answer_;
   int listener_ = -1;
+  dev_t device_ = 0; /* of the socket's file, to know it again */
+  ino_t inode_ = 0;
   std::list<Client> clients_;
 };
 

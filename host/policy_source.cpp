@@ -1,24 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "policy_source.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
-#include <fstream>
-#include <numeric>
-#include <string_view>
+#include <optional>
 
 #include "address_text.h"
 #include "graph_model.h"
 #include "input_error.h"
 #include "kel/string.h"
+#include "near_word.h"
 #include "output.h"
 #include "policy/pol_block.h"
 #include "policy/pol_context.h"
@@ -35,25 +30,39 @@ namespace {
 
 constexpr size_t kNamesShown = 10;
 
-constexpr int kSettleMs = 20'000;   // that the worker may take
-constexpr int kRetriesMs = 30'000;  // and more for each name that the agent does not have
+constexpr int kSettleMs = 20'000;  // that the worker may take
 
 constexpr int kAnswerMs = 60'000;  // an agent that holds much still answers within
 
-// How many characters must be changed, added or dropped to make one word of the other.
-size_t edit_distance(std::string_view a, std::string_view b) {
-  std::vector<size_t> row(b.size() + 1);
-  std::iota(row.begin(), row.end(), size_t{0});
-  for (size_t i = 0; i < a.size(); ++i) {
-    size_t diagonal = row[0];
-    row[0] = i + 1;
-    for (size_t j = 0; j < b.size(); ++j) {
-      size_t substitution = diagonal + (a[i] == b[j] ? 0 : 1);
-      diagonal = row[j + 1];
-      row[j + 1] = std::min({row[j] + 1, row[j + 1] + 1, substitution});
-    }
+// The first error of a policy file, and how many there are. Called by the library: no exception may
+// pass through it.
+struct FileErrors {
+  int count = 0;
+  uint32_t line = 0;
+  std::string first;
+};
+
+void note_error(const t_pol_test_finding* finding, void* arg) noexcept {
+  auto* errors = static_cast<FileErrors*>(arg);
+  if (finding->severity != POL_TEST_ERROR || ++errors->count > 1) return;
+  errors->line = finding->line;
+  errors->first = finding->what;
+}
+
+void require_sound(const SourceFile& file, bool force) {
+  FileErrors errors;
+  pol_test_check_file(file.path().c_str(), note_error, &errors);
+  if (errors.count == 0) return;
+  std::string what = fmt::format("{} error{} in it", errors.count, errors.count == 1 ? "" : "s");
+  if (force) {
+    fmt::print(stderr, "polctl: note: {}: {}, and it is taken all the same\n",
+               printable(file.name()), what);
+    return;
   }
-  return row[b.size()];
+  throw InputError(
+      fmt::format("{}:{}: error: {}, the first: {} (expected none; \"polctl check\" tells all, "
+                  "--force takes it)",
+                  file.name(), errors.line, what, errors.first));
 }
 
 std::string list_of(const std::vector<std::string>& names) {
@@ -70,32 +79,17 @@ std::string list_of(const std::vector<std::string>& names) {
 
 }  // namespace
 
-void require_readable(const std::string& path, const char* expected) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  int error = fd < 0 ? errno : 0;
-  struct stat status;
-  if (fd >= 0 && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) error = EISDIR;
-  if (fd >= 0) close(fd);
-  if (error != 0) {
-    throw InputError(fmt::format("{}: error: cannot be read: {} (expected {})", path,
-                                 strerror(error), expected));
-  }
-}
-
-bool is_configuration(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  char first = ' ';
-  file >> first;
-  return first == '<';
-}
-
 std::string source_name(const PolicyOptions& options) {
   if (options.agent) return "agent";
   return options.policy_file.empty() ? joined(options.config, ",") : options.policy_file;
 }
 
 PolicySource::PolicySource(const PolicyOptions& options) {
-  if (!options.policy_file.empty()) require_readable(options.policy_file, "a policy file");
+  std::optional<SourceFile> policy_file;
+  if (!options.policy_file.empty()) {
+    policy_file.emplace(open_policy_file(options.policy_file));
+    require_sound(*policy_file, options.force);
+  }
   // The library writes every word of a policy file to the system log at debug priority. A device
   // wants that; a tool that reads a file of 100,000 lines does so only when asked.
   if (options.trace < 0) setlogmask(LOG_UPTO(LOG_INFO));
@@ -111,7 +105,7 @@ PolicySource::PolicySource(const PolicyOptions& options) {
       if (live_->feed->next(kAnswerMs, live_->walk.get()) < 0) {
         throw InputError("agent: error: it says nothing (expected its configuration)");
       }
-    } else if (pol_test_parse_file(options.policy_file.c_str(), nullptr) != 0) {
+    } else if (pol_test_parse_file(policy_file->path().c_str(), nullptr) != 0) {
       throw InputError(
           fmt::format("{}: error: cannot be read (expected a policy file)", options.policy_file));
     }
@@ -133,14 +127,15 @@ void PolicySource::connect(const PolicyOptions& options) {
   if (options.agent) {
     live_->port = running_agent_port(options.agent_port);
   } else {
-    live_->agent = std::make_unique<EmbeddedAgent>(options.listen);
+    live_->agent = std::make_unique<EmbeddedAgent>(options.listen, options.directory);
     live_->port = live_->agent->port();
   }
   live_->session = std::make_unique<ConfigSession>(live_->port);
   if (!options.agent && !options.config.empty()) {
     std::vector<ConfigFault> faults;
-    live_->session->load(options.config, &faults);
-    if (faults.empty()) live_->session->commit(options.config, &faults);
+    SourceFiles files = open_configuration(options.config);
+    live_->session->load(files, &faults);
+    if (faults.empty()) live_->session->commit(files, &faults);
     if (!faults.empty()) throw_faults(faults);
   }
   live_->feed = std::make_unique<ConfigFeed>(live_->port);
@@ -153,24 +148,34 @@ void PolicySource::connect(const PolicyOptions& options) {
   }
 }
 
-void PolicySource::settle() {
-  int limit = kSettleMs;
-  for (const GraphNode& node : read_graph(configured()).nodes) {
-    if (node.state == GraphState::kUndefined) limit += kRetriesMs;
-  }
-  auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limit);
+void PolicySource::settle(Settling what) {
+  auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kSettleMs);
   do {
-    pol_fwd_queue_xml_config(g_pol_ctx_p);
+    if (what == Settling::kTexts) {
+      std::vector<std::string> absent = absent_objects(configured());
+      if (!absent.empty()) throw_absent(absent);
+      pol_fwd_queue_xml_config(g_pol_ctx_p);
+    }
     while (pol_fwd_policy_is_yarrow_updated() == 0) {
       if (std::chrono::steady_clock::now() > end) {
         throw InputError(fmt::format(
             "agent at port {}: error: the library's worker does not come to an end (expected an "
             "agent that answers within {} s)",
-            live_->port, limit / 1000));
+            live_->port, kSettleMs / 1000));
       }
       usleep(500);
     }
   } while (live_->feed->next(0, live_->walk.get()) >= 0);
+}
+
+void throw_absent(const std::vector<std::string>& absent) {
+  constexpr size_t kShown = 5;
+  std::vector<std::string> shown(absent.begin(), absent.begin() + std::min(absent.size(), kShown));
+  if (absent.size() > kShown) shown.push_back(fmt::format("{} more", absent.size() - kShown));
+  throw InputError(
+      fmt::format("polctl: error: named, but not configured: {}; without them there is no whole "
+                  "document (expected their configuration)",
+                  joined(shown, ", ")));
 }
 
 t_pol_user* register_user(const std::string& name, const std::string& policy, uint32_t kind,
@@ -206,6 +211,27 @@ std::vector<uint32_t> policy_sequences(const std::string& name, uint32_t kind) {
   return sequences;
 }
 
+uint32_t policy_sets(const std::string& name) {
+  struct Sets {
+    const std::string& name;
+    const void* policy;
+    uint32_t flags;
+  } sets = {name, nullptr, 0};
+  t_pol_graph_visitor visitor = {
+      [](void* arg, const t_pol_graph_node* node) {
+        auto& found = *static_cast<Sets*>(arg);
+        bool policy = node->type == POL_GRAPH_POLICY && node->kind == POL_KIND_ROUTE;
+        if (policy && found.name == node->name) found.policy = node->id;
+        bool inside = node->type == POL_GRAPH_SEQUENCE && node->parent == found.policy;
+        if (found.policy != nullptr && (inside || node->id == found.policy)) {
+          found.flags |= node->set_flags;
+        }
+      },
+      nullptr, &sets};
+  pol_graph_walk(g_pol_ctx_p, &visitor);
+  return sets.flags;
+}
+
 void require_policy(const std::string& name, uint32_t kind, const std::string& origin) {
   if (name.size() >= POL_NAME_SIZE) {
     throw InputError(
@@ -222,11 +248,7 @@ void require_policy(const std::string& name, uint32_t kind, const std::string& o
     }
   }
   std::vector<std::string> names = policy_names(kind);
-  std::vector<std::string> near;
-  size_t tolerated = std::max<size_t>(1, name.size() / 3);
-  for (const std::string& candidate : names) {
-    if (edit_distance(name, candidate) <= tolerated) near.push_back(candidate);
-  }
+  std::vector<std::string> near = near_words(name, names);
   if (names.empty()) {
     message += fmt::format(" (expected the name of a {} policy; there are none)", word);
   } else if (near.empty()) {

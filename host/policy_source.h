@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "agent_link.h"
-#include "config_walk.h"
+#include "config_feed.h"
 #include "policy/pol_types.h"
 
 namespace polctl {
@@ -22,8 +22,10 @@ struct PolicyOptions {
   std::vector<std::string> config; /* configuration files, merged in order */
   bool agent = false;              /* a running agent, at `agent_port` ("": the usual one) */
   std::string agent_port;
-  std::string live; /* a running host's socket, asked instead; "": none */
-  int trace = -1;   /* the library's debug level, its trace going to syslog; negative: no trace */
+  std::string live;      /* a running host's socket, asked instead; "": none */
+  bool force = false;    /* take a policy file that has errors */
+  std::string directory; /* where an agent of this process's own keeps its configuration */
+  int trace = -1; /* the library's debug level, its trace going to syslog; negative: no trace */
   /* The library's worker fetches from the agent and writes into it. Otherwise it may not: who only
    * looks at a running system must not write labels into its configuration. */
   bool worker = false;
@@ -58,9 +60,11 @@ class PolicySource {
   /* What is configured; null when the policy came from a policy file. */
   const ConfiguredNames* configured() const { return live_ ? &live_->walk->configured() : nullptr; }
 
-  /* Waits until the worker has fetched and written all there is, and walks what commits that caused.
-   * Throws InputError when that takes too long. REQUIRES: options.worker, an agent. */
-  void settle();
+  enum class Settling { kLabels, kTexts };
+  /* Waits until the worker has written all labels and, if asked to, fetched all texts, and walks what
+   * commits that caused. Throws InputError when that takes too long, and at once when texts are asked
+   * for that the agent does not have. REQUIRES: options.worker, an agent. */
+  void settle(Settling what);
 
  private:
   void connect(const PolicyOptions& options);
@@ -69,21 +73,21 @@ class PolicySource {
   std::unique_ptr<LiveConfig> live_;
 };
 
+/* Ends the command: the document would lack these. */
+[[noreturn]] void throw_absent(const std::vector<std::string>& absent);
+
 /* A handle of pol_register for the user's own callback, which may be null. Throws InputError. */
 t_pol_user* register_user(const std::string& name, const std::string& policy, uint32_t kind,
                           uint32_t direction, t_pol_change_cb change, void* arg);
-
-/* Throws InputError, with the system's reason, when the file cannot be opened for reading. */
-void require_readable(const std::string& path, const char* expected);
-
-/* Whether a file holds configuration, by its first character that is no blank: '<'. */
-bool is_configuration(const std::string& path);
 
 /* The names of the policies of one kind (enum pol_kind), in the library's order. */
 std::vector<std::string> policy_names(uint32_t kind);
 
 /* The sequence numbers of a policy, ascending. */
 std::vector<uint32_t> policy_sequences(const std::string& name, uint32_t kind);
+
+/* The set clauses (POL_SET_F_*) of a route policy's sequences and default action together. */
+uint32_t policy_sets(const std::string& name);
 
 /* Throws InputError, naming what is near and what there is, unless a policy of that name exists. */
 void require_policy(const std::string& name, uint32_t kind, const std::string& origin);

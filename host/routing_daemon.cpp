@@ -32,10 +32,18 @@ void RoutingDaemon::follow(const ConfiguredNames& configured) {
     for (const std::string& name : names) {
       Consumer& consumer = consumers_[{each.kind, name}];
       if (consumer.user != nullptr) continue;
+      auto said = directions_.find(name);
+      uint32_t direction = said != directions_.end() ? said->second : uint32_t{POL_DIR_IN};
       consumer.user =
-          register_user("routing " + name, name, each.kind, POL_DIR_IN, note_call, &consumer);
+          register_user("routing " + name, name, each.kind, direction, note_call, &consumer);
     }
   }
+}
+
+bool RoutingDaemon::uses(const std::string& policy) const {
+  return consumers_.count({POL_KIND_ROUTE, policy}) +
+             consumers_.count({POL_KIND_MEMBERSHIP, policy}) >
+         0;
 }
 
 std::vector<std::string> RoutingDaemon::take_called() {

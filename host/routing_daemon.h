@@ -18,7 +18,9 @@ namespace polctl {
 
 class RoutingDaemon {
  public:
-  RoutingDaemon() = default;
+  /* `directions` by policy; inbound where none is said. */
+  explicit RoutingDaemon(std::map<std::string, uint32_t> directions)
+      : directions_(std::move(directions)) {}
   ~RoutingDaemon();
   RoutingDaemon(const RoutingDaemon&) = delete;
   RoutingDaemon& operator=(const RoutingDaemon&) = delete;
@@ -30,6 +32,9 @@ class RoutingDaemon {
   /* The policies that called back since the last call. */
   std::vector<std::string> take_called();
 
+  /* Whether it is a user of a policy of that name. */
+  bool uses(const std::string& policy) const;
+
   size_t users() const { return consumers_.size(); }
 
  private:
@@ -39,6 +44,7 @@ class RoutingDaemon {
   };
   static void note_call(t_pol_user* user, uint64_t consumer) noexcept;
 
+  std::map<std::string, uint32_t> directions_;
   std::map<std::pair<uint32_t, std::string>, Consumer> consumers_; /* by kind and name */
 };
 

@@ -1,118 +1,136 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// polctl check. The library finds what is wrong; this shows it, with the line it is in.
+// polctl check. What is wrong with a policy file the library finds; with configuration, an agent of
+// the tool's own, and what that accepts is looked through for what has no effect.
+#include <syslog.h>
+
+#include <algorithm>
 #include <exception>
 #include <string>
-#include <string_view>
+#include <tuple>
 
 #include "commands.h"
-#include "host/address_text.h"
+#include "config_findings.h"
+#include "finding_writer.h"
+#include "host/agent_link.h"
+#include "host/config_feed.h"
 #include "host/input_error.h"
-#include "json_line.h"
-#include "line_reader.h"
+#include "host/source_file.h"
+#include "host/xml_places.h"
 #include "policy/pol_test.h"
-#include "terminal.h"
+#include "yarrow/yarrow_schema.h"
 
 namespace polctl {
 
 namespace {
 
-constexpr size_t kSourceShown = 160;  // bytes of a line, so that a caret stays in sight
+constexpr int kAnswerMs = 60'000;
 
+// The library is built without exceptions, so none may pass through it: what is wrong is kept.
 struct Report {
-  const CheckOptions& options;
+  FindingWriter* writer;
   Output* out;
-  Palette palette;
-  LineReader source;  // findings come in the order of lines, so one pass serves them
-  std::string_view line;
-  uint64_t errors = 0;
-  uint64_t warnings = 0;
-  std::string problem;  // of ours, kept: no exception may pass through the library
+  std::string problem;
 };
 
-const char* severity_word(uint32_t severity) {
-  return severity == POL_TEST_ERROR ? "error" : "warning";
-}
-
-void write_finding_json(const t_pol_test_finding& finding, const Report& report) {
-  report.out->print(
-      "{{\"file\":{},\"line\":{},\"column\":{},\"severity\":\"{}\",\"what\":{},\"expected\":{}}}\n",
-      json_string(report.options.policy_file), finding.line, finding.column,
-      severity_word(finding.severity), json_string(finding.what),
-      finding.expected != nullptr ? json_string(finding.expected) : "null");
-}
-
-// The line and a caret under the column. Bytes that could upset a terminal show as '?', tabs stay.
-void write_source(const t_pol_test_finding& finding, Report* report) {
-  if (report->source.size() == 0) return;  // a pipe, which the library is reading
-  while (report->source.line() < finding.line) {
-    if (!report->source.next(&report->line)) return;
-  }
-  size_t column = finding.column > 0 ? finding.column - 1 : 0;
-  std::string shown(report->line.substr(0, kSourceShown));
-  if (report->source.line() != finding.line || column > shown.size()) return;
-  std::string below;
-  for (size_t i = 0; i < shown.size(); ++i) {
-    bool plain = shown[i] == '\t' || (shown[i] >= ' ' && shown[i] <= '~');
-    if (!plain) shown[i] = '?';
-    if (i < column) below += shown[i] == '\t' ? '\t' : ' ';
-  }
-  report->out->print("    {}\n    {}{}\n", shown, below, report->palette.paint(Colour::Green, "^"));
-}
-
-void write_finding_text(const t_pol_test_finding& finding, Report* report) {
-  Colour colour = finding.severity == POL_TEST_ERROR ? Colour::Red : Colour::Yellow;
-  report->out->print("{}:{}:{}: {}: {}", report->options.policy_file, finding.line, finding.column,
-                     report->palette.paint(colour, severity_word(finding.severity)),
-                     printable(finding.what));
-  if (finding.expected != nullptr) {
-    report->out->print(" (expected {})", printable(finding.expected));
-  }
-  report->out->write("\n");
-  write_source(finding, report);
-}
-
-void write_finding(const t_pol_test_finding* finding, void* arg) {
+void take_finding(const t_pol_test_finding* given, void* arg) {
   Report& report = *static_cast<Report*>(arg);
-  ++(finding->severity == POL_TEST_ERROR ? report.errors : report.warnings);
-  if (report.out->gone()) return;
+  if (report.out->gone() || !report.problem.empty()) return;
   try {
-    if (report.options.json) {
-      write_finding_json(*finding, report);
-    } else {
-      write_finding_text(*finding, &report);
-    }
+    report.writer->add({given->line, given->column, given->severity == POL_TEST_ERROR, false, "",
+                        given->what, given->expected != nullptr ? given->expected : ""});
   } catch (const std::exception& error) {
     report.problem = error.what();
   }
 }
 
-std::string counted(uint64_t count, const char* what) {
-  return fmt::format("{} {}{}", grouped(count), what, count == 1 ? "" : "s");
+void check_policy_file(const SourceFile& file, FindingWriter* writer, Output* out) {
+  writer->begin_file(&file);
+  Report report = {writer, out, {}};
+  if (pol_test_check_file(file.path().c_str(), take_finding, &report) < 0) {
+    throw InputError(
+        fmt::format("{}: error: cannot be read (expected a policy file)", file.name()));
+  }
+  if (!report.problem.empty()) throw InputError(report.problem);
+}
+
+struct Found {
+  ConfigFault fault;
+  bool is_error;
+};
+
+std::vector<Found> effects_of(const SourceFiles& files, uint16_t port, uint32_t direction) {
+  sockaddr_in address = agent_address(port);
+  if (yarrow_load_schemas(reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
+      YARROW_OK) {
+    throw InputError("agent: error: no schema: " + agent_problem() + " (expected one)");
+  }
+  ConfigFeed feed(port);
+  ConfigFeed::Batch batch = feed.read(kAnswerMs);
+  if (!batch) throw InputError("agent: error: it says nothing (expected its configuration)");
+  std::vector<Found> found;
+  std::vector<ConfigFinding> findings = findings_in(batch.get(), direction);
+  if (findings.empty()) return found;
+  XmlPlaces places(files);
+  for (ConfigFinding& finding : findings) {
+    Found each = {{}, finding.is_error};
+    places.find(finding.path, &each.fault);
+    each.fault.path = std::move(finding.path);
+    each.fault.what = std::move(finding.what);
+    each.fault.expected = std::move(finding.expected);
+    found.push_back(std::move(each));
+  }
+  return found;
+}
+
+void check_configuration(const SourceFiles& files, uint32_t direction, FindingWriter* writer) {
+  setlogmask(LOG_UPTO(LOG_INFO));
+  EmbeddedAgent agent;
+  ConfigSession session(agent.port());
+  std::vector<ConfigFault> faults;
+  session.load(files, &faults);
+  if (faults.empty()) session.commit(files, &faults);
+  std::vector<Found> found;
+  for (ConfigFault& fault : faults) found.push_back({std::move(fault), true});
+  if (found.empty()) found = effects_of(files, agent.port(), direction);
+  auto place_of = [&files](const Found& each) {
+    auto file = std::find_if(files.begin(), files.end(),
+                             [&](const SourceFile& f) { return f.name() == each.fault.file; });
+    return std::tuple(file - files.begin(), each.fault.line, each.fault.column);
+  };
+  std::stable_sort(found.begin(), found.end(),
+                   [&](const Found& a, const Found& b) { return place_of(a) < place_of(b); });
+  size_t last = SIZE_MAX;
+  for (const Found& each : found) {
+    auto file = static_cast<size_t>(std::get<0>(place_of(each)));
+    if (file != last) writer->begin_file(file < files.size() ? &files[file] : nullptr);
+    last = file;
+    const ConfigFault& fault = each.fault;
+    writer->add(
+        {fault.line, fault.column, each.is_error, true, fault.path, fault.what, fault.expected});
+  }
 }
 
 }  // namespace
 
 int run_check(const CheckOptions& options, Output* out) {
-  if (!options.config.empty()) return run_check_config(options, out);
-  require_readable(options.policy_file, "a policy file");
-  Report report = {options, out, Palette(out->fd()), LineReader(options.policy_file), {}, 0, 0, {}};
-  if (pol_test_check_file(options.policy_file.c_str(), write_finding, &report) < 0) {
-    throw InputError(
-        fmt::format("{}: error: cannot be read (expected a policy file)", options.policy_file));
+  SourceFiles files;
+  for (const std::string& given : options.files) {
+    files.emplace_back(given, "configuration or a policy file");
   }
-  if (!report.problem.empty()) throw InputError(report.problem);
-  bool clean = report.errors + report.warnings == 0;
-  if (!options.json) {
-    if (clean) {
-      out->print("{}: no findings\n", options.policy_file);
-    } else {
-      out->print("{}: {}, {}\n", options.policy_file, counted(report.errors, "error"),
-                 counted(report.warnings, "warning"));
-    }
+  if (!options.policy_file.empty()) files.push_back(open_policy_file(options.policy_file));
+  FindingWriter writer({options.json, options.all}, out);
+  if (files.size() == 1 && files.front().kind() == SourceKind::kPolicyFile) {
+    check_policy_file(files.front(), &writer, out);
+  } else {
+    require_configuration(files);
+    check_configuration(files, options.direction, &writer);
   }
-  out->flush();
-  return clean ? kDone : kFindings;
+  std::vector<std::string> names;
+  for (const SourceFile& file : files) names.push_back(file.name());
+  writer.finish(joined(names, ","));
+  bool fails = writer.errors() > 0 || (options.strict && writer.warnings() > 0);
+  return fails ? kFindings : kDone;
 }
 
 }  // namespace polctl

@@ -3,15 +3,20 @@
 // polctl diff. A process holds one policy context, so the old policy's answers are kept while the
 // new one is loaded in its place.
 
+#include <unistd.h>
+
 #include <map>
+#include <optional>
 #include <tuple>
 #include <vector>
 
 #include "commands.h"
 #include "evaluation.h"
 #include "host/input_error.h"
+#include "host/source_file.h"
 #include "json_line.h"
 #include "policy/pol_util.h"
+#include "set_rules.h"
 #include "terminal.h"
 #include "tloc_reader.h"
 
@@ -79,10 +84,11 @@ bool same(const Kept& a, const Kept& b) {
          attributes_that_differ(a, b).empty();
 }
 
-PolicyOptions source_of(const std::string& file) {
+PolicyOptions source_of(const std::string& file, bool force) {
   PolicyOptions options;
-  require_readable(file, "a policy file or configuration");
-  if (is_configuration(file)) {
+  options.force = force;
+  SourceFile source(file, "a policy file or configuration");
+  if (source.kind() == SourceKind::kConfiguration) {
     options.config = {file};
   } else {
     options.policy_file = file;
@@ -102,12 +108,15 @@ std::string chosen_policy(const DiffOptions& options, const std::string& file) {
       "{}: error: it has {} route policies (expected one, or --policy NAME)", file, names.size()));
 }
 
-std::vector<Kept> answers_of(const std::string& file, const DiffOptions& options) {
-  PolicySource source(source_of(file));
+std::vector<Kept> answers_of(const std::string& file, RouteReader* routes,
+                             const DiffOptions& options, uint32_t* sets) {
+  PolicySource source = load_policy(source_of(file, options.force));
   Evaluation evaluation(chosen_policy(options, file), POL_KIND_ROUTE, options.direction);
-  RouteReader routes(options.routes);
+  *sets = policy_sets(chosen_policy(options, file));
   std::vector<Kept> answers;
-  while (const Verdict* verdict = evaluation.next(&routes, false)) {
+  Progress progress("Asking the old policy", true);
+  while (const Verdict* verdict = evaluation.next(routes, false)) {
+    progress.step(routes->lines().position(), routes->lines().size());
     answers.push_back(kept_of(*verdict));
   }
   return answers;
@@ -124,7 +133,7 @@ class Differences {
       : options_(options),
         out_(out),
         palette_(out->fd()),
-        table_("llll", {{"route"}, {"old"}, {"new"}, {"sets"}}) {}
+        table_("llll", {{"route"}, {"old"}, {"new"}, {"set differently"}}) {}
 
   void add(const Verdict& verdict, const Kept& before) {
     ++routes_;
@@ -133,14 +142,17 @@ class Differences {
     ++differ_;
     if (options_.json) return write_json(verdict, before, after);
     if (differ_ <= kFewRoutes) table_.add(row(verdict, before, after));
+    std::vector<std::string> names;
+    for (const Attribute& each : attributes_that_differ(before, after))
+      names.emplace_back(each.name);
     Group& group = groups_[{before.is_default, before.sequence, before.action, after.is_default,
-                            after.sequence, after.action}];
-    if (group.routes++ == 0) group.example = {before, after, route_text(verdict)};
+                            after.sequence, after.action, joined(names, ", ")}];
+    if (group.routes++ == 0) group.example = {before, after, route_text_in_full(verdict)};
   }
 
   bool any() const { return differ_ > 0; }
 
-  void finish() {
+  void finish(const std::string& note) {
     if (!options_.json) {
       if (differ_ > kFewRoutes) {
         print_groups();
@@ -149,6 +161,7 @@ class Differences {
       }
       out_->print("{}{} of {} route{} differ\n", differ_ > 0 ? "\n" : "", grouped(differ_),
                   grouped(routes_), routes_ == 1 ? "" : "s");
+      if (!note.empty()) out_->print("\n{}", note);
     }
     out_->flush();
   }
@@ -163,7 +176,7 @@ class Differences {
     uint64_t routes = 0;
     Example example;
   };
-  using Key = std::tuple<bool, uint32_t, uint32_t, bool, uint32_t, uint32_t>;
+  using Key = std::tuple<bool, uint32_t, uint32_t, bool, uint32_t, uint32_t, std::string>;
 
   static Table::Cell verdict_cell(const Kept& kept) {
     return {fmt::format("{}, {}", pol_util_action_str(kept.action), decider_text(kept)),
@@ -177,7 +190,7 @@ class Differences {
                                   each.before.empty() ? "none" : each.before,
                                   each.after.empty() ? "none" : each.after));
     }
-    return {{route_text(verdict)}, verdict_cell(a), verdict_cell(b), {joined(parts, "; ")}};
+    return {{route_text_in_full(verdict)}, verdict_cell(a), verdict_cell(b), {joined(parts, "; ")}};
   }
 
   void write_json(const Verdict& verdict, const Kept& a, const Kept& b) {
@@ -200,10 +213,11 @@ class Differences {
   }
 
   void print_groups() {
-    Table table("llrl", {{"old"}, {"new"}, {"routes"}, {"first route"}});
+    Table table("lllrl", {{"old"}, {"new"}, {"set differently"}, {"routes"}, {"first route"}});
     for (const auto& [key, group] : groups_) {
       table.add({verdict_cell(group.example.before),
                  verdict_cell(group.example.after),
+                 {std::get<std::string>(key)},
                  {grouped(group.routes)},
                  {group.example.route}});
     }
@@ -222,26 +236,41 @@ class Differences {
 }  // namespace
 
 int run_diff(const DiffOptions& options, Output* out) {
+  // They are asked twice.
+  std::optional<MemoryFile> kept;
+  std::string routes_path = options.routes;
+  std::string routes_name = options.routes;
   if (options.routes == "-") {
-    throw InputError(
-        "polctl: error: the routes are read twice (expected a file, not standard input)");
+    kept.emplace(read_whole("-", kMaxSourceBytes, "routes"));
+    routes_path = kept->path();
+    routes_name = "<stdin>";
   }
   if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);
-  std::vector<Kept> before = answers_of(options.old_file, options);
-  PolicySource source(source_of(options.new_file));
+  std::vector<Kept> before;
+  uint32_t old_sets = 0;
+  {
+    RouteReader routes(routes_path, routes_name);
+    before = answers_of(options.old_file, &routes, options, &old_sets);
+  }
+  PolicySource source = load_policy(source_of(options.new_file, options.force));
   Evaluation evaluation(chosen_policy(options, options.new_file), POL_KIND_ROUTE,
                         options.direction);
-  RouteReader routes(options.routes);
+  RouteReader routes(routes_path, routes_name);
+  Progress progress("Asking the new policy", !options.json || isatty(out->fd()) != 1);
   Differences differences(options, out);
   while (!out->gone()) {
     const Verdict* verdict = evaluation.next(&routes, false);
     if (verdict == nullptr) break;
+    progress.step(routes.lines().position(), routes.lines().size());
     if (verdict->index >= before.size()) {
       throw InputError(options.routes + ": error: it grew meanwhile (expected a file that stays)");
     }
     differences.add(*verdict, before[verdict->index]);
   }
-  differences.finish();
+  progress.clear();
+  std::string policy = chosen_policy(options, options.new_file);
+  uint32_t sets = policy_sets(policy) | old_sets;
+  differences.finish(options.direction == POL_DIR_NONE ? direction_note(policy, sets) : "");
   return differences.any() ? kFindings : kDone;
 }
 

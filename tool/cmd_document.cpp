@@ -70,9 +70,10 @@ int run_document(DocumentOptions options, Output* out) {
   if (!options.source.live.empty()) return ask_live(options.source.live, {options}, out);
   if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);
   options.source.worker = true;
-  PolicySource source(options.source);
-  ForwardingManager manager(applied_or_only(options.applied, source_name(options.source)));
-  source.settle();
+  PolicySource source = load_policy(options.source);
+  ForwardingManager manager(applied_or_only(options.applied, source_name(options.source)),
+                            *source.configured());
+  source.settle(PolicySource::Settling::kTexts);
   int status = answer_document(options, manager, out);
   out->flush();
   return status;

@@ -5,6 +5,8 @@
 #include <string_view>
 
 #include "commands.h"
+#include "host/address_text.h"
+#include "host/graph_model.h"
 #include "host/input_error.h"
 #include "live_client.h"
 #include "policy/pol_dump.h"
@@ -56,7 +58,7 @@ int write_text(void* arg, const char* text, size_t length) {
   if (session->out->gone()) return -1;
   if (length > 0) session->last = text[length - 1];
   try {
-    session->out->write({text, length});
+    session->out->write(printable_lines({text, length}));
   } catch (const std::exception& error) {
     session->problem = error.what();
     return -1;
@@ -83,12 +85,27 @@ int answer_dump(const DumpOptions& options, Output* out) {
   return kDone;
 }
 
+namespace {
+
+// What is not configured has no text; the others' are shown without waiting for it.
+void settle_texts(PolicySource* source) {
+  std::vector<std::string> absent = absent_objects(source->configured());
+  source->settle(absent.empty() ? PolicySource::Settling::kTexts : PolicySource::Settling::kLabels);
+  if (absent.empty()) return;
+  fmt::print(stderr, "polctl: note: named, but not configured: {}; no text is fetched\n",
+             joined(absent, ", "));
+}
+
+}  // namespace
+
 int run_dump(const DumpOptions& options, Output* out) {
   if (!options.source.live.empty()) return ask_live(options.source.live, {options}, out);
   PolicyOptions from = options.source;
-  from.worker = !from.config.empty();  // an agent of our own: its texts and labels are shown too
-  PolicySource source(from);
-  if (from.worker) source.settle();
+  // An agent of our own: its texts are shown too, where they are asked for.
+  bool texts = options.topic == "all" || options.topic == "xml-config";
+  from.worker = !from.config.empty() && texts;
+  PolicySource source = load_policy(from);
+  if (from.worker) settle_texts(&source);
   int status = answer_dump(options, out);
   out->flush();
   return status;

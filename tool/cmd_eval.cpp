@@ -8,8 +8,11 @@
 #include "commands.h"
 #include "evaluation.h"
 #include "host/input_error.h"
+#include "host/live_frame.h"
+#include "host/source_file.h"
 #include "live_client.h"
 #include "route_reader.h"
+#include "set_rules.h"
 #include "summary.h"
 #include "terminal.h"
 #include "tloc_reader.h"
@@ -42,7 +45,8 @@ class Answers {
     }
   }
 
-  void finish() {
+  // `note` stands below what people read.
+  void finish(const std::string& note) {
     if (!options_.json && count_ > kFewRoutes) {
       if (options_.explain) out_->write("\n");
       summary_.print(policy_sequences(options_.policy, options_.kind), out_, palette_);
@@ -51,6 +55,7 @@ class Answers {
     } else if (!options_.json && !options_.explain) {
       table_.print(out_, palette_);
     }
+    if (!options_.json && !note.empty()) out_->print("\n{}", note);
     out_->flush();
   }
 
@@ -63,16 +68,35 @@ class Answers {
   uint64_t count_ = 0;
 };
 
+// A membership policy matches on VPNs of services: anything else would be answered by the default
+// action, whatever it is.
+void require_membership_query(const t_pol_route_query& query, const RouteReader& routes) {
+  constexpr const char* kForm = "{\"type\":\"service\",\"vpn\":10}";
+  const char* what =
+      query.match_type != POL_MATCH_SERVICE
+          ? "a membership policy is not asked about routes or TLOCs"
+      : query.prefix.addr.family != 0 ? "a membership policy is not asked about prefixes"
+      : !routes.has_vpn() ? "a membership policy is asked about a VPN, and there is none"
+                          : nullptr;
+  if (what != nullptr) throw_at_line(routes.lines(), 0, {1, what, kForm});
+}
+
 }  // namespace
+
+PolicySource load_policy(const PolicyOptions& options) {
+  Waiting waiting("Loading");
+  return PolicySource(options);
+}
 
 int run_eval(const EvalOptions& options, Output* out) {
   if (!options.source.live.empty()) {
     EvalOptions asked = options;
     if (asked.routes_name.empty())
       asked.routes_name = options.routes == "-" ? "<stdin>" : options.routes;
-    return ask_live(options.source.live, {asked, read_input(options.routes)}, out);
+    return ask_live(options.source.live,
+                    {asked, read_whole(options.routes, kMaxRequestInput, "a file of routes")}, out);
   }
-  PolicySource source(options.source);
+  PolicySource source = load_policy(options.source);
   if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);
   return answer_eval(options, out);
 }
@@ -94,6 +118,9 @@ int answer_eval(const EvalOptions& options, Output* out) {
     const Verdict* verdict = nullptr;
     try {
       verdict = evaluation.next(&routes, options.explain);
+      if (verdict != nullptr && options.kind == POL_KIND_MEMBERSHIP) {
+        require_membership_query(*verdict->query, routes);
+      }
     } catch (const InputError&) {
       out->flush();  // what was answered before the fault stands
       throw;
@@ -103,7 +130,8 @@ int answer_eval(const EvalOptions& options, Output* out) {
     progress.step(routes.lines().position(), routes.lines().size());
   }
   progress.clear();
-  answers.finish();
+  bool tells = options.direction == POL_DIR_NONE && options.kind == POL_KIND_ROUTE;
+  answers.finish(tells ? direction_note(options.policy, policy_sets(options.policy)) : "");
   return kDone;
 }
 

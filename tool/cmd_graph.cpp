@@ -22,7 +22,7 @@ int answer_graph(const GraphOptions& options, const PolicySource& source, Output
 
 int run_graph(const GraphOptions& options, Output* out) {
   if (!options.source.live.empty()) return ask_live(options.source.live, {options}, out);
-  PolicySource source(options.source);
+  PolicySource source = load_policy(options.source);
   int status = answer_graph(options, source, out);
   out->flush();
   return status;

@@ -136,8 +136,8 @@ int run_labels(LabelsOptions options, Output* out) {
   } else {
     if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);
     options.source.worker = true;
-    PolicySource source(options.source);
-    source.settle();
+    PolicySource source = load_policy(options.source);
+    source.settle(PolicySource::Settling::kLabels);
     status = answer_labels(options, source.live()->session.get(), out);
   }
   out->flush();

@@ -3,19 +3,24 @@
 // polctl serve: a whole device's worth of policy in one process. The agent, the routing daemon and
 // the forwarding manager run side by side; what the daemons hold is shown on a local socket.
 #include <fmt/format.h>
-#include <sys/mman.h>
-#include <sys/signalfd.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <thread>
 
 #include "commands.h"
+#include "host/address_text.h"
+#include "host/event_log.h"
+#include "host/graph_model.h"
 #include "host/input_error.h"
 #include "host/live_server.h"
 #include "host/routing_daemon.h"
+#include "host/source_file.h"
 #include "live_client.h"
 #include "live_request.h"
 #include "policy/pol_context.h"
@@ -33,97 +38,164 @@ constexpr auto kSettleTime = std::chrono::seconds(2);
 constexpr int kWorkerPollMs = 2;  // the worker has no descriptor to wait for
 constexpr int kClientPollMs = 500;
 
-// SIGINT and SIGTERM as a descriptor. To be made before the process has other threads.
-class StopSignal {
+// SIGINT, SIGTERM and SIGHUP as a descriptor. To be made before the process has other threads. An end
+// that was asked for comes: where the host is held up for longer than kEndTime, by an agent that does
+// not answer, the process ends as it stands; so it does at the second signal.
+class Signals {
  public:
-  StopSignal() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    fd_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  static constexpr unsigned kEndTime = 5;  // seconds
+
+  Signals() {
+    sigemptyset(&set_);
+    for (int each : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set_, each);
+    sigemptyset(&end_);
+    for (int each : {SIGINT, SIGTERM, SIGUSR1}) sigaddset(&end_, each);
+    sigaddset(&set_, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &set_, nullptr);
+    fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (fd_ < 0) throw InputError("polctl: error: no descriptor (expected a free one)");
+    waiter_ = std::thread([this] { wait(); });
   }
-  ~StopSignal() { close(fd_); }
-  StopSignal(const StopSignal&) = delete;
-  StopSignal& operator=(const StopSignal&) = delete;
+  ~Signals() {
+    over_ = true;
+    pthread_kill(waiter_.native_handle(), SIGUSR1);
+    waiter_.join();
+    close(fd_);
+  }
+  Signals(const Signals&) = delete;
+  Signals& operator=(const Signals&) = delete;
+
   int fd() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-// Text as a file that a command can open by its path.
-class TextFile {
- public:
-  explicit TextFile(const std::string& text) : fd_(memfd_create("routes", MFD_CLOEXEC)) {
-    size_t done = 0;
-    while (fd_ >= 0 && done < text.size()) {
-      ssize_t wrote = write(fd_, text.data() + done, text.size() - done);
-      if (wrote <= 0) break;
-      done += static_cast<size_t>(wrote);
-    }
-    if (fd_ < 0 || done < text.size()) throw InputError("polctl: error: the host has no memory");
+  bool ends() const { return ends_; }
+  /* Whether TLOCs are to be read again; once a signal. */
+  bool take_hangup() {
+    uint64_t count = 0;
+    [[maybe_unused]] ssize_t got = read(fd_, &count, sizeof count);
+    return hangup_.exchange(false);
   }
-  ~TextFile() { close(fd_); }
-  TextFile(const TextFile&) = delete;
-  TextFile& operator=(const TextFile&) = delete;
-  std::string path() const { return fmt::format("/proc/self/fd/{}", fd_); }
 
  private:
-  int fd_;
+  void wait() {
+    while (!over_) {
+      int signal = 0;
+      if (sigwait(&set_, &signal) != 0 || over_) continue;
+      (signal == SIGHUP ? hangup_ : ends_) = true;
+      uint64_t one = 1;
+      [[maybe_unused]] ssize_t wrote = write(fd_, &one, sizeof one);
+      if (ends_) break;
+    }
+    timespec patience = {kEndTime, 0};
+    while (!over_) {
+      if (sigtimedwait(&end_, nullptr, &patience) < 0 && errno == EINTR) continue;
+      if (!over_) _exit(128 + SIGTERM);
+    }
+  }
+
+  sigset_t set_;
+  sigset_t end_;
+  int fd_ = -1;
+  std::atomic<bool> over_ = false;
+  std::atomic<bool> ends_ = false;
+  std::atomic<bool> hangup_ = false;
+  std::thread waiter_;
 };
 
 class Serving {
  public:
-  Serving(const ServeOptions& options, Output* out)
+  explicit Serving(const ServeOptions& options)
       : options_(options),
-        out_(*out),
         source_(options.source),
-        manager_(applied_or_only(options.applied, "configuration")),
+        routing_(options.directions),
+        manager_(checked(options.applied), *source_.configured()),
         server_(options.socket, [this](std::string_view request, const std::string& input,
                                        Output* to) { return answer(request, input, to); }) {}
 
-  void run(int stop_fd) {
+  void run(Signals* signals) {
     routing_.follow(*source_.configured());
     routing_.take_called();
-    out_.print("serving: agent at port {}, socket {}, {} control and membership policies in use\n",
-               source_.live()->port, options_.socket, routing_.users());
+    tell("serving: agent at port {}, socket {}, {} control and membership policies in use",
+         source_.live()->port, options_.socket, routing_.users());
+    for (const auto& [policy, direction] : options_.directions) {
+      if (!routing_.uses(policy)) tell("policy {} is not configured yet", in_quotes(policy));
+    }
+    tell_names();
     begin_fetch();
     std::vector<pollfd> polls;
-    for (;;) {
-      out_.flush();
-      polls = {{stop_fd, POLLIN, 0}, {source_.live()->feed->fd(), POLLIN, 0}};
+    while (!signals->ends()) {
+      log_.flush();
+      polls = {{signals->fd(), POLLIN, 0}, {source_.live()->feed->fd(), POLLIN, 0}};
       server_.wants(&polls);
+      log_.wants(&polls);
       int timeout = fetching_ ? kWorkerPollMs : clients_ ? kClientPollMs : -1;
       if (poll(polls.data(), polls.size(), timeout) < 0 && errno != EINTR) {
         throw InputError("polctl: error: cannot wait for work");
       }
-      if (polls[0].revents != 0) break;
+      if (polls[0].revents != 0 && signals->take_hangup()) read_tlocs_again();
+      if (signals->ends()) break;
       if (polls[1].revents != 0 && !take_batch()) {
         throw InputError("agent: error: it has closed (expected it to go on)");
       }
       if (fetching_ && pol_fwd_policy_is_yarrow_updated() != 0) end_fetch();
       clients_ = server_.step();
     }
-    out_.write("stopped\n");
-    out_.flush();
+    tell("stopped");
   }
 
  private:
+  template <typename... Args>
+  void tell(fmt::format_string<Args...> format, Args&&... args) {
+    log_.line(fmt::format(format, std::forward<Args>(args)...));
+  }
+
+  // Where none is named the only one of each kind is applied; several cannot be.
+  static const AppliedPolicies& checked(const AppliedPolicies& applied) {
+    if (!applied.any()) applied_or_only(applied, "configuration");
+    return applied;
+  }
+
   // False when no batch was there.
   bool take_batch() {
     int64_t changes = source_.live()->feed->next(0, source_.live()->walk.get());
     if (changes < 0) return false;
     routing_.follow(*source_.configured());
-    manager_.restore(*source_.configured());
+    manager_.follow(*source_.configured());
     uint64_t calls = manager_.calls();
-    out_.print("commit: {} change{}; called back: {}\n", grouped(static_cast<uint64_t>(changes)),
-               changes == 1 ? "" : "s", called_back(calls - calls_));
+    tell("commit: {} change{}; called back: {}", grouped(static_cast<uint64_t>(changes)),
+         changes == 1 ? "" : "s", called_back(calls - calls_));
     calls_ = calls;
+    tell_names();
     begin_fetch();
     return true;
+  }
+
+  // What is named and not configured, when that has changed.
+  void tell_names() {
+    std::vector<std::string> absent = absent_objects(source_.configured());
+    if (absent != absent_ && !absent.empty()) {
+      tell("named, but not configured: {}; the worker asks for each for 20 s",
+           joined(absent, ", "));
+    }
+    absent_ = std::move(absent);
+    std::vector<std::string> awaited = manager_.awaited();
+    if (awaited != awaited_ && !awaited.empty()) {
+      tell("to be applied, but not configured: {}", joined(awaited, ", "));
+    }
+    awaited_ = std::move(awaited);
+  }
+
+  void read_tlocs_again() {
+    if (options_.tlocs.empty()) {
+      tell("hangup: there is nothing to read again (no --tlocs)");
+      return;
+    }
+    try {
+      size_t count = load_resolvable_tlocs(options_.tlocs);
+      source_.live()->walk->resolve_again();
+      tell("hangup: {} TLOCs read from {}", count, options_.tlocs);
+      begin_fetch();
+    } catch (const InputError& error) {
+      tell("hangup: the TLOCs stay as they were: {}", error.what());
+    }
   }
 
   std::string called_back(uint64_t forwarding_calls) {
@@ -144,8 +216,8 @@ class Serving {
     double ms = std::chrono::duration<double, std::milli>(Clock::now() - begun_).count();
     if (document == document_) return;
     document_ = std::move(document);
-    out_.print("document: {} bytes, fetched and put together in {:.1f} ms\n",
-               grouped(document_.size()), ms);
+    tell("document: {} bytes, fetched and put together in {:.1f} ms", grouped(document_.size()),
+         ms);
   }
 
   void take_batches() {
@@ -153,8 +225,8 @@ class Serving {
     }
   }
 
-  // Until nothing is under way.
-  void settle() {
+  // Until nothing is under way, or for as long as is bearable. Whether all is done.
+  bool settle() {
     Clock::time_point end = Clock::now() + kSettleTime;
     for (;;) {
       take_batches();
@@ -162,12 +234,8 @@ class Serving {
         end_fetch();
         continue;
       }
-      if (!fetching_) return;
-      if (Clock::now() > end) {
-        throw InputError(
-            "polctl: error: the worker still fetches what was committed (a name that is not "
-            "configured holds it up for 20 s; \"polctl graph --live\" tells which)");
-      }
+      if (!fetching_) return true;
+      if (Clock::now() > end || !absent_.empty()) return false;
       usleep(kWorkerPollMs * 500);
     }
   }
@@ -186,9 +254,9 @@ class Serving {
 
   static int answer_one(EvalOptions options, const std::string& input, Output* to) {
     bool known = (options.kind == POL_KIND_ROUTE || options.kind == POL_KIND_MEMBERSHIP) &&
-                 (options.direction == POL_DIR_IN || options.direction == POL_DIR_OUT);
+                 options.direction <= POL_DIR_OUT;
     if (!known) throw InputError("polctl: error: an unknown kind or direction");
-    TextFile routes(input);
+    MemoryFile routes(input);
     options.routes = routes.path();
     options.source.config = {"running configuration"};  // what messages call the source
     return answer_eval(options, to);
@@ -204,16 +272,21 @@ class Serving {
     return answer_graph(options, source_, to);
   }
   int answer_one(const DocumentOptions& options, const std::string& /*input*/, Output* to) {
-    settle();
+    if (!settle()) {
+      if (!absent_.empty()) throw_absent(absent_);
+      throw InputError(
+          "polctl: error: the worker still fetches what was committed (expected it to be done in "
+          "2 s; ask again)");
+    }
     return answer_document(options, manager_, to);
   }
   int answer_one(const LabelsOptions& options, const std::string& /*input*/, Output* to) {
-    settle();
+    settle();  // labels are written first; what is fetched after them does not matter
     return answer_labels(options, source_.live()->session.get(), to);
   }
 
   const ServeOptions& options_;
-  Output& out_;
+  EventLog log_;
   // Users leave before the context goes: in this order, from the last to the first.
   PolicySource source_;
   RoutingDaemon routing_;
@@ -224,16 +297,18 @@ class Serving {
   Clock::time_point begun_;
   uint64_t calls_ = 0;
   std::string document_;
+  std::vector<std::string> absent_;
+  std::vector<std::string> awaited_;
 };
 
 }  // namespace
 
-int run_serve(ServeOptions options, Output* out) {
-  StopSignal stop;
+int run_serve(ServeOptions options, Output* /*out*/) {
+  Signals signals;
   if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);
   if (options.socket.empty()) options.socket = default_socket();
   options.source.worker = true;
-  Serving(options, out).run(stop.fd());
+  Serving(options).run(&signals);
   return kDone;
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "host/graph_model.h"
 #include "host/input_error.h"
 #include "policy/pol_user.h"
 #include "terminal.h"
@@ -71,16 +72,23 @@ void show_calls(const Watchers& watchers, Clock::time_point since, const char* s
   }
 }
 
+// What would hold up the worker of a system with this configuration.
+void tell_absent(const ConfiguredNames& configured, Output* out) {
+  std::vector<std::string> absent = absent_objects(&configured);
+  if (!absent.empty()) out->print("  named, but not configured: {}\n", joined(absent, ", "));
+}
+
 const char* plural(int64_t count) { return count == 1 ? "" : "s"; }
 
 void commit_and_show(const WatchOptions& options, LiveConfig* live, Watchers* watchers,
                      Output* out) {
   std::vector<ConfigFault> faults;
   ConfigSession& session = *live->session;
-  session.load(options.change, &faults);
+  SourceFiles files = open_configuration(options.change);
+  session.load(files, &faults);
   if (!faults.empty()) throw_faults(faults);
   Clock::time_point begin = Clock::now();
-  bool changed = session.commit(options.change, &faults);
+  bool changed = session.commit(files, &faults);
   if (!faults.empty()) throw_faults(faults);
   double committed = ms_between(begin, Clock::now());
   if (!changed) {
@@ -92,12 +100,13 @@ void commit_and_show(const WatchOptions& options, LiveConfig* live, Watchers* wa
   out->print("commit acknowledged after {:.2f} ms: one batch of {} change{}\n", committed,
              grouped(static_cast<uint64_t>(changes)), plural(changes));
   show_calls(*watchers, begin, "the commit began", out);
+  tell_absent(live->walk->configured(), out);
 }
 
 }  // namespace
 
 int run_watch(const WatchOptions& options, Output* out) {
-  PolicySource source(options.source);
+  PolicySource source = load_policy(options.source);
   LiveConfig* live = source.live();
   std::vector<std::string> policies = options.policies;
   if (policies.empty()) policies = policy_names(POL_KIND_ROUTE);
@@ -108,6 +117,7 @@ int run_watch(const WatchOptions& options, Output* out) {
   out->print("{} change{} walked; {} user{} registered\n", grouped(live->walk->changes()),
              plural(static_cast<int64_t>(live->walk->changes())), policies.size(),
              plural(static_cast<int64_t>(policies.size())));
+  tell_absent(*source.configured(), out);
   if (!options.change.empty()) {
     commit_and_show(options, live, &watchers, out);
     out->flush();
@@ -125,6 +135,7 @@ int run_watch(const WatchOptions& options, Output* out) {
                  watcher.calls.size(), plural(static_cast<int64_t>(watcher.calls.size())));
     }
     watchers.forget_calls();
+    tell_absent(*source.configured(), out);
   }
   return kDone;
 }

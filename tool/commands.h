@@ -6,6 +6,7 @@
 #define TOOL_COMMANDS_H
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -23,10 +24,10 @@ struct EvalOptions {
   PolicyOptions source;
   std::string policy;
   uint32_t kind = POL_KIND_ROUTE;
-  uint32_t direction = POL_DIR_IN;
-  std::string routes = "-"; /* "-" is standard input */
-  std::string routes_name;  /* what messages call them, unless "" */
-  std::string tlocs;        /* empty: each TLOC resolves to itself */
+  uint32_t direction = POL_DIR_NONE; /* none given: inbound, and told where it matters */
+  std::string routes = "-";          /* "-" is standard input */
+  std::string routes_name;           /* what messages call them, unless "" */
+  std::string tlocs;                 /* empty: each TLOC resolves to itself */
   bool json = false;
   bool explain = false;
 };
@@ -37,13 +38,15 @@ int answer_eval(const EvalOptions& options, Output* out);
 
 struct CheckOptions {
   std::string policy_file;
-  std::vector<std::string> config; /* configuration files, merged in order; then no policy file */
+  std::vector<std::string> files; /* configuration, merged in order, or one policy file; or none */
+  uint32_t direction = POL_DIR_NONE; /* in which policies are applied; NONE: not known */
   bool json = false;
+  bool strict = false; /* warnings count as errors do */
+  bool all = false;    /* however many findings */
 };
 
-/* Says what is wrong with a policy file or with configuration. kFindings when there is something. */
+/* Says what is wrong with a policy file or with configuration. kFindings when there are errors. */
 int run_check(const CheckOptions& options, Output* out);
-int run_check_config(const CheckOptions& options, Output* out);
 
 struct DumpOptions {
   PolicyOptions source;
@@ -90,6 +93,7 @@ struct ServeOptions {
   AppliedPolicies applied;
   std::string tlocs;
   std::string socket;
+  std::map<std::string, uint32_t> directions; /* by policy; inbound where none is given */
 };
 
 /* Keeps agent and host running until SIGINT or SIGTERM, and answers the other commands. */
@@ -98,9 +102,10 @@ int run_serve(ServeOptions options, Output* out);
 struct DiffOptions {
   std::string old_file; /* each a policy file or configuration, as its content tells */
   std::string new_file;
-  std::string policy; /* empty: the only route policy there is in both */
-  uint32_t direction = POL_DIR_IN;
+  std::string policy;                /* empty: the only route policy there is in both */
+  uint32_t direction = POL_DIR_NONE; /* as of eval */
   std::string routes;
+  bool force = false; /* take policy files that have errors */
   std::string tlocs;
   bool json = false;
 };
@@ -116,6 +121,9 @@ struct WatchOptions {
 
 /* Registers a user for each policy and shows what each commit has it told, and when. */
 int run_watch(const WatchOptions& options, Output* out);
+
+/* A policy as a command's options say; who waits long is told. Throws InputError. */
+PolicySource load_policy(const PolicyOptions& options);
 
 /* What DumpOptions::topic may be. */
 std::vector<std::string> dump_topics();

@@ -10,15 +10,13 @@
 #include "host/address_text.h"
 #include "host/config_mirror.h"
 #include "policy/pol_config_tags.h"
-#include "policy/pol_types.h"
 #include "policy/pol_util.h"
+#include "sequence_findings.h"
 #include "yarrow/yarrow_schema.h"
 
 namespace polctl {
 
 namespace {
-
-constexpr size_t kNameBytes = POL_LIST_NAME_SIZE - 1; /* of an object's name that count */
 
 /* Objects that policies name. */
 struct Family {
@@ -67,12 +65,6 @@ bool under(std::string_view path, std::string_view top) {
   return path.starts_with(top) && (path.size() == top.size() || path[top.size()] == '/');
 }
 
-struct Sequence {
-  std::string path;
-  uint32_t match_type = 0;
-  bool has_clauses = false;
-};
-
 struct Reader {
   struct Object {
     const Family* family = nullptr;
@@ -85,45 +77,23 @@ struct Reader {
     std::string path;
   };
   std::vector<Naming> namings;
-  std::map<std::string, std::map<uint16_t, Sequence>> policies;  // by the policy's path
-  std::vector<ConfigFinding> findings;
+  SequenceFindings sequences;
+  ConfigFindings findings;
+
+  explicit Reader(uint32_t direction) : sequences(direction) {}
 
   void take(const t_yarrow_change& change);
   void take_object(const Family& family, const t_yarrow_change& change);
   void take_forwarding(const char* kind, const t_yarrow_change& change);
   void take_sequence(const t_yarrow_change& change, bool membership);
   void take_names(const t_yarrow_change& change, const std::string& path);
-  void check_length(const std::string& path, std::string_view name, size_t bytes);
   void finish();
-  void judge_sequences(const std::map<uint16_t, Sequence>& sequences);
 };
-
-std::string text_of(const t_yarrow_value& value) {
-  return {reinterpret_cast<const char*>(value.val.buf.ptr), value.val.buf.size};
-}
-
-// A key as the agent's paths write it.
-std::string key_text(const std::string& name) {
-  if (!name.empty() && name.find_first_of(" {}\"\\") == std::string::npos) return name;
-  std::string quoted = "\"";
-  for (char c : name) {
-    if (c == '"' || c == '\\') quoted += '\\';
-    quoted += c;
-  }
-  return quoted + '"';
-}
 
 const t_yarrow_cs_node* child_with(const t_yarrow_cs_node* node, uint32_t tag) {
   const t_yarrow_cs_node* child = node != nullptr ? node->children : nullptr;
   while (child != nullptr && child->tag != tag) child = child->next;
   return child;
-}
-
-void Reader::check_length(const std::string& path, std::string_view name, size_t bytes) {
-  if (name.size() <= bytes) return;
-  findings.push_back({path, fmt::format("the name has {} bytes, of which the first {} count: names "
-                                        "that begin alike become one",
-                                        name.size(), bytes)});
 }
 
 void Reader::take(const t_yarrow_change& change) {
@@ -135,99 +105,57 @@ void Reader::take(const t_yarrow_change& change) {
   if (under(path, "/policy/app-route-policy")) return take_forwarding("app-route", change);
   bool control = path.starts_with("/policy/control-policy");
   bool membership = path.starts_with("/policy/membership-policy");
-  if (!control && !membership) return;
-  if (change.level > 1) return take_sequence(change, membership);
-  std::string name = text_of(change.keys[0]);
-  check_length(fmt::format("{}{{{}}}", path, key_text(name)), name, POL_NAME_SIZE - 1);
+  if ((control || membership) && change.level > 1) take_sequence(change, membership);
 }
 
 void Reader::take_object(const Family& family, const t_yarrow_change& change) {
-  std::string name = text_of(change.keys[0]);
+  std::string name = value_text(change.keys[0]);
   Object& object = objects[{family.name, name}];
   object.family = &family;
-  if (change.level > 1) {
-    ++object.members;
-  } else {
-    check_length(fmt::format("{}{{{}}}", family.path, key_text(name)), name, kNameBytes);
-  }
+  if (change.level == 1) return;
+  ++object.members;
+  judge_member(change, &findings);
 }
 
 // A policy, a VPN list of it or a sequence in that.
 void Reader::take_forwarding(const char* kind, const t_yarrow_change& change) {
-  std::string name = text_of(change.keys[0]);
+  std::string name = value_text(change.keys[0]);
   std::string path = fmt::format("/policy/{}-policy{{{}}}", kind, key_text(name));
-  if (change.level == 1) return check_length(path, name, POL_NAME_SIZE - 1);
-  std::string vpn_list = text_of(change.keys[1]);
+  if (change.level == 1) return;
+  std::string vpn_list = value_text(change.keys[1]);
   path += fmt::format("/vpn-list{{{}}}", key_text(vpn_list));
   if (change.level == 2) {
     namings.push_back({"vpn-list", vpn_list, path});
   } else {
     path += fmt::format("/sequence{{{}}}", change.keys[2].val.u16);
+    judge_ranges(change, path, &findings);
   }
   take_names(change, path);
 }
 
 void Reader::take_sequence(const t_yarrow_change& change, bool membership) {
   std::string policy = fmt::format("/policy/{}-policy{{{}}}", membership ? "membership" : "control",
-                                   key_text(text_of(change.keys[0])));
-  uint16_t number = change.keys[1].val.u16;
-  Sequence& sequence = policies[policy][number];
-  if (sequence.path.empty()) sequence.path = fmt::format("{}/sequence{{{}}}", policy, number);
-  if (change.level == 2) {
-    take_names(change, sequence.path);
-    if (!membership) return;
-    sequence.match_type = POL_MATCH_SERVICE;
-    // The action is not in a container that clauses stand in.
-    for_each_leaf(change, [&](const Scope& scope, const t_yarrow_tag_value&) {
-      const t_yarrow_cs_node* node = yarrow_cs_node_cd(nullptr, "%s", change.path);
-      const t_yarrow_cs_node* around = scope.empty() ? nullptr : child_with(node, scope[0]);
-      if (around != nullptr && std::string_view(around->name) == "match")
-        sequence.has_clauses = true;
-    });
-    return;
+                                   key_text(value_text(change.keys[0])));
+  std::string path = fmt::format("{}/sequence{{{}}}", policy, change.keys[1].val.u16);
+  if (change.level == 3) {
+    uint32_t type = change.keys[2].val.enumvalue + 1;
+    path += fmt::format("/match{{{}}}", pol_util_match_type_str(type));
   }
-  uint32_t type = change.keys[2].val.enumvalue + 1;
-  take_names(change, fmt::format("{}/match{{{}}}", sequence.path, pol_util_match_type_str(type)));
-  if (sequence.match_type > type) return;  // the highest type is in force
-  sequence.match_type = type;
-  sequence.has_clauses = change.value_count > 0;
+  take_names(change, path);
+  sequences.take(change, membership);
 }
 
 void Reader::take_names(const t_yarrow_change& change, const std::string& path) {
   for_each_leaf(change, [&](const Scope& scope, const t_yarrow_tag_value& leaf) {
     for (const NamingLeaf& naming : kNamingLeaves) {
       if (leaf.tag != naming.tag) continue;
-      std::string at = path;
-      const t_yarrow_cs_node* node = yarrow_cs_node_cd(nullptr, "%s", change.path);
-      for (uint32_t tag : scope) {
-        node = child_with(node, tag);
-        if (node != nullptr) at += fmt::format("/{}", node->name);
-      }
-      node = child_with(node, leaf.tag);
-      if (node != nullptr) at += fmt::format("/{}", node->name);
-      if (leaf.v.type == C_BUF) namings.push_back({naming.family, text_of(leaf.v), at});
+      std::string at = path + leaf_path(change, scope, leaf.tag);
+      if (leaf.v.type == C_BUF) namings.push_back({naming.family, value_text(leaf.v), at});
       for (uint32_t i = 0; leaf.v.type == C_LIST && i < leaf.v.val.list.size; ++i) {
-        namings.push_back({naming.family, text_of(leaf.v.val.list.ptr[i]), at});
+        namings.push_back({naming.family, value_text(leaf.v.val.list.ptr[i]), at});
       }
     }
   });
-}
-
-void Reader::judge_sequences(const std::map<uint16_t, Sequence>& sequences) {
-  std::map<uint32_t, uint16_t> taken;  // by match type, the sequence that takes all there is
-  for (const auto& [number, sequence] : sequences) {
-    if (sequence.match_type == 0) {
-      findings.push_back({sequence.path, "never decides: it has no match"});
-      continue;
-    }
-    auto earlier = taken.find(sequence.match_type);
-    if (earlier != taken.end()) {
-      findings.push_back({sequence.path, fmt::format("never reached: sequence {} takes everything",
-                                                     earlier->second)});
-    } else if (!sequence.has_clauses) {
-      taken[sequence.match_type] = number;
-    }
-  }
 }
 
 void Reader::finish() {
@@ -241,13 +169,40 @@ void Reader::finish() {
     findings.push_back({naming.path, fmt::format("{} {} is named, but absent", naming.family,
                                                  in_quotes(naming.name))});
   }
-  for (const auto& [path, sequences] : policies) judge_sequences(sequences);
+  sequences.finish(&findings);
 }
 
 }  // namespace
 
-std::vector<ConfigFinding> findings_in(const t_yarrow_batch* batch) {
-  Reader reader;
+std::string value_text(const t_yarrow_value& value) {
+  return {reinterpret_cast<const char*>(value.val.buf.ptr), value.val.buf.size};
+}
+
+std::string key_text(const std::string& name) {
+  if (!name.empty() && name.find_first_of(" {}\"\\") == std::string::npos) return name;
+  std::string quoted = "\"";
+  for (char c : name) {
+    if (c == '"' || c == '\\') quoted += '\\';
+    quoted += c;
+  }
+  return quoted + '"';
+}
+
+std::string leaf_path(const t_yarrow_change& change, const std::vector<uint32_t>& scope,
+                      uint32_t tag) {
+  std::string path;
+  const t_yarrow_cs_node* node = yarrow_cs_node_cd(nullptr, "%s", change.path);
+  auto step = [&](uint32_t to) {
+    node = child_with(node, to);
+    if (node != nullptr) path += fmt::format("/{}", node->name);
+  };
+  for (uint32_t container : scope) step(container);
+  step(tag);
+  return path;
+}
+
+ConfigFindings findings_in(const t_yarrow_batch* batch, uint32_t direction) {
+  Reader reader(direction);
   for (uint32_t i = 0; i < yarrow_batch_count(batch); ++i)
     reader.take(*yarrow_batch_change(batch, i));
   reader.finish();

@@ -30,11 +30,13 @@ struct Evaluation::Question {
 
 Evaluation::Evaluation(const std::string& policy, uint32_t kind, uint32_t direction)
     : question_(std::make_unique<Question>()) {
+  if (direction == POL_DIR_NONE) direction = POL_DIR_IN;
   t_pol_registration record = {};
   strlcpy(record.user_name, "polctl", sizeof record.user_name);
   strlcpy(record.policy_name, policy.c_str(), sizeof record.policy_name);
   record.kind = kind;
   record.direction = direction;
+  verdict_.direction = direction;
   record.resolve = resolve_tloc;
   user_ = pol_register(&record);
   if (user_ == nullptr) throw InputError("polctl: error: cannot use the policy: no memory");

@@ -19,7 +19,7 @@ namespace polctl {
 
 class Evaluation {
  public:
-  /* REQUIRES: a policy of that name. TLOCs resolve as tloc_resolver.h says. */
+  /* `direction` NONE: inbound. REQUIRES: a policy of that name. TLOCs resolve as tloc_resolver.h says. */
   Evaluation(const std::string& policy, uint32_t kind, uint32_t direction);
   ~Evaluation();
   Evaluation(const Evaluation&) = delete;

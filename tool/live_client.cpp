@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "live_client.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -98,33 +97,6 @@ int ask_live(const std::string& socket, const LiveRequest& request, Output* out)
   out->flush();
   if (!error.empty()) throw InputError(error);
   return static_cast<int>(head.status);
-}
-
-std::string read_input(const std::string& path) {
-  std::string name = path == "-" ? "<stdin>" : path;
-  int fd = path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
-                       : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  std::string content;
-  char block[65536];
-  ssize_t got = fd < 0 ? -1 : 1;
-  while (got > 0 && content.size() <= kMaxRequestInput) {
-    got = read(fd, block, sizeof block);
-    if (got < 0 && errno == EINTR)
-      got = 1;
-    else if (got > 0)
-      content.append(block, static_cast<size_t>(got));
-  }
-  int error = errno;
-  if (fd >= 0) close(fd);
-  if (got < 0) {
-    throw InputError(fmt::format("{}: error: cannot be read: {} (expected a readable file)", name,
-                                 strerror(error)));
-  }
-  if (content.size() > kMaxRequestInput) {
-    throw InputError(fmt::format("{}: error: too long for a running host (expected at most {} MB)",
-                                 name, kMaxRequestInput >> 20));
-  }
-  return content;
 }
 
 std::string default_socket() {

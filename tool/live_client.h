@@ -16,10 +16,6 @@ namespace polctl {
  * words where it refuses. */
 int ask_live(const std::string& socket, const LiveRequest& request, Output* out);
 
-/* A whole file, or standard input ("-"), that goes to the host with a request. Throws InputError when
- * it cannot be read or is longer than the host takes. */
-std::string read_input(const std::string& path);
-
 /* The socket that is used unless one is named: in XDG_RUNTIME_DIR, or in /tmp with the user's id. */
 std::string default_socket();
 

@@ -265,11 +265,13 @@ bool RouteReader::next(t_pol_route_query* query, t_pol_route_attr* attr) {
   size_t start = 0;
   if (!next_line_with_text(&lines_, &line, &start)) return false;
   *attr = {};
+  has_vpn_ = false;
   query->attr = attr;
   std::string_view text = line.substr(start, line.find_last_not_of(kBlanks) + 1 - start);
   if (text[0] == '{') {
     try {
       read_route_line(text, &json_, query, attr);
+      has_vpn_ = find_field(json_, "vpn") != nullptr;
     } catch (const LineFaultError& error) {
       throw_at_line(lines_, start, error.fault);
     }

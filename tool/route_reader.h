@@ -29,11 +29,15 @@ class RouteReader {
    * the end. Throws InputError naming file, line and column of what is wrong. */
   bool next(t_pol_route_query* query, t_pol_route_attr* attr);
 
+  /* Whether the last route named its VPN. */
+  bool has_vpn() const { return has_vpn_; }
+
   const LineReader& lines() const { return lines_; }
 
  private:
   LineReader lines_;
   JsonLine json_;
+  bool has_vpn_ = false;
 };
 
 /* A JSON object with the members of a TLOC, its label and preference, and the service it offers with

@@ -6,9 +6,12 @@
 #define TOOL_TERMINAL_H
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "host/output.h"
@@ -32,7 +35,15 @@ class Palette {
 
 Colour action_colour(uint32_t action);
 
-/* Columns as wide as their widest cell, two blanks between them. Widths count bytes. */
+/* Columns of a terminal (COLUMNS, if it is set, says so instead); 0 when the file is none. */
+size_t terminal_width(int fd);
+
+/* The text with lines that are longer than standard output's terminal, or 80 columns, broken at blanks;
+ * what is broken off keeps the line's indentation. */
+std::string wrapped(const std::string& text);
+
+/* Columns as wide as their widest cell, two blanks between them. On a terminal that is too narrow for
+ * that a row is a paragraph, a line a cell. */
 class Table {
  public:
   struct Cell {
@@ -45,12 +56,33 @@ class Table {
   void print(Output* out, const Palette& palette) const;
 
  private:
+  void print_paragraphs(size_t width, Output* out, const Palette& palette) const;
+
   std::string align_;
   std::vector<std::vector<Cell>> rows_; /* the heading first */
 };
 
 /* 175195 as "175,195". */
 std::string grouped(uint64_t number);
+
+/* "Loading" on standard error for work that takes more than a second and does not say how far it has
+ * come, when that is a terminal. */
+class Waiting {
+ public:
+  explicit Waiting(std::string what);
+  ~Waiting();
+  Waiting(const Waiting&) = delete;
+  Waiting& operator=(const Waiting&) = delete;
+
+ private:
+  void tell();
+
+  std::string what_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool over_ = false;
+  std::thread teller_;
+};
 
 /* A bar on standard error for work that takes more than a second, when that is a terminal. Not
  * wanted where the answers themselves scroll over the same screen. */

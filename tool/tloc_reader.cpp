@@ -12,7 +12,7 @@
 
 namespace polctl {
 
-void load_resolvable_tlocs(const std::string& path) {
+size_t load_resolvable_tlocs(const std::string& path) {
   LineReader lines(path);
   JsonLine json;
   std::string_view line;
@@ -28,6 +28,7 @@ void load_resolvable_tlocs(const std::string& path) {
     tlocs.push_back(tloc);
   }
   set_resolvable_tlocs(tlocs);
+  return tlocs.size();
 }
 
 }  // namespace polctl

@@ -10,8 +10,8 @@
 namespace polctl {
 
 /* Makes these the TLOCs that resolve: JSON Lines of address, color, encap, label and preference,
- * service and the service's VPN, all but the address optional. Throws InputError. */
-void load_resolvable_tlocs(const std::string& path);
+ * service and the service's VPN, all but the address optional. Returns how many. Throws InputError. */
+size_t load_resolvable_tlocs(const std::string& path);
 
 }  // namespace polctl
 

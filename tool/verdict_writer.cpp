@@ -9,6 +9,7 @@
 #include "host/address_text.h"
 #include "json_line.h"
 #include "policy/pol_util.h"
+#include "set_rules.h"
 
 namespace polctl {
 
@@ -42,21 +43,76 @@ void write_tlocs(const t_pol_tloc_result& tlocs, Output* out) {
   }
 }
 
-void write_steps(const std::vector<Step>& steps, Output* out) {
-  const char* separator = "";
-  for (const Step& each : steps) {
-    out->print("{}{{", separator);
-    separator = ",";
-    write_sequence(each.step, out);
-    out->print(",\"decided\":{}", each.step.decided != 0);
-    if (each.step.decided != 0) {
-      out->print(",\"action\":\"{}\"", pol_util_action_str(each.step.action));
-    } else {
-      out->print(",\"clause\":\"{}\"", clause_word(each.step.clause));
-    }
-    if (!each.reason.empty()) out->print(",\"reason\":{}", json_string(each.reason));
-    out->write("}");
+void write_step(const Step& each, Output* out) {
+  out->write("{");
+  write_sequence(each.step, out);
+  out->print(",\"decided\":{}", each.step.decided != 0);
+  if (each.step.decided != 0) {
+    out->print(",\"action\":\"{}\"", pol_util_action_str(each.step.action));
+  } else {
+    out->print(",\"held\":{},\"clause\":\"{}\"", each.step.held != 0,
+               clause_word(each.step.clause));
   }
+  if (!each.reason.empty()) out->print(",\"reason\":{}", json_string(each.reason));
+  out->write("}");
+}
+
+void write_steps(const Verdict& verdict, Output* out) {
+  const char* separator = "";
+  for (const Step& each : verdict.steps) {
+    out->write(separator);
+    separator = ",";
+    write_step(each, out);
+  }
+}
+
+void write_idle(const Verdict& verdict, Output* out) {
+  const char* separator = "";
+  for (const Idle& each : idle_sets(verdict)) {
+    out->print("{}{{\"clause\":\"{}\",\"reason\":\"{}\"}}", separator, each.word, each.why);
+    separator = ",";
+  }
+}
+
+void write_tloc(const t_tloc_id& tloc, Output* out) {
+  out->print("{{\"address\":\"{}\",\"color\":{},\"encap\":{}}}", tloc_address_text(tloc),
+             unsigned{tloc.color}, unsigned{tloc.encap});
+}
+
+// The route in the form in which routes are read.
+void write_route(const t_pol_route_query& query, Output* out) {
+  const t_pol_route_attr& attr = *query.attr;
+  auto has = [&attr](uint32_t bit) { return (attr.present & bit) != 0; };
+  auto number = [&](uint32_t bit, const char* name, uint32_t value) {
+    if (has(bit)) out->print(",\"{}\":{}", name, value);
+  };
+  out->print("{{\"type\":\"{}\"", pol_util_match_type_str(query.match_type));
+  if (query.prefix.addr.family != 0) out->print(",\"prefix\":\"{}\"", prefix_text(query.prefix));
+  out->print(",\"vpn\":{}", query.vpn);
+  number(POL_ATTR_TAG, "tag", attr.tag);
+  number(POL_ATTR_PREF, "preference", attr.preference);
+  number(POL_ATTR_DOMAIN, "domain", attr.domain);
+  number(POL_ATTR_SITE, "site", attr.site);
+  if (has(POL_ATTR_GROUP)) {
+    out->write(",\"groups\":[");
+    for (uint32_t i = 0; i < attr.group_count; ++i) {
+      out->print("{}{}", i > 0 ? "," : "", attr.group[i]);
+    }
+    out->write("]");
+  }
+  if (has(POL_ATTR_TLOC)) {
+    out->write(",\"tloc\":");
+    write_tloc(attr.tloc, out);
+  }
+  if (has(POL_ATTR_ORIGIN)) {
+    out->print(",\"origin\":[{},{}]", unsigned{attr.origin_protocol},
+               unsigned{attr.origin_subtype});
+  }
+  if (has(POL_ATTR_ORIGINATOR)) {
+    out->print(",\"originator\":\"{}\"", address_text(attr.originator));
+  }
+  number(POL_ATTR_CARRIER, "carrier", attr.carrier);
+  out->write("}");
 }
 
 // "a, b, c, d and 3 more"
@@ -120,6 +176,27 @@ std::string route_text(const Verdict& verdict) {
   return text + fmt::format("#{}", verdict.index);
 }
 
+std::string route_text_in_full(const Verdict& verdict) {
+  const t_pol_route_query& query = *verdict.query;
+  std::string text = route_text(verdict);
+  if (query.vpn != 0) text += fmt::format(" vpn {}", query.vpn);
+  if ((query.attr->present & POL_ATTR_SITE) != 0) text += fmt::format(" site {}", query.attr->site);
+  return text;
+}
+
+std::vector<Idle> idle_sets(const Verdict& verdict) {
+  std::vector<Idle> idle;
+  for (const SetRule& rule : set_rules()) {
+    if ((verdict.decision.set_flags & rule.flag) == 0) continue;
+    // An accept that became a reject has set what it set: its action says nothing here.
+    bool rejected = verdict.decision.action == POL_REJECT && verdict.query->applied == 0;
+    const char* why = why_idle(rule, rejected ? POL_REJECT : POL_ACCEPT, verdict.query->match_type,
+                               verdict.direction);
+    if (why != nullptr) idle.push_back({rule.word, why});
+  }
+  return idle;
+}
+
 std::string tlocs_text(const t_pol_route_query& query) { return tlocs_shown(query, UINT32_MAX); }
 
 std::string vpns_text(const t_pol_route_query& query) { return vpns_shown(query, UINT32_MAX); }
@@ -127,8 +204,9 @@ std::string vpns_text(const t_pol_route_query& query) { return vpns_shown(query,
 void write_json(const Verdict& verdict, Output* out) {
   const t_pol_route_query& query = *verdict.query;
   std::vector<const char*> words;
-  out->print("{{\"index\":{},\"action\":\"{}\",", verdict.index,
-             pol_util_action_str(verdict.action));
+  out->print("{{\"index\":{},\"route\":", verdict.index);
+  write_route(query, out);
+  out->print(",\"action\":\"{}\",", pol_util_action_str(verdict.action));
   write_sequence(verdict.decision, out);
   out->write(",\"matched\":[");
   matched_words(query.matched, &words);
@@ -149,10 +227,12 @@ void write_json(const Verdict& verdict, Output* out) {
     const t_pol_vpn_range& range = query.vpn_array[i];
     out->print("{}[{},{}]", i == 0 ? "" : ",", range.low, range.high);
   }
+  out->write("],\"idle\":[");
+  write_idle(verdict, out);
   out->write("]");
   if (!verdict.steps.empty()) {
     out->write(",\"steps\":[");
-    write_steps(verdict.steps, out);
+    write_steps(verdict, out);
     out->write("]");
   }
   out->write("}\n");
@@ -172,17 +252,25 @@ std::vector<Table::Cell> verdict_row(const Verdict& verdict) {
 }
 
 void write_explanation(const Verdict& verdict, Output* out, const Palette& palette) {
-  out->print("{}\n", palette.paint(Colour::Bold, route_text(verdict)));
+  out->print("{}\n", palette.paint(Colour::Bold, printable(route_text_in_full(verdict))));
   constexpr size_t kNameWidth = 16;
+  constexpr size_t kIndent = kNameWidth + 2;
+  uint32_t named = 0;
+  bool any_held = false;
   for (const Step& each : verdict.steps) {
-    std::string name = decider_text(each.step);
+    bool held = each.step.decided == 0 && each.step.held != 0;
+    bool again = any_held && each.step.sequence == named && each.step.is_default == 0;
+    std::string name = again ? "" : decider_text(each.step);
+    any_held = held;
+    named = each.step.sequence;
     out->print("  {:<{}}", name, kNameWidth);
     if (each.step.decided == 0) {
-      out->print("no: {} ({})\n", printable(each.reason), clause_word(each.step.clause));
+      out->print("{}: {} ({})\n", held ? "yes" : "no", printable(each.reason),
+                 clause_word(each.step.clause));
       continue;
     }
-    out->print("{}", palette.paint(action_colour(each.step.action),
-                                   pol_util_action_str(each.step.action)));
+    out->write(
+        palette.paint(action_colour(each.step.action), pol_util_action_str(each.step.action)));
     std::string sets = sets_text(*verdict.query);
     if (!each.reason.empty()) {
       out->print(": {}", printable(each.reason));
@@ -190,6 +278,9 @@ void write_explanation(const Verdict& verdict, Output* out, const Palette& palet
       out->print(", sets {}", sets);
     }
     out->write("\n");
+    for (const Idle& idle : idle_sets(verdict)) {
+      out->print("{:{}}not set: {}: {}\n", "", kIndent, idle.word, idle.why);
+    }
   }
 }
 

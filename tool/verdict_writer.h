@@ -26,12 +26,22 @@ struct Verdict {
   const t_pol_route_query* query = nullptr;
   uint32_t action = 0;
   t_pol_explain_step decision = {};
+  uint32_t direction = 0;  /* enum pol_direction in which the policy was applied */
   std::vector<Step> steps; /* empty unless an explanation was asked for */
 };
 
 /* "10.1.0.0/16", "tloc 10.0.0.1 : mpls : ipsec", "service 10.1.0.0/16", or its number when a route
  * has neither prefix nor TLOC. */
 std::string route_text(const Verdict& verdict);
+/* The same with VPN and site, where it has them: "10.1.0.0/16 vpn 10 site 301". */
+std::string route_text_in_full(const Verdict& verdict);
+
+/* A set clause of what decided that did not act. */
+struct Idle {
+  const char* word; /* of configuration */
+  const char* why;
+};
+std::vector<Idle> idle_sets(const Verdict& verdict);
 
 /* What a route was given: all TLOCs and VPN ranges, ", " between them; "" for none. */
 std::string tlocs_text(const t_pol_route_query& query);

@@ -20,6 +20,17 @@
  * the accept into a reject, unless the route's own TLOC is kept (ultimate TLOC above 1); where it
  * does not act, the accept stands.
  *
+ * Set clauses act by the query's match type and by the direction that the user registered with; one
+ * that does not is passed over without a word.
+ *
+ *   clause                 acts on a query of    and in direction
+ *   tag, preference        route, tloc           any
+ *   tloc                   route                 any
+ *   vpn id, vpn list       route                 in
+ *   tloc list, service     route                 out
+ *
+ * A TLOC, TLOC list or service that acts and resolves to nothing turns the accept into a reject.
+ *
  * Threads  evaluation only reads policy: any number of threads may evaluate, each with its own
  * query, as long as nothing changes policy meanwhile.
  */
@@ -48,17 +59,21 @@ POL_API void pol_post_execute(t_pol_route_query* query);
 typedef struct t_pol_explain_step {
   uint32_t sequence;
   uint8_t is_default; /* the default action decided; `sequence` means nothing */
-  uint8_t decided;    /* 1: this one decided; 0: `clause` failed and the next is tried */
+  uint8_t decided;    /* 1: this one decided; 0: see `held` */
+  uint8_t held;       /* 1: `clause` held, of the sequence that decides in one of the next steps;
+                         0, not decided: `clause` failed and the next sequence is tried */
   uint32_t action;    /* decided: the outcome, after an unresolved TLOC turned it into a reject */
-  uint32_t clause;    /* not decided: the POL_MATCH_F_* that failed; 0: the match type */
-  const char* reason; /* not decided: in words, no final stop; decided: null, or why an accept
-                         became a reject */
+  uint32_t clause;    /* not decided: the POL_MATCH_F_* that held or failed; 0: the match type */
+  uint32_t set_flags; /* decided: the POL_SET_F_* that it has, whether they act or not */
+  const char* reason; /* not decided: in words, no final stop: why, or which value and which element
+                         or range of a list; decided: null, or why an accept became a reject */
 } t_pol_explain_step;
 
 typedef void (*t_pol_explain_cb)(const t_pol_explain_step* step, void* arg);
 
 /* pol_execute by the same rules, telling what happened. `step`, unless null, is called for every
- * sequence tried and for the decision, in order; `decision`, unless null, receives the last of
+ * sequence passed over, for each clause of the one that decides, in the order of their testing, and
+ * for the decision; `decision`, unless null, receives the last of
  * these steps without its reason. Without `step` no text is made and the cost is that of
  * pol_execute. */
 POL_API uint32_t pol_explain(t_pol_user* user, t_pol_route_query* query, t_pol_explain_cb step,

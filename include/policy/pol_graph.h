@@ -48,7 +48,7 @@ typedef struct t_pol_graph_node {
   uint32_t action;      /* enum pol_action of a sequence or a policy's default; 0 in data and
                            app-route policies, of which the library knows none */
   uint32_t match_flags; /* of a sequence: POL_MATCH_F_* or, in those two, POL_FWD_MATCH_F_* */
-  uint32_t set_flags;   /* likewise */
+  uint32_t set_flags;   /* likewise, or those of a policy's default */
   uint32_t direction;   /* of a user: enum pol_direction */
   uint32_t elements;    /* of a list that the library knows the elements of: how many */
 } t_pol_graph_node;

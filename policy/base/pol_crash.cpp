@@ -10,7 +10,7 @@ namespace pol {
 // Kept away from the sanitizers: the fault is wanted, and it must come as the signal that hosts
 // know.
 __attribute__((no_sanitize("address", "undefined", "thread"))) void crash(const char* broken,
-                                                                         Caller from) {
+                                                                          Caller from) {
   static constexpr char kLine[] = "%s[%d]: [POL] Broken invariant, ending the process: %s\n";
   syslog(LOG_LOCAL7 | LOG_ERR, kLine, from.function, from.line, broken);
   fprintf(stderr, kLine, from.function, from.line, broken);

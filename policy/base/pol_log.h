@@ -42,18 +42,18 @@ struct Caller {
 #define POL_LOG(format, ...) POL_LOG_AT(1, format __VA_OPT__(, ) __VA_ARGS__)
 
 // For the caller of a helper.
-#define POL_LOG_FROM(from, format, ...)                                               \
-  do {                                                                                \
-    if (::pol::debug_level() >= 1) {                                                  \
-      POL_LOG_LINE("%s[%d]: [POL] " format, (from).function,                          \
-                   (from).line __VA_OPT__(, ) __VA_ARGS__);                           \
-    }                                                                                 \
+#define POL_LOG_FROM(from, format, ...)                      \
+  do {                                                       \
+    if (::pol::debug_level() >= 1) {                         \
+      POL_LOG_LINE("%s[%d]: [POL] " format, (from).function, \
+                   (from).line __VA_OPT__(, ) __VA_ARGS__);  \
+    }                                                        \
   } while (0)
 
 // The same without the library's mark, as the text policy file's own lines are.
-#define POL_LOG_PLAIN_FROM(from, format, ...)                                          \
-  do {                                                                                 \
-    if (::pol::debug_level() >= 1) {                                                   \
+#define POL_LOG_PLAIN_FROM(from, format, ...)                                                   \
+  do {                                                                                          \
+    if (::pol::debug_level() >= 1) {                                                            \
       POL_LOG_LINE("%s[%d]: " format, (from).function, (from).line __VA_OPT__(, ) __VA_ARGS__); \
-    }                                                                                  \
+    }                                                                                           \
   } while (0)

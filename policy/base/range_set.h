@@ -57,6 +57,17 @@ class RangeSet {
     return false;
   }
 
+  // A range that holds the id, where several do no particular one; null when none does.
+  const RangeNode* holding(uint64_t id) const {
+    const RangeNode* node = root_;
+    while (node != nullptr) {
+      const RangeNode* left = node->child[0];
+      if (node->low <= id && node->high >= id) return node;
+      node = node->low > id || (left != nullptr && left->max_high >= id) ? left : node->child[1];
+    }
+    return nullptr;
+  }
+
   // Takes all elements out at once, oldest first, and gives each to `release`.
   template <class Release>
   void clear(Release release) {

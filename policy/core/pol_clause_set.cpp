@@ -32,8 +32,8 @@ t_pol_set* store(t_pol_ctx* ctx, t_pol_entry* entry, uint32_t bit, T t_pol_set::
 }
 
 template <class T>
-bool clear(t_pol_ctx* ctx, t_pol_entry* entry, uint32_t bit, T t_pol_set::*member,
-           uint8_t* changed, Caller from = Caller::here()) {
+bool clear(t_pol_ctx* ctx, t_pol_entry* entry, uint32_t bit, T t_pol_set::*member, uint8_t* changed,
+           Caller from = Caller::here()) {
   if (ctx == nullptr || entry == nullptr) return false;
   return pol::clause_clear(set_site(ctx, entry, changed, from), bit, &(entry->set.*member));
 }
@@ -152,23 +152,22 @@ t_pol_set* pol_entry_set_vpn_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const 
 
 void pol_entry_set_vpn_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
   if (ctx == nullptr || entry == nullptr) return;
-  pol::clause_drop_list(set_site(ctx, entry, changed),
-                                                         POL_SET_F_VPN_LIST, &entry->set.vpn_list);
+  pol::clause_drop_list(set_site(ctx, entry, changed), POL_SET_F_VPN_LIST, &entry->set.vpn_list);
 }
 
 t_pol_set* pol_entry_set_tloc_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                        uint8_t* changed) {
   if (ctx == nullptr || entry == nullptr || name == nullptr) return nullptr;
   summary_add(entry, POL_SETS_TLOC_LIST);
-  bool named =
-      pol::clause_name_list<pol_tloc_list_action_user_add>(
-          set_site(ctx, entry, changed), POL_SET_F_TLOC_LIST, &entry->set.tloc_list, name);
+  bool named = pol::clause_name_list<pol_tloc_list_action_user_add>(
+      set_site(ctx, entry, changed), POL_SET_F_TLOC_LIST, &entry->set.tloc_list, name);
   return named ? &entry->set : nullptr;
 }
 
 void pol_entry_set_tloc_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
   if (ctx == nullptr || entry == nullptr) return;
-  if (pol::clause_drop_list(set_site(ctx, entry, changed), POL_SET_F_TLOC_LIST, &entry->set.tloc_list)) {
+  if (pol::clause_drop_list(set_site(ctx, entry, changed), POL_SET_F_TLOC_LIST,
+                            &entry->set.tloc_list)) {
     summary_remove(entry, POL_SETS_TLOC_LIST);
   }
 }

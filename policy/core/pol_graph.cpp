@@ -130,7 +130,10 @@ class Walk {
     node.kind = block.kind;
     node.name = block.name;
     bool forwarding = block.kind == POL_KIND_DATA || block.kind == POL_KIND_PERF_ROUTE;
-    if (!forwarding) node.action = block.default_action.action;
+    if (!forwarding) {
+      node.action = block.default_action.action;
+      node.set_flags = block.default_action.set_flags;
+    }
     visitor_.node(visitor_.arg, &node);
     if (!forwarding) return sequences(block.entries, &block, block.kind, true);
     each(block.fwd_vpns, [&](const t_pol_fwd_vpn_entry& vpn) {

@@ -32,9 +32,7 @@ template <class Facts>
 struct FwdObjectList {
   using Node = typename Facts::Node;
 
-  static uint32_t init(t_pol_ctx* ctx) {
-    return named_init(ctx, Facts::kTree);
-  }
+  static uint32_t init(t_pol_ctx* ctx) { return named_init(ctx, Facts::kTree); }
 
   static uint32_t deinit(t_pol_ctx* ctx) { return named_deinit(ctx, Facts::kTree, release); }
 

@@ -9,6 +9,7 @@
 
 #include "base/pol_crash.h"
 #include "base/pol_memory.h"
+#include "kel/ipaddr.h"
 
 namespace pol {
 namespace {
@@ -491,6 +492,16 @@ void PfxIndex::clear() {
     has_others_ = other != nullptr;
     pol_free(other, MEM_UNCOUNTED);
   }
+}
+
+bool pfx_element_takes(const t_pfx_entry& element, const t_ipprefix& prefix) {
+  const Interval lengths = lengths_of(element);
+  if (prefix.len < lengths.low || prefix.len > lengths.high) return false;
+  if (takes_every_family(element)) return true;
+  t_ipprefix own = {};
+  own.addr = element.addr;
+  own.len = element.len;
+  return ipprefix_is_contained(&prefix, &own) != 0;
 }
 
 }  // namespace pol

@@ -109,4 +109,7 @@ class PfxIndex {
   AvlTree<Other> others_;
 };
 
+// Whether this one element takes the prefix: what `matches` says of any.
+bool pfx_element_takes(const t_pfx_entry& element, const t_ipprefix& prefix);
+
 }  // namespace pol

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Evaluation with reasons: the rules of pol_exec_rules.h under an observer that puts into words
 // what it sees.
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 
-#include "policy/pol_util.h"
 #include "kel/ipaddr.h"
 #include "kel/tloc.h"
+#include "policy/pol_util.h"
 #include "route/pol_exec_rules.h"
 
 namespace pol {
@@ -22,6 +23,7 @@ class DecisionObserver {
     decision.is_default = by_default ? 1 : 0;
     decision.decided = 1;
     decision.action = action;
+    decision.set_flags = entry.set_flags;
   }
 
   t_pol_explain_step decision = {};
@@ -46,6 +48,7 @@ class ReasonObserver {
 
   void decided(const t_pol_entry& entry, bool by_default, uint32_t action) {
     decision_.decided(entry, by_default, action);
+    if (!by_default) tell_held(entry);
     t_pol_explain_step step = decision_.decision;
     if (action != entry.action) step.reason = "none of the TLOCs that it sets can be resolved";
     step_(&step, arg_);
@@ -63,8 +66,8 @@ class ReasonObserver {
     va_end(args);
   }
 
-  void report(const t_pol_entry& entry, uint32_t clause) {
-    t_pol_explain_step step = {entry.sequence, 0, 0, 0, clause, reason_};
+  void report(const t_pol_entry& entry, uint32_t clause, uint8_t held = 0) {
+    t_pol_explain_step step = {entry.sequence, 0, 0, held, 0, clause, 0, reason_};
     step_(&step, arg_);
   }
 
@@ -89,6 +92,9 @@ class ReasonObserver {
     }
   }
 
+  void tell_held(const t_pol_entry& entry);
+  void describe_held(const t_pol_entry& entry, uint32_t clause);
+  void describe_held_tloc(const t_pol_entry& entry, uint32_t clause);
   void describe(const t_pol_entry& entry, uint32_t clause);
   void describe_tloc(const t_pol_entry& entry, uint32_t clause);
 
@@ -183,6 +189,145 @@ void ReasonObserver::describe_tloc(const t_pol_entry& entry, uint32_t clause) {
                         is_empty<t_color_list>(match.color_list));
     default:
       return;
+  }
+}
+
+// In the order in which they are tested.
+constexpr uint32_t kClauses[] = {
+    POL_MATCH_F_TAG,        POL_MATCH_F_PREF,      POL_MATCH_F_DOMAIN,   POL_MATCH_F_GROUP,
+    POL_MATCH_F_VPN_ID,     POL_MATCH_F_VPN_LIST,  POL_MATCH_F_TLOC,     POL_MATCH_F_TLOC_LIST,
+    POL_MATCH_F_SITE,       POL_MATCH_F_SITE_LIST, POL_MATCH_F_PFX_LIST, POL_MATCH_F_ORIGIN,
+    POL_MATCH_F_ORIGINATOR, POL_MATCH_F_CARRIER,   POL_MATCH_F_COLOR,    POL_MATCH_F_COLOR_LIST};
+
+void ReasonObserver::tell_held(const t_pol_entry& entry) {
+  for (uint32_t clause : kClauses) {
+    if ((entry.match_flags & clause) == 0) continue;
+    reason_[0] = '\0';
+    describe_held(entry, clause);
+    report(entry, clause, 1);
+  }
+}
+
+void range_words(const RangeSet& ranges, uint64_t id, char* words, size_t size) {
+  const RangeNode* range = ranges.holding(id);
+  if (range == nullptr) {
+    words[0] = '\0';
+  } else if (range->low == range->high) {
+    snprintf(words, size, "%lu", range->low);
+  } else {
+    snprintf(words, size, "%lu-%lu", range->low, range->high);
+  }
+}
+
+// An element that takes the prefix: the longest of those without host bits, else the first.
+const t_pfx_entry* taking_element(const t_pfx_list& list, const t_ipprefix& prefix) {
+  const int width = prefix.addr.family == KEL_AF_INET ? 32 : 128;
+  t_ipprefix around = prefix;
+  for (int length = std::min<int>(prefix.len, width); length >= 0; --length) {
+    around.len = static_cast<uint8_t>(length);
+    if (around.addr.family == KEL_AF_INET) {
+      around.addr.addr.v4 &= length > 0 ? UINT32_MAX << (32 - length) : 0;
+    } else if (length < 128) {
+      around.addr.addr.v6[length / 8] &= static_cast<uint8_t>(0xff00 >> (length % 8));
+    }
+    const t_pfx_entry* element = list.index.find(around);
+    if (element != nullptr && pfx_element_takes(*element, prefix)) return element;
+  }
+  for (const t_pfx_entry& element : list.entries) {
+    if (pfx_element_takes(element, prefix)) return &element;
+  }
+  return nullptr;
+}
+
+// As the dumps have it, with the bounds that its operator looks at.
+void element_words(const t_pfx_entry* element, char* words, size_t size) {
+  words[0] = '\0';
+  if (element == nullptr) return;
+  char address[64];
+  ipaddr_print(&element->addr, address, sizeof address);
+  const unsigned op = element->op;
+  const bool one = op == 0 || op == POL_PFX_EQ || op == POL_PFX_NE;
+  const bool two = op == POL_PFX_RANGE || op == POL_PFX_XRANGE;
+  const unsigned bound = op == POL_PFX_LE ? element->max : element->min;
+  const char* word = op == 0 ? "" : pol_util_pfx_op_str(op);
+  if (one) {
+    snprintf(words, size, "%s/%u%s%s", address, unsigned{element->len}, op == POL_PFX_NE ? " " : "",
+             op == POL_PFX_NE ? word : "");
+  } else if (two) {
+    snprintf(words, size, "%s/%u %s %u %u", address, unsigned{element->len}, word, bound,
+             unsigned{element->max});
+  } else {
+    snprintf(words, size, "%s/%u %s %u", address, unsigned{element->len}, word, bound);
+  }
+}
+
+void ReasonObserver::describe_held(const t_pol_entry& entry, uint32_t clause) {
+  const t_pol_match& match = entry.match;
+  char what[128];
+  char where[192];
+  switch (clause) {
+    case POL_MATCH_F_TAG:
+      return say("tag is %u", attr_.tag);
+    case POL_MATCH_F_PREF:
+      return say("preference is %u", attr_.preference);
+    case POL_MATCH_F_DOMAIN:
+      return say("domain is %u", attr_.domain);
+    case POL_MATCH_F_GROUP:
+      return say("one of its groups is %u", match.group);
+    case POL_MATCH_F_SITE:
+      return say("site is %u", attr_.site);
+    case POL_MATCH_F_CARRIER:
+      return say("carrier is %u", unsigned{attr_.carrier});
+    case POL_MATCH_F_VPN_ID:
+      return say("VPN is %lu", query_.vpn);
+    case POL_MATCH_F_VPN_LIST: {
+      const auto* list = list_of<t_vpn_list>(match.vpn_list);
+      range_words(list->entries, query_.vpn, where, sizeof where);
+      return say("VPN %lu is in %s of vpn-list %s", query_.vpn, where, match.vpn_list.list->name);
+    }
+    case POL_MATCH_F_SITE_LIST: {
+      const auto* list = list_of<t_site_list>(match.site_list);
+      range_words(list->entries, attr_.site, where, sizeof where);
+      return say("site %u%s is in %s of site-list %s", attr_.site,
+                 present(POL_ATTR_SITE) ? "" : " (it carries none)", where,
+                 match.site_list.list->name);
+    }
+    case POL_MATCH_F_PFX_LIST: {
+      const auto* list = list_of<t_pfx_list>(match.pfx_list);
+      if (query_.prefix.addr.family == 0) {
+        return say("it carries no prefix, and prefix-list %s takes that for a length of 0",
+                   match.pfx_list.list->name);
+      }
+      element_words(taking_element(*list, query_.prefix), where, sizeof where);
+      return say("prefix %s/%u is in %s of prefix-list %s",
+                 ipaddr_print(&query_.prefix.addr, what, sizeof what), unsigned{query_.prefix.len},
+                 where, match.pfx_list.list->name);
+    }
+    case POL_MATCH_F_ORIGIN:
+      return say("origin is %u %u", unsigned{attr_.origin_protocol},
+                 unsigned{attr_.origin_subtype});
+    case POL_MATCH_F_ORIGINATOR:
+      return say("originator is %s", ipaddr_print(&attr_.originator, what, sizeof what));
+    default:
+      return describe_held_tloc(entry, clause);
+  }
+}
+
+void ReasonObserver::describe_held_tloc(const t_pol_entry& entry, uint32_t clause) {
+  const t_tloc_id& tloc = *tloc_source(entry, query_, attr_);
+  char is[96];
+  tloc_id_print_short(&tloc, is, sizeof is);
+  const char* color = kel_util_tloc_color_name(tloc.color);
+  switch (clause) {
+    case POL_MATCH_F_TLOC:
+      return say("TLOC is %s", is);
+    case POL_MATCH_F_TLOC_LIST:
+      return say("TLOC %s is in tloc-list %s", is, entry.match.tloc_list.list->name);
+    case POL_MATCH_F_COLOR:
+      return say("color is %u (%s)", unsigned{tloc.color}, color);
+    default:
+      return say("color %u (%s) is in color-list %s", unsigned{tloc.color}, color,
+                 entry.match.color_list.list->name);
   }
 }
 

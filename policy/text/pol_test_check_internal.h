@@ -57,6 +57,8 @@ class FileState {
     TextPlace place = {};
     uint32_t match_type = 0;
     uint32_t match_flags = 0;
+    uint32_t action = POL_REJECT;
+    std::map<TextOp, TextPlace> sets = {};  // what it sets, and where that stands
   };
   struct Policy {
     bool forwarding = false;
@@ -69,13 +71,16 @@ class FileState {
   bool has_needed(const TextStep& step, const char* keyword, TextPlace place);
   void take_policy(const TextStep& step, const char* name, TextPlace place);
   void take_sequence(const TextStep& step, const char* number, TextPlace place, bool valid);
-  void take_match(const TextStep& step, const char* type);
-  void take_clause(const TextStep& step, const char* value, TextPlace place);
+  void take_match(const TextStep& step, const char* type, TextPlace place);
+  void take_set(const TextStep& step, TextPlace place);
+  void take_clause(const TextStep& step, const char* keyword, const char* value,
+                   const TextPlace* places);
   void take_list(const TextStep& step, const char* name, TextPlace place);
   void take_element(const TextStep& step, const char* element);
   void warn_not_made(TextPlace place, const std::string& what);
   void warn_of_lists();
   void warn_of_sequences(const std::string& name, const Policy& policy);
+  void warn_of_sets(const std::string& title, const Sequence& sequence);
 
   TextFindings& findings_;
   std::map<std::string, List> lists_[kTextLists];

@@ -96,13 +96,21 @@ void FileState::take(const TextStep& step, const TextWords& words, const TextPla
       sequence_of_ = nullptr;
       return;
     case TextOp::kMatch:
-      return take_match(step, value);
+      return take_match(step, value, places[step.value]);
+    case TextOp::kAction:
+      if (sequence_ == nullptr) return;
+      sequence_->action =
+          step.deletes ? uint32_t{POL_REJECT} : text_word_value(*step.row->value[0], value);
+      return;
+    case TextOp::kSet:
+      if (step.deletes && sequence_ != nullptr) sequence_->sets.clear();
+      return;
     case TextOp::kList:
       return take_list(step, value, keyword);
     case TextOp::kElement:
       return take_element(step, value);
     default:
-      return take_clause(step, value, places[step.value]);
+      return take_clause(step, words.at(step.keyword), value, places);
   }
 }
 
@@ -171,18 +179,39 @@ void FileState::take_sequence(const TextStep& step, const char* number, TextPlac
   policy_->sequences.erase(found);
 }
 
-void FileState::take_match(const TextStep& step, const char* type) {
+void FileState::take_match(const TextStep& step, const char* type, TextPlace place) {
   const uint32_t match_type = text_word_value(*step.row->value[0], type);
   if (step.deletes || sequence_->match_type != match_type) sequence_->match_flags = 0;
-  if (!step.deletes) sequence_->match_type = match_type;
+  if (step.deletes) return;
+  sequence_->match_type = match_type;
+  const bool known = text_is(type, "packet", 0);
+  if (known) {
+    warn(place, "match packet never matches: nothing asks about packets",
+         "match route, match tloc or match service");
+  }
 }
 
-void FileState::take_clause(const TextStep& step, const char* value, TextPlace place) {
-  if (sequence_ == nullptr) return;
+// Set clauses are told apart by what they set: an id and a list of VPNs are two.
+void FileState::take_set(const TextStep& step, TextPlace place) {
   if (step.deletes) {
-    sequence_->match_flags &= ~step.row->clears;
-    return;
+    sequence_->sets.erase(step.row->op);
+  } else {
+    sequence_->sets.emplace(step.row->op, place);
   }
+}
+
+void FileState::take_clause(const TextStep& step, const char* keyword, const char* value,
+                            const TextPlace* places) {
+  if (sequence_ == nullptr) return;
+  const TextPlace place = places[step.value];
+  if (step.row->op >= TextOp::kSetTag && step.row->op <= TextOp::kSetTloc) {
+    take_set(step, places[step.keyword]);
+  } else if (step.deletes) {
+    sequence_->match_flags &= ~step.row->clears;
+  } else if ((step.row->sets & kDecidingFlags) == 0) {
+    warn(places[step.keyword], text_quoted(keyword) + " has no effect: no route is tested for it");
+  }
+  if (step.deletes) return;
   sequence_->match_flags |= step.row->sets;
   if (step.row->list == TextList::kNone) return;
   List& list = lists_[static_cast<int>(step.row->list)][name_of(value)];
@@ -232,6 +261,24 @@ void FileState::warn_of_lists() {
   }
 }
 
+// By the rules of evaluation; in which direction a policy is used a file does not say.
+void FileState::warn_of_sets(const std::string& title, const Sequence& sequence) {
+  for (const auto& [op, place] : sequence.sets) {
+    const bool any_type = op == TextOp::kSetTag || op == TextOp::kSetPreference;
+    const char* why = nullptr;
+    if (sequence.action == POL_REJECT) {
+      why = "nothing is set on a reject";
+    } else if (sequence.match_type == POL_MATCH_SERVICE) {
+      why = "nothing is set on a service";
+    } else if (sequence.match_type == POL_MATCH_TLOC && !any_type) {
+      why = "it is set on routes alone";
+    }
+    if (why == nullptr) continue;
+    warn(place, title + " sets this in vain: " + why,
+         sequence.action == POL_REJECT ? "action accept" : "");
+  }
+}
+
 void FileState::warn_of_sequences(const std::string& name, const Policy& policy) {
   // By match type, the sequence that takes all there is, and those after it in vain.
   std::map<uint32_t, std::pair<uint32_t, TextPlace>> taken;
@@ -243,6 +290,7 @@ void FileState::warn_of_sequences(const std::string& name, const Policy& policy)
            "match route, match tloc or match service");
       continue;
     }
+    warn_of_sets(title, sequence);
     if (sequence.match_type == POL_MATCH_PACKET) continue;
     auto earlier = taken.find(sequence.match_type);
     if (earlier != taken.end()) {

@@ -145,7 +145,8 @@ void drop_list(Line& line, t_pol_entry* entry, const Clause& /*clause*/) {
 }
 
 template <uint32_t kFlag, auto kUser>
-constexpr ClauseStep kDropMatch = drop_list<&t_pol_entry::match_flags, kFlag, &t_pol_entry::match, kUser>;
+constexpr ClauseStep kDropMatch =
+    drop_list<&t_pol_entry::match_flags, kFlag, &t_pol_entry::match, kUser>;
 
 void begin_match(Line& line, t_pol_entry* entry, const Clause& clause) {
   pol_entry_match_add(line.ctx, entry->block, entry, clause.word(), &line.changed);

@@ -204,7 +204,7 @@ TEST_F(ClientTest, OperationalDataIsGuardedByTheLockOfItsCdbSession) {
   int trans = session_.begin(MAAPI_OPERATIONAL);
   EXPECT_EQ(why(maapi_load_config_cmds(fd_, trans, 0x41, show.c_str(), "%s", "")), "ok");
   EXPECT_EQ(why(maapi_load_config_cmds(fd_, trans, 0x41, kDataPolicy.c_str(), "%s", "")),
-            "malformed text: line 1: /policy/data-policy: is no state data");
+            "malformed text: line 1:36: /policy/data-policy: is no state data");
   EXPECT_EQ(why(maapi_apply_trans(fd_, trans, 1)), "ok");
   Socket cdb(agent_.port());
   ASSERT_EQ(why(cdb_connect(cdb.fd(), CDB_DATA_SOCKET, cdb.addr(), cdb.addr_len())), "ok");

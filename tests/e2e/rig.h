@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "host/agent_link.h"
-#include "host/config_walk.h"
+#include "host/config_feed.h"
 #include "policy/pol_context.h"
 #include "tests/agent/support.h"
 

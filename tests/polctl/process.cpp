@@ -160,6 +160,12 @@ std::string RunningPolctl::next_line() {
   }
 }
 
+void RunningPolctl::signal(int number) { kill(child_, number); }
+
+void RunningPolctl::narrow() {
+  if (fcntl(out_, F_SETPIPE_SZ, 4096) < 0) abort();
+}
+
 int RunningPolctl::stop(int signal) {
   int status = 0;
   kill(child_, signal);

@@ -27,10 +27,14 @@ const std::string kTlocs = std::string(kGoldenDir) + "/polctl/forward_tlocs.json
 
 class ServeTest : public testing::Test {
  protected:
-  void SetUp() override {
+  void SetUp() override { start({"--config", kConfig, "--tlocs", kTlocs}); }
+
+  void start(const std::vector<std::string>& options) {
     socket_ = testing::TempDir() + "polctl_serve_" + std::to_string(getpid()) + ".sock";
-    server_ = start_polctl(
-        {"serve", "--config", kConfig, "--tlocs", kTlocs, "--port", "0", "--socket", socket_});
+    std::vector<std::string> args = {"serve", "--port", "0", "--socket", socket_};
+    args.insert(args.end(), options.begin(), options.end());
+    server_.reset();
+    server_ = start_polctl(args);
     std::string line = server_->next_line();
     size_t at = line.find("port ");
     ASSERT_NE(at, std::string::npos) << line;
@@ -45,7 +49,7 @@ class ServeTest : public testing::Test {
   void commit(const std::string& xml) {
     polctl::ConfigSession session(port_);
     std::vector<polctl::ConfigFault> faults;
-    std::vector<std::string> files = {temporary_file(xml)};
+    polctl::SourceFiles files = polctl::open_configuration({temporary_file(xml)});
     session.load(files, &faults);
     ASSERT_TRUE(faults.empty());
     ASSERT_TRUE(session.commit(files, &faults));
@@ -158,9 +162,9 @@ TEST_F(ServeTest, KeepsToItsUserAndToItsBounds) {
     EXPECT_NE(raw(head(strlen(bad), 0) + bad).find("polctl: error: "), std::string::npos) << bad;
   }
 
-  // Clients that say nothing do not keep others from an answer.
+  // Clients that say nothing do not keep others from an answer, though they hold every place.
   std::vector<int> silent;
-  for (size_t i = 0; i < polctl::LiveServer::kMaxClients - 1; ++i) {
+  for (size_t i = 0; i < polctl::LiveServer::kMaxClients + 4; ++i) {
     silent.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address = polctl::socket_address(socket_);
     ASSERT_EQ(connect(silent.back(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
@@ -180,6 +184,66 @@ TEST_F(ServeTest, KeepsToItsUserAndToItsBounds) {
 TEST_F(ServeTest, TheDocumentIsValidAsReceivedPolicy) {
   commit(ask({"document"}).out);
   EXPECT_NE(ask({"dump", "users"}).status, 2) << "the host passes over what is none of its own";
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+}
+
+TEST_F(ServeTest, TakesUpWhatIsConfiguredLater) {
+  start({"--from-service", "branch", "--apply", "out:out"});
+  EXPECT_EQ(server_->next_line(), "policy \"out\" is not configured yet");
+  EXPECT_EQ(server_->next_line(), "to be applied, but not configured: data-policy \"branch\"");
+  std::ifstream file(kConfig);
+  std::ostringstream config;
+  config << file.rdbuf();
+  commit(config.str());
+  EXPECT_NE(ask({"document"}).out.find("<data-policy><name>branch</name>"), std::string::npos);
+  std::string graph = ask({"graph", "--json"}).out;
+  EXPECT_NE(graph.find(R"("name":"routing out","direction":"out")"), std::string::npos) << graph;
+  // A name that nobody configures is told, and holds up nobody but the worker.
+  commit(R"(<policy xmlns="urn:zenodra:policy"><data-policy><name>branch</name><vpn-list>
+      <name>gone</name></vpn-list></data-policy></policy>)");
+  EXPECT_NE(ask({"document"}).err.find("not configured: vpn-list \"gone\""), std::string::npos);
+  EXPECT_EQ(ask({"labels"}).status, 0);
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+}
+
+TEST_F(ServeTest, AReaderThatStandsStillHoldsNothingUp) {
+  server_->narrow();
+  for (int i = 0; i < 200; ++i) {
+    commit("<policy xmlns=\"urn:zenodra:policy\"><lists><site-list><name>n" + std::to_string(i) +
+           "</name></site-list></lists></policy>");
+  }
+  EXPECT_EQ(ask({"dump", "site-lists"}).status, 0);
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+}
+
+TEST_F(ServeTest, AHangupReadsTheTlocsAgain) {
+  std::string tlocs = temporary_file(R"({"address":"10.0.0.1","color":1,"encap":2,"label":7})");
+  start({"--config", kConfig, "--tlocs", tlocs});
+  EXPECT_EQ(ask({"labels"}).out.find("label 8"), std::string::npos);
+  std::ofstream(tlocs) << R"({"address":"10.0.0.1","color":1,"encap":2,"label":8})";
+  server_->signal(SIGHUP);
+  std::string line;
+  do line = server_->next_line();
+  while (!line.empty() && line.rfind("hangup: 1 TLOCs read", 0) != 0);
+  EXPECT_NE(line, "");
+  EXPECT_NE(ask({"labels"}).out.find("10.0.0.1 mpls ipsec label 8"), std::string::npos);
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+}
+
+TEST_F(ServeTest, KeepsItsConfigurationAndNoSocketButItsOwn) {
+  std::string directory = testing::TempDir() + "polctl_dir_" + std::to_string(getpid());
+  start({"--config", kConfig, "--dir", directory});
+  std::string before = ask({"dump", "vpn-lists"}).out;
+  // Another's socket has come in the place of its own.
+  unlink(socket_.c_str());
+  std::ofstream(socket_) << "another's";
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+  EXPECT_EQ(access(socket_.c_str(), F_OK), 0);
+  unlink(socket_.c_str());
+  start({"--dir", directory});
+  auto named = [](const std::string& dump) { return dump.find("vpn-list: corporate"); };
+  EXPECT_NE(named(before), std::string::npos);
+  EXPECT_NE(named(ask({"dump", "vpn-lists"}).out), std::string::npos);
   EXPECT_EQ(server_->stop(SIGTERM), 0);
 }
 

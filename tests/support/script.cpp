@@ -214,10 +214,11 @@ void ScriptTest::say_requests() {
     const t_pol_thread_queue_item& item = request.item;
     std::ostringstream out;
     if (request.queue == pol::QUEUE_LABEL_SET) {
-      out << "label " << item.label_set.policy << "/" << item.label_set.vpn_list << "/"
-          << item.label_set.sequence << "@" << item.label_set.vpn_label << ":";
-      for (uint32_t i = 0; i < item.label_set.count; ++i) {
-        const auto& row = item.label_set.tlocs[i];
+      const t_pol_label_set& labels = request.labels;
+      out << "label " << labels.policy << "/" << labels.vpn_list << "/" << labels.sequence << "@"
+          << labels.vpn_label << ":";
+      for (uint32_t i = 0; i < labels.count; ++i) {
+        const auto& row = labels.tlocs[i];
         out << " " << printed_tloc(row.tloc) << "=" << row.label;
       }
     } else {

@@ -197,6 +197,11 @@ struct ModelEntry {
   std::optional<uint32_t> set_tag, set_preference, set_vpn_list;
 };
 
+// They never count as matched.
+constexpr uint32_t kListClauses = POL_MATCH_F_VPN_LIST | POL_MATCH_F_TLOC_LIST |
+                                  POL_MATCH_F_SITE_LIST | POL_MATCH_F_PFX_LIST |
+                                  POL_MATCH_F_COLOR_LIST;
+
 // Sequences passed over and the clauses at which they failed, 0 for the match type.
 using Failures = std::vector<std::pair<uint32_t, uint32_t>>;
 
@@ -375,18 +380,28 @@ class Twin {
     const uint32_t direction = POL_DIR_IN + pick(2);
     const t_pol_route_attr asked = attr;
     const Verdict expected = model_.evaluate(query, query_tloc, route_tloc, direction);
-    Failures failures;
+    struct Told {
+      Failures failures;
+      uint32_t held = 0;
+      bool names_all = true;  // every element and range that took something
+    } told;
     auto note = [](const t_pol_explain_step* step, void* arg) {
-      if (step->decided == 0)
-        static_cast<Failures*>(arg)->emplace_back(step->sequence, step->clause);
+      auto& into = *static_cast<Told*>(arg);
+      if (step->held != 0) {
+        into.held |= step->clause;
+        into.names_all = into.names_all && strstr(step->reason, "  ") == nullptr;
+      } else if (step->decided == 0) {
+        into.failures.emplace_back(step->sequence, step->clause);
+      }
     };
     t_pol_explain_step decision;
-    const uint32_t action = pol_explain(users_[direction - 1], &query, note, &failures, &decision);
-    RC_ASSERT(std::tuple(action, decision.is_default != 0, query.applied, failures) ==
+    const uint32_t action = pol_explain(users_[direction - 1], &query, note, &told, &decision);
+    RC_ASSERT(std::tuple(action, decision.is_default != 0, query.applied, told.failures) ==
               std::tuple(expected.action, !expected.sequence, expected.applied, expected.failures));
     if (expected.sequence) {
-      RC_ASSERT(std::tuple(decision.sequence, query.matched) ==
-                std::tuple(*expected.sequence, expected.matched));
+      RC_ASSERT(std::tuple(decision.sequence, query.matched, told.held & ~kListClauses) ==
+                std::tuple(*expected.sequence, expected.matched, expected.matched));
+      RC_ASSERT(told.names_all);
     }
     RC_ASSERT(memcmp(&query.attr_copy, &expected.attr, sizeof asked) == 0);
     RC_ASSERT(memcmp(&attr, &asked, sizeof asked) == 0);

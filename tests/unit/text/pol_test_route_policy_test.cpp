@@ -71,7 +71,8 @@ TEST_F(TextRoutePolicyTest, WhatIsReadOverIsLoggedInTheParsersName) {
   const auto logged = [this](const std::string& text) {
     seams::take_log();
     line(text);
-    return std::regex_replace(seams::take_log(), std::regex("\\[\\d+\\]|191 \\w+\\[\\d+\\]: i: .*\n"), "");
+    return std::regex_replace(seams::take_log(),
+                              std::regex("\\[\\d+\\]|191 \\w+\\[\\d+\\]: i: .*\n"), "");
   };
   const char* text = "route-policy p sequence 1 match route source-ip 1.1.1.1 foo";
   EXPECT_EQ(logged(text), "");

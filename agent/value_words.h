@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a leaf takes, and what is wrong with a value that it does not, in an operator's words.
+#ifndef AGENT_VALUE_WORDS_H
+#define AGENT_VALUE_WORDS_H
+
+#include <string>
+#include <string_view>
+
+#include "agent/schema.h"
+
+namespace agent {
+
+// `"99" is out of range (expected a number from 0 to 32)`. REQUIRES: a leaf that refuses the text.
+std::string refused_value(const SchemaNode& leaf, std::string_view text);
+
+// "no such node (expected one of: site-list, ...)"
+std::string unknown_child(const SchemaNode& parent);
+
+}  // namespace agent
+#endif

@@ -1,0 +1,452 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iterator>
+
+#include "help_texts.h"
+#include "host/address_text.h"
+#include "host/input_error.h"
+#include "host/near_word.h"
+#include "live_client.h"
+#include "terminal.h"
+#include "yarrow/yarrow_types.h"
+
+namespace polctl {
+
+namespace {
+
+[[noreturn]] void fail(const std::string& what, const std::string& expected) {
+  throw InputError("polctl: error: " + what + " (expected " + expected + ")");
+}
+
+bool all_digits(const std::string& text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// Values that an option may carry are written after "=": a number or a path that follows one is put
+// there, so that no other word is ever taken for one. "help X" becomes "X --help".
+std::vector<std::string> settled(std::vector<std::string> words) {
+  if (!words.empty() && words[0] == "version") words[0] = "--version";
+  if (!words.empty() && words[0] == "help") {
+    words.erase(words.begin());
+    words.emplace_back("--help");
+  }
+  for (size_t i = 0; i + 1 < words.size(); ++i) {
+    const std::string& next = words[i + 1];
+    bool is_value = (words[i] == "--agent" && all_digits(next)) ||
+                    (words[i] == "--live" && next.find('/') != std::string::npos);
+    if (!is_value) continue;
+    words[i] += "=" + next;
+    words.erase(words.begin() + static_cast<ptrdiff_t>(i) + 1);
+  }
+  return words;
+}
+
+constexpr const char* kFlagGiven = "true";  // what a flag without a value has for one
+
+void add_policy_file(CLI::App* command, PolicyOptions* options) {
+  command->add_option("--policy-file", options->policy_file, "the text policy file to load")
+      ->type_name("FILE");
+  command->add_flag("--force", options->force, "take a policy file that has errors");
+}
+
+void add_config(CLI::App* command, PolicyOptions* options) {
+  command
+      ->add_option(
+          "--config", options->config,
+          "a configuration file for the agent inside this tool; several are merged in order")
+      ->type_name("FILE")
+      ->allow_extra_args(false);
+}
+
+void add_agent(CLI::App* command, PolicyOptions* options) {
+  command
+      ->add_flag("--agent", options->agent_port,
+                 "take the configuration of a running agent (port 3010, or YARROW_IPC_PORT)")
+      ->option_text("[=PORT]");
+}
+
+void add_trace(CLI::App* command, PolicyOptions* options) {
+  command
+      ->add_option("--trace", options->trace,
+                   "let the library trace to syslog, at debug level 0 to 4")
+      ->check(CLI::Range(0, 4))
+      ->option_text("LEVEL");
+}
+
+void add_live(CLI::App* command, PolicyOptions* options) {
+  command->add_flag("--live", options->live, "ask a running \"polctl serve\" at its socket")
+      ->option_text("[=SOCKET]");
+}
+
+void add_agent_options(CLI::App* command, PolicyOptions* options) {
+  add_config(command, options);
+  add_agent(command, options);
+  add_trace(command, options);
+}
+
+void add_source_options(CLI::App* command, PolicyOptions* options) {
+  add_policy_file(command, options);
+  add_agent_options(command, options);
+  add_live(command, options);
+}
+
+void add_applied(CLI::App* command, AppliedPolicies* applied) {
+  struct {
+    const char* option;
+    std::string* name;
+    const char* help;
+  } const rows[] = {
+      {"--from-service", &applied->from_service,
+       "the data policy for what comes from the service side"},
+      {"--from-tunnel", &applied->from_tunnel, "the data policy for what comes from the tunnels"},
+      {"--app-route", &applied->app_route, "the app-route policy"},
+      {"--cflowd", &applied->cflowd, "the cflowd template"}};
+  for (const auto& row : rows) {
+    command->add_option(row.option, *row.name, row.help)->type_name("NAME");
+  }
+}
+
+void add_direction(CLI::App* command, uint32_t* direction, const char* help) {
+  command
+      ->add_option_function<std::string>(
+          "--direction",
+          [direction](const std::string& word) {
+            *direction = word == "in" ? POL_DIR_IN : POL_DIR_OUT;
+          },
+          help)
+      ->check(CLI::IsMember({"in", "out"}))
+      ->option_text("in|out");
+}
+
+constexpr const char* kDirectionHelp =
+    "the policy is applied to what comes in (default) or goes out";
+
+void add_tlocs(CLI::App* command, std::string* tlocs) {
+  command
+      ->add_option("--tlocs", *tlocs, "the TLOCs that resolve; without it each resolves to itself")
+      ->type_name("FILE");
+}
+
+// --json, and --format json by the same name everywhere.
+void add_json(CLI::App* command, bool* json, const char* help) {
+  command->add_flag("--json", *json, help);
+  command
+      ->add_option_function<std::string>(
+          "--format", [json](const std::string& word) { *json = word == "json"; },
+          "text (default) or json, which is --json")
+      ->check(CLI::IsMember({"text", "json"}))
+      ->option_text("text|json");
+}
+
+void add_eval(CLI::App& app, EvalOptions* options) {
+  CLI::App* command = app.add_subcommand("eval", "Run routes through a policy");
+  add_source_options(command, &options->source);
+  command->add_option("--policy", options->policy, "the policy's name")
+      ->required()
+      ->type_name("NAME");
+  command
+      ->add_option_function<std::string>(
+          "--kind",
+          [options](const std::string& word) {
+            options->kind = word == "route" ? POL_KIND_ROUTE : POL_KIND_MEMBERSHIP;
+          },
+          "the policy's kind: route (default) or membership")
+      ->check(CLI::IsMember({"route", "membership"}))
+      ->option_text("KIND");
+  add_direction(command, &options->direction, kDirectionHelp);
+  command->add_option("--routes", options->routes, "the routes; - (default) is standard input")
+      ->option_text("FILE|-");
+  add_tlocs(command, &options->tlocs);
+  add_json(command, &options->json, "answer one JSON object a line");
+  command->add_flag("--explain", options->explain,
+                    "say for every sequence tried what failed, and what decided and why");
+  command->footer(kEvalHelp);
+}
+
+void add_check(CLI::App& app, CheckOptions* options) {
+  CLI::App* command = app.add_subcommand("check", "Say what is wrong with configuration or policy");
+  command
+      ->add_option("FILE", options->files,
+                   "configuration files, merged in order; or one policy file; - is standard input")
+      ->option_text("...");
+  command->add_option("--policy-file", options->policy_file, "the text policy file to check")
+      ->type_name("FILE");
+  add_direction(command, &options->direction,
+                "in which policies are applied: tells what they set in vain");
+  add_json(command, &options->json, "report one JSON object a line");
+  command->add_flag("--strict", options->strict, "exit with status 1 for warnings too");
+  command->add_flag("--all", options->all, "show every finding, not 100 a file");
+  command->footer(kCheckHelp);
+}
+
+void add_dump(CLI::App& app, DumpOptions* options) {
+  CLI::App* command = app.add_subcommand("dump", "Print what the library holds");
+  add_source_options(command, &options->source);
+  command->add_option("TOPIC", options->topic, "what to print: " + joined(dump_topics(), ", "))
+      ->check(CLI::IsMember(dump_topics()))
+      ->option_text(" ");
+  command->footer("Example:\n  polctl dump --policy-file branch.txt route-policies");
+}
+
+void add_graph(CLI::App& app, GraphOptions* options) {
+  CLI::App* command = app.add_subcommand("graph", "Show what uses what");
+  add_source_options(command, &options->source);
+  command->add_option("--format", options->format, "text (default), dot for Graphviz, or json")
+      ->check(CLI::IsMember({"text", "dot", "json"}))
+      ->option_text("dot|json|text");
+  command->add_flag_callback(
+      "--json", [options] { options->format = "json"; }, "the same as --format json");
+  command->footer(kGraphHelp);
+}
+
+void add_document(CLI::App& app, DocumentOptions* options) {
+  CLI::App* command =
+      app.add_subcommand("document", "Print the XML document for the forwarding manager");
+  add_config(command, &options->source);
+  add_live(command, &options->source);
+  add_applied(command, &options->applied);
+  add_tlocs(command, &options->tlocs);
+  command->add_flag("--pretty", options->pretty, "a line an element");
+  command->add_flag("--show-data", options->show_data,
+                    "publish it in the agent for show, say what that shows, and clear it");
+  add_trace(command, &options->source);
+  command->footer(kDocumentHelp);
+}
+
+void add_labels(CLI::App& app, LabelsOptions* options) {
+  CLI::App* command = app.add_subcommand("labels", "Show the labels written into data policies");
+  add_agent_options(command, &options->source);
+  add_live(command, &options->source);
+  add_tlocs(command, &options->tlocs);
+  add_json(command, &options->json, "one JSON object a line for each sequence");
+  command->footer("Example:\n  polctl labels --config sdwan.xml --tlocs tlocs.jsonl");
+}
+
+void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
+               std::vector<std::string>* apply) {
+  CLI::App* command =
+      app.add_subcommand("serve", "Run agent, routing daemon and forwarding manager until stopped");
+  add_config(command, &options->source);
+  command
+      ->add_option("--dir", options->source.directory,
+                   "where the agent keeps the configuration; without it nowhere")
+      ->type_name("DIR");
+  command
+      ->add_option("--port", *port, "where the agent listens (default 3010; 0 takes a free port)")
+      ->type_name("PORT");
+  add_agent(command, &options->source);
+  command->add_option("--socket", options->socket, "where --live asks")->type_name("PATH");
+  command->add_option("--apply", *apply, "use this policy inbound (as without) or outbound")
+      ->option_text("NAME:in|out")
+      ->allow_extra_args(false);
+  add_applied(command, &options->applied);
+  add_tlocs(command, &options->tlocs);
+  add_trace(command, &options->source);
+  command->footer(kServeHelp);
+}
+
+void add_diff(CLI::App& app, DiffOptions* options) {
+  CLI::App* command =
+      app.add_subcommand("diff", "Show which routes two policies answer differently");
+  command->add_option("OLD", options->old_file, "the policy as it was")
+      ->required()
+      ->option_text(" ");
+  command->add_option("NEW", options->new_file, "the policy as it is")
+      ->required()
+      ->option_text(" ");
+  command->add_option("--routes", options->routes, "the routes")->required()->type_name("FILE");
+  command->add_option("--policy", options->policy, "the policy's name; not needed for an only one")
+      ->type_name("NAME");
+  add_direction(command, &options->direction, kDirectionHelp);
+  add_tlocs(command, &options->tlocs);
+  add_json(command, &options->json, "one JSON object a line for each route that differs");
+  command->add_flag("--force", options->force, "take policy files that have errors");
+  command->footer(kDiffHelp);
+}
+
+void add_watch(CLI::App& app, WatchOptions* options) {
+  CLI::App* command = app.add_subcommand("watch", "Show what a change of configuration sets off");
+  add_agent_options(command, &options->source);
+  command
+      ->add_option("--policy", options->policies, "a control policy to use; all when none is named")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
+  command
+      ->add_option("--change", options->change, "a configuration file to commit once all is loaded")
+      ->type_name("FILE")
+      ->allow_extra_args(false);
+  command->footer(kWatchHelp);
+}
+
+std::vector<std::string> command_names(CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* command : app.get_subcommands({})) names.push_back(command->get_name());
+  return names;
+}
+
+std::string hint(const std::string& word, const std::vector<std::string>& known) {
+  std::vector<std::string> near = near_words(word, known);
+  return near.empty() ? "" : ", did you mean " + near.front() + "?";
+}
+
+// CLI11's refusals as the one line that every error is.
+[[noreturn]] void refuse(CLI::App& app, const CLI::Error& error) {
+  std::vector<CLI::App*> commands = app.get_subcommands();
+  CLI::App* command = commands.empty() ? &app : commands.front();
+  std::string name = commands.empty() ? "polctl" : "polctl " + command->get_name();
+  std::vector<std::string> extras = app.remaining(true);
+  if (!extras.empty()) {
+    // As it was written: before it is told apart, "--josn=1" is one word.
+    std::string word = extras.front().substr(0, extras.front().find('='));
+    if (word.starts_with('-')) {
+      std::vector<std::string> known;
+      for (const CLI::Option* option : command->get_options()) {
+        for (const std::string& each : option->get_lnames()) known.push_back("--" + each);
+      }
+      fail("unknown option " + in_quotes(word) + hint(word, known),
+           "an option that \"" + name + " --help\" tells");
+    }
+    if (!commands.empty()) {
+      fail("unknown word " + in_quotes(word), "what \"" + name + " --help\" tells");
+    }
+    std::vector<std::string> names = command_names(app);
+    fail("unknown word " + in_quotes(word) + hint(word, names),
+         joined(names, ", ") + ", help or version");
+  }
+  fail(error.what(), "what \"" + name + " --help\" tells");
+}
+
+void settle_source(const CLI::App* command, PolicyOptions* options) {
+  auto given = [command](const char* name) {
+    const CLI::Option* option = command->get_option_no_throw(name);
+    return option != nullptr && option->count() > 0;
+  };
+  options->agent = given("--agent");
+  if (options->agent_port == kFlagGiven) options->agent_port.clear();
+  bool named = !options->live.empty() && options->live != kFlagGiven;
+  if (given("--live") && !named) options->live = default_socket();
+  int sources = (options->policy_file.empty() ? 0 : 1) + (options->config.empty() ? 0 : 1) +
+                (options->agent ? 1 : 0) + (options->live.empty() ? 0 : 1);
+  bool needs_none = command->get_name() == "serve";
+  if (sources == 1 || (sources == 0 && needs_none)) return;
+  std::vector<std::string> known;
+  for (const char* name : {"--policy-file", "--config", "--agent", "--live"}) {
+    if (command->get_option_no_throw(name) != nullptr) known.emplace_back(name);
+  }
+  std::string last = known.back();
+  known.pop_back();
+  fail(sources == 0 ? "no policy is given" : "policy is given twice",
+       "one of " + joined(known, ", ") + " and " + last);
+}
+
+void require_here(const PolicyOptions& options, bool given, const char* what) {
+  if (options.live.empty() || !given) return;
+  fail(std::string("a running host has its own ") + what, "--live without");
+}
+
+// Standard input is there once.
+void require_one_input(const CommandLine& line) {
+  std::vector<std::string> files;
+  if (line.command == "eval") {
+    files = line.eval.source.config;
+    files.push_back(line.eval.source.policy_file);
+    files.push_back(line.eval.routes);
+  } else if (line.command == "diff") {
+    files = {line.diff.old_file, line.diff.new_file, line.diff.routes};
+  } else if (line.command == "check") {
+    files = line.check.files;
+  }
+  if (std::count(files.begin(), files.end(), "-") > 1) {
+    fail("standard input is to be read twice", "- for one of the files");
+  }
+}
+
+void settle_serve(const std::string& port, const std::vector<std::string>& apply,
+                  ServeOptions* options) {
+  PolicyOptions& source = options->source;
+  source.listen = port.empty() ? YARROW_PORT : port_of(port, "--port", 0);
+  if (source.agent && (!port.empty() || !source.directory.empty())) {
+    fail("the agent runs elsewhere", "--agent without --port and --dir");
+  }
+  for (const std::string& each : apply) {
+    size_t colon = each.rfind(':');
+    std::string way = colon != std::string::npos ? each.substr(colon + 1) : "";
+    if (colon == 0 || (way != "in" && way != "out")) {
+      fail("--apply: " + in_quotes(each) + " says no direction", "NAME:in or NAME:out");
+    }
+    options->directions[each.substr(0, colon)] = way == "in" ? POL_DIR_IN : POL_DIR_OUT;
+  }
+}
+
+}  // namespace
+
+CommandLine read_command_line(const std::vector<std::string>& words) {
+  CLI::App app("Asks the policy library what a policy does.", "polctl");
+  app.require_subcommand(1);
+  app.set_version_flag("--version", "polctl " POLCTL_VERSION);
+  app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
+  CommandLine line;
+  std::string port;
+  std::vector<std::string> apply;
+  add_eval(app, &line.eval);
+  add_check(app, &line.check);
+  add_diff(app, &line.diff);
+  add_dump(app, &line.dump);
+  add_graph(app, &line.graph);
+  add_document(app, &line.document);
+  add_labels(app, &line.labels);
+  add_watch(app, &line.watch);
+  add_serve(app, &line.serve, &port, &apply);
+  std::vector<std::string> names = command_names(app);
+  bool helps = words.size() > 1 && words[0] == "help";
+  if (helps && std::find(names.begin(), names.end(), words[1]) == names.end()) {
+    fail("unknown word " + in_quotes(words[1]) + hint(words[1], names),
+         "one of " + joined(names, ", "));
+  }
+  std::vector<std::string> given = settled(words);
+  std::reverse(given.begin(), given.end());  // as the parser wants them
+  try {
+    app.parse(given);
+  } catch (const CLI::CallForHelp&) {
+    std::vector<CLI::App*> commands = app.get_subcommands();
+    line.output = wrapped(commands.empty() ? app.help() : commands.front()->help());
+    return line;
+  } catch (const CLI::CallForVersion&) {
+    line.output = "polctl " POLCTL_VERSION "\n";
+    return line;
+  } catch (const CLI::ParseError& error) {
+    refuse(app, error);
+  }
+  CLI::App* command = app.get_subcommands().front();
+  line.command = command->get_name();
+  struct {
+    const char* command;
+    PolicyOptions* source;
+    bool tlocs;
+  } const sources[] = {{"eval", &line.eval.source, !line.eval.tlocs.empty()},
+                       {"dump", &line.dump.source, false},
+                       {"graph", &line.graph.source, false},
+                       {"document", &line.document.source, !line.document.tlocs.empty()},
+                       {"labels", &line.labels.source, !line.labels.tlocs.empty()},
+                       {"watch", &line.watch.source, false},
+                       {"serve", &line.serve.source, false}};
+  for (const auto& each : sources) {
+    if (line.command != each.command) continue;
+    settle_source(command, each.source);
+    require_here(*each.source, each.tlocs, "TLOCs");
+  }
+  require_here(line.document.source, line.document.applied.any(), "policies applied");
+  require_one_input(line);
+  if (line.command == "serve") settle_serve(port, apply, &line.serve);
+  if (line.command == "check" && line.check.files.empty() == line.check.policy_file.empty()) {
+    line.check.files.empty()
+        ? fail("nothing to check", "a file")
+        : fail("policy is given twice", "configuration files or --policy-file");
+  }
+  return line;
+}
+
+}  // namespace polctl

@@ -1,0 +1,96 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * help_texts.h - what stands below the options in the help of each command.
+ */
+#ifndef TOOL_HELP_TEXTS_H
+#define TOOL_HELP_TEXTS_H
+
+namespace polctl {
+
+inline constexpr const char* kExitStatuses =
+    "Exit status: 0 done; 1 the answer is no, or there are errors to report;\n2 bad usage or "
+    "input.";
+
+inline constexpr const char* kEvalHelp = R"(Examples:
+  echo 10.1.0.0/16 | polctl eval --policy-file branch.txt --policy branch
+  polctl eval --policy-file branch.txt --policy branch --routes routes.jsonl --explain
+  polctl eval --policy-file branch.txt --policy branch --routes routes.jsonl --json
+
+Routes are bare prefixes or JSON objects, one a line, mixed at will. Of an object
+every member but the type is optional; what is not there the route does not have:
+  {"type":"route", "prefix":"10.1.0.0/16", "vpn":1, "tag":5, "preference":100,
+   "domain":1, "site":10, "groups":[1,2], "originator":"10.0.0.9", "carrier":3,
+   "tloc":{"address":"10.0.0.1", "color":3, "encap":2}, "origin":[4,2]}
+The type is "route", "tloc" or "service". TLOCs of --tlocs, one a line:
+  {"address":"10.0.0.1", "color":3, "encap":2, "label":1003, "preference":50}
+
+A membership policy is asked about a VPN alone:
+  {"type":"service", "vpn":10}
+
+Up to 20 routes are answered one by one, more by a summary by sequence; --json
+answers each. The exit status is 0 whatever the policy decides.)";
+
+inline constexpr const char* kCheckHelp = R"(Examples:
+  polctl check sdwan.xml country-lists.xml
+  polctl check --policy-file branch.txt --json
+
+Reports every error and every warning, each with its place: line and column, and
+the path in configuration. The exit status is 1 when there are errors; with
+--strict for warnings too. In which direction a policy is applied configuration
+does not say: --direction tells, and what is then set in vain is warned of.)";
+
+inline constexpr const char* kMainHelp = R"(Examples:
+  polctl check --policy-file branch.txt
+  echo 10.1.0.0/16 | polctl eval --policy-file branch.txt --policy branch --explain
+  polctl dump --policy-file branch.txt prefix-lists
+
+"polctl help COMMAND" tells the options of a command, "polctl version" the version.)";
+
+inline constexpr const char* kDiffHelp = R"(Examples:
+  polctl diff old.xml new.xml --policy branch --routes routes.txt
+  polctl diff branch.txt sdwan.xml --policy branch --routes routes.txt --json
+
+OLD and NEW are policy files or configuration files, as their content tells; one
+of them, or the routes, may be - for standard input. For
+every route that is answered differently: both verdicts, what decided, and what
+is set differently; more than 20 such routes are summed up. The exit status is 1
+when any route differs.)";
+
+inline constexpr const char* kWatchHelp = R"(Examples:
+  polctl watch --config sdwan.xml --change edit.xml
+  polctl watch --agent --policy branch
+
+Registers a user for each control policy named, or for all. With --change the
+files are committed, and the batch of changes and every callback are shown with
+their time since the commit began. Without it every commit that others make is
+shown, until the agent ends.)";
+
+inline constexpr const char* kGraphHelp = R"(Examples:
+  polctl graph --config sdwan.xml
+  polctl graph --config sdwan.xml --format dot | dot -Tsvg > policy.svg
+  polctl graph --live --format json
+
+Lists, objects, policies with their VPN lists and sequences, and registered
+users. What is used without being configured is marked as undefined, what is
+configured and used by nobody as unused.)";
+
+inline constexpr const char* kDocumentHelp = R"(Examples:
+  polctl document --config sdwan.xml --pretty
+  polctl document --config sdwan.xml --from-service branch --app-route voice
+  polctl document --live
+
+Without the name of a policy, the only one of each kind is applied, a data policy
+in both directions. With --live the running host's own are.)";
+
+inline constexpr const char* kServeHelp = R"(Examples:
+  polctl serve --config sdwan.xml --tlocs tlocs.jsonl &
+  polctl labels --live
+  polctl watch --agent --change edit.xml
+
+Follows every commit that is made at the agent. SIGHUP reads the TLOCs again;
+SIGINT and SIGTERM end it. Each control and membership policy is used inbound
+unless --apply NAME:out says otherwise.)";
+
+}  // namespace polctl
+
+#endif
