@@ -51,14 +51,20 @@ bool is_leaf(const Node& node) {
   return node.kind == YARROW_NODE_LEAF || node.kind == YARROW_NODE_LEAF_LIST;
 }
 
+// A leaf that takes addresses of both families has the type of its IPv4 member.
+bool is_of(uint32_t type, uint32_t expected) {
+  return type == expected || (expected == C_IPV4 && type == C_IPV6) ||
+         (expected == C_IPV4PREFIX && type == C_IPV6PREFIX);
+}
+
 // `came` is what does not fit: the value, or the first such item of a leaf-list.
 bool fits(const Node& leaf, const t_yarrow_value& value, const t_yarrow_value** came) {
   *came = &value;
-  if (leaf.kind == YARROW_NODE_LEAF) return value.type == leaf.type;
+  if (leaf.kind == YARROW_NODE_LEAF) return is_of(value.type, leaf.type);
   if (value.type != C_LIST) return false;
   for (uint32_t i = 0; i < value.val.list.size; ++i) {
     *came = &value.val.list.ptr[i];
-    if ((*came)->type != leaf.type) return false;
+    if (!is_of((*came)->type, leaf.type)) return false;
   }
   return true;
 }
@@ -93,7 +99,7 @@ int check_keys(const Node& node, const t_yarrow_change& change) {
     for (uint32_t i = 0; i < list->key_count && key != nullptr; ++i, key = key->next, ++number) {
       const std::string where = std::string(change.path) + ", key " + key->name;
       if (number >= change.key_count) return misfit(where, "no key", name_of(key->type));
-      if (change.keys[number].type == key->type) continue;
+      if (is_of(change.keys[number].type, key->type)) continue;
       return misfit(where, name_of(change.keys[number].type), name_of(key->type));
     }
   }

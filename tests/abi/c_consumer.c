@@ -52,10 +52,11 @@ LAYOUT(t_pol_pfx_record, 32,
            AT(t_pol_pfx_record, max, 29));
 LAYOUT(t_pol_service_result, 4 + 64 * 40, AT(t_pol_service_result, entry, 4));
 LAYOUT(t_pol_callbacks, 8, 1);
-LAYOUT(t_pol_explain_step, 24,
+LAYOUT(t_pol_explain_step, 32,
        AT(t_pol_explain_step, is_default, 4) && AT(t_pol_explain_step, decided, 5) &&
-           AT(t_pol_explain_step, action, 8) && AT(t_pol_explain_step, clause, 12) &&
-           AT(t_pol_explain_step, reason, 16));
+           AT(t_pol_explain_step, held, 6) && AT(t_pol_explain_step, action, 8) &&
+           AT(t_pol_explain_step, clause, 12) && AT(t_pol_explain_step, set_flags, 16) &&
+           AT(t_pol_explain_step, reason, 24));
 LAYOUT(t_pol_mem_info, 56,
        AT(t_pol_mem_info, description, 8) && AT(t_pol_mem_info, type_name, 16) &&
            AT(t_pol_mem_info, size, 24) && AT(t_pol_mem_info, allocs, 32) &&

@@ -127,8 +127,8 @@ TEST_F(ClientTest, PathsThatDoNotFitTheSchemaAreNamed) {
   list.type = C_LIST;
   list.val.list = {static_cast<uint32_t>(items.size()), items.data()};
   EXPECT_EQ(why(maapi_set_elem(fd_, trans, &list, "%s/vpn-list{V}/preferred-color",
-                               "/policy/data-policy{D}")),
-            "too big: /policy/data-policy/vpn-list/preferred-color: too many items");
+                               "/policy/app-route-policy{D}")),
+            "too big: /policy/app-route-policy/vpn-list/preferred-color: too many items");
 }
 
 // The cache cuts saved text at these marks.
