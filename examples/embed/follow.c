@@ -22,6 +22,21 @@ static void policy_changed(t_pol_user* user, uint64_t user_arg) {
   *(int*)(uintptr_t)user_arg = 1;
 }
 
+/* A policy that sets a TLOC accepts only where it leads somewhere. Here every TLOC can be reached; a
+ * daemon looks into its table. */
+static void resolve_tloc(uint16_t id, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t vpn,
+                         uint16_t service, t_pol_tloc_result* result) {
+  t_pol_tloc_result_entry* entry = &result->entry[result->count];
+  (void)id, (void)vpn, (void)service;
+  if (result->count == POL_MAX_TLOC) return;
+  memset(entry, 0, sizeof *entry);
+  entry->tloc.family = KEL_AF_INET;
+  entry->tloc.addr.v4 = ipv4;
+  entry->tloc.color = color;
+  entry->tloc.encap = encap;
+  ++result->count;
+}
+
 static int subscribe(uint16_t port) {
   struct sockaddr_in agent;
   int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -83,6 +98,7 @@ int main(int argc, char** argv) {
   registration.kind = POL_KIND_ROUTE;
   registration.direction = POL_DIR_IN;
   registration.change = policy_changed;
+  registration.resolve = resolve_tloc;
   registration.user_arg = (uint64_t)(uintptr_t)&changed;
   user = pol_register(&registration);
 
