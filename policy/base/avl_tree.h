@@ -9,6 +9,9 @@
 
 namespace pol {
 
+// What a comparison function returns: -1, 0 or 1.
+inline int sign(int order) { return (order > 0) - (order < 0); }
+
 template <class Node>
 class AvlTree {
  public:

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 #include "policy/pol_context.h"
 
@@ -50,16 +49,5 @@ template <class T>
 [[nodiscard]] T* alloc(MemType type) {
   return static_cast<T*>(pol_calloc(1, sizeof(T), type));
 }
-
-// Copies a name that may lack its NUL into a field, cut to fit and terminated; the rest is zeroed.
-template <size_t N>
-void copy_name(char (&field)[N], const char* name) {
-  size_t length = strnlen(name, N - 1);
-  memcpy(field, name, length);
-  memset(field + length, 0, N - length);
-}
-
-// -1, 0 or 1.
-inline int sign(int order) { return (order > 0) - (order < 0); }
 
 }  // namespace pol

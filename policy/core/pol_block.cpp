@@ -11,10 +11,11 @@
 
 #include "base/pol_crash.h"
 #include "base/pol_memory.h"
+#include "base/pol_name.h"
 #include "core/pol_clause_internal.h"
 #include "core/pol_context_internal.h"
-#include "forward/pol_fwd_block_internal.h"
 #include "policy/pol_clause.h"
+#include "policy/pol_fwd_block.h"
 #include "policy/pol_xml_config.h"
 
 namespace {
@@ -86,6 +87,33 @@ void entry_reset(t_pol_entry* entry, t_pol_block* block) {
     user->block = block;
     user->entry = entry;
   }
+}
+
+int32_t xml_type_of(uint32_t kind) {
+  switch (kind) {
+    case POL_KIND_DATA:
+      return POL_XML_DATA_POLICY;
+    case POL_KIND_PERF_ROUTE:
+      return POL_XML_APP_ROUTE_POLICY;
+    case POL_KIND_CFLOWD:
+      return POL_XML_CFLOWD_TEMPLATE;
+    default:
+      return 0;
+  }
+}
+
+void fwd_block_release_if_orphaned(t_pol_ctx* ctx, t_pol_block* block) {
+  if (block->orphaned == 0 || !block->users.empty()) return;
+  // Again as a whole: it may have got a default action since.
+  pol_fwd_block_delete(ctx, ctx->blocks[block->kind - 1].raw(), block, destroying(ctx) ? 0 : 1);
+}
+
+void fwd_leftover_release(t_pol_fwd_user* user) {
+  if (user->entry != nullptr) return;
+  if (user->dns_app_list.list != nullptr || user->saas_app_list.list != nullptr) return;
+  t_pol_block* block = user->app_list.block;
+  if (block != nullptr) block->leftovers.remove(user);
+  pol_free(user, MEM_UNCOUNTED);
 }
 
 }  // namespace pol

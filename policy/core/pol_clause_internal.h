@@ -6,6 +6,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "base/pol_name.h"
 #include "core/pol_block_internal.h"
 
 namespace pol {

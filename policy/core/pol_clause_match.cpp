@@ -9,7 +9,6 @@
 
 #include "base/pol_crash.h"
 #include "core/pol_context_internal.h"
-#include "forward/pol_fwd_block_internal.h"
 #include "policy/pol_clause.h"
 #include "policy/pol_color_list.h"
 #include "policy/pol_pfx_list.h"

@@ -7,8 +7,8 @@
 
 #include "base/avl_tree.h"
 #include "core/pol_block_internal.h"
+#include "core/pol_thread_state.h"
 #include "core/pol_user_internal.h"
-#include "exchange/pol_yarrow_thread_internal.h"
 #include "lists/pol_list_internal.h"
 #include "policy/pol_context.h"
 

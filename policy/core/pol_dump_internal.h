@@ -3,19 +3,12 @@
 // pol_dump_internal.h - what the dumps of several modules print alike.
 #pragma once
 
+#include "base/pol_dump_title.h"
 #include "core/pol_block_internal.h"
 #include "lists/named_list.h"
 #include "policy/pol_dump.h"
 
 namespace pol {
-
-inline constexpr char kDumpRule[] = "\n   ================================";
-
-inline void dump_title(t_cli_user_ctx* cli, const char* title) {
-  maapi_cli_printf(cli, "%s", kDumpRule);
-  maapi_cli_printf(cli, "%s", title);
-  maapi_cli_printf(cli, "%s", kDumpRule);
-}
 
 // The policies that use a list through these clauses, one line a clause.
 inline void dump_list_users(t_cli_user_ctx* cli, const UserQueue& users) {

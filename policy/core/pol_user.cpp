@@ -11,9 +11,9 @@
 #include <cstring>
 
 #include "base/pol_memory.h"
+#include "base/pol_name.h"
 #include "core/pol_block_internal.h"
 #include "core/pol_context_internal.h"
-#include "forward/pol_fwd_block_internal.h"
 #include "policy/pol_block.h"
 
 namespace {

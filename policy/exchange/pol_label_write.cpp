@@ -9,6 +9,7 @@
 
 #include "base/pol_log.h"
 #include "exchange/pol_agent_session_internal.h"
+#include "exchange/pol_thread_wait.h"
 #include "exchange/pol_yarrow_thread_internal.h"
 #include "yarrow/yarrow_maapi.h"
 

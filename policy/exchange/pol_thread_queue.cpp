@@ -7,6 +7,7 @@
 
 #include "base/pol_log.h"
 #include "base/pol_memory.h"
+#include "base/pol_name.h"
 #include "exchange/pol_yarrow_thread_internal.h"
 
 namespace pol {

@@ -6,7 +6,8 @@
 #include <cerrno>
 #include <ctime>
 
-#include "exchange/pol_yarrow_thread_internal.h"
+#include "core/pol_thread_state.h"
+#include "exchange/pol_thread_wait.h"
 
 bool pol_thread_wait(t_pol_yarrow_thread* thread, unsigned seconds) {
   if (thread == nullptr) {

@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/pol_dump_title.h"
 #include "base/pol_log.h"
 #include "base/pol_memory.h"
+#include "base/pol_name.h"
 #include "core/pol_context_internal.h"
-#include "core/pol_dump_internal.h"
+#include "policy/pol_dump.h"
 #include "policy/pol_fwd_document.h"
 
 const char* const pol_fwd_type2headerstr[POL_XML_TYPES] = {

@@ -15,11 +15,14 @@
 #include <cerrno>
 #include <csignal>
 
+#include "base/pol_dump_title.h"
 #include "base/pol_log.h"
 #include "base/pol_memory.h"
 #include "core/pol_context_internal.h"
-#include "core/pol_dump_internal.h"
 #include "exchange/pol_agent_session_internal.h"
+#include "exchange/pol_thread_wait.h"
+#include "exchange/pol_yarrow_thread_internal.h"
+#include "policy/pol_dump.h"
 #include "yarrow/yarrow_maapi.h"
 
 uint8_t g_pol_yarrow_thread_maapi_connected = 0;

@@ -8,6 +8,7 @@
 
 #include "base/pol_crash.h"
 #include "base/pol_memory.h"
+#include "base/pol_name.h"
 #include "core/pol_clause_internal.h"
 #include "forward/pol_fwd_block_internal.h"
 #include "forward/pol_fwd_ref.h"
@@ -103,33 +104,6 @@ void fwd_block_free(t_pol_ctx* ctx, t_pol_block* block) {
 }
 
 }  // namespace
-
-int32_t xml_type_of(uint32_t kind) {
-  switch (kind) {
-    case POL_KIND_DATA:
-      return POL_XML_DATA_POLICY;
-    case POL_KIND_PERF_ROUTE:
-      return POL_XML_APP_ROUTE_POLICY;
-    case POL_KIND_CFLOWD:
-      return POL_XML_CFLOWD_TEMPLATE;
-    default:
-      return 0;
-  }
-}
-
-void fwd_block_release_if_orphaned(t_pol_ctx* ctx, t_pol_block* block) {
-  if (block->orphaned == 0 || !block->users.empty()) return;
-  // Again as a whole: it may have got a default action since.
-  pol_fwd_block_delete(ctx, ctx->blocks[block->kind - 1].raw(), block, destroying(ctx) ? 0 : 1);
-}
-
-void fwd_leftover_release(t_pol_fwd_user* user) {
-  if (user->entry != nullptr) return;
-  if (user->dns_app_list.list != nullptr || user->saas_app_list.list != nullptr) return;
-  t_pol_block* block = user->app_list.block;
-  if (block != nullptr) block->leftovers.remove(user);
-  pol_free(user, MEM_UNCOUNTED);
-}
 
 FwdPlace fwd_find(t_pol_ctx* ctx, const char* block_name, uint32_t kind, const char* vpn_list,
                   uint32_t sequence) {

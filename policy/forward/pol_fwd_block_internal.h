@@ -9,23 +9,17 @@
 
 namespace pol {
 
-inline bool is_forwarding(uint32_t kind) {
-  return kind == POL_KIND_DATA || kind == POL_KIND_PERF_ROUTE;
-}
+// What a path leads to; null from the first thing on that is not there. A kind that has no VPN
+// lists ends the process.
+struct FwdPlace {
+  t_pol_block* block;
+  t_pol_fwd_vpn_entry* vpn;
+  t_pol_entry* entry;
+};
+FwdPlace fwd_find(t_pol_ctx* ctx, const char* block_name, uint32_t kind, const char* vpn_list,
+                  uint32_t sequence);
 
-// Whether the sequence has forwarding clauses. A default action has none, whatever the policy's kind.
-inline bool is_forwarding(const t_pol_entry& entry) {
-  return entry.block != nullptr && is_forwarding(entry.block->kind) &&
-         &entry != &entry.block->default_action;
-}
-
-// Type of a policy's record in the XML cache; 0 for kinds that have none.
-int32_t xml_type_of(uint32_t kind);
-
-// Frees a block that was deleted while it had users, once the last of them is gone.
-void fwd_block_release_if_orphaned(t_pol_ctx* ctx, t_pol_block* block);
-
-// Frees what a deleted sequence left behind, once neither DNS nor SaaS application lists know it.
-void fwd_leftover_release(t_pol_fwd_user* user);
+// Frees the TLOCs that the sequence resolved to.
+void fwd_tlocs_clear(t_pol_entry* entry);
 
 }  // namespace pol

@@ -14,6 +14,7 @@
 
 #include "base/pol_log.h"
 #include "base/pol_memory.h"
+#include "base/pol_name.h"
 #include "forward/pol_fwd_block_internal.h"
 #include "forward/pol_fwd_document_internal.h"
 #include "forward/pol_fwd_ref.h"

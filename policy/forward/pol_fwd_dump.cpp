@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <ctime>
 
-#include "core/pol_dump_internal.h"
+#include "base/pol_dump_title.h"
 #include "exchange/pol_xml_config_internal.h"
 #include "forward/pol_fwd_action_internal.h"
 #include "forward/pol_fwd_block_internal.h"
 #include "forward/pol_fwd_ref.h"
+#include "policy/pol_dump.h"
 #include "policy/pol_util.h"
 
 namespace {

@@ -3,6 +3,7 @@
 #include <initializer_list>
 
 #include "core/pol_context_internal.h"
+#include "exchange/pol_yarrow_thread_internal.h"
 #include "policy/pol_fwd_document.h"
 #include "policy/pol_xml_config.h"
 

@@ -5,7 +5,9 @@
 
 #include "base/pol_log.h"
 #include "base/pol_memory.h"
+#include "base/pol_name.h"
 #include "core/pol_clause_internal.h"
+#include "exchange/pol_yarrow_thread_internal.h"
 #include "forward/pol_fwd_action_internal.h"
 #include "forward/pol_fwd_ref.h"
 #include "policy/pol_xml_config.h"

@@ -3,6 +3,7 @@
 #include "forward/pol_fwd_ref.h"
 
 #include "base/pol_crash.h"
+#include "base/pol_name.h"
 #include "forward/pol_fwd_block_internal.h"
 #include "policy/pol_app_list.h"
 #include "policy/pol_fwd_app_id.h"

@@ -69,17 +69,4 @@ t_pol_fwd_user* fwd_ref_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name
                             const FwdRef& ref);
 void fwd_ref_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed, const FwdRef& ref);
 
-// What a path leads to; null from the first thing on that is not there. A kind that has no VPN
-// lists ends the process.
-struct FwdPlace {
-  t_pol_block* block;
-  t_pol_fwd_vpn_entry* vpn;
-  t_pol_entry* entry;
-};
-FwdPlace fwd_find(t_pol_ctx* ctx, const char* block_name, uint32_t kind, const char* vpn_list,
-                  uint32_t sequence);
-
-// Frees the TLOCs that the sequence resolved to.
-void fwd_tlocs_clear(t_pol_entry* entry);
-
 }  // namespace pol

@@ -17,6 +17,7 @@
 
 #include "base/avl_tree.h"
 #include "base/pol_memory.h"
+#include "base/pol_name.h"
 #include "base/tail_queue.h"
 #include "policy/pol_types.h"
 #include "policy/pol_user.h"

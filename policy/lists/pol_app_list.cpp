@@ -2,7 +2,6 @@
 // Application lists: three roles of user.
 #include "policy/pol_app_list.h"
 
-#include "forward/pol_fwd_block_internal.h"
 #include "lists/pol_fwd_object_list.h"
 
 namespace {

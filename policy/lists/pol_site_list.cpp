@@ -3,6 +3,7 @@
 #include "policy/pol_site_list.h"
 
 #include "base/pol_crash.h"
+#include "base/pol_name.h"
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
 #include "policy/pol_util.h"

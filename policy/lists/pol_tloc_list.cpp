@@ -9,7 +9,6 @@
 #include "base/pol_crash.h"
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
-#include "forward/pol_fwd_block_internal.h"
 #include "policy/pol_fwd_action.h"
 #include "policy/pol_fwd_label.h"
 #include "policy/pol_xml_config.h"

@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <map>
 
+#include "support/paths.h"
+
 namespace test {
 
 namespace {
@@ -83,7 +85,7 @@ AgentProcess::AgentProcess(const std::string& directory) {
     dup2(ends[1], STDOUT_FILENO);
     close(ends[0]);
     close(ends[1]);
-    execl(YARROWD_PATH, "yarrowd", "--port", "0", directory.empty() ? nullptr : "--dir",
+    execl(kYarrowdPath, "yarrowd", "--port", "0", directory.empty() ? nullptr : "--dir",
           directory.c_str(), nullptr);
     _exit(127);
   }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "policy/pol_dump.h"
+#include "support/paths.h"
 #include "yarrow/yarrow_schema.h"
 
 namespace test {
@@ -117,7 +118,8 @@ std::pair<std::string, std::string> Rig::states() const {
   t_cli_user_ctx cli = {append, &followed};
   pol_dump_all(&cli, 0, 0, nullptr);
 
-  std::string command = POLCTL_PATH " dump all --agent=" + std::to_string(agent_.port());
+  std::string command =
+      std::string(kPolctlPath) + " dump all --agent=" + std::to_string(agent_.port());
   FILE* out = popen(command.c_str(), "r");
   std::string fresh;
   char block[65536];

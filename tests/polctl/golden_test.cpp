@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "process.h"
+#include "support/paths.h"
 
 namespace {
 
@@ -25,7 +26,8 @@ std::string read_file(const std::string& path) {
 
 std::vector<std::string> case_names() {
   std::vector<std::string> names;
-  for (const auto& file : std::filesystem::directory_iterator(POLCTL_GOLDENS)) {
+  for (const auto& file :
+       std::filesystem::directory_iterator(std::string(kGoldenDir) + "/polctl")) {
     if (file.path().extension() == ".in") names.push_back(file.path().stem().string());
   }
   std::sort(names.begin(), names.end());
@@ -35,7 +37,7 @@ std::vector<std::string> case_names() {
 class GoldenTest : public testing::TestWithParam<std::string> {};
 
 TEST_P(GoldenTest, SaysTheSame) {
-  std::string base = std::string(POLCTL_GOLDENS) + "/" + GetParam();
+  std::string base = std::string(kGoldenDir) + "/polctl/" + GetParam();
   std::string content = read_file(base + ".in");
   size_t first_end = content.find('\n');
   ASSERT_NE(first_end, std::string::npos);

@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <memory>
 
+#include "support/paths.h"
+
 namespace {
 
 struct Pipe {
@@ -44,18 +46,19 @@ std::vector<char*> pointers(const std::vector<std::string>& words) {
 }
 
 [[noreturn]] void become_polctl(const Invocation& invocation, int in, int out, int err) {
-  std::vector<std::string> args = {POLCTL_PATH};
+  std::vector<std::string> args = {kPolctlPath};
   args.insert(args.end(), invocation.args.begin(), invocation.args.end());
   std::vector<std::string> env = invocation.env;  // the first of a name counts
   env.insert(env.end(), {"TERM=xterm", "LC_ALL=C"});
   for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS"}) {
     if (const char* value = getenv(name)) env.push_back(std::string(name) + "=" + value);
   }
-  if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0 || chdir(POLCTL_GOLDENS) != 0) {
+  if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0 ||
+      chdir((std::string(kGoldenDir) + "/polctl").c_str()) != 0) {
     _exit(126);
   }
   signal(SIGPIPE, SIG_DFL);
-  execve(POLCTL_PATH, pointers(args).data(), pointers(env).data());
+  execve(kPolctlPath, pointers(args).data(), pointers(env).data());
   _exit(127);
 }
 

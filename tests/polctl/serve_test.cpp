@@ -16,13 +16,14 @@
 #include "host/forwarding.h"
 #include "host/live_server.h"
 #include "process.h"
+#include "support/paths.h"
 #include "tool/live_request.h"
 #include "yarrow/yarrow_maapi.h"
 
 namespace {
 
-const std::string kConfig = POLCTL_GOLDENS "/forward.xml";
-const std::string kTlocs = POLCTL_GOLDENS "/forward_tlocs.jsonl";
+const std::string kConfig = std::string(kGoldenDir) + "/polctl/forward.xml";
+const std::string kTlocs = std::string(kGoldenDir) + "/polctl/forward_tlocs.jsonl";
 
 class ServeTest : public testing::Test {
  protected:

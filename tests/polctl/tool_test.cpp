@@ -8,14 +8,15 @@
 #include <sstream>
 
 #include "process.h"
+#include "support/paths.h"
 
 namespace {
 
-const std::string kPolicyFile = POLCTL_EXAMPLES "/branch-policy.txt";
-const std::string kRoutes = POLCTL_EXAMPLES "/routes.jsonl";
-const std::string kTlocs = POLCTL_EXAMPLES "/tlocs.jsonl";
-const std::string kNetwork = POLCTL_EXAMPLES "/sdwan/network.xml";
-const std::string kNetworkEdit = POLCTL_EXAMPLES "/sdwan/edit.xml";
+const std::string kPolicyFile = std::string(kExamplesDir) + "/branch-policy.txt";
+const std::string kRoutes = std::string(kExamplesDir) + "/routes.jsonl";
+const std::string kTlocs = std::string(kExamplesDir) + "/tlocs.jsonl";
+const std::string kNetwork = std::string(kExamplesDir) + "/sdwan/network.xml";
+const std::string kNetworkEdit = std::string(kExamplesDir) + "/sdwan/edit.xml";
 
 Invocation eval(const std::string& policy_file, std::vector<std::string> more) {
   Invocation invocation;

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "base/pol_memory.h"
+#include "exchange/pol_yarrow_thread_internal.h"
 #include "support/policy_fixture.h"
 #include "support/seams.h"
 

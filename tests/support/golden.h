@@ -6,23 +6,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
+#include <algorithm>
 #include <string>
 
-inline std::string read_golden(const std::string& name) {
-  std::ostringstream text;
-  text << std::ifstream(std::string(GOLDEN_DIR) + "/" + name).rdbuf();
-  return text.str();
-}
-
-inline void expect_golden(const std::string& name, const std::string& text) {
-  if (getenv("UPDATE_GOLDENS") != nullptr) {
-    std::ofstream(std::string(GOLDEN_DIR) + "/" + name) << text;
-  }
-  EXPECT_EQ(text, read_golden(name));
-}
+std::string read_golden(const std::string& name);
+void expect_golden(const std::string& name, const std::string& text);
 
 // The parts of a golden's input, one after a blank line.
 template <class Visit>

@@ -9,7 +9,10 @@
 #include <sstream>
 #include <thread>
 
+#include "base/pol_name.h"
+#include "exchange/pol_thread_wait.h"
 #include "exchange/pol_xml_config_internal.h"
+#include "exchange/pol_yarrow_thread_internal.h"
 #include "policy/pol_show_data.h"
 #include "support/golden.h"
 #include "support/policy_fixture.h"

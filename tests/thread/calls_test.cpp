@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "exchange/pol_xml_config_internal.h"
+#include "exchange/pol_yarrow_thread_internal.h"
 #include "policy/pol_show_data.h"
 #include "scripted.h"
 #include "support/golden.h"

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "exchange/pol_xml_config_internal.h"
+#include "exchange/pol_yarrow_thread_internal.h"
 #include "scripted.h"
 #include "support/golden.h"
 #include "support/policy_fixture.h"

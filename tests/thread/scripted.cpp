@@ -15,6 +15,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "exchange/pol_thread_wait.h"
 #include "exchange/pol_yarrow_thread_internal.h"
 #include "yarrow/yarrow_cdb.h"
 #include "yarrow/yarrow_maapi.h"

@@ -2,6 +2,7 @@
 #include <regex>
 
 #include "support/golden.h"
+#include "support/paths.h"
 #include "support/policy_fixture.h"
 
 namespace {
@@ -10,7 +11,7 @@ class DumpTest : public PolicyTest {
  protected:
   // Everything printable at once: every clause and every kind of list.
   void build() {
-    ASSERT_EQ(pol_test_parse_file(GOLDEN_DIR "/dump/all.in", nullptr), 0);
+    ASSERT_EQ(pol_test_parse_file((std::string(kGoldenDir) + "/dump/all.in").c_str(), nullptr), 0);
     // For the rest the text has no words.
     t_pol_entry* e = entry(block("main"), 10);
     t_tloc_id tloc = tloc4(0x0a000001, 3, 2);
