@@ -95,6 +95,10 @@ enum pol_sets : uint8_t {
   POL_SETS_FWD_TLOC_LIST = 0x20,
 };
 
+namespace pol {
+struct PolicyIndex;
+}
+
 struct t_pol_block {
   char name[POL_NAME_SIZE];  // first: the tree's key
   avl_node link;
@@ -111,9 +115,15 @@ struct t_pol_block {
   uint8_t orphaned;  // a forwarding policy that was deleted and stays, empty, for its users
   pol::BlockUsers users;
   uint8_t all_queued;  // every user stands on the change list
+  uint8_t index_due;   // the index is to be made (anew)
+  pol::PolicyIndex* index;  // null: evaluation walks; owned
+  pol::TailLink<t_pol_block> index_link;
 };
 
 namespace pol {
+
+// Policies whose index is to be made when the batch is told.
+using IndexQueue = TailQueue<t_pol_block, &t_pol_block::index_link>;
 
 inline bool is_forwarding(uint32_t kind) {
   return kind == POL_KIND_DATA || kind == POL_KIND_PERF_ROUTE;

@@ -9,6 +9,7 @@
 
 #include "base/pol_crash.h"
 #include "core/pol_context_internal.h"
+#include "core/pol_policy_index.h"
 #include "policy/pol_clause.h"
 #include "policy/pol_color_list.h"
 #include "policy/pol_pfx_list.h"
@@ -20,6 +21,8 @@ namespace {
 
 pol::ClauseSite match_site(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
   if (pol::is_forwarding(*entry)) pol::crash();
+  // Before the clause is touched, because one that fails half way is touched all the same.
+  pol::policy_index_stale(ctx, entry->block);
   return {ctx, entry, &entry->match_flags, changed};
 }
 

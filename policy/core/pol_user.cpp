@@ -14,6 +14,7 @@
 #include "base/pol_name.h"
 #include "core/pol_block_internal.h"
 #include "core/pol_context_internal.h"
+#include "core/pol_policy_index.h"
 #include "policy/pol_block.h"
 
 namespace {
@@ -133,6 +134,7 @@ t_pol_block* pol_block_user_add(t_pol_ctx* ctx, const char* policy_name, uint32_
   if (block == nullptr) return nullptr;
   block->users.push_back(user);
   block->all_queued = 0;
+  pol::policy_index_refresh(ctx, block);
   user->block = block;
   return block;
 }
@@ -170,6 +172,7 @@ void pol_block_users_add_to_chg_list(t_pol_ctx* ctx, t_pol_block* block) {
 
 void pol_user_chg_list_notify_all(t_pol_ctx* ctx) {
   if (ctx == nullptr || !may_notify(ctx)) return;
+  pol::policy_index_refresh_all(ctx);
   // Users queued from now on stand behind the batch and wait, or two callbacks that change each
   // other's policy would never end.
   uint64_t next_batch = ++ctx->batch;
@@ -181,11 +184,13 @@ void pol_user_chg_list_notify_all(t_pol_ctx* ctx) {
 
 void pol_user_notify(t_pol_ctx* ctx, t_pol_user* user) {
   if (ctx == nullptr || user == nullptr || !may_notify(ctx)) return;
+  pol::policy_index_refresh_all(ctx);
   call_back(ctx, user);
 }
 
 void pol_block_user_notify_all(t_pol_ctx* ctx, t_pol_block* block) {
   if (ctx == nullptr || block == nullptr || !may_notify(ctx)) return;
+  pol::policy_index_refresh_all(ctx);
   for (t_pol_user* user = block->users.front(); user != nullptr; user = ctx->notify_next) {
     ctx->notify_next = pol::BlockUsers::next(user);
     call_back(ctx, user);

@@ -46,6 +46,7 @@ struct NamedHead {
   char name[POL_LIST_NAME_SIZE];
   avl_node link;
   UserQueue stale;
+  uint32_t enrolled;  // generation of the family's directory that has its elements; 0: none
 };
 
 inline int named_compare(const void* key, const void* node) {

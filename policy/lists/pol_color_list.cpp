@@ -13,9 +13,12 @@ int color_compare(const void* key, const void* node) {
                    static_cast<const t_color_entry*>(node)->color);
 }
 
-void free_entries(t_color_list* list) {
+void free_entries(t_pol_ctx* ctx, t_color_list* list) {
   list->by_color.destroy();
-  while (t_color_entry* entry = list->entries.pop_front()) pol_free(entry, pol::MEM_COLOR_ENTRY);
+  while (t_color_entry* entry = list->entries.pop_front()) {
+    pol::directory_color(&ctx->directories.color, list->head, entry->color, false);
+    pol_free(entry, pol::MEM_COLOR_ENTRY);
+  }
   if (!list->entries.empty()) pol::crash();
 }
 
@@ -48,7 +51,7 @@ uint32_t pol_color_list_main_deinit(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
   void* cookie = nullptr;
   while (t_color_list* list = ctx->color_lists.drain(&cookie)) {
-    free_entries(list);
+    free_entries(ctx, list);
     if (!list->users.empty()) pol::crash();
     pol::named_release(list, pol::MEM_COLOR_LIST);
   }
@@ -85,6 +88,7 @@ uint32_t pol_color_list_add_entry(t_pol_ctx* ctx, const char* name, uint16_t col
     entry->color = color;
     list->entries.push_back(entry);
     list->by_color.insert(entry, where);
+    pol::directory_color(&ctx->directories.color, list->head, entry->color, true);
   }
   tell_all(ctx, *list);
   return POL_OK;
@@ -94,6 +98,7 @@ uint32_t pol_color_list_del_entry(t_pol_ctx* ctx, const char* name, uint16_t col
   t_color_list* list = pol_color_list_find(ctx, name);
   t_color_entry* entry = list != nullptr ? list->by_color.find(&color) : nullptr;
   if (entry == nullptr) return POL_OK;
+  pol::directory_color(&ctx->directories.color, list->head, entry->color, false);
   list->by_color.remove(entry);
   list->entries.remove(entry);
   pol_free(entry, pol::MEM_COLOR_ENTRY);
@@ -104,7 +109,7 @@ uint32_t pol_color_list_del_entry(t_pol_ctx* ctx, const char* name, uint16_t col
 uint32_t pol_color_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   t_color_list* list = pol_color_list_find(ctx, name);
   if (list == nullptr) return POL_OK;
-  free_entries(list);
+  free_entries(ctx, list);
   free_if_unused(ctx, list);
   return POL_OK;
 }

@@ -15,77 +15,9 @@ namespace {
 using Counts = PfxIndex::Counts;
 using SharedPlace = PfxIndex::SharedPlace;
 using Other = PfxIndex::Other;
-using Interval = PfxIndex::Interval;
 
 // The flag of a place at which elements are counted, else one stands alone.
 constexpr uint8_t kShared = 1;
-
-// Addresses as their bits from the top of the word, so that the next six are a shift away.
-uint64_t address_bits_v4(const t_ipaddr& addr) { return uint64_t{addr.addr.v4} << 32; }
-
-Bits128 address_bits_v6(const t_ipaddr& addr) {
-  Bits128 bits = 0;
-  for (uint8_t byte : addr.addr.v6) bits = (bits << 8) | byte;
-  return bits;
-}
-
-// The lengths that the element takes among prefixes that lie in it.
-Interval lengths_of(const t_pfx_entry& element) {
-  int own = element.len;
-  int min = element.min;
-  int max = element.max;
-  int low = 1;
-  int high = 0;
-  switch (element.op) {
-    case 0:
-    case POL_PFX_EQ:
-      low = own;
-      high = own;
-      break;
-    case POL_PFX_NE:
-      low = own + 1;
-      high = 255;
-      break;
-    case POL_PFX_RANGE:
-      low = min;
-      high = max;
-      break;
-    case POL_PFX_XRANGE:
-      low = min + 1;
-      high = max - 1;
-      break;
-    case POL_PFX_LE:
-      low = own;
-      high = max;
-      break;
-    case POL_PFX_LT:
-      low = own;
-      high = min - 1;
-      break;
-    case POL_PFX_GE:
-      low = min;
-      high = 255;
-      break;
-    case POL_PFX_GT:
-      low = min + 1;
-      high = 255;
-      break;
-    default:
-      break;
-  }
-  low = std::max(low, own);
-  if (low > high) return {1, 0};
-  return {static_cast<uint8_t>(low), static_cast<uint8_t>(high)};
-}
-
-bool takes_every_family(const t_pfx_entry& element) {
-  static constexpr uint8_t kZero[16] = {};
-  if (element.len != 0) return false;
-  if (element.op < POL_PFX_RANGE || element.op > POL_PFX_GT) return false;
-  if (element.op == POL_PFX_EQ || element.op == POL_PFX_NE) return false;
-  if (element.addr.family == KEL_AF_INET) return element.addr.addr.v4 == 0;
-  return memcmp(element.addr.addr.v6, kZero, sizeof kZero) == 0;
-}
 
 bool has_prefix(const t_pfx_entry& element, const t_ipprefix& prefix) {
   if (element.len != prefix.len) return false;
@@ -151,10 +83,10 @@ template <class Count>
                                                const t_ipprefix& prefix) {
   auto takes = [length = prefix.len](const TrieCell& cell) { return cell_takes(cell, length); };
   if (prefix.addr.family == KEL_AF_INET) {
-    return trie_visit<Count>(v4, address_bits_v4(prefix.addr), prefix.len, takes);
+    return trie_visit<Count>(v4, pfx_bits_v4(prefix.addr), prefix.len, takes);
   }
   if (prefix.addr.family == KEL_AF_INET6) {
-    return trie_visit<Count>(v6, address_bits_v6(prefix.addr), prefix.len, takes);
+    return trie_visit<Count>(v6, pfx_bits_v6(prefix.addr), prefix.len, takes);
   }
   return false;
 }
@@ -166,24 +98,81 @@ template <class Count>
 
 }  // namespace
 
+Interval pfx_lengths_of(const t_pfx_entry& element) {
+  int own = element.len;
+  int min = element.min;
+  int max = element.max;
+  int low = 1;
+  int high = 0;
+  switch (element.op) {
+    case 0:
+    case POL_PFX_EQ:
+      low = own;
+      high = own;
+      break;
+    case POL_PFX_NE:
+      low = own + 1;
+      high = 255;
+      break;
+    case POL_PFX_RANGE:
+      low = min;
+      high = max;
+      break;
+    case POL_PFX_XRANGE:
+      low = min + 1;
+      high = max - 1;
+      break;
+    case POL_PFX_LE:
+      low = own;
+      high = max;
+      break;
+    case POL_PFX_LT:
+      low = own;
+      high = min - 1;
+      break;
+    case POL_PFX_GE:
+      low = min;
+      high = 255;
+      break;
+    case POL_PFX_GT:
+      low = min + 1;
+      high = 255;
+      break;
+    default:
+      break;
+  }
+  low = std::max(low, own);
+  if (low > high) return {1, 0};
+  return {static_cast<uint8_t>(low), static_cast<uint8_t>(high)};
+}
+
+bool pfx_takes_every_family(const t_pfx_entry& element) {
+  static constexpr uint8_t kZero[16] = {};
+  if (element.len != 0) return false;
+  if (element.op < POL_PFX_RANGE || element.op > POL_PFX_GT) return false;
+  if (element.op == POL_PFX_EQ || element.op == POL_PFX_NE) return false;
+  if (element.addr.family == KEL_AF_INET) return element.addr.addr.v4 == 0;
+  return memcmp(element.addr.addr.v6, kZero, sizeof kZero) == 0;
+}
+
 // REQUIRES, these three: a family with a trie.
 TrieCell* PfxIndex::cell_find(const t_ipaddr& addr, unsigned length) const {
-  if (addr.family == KEL_AF_INET) return v4_.find(address_bits_v4(addr), std::min(length, 32u));
-  return v6_.find(address_bits_v6(addr), std::min(length, 128u));
+  if (addr.family == KEL_AF_INET) return v4_.find(pfx_bits_v4(addr), std::min(length, 32u));
+  return v6_.find(pfx_bits_v6(addr), std::min(length, 128u));
 }
 
 TrieCell* PfxIndex::cell_find_or_add(const t_ipaddr& addr, unsigned length) {
   if (addr.family == KEL_AF_INET) {
-    return v4_.find_or_add(&arena_, address_bits_v4(addr), std::min(length, 32u));
+    return v4_.find_or_add(&arena_, pfx_bits_v4(addr), std::min(length, 32u));
   }
-  return v6_.find_or_add(&arena_, address_bits_v6(addr), std::min(length, 128u));
+  return v6_.find_or_add(&arena_, pfx_bits_v6(addr), std::min(length, 128u));
 }
 
 void PfxIndex::cell_remove(const t_ipaddr& addr, unsigned length) {
   if (addr.family == KEL_AF_INET) {
-    v4_.remove(&arena_, address_bits_v4(addr), std::min(length, 32u));
+    v4_.remove(&arena_, pfx_bits_v4(addr), std::min(length, 32u));
   } else {
-    v6_.remove(&arena_, address_bits_v6(addr), std::min(length, 128u));
+    v6_.remove(&arena_, pfx_bits_v6(addr), std::min(length, 128u));
   }
   if (v4_.empty() && v6_.empty()) arena_.release();
 }
@@ -281,15 +270,15 @@ t_pfx_entry* PfxIndex::find(const t_ipprefix& prefix) const {
 }
 
 bool PfxIndex::add(t_pfx_entry* element) {
-  const Interval lengths = lengths_of(*element);
-  if (takes_every_family(*element)) return enter_any(element, lengths, false);
+  const Interval lengths = pfx_lengths_of(*element);
+  if (pfx_takes_every_family(*element)) return enter_any(element, lengths, false);
   if (!is_indexed(element->addr.family)) return add_other(element);
   return enter_trie(element, lengths, false);
 }
 
 void PfxIndex::remove(t_pfx_entry* element) {
-  const Interval lengths = lengths_of(*element);
-  if (takes_every_family(*element)) return leave_any(element, lengths, false);
+  const Interval lengths = pfx_lengths_of(*element);
+  if (pfx_takes_every_family(*element)) return leave_any(element, lengths, false);
   if (!is_indexed(element->addr.family)) return remove_other(element);
   leave_trie(element, lengths, false);
 }
@@ -299,11 +288,11 @@ bool PfxIndex::change(t_pfx_entry* element, const t_pol_pfx_record& how) {
   changed.op = static_cast<uint8_t>(std::min<uint32_t>(how.op, UINT8_MAX));
   changed.min = how.min;
   changed.max = how.max;
-  const Interval old = lengths_of(*element);
-  const Interval lengths = lengths_of(changed);
-  const bool was_any = takes_every_family(*element);
+  const Interval old = pfx_lengths_of(*element);
+  const Interval lengths = pfx_lengths_of(changed);
+  const bool was_any = pfx_takes_every_family(*element);
   const bool trie = is_indexed(element->addr.family);
-  if (was_any != takes_every_family(changed)) {
+  if (was_any != pfx_takes_every_family(changed)) {
     // The new place is taken before the old one is given up, so that running out of memory changes nothing.
     if (was_any) {
       if (trie && !enter_trie(element, lengths, true)) return false;

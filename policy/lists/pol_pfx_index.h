@@ -34,6 +34,26 @@ struct t_pfx_entry {
 
 namespace pol {
 
+// Lengths of prefixes; none when low is above high.
+struct Interval {
+  uint8_t low;
+  uint8_t high;
+};
+
+// The lengths that the element takes among prefixes that lie in it: none is below its own.
+Interval pfx_lengths_of(const t_pfx_entry& element);
+// Elements 0/0 with an operator on the bounds take prefixes of every family by length alone.
+bool pfx_takes_every_family(const t_pfx_entry& element);
+
+// Addresses as their bits from the top of the word.
+inline uint64_t pfx_bits_v4(const t_ipaddr& addr) { return uint64_t{addr.addr.v4} << 32; }
+
+inline Bits128 pfx_bits_v6(const t_ipaddr& addr) {
+  Bits128 bits = 0;
+  for (uint8_t byte : addr.addr.v6) bits = (bits << 8) | byte;
+  return bits;
+}
+
 class PfxIndex {
  public:
   // The element with that address and length. Meeting one of the prefix's own family that is neither IPv4 nor
@@ -64,11 +84,6 @@ class PfxIndex {
     t_pfx_entry* element;
   };
 
-  struct Interval {
-    uint8_t low;
-    uint8_t high;
-  };
-
  private:
   TrieCell* cell_find(const t_ipaddr& addr, unsigned length) const;
   TrieCell* cell_find_or_add(const t_ipaddr& addr, unsigned length);
@@ -85,8 +100,7 @@ class PfxIndex {
   Arena arena_;
   PrefixTrie<uint64_t> v4_;
   PrefixTrie<Bits128> v6_;
-  // Elements 0/0 with an operator on the bounds take prefixes of every family by length alone.
-  Counts* any_;
+  Counts* any_;  // of elements that take every family
   bool has_others_;  // and so a tree that was made
   AvlTree<Other> others_;
 };

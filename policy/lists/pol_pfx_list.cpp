@@ -15,9 +15,12 @@
 
 namespace {
 
-void free_entries(t_pfx_list* list) {
+void free_entries(t_pol_ctx* ctx, t_pfx_list* list) {
   list->index.clear();
-  while (t_pfx_entry* entry = list->entries.pop_front()) pol_free(entry, pol::MEM_PFX_ENTRY);
+  while (t_pfx_entry* entry = list->entries.pop_front()) {
+    pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
+    pol_free(entry, pol::MEM_PFX_ENTRY);
+  }
   if (!list->entries.empty()) pol::crash();
 }
 
@@ -38,7 +41,7 @@ t_pfx_entry* find_entry(t_pol_ctx* ctx, const char* name, const t_pol_pfx_record
 }
 
 // A new element with its place in the index, or null and nothing changed.
-t_pfx_entry* entry_create(t_pfx_list* list, const t_pol_pfx_record& record) {
+t_pfx_entry* entry_create(t_pol_ctx* ctx, t_pfx_list* list, const t_pol_pfx_record& record) {
   auto* entry = pol::alloc<t_pfx_entry>(pol::MEM_PFX_ENTRY);
   if (entry == nullptr) return nullptr;
   entry->addr.family = record.prefix.addr.family;
@@ -56,6 +59,7 @@ t_pfx_entry* entry_create(t_pfx_list* list, const t_pol_pfx_record& record) {
     return nullptr;
   }
   list->entries.push_back(entry);
+  pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, true);
   return entry;
 }
 
@@ -76,7 +80,7 @@ uint32_t pol_pfx_list_main_deinit(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
   void* cookie = nullptr;
   while (t_pfx_list* list = ctx->pfx_lists.drain(&cookie)) {
-    free_entries(list);
+    free_entries(ctx, list);
     if (!list->users.empty()) pol::crash();
     pol::named_release(list, pol::MEM_PFX_LIST);
   }
@@ -92,8 +96,11 @@ uint32_t pol_pfx_list_entry_add(t_pol_ctx* ctx, const char* name, const t_pol_pf
   if (list == nullptr) return POL_ENOMEM;
   t_pfx_entry* entry = list->index.find(record->prefix);
   if (entry != nullptr) {
+    const t_pfx_entry before = *entry;
     if (!list->index.change(entry, *record)) return POL_ENOMEM;
-  } else if (entry_create(list, *record) == nullptr) {
+    pol::directory_prefix(&ctx->directories.pfx, list->head, before, false);
+    pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, true);
+  } else if (entry_create(ctx, list, *record) == nullptr) {
     if (created != 0) {
       if (!list->entries.empty() || !list->users.empty()) pol::crash();
       pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
@@ -109,6 +116,7 @@ uint32_t pol_pfx_list_del_entry(t_pol_ctx* ctx, const char* name, const t_pol_pf
   t_pfx_list* list = nullptr;
   t_pfx_entry* entry = find_entry(ctx, name, *record, &list);
   if (entry == nullptr) return POL_OK;
+  pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
   list->index.remove(entry);
   list->entries.remove(entry);
   pol_free(entry, pol::MEM_PFX_ENTRY);
@@ -120,7 +128,7 @@ uint32_t pol_pfx_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   if (ctx == nullptr || name == nullptr) return POL_OK;
   t_pfx_list* list = pol::named_find(ctx->pfx_lists, name);
   if (list == nullptr) return POL_OK;
-  free_entries(list);
+  free_entries(ctx, list);
   free_if_unused(ctx, list);
   return POL_OK;
 }

@@ -14,8 +14,11 @@ bool unused(const t_site_list& list) {
   return list.entries.empty() && list.pol_users.empty() && list.list_user == nullptr;
 }
 
-void free_entries(t_site_list* list) {
-  list->entries.clear([](pol::RangeNode* node) { pol_free(node, pol::MEM_SITE_ENTRY); });
+void free_entries(t_pol_ctx* ctx, t_site_list* list) {
+  list->entries.clear([ctx, list](pol::RangeNode* node) {
+    pol::directory_range(&ctx->directories.site, list->head, node->low, node->high, false);
+    pol_free(node, pol::MEM_SITE_ENTRY);
+  });
   if (!list->entries.empty()) pol::crash();
 }
 
@@ -51,7 +54,7 @@ uint32_t pol_site_list_main_deinit(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
   void* cookie = nullptr;
   while (t_site_list* list = ctx->site_lists.drain(&cookie)) {
-    free_entries(list);
+    free_entries(ctx, list);
     if (!list->pol_users.empty()) pol::crash();
     // On purpose: the record is the registrant's to forget and stays; only its way to the list is
     // cut.
@@ -80,6 +83,7 @@ uint32_t pol_site_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
   entry->range.low = low;
   entry->range.high = high;
   list->entries.add(&entry->range);
+  pol::directory_range(&ctx->directories.site, list->head, low, high, true);
   tell_all(ctx, list);
   return POL_OK;
 }
@@ -96,6 +100,7 @@ uint32_t pol_site_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
   if (entry == nullptr) return POL_OK;
   t_site_list* list = pol::named_find(ctx->site_lists, name);
   list->entries.remove(&entry->range);
+  pol::directory_range(&ctx->directories.site, list->head, low, high, false);
   pol_free(entry, pol::MEM_SITE_ENTRY);
   tell_all(ctx, list);
   return POL_OK;
@@ -105,7 +110,7 @@ uint32_t pol_site_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   if (ctx == nullptr || name == nullptr) return POL_OK;
   t_site_list* list = pol::named_find(ctx->site_lists, name);
   if (list == nullptr) return POL_OK;
-  free_entries(list);
+  free_entries(ctx, list);
   free_if_unused(ctx, list);
   return POL_OK;
 }

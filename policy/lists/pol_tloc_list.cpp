@@ -36,9 +36,12 @@ bool unused(const t_tloc_list& list) {
   return list.entries.empty() && list.users.empty() && list.action_users.empty();
 }
 
-void free_entries(t_tloc_list* list) {
+void free_entries(t_pol_ctx* ctx, t_tloc_list* list) {
   list->by_tloc.destroy();
-  while (t_tloc_entry* entry = list->entries.pop_front()) pol_free(entry, pol::MEM_TLOC_ENTRY);
+  while (t_tloc_entry* entry = list->entries.pop_front()) {
+    pol::directory_tloc(&ctx->directories.tloc, list->head, entry->tloc, false);
+    pol_free(entry, pol::MEM_TLOC_ENTRY);
+  }
   if (!list->entries.empty()) pol::crash();
 }
 
@@ -115,7 +118,7 @@ uint32_t pol_tloc_list_main_deinit(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
   void* cookie = nullptr;
   while (t_tloc_list* list = ctx->tloc_lists.drain(&cookie)) {
-    free_entries(list);
+    free_entries(ctx, list);
     node_free(ctx, list, false);
   }
   ctx->tloc_lists.destroy();
@@ -151,6 +154,7 @@ uint32_t pol_tloc_list_add_entry(t_pol_ctx* ctx, const char* name, const t_tloc_
     entry->tloc = pol::tloc_stored(*tloc);
     list->entries.push_back(entry);
     list->by_tloc.insert(entry, where);
+    pol::directory_tloc(&ctx->directories.tloc, list->head, entry->tloc, true);
   }
   entry->preference = preference;
   // A list made by this very add has no actions whose labels could be pending.
@@ -166,6 +170,7 @@ uint32_t pol_tloc_list_del_entry(t_pol_ctx* ctx, const char* name, const t_tloc_
       1;  // on purpose before the look-up: a missed delete still has the text fetched again
   t_tloc_entry* entry = list->by_tloc.find(tloc);
   if (entry == nullptr) return POL_OK;
+  pol::directory_tloc(&ctx->directories.tloc, list->head, entry->tloc, false);
   list->by_tloc.remove(entry);
   list->entries.remove(entry);
   pol_free(entry, pol::MEM_TLOC_ENTRY);
@@ -177,7 +182,7 @@ uint32_t pol_tloc_list_del_entry(t_pol_ctx* ctx, const char* name, const t_tloc_
 uint32_t pol_tloc_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   t_tloc_list* list = pol_tloc_list_find(ctx, name);
   if (list == nullptr) return POL_OK;
-  free_entries(list);
+  free_entries(ctx, list);
   if (unused(*list)) node_free(ctx, list, true);
   return POL_OK;
 }

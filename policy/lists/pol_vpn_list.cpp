@@ -14,8 +14,11 @@ bool unused(const t_vpn_list& list) {
          list.fwd_pol_users.empty();
 }
 
-void free_entries(t_vpn_list* list) {
-  list->entries.clear([](pol::RangeNode* node) { pol_free(node, pol::MEM_VPN_ENTRY); });
+void free_entries(t_pol_ctx* ctx, t_vpn_list* list) {
+  list->entries.clear([ctx, list](pol::RangeNode* node) {
+    pol::directory_range(&ctx->directories.vpn, list->head, node->low, node->high, false);
+    pol_free(node, pol::MEM_VPN_ENTRY);
+  });
   if (!list->entries.empty()) pol::crash();
 }
 
@@ -72,7 +75,7 @@ uint32_t pol_vpn_list_main_deinit(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
   void* cookie = nullptr;
   while (t_vpn_list* list = ctx->vpn_lists.drain(&cookie)) {
-    free_entries(list);
+    free_entries(ctx, list);
     node_free(ctx, list, false);
   }
   ctx->vpn_lists.destroy();
@@ -95,6 +98,7 @@ uint32_t pol_vpn_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
   entry->range.low = low;
   entry->range.high = high;
   list->entries.add(&entry->range);
+  pol::directory_range(&ctx->directories.vpn, list->head, low, high, true);
   tell_all(ctx, *list);
   return POL_OK;
 }
@@ -116,6 +120,7 @@ uint32_t pol_vpn_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
   pol::RangeNode* range = list->entries.find(low, high);
   if (range == nullptr) return POL_OK;
   list->entries.remove(range);
+  pol::directory_range(&ctx->directories.vpn, list->head, low, high, false);
   pol_free(range, pol::MEM_VPN_ENTRY);
   tell_all(ctx, *list);
   return POL_OK;
@@ -125,7 +130,7 @@ uint32_t pol_vpn_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   if (ctx == nullptr || name == nullptr) return POL_OK;
   t_vpn_list* list = pol::named_find(ctx->vpn_lists, name);
   if (list == nullptr) return POL_OK;
-  free_entries(list);
+  free_entries(ctx, list);
   if (unused(*list)) node_free(ctx, list, true);
   return POL_OK;
 }

@@ -156,18 +156,7 @@ uint32_t apply_sets(const t_pol_user& user, const t_pol_set& set, uint32_t flags
   const bool route = query->match_type == POL_MATCH_ROUTE;
   const bool outbound = user.direction == POL_DIR_OUT;
   bool resolved = true;
-  if (route || query->match_type == POL_MATCH_TLOC) {
-    if ((flags & POL_SET_F_TAG) != 0) {
-      query->attr_copy.tag = set.tag;
-      query->attr_copy.present |= POL_ATTR_TAG;
-      query->applied |= POL_APPLIED_TAG;
-    }
-    if ((flags & POL_SET_F_PREF) != 0) {
-      query->attr_copy.preference = set.preference;
-      query->attr_copy.present |= POL_ATTR_PREF;
-      query->applied |= POL_APPLIED_PREF;
-    }
-  }
+  apply_plain_sets(set, flags, query);
   if (!route) return POL_ACCEPT;
   if ((flags & POL_SET_F_TLOC) != 0) {
     resolved &= set_tloc(user, set, query);
