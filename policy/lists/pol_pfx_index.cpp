@@ -155,6 +155,46 @@ bool pfx_takes_every_family(const t_pfx_entry& element) {
   return memcmp(element.addr.addr.v6, kZero, sizeof kZero) == 0;
 }
 
+namespace {
+
+template <class Bits>
+struct Keys {
+  Bits keys[PfxIndex::kFetched];
+  uint8_t lengths[PfxIndex::kFetched];
+  unsigned count = 0;
+
+  void add(Bits key, uint8_t length) {
+    keys[count] = key;
+    lengths[count++] = length;
+  }
+};
+
+[[gnu::target("popcnt")]] void fetch_by_instruction(const TrieCell* v4, const TrieCell* v6,
+                                                    Keys<uint64_t>* narrow, Keys<Bits128>* wide) {
+  trie_fetch<CountByInstruction>(v4, narrow->keys, narrow->lengths, narrow->count);
+  trie_fetch<CountByInstruction>(v6, wide->keys, wide->lengths, wide->count);
+}
+
+}  // namespace
+
+void pfx_fetch(const TrieCell* v4, const TrieCell* v6, const t_ipprefix* const* prefixes,
+               unsigned count) {
+  // Without the instruction, counting bits costs what waiting less saves.
+  if (!g_cpu_counts) return;
+  Keys<uint64_t> narrow;
+  Keys<Bits128> wide;
+  for (unsigned i = 0; i < count; ++i) {
+    const t_ipprefix& prefix = *prefixes[i];
+    if (prefix.addr.family == KEL_AF_INET) narrow.add(pfx_bits_v4(prefix.addr), prefix.len);
+    if (prefix.addr.family == KEL_AF_INET6) wide.add(pfx_bits_v6(prefix.addr), prefix.len);
+  }
+  fetch_by_instruction(v4, v6, &narrow, &wide);
+}
+
+void PfxIndex::fetch(const t_ipprefix* const* prefixes, unsigned count) const {
+  pfx_fetch(v4_.root(), v6_.root(), prefixes, count);
+}
+
 // REQUIRES, these three: a family with a trie.
 TrieCell* PfxIndex::cell_find(const t_ipaddr& addr, unsigned length) const {
   if (addr.family == KEL_AF_INET) return v4_.find(pfx_bits_v4(addr), std::min(length, 32u));

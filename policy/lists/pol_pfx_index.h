@@ -54,6 +54,10 @@ inline Bits128 pfx_bits_v6(const t_ipaddr& addr) {
   return bits;
 }
 
+// As PfxIndex::fetch, for any tries over prefixes.
+void pfx_fetch(const TrieCell* v4, const TrieCell* v6, const t_ipprefix* const* prefixes,
+               unsigned count);
+
 class PfxIndex {
  public:
   // The element with that address and length. Meeting one of the prefix's own family that is neither IPv4 nor
@@ -66,6 +70,9 @@ class PfxIndex {
   // Gives an element that was added the operator and bounds of `how`; false as add.
   [[nodiscard]] bool change(t_pfx_entry* element, const t_pol_pfx_record& how);
   bool matches(const t_ipprefix& prefix) const;
+  // Has the memory fetched that `matches` is about to read for these prefixes, at most kFetched.
+  static constexpr unsigned kFetched = 16;
+  void fetch(const t_ipprefix* const* prefixes, unsigned count) const;
   // Forgets all elements.
   void clear();
 

@@ -19,7 +19,7 @@ void free_entries(t_pol_ctx* ctx, t_pfx_list* list) {
   list->index.clear();
   while (t_pfx_entry* entry = list->entries.pop_front()) {
     pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
-    pol_free(entry, pol::MEM_PFX_ENTRY);
+    list->records.give(entry);
   }
   if (!list->entries.empty()) pol::crash();
 }
@@ -42,7 +42,7 @@ t_pfx_entry* find_entry(t_pol_ctx* ctx, const char* name, const t_pol_pfx_record
 
 // A new element with its place in the index, or null and nothing changed.
 t_pfx_entry* entry_create(t_pol_ctx* ctx, t_pfx_list* list, const t_pol_pfx_record& record) {
-  auto* entry = pol::alloc<t_pfx_entry>(pol::MEM_PFX_ENTRY);
+  auto* entry = list->records.make();
   if (entry == nullptr) return nullptr;
   entry->addr.family = record.prefix.addr.family;
   if (record.prefix.addr.family == KEL_AF_INET) {
@@ -55,7 +55,7 @@ t_pfx_entry* entry_create(t_pol_ctx* ctx, t_pfx_list* list, const t_pol_pfx_reco
   entry->min = record.min;
   entry->max = record.max;
   if (!list->index.add(entry)) {
-    pol_free(entry, pol::MEM_PFX_ENTRY);
+    list->records.give(entry);
     return nullptr;
   }
   list->entries.push_back(entry);
@@ -119,7 +119,7 @@ uint32_t pol_pfx_list_del_entry(t_pol_ctx* ctx, const char* name, const t_pol_pf
   pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
   list->index.remove(entry);
   list->entries.remove(entry);
-  pol_free(entry, pol::MEM_PFX_ENTRY);
+  list->records.give(entry);
   tell_all(ctx, *list);
   return POL_OK;
 }

@@ -17,7 +17,7 @@ bool unused(const t_site_list& list) {
 void free_entries(t_pol_ctx* ctx, t_site_list* list) {
   list->entries.clear([ctx, list](pol::RangeNode* node) {
     pol::directory_range(&ctx->directories.site, list->head, node->low, node->high, false);
-    pol_free(node, pol::MEM_SITE_ENTRY);
+    list->records.give(reinterpret_cast<t_site_entry*>(node));
   });
   if (!list->entries.empty()) pol::crash();
 }
@@ -72,7 +72,7 @@ uint32_t pol_site_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
   t_site_list* list = find_or_create(ctx, name, &created);
   if (list == nullptr) return POL_ENOMEM;
   if (list->entries.find(low, high) != nullptr) return POL_OK;
-  auto* entry = pol::alloc<t_site_entry>(pol::MEM_SITE_ENTRY);
+  auto* entry = list->records.make();
   if (entry == nullptr) {
     if (created != 0) {
       if (!list->entries.empty() || !list->pol_users.empty()) pol::crash();
@@ -101,7 +101,7 @@ uint32_t pol_site_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
   t_site_list* list = pol::named_find(ctx->site_lists, name);
   list->entries.remove(&entry->range);
   pol::directory_range(&ctx->directories.site, list->head, low, high, false);
-  pol_free(entry, pol::MEM_SITE_ENTRY);
+  list->records.give(entry);
   tell_all(ctx, list);
   return POL_OK;
 }

@@ -17,7 +17,7 @@ bool unused(const t_vpn_list& list) {
 void free_entries(t_pol_ctx* ctx, t_vpn_list* list) {
   list->entries.clear([ctx, list](pol::RangeNode* node) {
     pol::directory_range(&ctx->directories.vpn, list->head, node->low, node->high, false);
-    pol_free(node, pol::MEM_VPN_ENTRY);
+    list->records.give(reinterpret_cast<t_pol_vpn_entry*>(node));
   });
   if (!list->entries.empty()) pol::crash();
 }
@@ -90,7 +90,7 @@ uint32_t pol_vpn_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
   if (list == nullptr) return POL_ENOMEM;
   if (list->entries.find(low, high) != nullptr) return POL_OK;
   list->changed = 1;
-  auto* entry = pol::alloc<t_pol_vpn_entry>(pol::MEM_VPN_ENTRY);
+  auto* entry = list->records.make();
   if (entry == nullptr) {
     if (created != 0) node_free(ctx, list, true);
     return POL_ENOMEM;
@@ -121,7 +121,7 @@ uint32_t pol_vpn_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
   if (range == nullptr) return POL_OK;
   list->entries.remove(range);
   pol::directory_range(&ctx->directories.vpn, list->head, low, high, false);
-  pol_free(range, pol::MEM_VPN_ENTRY);
+  list->records.give(reinterpret_cast<t_pol_vpn_entry*>(range));
   tell_all(ctx, *list);
   return POL_OK;
 }

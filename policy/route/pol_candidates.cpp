@@ -32,6 +32,29 @@ bool candidates_usable(const PolicyIndex& index, const t_pol_route_query& query,
          (attr.present & POL_ATTR_ORIGINATOR) == 0 || known(attr.originator.family);
 }
 
+void candidates_fetch(const PolicyIndex& index, const t_pol_route_query* queries, unsigned count) {
+  const t_ipprefix* prefixes[PfxIndex::kFetched];
+  for (unsigned i = 0; i < count; ++i) prefixes[i] = &queries[i].prefix;
+  for (unsigned i = 0; i < index.field_count; ++i) {
+    const IndexField& field = index.fields[i];
+    if (field.kind == INDEX_TAG) {
+      for (unsigned k = 0; k < count; ++k) {
+        const t_pol_route_attr* attr = queries[k].attr;
+        if (attr != nullptr) __builtin_prefetch(field.slots + (field.hash(attr->tag) & field.mask));
+      }
+    }
+    if (field.kind != INDEX_PFX_LIST) continue;
+    if (field.generation != 0) {
+      const ListDirectory& directory = index.directories->pfx;
+      pfx_fetch(directory.narrow.root(), directory.wide.root(), prefixes, count);
+    } else {
+      for (unsigned k = 0; k < field.list_count; ++k) {
+        reinterpret_cast<const t_pfx_list*>(field.lists[k])->index.fetch(prefixes, count);
+      }
+    }
+  }
+}
+
 Candidates::Candidates(const PolicyIndex& index, const t_pol_route_query& query,
                        const t_pol_route_attr& attr)
     : index_(index), query_(query), attr_(attr), tloc_(tloc_of(query, attr)) {

@@ -18,6 +18,10 @@ namespace pol {
 bool candidates_usable(const PolicyIndex& index, const t_pol_route_query& query,
                        const t_pol_route_attr& attr);
 
+// Has the memory fetched in which a policy of many sequences finds its candidates for these queries, at
+// most PfxIndex::kFetched.
+void candidates_fetch(const PolicyIndex& index, const t_pol_route_query* queries, unsigned count);
+
 class Candidates {
  public:
   Candidates(const PolicyIndex& index, const t_pol_route_query& query,
