@@ -190,63 +190,75 @@ bool Candidates::ask_next_field() {
   if (asked_ == index_.field_count) return false;
   const IndexField& field = index_.fields[asked_++];
   const unsigned cursors = cursor_count_;
-  Set& set = sets_[set_count_];
-  set = {&field, cursors_ + cursors, 0};
+  sets_[set_count_] = {&field, field.any, cursors_ + cursors, 0, kNone, 0, 0};
   const bool fits = cursors + kMostValues <= kMostCursors;
-  if (fits && values_of(field)) {
-    ++set_count_;
-  } else {
+  if (!fits || !values_of(field)) {
     cursor_count_ = cursors;
+    return true;
+  }
+  move_to(&sets_[set_count_], at_);
+  // What leaves the fewest goes first.
+  for (unsigned i = set_count_++; i > 0; --i) {
+    if (sets_[i - 1].field->without <= sets_[i].field->without) break;
+    std::swap(sets_[i - 1], sets_[i]);
   }
   return true;
 }
 
-// The first word from `at` on that is not zero; kNone when there is none.
-uint32_t Candidates::word_from(Set* set, uint32_t at) {
-  const IndexField& field = *set->field;
-  uint32_t first = kNone;
+void Candidates::move_to(Set* set, uint32_t at) const {
+  set->at = at;
+  set->bits = 0;
+  set->next_at = kNone;
   for (uint32_t i = 0; i < set->count; ++i) {
     Cursor& cursor = set->cursors[i];
     while (cursor.at < at && cursor.next != 0) {
-      const IndexWord& word = field.more[cursor.next - 1];
+      const IndexWord& word = set->field->more[cursor.next - 1];
       cursor = {word.bits, word.at, word.next};
     }
-    if (cursor.at >= at) first = std::min(first, cursor.at);
+    uint32_t beyond = cursor.at;
+    if (cursor.at == at) {
+      set->bits |= cursor.bits;
+      beyond = cursor.next != 0 ? set->field->more[cursor.next - 1].at : at;
+    }
+    if (beyond > at) set->next_at = std::min(set->next_at, beyond);
   }
-  if (field.any == nullptr || first == at) return first;
-  uint32_t group = at / 64;
-  uint64_t words = field.any_words[group] & ~uint64_t{0} << at % 64;
-  for (const uint32_t groups = (index_.words + 63) / 64; words == 0;) {
-    if (++group == groups || group * 64 > first) return first;
-    words = field.any_words[group];
-  }
-  return std::min(first, group * 64 + static_cast<uint32_t>(__builtin_ctzll(words)));
 }
 
-uint64_t Candidates::word_at(const Set& set) const {
-  uint64_t word = set.field->any != nullptr ? set.field->any[at_] : 0;
-  for (uint32_t i = 0; i < set.count; ++i) {
-    if (set.cursors[i].at == at_) word |= set.cursors[i].bits;
+inline uint64_t Candidates::word_of(Set* set, uint32_t at) const {
+  if (set->at != at) {
+    if (set->next_at <= at) {
+      move_to(set, at);
+    } else {
+      set->at = at;
+      set->bits = 0;
+    }
   }
-  return word;
+  return set->any != nullptr ? set->any[at] | set->bits : set->bits;
+}
+
+// The first word beyond `at` in which the set has something; kNone when there is none.
+uint32_t Candidates::word_after(const Set& set, uint32_t at) const {
+  const uint32_t first = set.next_at;
+  if (set.any == nullptr || first == at + 1 || at + 1 == index_.words) return first;
+  const uint64_t* words = set.field->any_words;
+  uint32_t group = (at + 1) / 64;
+  uint64_t left = words[group] & ~uint64_t{0} << (at + 1) % 64;
+  for (const uint32_t groups = (index_.words + 63) / 64; left == 0;) {
+    if (++group == groups || group * 64 > first) return first;
+    left = words[group];
+  }
+  return std::min(first, group * 64 + static_cast<uint32_t>(__builtin_ctzll(left)));
 }
 
 // Goes to the first word from `at_` on in which all sets have something. False when there is none.
 bool Candidates::seek() {
   while (at_ < index_.words) {
-    uint32_t furthest = at_;
-    for (unsigned i = 0; i < set_count_ && furthest == at_; ++i) {
-      furthest = word_from(&sets_[i], at_);
-    }
-    if (furthest == at_) {
-      word_ = ~uint64_t{0};
-      for (unsigned i = 0; i < set_count_; ++i) word_ &= word_at(sets_[i]);
-      const uint32_t rest = index_.count - at_ * 64;
-      if (rest < 64) word_ &= (uint64_t{1} << rest) - 1;
-      if (word_ != 0) return true;
-      ++furthest;
-    }
-    at_ = std::min(furthest, index_.words);
+    const uint32_t rest = index_.count - at_ * 64;
+    word_ = rest < 64 ? (uint64_t{1} << rest) - 1 : ~uint64_t{0};
+    unsigned i = 0;
+    for (; i < set_count_ && word_ != 0; ++i) word_ &= word_of(&sets_[i], at_);
+    if (word_ != 0) return true;
+    at_ = std::min(word_after(sets_[i - 1], at_), index_.words);
   }
   return false;
 }
@@ -262,16 +274,11 @@ const t_pol_entry* Candidates::next() {
       // Trying one or two is cheaper than asking for more lists, but not one after the other.
       const uint64_t more = word_ & (word_ - 1);
       const bool several = is_list(index_.fields[asked_]) ? (more & (more - 1)) != 0 : more != 0;
-      if (several || given_ >= 2) {
+      if (several || given_ >= 3) {
         const unsigned sets = set_count_;
         ask_next_field();
-        if (set_count_ != sets) {
-          // The new set's cursors have to come up to this word.
-          if (word_from(&sets_[sets], at_) == at_) {
-            word_ &= word_at(sets_[sets]);
-          } else {
-            word_ = 0;
-          }
+        for (unsigned i = 0; set_count_ != sets && i < set_count_; ++i) {
+          word_ &= word_of(&sets_[i], at_);
         }
         continue;
       }

@@ -38,8 +38,12 @@ class Candidates {
   };
   struct Set {
     const IndexField* field;
+    const uint64_t* any;
     Cursor* cursors;
     uint32_t count;
+    uint32_t at;  // the word that `bits` are of; the cursors stand there or beyond
+    uint32_t next_at;  // where a cursor stands beyond it; kNone when none does
+    uint64_t bits;
   };
   // More values than that of one route rule nothing out.
   static constexpr unsigned kMostValues = 24;
@@ -52,8 +56,9 @@ class Candidates {
   void add_value(const IndexField& field, uint64_t key);
   bool add_lists(const IndexField& field, const NamedHead* const* lists, unsigned count);
   bool seek();
-  uint32_t word_from(Set* set, uint32_t at);
-  uint64_t word_at(const Set& set) const;
+  void move_to(Set* set, uint32_t at) const;
+  uint64_t word_of(Set* set, uint32_t at) const;
+  uint32_t word_after(const Set& set, uint32_t at) const;
 
   const PolicyIndex& index_;
   const t_pol_route_query& query_;
