@@ -56,14 +56,21 @@ constexpr LoadRow kLoads[] = {
     {"W4   prefixes, delete", "W4/prefixes/delete/", {1000, 10000, 100000}, 0},
     {"W4   site ranges, add", "W4/sites/add/", {1000, 10000, 100000}, 100},
     {"W4   site ranges, delete", "W4/sites/delete/", {1000, 10000, 100000}, 0},
+    {"made and unmade: prefixes", "scale/prefixes/", {10000, 100000, 1000000}, 0},
+    {"made and unmade: sequences", "scale/sequences/", {1000, 10000, 100000}, 0},
+    {"made and unmade: policies of 10", "scale/policies/", {100, 1000, 10000}, 0},
+    {"made and unmade: users", "scale/users/", {1000, 10000, 100000}, 0},
     {"W4   sequences, add", "W4/sequences/add/", {10, 100, 1000}, 0},
     {"W4   sequences, delete", "W4/sequences/delete/", {10, 100, 1000}, 0},
 };
 
 constexpr Row kBytes[] = {
-    {"W5   100,000 prefixes", "W5/prefixes", 150, nullptr},
-    {"W5   100,000 clustered", "W5/clustered", 150, nullptr},
-    {"W5   the largest country", "W5/country", 150, nullptr},
+    {"W5   100,000 prefixes", "W5/prefixes", 130, nullptr},
+    {"W5   100,000 clustered", "W5/clustered", 130, nullptr},
+    {"W5   the largest country", "W5/country", 130, nullptr},
+    {"W5   100,000, in the directory", "W5/listed", 130, nullptr},
+    {"W5   200,000 of IPv6", "W5/ipv6", 200, nullptr},
+    {"W5   10,000 tags, the index", "W5/index", 100, nullptr},
     {"W5   100,000 site ranges", "W5/sites", 150, nullptr},
 };
 

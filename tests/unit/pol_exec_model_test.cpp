@@ -8,12 +8,14 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <iterator>
 #include <map>
 #include <optional>
 #include <random>
+#include <thread>
 #include <type_traits>
 
 #include "core/pol_policy_index.h"
@@ -393,6 +395,10 @@ class Twin {
     const uint32_t direction = POL_DIR_IN + pick(2);
     const t_pol_route_attr asked = attr;
     t_pol_route_query indexed = query;
+    // Unlike but for the last: what one of a batch leaves behind is not the next one's.
+    t_pol_route_query batch[3] = {query, query, query};
+    batch[0].match_type = POL_MATCH_TLOC;
+    batch[1].prefix.len /= 2;
     const Verdict expected = model_.evaluate(query, query_tloc, route_tloc, direction);
     Failures failures;
     auto note = [](const t_pol_explain_step* step, void* arg) {
@@ -425,8 +431,47 @@ class Twin {
     RC_ASSERT(alike);
     RC_ASSERT(query.vpn_count == 0 || memcmp(indexed.vpn_array, query.vpn_array,
                                              query.vpn_count * sizeof *query.vpn_array) == 0);
+    uint32_t actions[3];
+    pol_execute_batch(users_[direction - 1], batch, 3, actions);
+    RC_ASSERT(std::tuple(actions[2], batch[2].matched, batch[2].applied, batch[2].vpn_count) ==
+              std::tuple(action, query.matched, query.applied, query.vpn_count));
+    RC_ASSERT(memcmp(&batch[2].attr_copy, &query.attr_copy, sizeof query.attr_copy) == 0);
+    for (t_pol_route_query& one : batch) pol_post_execute(&one);
     pol_post_execute(&indexed);
     pol_post_execute(&query);
+  }
+
+  // Eight threads at once, each with its own queries, decide as one does.
+  void compare_threads(std::mt19937* random) const {
+    std::vector<t_pol_route_attr> attrs(64);
+    std::vector<t_pol_route_query> queries(attrs.size());
+    std::vector<uint32_t> expected;
+    for (size_t i = 0; i < attrs.size(); ++i) {
+      attrs[i] = {};
+      attrs[i].present = POL_ATTR_TAG | POL_ATTR_PREF | POL_ATTR_SITE;
+      attrs[i].tag = static_cast<uint32_t>((*random)() % 3);
+      attrs[i].preference = static_cast<uint32_t>((*random)() % 3);
+      attrs[i].site = static_cast<uint32_t>((*random)() % 70);
+      pol_pre_execute(&queries[i], 3);
+      queries[i].attr = &attrs[i];
+      queries[i].match_type = POL_MATCH_ROUTE;
+      queries[i].vpn = (*random)() % 70;
+      queries[i].prefix.addr = some_address(static_cast<uint32_t>((*random)() % 54), 1);
+      queries[i].prefix.len = static_cast<uint8_t>((*random)() % 33);
+      t_pol_route_query query = queries[i];
+      expected.push_back(pol_execute(users_[1], &query));
+    }
+    std::atomic<uint32_t> differ = 0;
+    std::vector<std::thread> threads;
+    for (int n = 0; n < 8; ++n) {
+      threads.emplace_back([&, own = queries]() mutable {
+        for (size_t i = 0; i < own.size(); ++i) {
+          if (pol_execute(users_[1], &own[i]) != expected[i]) ++differ;
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    RC_ASSERT(differ == 0u);
   }
 
   // Evaluations that did not walk, and those among them in which a sequence decided.
@@ -528,6 +573,7 @@ TEST(ExecModelTest, DecidesLikeAWalkOverEverything) {
       for (int i = 0; i < 5; ++i) twin.compare(&random);
       routes += 5;
     }
+    twin.compare_threads(&random);
     by_index += twin.by_index;
     decided_by_index += twin.decided_by_index;
   });
