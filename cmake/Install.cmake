@@ -4,10 +4,11 @@ include(CMakePackageConfigHelpers)
 
 install(DIRECTORY include/policy DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT devel
   FILES_MATCHING PATTERN "*.h")
-# The contracts that the public headers speak in.
-install(FILES platform/include/kel/avl.h platform/include/kel/ipaddr.h platform/include/kel/string.h
-  platform/include/kel/tloc.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kel COMPONENT devel)
-install(FILES platform/include/yarrow/yarrow_cli.h platform/include/yarrow/yarrow_types.h
+# The records that the public headers speak in. What the platform does with them is not the
+# library's to promise.
+install(FILES platform/include/kel/ipaddr_types.h platform/include/kel/tloc_types.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kel COMPONENT devel)
+install(FILES platform/include/yarrow/yarrow_cli_types.h platform/include/yarrow/yarrow_values.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/yarrow COMPONENT devel)
 
 install(TARGETS policy EXPORT libpolicyTargets

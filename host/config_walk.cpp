@@ -28,21 +28,11 @@
 #include "agent_link.h"
 #include "input_error.h"
 #include "policy/pol_block.h"
+#include "policy/pol_config_tags.h"
 
 namespace polctl {
 
 namespace {
-
-constexpr uint32_t kTagTloc = 0x33c074ce;
-constexpr uint32_t kTagService = 0x32fc12e6;
-constexpr uint32_t kTagServiceType = 0x6ccfcce4;
-constexpr uint32_t kTagAddress = 0x61fa2cdb;
-constexpr uint32_t kTagColor = 0x2b503622;
-constexpr uint32_t kTagTlocList = 0x72d28bfe;
-constexpr uint32_t kTagOrigin = 0x775cf168;
-constexpr uint32_t kTagPrefixLength = 0x0308c88e;
-constexpr uint32_t kTagPrefixGe = 0x0c7fba2e;
-constexpr uint32_t kTagPrefixLe = 0x10ae453c;
 
 // How a change reaches its reader.
 enum class Way { kEntry, kRange, kTloc, kPrefix, kCollector, kSequence, kMatch };
@@ -126,13 +116,13 @@ bool same_sequence(const t_yarrow_change& a, const t_yarrow_change& b) {
 bool tlocs_told(const t_yarrow_change& change, const LeafMirror& now) {
   bool told = true;
   for_each_leaf(change, [&](const Scope& scope, const t_yarrow_tag_value& leaf) {
-    if (leaf.v.type != C_NOEXISTS || scope.empty() || scope.back() != kTagTloc) return;
-    bool of_service = scope.size() > 1 && scope[scope.size() - 2] == kTagService;
-    if (of_service && leaf.tag == kTagAddress) {
+    if (leaf.v.type != C_NOEXISTS || scope.empty() || scope.back() != POL_TAG_TLOC) return;
+    bool of_service = scope.size() > 1 && scope[scope.size() - 2] == POL_TAG_SERVICE;
+    if (of_service && leaf.tag == POL_TAG_ADDRESS) {
       Scope service(scope.begin(), scope.end() - 1);
-      told = told && !now.has(service, kTagServiceType);
-    } else if (!of_service && leaf.tag == kTagColor) {
-      told = told && !now.has(scope, kTagAddress);
+      told = told && !now.has(service, POL_TAG_TYPE);
+    } else if (!of_service && leaf.tag == POL_TAG_COLOR) {
+      told = told && !now.has(scope, POL_TAG_ADDRESS);
     }
   });
   return told;
@@ -141,7 +131,7 @@ bool tlocs_told(const t_yarrow_change& change, const LeafMirror& now) {
 bool names_tloc_list(const t_yarrow_change& change) {
   bool found = false;
   for_each_leaf(change, [&](const Scope&, const t_yarrow_tag_value& leaf) {
-    found = found || leaf.tag == kTagTlocList;
+    found = found || leaf.tag == POL_TAG_TLOC_LIST;
   });
   return found;
 }
@@ -151,7 +141,7 @@ std::vector<t_yarrow_tag_value> with_origin_removed(const t_yarrow_change& chang
   std::vector<t_yarrow_tag_value> values;
   for (uint32_t i = 0; i < change.value_count; ++i) {
     const t_yarrow_tag_value& value = change.values[i];
-    if (value.tag == kTagOrigin && value.v.type != C_NOEXISTS) {
+    if (value.tag == POL_TAG_ORIGIN && value.v.type != C_NOEXISTS) {
       values.push_back(value);
       values.back().v = {};
       values.back().v.type = C_NOEXISTS;
@@ -265,7 +255,7 @@ void ConfigWalk::take_prefix(const ConfigRow& row, const t_yarrow_change& change
     int16_t* value;
   };
   const Bound all[] = {
-      {kTagPrefixLength, &bounds.length}, {kTagPrefixGe, &bounds.ge}, {kTagPrefixLe, &bounds.le}};
+      {POL_TAG_LENGTH, &bounds.length}, {POL_TAG_GE, &bounds.ge}, {POL_TAG_LE, &bounds.le}};
   for_each_leaf(change, [&](const Scope&, const t_yarrow_tag_value& leaf) {
     for (const Bound& bound : all) {
       if (leaf.tag != bound.tag) continue;
@@ -306,10 +296,10 @@ uint32_t ConfigWalk::take_sequence(const ConfigRow& row, const t_yarrow_batch* b
 
   SequenceMirror& sequence = sequences[number];
   size_t matches_before = sequence.matches.size();
-  size_t lists_before = sequence.leaves.count(kTagTlocList);
+  size_t lists_before = sequence.leaves.count(POL_TAG_TLOC_LIST);
   sequence.leaves.merge(head);
   bool told = tlocs_told(head, sequence.leaves);
-  size_t lists = std::max(lists_before, sequence.leaves.count(kTagTlocList));
+  size_t lists = std::max(lists_before, sequence.leaves.count(POL_TAG_TLOC_LIST));
   if (lists > 1 && names_tloc_list(head)) told = false;
   for (const t_yarrow_change* change : matches) {
     uint32_t type = change->keys[2].val.enumvalue;

@@ -5,14 +5,12 @@
 //
 // - A sequence that goes leaves its DNS and SaaS application lists registered for good. So both are
 //   first taken out of it.
-// - The reader keeps a TLOC's address, color and encapsulation unless others come; it takes SLA
-//   settings for all there are; and it resolves a service when that is told, but not when the VPN or
-//   the TLOC list changes that it depends on. A sequence in which one of these changes is deleted
-//   and made anew.
+// - A TLOC and that of a service stand in one place of the library, and a TLOC that loses its
+//   address or encapsulation keeps them there; the reader takes SLA settings for all there are; and it
+//   resolves a service when that is told, but not when the VPN or the TLOC list changes that it depends
+//   on. A sequence in which one of these changes is deleted and made anew.
 // - A VPN list's own settings and its sequence 0 are one sequence. Both are made anew when either
 //   changes and the other may be touched by that.
-// - SLA settings of a data policy's VPN list: the schema has them, the library ends the process for
-//   them. They are not handed over; the agent's text has them all the same.
 // - A VPN list is told as modified also when only a sequence of it changed: its reader has the
 //   policy's text fetched again.
 #include "forward_walk.h"
@@ -20,20 +18,11 @@
 #include <algorithm>
 
 #include "policy/pol_config.h"
+#include "policy/pol_config_tags.h"
 
 namespace polctl {
 
 namespace {
-
-constexpr uint32_t kTagSlaClass = 0x1fc19c53;
-constexpr uint32_t kTagStrict = 0x5c327362;
-constexpr uint32_t kTagPreferredColor = 0x6464ce5d;
-constexpr uint32_t kTagSaasAppList = 0x07441945;
-constexpr uint32_t kTagDnsAppList = 0x5a06eb58;
-constexpr uint32_t kTagService = 0x32fc12e6;
-constexpr uint32_t kTagTloc = 0x33c074ce;
-constexpr uint32_t kTagTlocList = 0x72d28bfe;
-constexpr uint32_t kTagVpn = 0x4d7d11c2;
 
 constexpr std::string_view kDataPolicy = "/policy/data-policy";
 constexpr std::string_view kAppRoutePolicy = "/policy/app-route-policy";
@@ -43,26 +32,31 @@ constexpr uint8_t kVpnListLevel = 2;
 constexpr uint8_t kSequenceLevel = 3;
 
 bool is_sla(uint32_t tag) {
-  return tag == kTagSlaClass || tag == kTagStrict || tag == kTagPreferredColor;
+  return tag == POL_TAG_SLA_CLASS || tag == POL_TAG_STRICT || tag == POL_TAG_PREFERRED_COLOR;
 }
 
 template <typename Test>
 bool any_leaf(const t_yarrow_change& change, Test test) {
   bool found = false;
   for_each_leaf(change, [&](const Scope& scope, const t_yarrow_tag_value& leaf) {
-    found = found || test(scope, leaf.tag);
+    found = found || test(scope, leaf);
   });
   return found;
 }
 
 // Whether a sequence with these leaves, the change merged in, is what its reader makes of the change.
 bool told(const t_yarrow_change& change, const LeafMirror& leaves) {
-  bool service = leaves.count_in(kTagService) > 0;
-  return !any_leaf(change, [&](const Scope& scope, uint32_t tag) {
-    bool inside = std::any_of(scope.begin(), scope.end(), [](uint32_t container) {
-      return container == kTagService || container == kTagTloc;
-    });
-    return inside || is_sla(tag) || (service && (tag == kTagVpn || tag == kTagTlocList));
+  const bool service = leaves.count_in(POL_TAG_SERVICE) > 0;
+  const bool address = leaves.count(POL_TAG_ADDRESS) > 0;
+  auto inside = [](const Scope& scope, uint32_t container) {
+    return std::find(scope.begin(), scope.end(), container) != scope.end();
+  };
+  return !any_leaf(change, [&](const Scope& scope, const t_yarrow_tag_value& leaf) {
+    if (inside(scope, POL_TAG_SERVICE) || is_sla(leaf.tag)) return true;
+    if (inside(scope, POL_TAG_TLOC)) {
+      return service || !address || (leaf.tag == POL_TAG_ENCAP && leaf.v.type == C_NOEXISTS);
+    }
+    return service && (leaf.tag == POL_TAG_VPN || leaf.tag == POL_TAG_TLOC_LIST);
   });
 }
 
@@ -116,11 +110,9 @@ void ForwardWalk::take_vpn_list(const Place& at, const t_yarrow_change& change) 
   }
   list.leaves.merge(change);
   std::vector<t_yarrow_tag_value> values(change.values, change.values + change.value_count);
-  if (at.kind == POL_KIND_DATA) {
-    std::erase_if(values, [](const t_yarrow_tag_value& value) { return is_sla(value.tag); });
-  } else if (any_leaf(change, [](const Scope&, uint32_t tag) { return is_sla(tag); })) {
+  if (any_leaf(change, [](const Scope&, const auto& leaf) { return is_sla(leaf.tag); })) {
     if (list.sequences.count(0) != 0) return make_anew(at);
-    if (list.leaves.count(kTagSlaClass) != 0) values = list.leaves.values();
+    if (list.leaves.count(POL_TAG_SLA_CLASS) != 0) values = list.leaves.values();
   }
   hand(at, kVpnListLevel, change.op, values);
 }
@@ -146,11 +138,7 @@ void ForwardWalk::make_anew(const Place& at) {
   release(at);
   hand(at, kSequenceLevel, YARROW_DELETED, {});
   if (at.sequence == 0) {
-    std::vector<t_yarrow_tag_value> values = list.leaves.values();
-    if (at.kind == POL_KIND_DATA) {
-      std::erase_if(values, [](const t_yarrow_tag_value& value) { return is_sla(value.tag); });
-    }
-    hand(at, kVpnListLevel, YARROW_CREATED, values);
+    hand(at, kVpnListLevel, YARROW_CREATED, list.leaves.values());
   }
   auto sequence = list.sequences.find(at.sequence);
   if (sequence == list.sequences.end()) return;
@@ -159,8 +147,8 @@ void ForwardWalk::make_anew(const Place& at) {
 
 void ForwardWalk::release(const Place& at) {
   t_yarrow_tag_value gone[2] = {};
-  gone[0].tag = kTagDnsAppList;
-  gone[1].tag = kTagSaasAppList;
+  gone[0].tag = POL_TAG_DNS_APP_LIST;
+  gone[1].tag = POL_TAG_SAAS_APP_LIST;
   for (t_yarrow_tag_value& value : gone) value.v.type = C_NOEXISTS;
   hand(at, kSequenceLevel, YARROW_MODIFIED, {gone, gone + 2});
 }
@@ -168,7 +156,7 @@ void ForwardWalk::release(const Place& at) {
 void ForwardWalk::release(const Place& at, const VpnList& list) {
   Place within = at;
   for (const auto& [number, leaves] : list.sequences) {
-    if (leaves.count(kTagDnsAppList) + leaves.count(kTagSaasAppList) == 0) continue;
+    if (leaves.count(POL_TAG_DNS_APP_LIST) + leaves.count(POL_TAG_SAAS_APP_LIST) == 0) continue;
     within.sequence = number;
     release(within);
   }

@@ -9,6 +9,7 @@
 
 #include "host/address_text.h"
 #include "host/config_mirror.h"
+#include "policy/pol_config_tags.h"
 #include "policy/pol_types.h"
 #include "policy/pol_util.h"
 #include "yarrow/yarrow_schema.h"
@@ -46,20 +47,20 @@ struct NamingLeaf {
 };
 
 constexpr NamingLeaf kNamingLeaves[] = {
-    {0x6d6fa00b, "site-list"},
-    {0x6aebf6e6, "vpn-list"},
-    {0x72d28bfe, "tloc-list"},
-    {0x3129eae5, "color-list"},
-    {0x5dc389d2, "prefix-list"},
-    {0x542ece51, "app-list"},
-    {0x5a06eb58, "app-list"},              /* DNS */
-    {0x07441945, "app-list"},              /* SaaS */
-    {0x32d6e4cb, "data-prefix-list"},      /* source */
-    {0x4db8ee1a, "data-prefix-list"},      /* destination */
-    {0x5754b118, "data-ipv6-prefix-list"}, /* source */
-    {0x71567138, "data-ipv6-prefix-list"}, /* destination */
-    {0x1fc19c53, "sla-class"},
-    {0x58e2217b, "policer"},
+    {POL_TAG_SITE_LIST, "site-list"},
+    {POL_TAG_VPN_LIST, "vpn-list"},
+    {POL_TAG_TLOC_LIST, "tloc-list"},
+    {POL_TAG_COLOR_LIST, "color-list"},
+    {POL_TAG_PREFIX_LIST, "prefix-list"},
+    {POL_TAG_APP_LIST, "app-list"},
+    {POL_TAG_DNS_APP_LIST, "app-list"},
+    {POL_TAG_SAAS_APP_LIST, "app-list"},
+    {POL_TAG_SOURCE_DATA_PREFIX_LIST, "data-prefix-list"},
+    {POL_TAG_DESTINATION_DATA_PREFIX_LIST, "data-prefix-list"},
+    {POL_TAG_SOURCE_DATA_IPV6_PREFIX_LIST, "data-ipv6-prefix-list"},
+    {POL_TAG_DESTINATION_DATA_IPV6_PREFIX_LIST, "data-ipv6-prefix-list"},
+    {POL_TAG_SLA_CLASS, "sla-class"},
+    {POL_TAG_POLICER, "policer"},
 };
 
 bool under(std::string_view path, std::string_view top) {

@@ -9,6 +9,7 @@
 
 #include "host/address_text.h"
 #include "host/input_error.h"
+#include "kel/tloc.h"
 
 namespace polctl {
 

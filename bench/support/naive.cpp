@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/naive.h"
+#include "kel/ipaddr.h"
 
 namespace bench {
 namespace {

@@ -10,6 +10,8 @@
  * Changed  `changed` is set to 1 when something really changed and never cleared, so that a caller
  *          can gather it over several calls and notify once (pol_user_chg_list_notify_all). Every
  *          change queues the users of the policy.
+ * Misuse   a null context, policy, sequence or name is answered with null or does nothing, and so is an
+ *          action or match type without a meaning; `changed` may be null.
  * Threads  none of its own: the host serialises every call on one context.
  */
 #ifndef POLICY_POL_BLOCK_H
@@ -21,7 +23,7 @@ POL_API uint32_t pol_block_init(t_pol_ctx* ctx);
 POL_API void pol_block_destroy(t_pol_ctx* ctx);
 
 /* Walk the policies of one kind in name order. Null at the end and for an unknown kind. A block of
- * another kind ends the process. */
+ * another kind ends the process on purpose. */
 POL_API t_pol_block* pol_block_first(t_pol_ctx* ctx, uint32_t kind);
 POL_API t_pol_block* pol_block_next(t_pol_ctx* ctx, t_pol_block* block, uint32_t kind);
 

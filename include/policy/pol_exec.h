@@ -4,7 +4,21 @@
  *
  * The sequences of the user's policy are tried in ascending number; the first all of whose match
  * clauses hold decides, else the default action does. An accept applies the set clauses to the
- * query's copy of the attributes, never to the caller's record.
+ * query's copy of the attributes, never to the caller's record. Which of them act, in this order,
+ * hangs on the query's match type and on the user's direction; the others pass without a word:
+ *
+ *            queries           in    out   none
+ * tag        route, TLOC       sets  sets  sets
+ * preference route, TLOC       sets  sets  sets
+ * TLOC       route             sets  sets  sets
+ * VPN id     route             sets  -     -
+ * VPN list   route             sets  -     -
+ * TLOC list  route             -     sets  -
+ * service    route             -     sets  -
+ *
+ * A service query sets nothing. A TLOC, TLOC list or service that acts and resolves to no TLOC turns
+ * the accept into a reject, unless the route's own TLOC is kept (ultimate TLOC above 1); where it
+ * does not act, the accept stands.
  *
  * Threads  evaluation only reads policy: any number of threads may evaluate, each with its own
  * query, as long as nothing changes policy meanwhile.

@@ -11,15 +11,17 @@
 #ifndef POLICY_POL_FWD_BLOCK_H
 #define POLICY_POL_FWD_BLOCK_H
 
-#include "kel/avl.h"
 #include "policy/pol_types.h"
+
+struct avl_tree; /* the platform's, which the library keeps policies in */
 
 /* Makes the policy's tree of VPN lists, empty. Returns 0. */
 POL_API uint32_t pol_fwd_block_init(t_pol_ctx* ctx, t_pol_block* block);
 
-/* Deletes the policy, taking it out of `tree` when `remove_from_tree` is not 0 (else the caller has
- * done so). With users it stays, empty, until the last of them goes; they are queued. */
-POL_API void pol_fwd_block_delete(t_pol_ctx* ctx, avl_tree* tree, t_pol_block* block,
+/* Deletes the policy and takes it out of its tree, should it still stand there; `tree` and
+ * `remove_from_tree` say nothing that it does not know itself. With users it stays, empty, until the
+ * last of them goes; they are queued. */
+POL_API void pol_fwd_block_delete(t_pol_ctx* ctx, struct avl_tree* tree, t_pol_block* block,
                                   uint8_t remove_from_tree);
 
 /* A VPN list of the policy. Making one registers it on the VPN list, which is made if need be, and

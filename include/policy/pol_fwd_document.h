@@ -16,12 +16,13 @@
 
 #include "policy/pol_types.h"
 
-/* The body of the document of four applied policies, each a handle of pol_register; null, or one
- * whose policy is gone, for none. Data policies that have one name, applied from the service and from
+/* The body of the document of four applied policies, each a handle of pol_register, or null for
+ * none. Data policies that have one name, applied from the service and from
  * the tunnel side, stand in it once, for all directions. What several policies name stands in it
- * once. On purpose names are told apart by their first 32 characters there: of two objects that
- * agree in those the document has the first.
- * 0, with length 0 and a null text when all four are none; an error leaves the same. */
+ * once.
+ * 0, with length 0 and a null text when all four are null. A handle whose policy is gone adds nothing;
+ * of such handles alone comes a text of length 0, which is freed like any other. An error leaves
+ * length 0 and a null text. */
 POL_API uint32_t pol_fwd_policy_populate(const t_pol_user* from_service,
                                          const t_pol_user* from_tunnel, const t_pol_user* app_route,
                                          const t_pol_user* cflowd, uint32_t* length, char** text);

@@ -9,7 +9,9 @@
  *
  * Shapes  name: NUL-terminated, its first 63 bytes count. low, high: site ids, inclusive, host
  *         order; one site is low == high. Distinct ranges may overlap and are never merged.
- * Status  0 done; 1 no memory (nothing changed); 7 null list or record; 15 no context.
+ * Status  0 done; 1 no memory (nothing changed); 7 null list or record, one that is no user of the
+ *         list, or a length without a meaning; 15 no context. A null name or record of an element
+ *         that is to go does nothing.
  * Order   entries dump and walk as added; lists by name, bytewise.
  * Threads none of its own: the host serialises every call on one context.
  */

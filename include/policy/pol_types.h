@@ -11,10 +11,10 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "kel/ipaddr.h"
-#include "kel/tloc.h"
+#include "kel/ipaddr_types.h"
+#include "kel/tloc_types.h"
 #include "policy/pol_export.h"
-#include "yarrow/yarrow_cli.h"
+#include "yarrow/yarrow_cli_types.h"
 
 typedef struct t_pol_ctx t_pol_ctx;
 typedef struct t_pol_block t_pol_block; /* a policy */
@@ -257,7 +257,9 @@ typedef struct t_pol_registration {
 
 typedef struct t_pol_list_user t_pol_list_user;
 
-/* Tells an outside component that its list changed, on the host's thread, at once. */
+/* Tells an outside component that its list changed, on the host's thread, at once and before the
+ * policies that use the list are told. It may change any list, this one too, and policy, register and
+ * unregister, itself too. It must not call pol_destroy. */
 typedef void (*t_pol_list_change_cb)(t_pol_list_user* user, void* arg);
 
 /* An outside component registered on a site list: what pol_list_register returns. The host reads
@@ -265,7 +267,7 @@ typedef void (*t_pol_list_change_cb)(t_pol_list_user* user, void* arg);
 struct t_pol_list_user {
   uint32_t list_type; /* POL_LIST_SITE */
   t_pol_list_change_cb change;
-  t_site_list* list; /* null once the context is gone */
+  t_site_list* list; /* null once the context or its site lists are gone */
   void* arg;
 };
 

@@ -4,7 +4,9 @@
  *
  * A newer controller may send elements that an older device would refuse a whole load for. The text
  * is hostile until it is parsed: no DOCTYPE, and with it no entity of its own, no nesting beyond what
- * the parser bounds, nothing read from files or the network.
+ * the parser bounds, nothing read from files or the network, no encoding but UTF-8, ASCII and those of
+ * ISO 8859. Bounds keep the work proportional to the text: 64 KiB and 64 attributes a tag, 64 namespaces in scope, 100,000 different
+ * names (with other texts of up to three bytes, and of blanks). A text beyond them is no XML.
  */
 #ifndef POLICY_POL_XML_COMPAT_H
 #define POLICY_POL_XML_COMPAT_H
@@ -18,7 +20,8 @@
  * Left in, and logged: all from the 33rd unknown path on, and what stands at paths of 512 bytes and
  * more. On purpose an unknown element is also left in whose path begins like an unknown one before it
  * ("new", then "new-too"): the first is taken for its parent.
- * Reads the agent's schema at the first call of the process (yarrow_cs_node_cd). */
+ * The schema is asked for whole paths with the module's prefix, each different one once, and not below
+ * an unknown one (yarrow_cs_node_cd, which reads the schema at the first call of the process). */
 POL_API char* pol_xml_fetch_compat_config(const char* name_space, const char* text, uint32_t length,
                                           uint32_t* out_length);
 

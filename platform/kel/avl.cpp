@@ -4,6 +4,7 @@
 #include "kel/avl.h"
 
 #include <boost/intrusive/avltree_algorithms.hpp>
+#include <cassert>
 
 namespace {
 
@@ -105,7 +106,10 @@ void* avl_destroy_nodes(avl_tree* tree, void** /*cookie*/) {
   return user_node(tree, link);
 }
 
-void avl_destroy(avl_tree* tree) { Algorithms::init_header(&tree->header); }
+void avl_destroy(avl_tree* tree) {
+  assert(tree->count == 0);
+  Algorithms::init_header(&tree->header);
+}
 
 void avl_foreach(const avl_tree* tree, void (*visit)(void*, void*), void* arg) {
   for (void* node = avl_first(tree); node != nullptr; node = avl_walk(tree, node, AVL_AFTER)) {

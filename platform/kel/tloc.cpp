@@ -7,6 +7,8 @@
 #include <cstring>
 #include <iterator>
 
+#include "kel/ipaddr.h"
+
 namespace {
 
 constexpr const char* kColors[] = {

@@ -7,7 +7,6 @@
 #include "core/pol_block_internal.h"
 
 #include <cstring>
-#include <initializer_list>
 
 #include "base/pol_crash.h"
 #include "base/pol_memory.h"
@@ -31,21 +30,21 @@ pol::AvlTree<t_pol_block>* tree_of(t_pol_ctx* ctx, uint32_t kind) {
   return &ctx->blocks[kind - 1];
 }
 
+bool known_action(uint32_t action) { return action == POL_ACCEPT || action == POL_REJECT; }
+
 bool has_entries_tree(const t_pol_block* block) { return !pol::is_forwarding(block->kind); }
 
-void delete_clauses(t_pol_ctx* ctx, t_pol_entry* entry) {
-  uint8_t changed = 0;
-  pol_entry_set_delete(ctx, entry, &changed);
-  pol_entry_match_delete(ctx, entry, &changed);
+void delete_clauses(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed = nullptr) {
+  pol_entry_set_delete(ctx, entry, changed);
+  pol_entry_match_delete(ctx, entry, changed);
 }
 
-void clear_default_action(t_pol_ctx* ctx, t_pol_block* block) {
-  delete_clauses(ctx, &block->default_action);
+void clear_default_action(t_pol_ctx* ctx, t_pol_block* block, uint8_t* changed = nullptr) {
+  delete_clauses(ctx, &block->default_action, changed);
   pol::entry_reset(&block->default_action, block);
 }
 
-// REQUIRES: a block that has an entries tree, out of its own tree or to be taken out by the caller
-// first.
+// REQUIRES: a block that has an entries tree, out of its own tree.
 void block_delete(t_pol_ctx* ctx, t_pol_block* block) {
   void* cookie = nullptr;
   while (t_pol_entry* entry = block->entries.drain(&cookie)) {
@@ -58,15 +57,12 @@ void block_delete(t_pol_ctx* ctx, t_pol_block* block) {
   if (block->default_action.action != POL_REJECT) pol_block_users_add_to_chg_list(ctx, block);
   clear_default_action(ctx, block);
   pol_block_users_add_to_chg_list(ctx, block);
-  while (t_pol_user* user = block->users.pop_front()) {
-    user->block = nullptr;
-    if (ctx->notify_next == user) ctx->notify_next = nullptr;
-  }
+  pol::block_users_forget(ctx, block);
   if (block->kind == POL_KIND_CFLOWD) {
     pol_xml_config_find_and_delete(POL_XML_CFLOWD_TEMPLATE, block->name);
   }
   pol::policy_index_drop(ctx, block);
-  pol_free(block, pol::MEM_BLOCK);
+  pol::block_free(block);
 }
 
 }  // namespace
@@ -74,21 +70,21 @@ void block_delete(t_pol_ctx* ctx, t_pol_block* block) {
 namespace pol {
 
 void entry_reset(t_pol_entry* entry, t_pol_block* block) {
-  memset(&entry->match, 0, sizeof entry->match);
-  memset(&entry->set, 0, sizeof entry->set);
-  entry->match_flags = 0;
-  entry->set_flags = 0;
-  entry->action = POL_REJECT;
   entry->block = block;
-  entry->match.block = block;
-  entry->set.block = block;
-  for (t_pol_clause_user* user :
-       {&entry->match.site_list, &entry->match.tloc_list, &entry->match.pfx_list,
-        &entry->match.vpn_list, &entry->match.color_list, &entry->set.vpn_list,
-        &entry->set.tloc_list}) {
-    user->block = block;
-    user->entry = entry;
-  }
+  entry->action = POL_REJECT;
+  match_reset(entry);
+  set_reset(entry);
+}
+
+void block_leave_tree(t_pol_ctx* ctx, t_pol_block* block) {
+  if (block->in_tree == 0) return;
+  block->in_tree = 0;
+  ctx->blocks[block->kind - 1].remove(block);
+}
+
+void block_free(t_pol_block* block) {
+  block->unqueued.destroy();
+  pol_free(block, MEM_BLOCK);
 }
 
 int32_t xml_type_of(uint32_t kind) {
@@ -107,7 +103,7 @@ int32_t xml_type_of(uint32_t kind) {
 void fwd_block_release_if_orphaned(t_pol_ctx* ctx, t_pol_block* block) {
   if (block->orphaned == 0 || !block->users.empty()) return;
   // Again as a whole: it may have got a default action since.
-  pol_fwd_block_delete(ctx, ctx->blocks[block->kind - 1].raw(), block, destroying(ctx) ? 0 : 1);
+  pol_fwd_block_delete(ctx, ctx->blocks[block->kind - 1].raw(), block, 1);
 }
 
 void fwd_leftover_release(t_pol_fwd_user* user) {
@@ -115,7 +111,7 @@ void fwd_leftover_release(t_pol_fwd_user* user) {
   if (user->dns_app_list.list != nullptr || user->saas_app_list.list != nullptr) return;
   t_pol_block* block = user->app_list.block;
   if (block != nullptr) block->leftovers.remove(user);
-  pol_free(user, MEM_UNCOUNTED);
+  fwd_record_free(user);
 }
 
 }  // namespace pol
@@ -131,6 +127,7 @@ void pol_block_destroy(t_pol_ctx* ctx) {
   for (auto& tree : ctx->blocks) {
     void* cookie = nullptr;
     while (t_pol_block* block = tree.drain(&cookie)) {
+      block->in_tree = 0;
       if (has_entries_tree(block)) {
         block_delete(ctx, block);
       } else {
@@ -147,12 +144,15 @@ t_pol_block* pol_block_first(t_pol_ctx* ctx, uint32_t kind) {
 }
 
 t_pol_block* pol_block_next(t_pol_ctx* ctx, t_pol_block* block, uint32_t kind) {
-  if (block->kind != kind) pol::crash();
+  if (block == nullptr) return nullptr;
+  if (block->kind != kind) pol::crash("a walk into a policy of another kind");
   auto* tree = tree_of(ctx, kind);
   return tree != nullptr ? tree->next(block) : nullptr;
 }
 
-const char* pol_block_get_name(const t_pol_block* block) { return block->name; }
+const char* pol_block_get_name(const t_pol_block* block) {
+  return block != nullptr ? block->name : nullptr;
+}
 
 t_pol_block* pol_block_find(t_pol_ctx* ctx, const char* name, uint32_t kind, uintptr_t* where) {
   auto* tree = tree_of(ctx, kind);
@@ -176,6 +176,8 @@ t_pol_block* pol_block_find_or_create(t_pol_ctx* ctx, const char* name, uint32_t
   if (block == nullptr) return nullptr;
   pol::copy_name(block->name, name);
   tree->insert(block, where);
+  block->in_tree = 1;
+  block->unqueued.create();
   block->kind = kind;
   if (int32_t xml_type = pol::xml_type_of(kind)) {
     pol_xml_config_find_or_create(xml_type, block->name);
@@ -187,31 +189,31 @@ t_pol_block* pol_block_find_or_create(t_pol_ctx* ctx, const char* name, uint32_t
   }
   pol::entry_reset(&block->default_action, block);
   block->fetch_xml = 1;
-  *changed = 1;
+  pol::mark_changed(changed);
   return block;
 }
 
 void pol_block_find_and_delete(t_pol_ctx* ctx, const char* name, uint32_t kind, uint8_t* changed) {
   t_pol_block* block = pol_block_find(ctx, name, kind, nullptr);
   if (block == nullptr) return;
-  *changed = 1;
-  auto* tree = tree_of(ctx, kind);
+  pol::mark_changed(changed);
   if (has_entries_tree(block)) {
-    tree->remove(block);
+    pol::block_leave_tree(ctx, block);
     block_delete(ctx, block);
   } else {
-    pol_fwd_block_delete(ctx, tree->raw(), block, 1);
+    pol_fwd_block_delete(ctx, tree_of(ctx, kind)->raw(), block, 1);
   }
 }
 
 t_pol_entry* pol_block_default_action_add(t_pol_ctx* ctx, t_pol_block* block,
                                           const t_pol_entry* record, uint8_t* changed) {
   if (ctx == nullptr || block == nullptr || record == nullptr) return nullptr;
-  if (pol::is_forwarding(*record)) pol::crash();
+  if (pol::is_forwarding(*record)) pol::crash("a default action from a forwarding sequence");
+  if (!known_action(record->action)) return nullptr;
   t_pol_entry* own = &block->default_action;
   if (pol::clauses_equal(*own, *record) && own->action == record->action) return own;
   delete_clauses(ctx, own);
-  *changed = 1;
+  pol::mark_changed(changed);
   bool copied = pol::clauses_copy(ctx, own, *record);
   own->action = record->action;
   pol_block_users_add_to_chg_list(ctx, block);
@@ -221,10 +223,10 @@ t_pol_entry* pol_block_default_action_add(t_pol_ctx* ctx, t_pol_block* block,
 void pol_block_default_action_delete(t_pol_ctx* ctx, t_pol_block* block, uint8_t* changed) {
   if (ctx == nullptr || block == nullptr) return;
   if (block->default_action.action != POL_REJECT) {
-    *changed = 1;
+    pol::mark_changed(changed);
     pol_block_users_add_to_chg_list(ctx, block);
   }
-  clear_default_action(ctx, block);
+  clear_default_action(ctx, block, changed);
 }
 
 int pol_entry_cmp(const void* a, const void* b) {
@@ -243,7 +245,9 @@ t_pol_entry* pol_entry_next(t_pol_ctx* ctx, t_pol_entry* entry) {
   return entry->block->entries.next(entry);
 }
 
-uint32_t pol_entry_get_sequence(const t_pol_entry* entry) { return entry->sequence; }
+uint32_t pol_entry_get_sequence(const t_pol_entry* entry) {
+  return entry != nullptr ? entry->sequence : 0;
+}
 
 t_pol_entry* pol_entry_find(t_pol_ctx* ctx, t_pol_block* block, uint32_t sequence,
                             uintptr_t* where) {
@@ -264,7 +268,7 @@ t_pol_entry* pol_entry_find_or_create(t_pol_ctx* ctx, t_pol_block* block, uint32
   block->entries.insert(entry, where);
   block->in_order.insert_after(block->entries.previous(entry), entry);
   pol::policy_index_stale(ctx, block);
-  *changed = 1;
+  pol::mark_changed(changed);
   pol_block_users_add_to_chg_list(ctx, block);
   return entry;
 }
@@ -279,15 +283,15 @@ void pol_entry_find_and_delete(t_pol_ctx* ctx, t_pol_block* block, uint32_t sequ
   block->in_order.remove(entry);
   pol::policy_index_stale(ctx, block);
   pol_free(entry, pol::MEM_ENTRY);
-  *changed = 1;
+  pol::mark_changed(changed);
 }
 
 t_pol_entry* pol_entry_action_add(t_pol_ctx* ctx, t_pol_entry* entry, uint32_t action,
                                   uint8_t* changed) {
-  if (ctx == nullptr || entry == nullptr) return nullptr;
+  if (ctx == nullptr || entry == nullptr || !known_action(action)) return nullptr;
   if (entry->action == action) return entry;
   entry->action = action;
-  *changed = 1;
+  pol::mark_changed(changed);
   pol_block_users_add_to_chg_list(ctx, entry->block);
   return entry;
 }

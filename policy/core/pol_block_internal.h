@@ -52,13 +52,18 @@ struct t_pol_set {
   t_pol_clause_user tloc_list;
 };
 
+// What makes a TLOC's encapsulation binding: the leaf beside the TLOC, or that of its service.
+enum pol_encap_binds : uint8_t { POL_ENCAP_BY_TLOC = 0x1, POL_ENCAP_BY_SERVICE = 0x2 };
+
 // What a sequence of a forwarding policy has instead of match values. Lists and other objects that
 // it names stand in the roles of `user`; its match_flags and set_flags are POL_FWD_MATCH_F_* and
 // POL_FWD_SET_F_*.
 struct t_pol_fwd_clauses {
   t_pol_fwd_vpn_entry* vpn;  // the parent
-  t_pol_fwd_user* user;      // owned
+  t_pol_fwd_user* user;      // that the same t_pol_fwd_entry holds
   t_tloc_id tloc;
+  uint8_t encap_told;   // that the TLOC was configured with; its own only while something binds it
+  uint8_t encap_binds;  // enum pol_encap_binds, as last told, with or without a TLOC
   uint32_t tloc_label;
   uint64_t vpn_id;
   uint16_t service;  // 0: none
@@ -85,6 +90,13 @@ struct t_pol_entry {
   t_pol_block* block;
 };
 
+// A sequence of a forwarding policy, in one piece with what the objects that it names know it by.
+// Those may know it longer than the policy: then `entry` is gone and `user` is left (pol_fwd_block.cpp).
+struct t_pol_fwd_entry {
+  t_pol_entry entry;
+  t_pol_fwd_user user;
+};
+
 enum pol_sets : uint8_t {
   POL_SETS_TLOC = 0x1,
   POL_SETS_SERVICE = 0x2,
@@ -102,6 +114,7 @@ struct PolicyIndex;
 struct t_pol_block {
   char name[POL_NAME_SIZE];  // first: the tree's key
   avl_node link;
+  uint8_t in_tree;
   uint32_t kind;
   uint8_t sets;  // enum pol_sets
   pol::AvlTree<t_pol_entry> entries;
@@ -112,10 +125,11 @@ struct t_pol_block {
   pol::TailQueue<t_pol_fwd_user, &t_pol_fwd_user::leftover_link> leftovers;
   t_pol_entry default_action;
   uint8_t fetch_xml;
-  uint8_t orphaned;  // a forwarding policy that was deleted and stays, empty, for its users
+  uint8_t orphaned;   // a forwarding policy that was deleted and stays, empty, for its users
+  uint8_t text_gone;  // of a forwarding policy: its text was taken out of the XML cache for good
   pol::BlockUsers users;
-  uint8_t all_queued;  // every user stands on the change list
-  uint8_t index_due;   // the index is to be made (anew)
+  pol::UnqueuedUsers unqueued;
+  uint8_t index_due;        // the index is to be made (anew)
   pol::PolicyIndex* index;  // null: evaluation walks; owned
   pol::TailLink<t_pol_block> index_link;
 };
@@ -124,6 +138,16 @@ namespace pol {
 
 // Policies whose index is to be made when the batch is told.
 using IndexQueue = TailQueue<t_pol_block, &t_pol_block::index_link>;
+
+// A caller need not want to know.
+inline void mark_changed(uint8_t* changed) {
+  if (changed != nullptr) *changed = 1;
+}
+
+// Nothing when it stands in none.
+void block_leave_tree(t_pol_ctx* ctx, t_pol_block* block);
+// REQUIRES: out of its tree, empty and without users.
+void block_free(t_pol_block* block);
 
 inline bool is_forwarding(uint32_t kind) {
   return kind == POL_KIND_DATA || kind == POL_KIND_PERF_ROUTE;
@@ -140,6 +164,11 @@ int32_t xml_type_of(uint32_t kind);
 
 // Frees a block that was deleted while it had users, once the last of them is gone.
 void fwd_block_release_if_orphaned(t_pol_ctx* ctx, t_pol_block* block);
+
+// Frees a sequence's record by what is left of it last.
+inline void fwd_record_free(t_pol_fwd_user* user) {
+  pol_free(reinterpret_cast<char*>(user) - offsetof(t_pol_fwd_entry, user), MEM_FWD_ENTRY);
+}
 
 // Frees what a deleted sequence left behind, once neither DNS nor SaaS application lists know it.
 void fwd_leftover_release(t_pol_fwd_user* user);

@@ -4,18 +4,23 @@
 #pragma once
 
 #include <cstring>
-#include <type_traits>
 
 #include "base/pol_name.h"
 #include "core/pol_block_internal.h"
+#include "policy/pol_clause.h"
 
 namespace pol {
 
-// Empties a sequence that no list knows (any more): no clauses, reject, everything bound to
-// `block`.
+// Empty an area of a sequence that no list knows through it (any more): no clauses, everything bound
+// to the sequence's policy.
+void match_reset(t_pol_entry* entry);
+void set_reset(t_pol_entry* entry);
+
+// The whole sequence: no clauses, reject, everything bound to `block`.
 void entry_reset(t_pol_entry* entry, t_pol_block* block);
 
-// Whether two sequences have the same clauses with the same values, lists by name.
+// Whether two sequences have the same clauses configured with the same values, lists by name. What
+// clauses that are gone have left behind does not count.
 bool clauses_equal(const t_pol_entry& a, const t_pol_entry& b);
 
 // Gives a sequence without clauses those of another, registering it on the lists. False when a list
@@ -65,19 +70,10 @@ bool clause_clear(const ClauseSite& at, uint32_t bit, T* stored) {
   return true;
 }
 
-template <class List>
-List* list_argument(uint32_t (*)(t_pol_ctx*, List*, t_pol_clause_user*));
-
-// The list that a remove operation takes, of the user's.
-template <auto kRemove>
-auto* list_for(const t_pol_clause_user& user) {
-  using List = std::remove_pointer_t<decltype(list_argument(kRemove))>;
-  return list_of<List>(user);
-}
-
-// Registers the clause on the list of that name. False when the list cannot be made: on purpose the
-// clause stays configured then, and goes on referring to the list it leaves.
-template <auto kAdd, auto kRemove>
+// Registers the clause on the list of that name, through the family's `kAdd`. False when the list
+// cannot be made: on purpose the clause stays configured then, and goes on referring to the list it
+// leaves.
+template <auto kAdd>
 [[nodiscard]] bool clause_name_list(const ClauseSite& at, uint32_t bit, t_pol_clause_user* user,
                                     const char* name) {
   char key[POL_LIST_NAME_SIZE];
@@ -87,24 +83,42 @@ template <auto kAdd, auto kRemove>
     return true;
   }
   *at.flags |= bit;
-  if (user->list != nullptr) {
-    user->keep_reference = true;
-    kRemove(at.ctx, list_for<kRemove>(*user), user);
-    user->keep_reference = false;
-  }
+  if (user->list != nullptr) user_leave(at.ctx, user, Leaving::kStaysStale);
   if (kAdd(at.ctx, name, user) == nullptr) return false;
   clause_changed(at);
   return true;
 }
 
 // False when the clause was not there.
-template <auto kRemove>
-bool clause_drop_list(const ClauseSite& at, uint32_t bit, t_pol_clause_user* user) {
-  if ((*at.flags & bit) == 0) return false;
-  *at.flags &= ~bit;
-  if (user->list != nullptr) kRemove(at.ctx, list_for<kRemove>(*user), user);
-  clause_changed(at);
-  return true;
-}
+bool clause_drop_list(const ClauseSite& at, uint32_t bit, t_pol_clause_user* user);
+
+// The clauses that name lists, in the order in which a sequence leaves its lists.
+template <class Area>
+struct ListClause {
+  uint32_t bit;
+  t_pol_clause_user Area::*user;
+  Area* (*add)(t_pol_ctx* ctx, t_pol_entry* entry, const char* name, uint8_t* changed);
+  void (*remove)(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed);
+};
+
+inline constexpr ListClause<t_pol_match> kMatchLists[] = {
+    {POL_MATCH_F_COLOR_LIST, &t_pol_match::color_list, pol_entry_match_color_list_add,
+     pol_entry_match_color_list_delete},
+    {POL_MATCH_F_PFX_LIST, &t_pol_match::pfx_list, pol_entry_match_pfx_list_add,
+     pol_entry_match_pfx_list_delete},
+    {POL_MATCH_F_SITE_LIST, &t_pol_match::site_list, pol_entry_match_site_list_add,
+     pol_entry_match_site_list_delete},
+    {POL_MATCH_F_TLOC_LIST, &t_pol_match::tloc_list, pol_entry_match_tloc_list_add,
+     pol_entry_match_tloc_list_delete},
+    {POL_MATCH_F_VPN_LIST, &t_pol_match::vpn_list, pol_entry_match_vpn_list_add,
+     pol_entry_match_vpn_list_delete},
+};
+
+inline constexpr ListClause<t_pol_set> kSetLists[] = {
+    {POL_SET_F_VPN_LIST, &t_pol_set::vpn_list, pol_entry_set_vpn_list_add,
+     pol_entry_set_vpn_list_delete},
+    {POL_SET_F_TLOC_LIST, &t_pol_set::tloc_list, pol_entry_set_tloc_list_add,
+     pol_entry_set_tloc_list_delete},
+};
 
 }  // namespace pol

@@ -4,7 +4,6 @@
 
 #include <cassert>
 #include <cstring>
-#include <initializer_list>
 #include <iterator>
 
 #include "base/pol_crash.h"
@@ -19,8 +18,11 @@
 
 namespace {
 
-pol::ClauseSite match_site(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
-  if (pol::is_forwarding(*entry)) pol::crash();
+using pol::Caller;
+
+pol::ClauseSite match_site(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed,
+                           Caller from = Caller::here()) {
+  if (pol::is_forwarding(*entry)) pol::crash("a match clause of a forwarding sequence", from);
   // Before the clause is touched, because one that fails half way is touched all the same.
   pol::policy_index_stale(ctx, entry->block);
   return {ctx, entry, &entry->match_flags, changed};
@@ -28,33 +30,34 @@ pol::ClauseSite match_site(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed)
 
 template <class T>
 t_pol_match* store(t_pol_ctx* ctx, t_pol_entry* entry, uint32_t bit, T t_pol_match::*member,
-                   T value, uint8_t* changed) {
+                   T value, uint8_t* changed, Caller from = Caller::here()) {
   if (ctx == nullptr || entry == nullptr) return nullptr;
-  pol::clause_store(match_site(ctx, entry, changed), bit, &(entry->match.*member), value);
+  pol::clause_store(match_site(ctx, entry, changed, from), bit, &(entry->match.*member), value);
   return &entry->match;
 }
 
 template <class T>
 void clear(t_pol_ctx* ctx, t_pol_entry* entry, uint32_t bit, T t_pol_match::*member,
-           uint8_t* changed) {
+           uint8_t* changed, Caller from = Caller::here()) {
   if (ctx == nullptr || entry == nullptr) return;
-  pol::clause_clear(match_site(ctx, entry, changed), bit, &(entry->match.*member));
+  pol::clause_clear(match_site(ctx, entry, changed, from), bit, &(entry->match.*member));
 }
 
-template <auto kAdd, auto kRemove>
+template <auto kAdd>
 t_pol_match* name_list(t_pol_ctx* ctx, t_pol_entry* entry, uint32_t bit,
-                       t_pol_clause_user t_pol_match::*user, const char* name, uint8_t* changed) {
+                       t_pol_clause_user t_pol_match::*user, const char* name, uint8_t* changed,
+                       Caller from = Caller::here()) {
   if (ctx == nullptr || entry == nullptr || name == nullptr) return nullptr;
-  bool named = pol::clause_name_list<kAdd, kRemove>(match_site(ctx, entry, changed), bit,
-                                                    &(entry->match.*user), name);
+  bool named = pol::clause_name_list<kAdd>(match_site(ctx, entry, changed, from), bit,
+                                           &(entry->match.*user), name);
   return named ? &entry->match : nullptr;
 }
 
-template <auto kRemove>
 void drop_list(t_pol_ctx* ctx, t_pol_entry* entry, uint32_t bit,
-               t_pol_clause_user t_pol_match::*user, uint8_t* changed) {
+               t_pol_clause_user t_pol_match::*user, uint8_t* changed,
+               Caller from = Caller::here()) {
   if (ctx == nullptr || entry == nullptr) return;
-  pol::clause_drop_list<kRemove>(match_site(ctx, entry, changed), bit, &(entry->match.*user));
+  pol::clause_drop_list(match_site(ctx, entry, changed, from), bit, &(entry->match.*user));
 }
 
 struct Origin {
@@ -73,8 +76,26 @@ constexpr Origin kOrigins[] = {
 namespace pol {
 
 void clause_changed(const ClauseSite& at) {
-  *at.changed = 1;
+  mark_changed(at.changed);
   pol_block_users_add_to_chg_list(at.ctx, at.entry->block);
+}
+
+bool clause_drop_list(const ClauseSite& at, uint32_t bit, t_pol_clause_user* user) {
+  if ((*at.flags & bit) == 0) return false;
+  *at.flags &= ~bit;
+  if (user->list != nullptr) user_leave(at.ctx, user, Leaving::kForgets);
+  clause_changed(at);
+  return true;
+}
+
+void match_reset(t_pol_entry* entry) {
+  entry->match = {};
+  entry->match.block = entry->block;
+  for (const ListClause<t_pol_match>& row : kMatchLists) {
+    (entry->match.*row.user).block = entry->block;
+    (entry->match.*row.user).entry = entry;
+  }
+  entry->match_flags = 0;
 }
 
 namespace {
@@ -108,35 +129,24 @@ bool tloc_equal(const t_tloc_id& a, const t_tloc_id& b) {
 
 t_pol_match* pol_entry_match_add(t_pol_ctx* ctx, t_pol_block* block, t_pol_entry* entry,
                                  uint32_t match_type, uint8_t* changed) {
-  if (ctx == nullptr || entry == nullptr) return nullptr;
+  if (ctx == nullptr || entry == nullptr || block == nullptr || block != entry->block) return nullptr;
+  if (match_type < POL_MATCH_ROUTE || match_type > POL_MATCH_PACKET) return nullptr;
+  const pol::ClauseSite at = match_site(ctx, entry, changed);
   if (entry->match.type == match_type) return &entry->match;
   if (entry->match.type != 0) pol_entry_match_delete(ctx, entry, changed);
   entry->match.type = match_type;
-  entry->match.block = block;
-  pol::clause_changed(match_site(ctx, entry, changed));
+  pol::clause_changed(at);
   return &entry->match;
 }
 
 void pol_entry_match_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
   if (ctx == nullptr || entry == nullptr || entry->match_flags == 0) return;
-  pol_entry_match_color_list_delete(ctx, entry, changed);
-  pol_entry_match_pfx_list_delete(ctx, entry, changed);
-  pol_entry_match_site_list_delete(ctx, entry, changed);
-  pol_entry_match_tloc_list_delete(ctx, entry, changed);
-  pol_entry_match_vpn_list_delete(ctx, entry, changed);
-  uint32_t type = entry->match.type;
-  t_pol_match empty = {};
-  empty.type = type;
-  empty.block = entry->match.block;
-  for (t_pol_clause_user t_pol_match::*user :
-       {&t_pol_match::site_list, &t_pol_match::tloc_list, &t_pol_match::pfx_list,
-        &t_pol_match::vpn_list, &t_pol_match::color_list}) {
-    (empty.*user).block = entry->block;
-    (empty.*user).entry = entry;
-  }
-  entry->match = empty;
-  entry->match_flags = 0;
-  pol::clause_changed(match_site(ctx, entry, changed));
+  const pol::ClauseSite at = match_site(ctx, entry, changed);
+  for (const auto& row : pol::kMatchLists) row.remove(ctx, entry, changed);
+  const uint32_t type = entry->match.type;
+  pol::match_reset(entry);
+  entry->match.type = type;
+  pol::clause_changed(at);
 }
 
 t_pol_match* pol_entry_match_site_add(t_pol_ctx* ctx, t_pol_entry* entry, uint32_t site,
@@ -239,7 +249,7 @@ void pol_entry_match_color_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* c
 }
 
 // On purpose: the add marks the DSCP clause as configured, so a protocol shows as "DSCP" and every
-// add of a protocol counts as a change. Dumps and scripts in the field rely on both.
+// add of a protocol counts as a change.
 t_pol_match* pol_entry_match_proto_add(t_pol_ctx* ctx, t_pol_entry* entry, uint32_t proto,
                                        uint8_t* changed) {
   if (ctx == nullptr || entry == nullptr) return nullptr;
@@ -304,55 +314,55 @@ void pol_entry_match_origin_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* 
 
 t_pol_match* pol_entry_match_site_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                            uint8_t* changed) {
-  return name_list<pol_site_list_pol_user_add, pol_site_list_pol_user_remove>(
+  return name_list<pol_site_list_pol_user_add>(
       ctx, entry, POL_MATCH_F_SITE_LIST, &t_pol_match::site_list, name, changed);
 }
 
 void pol_entry_match_site_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
-  drop_list<pol_site_list_pol_user_remove>(ctx, entry, POL_MATCH_F_SITE_LIST,
+  drop_list(ctx, entry, POL_MATCH_F_SITE_LIST,
                                            &t_pol_match::site_list, changed);
 }
 
 t_pol_match* pol_entry_match_tloc_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                            uint8_t* changed) {
-  return name_list<pol_tloc_list_user_add, pol_tloc_list_user_remove>(
+  return name_list<pol_tloc_list_user_add>(
       ctx, entry, POL_MATCH_F_TLOC_LIST, &t_pol_match::tloc_list, name, changed);
 }
 
 void pol_entry_match_tloc_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
-  drop_list<pol_tloc_list_user_remove>(ctx, entry, POL_MATCH_F_TLOC_LIST, &t_pol_match::tloc_list,
+  drop_list(ctx, entry, POL_MATCH_F_TLOC_LIST, &t_pol_match::tloc_list,
                                        changed);
 }
 
 t_pol_match* pol_entry_match_pfx_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                           uint8_t* changed) {
-  return name_list<pol_pfx_list_user_add, pol_pfx_list_user_remove>(
+  return name_list<pol_pfx_list_user_add>(
       ctx, entry, POL_MATCH_F_PFX_LIST, &t_pol_match::pfx_list, name, changed);
 }
 
 void pol_entry_match_pfx_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
-  drop_list<pol_pfx_list_user_remove>(ctx, entry, POL_MATCH_F_PFX_LIST, &t_pol_match::pfx_list,
+  drop_list(ctx, entry, POL_MATCH_F_PFX_LIST, &t_pol_match::pfx_list,
                                       changed);
 }
 
 t_pol_match* pol_entry_match_vpn_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                           uint8_t* changed) {
-  return name_list<pol_vpn_list_match_user_add, pol_vpn_list_match_user_remove>(
+  return name_list<pol_vpn_list_match_user_add>(
       ctx, entry, POL_MATCH_F_VPN_LIST, &t_pol_match::vpn_list, name, changed);
 }
 
 void pol_entry_match_vpn_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
-  drop_list<pol_vpn_list_match_user_remove>(ctx, entry, POL_MATCH_F_VPN_LIST,
+  drop_list(ctx, entry, POL_MATCH_F_VPN_LIST,
                                             &t_pol_match::vpn_list, changed);
 }
 
 t_pol_match* pol_entry_match_color_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                             uint8_t* changed) {
-  return name_list<pol_color_list_user_add, pol_color_list_user_remove>(
+  return name_list<pol_color_list_user_add>(
       ctx, entry, POL_MATCH_F_COLOR_LIST, &t_pol_match::color_list, name, changed);
 }
 
 void pol_entry_match_color_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
-  drop_list<pol_color_list_user_remove>(ctx, entry, POL_MATCH_F_COLOR_LIST,
+  drop_list(ctx, entry, POL_MATCH_F_COLOR_LIST,
                                         &t_pol_match::color_list, changed);
 }

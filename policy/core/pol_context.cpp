@@ -23,6 +23,7 @@
 #include "policy/pol_tloc_list.h"
 #include "policy/pol_vpn_list.h"
 #include "policy/pol_xml_config.h"
+#include "yarrow/yarrow_cli.h"
 
 t_pol_ctx* g_pol_ctx_p = nullptr;
 int32_t g_pol_dbg_level = 0;
@@ -56,7 +57,7 @@ t_pol_mem_info g_pol_mem_info[POL_MEM_TYPES] = {
     ROW(21, sizeof(t_color_list), "color list", "t_color_list"),
     ROW(22, sizeof(t_vpn_list), "vpn list", "t_vpn_list"),
     ROW(23, POL_MAX_VPN * sizeof(t_pol_vpn_range), "set vpn list", "POL_MAX_VPN*vpn_list"),
-    ROW(24, sizeof(t_pol_entry), "entry policy", "t_pol_entry"),
+    ROW(24, sizeof(t_pol_fwd_entry), "entry policy", "t_pol_entry"),
     ROW(25, sizeof(t_site_entry), "entry site ", "t_site_entry"),
     ROW(26, sizeof(t_list_name_entry), "entry list", "t_list_name_entry"),
     ROW(27, sizeof(t_pfx_entry), "entry prefix", "t_pfx_entry"),
@@ -119,6 +120,8 @@ void count_free(uint32_t type) {
 }
 
 }  // namespace pol
+
+const char* pol_version() { return POL_VERSION; }
 
 t_pol_ctx* pol_init(const t_pol_callbacks* callbacks) {
   if (callbacks == nullptr) return nullptr;

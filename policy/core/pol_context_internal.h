@@ -5,6 +5,8 @@
 
 #include <pthread.h>
 
+#include <cerrno>
+
 #include "base/avl_tree.h"
 #include "core/pol_block_internal.h"
 #include "core/pol_thread_state.h"
@@ -48,11 +50,13 @@ struct t_pol_ctx {
 
   pol::AvlTree<t_pol_xml_config> xml_configs;
   pthread_spinlock_t xml_lock;
+  uint8_t xml_lock_made;
   t_pol_yarrow_thread thread;
 
   pol::AvlTree<t_pol_user> users;
   pol::ChangeList change_list;
   uint64_t batch;           // counts notification passes
+  uint64_t places;          // counts users that were given a policy
   t_pol_user* notify_next;  // the user that pol_block_user_notify_all goes to next
 
   pol::Directories directories;
@@ -64,5 +68,10 @@ struct t_pol_ctx {
 namespace pol {
 
 inline bool destroying(const t_pol_ctx* ctx) { return (ctx->flags & POL_CTX_DESTROYING) != 0; }
+
+// 0, or the error; one where the cache's lock could not be made.
+inline int xml_lock(t_pol_ctx* ctx) {
+  return ctx->xml_lock_made != 0 ? pthread_spin_lock(&ctx->xml_lock) : EINVAL;
+}
 
 }  // namespace pol

@@ -4,6 +4,8 @@
 
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
+#include "kel/ipaddr.h"
+#include "kel/tloc.h"
 #include "policy/pol_util.h"
 
 namespace {
@@ -106,6 +108,7 @@ const char* policies_title(uint32_t kind) {
 }  // namespace
 
 void pol_dump_entry(t_pol_entry* entry, t_cli_user_ctx* cli) {
+  if (entry == nullptr) return;
   maapi_cli_printf(cli, "\n    sequence: %u", entry->sequence);
   dump_match(*entry, cli);
   maapi_cli_printf(cli, "\n        action: %s", pol_util_action_str(entry->action));
@@ -113,6 +116,7 @@ void pol_dump_entry(t_pol_entry* entry, t_cli_user_ctx* cli) {
 }
 
 void pol_dump_block(t_pol_block* block, t_cli_user_ctx* cli) {
+  if (block == nullptr) return;
   maapi_cli_printf(cli, "\n\n%s-policy %s", pol_util_type_str(block->kind), block->name);
   for (t_pol_entry& entry : block->in_order) pol_dump_entry(&entry, cli);
   maapi_cli_printf(cli, "\n    default-action: %s, fetch_xml: %u",
@@ -123,6 +127,7 @@ void pol_dump_block(t_pol_block* block, t_cli_user_ctx* cli) {
 }
 
 void pol_dump_user(t_cli_user_ctx* cli, t_pol_user* user) {
+  if (user == nullptr) return;
   const bool queued = (user->flags & POL_USER_QUEUED) != 0;
   maapi_cli_printf(cli, "\n  %s, type: %s, dir: %s, policy: %s (%p), ctx: %p, cb: %p, change: %s",
                    user->name, pol_util_type_str(user->kind), pol_util_dir_str(user->direction),

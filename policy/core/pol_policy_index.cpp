@@ -291,7 +291,7 @@ Survey survey_of(const t_pol_block& block) {
       if (!has_clause(entry, static_cast<IndexKind>(kind))) continue;
       ++survey.with[kind];
       const t_pol_clause_user* user = list_user(entry.match, static_cast<IndexKind>(kind));
-      survey.left_over |= user != nullptr && user->stale;
+      survey.left_over |= user != nullptr && is_stale(*user);
     }
   }
   return survey;
@@ -356,7 +356,7 @@ uint64_t index_key(const t_ipaddr& address) {
 }
 
 void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block) {
-  if (block == nullptr || is_forwarding(block->kind)) return;
+  if (ctx == nullptr || block == nullptr || is_forwarding(block->kind)) return;
   if (block->index != nullptr) block->index->fresh = false;
   block->index_due = 1;
   if (!block->users.empty() && !IndexQueue::linked(block)) ctx->index_due.push_back(block);

@@ -24,7 +24,7 @@
 // Invariants
 //   1. An index that is not stale has the sequences of its policy's queue, in order.
 //   2. Every list in it is one that a clause of the policy is registered on, so it outlives a fresh
-//      index. No index is made while a clause is left over on a list (t_pol_clause_user::stale).
+//      index. No index is made while a clause is left over on a list (NamedHead::stale).
 #pragma once
 
 #include <cstdint>

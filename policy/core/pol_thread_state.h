@@ -31,10 +31,16 @@ struct t_pol_label_set {
 struct t_pol_thread_queue_item {
   pol::TailLink<t_pol_thread_queue_item> link;
   uint8_t retries;
-  uint8_t exit;               // asks the worker to end
-  uint32_t type;              // of a fetch: enum pol_xml_type
-  char name[POL_NAME_SIZE];   // of a fetch: the object
-  t_pol_label_set label_set;  // of a label set
+  uint8_t exit;              // asks the worker to end
+  uint32_t type;             // of a fetch: enum pol_xml_type
+  char name[POL_NAME_SIZE];  // of a fetch: the object
+};
+
+// What stands on the label-set queue, but for requests to end: a request with the labels behind it.
+// The others go without, being a twentieth of its size.
+struct t_pol_label_item {
+  t_pol_thread_queue_item item;  // first: the queue's node
+  t_pol_label_set label_set;
 };
 
 namespace pol {
@@ -49,7 +55,8 @@ using RequestQueue = TailQueue<t_pol_thread_queue_item, &t_pol_thread_queue_item
 //   1. Each queue is guarded by its lock, which is held only to link or unlink. The lengths beside
 //      them may be read without it.
 //   2. The worker leaves a request on its queue, first but for exit requests, while it works on it.
-//   3. Only the worker touches agent_fd, connect_tried, base and wake_up while it runs.
+//   3. What the label-set queue holds is a t_pol_label_item unless it asks the worker to end.
+//   4. Only the worker touches agent_fd, connect_tried, base and wake_up while it runs.
 struct t_pol_yarrow_thread {
   pthread_t handle;
   int read_fd;

@@ -5,7 +5,9 @@
 // a batch of changes has the list called back. A callback may do anything but destroy the context:
 // unregister itself or others, change policy, ask for notification. So nothing here keeps a user
 // across a callback: the batch is taken from the list's head, and the walk over a policy's users
-// goes on from a place that their removal moves on.
+// goes on from a place that their removal moves on. A change looks only at users that are not
+// queued yet, so that many changes, and many callbacks that change their own policy, cost no walk
+// over all.
 #include "core/pol_user_internal.h"
 
 #include <cstring>
@@ -36,6 +38,19 @@ int user_compare(const void* key, const void* node) {
   return pol::sign(strncmp(a->name, b->name, POL_NAME_SIZE));
 }
 
+int place_compare(const void* key, const void* node) {
+  const uint64_t place = *static_cast<const uint64_t*>(key);
+  const uint64_t other = static_cast<const t_pol_user*>(node)->place;
+  return (place > other) - (place < other);
+}
+
+void leave_block(t_pol_ctx* ctx, t_pol_user* user) {
+  if (ctx->notify_next == user) ctx->notify_next = pol::BlockUsers::next(user);
+  user->block->users.remove(user);
+  if ((user->flags & POL_USER_QUEUED) == 0) user->block->unqueued.remove(user);
+  user->block = nullptr;
+}
+
 // The caller has made sure that no other callback runs.
 void call_back(t_pol_ctx* ctx, t_pol_user* user) {
   pol_user_chg_list_delete(ctx, user);
@@ -50,6 +65,27 @@ bool may_notify(const t_pol_ctx* ctx) {
 }
 
 }  // namespace
+
+namespace pol {
+
+void UnqueuedUsers::create() {
+  by_place_.create(place_compare, offsetof(t_pol_user, unqueued_link));
+}
+
+void UnqueuedUsers::add(t_pol_user* user) {
+  avl_index where = 0;
+  by_place_.find(&user->place, &where);
+  by_place_.insert(user, where);
+}
+
+void block_users_forget(t_pol_ctx* ctx, t_pol_block* block) {
+  while (t_pol_user* user = block->users.front()) {
+    if (ctx->notify_next == user) ctx->notify_next = nullptr;
+    leave_block(ctx, user);
+  }
+}
+
+}  // namespace pol
 
 t_pol_user* pol_register(const t_pol_registration* record) {
   if (record == nullptr || g_pol_ctx_p == nullptr) return nullptr;
@@ -74,7 +110,10 @@ uint32_t pol_user_init(t_pol_ctx* ctx) {
 void pol_user_destroy(t_pol_ctx* ctx) {
   if (ctx == nullptr) return;
   void* cookie = nullptr;
-  while (t_pol_user* user = ctx->users.drain(&cookie)) pol_user_delete(ctx, user, 0);
+  while (t_pol_user* user = ctx->users.drain(&cookie)) {
+    user->in_tree = 0;
+    pol_user_delete(ctx, user, 0);
+  }
   ctx->users.destroy();
 }
 
@@ -108,6 +147,7 @@ t_pol_user* pol_user_find_or_create(t_pol_ctx* ctx, const char* name, const char
     return nullptr;
   }
   ctx->users.insert(user, where);
+  user->in_tree = 1;
   return user;
 }
 
@@ -116,58 +156,58 @@ void pol_user_find_and_delete(t_pol_ctx* ctx, const char* name, uint32_t kind, u
   if (user != nullptr) pol_user_delete(ctx, user, 1);
 }
 
-void pol_user_delete(t_pol_ctx* ctx, t_pol_user* user, uint8_t remove_from_tree) {
+// Whether the user stands in the tree is known to the user: one that stays there freed would be met
+// by the next look-up.
+void pol_user_delete(t_pol_ctx* ctx, t_pol_user* user, uint8_t /*remove_from_tree*/) {
   if (ctx == nullptr || user == nullptr) return;
   if (user->block != nullptr) {
     pol_block_user_delete(ctx, user->block, user);
   } else {
     pol_user_chg_list_delete(ctx, user);
   }
-  if (remove_from_tree != 0) ctx->users.remove(user);
+  if (user->in_tree != 0) ctx->users.remove(user);
   pol_free(user, pol::MEM_USER);
 }
 
 t_pol_block* pol_block_user_add(t_pol_ctx* ctx, const char* policy_name, uint32_t kind,
                                 t_pol_user* user) {
+  if (user == nullptr || user->block != nullptr) return nullptr;
   uint8_t changed = 0;
   t_pol_block* block = pol_block_find_or_create(ctx, policy_name, kind, &changed);
   if (block == nullptr) return nullptr;
-  block->users.push_back(user);
-  block->all_queued = 0;
-  pol::policy_index_refresh(ctx, block);
   user->block = block;
+  user->place = ++ctx->places;
+  block->users.push_back(user);
+  if ((user->flags & POL_USER_QUEUED) == 0) block->unqueued.add(user);
+  pol::policy_index_refresh(ctx, block);
   return block;
 }
 
 void pol_block_user_delete(t_pol_ctx* ctx, t_pol_block* block, t_pol_user* user) {
-  if (block == nullptr) return;
+  if (ctx == nullptr || block == nullptr || user == nullptr || user->block != block) return;
   pol_user_chg_list_delete(ctx, user);
-  if (ctx->notify_next == user) ctx->notify_next = pol::BlockUsers::next(user);
-  block->users.remove(user);
-  user->block = nullptr;
+  leave_block(ctx, user);
   pol::fwd_block_release_if_orphaned(ctx, block);
 }
 
 void pol_user_chg_list_add(t_pol_ctx* ctx, t_pol_user* user) {
-  if (user == nullptr || (user->flags & POL_USER_QUEUED) != 0) return;
+  if (ctx == nullptr || user == nullptr || (user->flags & POL_USER_QUEUED) != 0) return;
+  if (user->block != nullptr) user->block->unqueued.remove(user);
   ctx->change_list.push_back(user);
   user->flags |= POL_USER_QUEUED;
   user->batch = ctx->batch;
 }
 
 void pol_user_chg_list_delete(t_pol_ctx* ctx, t_pol_user* user) {
-  if ((user->flags & POL_USER_QUEUED) == 0) return;
+  if (ctx == nullptr || user == nullptr || (user->flags & POL_USER_QUEUED) == 0) return;
   ctx->change_list.remove(user);
   user->flags &= static_cast<uint8_t>(~POL_USER_QUEUED);
-  if (user->block != nullptr) user->block->all_queued = 0;
+  if (user->block != nullptr) user->block->unqueued.add(user);
 }
 
 void pol_block_users_add_to_chg_list(t_pol_ctx* ctx, t_pol_block* block) {
   if (ctx == nullptr || block == nullptr || pol::destroying(ctx)) return;
-  // A batch of many changes looks at the users once.
-  if (block->all_queued != 0) return;
-  for (t_pol_user& user : block->users) pol_user_chg_list_add(ctx, &user);
-  block->all_queued = 1;
+  while (t_pol_user* user = block->unqueued.first()) pol_user_chg_list_add(ctx, user);
 }
 
 void pol_user_chg_list_notify_all(t_pol_ctx* ctx) {

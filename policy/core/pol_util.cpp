@@ -19,8 +19,8 @@ struct FlagName {
   const char* name;
 };
 
-// On purpose: two bits print twice, so that a match on carrier also shows as SRC_IP and one on
-// group as DST_IP; operators' scripts know them so, and know SRC66_IP.
+// Kept on purpose: two bits print twice, so that a match on carrier also shows as SRC_IP and one on
+// group as DST_IP, and SRC66_IP is spelt so.
 constexpr FlagName kMatchFlags[] = {
     {0x20, "TAG"},          {0x80, "DOMAIN"},       {0x40, "PREF"},       {0x100, "VPN-ID"},
     {0x200, "VPN-LIST"},    {0x2, "SITE"},          {0x1, "SITE-LIST"},   {0x8, "TLOC"},
@@ -37,7 +37,7 @@ constexpr FlagName kSetFlags[] = {
 
 template <size_t N>
 char* print_flags(const FlagName (&names)[N], uint32_t flags, char* buffer, size_t size) {
-  if (size == 0) return buffer;
+  if (buffer == nullptr || size == 0) return buffer;
   if (flags == 0) buffer[0] = '\0';
   size_t used = 0;
   for (const FlagName& row : names) {
@@ -87,9 +87,9 @@ const char* pol_util_proto_str(uint32_t proto) {
 }
 
 char* pol_util_match_flags_str(const t_pol_entry* entry, char* buffer, size_t size) {
-  return print_flags(kMatchFlags, entry->match_flags, buffer, size);
+  return entry != nullptr ? print_flags(kMatchFlags, entry->match_flags, buffer, size) : buffer;
 }
 
 char* pol_util_set_flags_str(const t_pol_entry* entry, char* buffer, size_t size) {
-  return print_flags(kSetFlags, entry->set_flags, buffer, size);
+  return entry != nullptr ? print_flags(kSetFlags, entry->set_flags, buffer, size) : buffer;
 }

@@ -33,8 +33,8 @@ bool set_path(Edit* edit, const t_pol_label_set& labels) {
   pol::agent_key(policy, labels.policy);
   pol::agent_key(vpn_list, labels.vpn_list);
   int length = snprintf(edit->set, sizeof edit->set,
-                        "/policy/data-policy{%s}/vpn-list{%s}/sequence{%u}/action/set", policy,
-                        vpn_list, labels.sequence);
+                        "/policy/data-policy{%s}/vpn-list{%s}/sequence{%d}/action/set", policy,
+                        vpn_list, static_cast<int>(labels.sequence));
   constexpr int kRoom = sizeof "/kel-tloc-pref-list{63}";
   if (length <= static_cast<int>(sizeof edit->set) - kRoom) return true;
   POL_LOG("tloc-list %s delete failed - %s(%d)-%s\n", edit->set, yarrow_strerror(YARROW_ERR_TOOBIG),
@@ -42,14 +42,14 @@ bool set_path(Edit* edit, const t_pol_label_set& labels) {
   return false;
 }
 
-void tloc_path(Path& path, const Edit& edit, uint32_t position) {
+void tloc_path(Path& path, const Edit& edit, int position) {
   size_t length = strlen(edit.set);
   memcpy(path, edit.set, length);
-  snprintf(path + length, sizeof path - length, "/kel-tloc-pref-list{%u}", position);
+  snprintf(path + length, sizeof path - length, "/kel-tloc-pref-list{%d}", position);
 }
 
 bool delete_tlocs(const Edit& edit) {
-  for (uint32_t i = 0; i < POL_MAX_TLOC; ++i) {
+  for (int i = 0; i < POL_MAX_TLOC; ++i) {
     Path path;
     tloc_path(path, edit, i);
     if (maapi_delete(edit.sock, edit.trans, "%s", path) == YARROW_OK) continue;
@@ -91,8 +91,8 @@ t_yarrow_value address_value(const t_tloc_id& tloc) {
 }
 
 bool write_tlocs(const Edit& edit, const t_pol_label_set& labels) {
-  uint32_t count = std::min<uint32_t>(labels.count, POL_MAX_TLOC);
-  for (uint32_t i = 0; i < count; ++i) {
+  const auto count = static_cast<int>(std::min<uint32_t>(labels.count, POL_MAX_TLOC));
+  for (int i = 0; i < count; ++i) {
     const t_pol_label_tloc& entry = labels.tlocs[i];
     t_yarrow_value index = value_of(C_UINT8);
     index.val.u8 = static_cast<uint8_t>(i);

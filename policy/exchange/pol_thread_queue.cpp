@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The host's side of the worker's queues. The worker is woken by one byte in a pipe for each
 // request; a queue's lock is held only while a request is linked.
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,8 +23,15 @@ void thread_unlink(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_que
   __atomic_sub_fetch(&thread->lengths[queue], 1, __ATOMIC_RELAXED);
 }
 
+// Linux says that a pipe takes more only while a whole page of it is free: room for the bytes of all
+// who were told so at once, so that no write waits for a worker that may never read again.
+bool thread_wake(const t_pol_yarrow_thread* thread) {
+  pollfd end = {thread->write_fd, POLLOUT, 0};
+  return poll(&end, 1, 0) == 0 || write(thread->write_fd, "1", 1) == 1;
+}
+
 void thread_push(t_pol_yarrow_thread* thread, ThreadQueue queue, t_pol_thread_queue_item* item) {
-  // On purpose: every queue's messages name the label-set queue; support tools look for them so.
+  // On purpose: every queue's messages name the label-set queue.
   if (pthread_spin_lock(&thread->locks[queue]) != 0) {
     POL_LOG("Lock error on label-set queue\n");
     pol_free(item, MEM_THREAD_ITEM);
@@ -34,7 +42,17 @@ void thread_push(t_pol_yarrow_thread* thread, ThreadQueue queue, t_pol_thread_qu
   if (pthread_spin_unlock(&thread->locks[queue]) != 0) {
     POL_LOG("Unlock error on label-set queue\n");
   }
-  if (write(thread->write_fd, "1", 1) != 1) POL_LOG("Write Error on pipe (errno: %d)\n", errno);
+  if (!thread_wake(thread)) POL_LOG("Write Error on pipe (errno: %d)\n", errno);
+}
+
+void thread_push_labels(t_pol_yarrow_thread* thread, const t_pol_label_set& labels) {
+  auto* request = alloc<t_pol_label_item>(MEM_THREAD_ITEM);
+  if (request == nullptr) {
+    POL_LOG("Failed to alloc memory for thread queue item\n");
+    return;
+  }
+  request->label_set = labels;
+  thread_push(thread, QUEUE_LABEL_SET, &request->item);
 }
 
 void thread_push_fetch(t_pol_yarrow_thread* thread, ThreadQueue queue, uint32_t type,

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The cache of the agent's XML text. The lock guards the tree and the texts; its failures are
-// logged and the operation is skipped, never tried again.
+// logged and the operation is skipped, never tried again. Nothing is logged while it is held: a log
+// that stands still would have the other side spin.
 #include "exchange/pol_xml_config_internal.h"
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include "base/pol_memory.h"
 #include "base/pol_name.h"
 #include "core/pol_context_internal.h"
+#include "exchange/pol_xml_text_internal.h"
 #include "policy/pol_dump.h"
 #include "policy/pol_fwd_document.h"
 
@@ -71,6 +73,15 @@ void free_config(t_pol_xml_config* config) {
   pol_free(config, pol::MEM_POLICY_CONFIG);
 }
 
+t_pol_xml_config* create(t_pol_ctx* ctx, const XmlKey& key, avl_index where) {
+  auto* config = pol::alloc<t_pol_xml_config>(pol::MEM_POLICY_CONFIG);
+  if (config == nullptr) return nullptr;
+  config->type = key.type;
+  memcpy(config->name, key.name, sizeof key.name);
+  ctx->xml_configs.insert(config, where);
+  return config;
+}
+
 bool set_text(t_pol_xml_config* config, std::string_view text) {
   pol_free(config->text, pol::MEM_CONFIG_XML);
   config->text = nullptr;
@@ -79,10 +90,7 @@ bool set_text(t_pol_xml_config* config, std::string_view text) {
   if (text.size() < INT32_MAX) {
     config->text = static_cast<char*>(pol_malloc(text.size() + 1, pol::MEM_CONFIG_XML));
   }
-  if (config->text == nullptr) {
-    POL_LOG("Could not allocate memory\n");
-    return false;
-  }
+  if (config->text == nullptr) return false;
   memcpy(config->text, text.data(), text.size());
   config->text[text.size()] = '\0';
   config->size = static_cast<uint32_t>(text.size());
@@ -96,15 +104,33 @@ void note_fetch(t_pol_fetch_time* time, time_t start, time_t end) {
 }
 
 bool lock(t_pol_ctx* ctx) {
-  int error = pthread_spin_lock(&ctx->xml_lock);
-  if (error != 0) POL_LOG_ALWAYS("Lock error on xml config tree (error:%d)\n", error);
+  int error = pol::xml_lock(ctx);
+  if (error != 0) POL_LOG("Lock error on xml config tree (error:%d)\n", error);
   return error == 0;
 }
 
 int unlock(t_pol_ctx* ctx) {
   int error = pthread_spin_unlock(&ctx->xml_lock);
-  if (error != 0) POL_LOG_ALWAYS("Unlock error on xml config tree (error:%d)\n", error);
+  if (error != 0) POL_LOG("Unlock error on xml config tree (error:%d)\n", error);
   return error;
+}
+
+// Hands on an object's text, if there is one, to what appends it; the text may be replaced as soon as
+// the cache is unlocked.
+template <class Append>
+uint32_t append_text(int32_t type, const char* name, Append append) {
+  t_pol_ctx* ctx = g_pol_ctx_p;
+  if (ctx == nullptr || name == nullptr) return POL_OK;
+  const XmlKey key = key_of(type, name);
+  POL_LOG_AT(3, "Get xml config for policy %s of type %d\n", key.name, type);
+  if (!lock(ctx)) return POL_ELOCK;
+  uint32_t status = POL_OK;
+  const t_pol_xml_config* config = ctx->xml_configs.find(&key);
+  if (config != nullptr && config->text != nullptr) status = append({config->text, config->size});
+  const int error = unlock(ctx);
+  // On purpose the number is always 0.
+  if (status != POL_OK) POL_LOG("Could not append policy (error:%d)\n", 0);
+  return status != POL_OK ? status : static_cast<uint32_t>(error);
 }
 
 }  // namespace
@@ -129,6 +155,7 @@ bool pol::xml_config_store(t_pol_ctx* ctx, int32_t type, const char* name, std::
   bool stored = config == nullptr || set_text(config, text);
   if (config != nullptr && stored) note_fetch(&config->fetched, start, time(nullptr));
   unlock(ctx);
+  if (!stored) POL_LOG("Could not allocate memory\n");
   return stored;
 }
 
@@ -136,6 +163,7 @@ uint32_t pol_xml_config_init(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
   ctx->xml_configs.create(xml_compare, offsetof(t_pol_xml_config, link));
   int error = pthread_spin_init(&ctx->xml_lock, PTHREAD_PROCESS_PRIVATE);
+  ctx->xml_lock_made = error == 0 ? 1 : 0;
   if (error == 0) return POL_OK;
   POL_LOG_ALWAYS("Failed to init spinlock for XML config (error %d)\n", error);
   return POL_ESPINLOCK;
@@ -143,6 +171,7 @@ uint32_t pol_xml_config_init(t_pol_ctx* ctx) {
 
 uint32_t pol_xml_config_deinit(t_pol_ctx* ctx) {
   if (ctx == nullptr) return POL_ENOCTX;
+  if (ctx->xml_lock_made == 0) return POL_OK;  // nothing was ever kept
   if (lock(ctx)) {
     void* cookie = nullptr;
     while (t_pol_xml_config* config = ctx->xml_configs.drain(&cookie)) free_config(config);
@@ -150,7 +179,7 @@ uint32_t pol_xml_config_deinit(t_pol_ctx* ctx) {
     ctx->xml_configs.destroy();
   }
   int error = pthread_spin_destroy(&ctx->xml_lock);
-  if (error != 0) POL_LOG_ALWAYS("Failed to destroy spinlock for XML config (error %d)\n", error);
+  if (error != 0) POL_LOG("Failed to destroy spinlock for XML config (error %d)\n", error);
   return static_cast<uint32_t>(error);
 }
 
@@ -161,16 +190,12 @@ t_pol_xml_config* pol_xml_config_find_or_create(int32_t type, const char* name) 
   if (!lock(ctx)) return nullptr;
   avl_index where = 0;
   t_pol_xml_config* config = ctx->xml_configs.find(&key, &where);
-  if (config == nullptr) {
-    config = pol::alloc<t_pol_xml_config>(pol::MEM_POLICY_CONFIG);
-    if (config != nullptr) {
-      POL_LOG_AT(3, "Create xml config entry for policy %s of type %d\n", key.name, type);
-      config->type = type;
-      memcpy(config->name, key.name, sizeof key.name);
-      ctx->xml_configs.insert(config, where);
-    }
-  }
+  const bool found = config != nullptr;
+  if (!found) config = create(ctx, key, where);
   unlock(ctx);
+  if (!found && config != nullptr) {
+    POL_LOG_AT(3, "Create xml config entry for policy %s of type %d\n", key.name, type);
+  }
   return config;
 }
 
@@ -189,20 +214,14 @@ void pol_xml_config_find_and_delete(int32_t type, const char* name) {
 }
 
 uint32_t pol_xml_config_get_str(int32_t type, const char* name, char** buffer, uint32_t* room) {
-  t_pol_ctx* ctx = g_pol_ctx_p;
-  if (ctx == nullptr || name == nullptr) return POL_OK;
-  XmlKey key = key_of(type, name);
-  POL_LOG_AT(3, "Get xml config for policy %s of type %d\n", key.name, type);
-  if (!lock(ctx)) return POL_ELOCK;
-  uint32_t status = POL_OK;
-  const t_pol_xml_config* config = ctx->xml_configs.find(&key);
-  if (config != nullptr && config->text != nullptr) {
-    status = pol_fwd_policy_append(config->text, static_cast<int32_t>(config->size), buffer, room);
-    // On purpose: the number is always 0; support tools look for the line as it is.
-    if (status != POL_OK) POL_LOG_ALWAYS("Could not append policy (error:%d)\n", 0);
-  }
-  int error = unlock(ctx);
-  return status != POL_OK ? status : static_cast<uint32_t>(error);
+  return append_text(type, name, [=](std::string_view text) {
+    return pol_fwd_policy_append(text.data(), static_cast<int32_t>(text.size()), buffer, room);
+  });
+}
+
+uint32_t pol::xml_config_append(int32_t type, const char* name, XmlText* text) {
+  return append_text(type, name,
+                     [=](std::string_view more) { return xml_text_append(text, more); });
 }
 
 int pol_dump_xml_config_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
@@ -211,7 +230,7 @@ int pol_dump_xml_config_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*arg
   if (ctx == nullptr) return 0;
   pol::dump_title(cli, "\n              XML Config    ");
   maapi_cli_printf(cli, "\n");
-  int error = pthread_spin_lock(&ctx->xml_lock);
+  int error = pol::xml_lock(ctx);
   if (error != 0) {
     maapi_cli_printf(cli, "Lock error on xml config tree (error:%d)", error);
     return 0;

@@ -36,12 +36,18 @@ constexpr const char* kAgentPaths[POL_XML_TYPES] = {
 
 bool known(uint32_t type) { return type > 0 && type < POL_XML_TYPES; }
 
+// A path that was cut could name another object, so it does not go to the agent.
 bool make_path(char (&path)[256], uint32_t type, const char* name) {
   if (!known(type)) return false;
   char key[pol::kKeySize];
   pol::agent_key(key, name);
-  return snprintf(path, sizeof path, "%s{%s}", kAgentPaths[type], key) <
-         static_cast<int>(sizeof path);
+  if (snprintf(path, sizeof path, "%s{%s}", kAgentPaths[type], key) <
+      static_cast<int>(sizeof path)) {
+    return true;
+  }
+  POL_LOG("Failed to get config from yarrowyarrow_str %s (%d) %s, path: %s\n",
+          yarrow_strerror(YARROW_ERR_TOOBIG), YARROW_ERR_TOOBIG, "", path);
+  return false;
 }
 
 // A stream's text, NUL-terminated, which the caller frees as MEM_FETCH_XML; null on failure.

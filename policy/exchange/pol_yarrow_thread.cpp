@@ -8,12 +8,12 @@
 // the way: no frame of the event library is jumped over.
 #include <event2/event.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <cassert>
 #include <cerrno>
 #include <csignal>
+#include <initializer_list>
 
 #include "base/pol_dump_title.h"
 #include "base/pol_log.h"
@@ -66,16 +66,20 @@ void unlock(t_pol_yarrow_thread* thread, unsigned queue) {
   }
 }
 
+// A look aside, of which nothing is logged: whoever works the queue has the same lock to take.
 bool told_to_exit(t_pol_yarrow_thread* thread) {
-  if (!lock(thread, pol::QUEUE_LABEL_SET)) return false;
+  pthread_spinlock_t* guard = &thread->locks[pol::QUEUE_LABEL_SET];
+  if (pthread_spin_lock(guard) != 0) return false;
   const t_pol_thread_queue_item* first = thread->queues[pol::QUEUE_LABEL_SET].front();
   bool exit = first != nullptr && first->exit != 0;
-  unlock(thread, pol::QUEUE_LABEL_SET);
+  pthread_spin_unlock(guard);
   return exit;
 }
 
 bool work(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_queue_item* item) {
-  if (queue == pol::QUEUE_LABEL_SET) return pol::label_write(thread, item->label_set);
+  if (queue == pol::QUEUE_LABEL_SET) {
+    return pol::label_write(thread, reinterpret_cast<t_pol_label_item*>(item)->label_set);
+  }
   if (queue == pol::QUEUE_LABEL_FETCH) POL_LOG("label fetch config processing\n");
   return pol::xml_fetch(thread, item->type, item->name);
 }
@@ -207,12 +211,14 @@ uint32_t init_events(t_pol_yarrow_thread* thread) {
   return POL_OK;
 }
 
-// The host's signals stay with the host's threads.
+// The host's signals stay with the host's threads, but not those of the worker's own faults: blocked,
+// they would end the process past every handler that the host has for them.
 void start(t_pol_yarrow_thread* thread) {
-  sigset_t all;
+  sigset_t blocked;
   sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
+  sigfillset(&blocked);
+  for (int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) sigdelset(&blocked, fault);
+  pthread_sigmask(SIG_SETMASK, &blocked, &before);
   int error = pthread_create(&thread->handle, nullptr, thread_main, thread);
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   assert(error == 0);
@@ -238,12 +244,6 @@ uint32_t push_exit(t_pol_yarrow_thread* thread) {
     return POL_ELOCK;
   }
   return POL_OK;
-}
-
-// A full pipe wakes the worker as well, which may never again read from it.
-bool wake(const t_pol_yarrow_thread* thread) {
-  pollfd end = {thread->write_fd, POLLOUT, 0};
-  return poll(&end, 1, 0) == 0 || write(thread->write_fd, "1", 1) == 1;
 }
 
 }  // namespace
@@ -276,7 +276,7 @@ uint32_t pol_yarrow_thread_deinit(t_pol_yarrow_thread* thread) {
     if (status != POL_OK) return status;
   }
   sem_post(&thread->stop);
-  if (!wake(thread)) {
+  if (!pol::thread_wake(thread)) {
     POL_LOG("Write Error on pipe (errno: %d)\n", errno);
     return POL_EPIPE;
   }
@@ -293,7 +293,7 @@ int pol_dump_yarrow_thread(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc
   pol::dump_title(cli, "\n              Yarrow Thread    ");
   maapi_cli_printf(cli, "\n");
   // On purpose under the cache's lock and without the queues': a dump never holds up a producer.
-  int error = pthread_spin_lock(&ctx->xml_lock);
+  int error = pol::xml_lock(ctx);
   if (error != 0) {
     maapi_cli_printf(cli, "Lock error on xml config tree (error:%d)", error);
     return 0;

@@ -7,9 +7,16 @@
 
 namespace pol {
 
+// Wakes the worker; never waits for it. A full pipe wakes it as well. False, with errno, when the pipe
+// cannot be written.
+[[nodiscard]] bool thread_wake(const t_pol_yarrow_thread* thread);
+
 // Appends a request, which the worker owns from now on, and wakes the worker. When the queue cannot
 // be locked the request is freed. Failures are logged.
 void thread_push(t_pol_yarrow_thread* thread, ThreadQueue queue, t_pol_thread_queue_item* item);
+
+// Asks for labels to be written into the agent's configuration. Failures are logged.
+void thread_push_labels(t_pol_yarrow_thread* thread, const t_pol_label_set& labels);
 
 // Asks for the agent's text of an object. Failures are logged.
 void thread_push_fetch(t_pol_yarrow_thread* thread, ThreadQueue queue, uint32_t type,

@@ -87,7 +87,7 @@ void pol_fwd_entry_tloc_upd(t_pol_ctx* ctx, const char* block, uint32_t kind, co
                             uint32_t sequence, uint8_t encap_given, const t_tloc_id* tloc) {
   t_pol_entry* entry = pol::fwd_find(ctx, block, kind, vpn_list, sequence).entry;
   if (entry == nullptr) return;
-  if (kind != POL_KIND_DATA) pol::crash();
+  if (kind != POL_KIND_DATA) pol::crash("an action of another kind than data");
   t_tloc_id& stored = entry->fwd.tloc;
   if (tloc == nullptr) {
     stored = {};
@@ -137,7 +137,7 @@ void pol_fwd_entry_svc_upd(t_pol_ctx* ctx, const char* block, uint32_t kind, con
 
 void pol_fwd_entry_tloc_list_upd(t_pol_ctx* ctx, const char* block, uint32_t kind,
                                  const char* vpn_list, uint32_t sequence, const char* name) {
-  if (kind != POL_KIND_DATA) pol::crash();
+  if (kind != POL_KIND_DATA) pol::crash("an action of another kind than data");
   t_pol_entry* entry = pol::fwd_find(ctx, block, kind, vpn_list, sequence).entry;
   if (entry == nullptr) return;
   uint8_t changed = 0;

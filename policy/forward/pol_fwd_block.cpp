@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <initializer_list>
+#include <iterator>
 
 #include "base/pol_crash.h"
 #include "base/pol_memory.h"
@@ -19,17 +20,12 @@
 namespace pol {
 namespace {
 
-constexpr t_pol_clause_user t_pol_fwd_user::*kRoles[] = {
-    &t_pol_fwd_user::app_list,  &t_pol_fwd_user::dns_app_list, &t_pol_fwd_user::saas_app_list,
-    &t_pol_fwd_user::src_pfx,   &t_pol_fwd_user::dst_pfx,      &t_pol_fwd_user::src_pfx6,
-    &t_pol_fwd_user::dst_pfx6,  &t_pol_fwd_user::app_id,       &t_pol_fwd_user::tloc_list,
-    &t_pol_fwd_user::sla_class, &t_pol_fwd_user::policer};
-
 void bind(t_pol_fwd_user* user, t_pol_block* block, t_pol_entry* entry) {
   user->entry = entry;
-  for (auto role : kRoles) {
-    (user->*role).block = block;
-    (user->*role).entry = entry;
+  for (const FwdRef* ref : kFwdRefs) {
+    t_pol_clause_user* role = &(user->*ref->user);
+    role->block = block;
+    role->entry = entry;
   }
 }
 
@@ -46,25 +42,26 @@ t_pol_fwd_vpn_entry* vpn_find(t_pol_block* block, const char* name, avl_index* w
 }
 
 // On purpose: what DNS and SaaS application lists know of the sequence stays with them, bound to the
-// block while that lives and to nothing afterwards.
-void user_release(t_pol_block* block, t_pol_fwd_user* user) {
+// block while that lives and to nothing afterwards; and with it the sequence's record.
+void entry_release(t_pol_block* block, t_pol_fwd_user* user) {
   for (t_pol_clause_user* role : {&user->dns_app_list, &user->saas_app_list}) {
-    if (!role->stale) continue;
-    role->list->stale.remove(role);
-    role->stale = false;
+    if (!is_stale(*role)) continue;
+    role->queue->remove(role);
     role->list = nullptr;
+    role->queue = nullptr;
   }
   if (user->dns_app_list.list == nullptr && user->saas_app_list.list == nullptr) {
-    pol_free(user, MEM_UNCOUNTED);
-    return;
+    return fwd_record_free(user);
   }
   bind(user, block, nullptr);
   block->leftovers.push_back(user);
 }
 
-// Every object that may know the sequence, in the order of its leaving them.
+// The objects that a sequence leaves when it goes, in their order, behind its TLOC list.
 constexpr const FwdRef* kLeaving[] = {&kFwdSrcPfx, &kFwdDstPfx,  &kFwdSrcPfx6,  &kFwdDstPfx6,
                                       &kFwdAppId,  &kFwdAppList, &kFwdSlaClass, &kFwdPolicer};
+constexpr size_t kStaying = 2;  // DNS and SaaS application lists
+static_assert(std::size(kLeaving) + 1 + kStaying == kFwdRoles);
 
 void entry_delete(t_pol_ctx* ctx, t_pol_entry* entry, bool remove_from_tree) {
   t_pol_block* block = entry->block;
@@ -76,8 +73,7 @@ void entry_delete(t_pol_ctx* ctx, t_pol_entry* entry, bool remove_from_tree) {
     if (NamedHead* object = fwd_object(*entry, *ref)) ref->remove(ctx, object, entry->fwd.user);
   }
   if (remove_from_tree) entry->fwd.vpn->entries.remove(entry);
-  user_release(block, entry->fwd.user);
-  pol_free(entry, MEM_FWD_ENTRY);
+  entry_release(block, entry->fwd.user);
   pol_block_users_add_to_chg_list(ctx, block);
 }
 
@@ -92,22 +88,20 @@ void vpn_delete(t_pol_ctx* ctx, t_pol_fwd_vpn_entry* vpn, bool remove_from_tree)
   pol_block_users_add_to_chg_list(ctx, block);
 }
 
-void fwd_block_free(t_pol_ctx* ctx, t_pol_block* block) {
-  // The cache frees what it holds when the context goes; by then a record may be gone already.
-  if (!destroying(ctx)) pol_xml_config_find_and_delete(xml_type_of(block->kind), block->name);
+void fwd_block_free(t_pol_block* block) {
   while (t_pol_fwd_user* user = block->leftovers.pop_front()) bind(user, nullptr, nullptr);
   while (t_pol_fwd_vpn_entry* vpn = block->unregistered_vpns.pop_front()) {
     pol_free(vpn, MEM_FWD_VPN_ENTRY);
   }
   block->fwd_vpns.destroy();
-  pol_free(block, MEM_BLOCK);
+  block_free(block);
 }
 
 }  // namespace
 
 FwdPlace fwd_find(t_pol_ctx* ctx, const char* block_name, uint32_t kind, const char* vpn_list,
                   uint32_t sequence) {
-  if (!is_forwarding(kind)) crash();
+  if (!is_forwarding(kind)) crash("a kind without VPN lists");
   FwdPlace place = {};
   place.block = pol_block_find(ctx, block_name, kind, nullptr);
   if (place.block != nullptr) place.vpn = vpn_find(place.block, vpn_list);
@@ -128,10 +122,11 @@ uint32_t pol_fwd_block_init(t_pol_ctx* /*ctx*/, t_pol_block* block) {
   return POL_OK;
 }
 
-void pol_fwd_block_delete(t_pol_ctx* ctx, avl_tree* tree, t_pol_block* block,
-                          uint8_t remove_from_tree) {
+// Whether the policy stands in its tree is known to the policy, whatever the caller says.
+void pol_fwd_block_delete(t_pol_ctx* ctx, avl_tree* /*tree*/, t_pol_block* block,
+                          uint8_t /*remove_from_tree*/) {
   if (ctx == nullptr || block == nullptr) return;
-  if (!pol::is_forwarding(block->kind)) pol::crash();
+  if (!pol::is_forwarding(block->kind)) pol::crash("a block of another kind");
   void* cookie = nullptr;
   while (t_pol_fwd_vpn_entry* vpn = block->fwd_vpns.drain(&cookie)) {
     pol::vpn_delete(ctx, vpn, false);
@@ -141,18 +136,24 @@ void pol_fwd_block_delete(t_pol_ctx* ctx, avl_tree* tree, t_pol_block* block,
   pol_entry_set_delete(ctx, &block->default_action, &changed);
   pol_entry_match_delete(ctx, &block->default_action, &changed);
   pol::entry_reset(&block->default_action, block);
-  if (!block->users.empty()) {
+  const bool kept = !block->users.empty();
+  // At the end of the context the cache goes before the users for whom the policy is kept.
+  if (block->text_gone == 0 && (!kept || pol::destroying(ctx))) {
+    pol_xml_config_find_and_delete(pol::xml_type_of(block->kind), block->name);
+    block->text_gone = 1;
+  }
+  if (kept) {
     block->orphaned = 1;
     pol_block_users_add_to_chg_list(ctx, block);
     return;
   }
-  if (remove_from_tree != 0 && tree != nullptr) avl_remove(tree, block);
-  pol::fwd_block_free(ctx, block);
+  pol::block_leave_tree(ctx, block);
+  pol::fwd_block_free(block);
 }
 
 t_pol_fwd_vpn_entry* pol_fwd_vpn_find_or_create(t_pol_ctx* ctx, const char* block, uint32_t kind,
                                                 const char* vpn_list) {
-  if (!pol::is_forwarding(kind)) pol::crash();
+  if (!pol::is_forwarding(kind)) pol::crash("a kind without VPN lists");
   t_pol_block* policy = pol_block_find(ctx, block, kind, nullptr);
   if (policy == nullptr || vpn_list == nullptr) return nullptr;
   avl_index where = 0;
@@ -187,13 +188,10 @@ t_pol_entry* pol_fwd_entry_find_or_create(t_pol_ctx* ctx, const char* block, uin
   avl_index where = 0;
   t_pol_entry* entry = vpn->entries.find(&masked, &where);
   if (entry != nullptr) return entry;
-  entry = pol::alloc<t_pol_entry>(pol::MEM_FWD_ENTRY);
-  if (entry == nullptr) return nullptr;
-  entry->fwd.user = pol::alloc<t_pol_fwd_user>(pol::MEM_UNCOUNTED);
-  if (entry->fwd.user == nullptr) {
-    pol_free(entry, pol::MEM_FWD_ENTRY);
-    return nullptr;
-  }
+  auto* record = pol::alloc<t_pol_fwd_entry>(pol::MEM_FWD_ENTRY);
+  if (record == nullptr) return nullptr;
+  entry = &record->entry;
+  entry->fwd.user = &record->user;
   entry->sequence = masked;
   entry->block = vpn->block;
   entry->fwd.vpn = vpn;

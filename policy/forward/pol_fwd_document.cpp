@@ -1,36 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 // The forwarding manager's document. Policies and the objects that they name grow in two texts of
-// their own, because a policy is followed by its objects only after all policies; both grow by
-// doubling, so that the work is proportional to the document. Cached texts come through a buffer of
-// their own: the cache appends in its way, which measures a buffer anew each time.
+// their own, because a policy is followed by its objects only after all policies. An object whose
+// text is in the document is marked: whether a sequence names something new is then to be seen at
+// the object, without a look-up, and however long names are, no two objects are taken for one.
 #include "policy/pol_fwd_document.h"
 
-#include <libxml/parser.h>
-
-#include <algorithm>
 #include <cstring>
-#include <initializer_list>
+#include <iterator>
 #include <string_view>
 
 #include "base/pol_log.h"
 #include "base/pol_memory.h"
-#include "base/pol_name.h"
+#include "exchange/pol_xml_text_internal.h"
 #include "forward/pol_fwd_block_internal.h"
 #include "forward/pol_fwd_document_internal.h"
 #include "forward/pol_fwd_ref.h"
-#include "policy/pol_xml_compat.h"
 #include "policy/pol_xml_config.h"
 
 namespace pol {
 namespace {
 
 using std::string_view;
-
-constexpr size_t kInitialRoom = 2048;
-
-constexpr char kPolicyNamespace[] = "urn:zenodra:policy";
-constexpr string_view kConfigOpen = "<config xmlns=\"urn:norvik:config:1.0\">";
-constexpr string_view kConfigClose = "</config>";
 
 enum Direction { kAll, kFromService, kFromTunnel };
 
@@ -40,128 +30,70 @@ constexpr string_view kFooters[] = {
     "<direction>from-tunnel</direction></data-policy>",
 };
 
-struct Text {
-  char* bytes;  // NUL-terminated
-  size_t length;
-  size_t room;  // in all, without the NUL
-};
+using MarkQueue = TailQueue<t_list_name_entry, &t_list_name_entry::link>;
 
 struct Assembly {
-  Text policies;
-  Text lists;
-  Text cached;                                      // one object's at a time
-  AvlTree<t_list_name_entry> names[POL_XML_TYPES];  // that `lists` has, by object type
+  XmlText policies;
+  XmlText lists;
+  MarkQueue marked;  // the objects that `lists` has
 };
 
 // What a sequence names, in the order in which the document has it.
 struct Named {
   const FwdRef& ref;
-  pol_xml_type type;
   const char* word;
 };
 
 const Named kNamed[] = {
-    {kFwdAppList, POL_XML_APP_LIST, "app-list"},
-    {kFwdDnsAppList, POL_XML_APP_LIST, "dns-app-list"},
-    {kFwdSaasAppList, POL_XML_APP_LIST, "saas-app-list"},
-    {kFwdSrcPfx, POL_XML_DATA_PREFIX_LIST, "pfx-list"},
-    {kFwdDstPfx, POL_XML_DATA_PREFIX_LIST, "pfx-list"},
-    {kFwdSrcPfx6, POL_XML_DATA_IPV6_PREFIX_LIST, "pfx6-list"},
-    {kFwdDstPfx6, POL_XML_DATA_IPV6_PREFIX_LIST, "pfx6-list"},
-    {kFwdSlaClass, POL_XML_SLA_CLASS, "sla-class"},
-    {kFwdPolicer, POL_XML_POLICER, "policer"},
-    {kFwdTlocList, POL_XML_TLOC_LIST, "tloc-list"},
+    {kFwdAppList, "app-list"},          {kFwdDnsAppList, "dns-app-list"},
+    {kFwdSaasAppList, "saas-app-list"}, {kFwdSrcPfx, "pfx-list"},
+    {kFwdDstPfx, "pfx-list"},           {kFwdSrcPfx6, "pfx6-list"},
+    {kFwdDstPfx6, "pfx6-list"},         {kFwdSlaClass, "sla-class"},
+    {kFwdPolicer, "policer"},           {kFwdTlocList, "tloc-list"},
 };
-
-int name_compare(const void* key, const void* node) {
-  return sign(strncmp(static_cast<const char*>(key), static_cast<const char*>(node),
-                      sizeof t_list_name_entry::name));
-}
-
-[[nodiscard]] uint32_t text_init(Text* text) {
-  text->bytes = static_cast<char*>(pol_malloc(kInitialRoom + 1, MEM_PEER_XML));
-  if (text->bytes == nullptr) return POL_ENOMEM;
-  text->bytes[0] = '\0';
-  text->room = kInitialRoom;
-  return POL_OK;
-}
-
-[[nodiscard]] uint32_t text_append(Text* text, string_view more) {
-  size_t length = text->length + more.size();
-  if (length > text->room) {
-    size_t room = std::max(length, text->room * 2);
-    auto* grown = static_cast<char*>(pol_realloc(text->bytes, room + 1));
-    if (grown == nullptr) return POL_ENOMEM;
-    text->bytes = grown;
-    text->room = room;
-  }
-  memcpy(text->bytes + text->length, more.data(), more.size());
-  text->length = length;
-  text->bytes[length] = '\0';
-  return POL_OK;
-}
+static_assert(std::size(kNamed) + 1 == kFwdRoles, "the agent has no text of an application id");
 
 [[nodiscard]] uint32_t assembly_init(Assembly* assembly) {
-  for (auto& names : assembly->names) {
-    names.create(name_compare, offsetof(t_list_name_entry, link));
-  }
-  for (Text* text : {&assembly->policies, &assembly->lists, &assembly->cached}) {
-    uint32_t status = text_init(text);
-    if (status != POL_OK) return status;
-  }
-  return POL_OK;
+  uint32_t status = xml_text_init(&assembly->policies);
+  return status == POL_OK ? xml_text_init(&assembly->lists) : status;
 }
 
 void assembly_free(Assembly* assembly) {
-  for (auto& names : assembly->names) {
-    void* cookie = nullptr;
-    while (t_list_name_entry* entry = names.drain(&cookie)) pol_free(entry, MEM_LIST_NAME);
-    names.destroy();
+  while (t_list_name_entry* entry = assembly->marked.pop_front()) {
+    entry->object->in_document = false;
+    pol_free(entry, MEM_LIST_NAME);
   }
-  for (Text* text : {&assembly->policies, &assembly->lists, &assembly->cached}) {
-    pol_free(text->bytes, MEM_PEER_XML);
-  }
+  xml_text_free(&assembly->policies);
+  xml_text_free(&assembly->lists);
 }
 
-[[nodiscard]] uint32_t append_cached(Assembly* assembly, Text* text, pol_xml_type type,
-                                     const char* name) {
-  Text* cached = &assembly->cached;
-  cached->bytes[0] = '\0';
-  auto room = static_cast<uint32_t>(cached->room);
-  uint32_t status = pol_xml_config_get_str(type, name, &cached->bytes, &room);
-  if (status != POL_OK) return status;
-  cached->length = strlen(cached->bytes);
-  cached->room = std::max(cached->room, cached->length);
-  return text_append(text, {cached->bytes, cached->length});
-}
-
-[[nodiscard]] uint32_t add_object(Assembly* assembly, pol_xml_type type, const char* name) {
-  char key[sizeof t_list_name_entry::name];
-  copy_name(key, name);
-  avl_index where = 0;
-  if (assembly->names[type].find(key, &where) != nullptr) return POL_OK;
+[[nodiscard]] uint32_t add_object(Assembly* assembly, int32_t type, NamedHead* object) {
+  if (object->in_document) return POL_OK;
   auto* entry = alloc<t_list_name_entry>(MEM_LIST_NAME);
   if (entry == nullptr) return POL_ENOMEM;
-  memcpy(entry->name, key, sizeof key);
-  assembly->names[type].insert(entry, where);
-  uint32_t status = append_cached(assembly, &assembly->lists, type, name);
-  if (status != POL_OK)
+  entry->object = object;
+  object->in_document = true;
+  assembly->marked.push_back(entry);
+  uint32_t status = xml_config_append(type, object->name, &assembly->lists);
+  if (status != POL_OK) {
     POL_LOG("Error getting list xml string (error:%d)\n", static_cast<int>(status));
+  }
   return status;
 }
 
 [[nodiscard]] uint32_t add_vpn_list(Assembly* assembly, const t_pol_fwd_vpn_entry* vpn) {
   POL_LOG_AT(3, "Get vpn-list '%s'config\n", vpn->name);
-  const NamedHead* list = vpn->vpn_list != nullptr ? &vpn->vpn_list->head : nullptr;
-  uint32_t status =
-      add_object(assembly, POL_XML_VPN_LIST, list != nullptr ? list->name : vpn->name);
+  uint32_t status = POL_OK;
+  if (t_vpn_list* list = vpn->vpn_list) {
+    status = add_object(assembly, POL_XML_VPN_LIST, &list->head);
+  }
   const t_pol_entry* entry = vpn->entries.first();
   for (; entry != nullptr && status == POL_OK; entry = vpn->entries.next(entry)) {
     for (const Named& named : kNamed) {
-      const NamedHead* object = fwd_object(*entry, named.ref);
+      NamedHead* object = fwd_object(*entry, named.ref);
       if (object == nullptr) continue;
       POL_LOG_AT(3, "Get %s '%s'config\n", named.word, object->name);
-      status = add_object(assembly, named.type, object->name);
+      status = add_object(assembly, named.ref.xml_type, object);
       if (status != POL_OK) break;
     }
   }
@@ -172,14 +104,14 @@ void assembly_free(Assembly* assembly) {
                                   Direction direction) {
   if (block == nullptr) return POL_OK;
   POL_LOG_AT(3, "Get policy %s of type %d\n", block->name, static_cast<int>(type));
-  uint32_t status = append_cached(assembly, &assembly->policies, type, block->name);
+  uint32_t status = xml_config_append(type, block->name, &assembly->policies);
   if (status != POL_OK) {
     POL_LOG("Error getting policy xml string (error:%d)\n", static_cast<int>(status));
     return status;
   }
   if (type == POL_XML_DATA_POLICY) {
     POL_LOG_AT(3, "Add footer for data-policy in direction %d\n", static_cast<int>(direction));
-    status = text_append(&assembly->policies, kFooters[direction]);
+    status = xml_text_append(&assembly->policies, kFooters[direction]);
     if (status != POL_OK) {
       POL_LOG("Error adding footer to data policy (error:%d)\n", static_cast<int>(status));
       return status;
@@ -204,9 +136,10 @@ struct Applied {
   const t_pol_block* cflowd;
 };
 
-const t_pol_block* block_of(const t_pol_user* user) {
-  return user != nullptr && user->kind != 0 ? user->block : nullptr;
-}
+bool given(const t_pol_user* user) { return user != nullptr && user->kind != 0; }
+
+// Null also for one that is given and whose policy is gone: it adds nothing.
+const t_pol_block* block_of(const t_pol_user* user) { return given(user) ? user->block : nullptr; }
 
 [[nodiscard]] uint32_t add_policies(Assembly* assembly, const Applied& applied) {
   const t_pol_block* service = applied.from_service;
@@ -253,46 +186,6 @@ char* put(char* at, string_view text) {
   return POL_OK;
 }
 
-char* made_envelope(std::initializer_list<string_view> pieces, uint32_t* length) {
-  size_t whole = 0;
-  for (string_view piece : pieces) whole += piece.size();
-  if (whole >= UINT32_MAX) return nullptr;
-  auto* made = static_cast<char*>(pol_malloc(whole + 1, MEM_SET_XML));
-  if (made == nullptr) return nullptr;
-  char* at = made;
-  for (string_view piece : pieces) at = put(at, piece);
-  *at = '\0';
-  *length = static_cast<uint32_t>(whole);
-  return made;
-}
-
-// The filter's text belongs to libxml2's deallocator; hosts free every envelope the same way.
-char* taken_over(char* filtered, uint32_t filtered_length, uint32_t* length) {
-  char* made = made_envelope({{filtered, filtered_length}}, length);
-  xmlFree(filtered);
-  return made;
-}
-
-char* enveloped(string_view open, string_view close, const char* body, uint32_t body_length,
-                uint32_t* length) {
-  if (length == nullptr) return nullptr;
-  *length = 0;
-  if (body == nullptr) return made_envelope({kConfigOpen, open, close, kConfigClose}, length);
-  uint32_t whole = 0;
-  char* made = made_envelope({kConfigOpen, open, {body, body_length}, close, kConfigClose}, &whole);
-  if (made == nullptr) return nullptr;
-  uint32_t filtered_length = 0;
-  char* filtered = pol_xml_fetch_compat_config(
-      kPolicyNamespace, made + kConfigOpen.size(),
-      static_cast<uint32_t>(whole - kConfigOpen.size() - kConfigClose.size()), &filtered_length);
-  if (filtered != nullptr) {
-    pol_free(made, MEM_SET_XML);
-    return taken_over(filtered, filtered_length, length);
-  }
-  *length = whole;
-  return made;
-}
-
 }  // namespace
 }  // namespace pol
 
@@ -304,8 +197,8 @@ uint32_t pol_fwd_policy_populate(const t_pol_user* from_service, const t_pol_use
   *text = nullptr;
   const pol::Applied applied = {pol::block_of(from_service), pol::block_of(from_tunnel),
                                 pol::block_of(app_route), pol::block_of(cflowd)};
-  if (applied.from_service == nullptr && applied.from_tunnel == nullptr &&
-      applied.app_route == nullptr && applied.cflowd == nullptr) {
+  if (!pol::given(from_service) && !pol::given(from_tunnel) && !pol::given(app_route) &&
+      !pol::given(cflowd)) {
     return POL_OK;
   }
   pol::Assembly assembly = {};
@@ -318,33 +211,4 @@ uint32_t pol_fwd_policy_populate(const t_pol_user* from_service, const t_pol_use
   }
   pol::assembly_free(&assembly);
   return status;
-}
-
-char* pol_fwd_policy_hdr_add(const char* body, uint32_t body_length, uint32_t* length) {
-  return pol::enveloped("<policy-from-pellux xmlns=\"urn:zenodra:policy\">",
-                        "</policy-from-pellux>", body, body_length, length);
-}
-
-char* pol_show_fwd_policy_hdr_add(const char* body, uint32_t body_length, uint32_t* length) {
-  return pol::enveloped("<policy xmlns=\"urn:zenodra:policy\"><from-pellux>",
-                        "</from-pellux></policy>", body, body_length, length);
-}
-
-// A buffer that was grown has no room left, so each later append grows it again: on purpose, callers
-// outside go by the room.
-uint32_t pol_fwd_policy_append(const char* text, int32_t size, char** buffer, uint32_t* room) {
-  if (text == nullptr || size < 0 || buffer == nullptr || room == nullptr) return POL_OK;
-  auto added = static_cast<uint32_t>(size);
-  size_t length = *buffer != nullptr ? strlen(*buffer) : 0;
-  if (*buffer == nullptr || *room < added) {
-    auto* grown = static_cast<char*>(pol_realloc(*buffer, length + added + 1));
-    if (grown == nullptr) return POL_ENOMEM;
-    *buffer = grown;
-    *room = 0;
-  } else {
-    *room -= added;
-  }
-  memcpy(*buffer + length, text, added);
-  (*buffer)[length + added] = '\0';
-  return POL_OK;
 }

@@ -3,10 +3,11 @@
 // pol_fwd_document_internal.h - what putting a document together remembers.
 #pragma once
 
-#include "kel/avl.h"
+#include "base/tail_queue.h"
+#include "lists/named_list.h"
 
-// An object of which the document has the text.
+// An object of which the document has the text, and that is marked so.
 struct t_list_name_entry {
-  char name[33];  // first: the key
-  avl_node link;
+  pol::TailLink<t_list_name_entry> link;
+  pol::NamedHead* object;
 };

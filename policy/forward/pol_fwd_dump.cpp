@@ -8,6 +8,7 @@
 #include "forward/pol_fwd_action_internal.h"
 #include "forward/pol_fwd_block_internal.h"
 #include "forward/pol_fwd_ref.h"
+#include "kel/tloc.h"
 #include "policy/pol_dump.h"
 #include "policy/pol_util.h"
 
@@ -26,9 +27,9 @@ TimeText time_text(time_t time) {
   return text;
 }
 
-t_pol_fetch_time fetched(const t_pol_entry& entry, const pol::FwdRef& ref, int32_t type) {
+t_pol_fetch_time fetched(const t_pol_entry& entry, const pol::FwdRef& ref) {
   const pol::NamedHead* object = pol::fwd_object(entry, ref);
-  return object != nullptr ? pol::xml_fetch_time(type, object->name) : t_pol_fetch_time{};
+  return object != nullptr ? pol::xml_fetch_time(ref.xml_type, object->name) : t_pol_fetch_time{};
 }
 
 // Of an IPv4 and an IPv6 list of one direction: the latest fetch, and the longest of either.
@@ -57,10 +58,8 @@ void dump_match(const t_pol_entry& entry, const pol::FwdRef& ref, const char* wo
 
 void dump_matches(const t_pol_entry& entry, t_cli_user_ctx* cli) {
   using namespace pol;
-  const t_pol_fetch_time src = later(fetched(entry, kFwdSrcPfx, POL_XML_DATA_PREFIX_LIST),
-                                     fetched(entry, kFwdSrcPfx6, POL_XML_DATA_IPV6_PREFIX_LIST));
-  const t_pol_fetch_time dst = later(fetched(entry, kFwdDstPfx, POL_XML_DATA_PREFIX_LIST),
-                                     fetched(entry, kFwdDstPfx6, POL_XML_DATA_IPV6_PREFIX_LIST));
+  const t_pol_fetch_time src = later(fetched(entry, kFwdSrcPfx), fetched(entry, kFwdSrcPfx6));
+  const t_pol_fetch_time dst = later(fetched(entry, kFwdDstPfx), fetched(entry, kFwdDstPfx6));
   const t_pol_fetch_time none = {};
   dump_match(entry, kFwdSrcPfx, "Src pfx-list", cli, &src);
   dump_match(entry, kFwdDstPfx, "Dest pfx-list", cli, &dst);
@@ -70,7 +69,7 @@ void dump_matches(const t_pol_entry& entry, t_cli_user_ctx* cli) {
 }
 
 void dump_app_lists(const t_pol_entry& entry, t_cli_user_ctx* cli) {
-  const t_pol_fetch_time time = fetched(entry, pol::kFwdAppList, POL_XML_APP_LIST);
+  const t_pol_fetch_time time = fetched(entry, pol::kFwdAppList);
   dump_match(entry, pol::kFwdAppList, "App-list", cli, &time);
   dump_match(entry, pol::kFwdDnsAppList, "Dns-App-list", cli);
   dump_match(entry, pol::kFwdSaasAppList, "Saas-App-list", cli);
@@ -86,7 +85,7 @@ void dump_tlocs(const t_pol_entry& entry, t_cli_user_ctx* cli) {
   }
   if (const pol::NamedHead* list = pol::fwd_object(entry, pol::kFwdTlocList)) {
     maapi_cli_printf(cli, "\n    Set: tloc-list: %s vpn-id: %lu", list->name, action.vpn_id);
-    dump_fetch_time("Yarrow", fetched(entry, pol::kFwdTlocList, POL_XML_TLOC_LIST), cli);
+    dump_fetch_time("Yarrow", fetched(entry, pol::kFwdTlocList), cli);
   }
   if (action.tlocs.empty()) return;
   maapi_cli_printf(cli, "\n    Set: Internal tloc-list");
@@ -98,12 +97,12 @@ void dump_tlocs(const t_pol_entry& entry, t_cli_user_ctx* cli) {
 }
 
 // The line of an object that the sequence's action names.
-void dump_set(const t_pol_entry& entry, const pol::FwdRef& ref, const char* word, int32_t type,
+void dump_set(const t_pol_entry& entry, const pol::FwdRef& ref, const char* word,
               t_cli_user_ctx* cli) {
   const pol::NamedHead* object = pol::fwd_object(entry, ref);
   if (object == nullptr) return;
   maapi_cli_printf(cli, "\n    Set: %s: %s", word, object->name);
-  dump_fetch_time("Yarrow", fetched(entry, ref, type), cli);
+  dump_fetch_time("Yarrow", fetched(entry, ref), cli);
 }
 
 }  // namespace
@@ -122,8 +121,8 @@ void pol_dump_fwd_entry(t_pol_entry* entry, t_cli_user_ctx* cli) {
   }
   dump_app_lists(*entry, cli);
   dump_tlocs(*entry, cli);
-  dump_set(*entry, pol::kFwdPolicer, "policer", POL_XML_POLICER, cli);
-  dump_set(*entry, pol::kFwdSlaClass, "sla-class", POL_XML_SLA_CLASS, cli);
+  dump_set(*entry, pol::kFwdPolicer, "policer", cli);
+  dump_set(*entry, pol::kFwdSlaClass, "sla-class", cli);
 }
 
 void pol_dump_fwd_vpn_entry(t_pol_fwd_vpn_entry* vpn, t_cli_user_ctx* cli) {

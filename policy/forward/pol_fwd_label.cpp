@@ -130,13 +130,7 @@ void pol_fwd_upd_label_set_entry(void* /*ignored*/, t_pol_ctx* ctx, t_pol_fwd_us
   t_pol_label_set set = {};
   fill_label_set(ctx, user->entry, &set);
   POL_LOG("pol_fwd_set_tloc_label_set\n");
-  auto* item = pol::alloc<t_pol_thread_queue_item>(pol::MEM_THREAD_ITEM);
-  if (item != nullptr) {
-    item->label_set = set;
-    pol::thread_push(&ctx->thread, pol::QUEUE_LABEL_SET, item);
-  } else {
-    POL_LOG("Failed to alloc memory for thread queue item\n");
-  }
+  pol::thread_push_labels(&ctx->thread, set);
   // The worker works label sets first, so that this fetches the policy with its labels.
   pol::thread_push_fetch(&ctx->thread, pol::QUEUE_LABEL_FETCH, POL_XML_DATA_POLICY, block->name);
   pol_block_users_add_to_chg_list(ctx, block);

@@ -94,7 +94,9 @@ void pol_fwd_entry_match_app_id_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8
 t_pol_fwd_user* pol_fwd_entry_sla_class_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                             uint8_t option, uint32_t value, uint8_t* changed) {
   if (ctx == nullptr || entry == nullptr) return nullptr;
-  if (name == nullptr || entry->block->kind != POL_KIND_PERF_ROUTE) pol::crash();
+  if (name == nullptr || entry->block->kind != POL_KIND_PERF_ROUTE) {
+    pol::crash("an SLA class without a name, or of another kind than perf route");
+  }
   if (!pol::fwd_ref_names(*entry, pol::kFwdSlaClass, name)) {
     t_pol_fwd_user* user = pol::fwd_ref_add(ctx, entry, name, changed, pol::kFwdSlaClass);
     if (user == nullptr) return nullptr;
@@ -119,7 +121,7 @@ void pol_fwd_entry_sla_class_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t*
 void pol_fwd_entry_sla_class_upd(t_pol_ctx* ctx, const char* block, uint32_t kind,
                                  const char* vpn_list, uint32_t sequence, const char* name,
                                  uint8_t option, uint32_t value, uint8_t remove) {
-  if (kind != POL_KIND_PERF_ROUTE) pol::crash();
+  if (kind != POL_KIND_PERF_ROUTE) pol::crash("an SLA class of another kind than perf route");
   t_pol_entry* entry = pol::fwd_find(ctx, block, kind, vpn_list, sequence).entry;
   if (entry == nullptr) return;
   uint8_t changed = 0;

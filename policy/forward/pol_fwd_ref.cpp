@@ -11,6 +11,7 @@
 #include "policy/pol_fwd_policer.h"
 #include "policy/pol_fwd_sla_class.h"
 #include "policy/pol_tloc_list.h"
+#include "policy/pol_xml_config.h"
 
 namespace {
 
@@ -49,37 +50,37 @@ namespace pol {
 
 // clang-format off
 const FwdRef kFwdSrcPfx = {
-    POL_FWD_MATCH_F_SRC_PFX, kMatch, &t_pol_fwd_user::src_pfx,
+    POL_FWD_MATCH_F_SRC_PFX, kMatch, POL_XML_DATA_PREFIX_LIST, &t_pol_fwd_user::src_pfx,
     add<pol_fwd_pfx_list_user_add, kSrc>, remove<t_fwd_pfx_list, pol_fwd_pfx_list_user_remove, kSrc>};
 const FwdRef kFwdDstPfx = {
-    POL_FWD_MATCH_F_DST_PFX, kMatch, &t_pol_fwd_user::dst_pfx,
+    POL_FWD_MATCH_F_DST_PFX, kMatch, POL_XML_DATA_PREFIX_LIST, &t_pol_fwd_user::dst_pfx,
     add<pol_fwd_pfx_list_user_add, kDst>, remove<t_fwd_pfx_list, pol_fwd_pfx_list_user_remove, kDst>};
 const FwdRef kFwdSrcPfx6 = {
-    POL_FWD_MATCH_F_SRC_PFX6, kMatch, &t_pol_fwd_user::src_pfx6,
+    POL_FWD_MATCH_F_SRC_PFX6, kMatch, POL_XML_DATA_IPV6_PREFIX_LIST, &t_pol_fwd_user::src_pfx6,
     add<pol_fwd_pfx6_list_user_add, kSrc>, remove<t_fwd_pfx_list, pol_fwd_pfx6_list_user_remove, kSrc>};
 const FwdRef kFwdDstPfx6 = {
-    POL_FWD_MATCH_F_DST_PFX6, kMatch, &t_pol_fwd_user::dst_pfx6,
+    POL_FWD_MATCH_F_DST_PFX6, kMatch, POL_XML_DATA_IPV6_PREFIX_LIST, &t_pol_fwd_user::dst_pfx6,
     add<pol_fwd_pfx6_list_user_add, kDst>, remove<t_fwd_pfx_list, pol_fwd_pfx6_list_user_remove, kDst>};
 const FwdRef kFwdAppId = {
-    POL_FWD_MATCH_F_APP_ID, kMatch, &t_pol_fwd_user::app_id,
+    POL_FWD_MATCH_F_APP_ID, kMatch, 0, &t_pol_fwd_user::app_id,
     add<pol_fwd_app_id_user_add>, remove<t_fwd_app_id, pol_fwd_app_id_user_remove>};
 const FwdRef kFwdAppList = {
-    POL_FWD_MATCH_F_APP_LIST, kMatch, &t_pol_fwd_user::app_list,
+    POL_FWD_MATCH_F_APP_LIST, kMatch, POL_XML_APP_LIST, &t_pol_fwd_user::app_list,
     add<pol_app_list_user_add>, remove<t_app_list, pol_app_list_user_remove>};
 const FwdRef kFwdDnsAppList = {
-    POL_FWD_MATCH_F_DNS_APP_LIST, kMatch, &t_pol_fwd_user::dns_app_list,
+    POL_FWD_MATCH_F_DNS_APP_LIST, kMatch, POL_XML_APP_LIST, &t_pol_fwd_user::dns_app_list,
     add<pol_dns_app_list_user_add>, remove<t_app_list, pol_dns_app_list_user_remove>};
 const FwdRef kFwdSaasAppList = {
-    POL_FWD_MATCH_F_SAAS_APP_LIST, kMatch, &t_pol_fwd_user::saas_app_list,
+    POL_FWD_MATCH_F_SAAS_APP_LIST, kMatch, POL_XML_APP_LIST, &t_pol_fwd_user::saas_app_list,
     add<pol_saas_app_list_user_add>, remove<t_app_list, pol_saas_app_list_user_remove>};
 const FwdRef kFwdSlaClass = {
-    POL_FWD_SET_F_SLA_CLASS, kAction, &t_pol_fwd_user::sla_class,
+    POL_FWD_SET_F_SLA_CLASS, kAction, POL_XML_SLA_CLASS, &t_pol_fwd_user::sla_class,
     add<pol_fwd_sla_class_user_add>, remove<t_fwd_sla_class, pol_fwd_sla_class_user_remove>};
 const FwdRef kFwdPolicer = {
-    POL_FWD_SET_F_POLICER, kAction, &t_pol_fwd_user::policer,
+    POL_FWD_SET_F_POLICER, kAction, POL_XML_POLICER, &t_pol_fwd_user::policer,
     add<pol_fwd_policer_user_add>, remove<t_fwd_policer, pol_fwd_policer_user_remove>};
 const FwdRef kFwdTlocList = {
-    POL_FWD_SET_F_TLOC_LIST, kAction, &t_pol_fwd_user::tloc_list,
+    POL_FWD_SET_F_TLOC_LIST, kAction, POL_XML_TLOC_LIST, &t_pol_fwd_user::tloc_list,
     add_tloc_list, remove_tloc_list};
 // clang-format on
 
@@ -94,11 +95,7 @@ bool fwd_ref_names(const t_pol_entry& entry, const FwdRef& ref, const char* name
 bool fwd_ref_replace(t_pol_ctx* ctx, t_pol_entry* entry, const FwdRef& ref, const char* name) {
   t_pol_fwd_user* user = fwd_user(*entry);
   t_pol_clause_user* role = &(user->*ref.user);
-  if (role->list != nullptr) {
-    role->keep_reference = true;
-    ref.remove(ctx, role->list, user);
-    role->keep_reference = false;
-  }
+  if (role->list != nullptr) user_leave(ctx, role, Leaving::kStaysStale);
   return ref.add(ctx, name, user) != nullptr;
 }
 

@@ -4,8 +4,11 @@
 //
 // A role is in force while its flag is set. Its record on the object then has the object as `list`;
 // on purpose that is still the old one, of which the sequence is no longer a user, when another
-// could not be had (t_pol_clause_user.stale), and none once the old one is freed.
+// could not be had (NamedHead.stale), and none once the old one is freed.
 #pragma once
+
+#include <cstddef>
+#include <iterator>
 
 #include "base/pol_crash.h"
 #include "forward/pol_fwd_block_internal.h"
@@ -16,6 +19,8 @@ namespace pol {
 struct FwdRef {
   uint32_t flag;
   uint32_t t_pol_entry::*flags;
+  int32_t
+      xml_type;  // of the objects' records in the XML cache; 0 when the agent has no text of them
   t_pol_clause_user t_pol_fwd_user::*user;
   NamedHead* (*add)(t_pol_ctx* ctx, const char* name, t_pol_fwd_user* user);
   void (*remove)(t_pol_ctx* ctx, NamedHead* object, t_pol_fwd_user* user);
@@ -33,10 +38,17 @@ extern const FwdRef kFwdSlaClass;
 extern const FwdRef kFwdPolicer;
 extern const FwdRef kFwdTlocList;
 
+inline constexpr const FwdRef* kFwdRefs[] = {
+    &kFwdSrcPfx,     &kFwdDstPfx,      &kFwdSrcPfx6,  &kFwdDstPfx6, &kFwdAppId,   &kFwdAppList,
+    &kFwdDnsAppList, &kFwdSaasAppList, &kFwdSlaClass, &kFwdPolicer, &kFwdTlocList};
+inline constexpr size_t kFwdRoles = std::size(kFwdRefs);
+static_assert(offsetof(t_pol_fwd_user, entry) == kFwdRoles * sizeof(t_pol_clause_user),
+              "every registration is a role's");
+
 // Ends the process unless the entry is a sequence of a forwarding policy: others have clauses where
 // it has its roles, and so has a default action.
-inline void fwd_check(const t_pol_entry& entry) {
-  if (!is_forwarding(entry)) crash();
+inline void fwd_check(const t_pol_entry& entry, Caller from = Caller::here()) {
+  if (!is_forwarding(entry)) crash("no sequence of a forwarding policy", from);
 }
 
 inline t_pol_fwd_user* fwd_user(const t_pol_entry& entry) {

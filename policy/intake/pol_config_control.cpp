@@ -11,21 +11,6 @@
 
 namespace {
 
-constexpr uint32_t kTagAction = 0x0369ffb7;
-constexpr uint32_t kTagTag = 0x0c2c7467;
-constexpr uint32_t kTagPreference = 0x176ecfd3;
-constexpr uint32_t kTagDomain = 0x1beabc63;
-constexpr uint32_t kTagVpnList = 0x6aebf6e6;
-constexpr uint32_t kTagSite = 0x59a72353;
-constexpr uint32_t kTagSiteList = 0x6d6fa00b;
-constexpr uint32_t kTagGroup = 0x7ce0369b;
-constexpr uint32_t kTagColorList = 0x3129eae5;
-constexpr uint32_t kTagOriginator = 0x470748d8;
-constexpr uint32_t kTagCarrier = 0x4ef9605a;
-constexpr uint32_t kTagPfxList = 0x5dc389d2;
-constexpr uint32_t kTagTlocAction = 0x4a63a685;
-constexpr uint32_t kTagOrigin = 0x775cf168;
-
 constexpr uint32_t kFailed = 1;
 
 constexpr uint8_t kLevelPolicy = 1;
@@ -58,14 +43,14 @@ void set_default_action(t_pol_ctx* ctx, t_pol_block* block, const pol::Leaf& lea
 
 // The policy's own node, alike for both kinds.
 uint32_t read_policy(t_pol_ctx* ctx, uint32_t op, const char* name, uint32_t kind, const char* what,
-                     const pol::Leaves& leaves) {
+                     const pol::Leaves& leaves, pol::Caller reader = pol::Caller::here()) {
   uint8_t changed = 0;
   t_pol_block* block = nullptr;
   switch (op) {
     case POL_CFG_CREATED:
       block = pol_block_find_or_create(ctx, name, kind, &changed);
       if (block == nullptr) {
-        POL_LOG("Failed to create %s policy - pol: %s\n", what, name);
+        POL_LOG_FROM(reader, "Failed to create %s policy - pol: %s\n", what, name);
         return kFailed;
       }
       break;
@@ -77,15 +62,43 @@ uint32_t read_policy(t_pol_ctx* ctx, uint32_t op, const char* name, uint32_t kin
       break;
   }
   for (uint32_t i = 0; i < leaves.count(); ++i) {
-    pol::log_leaf(i, leaves[i]);
-    if (leaves[i].tag() == pol::kTagDefaultAction)
+    pol::log_leaf(i, leaves[i], reader);
+    if (leaves[i].tag() == POL_TAG_DEFAULT_ACTION)
       set_default_action(ctx, block, leaves[i], &changed);
   }
   return finish(ctx, changed);
 }
 
+// False when the sequence is new and cannot be made; null in `entry` when it is not there.
+bool reported_entry(t_pol_ctx* ctx, uint32_t op, t_pol_block* block, const char* name,
+                    uint16_t sequence, const char* what, t_pol_entry** entry, uint8_t* changed,
+                    pol::Caller reader = pol::Caller::here()) {
+  if (op != POL_CFG_CREATED) {
+    *entry = pol_entry_find(ctx, block, sequence, nullptr);
+    return true;
+  }
+  *entry = pol_entry_find_or_create(ctx, block, sequence, changed);
+  if (*entry != nullptr) return true;
+  POL_LOG_FROM(reader, "Failed to create %s policy entry - pol: %s, seq: %d\n", what, name,
+               sequence);
+  return false;
+}
+
+// A clause that goes with its leaf, and one that names a list.
+template <auto kAdd, auto kDelete>
+void take_number(t_pol_ctx* ctx, t_pol_entry* entry, const pol::Leaf& leaf, uint8_t* changed) {
+  if (leaf.removed()) return kDelete(ctx, entry, changed);
+  kAdd(ctx, entry, leaf.u32(), changed);
+}
+
+template <auto kAdd, auto kDelete>
+void take_list(t_pol_ctx* ctx, t_pol_entry* entry, const pol::Leaf& leaf, uint8_t* changed) {
+  if (leaf.removed()) return kDelete(ctx, entry, changed);
+  kAdd(ctx, entry, leaf.text(), changed);
+}
+
 // The parts of a TLOC that a change gives. Encapsulations other than GRE and IPsec count as IPsec.
-struct TlocParts {
+struct RouteTlocParts {
   bool removed = false;
   bool address_given = false;
   bool color_given = false;
@@ -113,53 +126,51 @@ struct TlocParts {
 };
 
 // What the leaves of a sequence's action say, gathered.
-class ActionLeaves {
+class RouteActionLeaves {
  public:
-  ActionLeaves(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed)
+  RouteActionLeaves(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed)
       : ctx_(ctx), entry_(entry), changed_(changed) {}
 
   void take(const pol::Leaf& leaf) {
     switch (leaf.tag()) {
-      case pol::kTagService:
+      case POL_TAG_SERVICE:
         if (leaf.type() == C_XMLBEGIN) in_service_ = true;
         if (leaf.type() == C_XMLEND) in_service_ = false;
         return;
-      case pol::kTagTloc:
+      case POL_TAG_TLOC:
         // The TLOC inside a service is the service's.
         if (leaf.type() == C_XMLBEGIN && !in_service_) in_tloc_ = true;
         if (leaf.type() == C_XMLEND) in_tloc_ = false;
         return;
-      case kTagAction:
+      case POL_TAG_ACTION_VALUE:
         return set_action(ctx_, entry_, leaf, changed_);
-      case kTagTag:
-        return leaf.removed() ? pol_entry_set_tag_delete(ctx_, entry_, changed_)
-                              : void(pol_entry_set_tag_add(ctx_, entry_, leaf.u32(), changed_));
-      case kTagPreference:
-        return leaf.removed()
-                   ? pol_entry_set_preference_delete(ctx_, entry_, changed_)
-                   : void(pol_entry_set_preference_add(ctx_, entry_, leaf.u32(), changed_));
-      case kTagVpnList:
-        return leaf.removed()
-                   ? pol_entry_set_vpn_list_delete(ctx_, entry_, changed_)
-                   : void(pol_entry_set_vpn_list_add(ctx_, entry_, leaf.text(), changed_));
-      case pol::kTagTlocList:
+      case POL_TAG_TAG:
+        return take_number<pol_entry_set_tag_add, pol_entry_set_tag_delete>(ctx_, entry_, leaf,
+                                                                            changed_);
+      case POL_TAG_PREFERENCE:
+        return take_number<pol_entry_set_preference_add, pol_entry_set_preference_delete>(
+            ctx_, entry_, leaf, changed_);
+      case POL_TAG_VPN_LIST:
+        return take_list<pol_entry_set_vpn_list_add, pol_entry_set_vpn_list_delete>(ctx_, entry_,
+                                                                                    leaf, changed_);
+      case POL_TAG_TLOC_LIST:
         if (leaf.removed()) {
           tloc_list_removed_ = true;
         } else {
           tloc_list_ = leaf.text();
         }
         return;
-      case kTagTlocAction:
+      case POL_TAG_TLOC_ACTION:
         return take_tloc_action(leaf);
-      case pol::kTagVpn:
+      case POL_TAG_VPN:
         return take_vpn(leaf);
-      case pol::kTagAddress:
-      case pol::kTagColor:
-      case pol::kTagEncap:
+      case POL_TAG_ADDRESS:
+      case POL_TAG_COLOR:
+      case POL_TAG_ENCAP:
         if (in_service_) return take_service_tloc(leaf);
         if (in_tloc_) take_set_tloc(leaf);
         return;
-      case pol::kTagServiceType:
+      case POL_TAG_TYPE:
         service_removed_ |= leaf.removed();
         if (leaf.removed()) return;
         type_given_ = true;
@@ -205,18 +216,17 @@ class ActionLeaves {
     if (in_service_) {
       vpn_given_ = true;
       vpn_ = leaf.removed() ? 0 : leaf.u32();
-    } else if (leaf.removed()) {
-      pol_entry_set_vpn_id_delete(ctx_, entry_, changed_);
     } else {
-      pol_entry_set_vpn_id_add(ctx_, entry_, leaf.u32(), changed_);
+      take_number<pol_entry_set_vpn_id_add, pol_entry_set_vpn_id_delete>(ctx_, entry_, leaf,
+                                                                         changed_);
     }
   }
 
   void take_set_tloc(const pol::Leaf& leaf) {
-    if (leaf.tag() == pol::kTagEncap) return set_tloc_.give_encap(leaf);
+    if (leaf.tag() == POL_TAG_ENCAP) return set_tloc_.give_encap(leaf);
     if (leaf.removed()) {
       set_tloc_.removed = true;
-    } else if (leaf.tag() == pol::kTagAddress) {
+    } else if (leaf.tag() == POL_TAG_ADDRESS) {
       set_tloc_.give_address(leaf.address());
     } else {
       set_tloc_.give_color(leaf.enumeration());
@@ -224,8 +234,8 @@ class ActionLeaves {
   }
 
   void take_service_tloc(const pol::Leaf& leaf) {
-    if (leaf.tag() == pol::kTagEncap) return service_tloc_.give_encap(leaf);
-    if (leaf.tag() == pol::kTagColor) {
+    if (leaf.tag() == POL_TAG_ENCAP) return service_tloc_.give_encap(leaf);
+    if (leaf.tag() == POL_TAG_COLOR) {
       service_tloc_.give_color(leaf.removed() ? 0 : leaf.enumeration());
     } else {
       service_tloc_.give_address(leaf.removed() ? t_ipaddr{KEL_AF_INET, {0}} : leaf.address());
@@ -239,8 +249,8 @@ class ActionLeaves {
   bool in_tloc_ = false;
   const char* tloc_list_ = nullptr;
   bool tloc_list_removed_ = false;
-  TlocParts set_tloc_;
-  TlocParts service_tloc_;
+  RouteTlocParts set_tloc_;
+  RouteTlocParts service_tloc_;
   bool service_removed_ = false;
   bool type_given_ = false;
   bool vpn_given_ = false;
@@ -249,57 +259,57 @@ class ActionLeaves {
 };
 
 // What the leaves of a match say, gathered.
-class MatchLeaves {
+class RouteMatchLeaves {
  public:
-  MatchLeaves(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed)
+  RouteMatchLeaves(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed)
       : ctx_(ctx), entry_(entry), changed_(changed) {}
 
   void take(const pol::Leaf& leaf) {
     switch (leaf.tag()) {
-      case pol::kTagTloc:
+      case POL_TAG_TLOC:
         if (leaf.type() == C_XMLBEGIN) in_tloc_ = true;
         if (leaf.type() == C_XMLEND) in_tloc_ = false;
         return;
-      case kTagTag:
+      case POL_TAG_TAG:
         return number<pol_entry_match_tag_add, pol_entry_match_tag_delete>(leaf);
-      case kTagPreference:
+      case POL_TAG_PREFERENCE:
         return number<pol_entry_match_preference_add, pol_entry_match_preference_delete>(leaf);
-      case kTagDomain:
+      case POL_TAG_DOMAIN_ID:
         return number<pol_entry_match_domain_add, pol_entry_match_domain_delete>(leaf);
-      case pol::kTagVpn:
+      case POL_TAG_VPN:
         return number<pol_entry_match_vpn_id_add, pol_entry_match_vpn_id_delete>(leaf);
-      case kTagSite:
+      case POL_TAG_SITE_ID:
         return number<pol_entry_match_site_add, pol_entry_match_site_delete>(leaf);
-      case kTagGroup:
+      case POL_TAG_GROUP_ID:
         return number<pol_entry_match_group_add, pol_entry_match_group_delete>(leaf);
-      case kTagColorList:
+      case POL_TAG_COLOR_LIST:
         return list<pol_entry_match_color_list_add, pol_entry_match_color_list_delete>(leaf);
-      case kTagPfxList:
+      case POL_TAG_PREFIX_LIST:
         return list<pol_entry_match_pfx_list_add, pol_entry_match_pfx_list_delete>(leaf);
-      case kTagVpnList:
+      case POL_TAG_VPN_LIST:
         return list<pol_entry_match_vpn_list_add, pol_entry_match_vpn_list_delete>(leaf);
-      case kTagSiteList:
+      case POL_TAG_SITE_LIST:
         return list<pol_entry_match_site_list_add, pol_entry_match_site_list_delete>(leaf);
-      case pol::kTagTlocList:
+      case POL_TAG_TLOC_LIST:
         return list<pol_entry_match_tloc_list_add, pol_entry_match_tloc_list_delete>(leaf);
-      case kTagOrigin:
+      case POL_TAG_ORIGIN:
         if (leaf.removed()) return pol_entry_match_origin_delete(ctx_, entry_, changed_);
         pol_entry_match_origin_add(ctx_, entry_, leaf.enumeration(), changed_);
         return;
-      case kTagCarrier:
+      case POL_TAG_CARRIER:
         if (leaf.removed()) return pol_entry_match_carrier_delete(ctx_, entry_, changed_);
         pol_entry_match_carrier_add(ctx_, entry_, static_cast<uint8_t>(leaf.enumeration()),
                                     changed_);
         return;
-      case kTagOriginator:
+      case POL_TAG_ORIGINATOR:
         return take_originator(leaf);
-      case pol::kTagColor:
+      case POL_TAG_COLOR:
         return take_color(leaf);
-      case pol::kTagAddress:
+      case POL_TAG_ADDRESS:
         tloc_.removed |= leaf.removed();
         if (!leaf.removed()) tloc_.give_address(leaf.address());
         return;
-      case pol::kTagEncap:
+      case POL_TAG_ENCAP:
         return tloc_.give_encap(leaf);
       default:
         return;
@@ -316,14 +326,12 @@ class MatchLeaves {
  private:
   template <auto kAdd, auto kDelete>
   void number(const pol::Leaf& leaf) {
-    if (leaf.removed()) return kDelete(ctx_, entry_, changed_);
-    kAdd(ctx_, entry_, leaf.u32(), changed_);
+    take_number<kAdd, kDelete>(ctx_, entry_, leaf, changed_);
   }
 
   template <auto kAdd, auto kDelete>
   void list(const pol::Leaf& leaf) {
-    if (leaf.removed()) return kDelete(ctx_, entry_, changed_);
-    kAdd(ctx_, entry_, leaf.text(), changed_);
+    take_list<kAdd, kDelete>(ctx_, entry_, leaf, changed_);
   }
 
   void take_originator(const pol::Leaf& leaf) {
@@ -347,7 +355,7 @@ class MatchLeaves {
   t_pol_entry* entry_;
   uint8_t* changed_;
   bool in_tloc_ = false;
-  TlocParts tloc_;
+  RouteTlocParts tloc_;
 };
 
 // The schema's route and TLOC, and everything else as service.
@@ -394,35 +402,23 @@ uint32_t pol_config_membership_policy_seq_read(void* /*host*/, t_pol_ctx* ctx, u
     return finish(ctx, changed);
   }
   t_pol_entry* entry = nullptr;
-  if (op == POL_CFG_CREATED) {
-    entry = pol_entry_find_or_create(ctx, block, sequence, &changed);
-    if (entry == nullptr) {
-      POL_LOG("Failed to create membership policy entry - pol: %s, seq: %d\n", name, sequence);
-      return kFailed;
-    }
-    pol_entry_match_add(ctx, block, entry, POL_MATCH_SERVICE, &changed);
-  } else {
-    entry = pol_entry_find(ctx, block, sequence, nullptr);
+  if (!reported_entry(ctx, op, block, name, sequence, "membership", &entry, &changed)) {
+    return kFailed;
   }
+  if (op == POL_CFG_CREATED) pol_entry_match_add(ctx, block, entry, POL_MATCH_SERVICE, &changed);
   for (uint32_t i = 0; i < leaves.count(); ++i) {
     const pol::Leaf leaf = leaves[i];
     pol::log_leaf(i, leaf);
     switch (leaf.tag()) {
-      case kTagVpnList:
-        if (leaf.removed()) {
-          pol_entry_match_vpn_list_delete(ctx, entry, &changed);
-        } else {
-          pol_entry_match_vpn_list_add(ctx, entry, leaf.text(), &changed);
-        }
+      case POL_TAG_VPN_LIST:
+        take_list<pol_entry_match_vpn_list_add, pol_entry_match_vpn_list_delete>(ctx, entry, leaf,
+                                                                                 &changed);
         break;
-      case pol::kTagVpn:
-        if (leaf.removed()) {
-          pol_entry_match_vpn_id_delete(ctx, entry, &changed);
-        } else {
-          pol_entry_match_vpn_id_add(ctx, entry, leaf.u32(), &changed);
-        }
+      case POL_TAG_VPN:
+        take_number<pol_entry_match_vpn_id_add, pol_entry_match_vpn_id_delete>(ctx, entry, leaf,
+                                                                               &changed);
         break;
-      case kTagAction:
+      case POL_TAG_ACTION_VALUE:
         set_action(ctx, entry, leaf, &changed);
         break;
       default:
@@ -448,16 +444,8 @@ uint32_t pol_config_control_policy_seq_read(void* /*host*/, t_pol_ctx* ctx, uint
     return finish(ctx, changed);
   }
   t_pol_entry* entry = nullptr;
-  if (op == POL_CFG_CREATED) {
-    entry = pol_entry_find_or_create(ctx, block, sequence, &changed);
-    if (entry == nullptr) {
-      POL_LOG("Failed to create control policy entry - pol: %s, seq: %d\n", name, sequence);
-      return kFailed;
-    }
-  } else {
-    entry = pol_entry_find(ctx, block, sequence, nullptr);
-  }
-  ActionLeaves action(ctx, entry, &changed);
+  if (!reported_entry(ctx, op, block, name, sequence, "control", &entry, &changed)) return kFailed;
+  RouteActionLeaves action(ctx, entry, &changed);
   for (uint32_t i = 0; i < leaves.count(); ++i) {
     pol::log_leaf(i, leaves[i]);
     action.take(leaves[i]);
@@ -479,7 +467,7 @@ uint32_t pol_config_control_policy_match_read(void* /*host*/, t_pol_ctx* ctx, ui
           static_cast<int>(op), leaves.count(), match_type);
   t_pol_block* block = pol_block_find(ctx, name, POL_KIND_ROUTE, nullptr);
   t_pol_entry* entry = pol_entry_find(ctx, block, sequence, nullptr);
-  if (block == nullptr || entry == nullptr) pol::crash();
+  if (entry == nullptr) pol::crash("a match of a sequence that is not there");
   uint8_t changed = 0;
   if (op == POL_CFG_CREATED) {
     pol_entry_match_add(ctx, block, entry, match_kind_of(match_type), &changed);
@@ -489,7 +477,7 @@ uint32_t pol_config_control_policy_match_read(void* /*host*/, t_pol_ctx* ctx, ui
     pol_entry_match_delete(ctx, entry, &changed);
     return finish(ctx, changed);
   }
-  MatchLeaves match(ctx, entry, &changed);
+  RouteMatchLeaves match(ctx, entry, &changed);
   for (uint32_t i = 0; i < leaves.count(); ++i) {
     pol::log_leaf(i, leaves[i]);
     match.take(leaves[i]);

@@ -18,19 +18,6 @@
 
 namespace {
 
-constexpr uint32_t kTagSlaClass = 0x1fc19c53;
-constexpr uint32_t kTagStrict = 0x5c327362;
-constexpr uint32_t kTagColors = 0x6464ce5d;
-constexpr uint32_t kTagSaasAppList = 0x07441945;
-constexpr uint32_t kTagAppList = 0x542ece51;
-constexpr uint32_t kTagDnsAppList = 0x5a06eb58;
-constexpr uint32_t kTagSrcPfx = 0x32d6e4cb;
-constexpr uint32_t kTagDstPfx = 0x4db8ee1a;
-constexpr uint32_t kTagSrcPfx6 = 0x5754b118;
-constexpr uint32_t kTagDstPfx6 = 0x71567138;
-constexpr uint32_t kTagPolicer = 0x58e2217b;
-constexpr uint32_t kTagLocal = 0x7ef235bf;
-
 constexpr uint8_t kLevelPolicy = 1;
 constexpr uint8_t kLevelVpnList = 2;
 constexpr uint8_t kLevelSequence = 3;
@@ -42,11 +29,12 @@ struct Place {
   uint32_t kind;
   const char* vpn_list;
   uint16_t sequence;
+  pol::Caller reader = pol::Caller::here();
 };
 
-void check(uint32_t kind, uint8_t level, uint8_t own) {
-  pol::check_level(level, own);
-  if (!pol::is_forwarding(kind)) pol::crash();
+void check(uint32_t kind, uint8_t level, uint8_t own, pol::Caller from = pol::Caller::here()) {
+  pol::check_level(level, own, from);
+  if (!pol::is_forwarding(kind)) pol::crash("a kind without VPN lists", from);
 }
 
 t_pol_block* mark_for_fetch(const Place& at) {
@@ -57,9 +45,9 @@ t_pol_block* mark_for_fetch(const Place& at) {
 
 // Ends the process: a VPN list or sequence that is reported as new cannot be done without.
 [[noreturn]] void fail_entry(const Place& at) {
-  POL_LOG("Failed to create %s policy entry - pol: %s, vpn: %s seq: %d\n",
-          pol_util_type_str(at.kind), at.policy, at.vpn_list, at.sequence);
-  pol::crash();
+  POL_LOG_FROM(at.reader, "Failed to create %s policy entry - pol: %s, vpn: %s seq: %d\n",
+               pol_util_type_str(at.kind), at.policy, at.vpn_list, at.sequence);
+  pol::crash("a reported sequence that cannot be made", at.reader);
 }
 
 // What the leaves of an SLA class say, gathered.
@@ -68,17 +56,17 @@ class SlaLeaves {
   // False for a leaf of something else.
   bool take(const pol::Leaf& leaf) {
     switch (leaf.tag()) {
-      case kTagSlaClass:
+      case POL_TAG_SLA_CLASS:
         removed_ |= leaf.removed();
         if (leaf.removed()) return true;
         name_ = leaf.text();
         seen_ = true;
         return true;
-      case kTagStrict:
+      case POL_TAG_STRICT:
         strict_ = !leaf.removed() && leaf.boolean();
         seen_ = true;
         return true;
-      case kTagColors:
+      case POL_TAG_PREFERRED_COLOR:
         take_colors(leaf);
         seen_ = true;
         return true;
@@ -87,10 +75,9 @@ class SlaLeaves {
     }
   }
 
-  // Schemas with these leaves in a data policy have nothing that they could set there; the module
-  // takes such a call for a broken invariant.
+  // On purpose for data policies as well, of which none may have them: the call ends the process.
   void apply(const Place& at) const {
-    if ((!seen_ && !removed_) || at.kind != POL_KIND_PERF_ROUTE) return;
+    if (!seen_ && !removed_) return;
     pol_fwd_entry_sla_class_upd(at.ctx, at.policy, at.kind, at.vpn_list, at.sequence, name_,
                                 static_cast<uint8_t>(strict_), colors_,
                                 static_cast<uint8_t>(removed_));
@@ -116,12 +103,13 @@ class SlaLeaves {
 
 // The parts of a TLOC that a report gives or takes away. It goes with its address. What is both
 // given and taken away has changed its place.
-struct TlocParts {
+struct FwdTlocParts {
   bool address_given = false;
   bool color_given = false;
   bool encap_given = false;
   bool address_removed = false;
   bool color_removed = false;
+  bool encap_removed = false;
   t_ipaddr address = {};
   uint8_t color = 0;
   uint8_t encap = 0;
@@ -134,16 +122,17 @@ struct TlocParts {
   void take(const pol::Leaf& leaf) {
     if (leaf.removed()) return take_away(leaf.tag());
     switch (leaf.tag()) {
-      case pol::kTagAddress:
+      case POL_TAG_ADDRESS:
         address_given = true;
         address = leaf.address();
         return;
-      case pol::kTagColor:
+      case POL_TAG_COLOR:
         color_given = true;
         color = static_cast<uint8_t>(leaf.enumeration());
         return;
       default:
         encap_given = true;
+        encap_removed = false;
         encap = static_cast<uint8_t>(leaf.enumeration());
         return;
     }
@@ -158,51 +147,52 @@ struct TlocParts {
 
  private:
   void take_away(uint32_t tag) {
-    address_removed |= tag == pol::kTagAddress;
-    color_removed |= tag == pol::kTagColor;
-    if (tag != pol::kTagEncap || encap_given) return;
+    address_removed |= tag == POL_TAG_ADDRESS;
+    color_removed |= tag == POL_TAG_COLOR;
+    if (tag != POL_TAG_ENCAP || encap_given) return;
     encap_given = true;
+    encap_removed = true;
     encap = KEL_ENCAP_IPSEC;
   }
 };
 
 // What the leaves of an action say of its VPN, TLOC, TLOC list and service, gathered.
-class ActionLeaves {
+class FwdActionLeaves {
  public:
-  explicit ActionLeaves(const Place& at) : at_(at) {}
+  explicit FwdActionLeaves(const Place& at) : at_(at) {}
 
   // False for a leaf of something else.
   bool take(const pol::Leaf& leaf) {
     switch (leaf.tag()) {
-      case pol::kTagService:
+      case POL_TAG_SERVICE:
         if (leaf.type() == C_XMLBEGIN) in_service_ = true;
         if (leaf.type() == C_XMLEND) in_service_ = false;
         return true;
-      case pol::kTagTloc:
+      case POL_TAG_TLOC:
         if (leaf.type() == C_XMLBEGIN) in_tloc_ = true;
         if (leaf.type() == C_XMLEND) in_tloc_ = false;
         return true;
-      case pol::kTagVpn:
+      case POL_TAG_VPN:
         service_given_ |= in_service_;
         vpn_seen_ = true;
         if (!leaf.removed()) vpn_ = leaf.u32();
         return true;
-      case pol::kTagTlocList:
+      case POL_TAG_TLOC_LIST:
         tloc_list_seen_ = true;
         if (!leaf.removed()) tloc_list_ = leaf.text();
         return true;
-      case pol::kTagAddress:
-      case pol::kTagColor:
-      case pol::kTagEncap:
+      case POL_TAG_ADDRESS:
+      case POL_TAG_COLOR:
+      case POL_TAG_ENCAP:
         if (in_service_ || in_tloc_) tloc_.take(leaf);
         return true;
-      case pol::kTagServiceType:
+      case POL_TAG_TYPE:
         service_removed_ = leaf.removed();
         service_given_ |= !leaf.removed();
         type_given_ = !leaf.removed();
         if (!leaf.removed()) service_ = static_cast<uint16_t>(leaf.enumeration());
         return true;
-      case kTagLocal:
+      case POL_TAG_LOCAL:
         service_given_ |= in_service_;
         (in_service_ ? service_local_seen_ : tloc_local_seen_) = true;
         (in_service_ ? service_local_ : tloc_local_) = !leaf.removed();
@@ -230,22 +220,49 @@ class ActionLeaves {
   }
 
  private:
-  // What the sequence has now; zero for one that is not there.
-  t_pol_fwd_clauses current() const {
-    const t_pol_entry* entry =
-        pol::fwd_find(at_.ctx, at_.policy, at_.kind, at_.vpn_list, at_.sequence).entry;
-    return entry != nullptr ? entry->fwd : t_pol_fwd_clauses{};
+  t_pol_entry* entry() const {
+    return pol::fwd_find(at_.ctx, at_.policy, at_.kind, at_.vpn_list, at_.sequence).entry;
   }
 
+  // What the sequence has now; zero for one that is not there.
+  t_pol_fwd_clauses current() const {
+    const t_pol_entry* found = entry();
+    return found != nullptr ? found->fwd : t_pol_fwd_clauses{};
+  }
+
+  // What a later report takes for granted.
+  void remember_encap(t_pol_fwd_clauses* clauses) const {
+    auto note = [clauses](bool seen, bool set, uint8_t by) {
+      if (seen) clauses->encap_binds &= static_cast<uint8_t>(~by);
+      if (seen && set) clauses->encap_binds |= by;
+    };
+    note(tloc_local_seen_, tloc_local_, POL_ENCAP_BY_TLOC);
+    note(service_local_seen_ || service_removed_, service_local_, POL_ENCAP_BY_SERVICE);
+    // With the TLOC goes the encapsulation; alone it becomes the usual one.
+    const bool gone = tloc_.encap_removed && tloc_.removed();
+    if (tloc_.encap_given) clauses->encap_told = gone ? uint8_t{0} : tloc_.encap;
+  }
+
+  // Also when only what makes its encapsulation binding was told.
   bool apply_tloc() const {
-    if (!tloc_.given()) {
-      if (tloc_.removed()) update_tloc(false, nullptr);
-      return tloc_.removed();
+    t_pol_entry* found = entry();
+    if (found == nullptr) return tloc_.given() || tloc_.removed();
+    const bool was_binding = found->fwd.encap_binds != 0;
+    remember_encap(&found->fwd);
+    if (tloc_.removed()) {
+      update_tloc(false, nullptr);
+      return true;
     }
-    const t_tloc_id tloc = tloc_.over(current().tloc);
-    // A color is taken away only with the TLOC, so that what remains of it is set anew.
-    if (tloc_.color_removed) update_tloc(false, nullptr);
-    update_tloc(tloc_local_ || service_local_ || tloc_.color_removed, &tloc);
+    const bool has_tloc = (found->set_flags & POL_FWD_SET_F_TLOC) != 0;
+    const bool told = tloc_local_seen_ || service_local_seen_;
+    if (!tloc_.given() && (!told || !has_tloc)) return false;
+    t_tloc_id tloc = tloc_.over(found->fwd.tloc);
+    tloc.encap = found->fwd.encap_told;
+    const bool binding = found->fwd.encap_binds != 0;
+    // A color, or an encapsulation that was binding, is taken away only with the TLOC, so that what
+    // remains of it is set anew.
+    if (tloc_.color_removed || (was_binding && !binding)) update_tloc(false, nullptr);
+    update_tloc(binding, &tloc);
     return true;
   }
 
@@ -272,7 +289,7 @@ class ActionLeaves {
   bool in_tloc_ = false;
   bool vpn_seen_ = false;
   uint32_t vpn_ = 0;
-  TlocParts tloc_;
+  FwdTlocParts tloc_;
   bool tloc_local_seen_ = false;
   bool tloc_local_ = false;
   bool tloc_list_seen_ = false;
@@ -288,19 +305,19 @@ class ActionLeaves {
 // What a sequence names by one name alone; null for a leaf of something else.
 auto by_name(uint32_t tag) -> decltype(&pol_fwd_entry_app_list_upd) {
   switch (tag) {
-    case kTagAppList:
+    case POL_TAG_APP_LIST:
       return pol_fwd_entry_app_list_upd;
-    case kTagDnsAppList:
+    case POL_TAG_DNS_APP_LIST:
       return pol_fwd_entry_dns_app_list_upd;
-    case kTagSrcPfx:
+    case POL_TAG_SOURCE_DATA_PREFIX_LIST:
       return pol_fwd_entry_src_pfx_upd;
-    case kTagDstPfx:
+    case POL_TAG_DESTINATION_DATA_PREFIX_LIST:
       return pol_fwd_entry_dst_pfx_upd;
-    case kTagSrcPfx6:
+    case POL_TAG_SOURCE_DATA_IPV6_PREFIX_LIST:
       return pol_fwd_entry_src_pfx6_upd;
-    case kTagDstPfx6:
+    case POL_TAG_DESTINATION_DATA_IPV6_PREFIX_LIST:
       return pol_fwd_entry_dst_pfx6_upd;
-    case kTagPolicer:
+    case POL_TAG_POLICER:
       return pol_fwd_entry_policer_upd;
     default:
       return nullptr;
@@ -321,14 +338,14 @@ void take_saas(const Place& at, const pol::Leaf& leaf) {
 
 void read_sequence(const Place& at, const pol::Leaves& leaves) {
   SlaLeaves sla;
-  ActionLeaves action(at);
+  FwdActionLeaves action(at);
   for (uint32_t i = 0; i < leaves.count(); ++i) {
     const pol::Leaf leaf = leaves[i];
-    pol::log_leaf(i, leaf);
+    pol::log_leaf(i, leaf, at.reader);
     if (auto update = by_name(leaf.tag())) {
       update(at.ctx, at.policy, at.kind, at.vpn_list, at.sequence,
              leaf.removed() ? nullptr : leaf.text());
-    } else if (leaf.tag() == kTagSaasAppList) {
+    } else if (leaf.tag() == POL_TAG_SAAS_APP_LIST) {
       take_saas(at, leaf);
     } else if (!sla.take(leaf) && !action.take(leaf)) {
       pol_fwd_entry_seq_mod(at.ctx, at.policy, at.kind, at.vpn_list, at.sequence);
@@ -341,8 +358,8 @@ void read_sequence(const Place& at, const pol::Leaves& leaves) {
 void read_vpn_list(const Place& at, t_pol_block* block, const pol::Leaves& leaves) {
   SlaLeaves sla;
   for (uint32_t i = 0; i < leaves.count(); ++i) {
-    pol::log_leaf(i, leaves[i]);
-    if (leaves[i].tag() == pol::kTagDefaultAction && block != nullptr) {
+    pol::log_leaf(i, leaves[i], at.reader);
+    if (leaves[i].tag() == POL_TAG_DEFAULT_ACTION && block != nullptr) {
       pol_block_users_add_to_chg_list(at.ctx, block);
     }
     // On purpose after every leaf from the first of the class on: each time all that came so far.
@@ -364,7 +381,7 @@ uint32_t pol_config_fwd_read(uint32_t type, void* /*host*/, t_pol_ctx* ctx, uint
     t_pol_block* block = pol_block_find_or_create(ctx, name, type, &changed);
     if (block == nullptr) {
       POL_LOG("Failed to create %s policy - pol: %s\n", pol_util_type_str(type), name);
-      pol::crash();
+      pol::crash("a reported policy that cannot be made");
     }
     block->fetch_xml = 1;
     if (changed != 0) pol_user_chg_list_notify_all(ctx);
@@ -388,7 +405,7 @@ uint32_t pol_config_fwd_vpn_list_read(uint32_t type, void* /*host*/, t_pol_ctx* 
     if (pol_fwd_vpn_find_or_create(ctx, at.policy, type, at.vpn_list) == nullptr) {
       POL_LOG("Failed to create %s policy - pol: %s, vpn: %s\n", pol_util_type_str(type), at.policy,
               at.vpn_list);
-      pol::crash();
+      pol::crash("a reported VPN list that cannot be made");
     }
     // Sequence 0 has the VPN list's own settings.
     if (pol_fwd_entry_find_or_create(ctx, at.policy, type, at.vpn_list, 0) == nullptr) {

@@ -57,7 +57,7 @@ uint32_t pol_config_policy_sla_class_read(void* /*host*/, t_pol_ctx* ctx, uint32
     return 0;
   }
   POL_LOG("Failed to create fwd sla class: %s\n", name);
-  pol::crash();
+  pol::crash("a reported object that cannot be made");
 }
 
 uint32_t pol_config_policy_app_id_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op, uint8_t level,
@@ -68,7 +68,7 @@ uint32_t pol_config_policy_app_id_read(void* /*host*/, t_pol_ctx* ctx, uint32_t 
   POL_LOG("APP ID Config - Name:%s, Oper:%u, num:%u\n", name, op, num & 0xffff);
   if (apply(ctx, op, num, name, pol_fwd_app_id_entry_change, pol_fwd_app_id_cfg_del)) return 0;
   POL_LOG("Failed to create fwd app id: %s\n", name);
-  pol::crash();
+  pol::crash("a reported object that cannot be made");
 }
 
 uint32_t pol_config_fwd_pfx_list_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op, uint8_t level,
@@ -79,7 +79,7 @@ uint32_t pol_config_fwd_pfx_list_read(void* /*host*/, t_pol_ctx* ctx, uint32_t o
   POL_LOG("Fwd pfx list: %s, oper:%d, num_values:%u\n", name, static_cast<int>(op), num & 0xffff);
   if (apply(ctx, op, num, name, pol_fwd_pfx_list_entry_change, pol_fwd_pfx_list_cfg_del)) return 0;
   POL_LOG("Failed to create fwd pfx-list - pfx: %s\n", name);
-  pol::crash();
+  pol::crash("a reported object that cannot be made");
 }
 
 uint32_t pol_config_fwd_pfx6_list_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op, uint8_t level,
@@ -92,10 +92,10 @@ uint32_t pol_config_fwd_pfx6_list_read(void* /*host*/, t_pol_ctx* ctx, uint32_t 
     return 0;
   }
   POL_LOG("Failed to create fwd pfx6-list - pfx: %s\n", name);
-  pol::crash();
+  pol::crash("a reported object that cannot be made");
 }
 
-// On purpose: a failure names the SLA class; support tools look for the line as it is.
+// A failure names the SLA class: kept on purpose.
 uint32_t pol_config_fwd_policer_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op, uint8_t level,
                                      const pol_cfg_value* keys, uint32_t num,
                                      const pol_cfg_tag_value* /*values*/) {
@@ -104,7 +104,7 @@ uint32_t pol_config_fwd_policer_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op
   POL_LOG("policer Config - Name:%s, Oper:%u, num:%u\n", name, op, num & 0xffff);
   if (apply(ctx, op, num, name, pol_fwd_policer_entry_change, pol_fwd_policer_cfg_del)) return 0;
   POL_LOG("Failed to create fwd sla class: %s\n", name);
-  pol::crash();
+  pol::crash("a reported object that cannot be made");
 }
 
 // On purpose: its trace is the prefix list's, and a failure, logged always, does not end the
@@ -175,7 +175,7 @@ uint32_t pol_config_cflowd_template_read(void* /*host*/, t_pol_ctx* ctx, uint32_
   t_pol_block* block = pol_block_find_or_create(ctx, name, POL_KIND_CFLOWD, &changed);
   if (block == nullptr) {
     POL_LOG("Failed to create cflowd template: %s\n", name);
-    pol::crash();
+    pol::crash("a reported object that cannot be made");
   }
   template_changed(ctx, block);
   pol_user_chg_list_notify_all(ctx);
@@ -191,7 +191,7 @@ uint32_t pol_config_cflowd_collector_read(void* /*host*/, t_pol_ctx* ctx, uint32
   t_pol_block* block = pol_block_find(ctx, name, POL_KIND_CFLOWD, nullptr);
   if (block == nullptr) {
     POL_LOG("Failed to find cflowd template: %s\n", name);
-    pol::crash();
+    pol::crash("a collector of a template that is not there");
   }
   template_changed(ctx, block);
   pol_user_chg_list_notify_all(ctx);

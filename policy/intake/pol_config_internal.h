@@ -2,8 +2,8 @@
 //
 // pol_config_internal.h - typed cursors over the keys and leaves of a reported change.
 //
-// Each asserts the type that it reads. The assertions' texts are known to support tools, so the
-// names of the pointers in them are fixed.
+// Each asserts the type that it reads. The names of the pointers are kept on purpose: an
+// assertion's text is made of them.
 #pragma once
 
 #include <arpa/inet.h>
@@ -14,19 +14,9 @@
 #include "base/pol_crash.h"
 #include "base/pol_log.h"
 #include "policy/pol_config.h"
+#include "policy/pol_config_tags.h"
 
 namespace pol {
-
-// Leaves that control policies and data policies have alike.
-inline constexpr uint32_t kTagDefaultAction = 0x7037c488;
-inline constexpr uint32_t kTagVpn = 0x4d7d11c2;
-inline constexpr uint32_t kTagTlocList = 0x72d28bfe;
-inline constexpr uint32_t kTagTloc = 0x33c074ce;
-inline constexpr uint32_t kTagAddress = 0x61fa2cdb;
-inline constexpr uint32_t kTagColor = 0x2b503622;
-inline constexpr uint32_t kTagEncap = 0x5a62686b;
-inline constexpr uint32_t kTagService = 0x32fc12e6;
-inline constexpr uint32_t kTagServiceType = 0x6ccfcce4;
 
 inline const char* buffer_text(const pol_cfg_value& value) {
   return value.val.buf.ptr != nullptr ? reinterpret_cast<const char*>(value.val.buf.ptr) : "";
@@ -148,8 +138,8 @@ class Leaves {
 };
 
 // A policy reader called for another level than its own ends the process.
-inline void check_level(uint8_t level, uint8_t own) {
-  if (level != own) crash();
+inline void check_level(uint8_t level, uint8_t own, Caller from = Caller::here()) {
+  if (level != own) crash("a change of another level than the reader's", from);
 }
 
 inline t_tloc_id tloc_of(const t_ipaddr& address, uint8_t color, uint8_t encap) {
@@ -161,9 +151,10 @@ inline t_tloc_id tloc_of(const t_ipaddr& address, uint8_t color, uint8_t encap) 
   return tloc;
 }
 
-inline void log_leaf(uint32_t at, const Leaf& leaf) {
-  POL_LOG("cur: %d XML = %u, type: %d \n", static_cast<int>(at), leaf.tag(),
-          static_cast<int>(leaf.type()));
+// A line of the reader's.
+inline void log_leaf(uint32_t at, const Leaf& leaf, Caller reader = Caller::here()) {
+  POL_LOG_FROM(reader, "cur: %d XML = %u, type: %d \n", static_cast<int>(at), leaf.tag(),
+               static_cast<int>(leaf.type()));
 }
 
 }  // namespace pol

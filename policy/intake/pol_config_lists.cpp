@@ -4,6 +4,7 @@
 
 #include "base/pol_log.h"
 #include "intake/pol_config_internal.h"
+#include "kel/ipaddr.h"
 #include "policy/pol_color_list.h"
 #include "policy/pol_pfx_list.h"
 #include "policy/pol_site_list.h"
@@ -12,11 +13,6 @@
 #include "policy/pol_vpn_list.h"
 
 namespace {
-
-constexpr uint32_t kTagPreference = 0x176ecfd3;
-constexpr uint32_t kTagPrefixBoth = 0x0308c88e;
-constexpr uint32_t kTagPrefixMin = 0x0c7fba2e;
-constexpr uint32_t kTagPrefixMax = 0x10ae453c;
 
 constexpr uint32_t kRejected = 0xffffffff;
 
@@ -32,17 +28,17 @@ struct PrefixBounds {
 
   void take(const pol::Leaf& leaf) {
     switch (leaf.tag()) {
-      case kTagPrefixBoth:
+      case POL_TAG_LENGTH:
         both_removed |= leaf.removed();
         if (leaf.removed()) return;
         both = leaf.u8();
         both_given = true;
         return;
-      case kTagPrefixMin:
+      case POL_TAG_GE:
         min = leaf.removed() ? 0 : leaf.u8();
         min_given |= !leaf.removed();
         return;
-      case kTagPrefixMax:
+      case POL_TAG_LE:
         max = leaf.removed() ? 0 : leaf.u8();
         max_given |= !leaf.removed();
         return;
@@ -183,7 +179,7 @@ uint32_t pol_config_policy_tloc_list(void* /*host*/, t_pol_ctx* ctx, uint32_t op
   for (uint32_t i = 0; i < leaves.count(); ++i) {
     const pol::Leaf leaf = leaves[i];
     POL_LOG("Prefix config - XML = %u, type: %d \n", leaf.tag(), static_cast<int>(leaf.type()));
-    if (leaf.tag() == kTagPreference) preference = leaf.removed() ? 0 : leaf.u32();
+    if (leaf.tag() == POL_TAG_PREFERENCE) preference = leaf.removed() ? 0 : leaf.u32();
   }
   pol_tloc_list_add_entry(ctx, name, &tloc, preference);
   return 0;

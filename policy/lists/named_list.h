@@ -8,8 +8,8 @@
 // Invariants
 //   1. `head` is a list node's first member and `name` the head's, so that a pointer to a node is a
 //      pointer to its name; trees compare keys and nodes alike.
-//   2. A clause user is on the queue of users that it registered on, or (stale) on the list's stale
-//      queue, or on none; `list` is null or alive in each case.
+//   2. A clause user stands on the queue that `queue` names: one of `list`'s queues of users, or
+//      its stale queue. Both are null, or the list is alive.
 #pragma once
 
 #include <cstddef>
@@ -24,7 +24,8 @@
 
 namespace pol {
 struct NamedHead;
-}
+struct UserQueue;
+}  // namespace pol
 
 // What a sequence embeds for a clause that names a list.
 struct t_pol_clause_user {
@@ -32,21 +33,23 @@ struct t_pol_clause_user {
   t_pol_block* block;  // whose users are told
   t_pol_entry* entry;
   pol::NamedHead* list;
-  bool keep_reference;  // the clause is about to name another list: leaving this one makes it stale
-  // On purpose: when that other list cannot be made, the clause still refers to this one without
-  // being its user, until one of the two goes.
-  bool stale;
+  pol::UserQueue* queue;
 };
 
 namespace pol {
 
-using UserQueue = TailQueue<t_pol_clause_user, &t_pol_clause_user::link>;
+struct UserQueue : TailQueue<t_pol_clause_user, &t_pol_clause_user::link> {};
 
 struct NamedHead {
   char name[POL_LIST_NAME_SIZE];
   avl_node link;
+  // On purpose: a clause whose new list could not be had still refers to the one that it left,
+  // without being its user, until one of the two goes.
   UserQueue stale;
   uint32_t enrolled;  // generation of the family's directory that has its elements; 0: none
+  bool in_document;  // only while a document is put together: it has the object's text
+  // Frees the list unless elements or users hold it.
+  void (*free_if_unused)(t_pol_ctx* ctx, NamedHead* list);
 };
 
 inline int named_compare(const void* key, const void* node) {
@@ -58,15 +61,40 @@ template <class List>
 using NamedTree = AvlTree<List>;
 
 template <class List>
+uint32_t named_init(t_pol_ctx* ctx, NamedTree<List> t_pol_ctx::*tree) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  (ctx->*tree).create(named_compare, offsetof(List, head.link));
+  return POL_OK;
+}
+
+// `release` empties and frees a list that has been taken out of its tree.
+template <class List>
+uint32_t named_deinit(t_pol_ctx* ctx, NamedTree<List> t_pol_ctx::*tree,
+                      void (*release)(t_pol_ctx* ctx, List* list)) {
+  if (ctx == nullptr) return POL_ENOCTX;
+  void* cookie = nullptr;
+  while (List* list = (ctx->*tree).drain(&cookie)) release(ctx, list);
+  (ctx->*tree).destroy();
+  return POL_OK;
+}
+
+template <class List>
 List* named_find(const NamedTree<List>& tree, const char* name) {
   char key[POL_LIST_NAME_SIZE];
   copy_name(key, name);
   return tree.find(key);
 }
 
+// For a host's arguments: null without a context or a name.
+template <class List>
+List* named_find(const t_pol_ctx* ctx, NamedTree<List> t_pol_ctx::*tree, const char* name) {
+  return ctx != nullptr && name != nullptr ? named_find(ctx->*tree, name) : nullptr;
+}
+
 // Null when memory runs out; then nothing was inserted. `created` is set to 1 only when it was.
 template <class List>
 [[nodiscard]] List* named_find_or_create(NamedTree<List>& tree, const char* name, MemType type,
+                                         void (*free_if_unused)(t_pol_ctx*, NamedHead*),
                                          uint8_t* created) {
   static_assert(offsetof(List, head) == 0);
   char key[POL_LIST_NAME_SIZE];
@@ -77,6 +105,7 @@ template <class List>
   list = alloc<List>(type);
   if (list == nullptr) return nullptr;
   memcpy(list->head.name, key, sizeof key);
+  list->head.free_if_unused = free_if_unused;
   tree.insert(list, where);
   *created = 1;
   return list;
@@ -87,7 +116,7 @@ template <class List>
 void named_release(List* list, MemType type) {
   while (t_pol_clause_user* user = list->head.stale.pop_front()) {
     user->list = nullptr;
-    user->stale = false;
+    user->queue = nullptr;
   }
   pol_free(list, type);
 }
@@ -103,26 +132,57 @@ List* list_of(const t_pol_clause_user& user) {
   return reinterpret_cast<List*>(user.list);
 }
 
-inline void user_add(NamedHead* list, UserQueue& queue, t_pol_clause_user* user) {
-  if (user->stale) user->list->stale.remove(user);
-  user->stale = false;
-  queue.push_back(user);
-  user->list = list;
+inline bool is_stale(const t_pol_clause_user& user) {
+  return user.list != nullptr && user.queue == &user.list->stale;
 }
 
-// Takes the user off; the caller then frees the list if nothing holds it any more.
-inline void user_remove(NamedHead* list, UserQueue& queue, t_pol_clause_user* user) {
-  if (user->stale) {
-    list->stale.remove(user);
-  } else if (UserQueue::linked(user)) {
-    queue.remove(user);
-  }
-  user->stale = user->keep_reference;
-  if (user->stale) {
+// The policy's index may name lists that its clauses leave (core/pol_policy_index.h).
+void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block);
+
+// A user of one list, in one role, at a time: it leaves any other.
+inline void user_add(t_pol_ctx* ctx, NamedHead* list, UserQueue& queue, t_pol_clause_user* user) {
+  if (user->queue == &queue) return;
+  policy_index_stale(ctx, user->block);
+  NamedHead* left = user->list != list && !is_stale(*user) ? user->list : nullptr;
+  if (user->queue != nullptr) user->queue->remove(user);
+  queue.push_back(user);
+  user->list = list;
+  user->queue = &queue;
+  if (left != nullptr) left->free_if_unused(ctx, left);
+}
+
+enum class Leaving { kForgets, kStaysStale };
+
+// Takes a user, be it a stale one, off its list, which goes if nothing else holds it.
+// REQUIRES: it is on one.
+inline void user_leave(t_pol_ctx* ctx, t_pol_clause_user* user, Leaving leaving) {
+  NamedHead* list = user->list;
+  policy_index_stale(ctx, user->block);
+  user->queue->remove(user);
+  if (leaving == Leaving::kStaysStale) {
     list->stale.push_back(user);
+    user->queue = &list->stale;
   } else {
     user->list = nullptr;
+    user->queue = nullptr;
   }
+  list->free_if_unused(ctx, list);
+}
+
+// For a host's arguments; a user that is not on that queue does nothing.
+inline uint32_t user_remove(t_pol_ctx* ctx, NamedHead* list, const UserQueue& queue,
+                            t_pol_clause_user* user) {
+  if (user == nullptr) return POL_EINVAL;
+  if (ctx == nullptr) return POL_ENOCTX;
+  if (user->list != list || (user->queue != &queue && !is_stale(*user))) return POL_EINVAL;
+  user_leave(ctx, user, Leaving::kForgets);
+  return POL_OK;
+}
+
+template <class List>
+uint32_t user_remove(t_pol_ctx* ctx, List* list, UserQueue List::*queue, t_pol_clause_user* user) {
+  if (list == nullptr) return POL_EINVAL;
+  return user_remove(ctx, &list->head, list->*queue, user);
 }
 
 // Queues the users of every policy that owns one of these clauses, in order.

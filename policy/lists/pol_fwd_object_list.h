@@ -33,18 +33,10 @@ struct FwdObjectList {
   using Node = typename Facts::Node;
 
   static uint32_t init(t_pol_ctx* ctx) {
-    if (ctx == nullptr) return POL_ENOCTX;
-    tree(ctx).create(named_compare, offsetof(Node, head.link));
-    return POL_OK;
+    return named_init(ctx, Facts::kTree);
   }
 
-  static uint32_t deinit(t_pol_ctx* ctx) {
-    if (ctx == nullptr) return POL_ENOCTX;
-    void* cookie = nullptr;
-    while (Node* node = tree(ctx).drain(&cookie)) node_free(ctx, node, false);
-    tree(ctx).destroy();
-    return POL_OK;
-  }
+  static uint32_t deinit(t_pol_ctx* ctx) { return named_deinit(ctx, Facts::kTree, release); }
 
   // Anything of the object changed, or it was made.
   static uint32_t entry_change(t_pol_ctx* ctx, const char* name) {
@@ -60,9 +52,8 @@ struct FwdObjectList {
 
   // On purpose: a used object stays as it is, and nobody is told.
   static uint32_t cfg_del(t_pol_ctx* ctx, const char* name) {
-    if (ctx == nullptr || name == nullptr) return POL_OK;
-    Node* node = named_find(tree(ctx), name);
-    if (node != nullptr && unused(*node)) node_free(ctx, node, true);
+    Node* node = named_find(ctx, Facts::kTree, name);
+    if (node != nullptr) free_if_unused(ctx, &node->head);
     return POL_OK;
   }
 
@@ -70,23 +61,14 @@ struct FwdObjectList {
     if (ctx == nullptr || name == nullptr || user == nullptr) return nullptr;
     Node* node = find_or_create(ctx, name);
     if (node == nullptr) return nullptr;
-    t_pol_clause_user* registration = &(user->*Facts::kRoles[role].user);
-    if (UserQueue::linked(registration) && !registration->stale) {
-      // A user of one object at a time: of this one already, or it leaves the other.
-      if (registration->list == &node->head) return node;
-      user_remove(ctx, list_of<Node>(*registration), role, user);
-    }
-    pol::user_add(&node->head, node->users[role], registration);
+    pol::user_add(ctx, &node->head, node->users[role], &(user->*Facts::kRoles[role].user));
     return node;
   }
 
   static uint32_t user_remove(t_pol_ctx* ctx, Node* node, size_t role, t_pol_fwd_user* user) {
-    if (node == nullptr || ctx == nullptr || user == nullptr) return POL_EINVAL;
-    t_pol_clause_user* registration = &(user->*Facts::kRoles[role].user);
-    if (registration->list != &node->head) return POL_EINVAL;
-    pol::user_remove(&node->head, node->users[role], registration);
-    if (unused(*node)) node_free(ctx, node, true);
-    return POL_OK;
+    if (node == nullptr || user == nullptr) return POL_EINVAL;
+    return pol::user_remove(ctx, &node->head, node->users[role],
+                            &(user->*Facts::kRoles[role].user));
   }
 
   static Node* first(t_pol_ctx* ctx) { return ctx != nullptr ? tree(ctx).first() : nullptr; }
@@ -95,6 +77,7 @@ struct FwdObjectList {
   }
 
   static void dump(Node* node, t_cli_user_ctx* cli) {
+    if (node == nullptr) return;
     auto* address = static_cast<void*>(node);
     if constexpr (Facts::kXmlType != 0) {
       maapi_cli_printf(cli, "\n%s: %s (%p, %u)", Facts::kWord, node->head.name, address,
@@ -112,12 +95,7 @@ struct FwdObjectList {
   }
 
   static int dump_all(t_cli_user_ctx* cli) {
-    if (g_pol_ctx_p == nullptr) return 0;
-    dump_title(cli, Facts::kTitle);
-    for (Node* node = first(g_pol_ctx_p); node != nullptr; node = next(g_pol_ctx_p, node)) {
-      dump(node, cli);
-    }
-    return 0;
+    return dump_lists(cli, Facts::kTitle, Facts::kTree, dump);
   }
 
  private:
@@ -134,7 +112,7 @@ struct FwdObjectList {
 
   static Node* find_or_create(t_pol_ctx* ctx, const char* name) {
     uint8_t created = 0;
-    Node* node = named_find_or_create(tree(ctx), name, Facts::kMemory, &created);
+    Node* node = named_find_or_create(tree(ctx), name, Facts::kMemory, free_if_unused, &created);
     if constexpr (Facts::kXmlType != 0) {
       if (created != 0) {
         pol_xml_config_find_or_create(Facts::kXmlType, node->head.name);
@@ -144,8 +122,15 @@ struct FwdObjectList {
     return node;
   }
 
+  static void free_if_unused(t_pol_ctx* ctx, NamedHead* head) {
+    auto* node = reinterpret_cast<Node*>(head);
+    if (unused(*node)) node_free(ctx, node, true);
+  }
+
+  static void release(t_pol_ctx* ctx, Node* node) { node_free(ctx, node, false); }
+
   static void node_free(t_pol_ctx* ctx, Node* node, bool remove_from_tree) {
-    if (!unused(*node)) crash();
+    if (!unused(*node)) crash("an object that goes is in use");
     if (remove_from_tree) tree(ctx).remove(node);
     if constexpr (Facts::kXmlType != 0) {
       pol_xml_config_find_and_delete(Facts::kXmlType, node->head.name);

@@ -142,7 +142,7 @@ struct t_fwd_app_id {
 };
 
 // A sequence of a forwarding policy as the objects that it names know it: one registration a role.
-// It outlives its sequence while application lists still know it (pol_fwd_block.cpp).
+// It outlives its sequence while DNS or SaaS application lists still know it (pol_fwd_block.cpp).
 struct t_pol_fwd_user {
   t_pol_clause_user app_list;
   t_pol_clause_user dns_app_list;

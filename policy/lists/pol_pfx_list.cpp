@@ -11,6 +11,7 @@
 #include "base/pol_crash.h"
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
+#include "kel/ipaddr.h"
 #include "policy/pol_util.h"
 
 namespace {
@@ -21,16 +22,30 @@ void free_entries(t_pol_ctx* ctx, t_pfx_list* list) {
     pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
     list->records.give(entry);
   }
-  if (!list->entries.empty()) pol::crash();
+  if (!list->entries.empty()) pol::crash("elements are left in a prefix list that was emptied");
 }
 
-void free_if_unused(t_pol_ctx* ctx, t_pfx_list* list) {
-  if (!list->entries.empty() || !list->users.empty()) return;
-  pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
+bool unused(const t_pfx_list& list) { return list.entries.empty() && list.users.empty(); }
+
+void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
+  auto* list = reinterpret_cast<t_pfx_list*>(head);
+  if (unused(*list)) pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
+}
+
+void release(t_pol_ctx* ctx, t_pfx_list* list) {
+  free_entries(ctx, list);
+  if (!list->users.empty()) pol::crash("a policy still uses a prefix list that goes");
+  pol::named_release(list, pol::MEM_PFX_LIST);
+}
+
+// Bits of an address; lengths of unknown families are not judged.
+uint8_t width_of(uint32_t family) {
+  return family == KEL_AF_INET ? 32 : family == KEL_AF_INET6 ? 128 : UINT8_MAX;
 }
 
 t_pfx_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
-  return pol::named_find_or_create(ctx->pfx_lists, name, pol::MEM_PFX_LIST, created);
+  return pol::named_find_or_create(ctx->pfx_lists, name, pol::MEM_PFX_LIST, free_if_unused,
+                                   created);
 }
 
 // The element, and through `list` its list, which is told even when no element has the prefix.
@@ -71,26 +86,17 @@ void tell_all(t_pol_ctx* ctx, const t_pfx_list& list) {
 }  // namespace
 
 uint32_t pol_pfx_list_main_init(t_pol_ctx* ctx) {
-  if (ctx == nullptr) return POL_ENOCTX;
-  ctx->pfx_lists.create(pol::named_compare, offsetof(t_pfx_list, head.link));
-  return POL_OK;
+  return pol::named_init(ctx, &t_pol_ctx::pfx_lists);
 }
 
 uint32_t pol_pfx_list_main_deinit(t_pol_ctx* ctx) {
-  if (ctx == nullptr) return POL_ENOCTX;
-  void* cookie = nullptr;
-  while (t_pfx_list* list = ctx->pfx_lists.drain(&cookie)) {
-    free_entries(ctx, list);
-    if (!list->users.empty()) pol::crash();
-    pol::named_release(list, pol::MEM_PFX_LIST);
-  }
-  ctx->pfx_lists.destroy();
-  return POL_OK;
+  return pol::named_deinit(ctx, &t_pol_ctx::pfx_lists, release);
 }
 
 uint32_t pol_pfx_list_entry_add(t_pol_ctx* ctx, const char* name, const t_pol_pfx_record* record) {
   if (ctx == nullptr) return POL_ENOCTX;
   if (name == nullptr || record == nullptr) return POL_EINVAL;
+  if (record->prefix.len > width_of(record->prefix.addr.family)) return POL_EINVAL;
   uint8_t created = 0;
   t_pfx_list* list = find_or_create(ctx, name, &created);
   if (list == nullptr) return POL_ENOMEM;
@@ -102,7 +108,7 @@ uint32_t pol_pfx_list_entry_add(t_pol_ctx* ctx, const char* name, const t_pol_pf
     pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, true);
   } else if (entry_create(ctx, list, *record) == nullptr) {
     if (created != 0) {
-      if (!list->entries.empty() || !list->users.empty()) pol::crash();
+      if (!unused(*list)) pol::crash("a prefix list that was not made after all is in use");
       pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
     }
     return POL_ENOMEM;
@@ -125,30 +131,28 @@ uint32_t pol_pfx_list_del_entry(t_pol_ctx* ctx, const char* name, const t_pol_pf
 }
 
 uint32_t pol_pfx_list_cfg_del(t_pol_ctx* ctx, const char* name) {
-  if (ctx == nullptr || name == nullptr) return POL_OK;
-  t_pfx_list* list = pol::named_find(ctx->pfx_lists, name);
+  t_pfx_list* list = pol::named_find(ctx, &t_pol_ctx::pfx_lists, name);
   if (list == nullptr) return POL_OK;
   free_entries(ctx, list);
-  free_if_unused(ctx, list);
+  free_if_unused(ctx, &list->head);
   return POL_OK;
 }
 
 t_pfx_list* pol_pfx_list_user_add(t_pol_ctx* ctx, const char* name, t_pol_clause_user* record) {
+  if (ctx == nullptr || name == nullptr || record == nullptr) return nullptr;
   uint8_t created = 0;
   t_pfx_list* list = find_or_create(ctx, name, &created);
-  if (list != nullptr) pol::user_add(&list->head, list->users, record);
+  if (list != nullptr) pol::user_add(ctx, &list->head, list->users, record);
   return list;
 }
 
 uint32_t pol_pfx_list_user_remove(t_pol_ctx* ctx, t_pfx_list* list, t_pol_clause_user* record) {
-  if (list == nullptr) return POL_EINVAL;
-  pol::user_remove(&list->head, list->users, record);
-  free_if_unused(ctx, list);
-  return POL_OK;
+  return pol::user_remove(ctx, list, &t_pfx_list::users, record);
 }
 
 // On purpose: the users come before the end, unlike in the other lists' dumps.
 void pol_dump_pfx_list(t_pfx_list* list, t_cli_user_ctx* cli) {
+  if (list == nullptr) return;
   maapi_cli_printf(cli, "\nprefix-list: %s (%p)", list->head.name, static_cast<void*>(list));
   for (const t_pfx_entry& entry : list->entries) {
     char address[128];
@@ -164,11 +168,5 @@ void pol_dump_pfx_list(t_pfx_list* list, t_cli_user_ctx* cli) {
 
 int pol_dump_pfx_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
                           char** /*argv*/) {
-  if (g_pol_ctx_p == nullptr) return 0;
-  pol::dump_title(cli, "\n              PREFIX LISTS         ");
-  const auto& lists = g_pol_ctx_p->pfx_lists;
-  for (t_pfx_list* list = lists.first(); list != nullptr; list = lists.next(list)) {
-    pol_dump_pfx_list(list, cli);
-  }
-  return 0;
+  return pol::dump_lists(cli, "\n              PREFIX LISTS         ", &t_pol_ctx::pfx_lists, pol_dump_pfx_list);
 }

@@ -19,15 +19,26 @@ void free_entries(t_pol_ctx* ctx, t_site_list* list) {
     pol::directory_range(&ctx->directories.site, list->head, node->low, node->high, false);
     list->records.give(reinterpret_cast<t_site_entry*>(node));
   });
-  if (!list->entries.empty()) pol::crash();
+  if (!list->entries.empty()) pol::crash("elements are left in a site list that was emptied");
 }
 
-void free_if_unused(t_pol_ctx* ctx, t_site_list* list) {
+void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
+  auto* list = reinterpret_cast<t_site_list*>(head);
   if (unused(*list)) pol::named_remove(ctx->site_lists, list, pol::MEM_SITE_LIST);
 }
 
+void release(t_pol_ctx* ctx, t_site_list* list) {
+  free_entries(ctx, list);
+  if (!list->pol_users.empty()) pol::crash("a policy still uses a site list that goes");
+  // On purpose: the record is the registrant's to forget and stays; only its way to the list is
+  // cut.
+  if (list->list_user != nullptr) list->list_user->list = nullptr;
+  pol::named_release(list, pol::MEM_SITE_LIST);
+}
+
 t_site_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
-  return pol::named_find_or_create(ctx->site_lists, name, pol::MEM_SITE_LIST, created);
+  return pol::named_find_or_create(ctx->site_lists, name, pol::MEM_SITE_LIST, free_if_unused,
+                                   created);
 }
 
 // The outside user is told first and may do anything to the list, even away with it; so the list is
@@ -45,24 +56,11 @@ void tell_all(t_pol_ctx* ctx, t_site_list* list) {
 }  // namespace
 
 uint32_t pol_site_list_main_init(t_pol_ctx* ctx) {
-  if (ctx == nullptr) return POL_ENOCTX;
-  ctx->site_lists.create(pol::named_compare, offsetof(t_site_list, head.link));
-  return POL_OK;
+  return pol::named_init(ctx, &t_pol_ctx::site_lists);
 }
 
 uint32_t pol_site_list_main_deinit(t_pol_ctx* ctx) {
-  if (ctx == nullptr) return POL_ENOCTX;
-  void* cookie = nullptr;
-  while (t_site_list* list = ctx->site_lists.drain(&cookie)) {
-    free_entries(ctx, list);
-    if (!list->pol_users.empty()) pol::crash();
-    // On purpose: the record is the registrant's to forget and stays; only its way to the list is
-    // cut.
-    if (list->list_user != nullptr) list->list_user->list = nullptr;
-    pol::named_release(list, pol::MEM_SITE_LIST);
-  }
-  ctx->site_lists.destroy();
-  return POL_OK;
+  return pol::named_deinit(ctx, &t_pol_ctx::site_lists, release);
 }
 
 uint32_t pol_site_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, uint32_t high) {
@@ -75,7 +73,7 @@ uint32_t pol_site_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
   auto* entry = list->records.make();
   if (entry == nullptr) {
     if (created != 0) {
-      if (!list->entries.empty() || !list->pol_users.empty()) pol::crash();
+      if (!unused(*list)) pol::crash("a site list that was not made after all is in use");
       pol::named_remove(ctx->site_lists, list, pol::MEM_SITE_LIST);
     }
     return POL_ENOMEM;
@@ -90,8 +88,7 @@ uint32_t pol_site_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
 
 t_site_entry* pol_site_list_find_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
                                        uint32_t high) {
-  if (ctx == nullptr || name == nullptr) return nullptr;
-  t_site_list* list = pol::named_find(ctx->site_lists, name);
+  t_site_list* list = pol::named_find(ctx, &t_pol_ctx::site_lists, name);
   return list != nullptr ? reinterpret_cast<t_site_entry*>(list->entries.find(low, high)) : nullptr;
 }
 
@@ -107,28 +104,25 @@ uint32_t pol_site_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
 }
 
 uint32_t pol_site_list_cfg_del(t_pol_ctx* ctx, const char* name) {
-  if (ctx == nullptr || name == nullptr) return POL_OK;
-  t_site_list* list = pol::named_find(ctx->site_lists, name);
+  t_site_list* list = pol::named_find(ctx, &t_pol_ctx::site_lists, name);
   if (list == nullptr) return POL_OK;
   free_entries(ctx, list);
-  free_if_unused(ctx, list);
+  free_if_unused(ctx, &list->head);
   return POL_OK;
 }
 
 t_site_list* pol_site_list_pol_user_add(t_pol_ctx* ctx, const char* name,
                                         t_pol_clause_user* record) {
+  if (ctx == nullptr || name == nullptr || record == nullptr) return nullptr;
   uint8_t created = 0;
   t_site_list* list = find_or_create(ctx, name, &created);
-  if (list != nullptr) pol::user_add(&list->head, list->pol_users, record);
+  if (list != nullptr) pol::user_add(ctx, &list->head, list->pol_users, record);
   return list;
 }
 
 uint32_t pol_site_list_pol_user_remove(t_pol_ctx* ctx, t_site_list* list,
                                        t_pol_clause_user* record) {
-  if (list == nullptr) return POL_EINVAL;
-  pol::user_remove(&list->head, list->pol_users, record);
-  free_if_unused(ctx, list);
-  return POL_OK;
+  return pol::user_remove(ctx, list, &t_site_list::pol_users, record);
 }
 
 t_pol_list_user* pol_site_list_user_add(t_pol_ctx* ctx, const char* name,
@@ -147,14 +141,17 @@ t_pol_list_user* pol_site_list_user_add(t_pol_ctx* ctx, const char* name,
 
 uint32_t pol_site_list_user_remove(t_pol_ctx* ctx, t_pol_list_user* user) {
   if (user == nullptr || user->list == nullptr) return POL_EINVAL;
+  if (ctx == nullptr) return POL_ENOCTX;
   t_site_list* list = user->list;
+  if (list->list_user != user) return POL_EINVAL;
   list->list_user = nullptr;
   pol_free(user, pol::MEM_LIST_USER);
-  free_if_unused(ctx, list);
+  free_if_unused(ctx, &list->head);
   return POL_OK;
 }
 
 void pol_dump_site_list(t_site_list* list, t_cli_user_ctx* cli) {
+  if (list == nullptr) return;
   maapi_cli_printf(cli, "\nsite-list: %s (0x%p)", list->head.name, static_cast<void*>(list));
   for (const pol::RangeNode& range : list->entries.in_order()) {
     maapi_cli_printf(cli, "\n  site-id %d-%d", static_cast<int>(range.low),
@@ -171,11 +168,5 @@ void pol_dump_site_list(t_site_list* list, t_cli_user_ctx* cli) {
 
 int pol_dump_site_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
                            char** /*argv*/) {
-  if (g_pol_ctx_p == nullptr) return 0;
-  pol::dump_title(cli, "\n              SITE LISTS           ");
-  const auto& lists = g_pol_ctx_p->site_lists;
-  for (t_site_list* list = lists.first(); list != nullptr; list = lists.next(list)) {
-    pol_dump_site_list(list, cli);
-  }
-  return 0;
+  return pol::dump_lists(cli, "\n              SITE LISTS           ", &t_pol_ctx::site_lists, pol_dump_site_list);
 }

@@ -9,6 +9,7 @@
 #include "base/pol_crash.h"
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
+#include "kel/tloc.h"
 #include "policy/pol_fwd_action.h"
 #include "policy/pol_fwd_label.h"
 #include "policy/pol_xml_config.h"
@@ -36,24 +37,39 @@ bool unused(const t_tloc_list& list) {
   return list.entries.empty() && list.users.empty() && list.action_users.empty();
 }
 
+void entry_free(t_pol_ctx* ctx, t_tloc_list* list, t_tloc_entry* entry) {
+  pol::directory_tloc(&ctx->directories.tloc, list->head, entry->tloc, false);
+  list->by_tloc.remove(entry);
+  list->entries.remove(entry);
+  pol_free(entry, pol::MEM_TLOC_ENTRY);
+}
+
 void free_entries(t_pol_ctx* ctx, t_tloc_list* list) {
-  list->by_tloc.destroy();
-  while (t_tloc_entry* entry = list->entries.pop_front()) {
-    pol::directory_tloc(&ctx->directories.tloc, list->head, entry->tloc, false);
-    pol_free(entry, pol::MEM_TLOC_ENTRY);
-  }
-  if (!list->entries.empty()) pol::crash();
+  while (t_tloc_entry* entry = list->entries.front()) entry_free(ctx, list, entry);
+  if (!list->entries.empty()) pol::crash("elements are left in a TLOC list that was emptied");
 }
 
 void node_free(t_pol_ctx* ctx, t_tloc_list* list, bool remove_from_tree) {
-  if (!unused(*list)) pol::crash();
+  if (!unused(*list)) pol::crash("a TLOC list that goes is in use");
+  list->by_tloc.destroy();
   if (remove_from_tree) ctx->tloc_lists.remove(list);
   pol_xml_config_find_and_delete(POL_XML_TLOC_LIST, list->head.name);
   pol::named_release(list, pol::MEM_TLOC_LIST);
 }
 
+void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
+  auto* list = reinterpret_cast<t_tloc_list*>(head);
+  if (unused(*list)) node_free(ctx, list, true);
+}
+
+void release(t_pol_ctx* ctx, t_tloc_list* list) {
+  free_entries(ctx, list);
+  node_free(ctx, list, false);
+}
+
 t_tloc_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
-  t_tloc_list* list = pol::named_find_or_create(ctx->tloc_lists, name, pol::MEM_TLOC_LIST, created);
+  t_tloc_list* list =
+      pol::named_find_or_create(ctx->tloc_lists, name, pol::MEM_TLOC_LIST, free_if_unused, created);
   if (*created != 0) {
     list->by_tloc.create(tloc_compare, offsetof(t_tloc_entry, tree_link));
     pol_xml_config_find_or_create(POL_XML_TLOC_LIST, list->head.name);
@@ -70,18 +86,11 @@ void tell_all(t_pol_ctx* ctx, const t_tloc_list& list) {
 
 t_tloc_list* user_add(t_pol_ctx* ctx, const char* name, pol::UserQueue t_tloc_list::*queue,
                       t_pol_clause_user* record) {
+  if (ctx == nullptr || name == nullptr || record == nullptr) return nullptr;
   uint8_t created = 0;
   t_tloc_list* list = find_or_create(ctx, name, &created);
-  if (list != nullptr) pol::user_add(&list->head, list->*queue, record);
+  if (list != nullptr) pol::user_add(ctx, &list->head, list->*queue, record);
   return list;
-}
-
-uint32_t user_remove(t_pol_ctx* ctx, t_tloc_list* list, pol::UserQueue t_tloc_list::*queue,
-                     t_pol_clause_user* record) {
-  if (list == nullptr) return POL_EINVAL;
-  pol::user_remove(&list->head, list->*queue, record);
-  if (unused(*list)) node_free(ctx, list, true);
-  return POL_OK;
 }
 
 // The sequence of a data policy whose action the user is; null for set clauses of route policies and
@@ -109,25 +118,15 @@ void label_users(void* arg, t_pol_ctx* ctx, t_tloc_list* list) {
 }  // namespace
 
 uint32_t pol_tloc_list_main_init(t_pol_ctx* ctx) {
-  if (ctx == nullptr) return POL_ENOCTX;
-  ctx->tloc_lists.create(pol::named_compare, offsetof(t_tloc_list, head.link));
-  return POL_OK;
+  return pol::named_init(ctx, &t_pol_ctx::tloc_lists);
 }
 
 uint32_t pol_tloc_list_main_deinit(t_pol_ctx* ctx) {
-  if (ctx == nullptr) return POL_ENOCTX;
-  void* cookie = nullptr;
-  while (t_tloc_list* list = ctx->tloc_lists.drain(&cookie)) {
-    free_entries(ctx, list);
-    node_free(ctx, list, false);
-  }
-  ctx->tloc_lists.destroy();
-  return POL_OK;
+  return pol::named_deinit(ctx, &t_pol_ctx::tloc_lists, release);
 }
 
 t_tloc_list* pol_tloc_list_find(t_pol_ctx* ctx, const char* name) {
-  if (ctx == nullptr || name == nullptr) return nullptr;
-  return pol::named_find(ctx->tloc_lists, name);
+  return pol::named_find(ctx, &t_pol_ctx::tloc_lists, name);
 }
 
 t_tloc_entry* pol_tloc_list_find_entry(t_pol_ctx* ctx, const char* name, const t_tloc_id* tloc) {
@@ -170,10 +169,7 @@ uint32_t pol_tloc_list_del_entry(t_pol_ctx* ctx, const char* name, const t_tloc_
       1;  // on purpose before the look-up: a missed delete still has the text fetched again
   t_tloc_entry* entry = list->by_tloc.find(tloc);
   if (entry == nullptr) return POL_OK;
-  pol::directory_tloc(&ctx->directories.tloc, list->head, entry->tloc, false);
-  list->by_tloc.remove(entry);
-  list->entries.remove(entry);
-  pol_free(entry, pol::MEM_TLOC_ENTRY);
+  entry_free(ctx, list, entry);
   list->label_pending = 1;
   tell_all(ctx, *list);
   return POL_OK;
@@ -183,7 +179,7 @@ uint32_t pol_tloc_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   t_tloc_list* list = pol_tloc_list_find(ctx, name);
   if (list == nullptr) return POL_OK;
   free_entries(ctx, list);
-  if (unused(*list)) node_free(ctx, list, true);
+  free_if_unused(ctx, &list->head);
   return POL_OK;
 }
 
@@ -197,12 +193,12 @@ t_tloc_list* pol_tloc_list_action_user_add(t_pol_ctx* ctx, const char* name,
 }
 
 uint32_t pol_tloc_list_user_remove(t_pol_ctx* ctx, t_tloc_list* list, t_pol_clause_user* record) {
-  return user_remove(ctx, list, &t_tloc_list::users, record);
+  return pol::user_remove(ctx, list, &t_tloc_list::users, record);
 }
 
 uint32_t pol_tloc_list_action_user_remove(t_pol_ctx* ctx, t_tloc_list* list,
                                           t_pol_clause_user* record) {
-  return user_remove(ctx, list, &t_tloc_list::action_users, record);
+  return pol::user_remove(ctx, list, &t_tloc_list::action_users, record);
 }
 
 t_tloc_list* pol_tloc_list_first(t_pol_ctx* ctx) {
@@ -224,6 +220,7 @@ void pol_tloc_list_update_fwd_pol_label(void* arg, t_pol_ctx* ctx) {
 
 // On purpose: action users are not shown.
 void pol_dump_tloc_list(t_tloc_list* list, t_cli_user_ctx* cli) {
+  if (list == nullptr) return;
   maapi_cli_printf(cli, "\ntloc-list: %s (%p, %u)", list->head.name, static_cast<void*>(list),
                    unsigned{list->changed});
   for (const t_tloc_entry& entry : list->entries) {
@@ -237,11 +234,5 @@ void pol_dump_tloc_list(t_tloc_list* list, t_cli_user_ctx* cli) {
 
 int pol_dump_tloc_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
                            char** /*argv*/) {
-  if (g_pol_ctx_p == nullptr) return 0;
-  pol::dump_title(cli, "\n              TLOC LISTS           ");
-  const auto& lists = g_pol_ctx_p->tloc_lists;
-  for (t_tloc_list* list = lists.first(); list != nullptr; list = lists.next(list)) {
-    pol_dump_tloc_list(list, cli);
-  }
-  return 0;
+  return pol::dump_lists(cli, "\n              TLOC LISTS           ", &t_pol_ctx::tloc_lists, pol_dump_tloc_list);
 }

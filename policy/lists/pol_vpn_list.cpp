@@ -19,18 +19,29 @@ void free_entries(t_pol_ctx* ctx, t_vpn_list* list) {
     pol::directory_range(&ctx->directories.vpn, list->head, node->low, node->high, false);
     list->records.give(reinterpret_cast<t_pol_vpn_entry*>(node));
   });
-  if (!list->entries.empty()) pol::crash();
+  if (!list->entries.empty()) pol::crash("elements are left in a VPN list that was emptied");
 }
 
 void node_free(t_pol_ctx* ctx, t_vpn_list* list, bool remove_from_tree) {
-  if (!unused(*list)) pol::crash();
+  if (!unused(*list)) pol::crash("a VPN list that goes is in use");
   if (remove_from_tree) ctx->vpn_lists.remove(list);
   pol_xml_config_find_and_delete(POL_XML_VPN_LIST, list->head.name);
   pol::named_release(list, pol::MEM_VPN_LIST);
 }
 
+void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
+  auto* list = reinterpret_cast<t_vpn_list*>(head);
+  if (unused(*list)) node_free(ctx, list, true);
+}
+
+void release(t_pol_ctx* ctx, t_vpn_list* list) {
+  free_entries(ctx, list);
+  node_free(ctx, list, false);
+}
+
 t_vpn_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
-  t_vpn_list* list = pol::named_find_or_create(ctx->vpn_lists, name, pol::MEM_VPN_LIST, created);
+  t_vpn_list* list =
+      pol::named_find_or_create(ctx->vpn_lists, name, pol::MEM_VPN_LIST, free_if_unused, created);
   if (*created != 0) {
     pol_xml_config_find_or_create(POL_XML_VPN_LIST, list->head.name);
     list->changed = 1;
@@ -49,37 +60,21 @@ void tell_all(t_pol_ctx* ctx, const t_vpn_list& list) {
 
 t_vpn_list* user_add(t_pol_ctx* ctx, const char* name, pol::UserQueue t_vpn_list::*queue,
                      t_pol_clause_user* record) {
+  if (ctx == nullptr || name == nullptr || record == nullptr) return nullptr;
   uint8_t created = 0;
   t_vpn_list* list = find_or_create(ctx, name, &created);
-  if (list != nullptr) pol::user_add(&list->head, list->*queue, record);
+  if (list != nullptr) pol::user_add(ctx, &list->head, list->*queue, record);
   return list;
-}
-
-uint32_t user_remove(t_pol_ctx* ctx, t_vpn_list* list, pol::UserQueue t_vpn_list::*queue,
-                     t_pol_clause_user* record) {
-  if (list == nullptr) return POL_EINVAL;
-  pol::user_remove(&list->head, list->*queue, record);
-  if (unused(*list)) node_free(ctx, list, true);
-  return POL_OK;
 }
 
 }  // namespace
 
 uint32_t pol_vpn_list_main_init(t_pol_ctx* ctx) {
-  if (ctx == nullptr) return POL_ENOCTX;
-  ctx->vpn_lists.create(pol::named_compare, offsetof(t_vpn_list, head.link));
-  return POL_OK;
+  return pol::named_init(ctx, &t_pol_ctx::vpn_lists);
 }
 
 uint32_t pol_vpn_list_main_deinit(t_pol_ctx* ctx) {
-  if (ctx == nullptr) return POL_ENOCTX;
-  void* cookie = nullptr;
-  while (t_vpn_list* list = ctx->vpn_lists.drain(&cookie)) {
-    free_entries(ctx, list);
-    node_free(ctx, list, false);
-  }
-  ctx->vpn_lists.destroy();
-  return POL_OK;
+  return pol::named_deinit(ctx, &t_pol_ctx::vpn_lists, release);
 }
 
 uint32_t pol_vpn_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, uint32_t high) {
@@ -105,15 +100,13 @@ uint32_t pol_vpn_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
 
 t_pol_vpn_entry* pol_vpn_list_find_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
                                          uint32_t high) {
-  if (ctx == nullptr || name == nullptr) return nullptr;
-  t_vpn_list* list = pol::named_find(ctx->vpn_lists, name);
+  t_vpn_list* list = pol::named_find(ctx, &t_pol_ctx::vpn_lists, name);
   if (list == nullptr) return nullptr;
   return reinterpret_cast<t_pol_vpn_entry*>(list->entries.find(low, high));
 }
 
 uint32_t pol_vpn_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, uint32_t high) {
-  if (ctx == nullptr || name == nullptr) return POL_OK;
-  t_vpn_list* list = pol::named_find(ctx->vpn_lists, name);
+  t_vpn_list* list = pol::named_find(ctx, &t_pol_ctx::vpn_lists, name);
   if (list == nullptr) return POL_OK;
   list->changed =
       1;  // on purpose before the look-up: a missed delete still has the text fetched again
@@ -127,11 +120,10 @@ uint32_t pol_vpn_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
 }
 
 uint32_t pol_vpn_list_cfg_del(t_pol_ctx* ctx, const char* name) {
-  if (ctx == nullptr || name == nullptr) return POL_OK;
-  t_vpn_list* list = pol::named_find(ctx->vpn_lists, name);
+  t_vpn_list* list = pol::named_find(ctx, &t_pol_ctx::vpn_lists, name);
   if (list == nullptr) return POL_OK;
   free_entries(ctx, list);
-  if (unused(*list)) node_free(ctx, list, true);
+  free_if_unused(ctx, &list->head);
   return POL_OK;
 }
 
@@ -147,9 +139,11 @@ t_vpn_list* pol_vpn_list_action_user_add(t_pol_ctx* ctx, const char* name,
 
 t_vpn_list* pol_vpn_list_fwd_pol_user_add(t_pol_ctx* ctx, const char* name,
                                           t_pol_fwd_vpn_entry* record) {
+  if (ctx == nullptr || name == nullptr || record == nullptr) return nullptr;
   uint8_t created = 0;
   t_vpn_list* list = find_or_create(ctx, name, &created);
-  if (list == nullptr) return nullptr;
+  if (list == nullptr || record->vpn_list == list) return list;
+  if (record->vpn_list != nullptr) pol_vpn_list_fwd_pol_user_remove(ctx, record->vpn_list, record);
   list->fwd_pol_users.push_back(record);
   record->vpn_list = list;
   return list;
@@ -157,20 +151,21 @@ t_vpn_list* pol_vpn_list_fwd_pol_user_add(t_pol_ctx* ctx, const char* name,
 
 uint32_t pol_vpn_list_match_user_remove(t_pol_ctx* ctx, t_vpn_list* list,
                                         t_pol_clause_user* record) {
-  return user_remove(ctx, list, &t_vpn_list::match_users, record);
+  return pol::user_remove(ctx, list, &t_vpn_list::match_users, record);
 }
 
 uint32_t pol_vpn_list_action_user_remove(t_pol_ctx* ctx, t_vpn_list* list,
                                          t_pol_clause_user* record) {
-  return user_remove(ctx, list, &t_vpn_list::action_users, record);
+  return pol::user_remove(ctx, list, &t_vpn_list::action_users, record);
 }
 
 uint32_t pol_vpn_list_fwd_pol_user_remove(t_pol_ctx* ctx, t_vpn_list* list,
                                           t_pol_fwd_vpn_entry* record) {
-  if (list == nullptr) return POL_EINVAL;
+  if (list == nullptr || record == nullptr || record->vpn_list != list) return POL_EINVAL;
+  if (ctx == nullptr) return POL_ENOCTX;
   list->fwd_pol_users.remove(record);
   record->vpn_list = nullptr;
-  if (unused(*list)) node_free(ctx, list, true);
+  free_if_unused(ctx, &list->head);
   return POL_OK;
 }
 
@@ -184,6 +179,7 @@ t_vpn_list* pol_vpn_list_next(t_pol_ctx* ctx, t_vpn_list* list) {
 
 // On purpose: action users are not shown.
 void pol_dump_vpn_list(t_vpn_list* list, t_cli_user_ctx* cli) {
+  if (list == nullptr) return;
   maapi_cli_printf(cli, "\nvpn-list: %s (0x%p, %u)", list->head.name, static_cast<void*>(list),
                    unsigned{list->changed});
   for (const pol::RangeNode& range : list->entries.in_order()) {
@@ -198,11 +194,5 @@ void pol_dump_vpn_list(t_vpn_list* list, t_cli_user_ctx* cli) {
 
 int pol_dump_vpn_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
                           char** /*argv*/) {
-  if (g_pol_ctx_p == nullptr) return 0;
-  pol::dump_title(cli, "\n              VPN LISTS            ");
-  const auto& lists = g_pol_ctx_p->vpn_lists;
-  for (t_vpn_list* list = lists.first(); list != nullptr; list = lists.next(list)) {
-    pol_dump_vpn_list(list, cli);
-  }
-  return 0;
+  return pol::dump_lists(cli, "\n              VPN LISTS            ", &t_pol_ctx::vpn_lists, pol_dump_vpn_list);
 }

@@ -5,6 +5,8 @@
 #include <cstdio>
 
 #include "policy/pol_util.h"
+#include "kel/ipaddr.h"
+#include "kel/tloc.h"
 #include "route/pol_exec_rules.h"
 
 namespace pol {

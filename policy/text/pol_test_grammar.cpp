@@ -190,7 +190,7 @@ const TextLine& text_list_line(TextList list) {
   for (const TextLine& line : kLines) {
     if (line.list == list) return line;
   }
-  crash();
+  crash("a text list that no line fills");
 }
 
 bool text_is(const char* word, const char* keyword, uint8_t compared) {

@@ -21,7 +21,7 @@ struct ListLine {
 // None without a context.
 ListLine read_list_line(pol::TextList list, t_pol_test_tokens tokens, uint32_t count) {
   ListLine line = {Command::kNone, "", ""};
-  if (g_pol_ctx_p == nullptr) return line;
+  if (g_pol_ctx_p == nullptr || tokens == nullptr) return line;
   const pol::TextWords words = pol::text_words(tokens, count);
   pol::TextWalk walk(words, pol::text_list_line(list));
   pol::TextStep step;

@@ -36,20 +36,17 @@ void run_line(t_pol_test_tokens tokens, uint32_t count, uint32_t kind,
   }
 }
 
-}  // namespace
-
-int pol_test_parse_file(const char* path, t_pol_test_site_policy site_policy) {
-  if (path == nullptr) return -1;
-  POL_LOG_PLAIN("Parsing policy file %s\n", path);
+int parse(const char* path, t_pol_test_site_policy site_policy, pol::Caller parser) {
+  POL_LOG_PLAIN_FROM(parser, "Parsing policy file %s\n", path);
   FILE* file = fopen(path, "r");
   if (file == nullptr) {
-    POL_LOG_ALWAYS("Failed to open file @%s\n", path);
+    POL_LOG_FROM(parser, "Failed to open file @%s\n", path);
     return -1;
   }
   char line[kLineSize];
   t_pol_test_tokens tokens;
   for (int number = 0; fgets(line, sizeof line, file) != nullptr; ++number) {
-    POL_LOG_PLAIN("%d %s\n", number, line);
+    POL_LOG_PLAIN_FROM(parser, "%d %s\n", number, line);
     memset(tokens, 0, sizeof tokens);
     uint32_t kind = POL_TEST_OTHER;
     uint32_t count = pol_test_get_tokens(line, tokens, &kind);
@@ -60,6 +57,12 @@ int pol_test_parse_file(const char* path, t_pol_test_site_policy site_policy) {
   return 0;
 }
 
+}  // namespace
+
+int pol_test_parse_file(const char* path, t_pol_test_site_policy site_policy) {
+  return path != nullptr ? parse(path, site_policy, pol::Caller::here()) : -1;
+}
+
 void pol_test_parse_cfg(t_pol_test_site_policy site_policy) {
-  (void)pol_test_parse_file(POL_TEST_CFG_PATH, site_policy);
+  (void)parse(POL_TEST_CFG_PATH, site_policy, pol::Caller::here());
 }

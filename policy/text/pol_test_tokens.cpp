@@ -32,6 +32,7 @@ uint32_t address_of(const uint32_t* octet) {
 
 TextWords text_words(t_pol_test_tokens tokens, uint32_t count) {
   TextWords words = {};
+  if (tokens == nullptr) return words;
   words.count = std::min<uint32_t>(count, POL_TEST_TOKENS);
   for (uint32_t i = 0; i < words.count; ++i) {
     if (strnlen(tokens[i], POL_TEST_TOKEN_SIZE) == POL_TEST_TOKEN_SIZE) {
@@ -47,6 +48,7 @@ int64_t text_number(const char* word) { return strtol(word, nullptr, 10); }
 }  // namespace pol
 
 uint32_t pol_test_get_tokens(const char* line, t_pol_test_tokens tokens, uint32_t* kind) {
+  if (line == nullptr || tokens == nullptr || kind == nullptr) return 0;
   uint32_t count = 0;
   line += strspn(line, " ");
   while (*line != '\0') {
@@ -64,13 +66,15 @@ uint32_t pol_test_get_tokens(const char* line, t_pol_test_tokens tokens, uint32_
   const pol::TextLine* known = count > 0 ? pol::text_line(tokens[0]) : nullptr;
   *kind = known != nullptr ? known->kind : static_cast<uint32_t>(POL_TEST_OTHER);
   for (uint32_t i = 0; i < count; ++i) {
-    POL_LOG_PLAIN("i: %d,   %s - %d\n", static_cast<int>(i), tokens[i],
-                  static_cast<int>(strlen(tokens[i])));
+    // On purpose whatever the debug level is, unlike all else that reading a file logs.
+    POL_LOG_LINE("%s[%d]: i: %d,   %s - %d\n", __func__, __LINE__, static_cast<int>(i), tokens[i],
+                 static_cast<int>(strlen(tokens[i])));
   }
   return count;
 }
 
 void pol_test_pfx_str_to_pfx(const char* text, t_ipprefix* prefix) {
+  if (text == nullptr || prefix == nullptr) return;
   uint32_t number[5] = {};
   pol::read_numbers(text, ".../", number);
   prefix->addr.family = KEL_AF_INET;
@@ -79,6 +83,7 @@ void pol_test_pfx_str_to_pfx(const char* text, t_ipprefix* prefix) {
 }
 
 void pol_test_tloc_str_to_tloc(const char* text, t_tloc_id* tloc) {
+  if (text == nullptr || tloc == nullptr) return;
   uint32_t number[5] = {};
   pol::read_numbers(text, "...:", number);
   tloc->family = KEL_AF_INET;

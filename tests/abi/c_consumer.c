@@ -1,9 +1,10 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
  * A C host: every public header compiles as C11, the records lie in memory as hosts were built
- * against, and one route goes through. A figure that changes here breaks every host in the field.
+ * against, and one route goes through. A figure that changes here breaks every host that was built before.
  */
 #include <stddef.h>
+#include <string.h>
 
 #include "policy/policy.h"
 
@@ -70,6 +71,7 @@ int main(void) {
   t_pol_route_query query;
   t_pol_user* user;
   uint32_t action;
+  if (strcmp(pol_version(), POL_VERSION) != 0) return 1;
   if (pol_init(&callbacks) == NULL) return 1;
   user = pol_register(&record);
   pol_pre_execute(&query, POL_KIND_ROUTE);

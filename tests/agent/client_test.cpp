@@ -164,11 +164,11 @@ TEST_F(ClientTest, LoadMergesReplacesOrStartsAfreshAsItsFlagsSay) {
   EXPECT_EQ(why(maapi_load_config(fd_, trans, 0x41, file.c_str())), "ok");
   EXPECT_EQ(maapi_num_instances(fd_, trans, "/policy/app-id"), 2);
   const std::string colors = policy(
-      "<data-policy><name>D</name><vpn-list><name>V</name><preferred-color>mpls</preferred-color>"
-      "</vpn-list></data-policy>");
+      "<app-route-policy><name>D</name><vpn-list><name>V</name><preferred-color>mpls"
+      "</preferred-color></vpn-list></app-route-policy>");
   for (int i = 0; i < 2; ++i) {
     ASSERT_EQ(why(session_.load(colors)), "ok");
-    EXPECT_EQ(session_.save("/policy/data-policy", MAAPI_CANDIDATE),
+    EXPECT_EQ(session_.save("/policy/app-route-policy", MAAPI_CANDIDATE),
               "<config xmlns=\"urn:norvik:config:1.0\">" + colors + "</config>");
   }
   EXPECT_EQ(why(maapi_load_config(fd_, trans, 0x1, file.c_str())), "ok");

@@ -2,11 +2,14 @@
 //
 // The schema as clients see it, and the tags that readers of changes know.
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <map>
 #include <sstream>
 
 #include "support.h"
 #include "support/golden.h"
+#include "support/paths.h"
 
 namespace test {
 namespace {
@@ -54,6 +57,18 @@ TEST_F(SchemaTest, NodesMatchTheirGoldenAndNoNameHasTwoTags) {
     EXPECT_EQ(tags.emplace(name, tag).first->second, tag) << line;
     EXPECT_EQ(names.emplace(tag, name).first->second, name) << line;
   }
+  // The header that library and host take them from says the same of each node that it names.
+  std::ifstream header(std::string(kGoldenDir) + "/../../include/policy/pol_config_tags.h");
+  int known = 0;
+  for (std::string line, define; std::getline(header, line);) {
+    std::istringstream(line) >> define >> name >> tag;
+    if (define != "#define" || !name.starts_with("POL_TAG_")) continue;
+    name.erase(0, strlen("POL_TAG_"));
+    for (char& c : name) c = c == '_' ? '-' : static_cast<char>(tolower(c));
+    EXPECT_EQ(strtoul(tag.c_str(), nullptr, 16), strtoul(tags[name].c_str(), nullptr, 16)) << line;
+    ++known;
+  }
+  EXPECT_EQ(known, 38);
 }
 
 TEST_F(SchemaTest, PathsAreFoundWithAndWithoutPrefixesAndKeys) {

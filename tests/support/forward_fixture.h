@@ -12,6 +12,7 @@
 
 #include "base/pol_memory.h"
 #include "exchange/pol_yarrow_thread_internal.h"
+#include "kel/tloc.h"
 #include "support/policy_fixture.h"
 #include "support/seams.h"
 
@@ -107,12 +108,16 @@ class ForwardTest : public PolicyTest {
   struct Request {
     unsigned queue;
     t_pol_thread_queue_item item;
+    t_pol_label_set labels;  // of the first queue's
   };
   std::vector<Request> take_requests() {
     std::vector<Request> taken;
     for (unsigned queue = 0; queue < pol::QUEUES; ++queue) {
       while (t_pol_thread_queue_item* item = ctx->thread.queues[queue].front()) {
-        taken.push_back({queue, *item});
+        taken.push_back({queue, *item, {}});
+        if (queue == pol::QUEUE_LABEL_SET) {
+          taken.back().labels = reinterpret_cast<t_pol_label_item*>(item)->label_set;
+        }
         pol::thread_unlink(&ctx->thread, queue, item);
         pol_free(item, pol::MEM_THREAD_ITEM);
       }
@@ -129,12 +134,12 @@ class ForwardTest : public PolicyTest {
     for (const Request& request : take_requests()) {
       const t_pol_thread_queue_item& item = request.item;
       if (request.queue == pol::QUEUE_LABEL_SET) {
-        sets.emplace_back(item.label_set.policy);
-        EXPECT_STREQ(item.label_set.vpn_list, "v");
-        out << item.label_set.sequence << "@" << item.label_set.vpn_label << ":";
-        for (uint32_t i = 0; i < item.label_set.count; ++i) {
-          out << " " << printed_tloc(item.label_set.tlocs[i].tloc) << "="
-              << item.label_set.tlocs[i].label;
+        const t_pol_label_set& labels = request.labels;
+        sets.emplace_back(labels.policy);
+        EXPECT_STREQ(labels.vpn_list, "v");
+        out << labels.sequence << "@" << labels.vpn_label << ":";
+        for (uint32_t i = 0; i < labels.count; ++i) {
+          out << " " << printed_tloc(labels.tlocs[i].tloc) << "=" << labels.tlocs[i].label;
         }
         out << "\n";
       } else {

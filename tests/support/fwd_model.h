@@ -240,7 +240,7 @@ class Model {
     ModelPolicy* policy = find(key);
     if (policy == nullptr || policy->vpns.count(vpn) == 0) return;
     if (find(key, vpn, sequence & 0xffff) != nullptr) return;
-    if (!alloc(pol::MEM_FWD_ENTRY) || !alloc(pol::MEM_UNCOUNTED)) return;
+    if (!alloc(pol::MEM_FWD_ENTRY)) return;
     policy->vpns[vpn][sequence & 0xffff].id = next_id;
     owners[next_id++].policy = key;
   }
@@ -374,7 +374,7 @@ class Model {
   // What fails is counted and never freed: taken back, so that the counts say what is there.
   bool alloc(pol::MemType type) {
     if (fail_at_ == 0 || --fail_at_ != 0) return true;
-    if (type != pol::MEM_UNCOUNTED) --g_pol_mem_info[type].allocs;
+    --g_pol_mem_info[type].allocs;
     return false;
   }
 
@@ -479,6 +479,7 @@ inline std::string model_tells(const Model& m) {
     }
     text << "\n";
   }
+  text << "sequences " << m.owners.size() << "\n";
   for (const auto& record : m.xml) text << "xml " << record.first << brief(record.second) << "\n";
   text << "queued";
   for (int user : m.queued) text << " u" << user;

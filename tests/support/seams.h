@@ -13,6 +13,9 @@ namespace seams {
 std::string take_log();
 void log_of_all_threads(bool all);
 
+// That this thread holds, where a program counts them. Nothing may be logged meanwhile: a log may wait.
+inline thread_local int spinlocks_held = 0;
+
 // While alive, the n-th allocation (from 1) of this thread fails; `hit` tells whether it came to
 // it.
 class Fail {

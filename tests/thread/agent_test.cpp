@@ -194,16 +194,16 @@ TEST_F(RealAgentTest, LabelSetsReplaceWhatTheSequenceHad) {
   const std::string list = set + "/kel-tloc-pref-list";
   for (uint32_t count : {0U, 64U, 1U, 0U}) {
     SCOPED_TRACE(count);
-    auto* item = pol::alloc<t_pol_thread_queue_item>(pol::MEM_THREAD_ITEM);
-    pol::copy_name(item->label_set.policy, kName);
-    pol::copy_name(item->label_set.vpn_list, "V");
-    item->label_set.sequence = 10;
-    item->label_set.vpn_label = 1000 + count;
-    item->label_set.count = count;
+    t_pol_label_set labels = {};
+    pol::copy_name(labels.policy, kName);
+    pol::copy_name(labels.vpn_list, "V");
+    labels.sequence = 10;
+    labels.vpn_label = 1000 + count;
+    labels.count = count;
     for (uint32_t i = 0; i < count; ++i) {
-      item->label_set.tlocs[i] = {tloc4(0x0a000001 + i, 1, i % 3), 4'000'000'000U + i};
+      labels.tlocs[i] = {tloc4(0x0a000001 + i, 1, i % 3), 4'000'000'000U + i};
     }
-    pol::thread_push(&ctx->thread, pol::QUEUE_LABEL_SET, item);
+    pol::thread_push_labels(&ctx->thread, labels);
     wait_until_idle();
     EXPECT_EQ(this->count(list.c_str()), static_cast<int>(count));
     int trans = session_.begin(MAAPI_RUNNING, MAAPI_READ);

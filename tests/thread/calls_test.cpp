@@ -3,12 +3,14 @@
 // is made.
 #include <functional>
 #include <iterator>
+#include <regex>
 #include <set>
 #include <sstream>
 
 #include "exchange/pol_xml_config_internal.h"
 #include "exchange/pol_yarrow_thread_internal.h"
 #include "policy/pol_show_data.h"
+#include "policy/pol_xml_compat.h"
 #include "scripted.h"
 #include "support/golden.h"
 #include "support/policy_fixture.h"
@@ -154,6 +156,12 @@ TEST_F(CallsTest, LabelPathsHoldTheWholeNamesOrAreNotSent) {
       0U)
       << scripted::state()->paths;
 
+  labels_.sequence = 4'000'000'000;
+  scripted::reset();
+  EXPECT_TRUE(pol::label_write(&worker_, labels_));
+  EXPECT_NE(scripted::state()->paths.find("/sequence{-294967296}/"), std::string::npos);
+  labels_.sequence = 10;
+
   // 510 characters would leave a path that names the policy's whole list when it is cut.
   for (size_t length : {200, 430, 440, 450, 460, 510}) {
     std::string name(length, 'n');
@@ -190,6 +198,7 @@ TEST_F(CallsTest, OnlyAWholeTextIsStoredOfAnyLength) {
 }
 
 TEST_F(CallsTest, AFetchWithoutMemoryLeavesNothingBehind) {
+  pol_debug_set(3);  // its lines come from outside the cache's lock as well
   t_pol_xml_config* config = pol_xml_config_find_or_create(POL_XML_VPN_LIST, "v");
   scripted::state()->stream = saved(std::string(5000, 'x'));
   EXPECT_TRUE(fetch());
@@ -210,6 +219,10 @@ TEST_F(CallsTest, AFetchWithoutMemoryLeavesNothingBehind) {
   ++g_pol_mem_info[pol::MEM_CONFIG_XML].frees;  // counted, and never there
   EXPECT_EQ(config->size, 0U);
   EXPECT_TRUE(fetch());
+  seams::Fail fail(1);
+  char* buffer = nullptr;
+  uint32_t room = 0;
+  EXPECT_EQ(pol_xml_config_get_str(POL_XML_VPN_LIST, "v", &buffer, &room), POL_ENOMEM);
 }
 
 TEST_F(CallsTest, AnObjectThatIsGoneStoresNothing) {
@@ -221,6 +234,34 @@ TEST_F(CallsTest, AnObjectThatIsGoneStoresNothing) {
     EXPECT_TRUE(fetch(type)) << "and one of no type is dropped";
     EXPECT_EQ(scripted::state()->open, 0);
   }
+  pol_debug_set(1);
+  seams::take_log();
+  EXPECT_TRUE(fetch(POL_XML_VPN_LIST, std::string(127, '"').c_str())) << "nor one of no path";
+  EXPECT_EQ(scripted::calls("maapi_save_config"), 1);
+  EXPECT_NE(seams::take_log().find("Failed to get config from yarrowyarrow_str"),
+            std::string::npos);
+}
+
+// As a device's own client answers: whole paths only.
+TEST_F(CallsTest, TheFilterAsksForEachWholePathOnce) {
+  const std::string p = "/zenodra-policy:";
+  scripted::state()->schema = {p + "policy", p + "policy" + p + "policer",
+                               p + "policy" + p + "policer" + p + "name"};
+  const std::string entry = "<policer><name>a</name><new/></policer>";
+  const std::string text =
+      "<policy xmlns=\"urn:zenodra:policy\">" + entry + entry + "<new><name/></new></policy>";
+  uint32_t length = 0;
+  char* pruned = pol_xml_fetch_compat_config("urn:zenodra:policy", text.data(),
+                                             static_cast<uint32_t>(text.size()), &length);
+  ASSERT_NE(pruned, nullptr);
+  EXPECT_EQ(std::string(pruned).find("new"), std::string::npos);
+  free(pruned);
+  std::string asked;
+  for (const char* path :
+       {"policy", "policy/policer", "policy/policer/name", "policy/policer/new", "policy/new"}) {
+    asked += p + std::regex_replace(path, std::regex("/"), p) + "\n";
+  }
+  EXPECT_EQ(scripted::state()->paths, asked);
 }
 
 TEST_F(CallsTest, FetchTimesAreOfTheLastFetchAndTheLongest) {

@@ -5,6 +5,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <shared_mutex>
 #include <sstream>
@@ -47,8 +50,7 @@ class QueuesTest : public PolicyTest {
     if (queue != pol::QUEUE_LABEL_SET) {
       return pol::thread_push_fetch(&ctx->thread, queue, type, "v");
     }
-    auto* item = pol::alloc<t_pol_thread_queue_item>(pol::MEM_THREAD_ITEM);
-    pol::thread_push(&ctx->thread, queue, item);
+    pol::thread_push_labels(&ctx->thread, {});
   }
 
   void wait_until_idle() {
@@ -207,8 +209,43 @@ TEST_F(QueuesTest, AFullPipeStopsNeitherEnd) {
   while (write(end, "1", 1) == 1) {
   }
   fcntl(end, F_SETFL, flags);
-  destroy_held_worker(3);
+  for (unsigned queue = 0; queue < pol::QUEUES; ++queue) push(static_cast<pol::ThreadQueue>(queue));
+  destroy_held_worker(4);
   init();
+}
+
+// One line a queue and wake-up; the lock that every look for an end takes fails as well.
+TEST_F(QueuesTest, AQueueThatCannotBeLockedIsLoggedOnceAWakeUp) {
+  constexpr int kLocks = 7;
+  scripted::fail_call("pthread_spin_lock", 0, kLocks);
+  seams::take_log();
+  ASSERT_EQ(write(ctx->thread.write_fd, "1", 1), 1);
+  std::string log;
+  while (scripted::state()->fail_times > 0 || scripted::occurrences(log, "queue 2") == 0) {
+    log += seams::take_log();
+  }
+  for (const char* queue : {"0", "1", "2"}) {
+    EXPECT_EQ(scripted::occurrences(log, std::string("Lock error on queue ") + queue + "\n"), 1);
+  }
+}
+
+// A handler of the host's for its faults works in the worker too.
+TEST_F(QueuesTest, OnlyTheWorkersOwnFaultsReachIt) {
+  hold_worker();
+  uint64_t blocked = 0;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream status(task.path() / "status");
+    std::string word, name;
+    for (status >> word >> name; status >> word && word != "SigBlk:";) {
+    }
+    if (name == "pol-yarrow") status >> std::hex >> blocked;
+  }
+  scripted::release();
+  for (int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTERM, SIGINT, SIGUSR1, SIGALRM}) {
+    const bool fault =
+        signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL;
+    EXPECT_EQ((blocked >> (signal - 1) & 1) == 0, fault) << signal;
+  }
 }
 
 // Every call of the start and the end fails wherever it is made; after that an end is an end.
@@ -257,11 +294,16 @@ TEST_F(QueuesTest, EachStepOfTheStartAndTheEndFailsAsItsGoldenHasIt) {
   EXPECT_EQ(pol_yarrow_thread_deinit(thread), POL_OK);
   EXPECT_EQ(g_pol_mem_info[pol::MEM_THREAD_ITEM].allocs, asked) << "nobody is there to be asked";
   pol_destroy();
-  scripted::fail_call("pipe", 0, 1);
-  const t_pol_callbacks callbacks = {};
-  EXPECT_EQ(pol_init(&callbacks), nullptr);
-  EXPECT_NE(g_pol_ctx_p, nullptr);
-  pol_destroy();
+  // What the cache's lock fails at, the first one made, is never locked.
+  for (const char* call : {"pipe", "pthread_spin_init"}) {
+    scripted::fail_call(call, 0, 1);
+    const t_pol_callbacks callbacks = {};
+    EXPECT_EQ(pol_init(&callbacks), nullptr);
+    EXPECT_NE(g_pol_ctx_p, nullptr);
+    EXPECT_NE(printed([](t_cli_user_ctx* cli) { pol_dump_all(cli, 0, 0, nullptr); }), "");
+    pol_destroy();
+    EXPECT_EQ(g_pol_ctx_p, nullptr);
+  }
   init();
 }
 

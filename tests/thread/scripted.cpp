@@ -17,6 +17,7 @@
 
 #include "exchange/pol_thread_wait.h"
 #include "exchange/pol_yarrow_thread_internal.h"
+#include "support/seams.h"
 #include "yarrow/yarrow_cdb.h"
 #include "yarrow/yarrow_maapi.h"
 #include "yarrow/yarrow_schema.h"
@@ -94,8 +95,12 @@ const char* yarrow_strerror(int error) {
   return text;
 }
 const char* yarrow_lasterr() { return "as scripted"; }
-const t_yarrow_cs_node* yarrow_cs_node_cd(const t_yarrow_cs_node*, const char*, ...) {
-  return nullptr;
+// Knows nothing of steps below a node, nor of "/".
+const t_yarrow_cs_node* yarrow_cs_node_cd(const t_yarrow_cs_node* start, const char* format, ...) {
+  static const t_yarrow_cs_node node = {};
+  KEEP_PATH(format);
+  if (strcmp(format, "%s") != 0) scripted::state()->paths += "formatted\n";
+  return start == nullptr && scripted::state()->schema.contains(path) ? &node : nullptr;
 }
 
 int maapi_connect(int sock, const sockaddr*, socklen_t) { return outcome("maapi_connect", sock); }
@@ -233,10 +238,19 @@ FAILS_WHEN_TOLD(event*, event_new,
 FAILS_WHEN_TOLD(int, event_add, (event * what, const timeval* timeout), (what, timeout), -1)
 FAILS_WHEN_TOLD(int, pthread_spin_init, (pthread_spinlock_t * lock, int shared), (lock, shared),
                 EAGAIN)
-FAILS_WHEN_TOLD(int, pthread_spin_lock, (pthread_spinlock_t * lock), (lock), EDEADLK)
+int __real_pthread_spin_lock(pthread_spinlock_t* lock);
+int __wrap_pthread_spin_lock(pthread_spinlock_t* lock) {
+  if (fails("pthread_spin_lock")) return EDEADLK;
+  ++seams::spinlocks_held;
+  return __real_pthread_spin_lock(lock);
+}
 // What fails to be let go or destroyed is so all the same.
-FAILS_WHEN_TOLD(int, pthread_spin_unlock, (pthread_spinlock_t * lock), (lock),
-                (__real_pthread_spin_unlock(lock), EPERM))
+int __real_pthread_spin_unlock(pthread_spinlock_t* lock);
+int __wrap_pthread_spin_unlock(pthread_spinlock_t* lock) {
+  --seams::spinlocks_held;
+  const int status = __real_pthread_spin_unlock(lock);
+  return fails("pthread_spin_unlock") ? EPERM : status;
+}
 FAILS_WHEN_TOLD(int, pthread_spin_destroy, (pthread_spinlock_t * lock), (lock),
                 (__real_pthread_spin_destroy(lock), EBUSY))
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <mutex>
+#include <set>
 #include <string>
 
 namespace scripted {
@@ -12,13 +13,14 @@ namespace scripted {
 constexpr int kError = 7;  // which the script calls "error 7" and explains with "as scripted"
 
 struct State {
-  int fail_step = 0;        // the n-th traced call (from 1) fails; 0 for none
-  std::string stream;       // what streams deliver
-  int positions = 0;        // that a sequence's TLOC list holds
-  int apply_result = 0;     // of the next
-  int apply_times = 0;      // calls of maapi_apply_trans
-  bool real_waits = false;  // waits end at once unless they are real
-  int waits = 0;            // that were asked for
+  int fail_step = 0;             // the n-th traced call (from 1) fails; 0 for none
+  std::string stream;            // what streams deliver
+  std::set<std::string> schema;  // the paths that it knows
+  int positions = 0;             // that a sequence's TLOC list holds
+  int apply_result = 0;          // of the next
+  int apply_times = 0;           // calls of maapi_apply_trans
+  bool real_waits = false;       // waits end at once unless they are real
+  int waits = 0;                 // that were asked for
   std::string trace = " ";  // calls of the client library, socket, recv, fopen; a blank behind each
   std::string objects;      // values written: types of a TLOC's, or a label; a line each
   std::string paths;        // all that were given, a line each

@@ -68,6 +68,35 @@ TEST_F(BlockTest, DefaultActionTakesClausesWithTheirLists) {
   EXPECT_TRUE(tells(drop));
   EXPECT_EQ(lists_there(), 0u);
   EXPECT_FALSE(tells(drop));
+  // A reject with clauses is something to delete, too.
+  pol_entry_match_tag_add(ctx, &b->default_action, 1, &changed);
+  take_queued();
+  EXPECT_TRUE(tells(drop));
+}
+
+// What clauses that are gone have left behind does not make a default action another.
+TEST_F(BlockTest, DefaultActionsAreComparedByWhatIsConfigured) {
+  add_user("u", "p", nullptr);
+  t_pol_block* b = block("p");
+  t_pol_entry* own = &b->default_action;
+  t_pol_entry* record = entry(block("template"), 1, 0, POL_ACCEPT);
+  pol_entry_match_tag_add(ctx, record, 5, &changed);
+  auto take = [&](uint8_t* c) { pol_block_default_action_add(ctx, b, record, c); };
+  EXPECT_TRUE(tells(take));
+  const t_tloc_id tloc = tloc4(1);
+  // Each pair adds and drops; 6 is left of a protocol once its flag, the DSCP's, is dropped.
+  pol_entry_match_proto_add(ctx, own, 6, &changed);
+  pol_entry_match_dscp_delete(ctx, own, &changed);
+  pol_entry_set_service_add(ctx, own, 1, &tloc, 2, &changed);
+  own->set.ultimate_tloc = 2;
+  pol_entry_set_service_delete(ctx, own, &changed);
+  pol_entry_match_add(ctx, b, own, POL_MATCH_ROUTE, &changed);
+  pol_entry_match_delete(ctx, own, &changed);
+  take_queued();
+  EXPECT_TRUE(tells(take)) << "the tag went with the other match clauses";
+  own->match.preference = 9;
+  own->set.vpn_id = 9;
+  EXPECT_FALSE(tells(take));
 }
 
 TEST_F(BlockTest, ForwardingPolicyGoesWithItsLastUser) {
@@ -88,6 +117,13 @@ TEST_F(BlockTest, ForwardingPolicyGoesWithItsLastUser) {
   pol_unregister(&first);
   EXPECT_NE(find(), nullptr);
   add_user("left at destroy", "d", nullptr, POL_DIR_IN, POL_KIND_DATA);
+
+  // Policies gone alone, their users later: the one that stayed for its user stands in no tree.
+  first = add_user("a", "alone", nullptr, POL_DIR_IN, POL_KIND_DATA);
+  pol_block_destroy(ctx);
+  EXPECT_EQ(pol_block_init(ctx), POL_OK);
+  pol_unregister(&first);
+  EXPECT_EQ(current(pol::MEM_BLOCK), 1u) << "that of the user left at destroy";
 }
 
 TEST_F(BlockTest, OnlyForwardingAndCflowdPoliciesHaveXmlRecords) {

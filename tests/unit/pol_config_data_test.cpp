@@ -169,7 +169,10 @@ TEST_F(ConfigDataTest, ActionsAreLaidOverWhatTheSequenceHas) {
        "10.0.0.1:3:0 vpn 8", true},  // no flag, no encapsulation
       {in_tloc({leaf(kEncap, word(1)), leaf(kLocal, set)}), "10.0.0.1:3:1 vpn 8", true},
       {in_tloc({leaf(kColor, word(5))}), "10.0.0.1:5:1 vpn 8", true},
-      {in_tloc({leaf(kLocal, gone)}), "10.0.0.1:5:1 vpn 8", false},
+      {in_tloc({leaf(kEncap, word(2))}), "10.0.0.1:5:2 vpn 8", true},  // the flag lasts
+      {in_tloc({leaf(kLocal, gone)}), "10.0.0.1:5:0 vpn 8", true},
+      {in_tloc({leaf(kEncap, word(1))}), "10.0.0.1:5:0 vpn 8", true},
+      {in_tloc({leaf(kLocal, set)}), "10.0.0.1:5:1 vpn 8", true},  // alone
       {in_tloc({leaf(kColor, gone)}), "10.0.0.1:0:1 vpn 8", true},
       {in_tloc({leaf(kAddress, gone), leaf(kEncap, gone)}), "vpn 8", true},
       {{leaf(kTlocList, text("l"))}, "vpn 8 list l -> 0.0.0.5:1:2=0/2 ", true},
@@ -239,10 +242,6 @@ TEST_F(ConfigDataTest, SlaClassesGoWithTheirSettings) {
   EXPECT_EQ(told.count, 0) << "nothing new";
   EXPECT_EQ(both(POL_CFG_MODIFIED, {leaf(kSlaClass, none())}), "- 0 0");
   EXPECT_EQ(told.count, 2);
-  // Where a schema lets a data policy have them, they say nothing.
-  EXPECT_EQ(vpn_list(POL_CFG_CREATED, {leaf(kSlaClass, text("gold")), leaf(kStrict, yes())}), 0u);
-  EXPECT_EQ(seq(POL_CFG_CREATED, {leaf(kSlaClass, text("gold"))}), 0u);
-  EXPECT_EQ(pol_fwd_sla_class_first(ctx), nullptr);
 }
 
 using ConfigDataDeathTest = ConfigDataTest;
@@ -257,6 +256,8 @@ TEST_F(ConfigDataDeathTest, WrongLevelsKindsAndParentsEndTheProcess) {
   EXPECT_EXIT(vpn_list(1, {}, POL_KIND_CFLOWD), crashed, "");
   EXPECT_EXIT(seq(1, {}, POL_KIND_MEMBERSHIP), crashed, "");
   EXPECT_EXIT(vpn_list(1, {}, POL_KIND_PERF_ROUTE), crashed, "") << "no such policy";
+  EXPECT_EXIT(vpn_list(1, {leaf(kStrict, none())}), crashed, "") << "no SLA in a data policy";
+  EXPECT_EXIT(seq(1, {leaf(kSlaClass, text("gold"))}), crashed, "");
   pol_fwd_vpn_find_and_delete(ctx, "p", kData, "v");
   EXPECT_EXIT(seq(1), crashed, "") << "no such VPN list";
 }

@@ -4,6 +4,7 @@
 #include "support/golden.h"
 #include "support/paths.h"
 #include "support/policy_fixture.h"
+#include "yarrow/yarrow_cli.h"
 
 namespace {
 

@@ -6,6 +6,7 @@
 
 #include "support/golden.h"
 #include "support/list_families.h"
+#include "support/seams.h"
 
 namespace {
 
@@ -78,6 +79,26 @@ TEST_F(FwdBlockTest, DeletedPolicyGivesUpTheDefaultActionThatItGotSince) {
   pol_unregister(&user);
   EXPECT_EQ(pol_block_find(ctx, "p", kApp, nullptr), nullptr);
   EXPECT_EQ(current(pol::MEM_SITE_LIST), 0u);
+}
+
+TEST_F(FwdBlockTest, EveryPolicysTextGoesOnceAtTheEnd) {
+  block("p", kData);
+  block("r", kApp);
+  add_user("u", "q", nullptr, POL_DIR_IN, kData);
+  add_user("v", "s", nullptr, POL_DIR_IN, kApp);
+  pol_block_find_and_delete(ctx, "q", kData, &changed);  // and is kept for its user
+  pol_debug_set(3);
+  seams::take_log();
+  pol_destroy();
+  const std::string log = seams::take_log();
+  for (const char* line :
+       {"policy p of type 1", "policy q of type 1", "policy r of type 2", "policy s of type 2"}) {
+    const std::string text = std::string("Delete xml config entry for ") + line + "\n";
+    EXPECT_NE(log.find(text), std::string::npos) << line;
+    EXPECT_EQ(log.find(text), log.rfind(text)) << line;
+  }
+  pol_debug_set(0);
+  init();
 }
 
 TEST_F(FwdBlockTest, UserThatLeavesOnBeingToldTakesTheDeletedPolicyAlong) {

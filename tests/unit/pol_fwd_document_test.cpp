@@ -133,21 +133,20 @@ TEST_F(DocumentTest, HasEachPolicyWithItsDirectionAndEachObjectOnce) {
   expect_golden("document/populated.ok", told);
 }
 
-TEST_F(DocumentTest, NamesThatAgreeIn32CharactersAreOneObject) {
-  const std::string stem(31, 'n');
+TEST_F(DocumentTest, NamesOfAnyLengthAreToldApartByTheirLastCharacter) {
+  const std::string stem(62, 'n');
   t_pol_entry* entry = sequence("D", POL_KIND_DATA, "v", 10);
-  name(entry, pol::kFwdSrcPfx, POL_XML_DATA_PREFIX_LIST, stem + "aX");
-  name(entry, pol::kFwdDstPfx, POL_XML_DATA_PREFIX_LIST, stem + "aY");
-  name(entry, pol::kFwdSrcPfx6, POL_XML_DATA_IPV6_PREFIX_LIST, stem + "a");
-  name(entry, pol::kFwdDstPfx6, POL_XML_DATA_IPV6_PREFIX_LIST, stem + "b");
+  name(entry, pol::kFwdSrcPfx, POL_XML_DATA_PREFIX_LIST, stem + "a");
+  name(entry, pol::kFwdDstPfx, POL_XML_DATA_PREFIX_LIST, stem + "b");
+  name(entry, pol::kFwdSrcPfx6, POL_XML_DATA_IPV6_PREFIX_LIST, stem + "b");
   t_pol_user* user = applied("D", POL_KIND_DATA, POL_DIR_IN, POL_XML_DATA_POLICY, "");
   auto in = [](const std::string& tag, const std::string& text) {
     return "<" + tag + ">" + text + "</" + tag + ">";
   };
   EXPECT_EQ(populated(nullptr, user, nullptr, nullptr),
             in("direction", "from-tunnel") + "</data-policy>" +
-                in("lists", in("vpn-list", "v") + in("data-prefix-list", stem + "aX") +
-                                in("data-ipv6-prefix-list", stem + "a") +
+                in("lists", in("vpn-list", "v") + in("data-prefix-list", stem + "a") +
+                                in("data-prefix-list", stem + "b") +
                                 in("data-ipv6-prefix-list", stem + "b")));
 }
 
@@ -167,7 +166,9 @@ TEST_F(DocumentTest, AnyAllocationMayFailAndNothingIsLeftOver) {
   taken_log();
   std::set<std::string> logs;
   int nth = 0;
+  uint64_t before = 0;
   for (bool hit = true; hit;) {
+    before = g_pol_mem_info[pol::MEM_PEER_XML].allocs;
     UncountedFailures texts(pol::MEM_PEER_XML);
     UncountedFailures names(pol::MEM_LIST_NAME);
     seams::Fail fail(++nth);
@@ -178,17 +179,16 @@ TEST_F(DocumentTest, AnyAllocationMayFailAndNothingIsLeftOver) {
     EXPECT_LE(current(pol::MEM_PEER_XML) + current(pol::MEM_LIST_NAME), hit ? 1u : 0u) << nth;
     logs.insert(taken_log());
   }
+  EXPECT_EQ(g_pol_mem_info[pol::MEM_PEER_XML].allocs - before, 3u) << "two texts, and the whole";
   const std::string end = "Error fetching xml policy and lists (error: 1)\n";
   const std::string list_end = "Error getting list xml config (error:1)\n" + end;
   const std::string no_text = "Could not append policy (error:0)\n";
   const std::set<std::string> kLogs = {
       "",
       end,
-      "Error getting policy xml string (error:1)\n" + end,
       no_text + "Error getting policy xml string (error:1)\n" + end,
       "Error adding footer to data policy (error:1)\n" + end,
       list_end,
-      "Error getting list xml string (error:1)\n" + list_end,
       no_text + "Error getting list xml string (error:1)\n" + list_end,
       "Error allocating memory for policy XML config of " + std::to_string(whole.size() + 1) +
           " bytes\n",
@@ -229,7 +229,10 @@ TEST_F(DocumentTest, EnvelopesWrapABodyAndTakeOutWhatTheSchemaDoesNotKnow) {
       uint32_t length = 77;
       char* text = row.add(body, size, &length);
       EXPECT_EQ(length, text != nullptr ? strlen(text) : 0);
-      EXPECT_EQ(text != nullptr ? text : "(none)", fail.hit() ? "(none)" : row.text);
+      // The schema's answers need not be kept.
+      if (!fail.hit() || text != nullptr) {
+        EXPECT_EQ(text != nullptr ? text : "(none)", row.text);
+      }
       pol_free(text, pol::MEM_SET_XML);
       if (!fail.hit()) break;
     }
@@ -265,6 +268,7 @@ TEST_F(FetchTest, AsksOncePerChangedObjectKindByKindPolicersBeforeSlaClasses) {
   EXPECT_EQ(taken(), "1a 1p 1z 2a 2z 3a 3z 4a 4v 4z 5a 5z 6a 6z 7a 7z 9a 9z 8a 8z 10a 10z ");
   char bytes[64];
   EXPECT_EQ(read(ctx->thread.read_fd, bytes, sizeof bytes), 22) << "woken once a request";
+  EXPECT_LT(sizeof(t_pol_thread_queue_item), 200u) << "a fetch carries no labels";
   pol_fwd_queue_xml_config(ctx);
   EXPECT_EQ(taken(), "");
   pol_fwd_pfx_list_entry_change(ctx, "z");

@@ -50,7 +50,7 @@ TEST_F(FwdLabelTest, TheFirstSixtyFourTlocsAreLabeled) {
   pol_fwd_upd_label_set_entry(nullptr, ctx, find(1)->fwd.user);
   const auto requests = take_requests();
   ASSERT_EQ(requests.size(), 2u);
-  const t_pol_label_set& set = requests[0].item.label_set;
+  const t_pol_label_set& set = requests[0].labels;
   EXPECT_EQ(set.count, uint32_t{POL_MAX_TLOC});
   EXPECT_EQ(set.tlocs[63].label, 164u);
   EXPECT_EQ(host.asked.size(), size_t{POL_MAX_TLOC}) << "nobody needs the others";

@@ -248,7 +248,7 @@ class Twin {
       kFamilies[f].each(ctx_, [&](pol::NamedHead& head, uint8_t* changed, pol::UserQueue* queues) {
         int stale = 0;
         for (const t_pol_clause_user& user : head.stale) {
-          stale += user.stale && user.list == &head ? 1 : 1000;
+          stale += pol::is_stale(user) && user.list == &head ? 1 : 1000;
         }
         text << "family " << f << " " << brief(head.name) << " "
              << (changed == nullptr || *changed != 0) << " stale " << stale;
@@ -258,7 +258,7 @@ class Twin {
             const auto [id, record] = registrations_[&user];
             text << " " << id << (user.entry == nullptr ? "!" : "") << "@"
                  << (user.block != nullptr ? brief(user.block->name) : "nobody");
-            if (user.list != &head || user.stale) text << " astray";
+            if (user.list != &head || user.queue != &queues[queue]) text << " astray";
             if (user.entry != nullptr && user.entry->fwd.user != record) text << " another's";
           }
         }
@@ -280,6 +280,7 @@ class Twin {
       }
       text << "\n";
     }
+    text << "sequences " << outstanding(pol::MEM_FWD_ENTRY) - before_[pol::MEM_FWD_ENTRY] << "\n";
     const auto& cache = ctx_->xml_configs;
     for (const t_pol_xml_config* c = cache.first(); c != nullptr; c = cache.next(c)) {
       text << "xml " << c->type << brief(c->name) << "\n";
@@ -310,7 +311,7 @@ class Twin {
         for (const Role& role : kRoles) {
           const t_pol_clause_user& user = entry->fwd.user->*role.ref->user;
           *text << " " << (user.list != nullptr ? brief(user.list->name) : "-")
-                << (user.stale ? "?" : "");
+                << (pol::is_stale(user) ? "?" : "");
         }
         *text << " " << std::hex << entry->match_flags << "/" << entry->set_flags << std::dec;
         if (entry->block != &block || entry->fwd.vpn != vpn) *text << " astray";

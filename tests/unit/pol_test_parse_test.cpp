@@ -13,6 +13,7 @@ class TextParseTest : public TextPolicyTest {
  protected:
   // What is logged of a file and the lists that it leaves, without what differs from run to run.
   std::string outcome(const std::string& content) const {
+    pol_debug_set(1);
     seams::take_log();
     parse(content);
     std::string text = seams::take_log() + printed([](t_cli_user_ctx* cli) {
@@ -99,6 +100,15 @@ TEST_F(TextParseTest, AnAddedTlocForgetsItsPreferenceAndVpnListsAreForHostsThatA
   EXPECT_EQ(lists(), "t1 ");
 }
 
+TEST_F(TextParseTest, AtLevelZeroOnlyWordsAreLogged) {
+  seams::take_log();
+  parse("site-list s1\n");
+  pol_test_parse_file("/nonexistent", nullptr);
+  EXPECT_EQ(std::regex_replace(seams::take_log(), std::regex("\\[\\d+\\]"), ""),
+            "191 pol_test_get_tokens: i: 0,   site-list - 9\n"
+            "191 pol_test_get_tokens: i: 1,   s1 - 2\n");
+}
+
 TEST_F(TextParseTest, ListsAreLoggedFromLevelFourOn) {
   for (bool logged : {false, true}) {
     pol_debug_set(logged ? 4 : 3);
@@ -108,7 +118,7 @@ TEST_F(TextParseTest, ListsAreLoggedFromLevelFourOn) {
     const std::string log = seams::take_log();
     EXPECT_EQ(log.find("]: [POL] Adding prefix list s1 site: 7\n") != log.npos, logged);
     EXPECT_EQ(log.find("]: [POL] Deleting prefix list s1\n") != log.npos, logged);
-    EXPECT_NE(log.find("]: Parsing policy file /tmp/pol_test_"), log.npos) << log;
+    EXPECT_NE(log.find("191 pol_test_parse_file["), log.npos) << log;
     EXPECT_NE(log.find("]: [POL] Failed to open file @/nonexistent\n"), log.npos) << log;
   }
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <cstring>
+#include <regex>
 
 #include "pol_test_fixture.h"
 #include "support/golden.h"
@@ -66,12 +67,30 @@ TEST_F(TextRoutePolicyTest, AProtocolIsOneOfFourNumbers) {
   }
 }
 
-TEST_F(TextRoutePolicyTest, WhatIsReadOverIsLogged) {
-  seams::take_log();
-  line("route-policy p sequence 1 match route source-ip 1.1.1.1 foo");
-  const std::string log = seams::take_log();
-  EXPECT_NE(log.find("]: src-ip-add\n"), std::string::npos);
-  EXPECT_NE(log.find("]: no keyword: foo\n"), std::string::npos);
+TEST_F(TextRoutePolicyTest, WhatIsReadOverIsLoggedInTheParsersName) {
+  const auto logged = [this](const std::string& text) {
+    seams::take_log();
+    line(text);
+    return std::regex_replace(seams::take_log(), std::regex("\\[\\d+\\]|191 \\w+\\[\\d+\\]: i: .*\n"), "");
+  };
+  const char* text = "route-policy p sequence 1 match route source-ip 1.1.1.1 foo";
+  EXPECT_EQ(logged(text), "");
+  pol_debug_set(1);
+  const std::string in_the_name_of = "191 pol_test_parse_route_policy: ";
+  EXPECT_EQ(logged(text), in_the_name_of + "src-ip\n" + in_the_name_of + "src-ip-add\n" +
+                              in_the_name_of + "no keyword: foo\n");
+  EXPECT_EQ(logged("route-policy p sequence 1 set"), "");
+}
+
+// It is deleted, and goes on: what follows on the line is the policy's that stayed for its user.
+TEST_F(TextRoutePolicyTest, AForwardingPolicyKeptForItsUserStaysTheLines) {
+  Calls calls;
+  add_user("u", "d", &calls, POL_DIR_OUT, POL_KIND_DATA);
+  line("forwarding-policy d forwarding-policy d delete default-action accept set tag 5");
+  const t_pol_block* kept = pol_block_find(ctx, "d", POL_KIND_DATA, nullptr);
+  ASSERT_NE(kept, nullptr);
+  EXPECT_EQ(kept->default_action.action, uint32_t{POL_ACCEPT});
+  EXPECT_EQ(kept->default_action.set.tag, 5u);
 }
 
 TEST_F(TextRoutePolicyTest, AGroupAtTheTwentiethWordStaysInBounds) {

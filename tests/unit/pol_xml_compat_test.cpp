@@ -23,6 +23,7 @@ class CompatTest : public ::testing::Test {
 
   // The filter must not write to where its host's messages go.
   static Result filtered(const std::string& text, const char* name_space = kNamespace) {
+    pol_debug_set(1);
     seams::take_log();
     testing::internal::CaptureStderr();
     uint32_t length = 0;
@@ -60,6 +61,7 @@ TEST_F(CompatTest, TakesOutTheHighestUnknownElementsEverywhere) {
   const std::string list = "<lists><vpn-list><name>v</name></vpn-list></lists>";
   const std::string named = "<policer><name><![CDATA[<&]]>&lt;</name></policer> t ";
   const std::string known = "<policer><name>a</name></policer>";
+  const std::string latin = "<?xml version='1.0' encoding='ISO-8859-1'?>";
   const std::string other = "<x:new xmlns:x=\"urn:x\"/>";
   const struct {
     std::string in;
@@ -68,6 +70,9 @@ TEST_F(CompatTest, TakesOutTheHighestUnknownElementsEverywhere) {
   } kCases[] = {
       {policy(list), "(none)", {}},
       {policy(" <!--c--> " + list + "\n"), "(none)", {}},
+      {"\xef\xbb\xbf" + policy(list), "(none)", {}},
+      {"\n" + policy(list), "(none)", {}},
+      {latin + policy("<!--\xe4-->" + list), "(none)", {}},
       {policy("<new><a>1</a><b><lists/></b></new>" + list), policy(list), {{"/policy/new", "1"}}},
       {policy("<lists><new/></lists>"), policy("<lists/>"), {{"/policy/lists/new", "1"}}},
       // Text, comments and what stands behind an unknown element are kept.
@@ -120,9 +125,10 @@ TEST_F(CompatTest, HostileTextIsRefusedOrBounded) {
   const size_t kDeep = 100'000;
   for (const std::string& text :
        {laughs, read_file, parameter, std::string("<!DOCTYPE policy>") + policy("<new/>"),
-        policy("<new/>&undefined;"), policy(repeated(kDeep, "<new>") + repeated(kDeep, "</new>")),
-        std::string("no XML"), std::string(), std::string("<policy>\0</policy>", 19),
-        policy("<new>") + "<"}) {
+        std::string("\xff\xfe<\0a\0/\0>\0", 10), std::string("<\0a\0/\0>\0", 8),
+        "<?xml version='1.0' encoding='UTF-7'?>" + policy("<new/>"), policy("<new/>&undefined;"),
+        policy(repeated(kDeep, "<new>") + repeated(kDeep, "</new>")), std::string("no XML"),
+        std::string(), std::string("<policy>\0</policy>", 19), policy("<new>") + "<"}) {
     Result result = filtered(text);
     EXPECT_EQ(result.text, "(none)") << text.substr(0, 200);
     EXPECT_EQ(result.log, "Error parsing XML\n") << text.substr(0, 200);
@@ -155,6 +161,42 @@ TEST_F(CompatTest, WhatCannotBeJudgedIsLeftIn) {
       filtered(policy("<" + far + "><new/></" + far + "><" + over + "/><" + fits + "/><new/>"));
   EXPECT_EQ(result.text, policy("<" + far + "><new/></" + far + "><" + over + "/>"));
   EXPECT_EQ(result.log.find("Path too long, left in: "), result.log.rfind("Path too long"));
+}
+
+// Each bound kept, and passed by one: what is passed is no XML.
+TEST_F(CompatTest, WhatWouldKeepTheParserBusyIsNotParsed) {
+  auto numbered = [](size_t count, const std::string& before, const std::string& after) {
+    std::string all;
+    for (size_t i = 0; i < count; ++i) all += before + std::to_string(i) + after;
+    return all;
+  };
+  auto nested = [&](size_t count) {  // one namespace more is the policy's own
+    return policy(numbered(count, "<a xmlns:n", "=\"u\">") + repeated(count, "</a>"));
+  };
+  const std::string equals = repeated(500, "=");
+  // A fault lets the quotes behind it hide attributes from who only counts.
+  const std::string hidden = "<a '" + numbered(8'000, " n", "=\"\"") + "'/>";
+  const std::pair<std::string, bool> kCases[] = {
+      {policy(repeated(200, hidden)), false},
+      {policy("<a" + numbered(64, " n", "='>'") + "/>"), true},
+      {policy("<a" + numbered(65, " n", "='>'") + "/>"), false},
+      {policy("<a" + numbered(80'000, " n", "=\"\"") + "/>"), false},
+      {policy("<a n='" + equals + "'/><!--<" + equals + "-->" + equals + "<![CDATA[<" + equals +
+              "]]><?p <" + equals + "?>"),
+       true},
+      {policy("<a n='" + std::string(65'000, 'x') + "'/>"), true},
+      {policy("<a n='" + std::string(66'000, 'x') + "'/>"), false},
+      {nested(63), true},
+      {nested(64), false},
+      {policy(numbered(1'000, "<a xmlns:n", "='u'/>")), true},
+      {policy(numbered(90'000, "<a", "/>")), true},
+      {policy(numbered(110'000, "<a", "/>")), false},
+      {policy(numbered(110'000, "<?a", "?>")), false},
+  };
+  for (const auto& [text, parsed] : kCases) {
+    SCOPED_TRACE(text.substr(0, 80) + " of " + std::to_string(text.size()));
+    EXPECT_EQ(filtered(text).log != "Error parsing XML\n", parsed);
+  }
 }
 
 // A large document with an unknown element in every entry: time must not grow with its square.

@@ -1,32 +1,17 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * kel/tloc.h - transport locators (TLOCs) and the names of their attributes.
- *
- * A TLOC names one attachment of a device to a transport: the device's address, the color of the
- * transport and the tunnel encapsulation.
+ * kel/tloc.h - the words for transport locators (TLOCs) and their attributes.
  */
 #ifndef KEL_TLOC_H
 #define KEL_TLOC_H
 
-#include "kel/ipaddr.h"
+#include <stddef.h>
+
+#include "kel/tloc_types.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-/* Tunnel encapsulations. */
-#define KEL_ENCAP_GRE 1u
-#define KEL_ENCAP_IPSEC 2u
-
-typedef struct t_tloc_id {
-  uint32_t family; /* KEL_AF_INET or KEL_AF_INET6 */
-  union {
-    uint32_t v4;    /* host byte order */
-    uint8_t v6[16]; /* network order */
-  } addr;
-  uint8_t color;
-  uint8_t encap;
-} t_tloc_id;
 
 /* "10.0.0.1 : mpls : ipsec" and "10.0.0.1:3:2" (address, color and encapsulation numbers). Both
  * return `buffer`, cut to `size`. */
