@@ -185,8 +185,8 @@ void listed_bytes(benchmark::State& state) {
   Rig rig("load-listed");
   for (uint32_t i = 1; i <= kLists; ++i) {
     uint8_t changed = 0;
-    pol_entry_match_pfx_list_add(context(), rig.add_sequence(i), ("listed" + std::to_string(i)).c_str(),
-                                 &changed);
+    pol_entry_match_pfx_list_add(context(), rig.add_sequence(i),
+                                 ("listed" + std::to_string(i)).c_str(), &changed);
   }
   rig.tell();
   const auto list = [](size_t i) { return "listed" + std::to_string(i % kLists + 1); };

@@ -47,8 +47,8 @@ void last_tag_walking(benchmark::State& state, uint32_t sequences) {
 
 void mixed(benchmark::State& state, uint32_t sequences, bool clauses, bool walk) {
   MixedPolicy& policy = MixedPolicy::get(sequences, clauses);
-  (walk ? evaluate_walking : static_cast<void (*)(benchmark::State&, const MixedPolicy&)>(evaluate))(
-      state, policy);
+  (walk ? evaluate_walking
+        : static_cast<void (*)(benchmark::State&, const MixedPolicy&)>(evaluate))(state, policy);
 }
 
 // One clause changed and told: what a policy's own change costs.

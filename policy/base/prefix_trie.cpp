@@ -73,8 +73,7 @@ TrieCell* add_value(Arena* arena, TrieCell* node, uint64_t place) {
 }
 
 TrieCell* add_below(Arena* arena, TrieCell* node, uint64_t turn) {
-  TrieCell* cell =
-      open_cell(arena, node, count_bits(node->prefixes) + rank(node->below, turn));
+  TrieCell* cell = open_cell(arena, node, count_bits(node->prefixes) + rank(node->below, turn));
   if (cell != nullptr) node->below |= turn;
   return cell;
 }
@@ -126,9 +125,7 @@ bool lead_to(Arena* arena, TrieCell* cell, uint64_t key, unsigned bits, const Tr
 }
 
 // The node that a cell leads to, which may be the cell itself.
-TrieCell* node_behind(TrieCell* cell) {
-  return cell->info.kind == kTrieSkip ? cell->cells : cell;
-}
+TrieCell* node_behind(TrieCell* cell) { return cell->info.kind == kTrieSkip ? cell->cells : cell; }
 
 // How many whole chunks two keys have in common, in bits, of at most `limit` bits.
 unsigned common_bits(uint64_t a, uint64_t b, unsigned limit) {
@@ -297,7 +294,8 @@ TrieCell* PrefixTrie<Bits>::find_or_add(Arena* arena, Bits key, unsigned length)
       const unsigned bits = cell->info.bits;
       if (length == bits && !trie_differs(*cell, top)) return cell;
       if (!open_leaf(arena, cell, common_bits(cell->key, top, std::min(bits, length)))) break;
-    } else if (cell->info.kind == kTrieSkip && (length < cell->info.bits || trie_differs(*cell, top))) {
+    } else if (cell->info.kind == kTrieSkip &&
+               (length < cell->info.bits || trie_differs(*cell, top))) {
       const unsigned most = std::min(unsigned{cell->info.bits}, length);
       if (!part_skip(arena, cell, common_bits(cell->key, top, most))) break;
     }

@@ -129,7 +129,8 @@ bool tloc_equal(const t_tloc_id& a, const t_tloc_id& b) {
 
 t_pol_match* pol_entry_match_add(t_pol_ctx* ctx, t_pol_block* block, t_pol_entry* entry,
                                  uint32_t match_type, uint8_t* changed) {
-  if (ctx == nullptr || entry == nullptr || block == nullptr || block != entry->block) return nullptr;
+  if (ctx == nullptr || entry == nullptr || block == nullptr || block != entry->block)
+    return nullptr;
   if (match_type < POL_MATCH_ROUTE || match_type > POL_MATCH_PACKET) return nullptr;
   const pol::ClauseSite at = match_site(ctx, entry, changed);
   if (entry->match.type == match_type) return &entry->match;
@@ -314,55 +315,50 @@ void pol_entry_match_origin_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* 
 
 t_pol_match* pol_entry_match_site_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                            uint8_t* changed) {
-  return name_list<pol_site_list_pol_user_add>(
-      ctx, entry, POL_MATCH_F_SITE_LIST, &t_pol_match::site_list, name, changed);
+  return name_list<pol_site_list_pol_user_add>(ctx, entry, POL_MATCH_F_SITE_LIST,
+                                               &t_pol_match::site_list, name, changed);
 }
 
 void pol_entry_match_site_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
-  drop_list(ctx, entry, POL_MATCH_F_SITE_LIST,
-                                           &t_pol_match::site_list, changed);
+  drop_list(ctx, entry, POL_MATCH_F_SITE_LIST, &t_pol_match::site_list, changed);
 }
 
 t_pol_match* pol_entry_match_tloc_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                            uint8_t* changed) {
-  return name_list<pol_tloc_list_user_add>(
-      ctx, entry, POL_MATCH_F_TLOC_LIST, &t_pol_match::tloc_list, name, changed);
+  return name_list<pol_tloc_list_user_add>(ctx, entry, POL_MATCH_F_TLOC_LIST,
+                                           &t_pol_match::tloc_list, name, changed);
 }
 
 void pol_entry_match_tloc_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
-  drop_list(ctx, entry, POL_MATCH_F_TLOC_LIST, &t_pol_match::tloc_list,
-                                       changed);
+  drop_list(ctx, entry, POL_MATCH_F_TLOC_LIST, &t_pol_match::tloc_list, changed);
 }
 
 t_pol_match* pol_entry_match_pfx_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                           uint8_t* changed) {
-  return name_list<pol_pfx_list_user_add>(
-      ctx, entry, POL_MATCH_F_PFX_LIST, &t_pol_match::pfx_list, name, changed);
+  return name_list<pol_pfx_list_user_add>(ctx, entry, POL_MATCH_F_PFX_LIST, &t_pol_match::pfx_list,
+                                          name, changed);
 }
 
 void pol_entry_match_pfx_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
-  drop_list(ctx, entry, POL_MATCH_F_PFX_LIST, &t_pol_match::pfx_list,
-                                      changed);
+  drop_list(ctx, entry, POL_MATCH_F_PFX_LIST, &t_pol_match::pfx_list, changed);
 }
 
 t_pol_match* pol_entry_match_vpn_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                           uint8_t* changed) {
-  return name_list<pol_vpn_list_match_user_add>(
-      ctx, entry, POL_MATCH_F_VPN_LIST, &t_pol_match::vpn_list, name, changed);
+  return name_list<pol_vpn_list_match_user_add>(ctx, entry, POL_MATCH_F_VPN_LIST,
+                                                &t_pol_match::vpn_list, name, changed);
 }
 
 void pol_entry_match_vpn_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
-  drop_list(ctx, entry, POL_MATCH_F_VPN_LIST,
-                                            &t_pol_match::vpn_list, changed);
+  drop_list(ctx, entry, POL_MATCH_F_VPN_LIST, &t_pol_match::vpn_list, changed);
 }
 
 t_pol_match* pol_entry_match_color_list_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name,
                                             uint8_t* changed) {
-  return name_list<pol_color_list_user_add>(
-      ctx, entry, POL_MATCH_F_COLOR_LIST, &t_pol_match::color_list, name, changed);
+  return name_list<pol_color_list_user_add>(ctx, entry, POL_MATCH_F_COLOR_LIST,
+                                            &t_pol_match::color_list, name, changed);
 }
 
 void pol_entry_match_color_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed) {
-  drop_list(ctx, entry, POL_MATCH_F_COLOR_LIST,
-                                        &t_pol_match::color_list, changed);
+  drop_list(ctx, entry, POL_MATCH_F_COLOR_LIST, &t_pol_match::color_list, changed);
 }

@@ -194,9 +194,9 @@ class FieldBuilder {
   bool make_room() {
     if (used_ < room_) return true;
     const uint32_t room = room_ == 0 ? 16 : room_ * 2;
-    auto* grown = static_cast<IndexWord*>(
-        room_ == 0 ? pol_malloc(room * sizeof(IndexWord), MEM_UNCOUNTED)
-                   : pol_realloc(field_->more, room * sizeof(IndexWord)));
+    auto* grown =
+        static_cast<IndexWord*>(room_ == 0 ? pol_malloc(room * sizeof(IndexWord), MEM_UNCOUNTED)
+                                           : pol_realloc(field_->more, room * sizeof(IndexWord)));
     done_ = grown != nullptr;
     if (!done_) return false;
     field_->more = grown;

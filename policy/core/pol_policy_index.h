@@ -72,13 +72,13 @@ struct IndexField {
   static constexpr unsigned kFewLists = 3;
 
   IndexKind kind;
-  uint8_t list_count;            // of `lists`
-  uint32_t generation;           // of the directory that has the lists; 0: each is asked
-  uint32_t mask;                 // of `slots`
-  uint32_t without;              // sequences that have no such clause
-  uint64_t* any;                 // these, a bit each; null when there are none
-  uint64_t* any_words;           // a bit for each word of `any` that is not zero
-  IndexSlot* slots;              // open addressing
+  uint8_t list_count;   // of `lists`
+  uint32_t generation;  // of the directory that has the lists; 0: each is asked
+  uint32_t mask;        // of `slots`
+  uint32_t without;     // sequences that have no such clause
+  uint64_t* any;        // these, a bit each; null when there are none
+  uint64_t* any_words;  // a bit for each word of `any` that is not zero
+  IndexSlot* slots;     // open addressing
   IndexWord* more;
   const NamedHead* lists[kFewLists];
 

@@ -47,7 +47,7 @@ struct NamedHead {
   // without being its user, until one of the two goes.
   UserQueue stale;
   uint32_t enrolled;  // generation of the family's directory that has its elements; 0: none
-  bool in_document;  // only while a document is put together: it has the object's text
+  bool in_document;   // only while a document is put together: it has the object's text
   // Frees the list unless elements or users hold it.
   void (*free_if_unused)(t_pol_ctx* ctx, NamedHead* list);
 };

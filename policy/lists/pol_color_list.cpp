@@ -139,5 +139,6 @@ void pol_dump_color_list(t_color_list* list, t_cli_user_ctx* cli) {
 
 int pol_dump_color_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
                             char** /*argv*/) {
-  return pol::dump_lists(cli, "\n              COLOR LISTS           ", &t_pol_ctx::color_lists, pol_dump_color_list);
+  return pol::dump_lists(cli, "\n              COLOR LISTS           ", &t_pol_ctx::color_lists,
+                         pol_dump_color_list);
 }

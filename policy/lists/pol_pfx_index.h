@@ -107,7 +107,7 @@ class PfxIndex {
   Arena arena_;
   PrefixTrie<uint64_t> v4_;
   PrefixTrie<Bits128> v6_;
-  Counts* any_;  // of elements that take every family
+  Counts* any_;      // of elements that take every family
   bool has_others_;  // and so a tree that was made
   AvlTree<Other> others_;
 };

@@ -168,5 +168,6 @@ void pol_dump_pfx_list(t_pfx_list* list, t_cli_user_ctx* cli) {
 
 int pol_dump_pfx_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
                           char** /*argv*/) {
-  return pol::dump_lists(cli, "\n              PREFIX LISTS         ", &t_pol_ctx::pfx_lists, pol_dump_pfx_list);
+  return pol::dump_lists(cli, "\n              PREFIX LISTS         ", &t_pol_ctx::pfx_lists,
+                         pol_dump_pfx_list);
 }

@@ -168,5 +168,6 @@ void pol_dump_site_list(t_site_list* list, t_cli_user_ctx* cli) {
 
 int pol_dump_site_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
                            char** /*argv*/) {
-  return pol::dump_lists(cli, "\n              SITE LISTS           ", &t_pol_ctx::site_lists, pol_dump_site_list);
+  return pol::dump_lists(cli, "\n              SITE LISTS           ", &t_pol_ctx::site_lists,
+                         pol_dump_site_list);
 }

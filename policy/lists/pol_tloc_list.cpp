@@ -234,5 +234,6 @@ void pol_dump_tloc_list(t_tloc_list* list, t_cli_user_ctx* cli) {
 
 int pol_dump_tloc_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
                            char** /*argv*/) {
-  return pol::dump_lists(cli, "\n              TLOC LISTS           ", &t_pol_ctx::tloc_lists, pol_dump_tloc_list);
+  return pol::dump_lists(cli, "\n              TLOC LISTS           ", &t_pol_ctx::tloc_lists,
+                         pol_dump_tloc_list);
 }

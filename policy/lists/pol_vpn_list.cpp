@@ -194,5 +194,6 @@ void pol_dump_vpn_list(t_vpn_list* list, t_cli_user_ctx* cli) {
 
 int pol_dump_vpn_list_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,
                           char** /*argv*/) {
-  return pol::dump_lists(cli, "\n              VPN LISTS            ", &t_pol_ctx::vpn_lists, pol_dump_vpn_list);
+  return pol::dump_lists(cli, "\n              VPN LISTS            ", &t_pol_ctx::vpn_lists,
+                         pol_dump_vpn_list);
 }

@@ -41,7 +41,7 @@ class Candidates {
     const uint64_t* any;
     Cursor* cursors;
     uint32_t count;
-    uint32_t at;  // the word that `bits` are of; the cursors stand there or beyond
+    uint32_t at;       // the word that `bits` are of; the cursors stand there or beyond
     uint32_t next_at;  // where a cursor stands beyond it; kNone when none does
     uint64_t bits;
   };
@@ -64,10 +64,10 @@ class Candidates {
   const t_pol_route_query& query_;
   const t_pol_route_attr& attr_;
   const t_tloc_id* tloc_;
-  uint64_t word_ = 0;      // left of the 64 sequences at `at_`
+  uint64_t word_ = 0;  // left of the 64 sequences at `at_`
   uint32_t at_ = 0;
-  unsigned asked_ = 0;     // fields
-  unsigned given_ = 0;     // candidates
+  unsigned asked_ = 0;  // fields
+  unsigned given_ = 0;  // candidates
   unsigned set_count_ = 0;
   unsigned cursor_count_ = 0;
   Set sets_[INDEX_KINDS];

@@ -140,9 +140,8 @@ class Trial {
              return present(POL_ATTR_ORIGINATOR) &&
                     address_equal(attr_.originator, match_.originator);
            }) &&
-           holds<POL_MATCH_F_CARRIER>([this] {
-             return present(POL_ATTR_CARRIER) && attr_.carrier == match_.carrier;
-           }) &&
+           holds<POL_MATCH_F_CARRIER>(
+               [this] { return present(POL_ATTR_CARRIER) && attr_.carrier == match_.carrier; }) &&
            holds<POL_MATCH_F_COLOR>(
                [this] { return tloc() != nullptr && tloc()->color == match_.color; }) &&
            holds<POL_MATCH_F_COLOR_LIST>([this] {

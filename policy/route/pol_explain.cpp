@@ -4,9 +4,9 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "policy/pol_util.h"
 #include "kel/ipaddr.h"
 #include "kel/tloc.h"
+#include "policy/pol_util.h"
 #include "route/pol_exec_rules.h"
 
 namespace pol {
