@@ -62,7 +62,7 @@ void Differ::lists_in(const Node* before, const Node* after) {
       list(a.get(), b.get(), schema);
     } else if (schema.kind == YARROW_NODE_CONTAINER) {
       lists_in(a.get(), b.get());
-    } else if (schema.level == 0) {
+    } else if (schema.level == 0 && !(a && b && a->texts == b->texts)) {
       changes->push_back({&schema, YARROW_VALUE_SET, {}, {}, nullptr});
       changes->back().leaves.push_back({LeafChange::Kind::kLeaf, &schema, b});
     }
@@ -72,12 +72,13 @@ void Differ::lists_in(const Node* before, const Node* after) {
 void Differ::list(const Node* before, const Node* after, const SchemaNode& schema) {
   const MapRef old_entries = before != nullptr ? before->entries : nullptr;
   const MapRef new_entries = after != nullptr ? after->entries : nullptr;
-  map_diff(old_entries, new_entries, [&](const NodeRef& a, const NodeRef& b) {
-    if (!b) entry(a, b, schema);
-  });
-  map_diff(old_entries, new_entries, [&](const NodeRef& a, const NodeRef& b) {
-    if (b) entry(a, b, schema);
-  });
+  const std::vector<EntryChange> differing = map_diff(old_entries, new_entries);
+  for (const EntryChange& one : differing) {
+    if (!one.after) entry(one.before, one.after, schema);
+  }
+  for (const EntryChange& one : differing) {
+    if (one.after) entry(one.before, one.after, schema);
+  }
 }
 
 void Differ::entry(const NodeRef& before, const NodeRef& after, const SchemaNode& schema) {
@@ -188,22 +189,34 @@ void changes_write(const std::vector<Change>& changes, yarrow::Writer& out) {
 
 namespace {
 
+// The leaf at "/container/.../leaf" below an entry, or below the root; null for a key, for state
+// data, and for what lies in another list.
+const SchemaNode* leaf_below(const SchemaNode& top, std::string_view below) {
+  const SchemaNode* node = &top;
+  while (below.starts_with('/')) {
+    if (node != &top && node->kind != YARROW_NODE_CONTAINER) return nullptr;
+    size_t end = std::min(below.find('/', 1), below.size());
+    node = schema_child(*node, below.substr(1, end - 1));
+    if (node == nullptr) return nullptr;
+    below.remove_prefix(end);
+  }
+  bool good = below.empty() && node->is_leaf() && !node->is_key && !node->is_state;
+  return good ? node : nullptr;
+}
+
 Result read_leaf(const Schema& schema, yarrow::Reader& in, const SchemaNode& top, Change* change) {
   std::string below(in.text(yarrow::kMaxPath));
-  const SchemaNode* node = &top;
-  for (size_t at = 0; at < below.size() && node != nullptr;) {
-    size_t end = below.find('/', at + 1);
-    if (end == std::string::npos) end = below.size();
-    node = schema_child(*node, std::string_view(below).substr(at + 1, end - at - 1));
-    at = end;
-  }
-  if (!in.ok() || node == nullptr || !node->is_leaf()) {
+  const SchemaNode* node = leaf_below(top, below);
+  if (!in.ok() || node == nullptr) {
     return failed(YARROW_ERR_MALFORMED, top.path + below + ": no such leaf");
   }
   NodeRef leaf;
   if (in.u8() != 0) {
     uint32_t count = in.u32();
-    if (count > yarrow::kMaxLeafListItems) return failed(YARROW_ERR_MALFORMED, "too many items");
+    uint32_t most = node->kind == YARROW_NODE_LEAF ? 1 : yarrow::kMaxLeafListItems;
+    if (count < 1 || count > most) {
+      return failed(YARROW_ERR_MALFORMED, node->path + ": not as many values as it has");
+    }
     std::vector<std::string> texts;
     for (uint32_t i = 0; i < count && in.ok(); ++i) {
       std::string canonical;
@@ -231,7 +244,8 @@ Result changes_read(const Schema& schema, yarrow::Reader& in, std::vector<Change
     Path path;
     Result result = path_parse(schema, text, &path);
     if (!result.ok()) return result;
-    bool fits = op >= YARROW_CREATED && op <= YARROW_VALUE_SET && !path.empty();
+    bool fits = op >= YARROW_CREATED && op <= YARROW_VALUE_SET && !path.empty() &&
+                !path.back().schema->is_state;
     if (fits && op == YARROW_VALUE_SET) fits = path.back().schema->is_leaf();
     if (fits && op != YARROW_VALUE_SET) fits = !path.back().keys.empty();
     if (!fits) return failed(YARROW_ERR_MALFORMED, std::string(text) + ": not a change");
@@ -245,6 +259,9 @@ Result changes_read(const Schema& schema, yarrow::Reader& in, std::vector<Change
     for (uint32_t j = 0; j < leaves; ++j) {
       result = read_leaf(schema, in, top, &change);
       if (!result.ok()) return result;
+      if (op == YARROW_VALUE_SET && change.leaves.back().schema != change.schema) {
+        return failed(YARROW_ERR_MALFORMED, std::string(text) + ": another leaf's value");
+      }
     }
     changes->push_back(std::move(change));
   }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The datastores and what moves between them: apply, commit, rollback.
+// The datastores that all sessions share, and what becomes of edits of them. Candidates are private
+// to their sessions.
 #ifndef AGENT_DATASTORE_H
 #define AGENT_DATASTORE_H
 
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "agent/journal.h"
+#include "agent/list_pool.h"
 #include "yarrow/yarrow_maapi.h"
 
 namespace agent {
@@ -25,35 +27,35 @@ struct Datastores {
   const Schema* schema = nullptr;
   Journal journal;
   std::deque<Version> versions;  // oldest first; the last is running
-  NodeRef candidate;
   NodeRef operational;
+  ListPool pool;  // of the versions' lists
 
   const NodeRef& running() const { return versions.back().root; }
   uint64_t commit_id() const { return versions.back().commit; }
 };
 
-Result datastores_open(Datastores& stores, const Schema& schema, const std::string& directory);
+Result datastores_open(Datastores& stores, const Schema& schema,
+                       const std::optional<std::string>& directory, OnDamage on_damage);
 
 // Shortens the file on disk when that is due. Takes as long as writing the whole configuration: to
 // be called when no client waits.
 void datastores_tidy(Datastores& stores);
 
-// The tree of a datastore by its number; null for a number that has none.
+// The tree of a datastore by its number, the candidate's as it is before any edit; null for a number
+// that has none.
 const NodeRef* datastore_root(const Datastores& stores, int datastore);
 
-// Brings what turned `base` into `edited` into the datastore. For running this is a commit, whose
-// record is handed out; `record` is null if nothing changed.
+// Brings what turned `base` into `edited` into running or operational, or refuses it with the paths
+// of conflicts. For running this is a commit: checked, written to disk, its record handed out;
+// `record` is null if nothing changed.
 Result datastore_apply(Datastores& stores, int datastore, const NodeRef& base,
                        const NodeRef& edited, CommitRef* record);
 
-// Whether `root` could become running.
-Result datastore_validate(const Datastores& stores, const NodeRef& root);
+// Whether a commit of what turned `base` into `edited` would be taken.
+Result datastore_validate(const Datastores& stores, const NodeRef& base, const NodeRef& edited);
 
-// Makes the candidate running. `record` is null if they were equal already.
-Result datastore_commit(Datastores& stores, CommitRef* record);
-
-// Puts running of `back` commits ago into the candidate.
-Result datastore_rollback(Datastores& stores, unsigned back);
+// Running of `back` commits ago; null if so many are not kept.
+const NodeRef* datastore_version(const Datastores& stores, unsigned back);
 
 }  // namespace agent
 #endif

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "agent/keypath.h"
+#include "agent/rebase.h"
 #include "agent/values.h"
 #include "agent/xml.h"
 #include "yarrow/yarrow_maapi.h"
@@ -89,6 +90,38 @@ NodeRef bare_entry(const Path& path) {
   entry->schema = path.back().schema;
   entry->texts = path.back().keys;
   return entry;
+}
+
+// Takes away what an operation replaces or deletes, as far as it may. `before` is the tree that the
+// text was loaded into.
+Result run_operation(const Path& top, const XmlOperation& operation, const NodeRef& before,
+                     NodeRef* root) {
+  Path path = top;
+  path.insert(path.end(), operation.path.begin(), operation.path.end());
+  NodeRef node = find_node(before, path);
+  const bool is_item = path.back().schema->kind == YARROW_NODE_LEAF_LIST;
+  bool exists = node != nullptr;
+  if (is_item && node) {
+    exists = std::find(node->texts.begin(), node->texts.end(), operation.item) != node->texts.end();
+  }
+  std::string line = "line " + std::to_string(operation.line) + ": ";
+  if (operation.kind == XmlOperationKind::kCreate) {
+    if (!exists) return {};
+    return failed(YARROW_ERR_ALREADY, line + path_text(path) + ": exists already");
+  }
+  if (operation.kind == XmlOperationKind::kDelete && !exists) {
+    return failed(YARROW_ERR_NOEXISTS, line + path_text(path) + ": no such node");
+  }
+  if (!is_item) {
+    *root = with_node(*root, path, nullptr);
+  } else if (operation.kind != XmlOperationKind::kReplace) {
+    NodeRef left = find_node(*root, path);
+    std::vector<std::string> texts = left ? left->texts : std::vector<std::string>();
+    std::erase(texts, operation.item);
+    left = texts.empty() ? nullptr : make_leaf(*path.back().schema, std::move(texts));
+    *root = with_node(*root, path, left);
+  }
+  return {};
 }
 
 }  // namespace
@@ -219,7 +252,12 @@ Result edit_load(Editor& editor, const Path& path, uint32_t flags, std::string_v
   XmlRules rules{editor.state, (flags & YARROW_CONFIG_SKIP_STATE) != 0};
   Result result = xml_load(editor.schema, text, top, rules, &content);
   if (!result.ok()) return result;
-  NodeRef target = find_node(*editor.root, path);
+  NodeRef root = *editor.root;
+  for (const XmlOperation& operation : content.operations) {
+    result = run_operation(path, operation, *editor.root, &root);
+    if (!result.ok()) return result;
+  }
+  NodeRef target = find_node(root, path);
   Node base;
   if (target) base = *target;
   base.schema = &top;
@@ -235,8 +273,9 @@ Result edit_load(Editor& editor, const Path& path, uint32_t flags, std::string_v
     base.children = content.node->children;
     target = std::make_shared<Node>(base);
   }
+  target = shared(find_node(*editor.root, path), target);
   bool vanishes = target->children.empty() && top.kind == YARROW_NODE_CONTAINER && !path.empty();
-  *editor.root = with_node(*editor.root, path, vanishes ? nullptr : target);
+  *editor.root = with_node(root, path, vanishes ? nullptr : target);
   return {};
 }
 

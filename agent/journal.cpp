@@ -2,225 +2,290 @@
 #include "agent/journal.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <cstring>
-#include <system_error>
+#include <algorithm>
+#include <numeric>
 
 namespace agent {
 
 namespace {
 
-constexpr char kMagic[] = "yarrow running 1\n";
-constexpr size_t kMagicSize = sizeof kMagic - 1;
-constexpr size_t kRecordHead = 8;  // length, checksum
-constexpr uint64_t kRewriteSlack = 4u << 20;
-constexpr mode_t kPrivateFile = 0600;
-constexpr mode_t kPrivateDirectory = 0700;
+constexpr char kRunning[] = "running";
 
-enum class RecordKind : uint8_t { kBase = 'B', kCommit = 'C' };
+using End = JournalContent::End;
 
-constexpr std::array<uint32_t, 256> crc_table() {
-  std::array<uint32_t, 256> table = {};
-  for (uint32_t i = 0; i < 256; ++i) {
-    uint32_t value = i;
-    for (int bit = 0; bit < 8; ++bit) value = value & 1 ? 0xedb88320u ^ value >> 1 : value >> 1;
-    table[i] = value;
+std::string bytes_text(uint64_t count) { return std::to_string(count) + " bytes"; }
+
+std::string last_good(const JournalContent& content) {
+  if (content.versions.empty()) return "no commit before it can be read";
+  return "the last good commit is " + std::to_string(content.versions.back().commit);
+}
+
+bool is_damaged(const JournalContent& content) {
+  return content.end == End::kDamaged || content.end == End::kForeign;
+}
+
+// What is wrong with a file that is damaged or none of ours.
+Result damage(const std::string& name, const JournalContent& content) {
+  if (content.end == End::kForeign) {
+    return failed(YARROW_ERR_MALFORMED, name + ": " + content.fault);
   }
-  return table;
+  return failed(YARROW_ERR_MALFORMED, name + ": damaged at byte " +
+                                          std::to_string(content.good_size) + ": " + content.fault +
+                                          "; " + last_good(content));
 }
 
-uint32_t checksum(std::string_view bytes) {
-  static constexpr std::array<uint32_t, 256> kTable = crc_table();
-  uint32_t crc = 0xffffffffu;
-  for (char byte : bytes) crc = kTable[(crc ^ static_cast<uint8_t>(byte)) & 0xff] ^ crc >> 8;
-  return ~crc;
+// The same for the file of a directory, with what an operator can do.
+Result damage_in_place(const StateDir& dir, const JournalContent& content) {
+  Result result = damage(dir.path(kRunning), content);
+  if (!content.versions.empty()) result.reason += "; --recover goes on from it";
+  result.reason += "; --restore takes a backup";
+  return result;
 }
 
-Result os_failure(const std::string& what) {
-  return failed(YARROW_ERR_OS, what + ": " + std::generic_category().message(errno));
-}
-
-bool write_all(int file, std::string_view bytes) {
-  while (!bytes.empty()) {
-    ssize_t written = write(file, bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    bytes.remove_prefix(static_cast<size_t>(written));
-  }
-  return true;
-}
-
-bool read_all(int file, std::string* bytes) {
-  struct stat info = {};
-  if (fstat(file, &info) != 0) return false;
-  bytes->resize(static_cast<size_t>(info.st_size));
-  size_t have = 0;
-  while (have < bytes->size()) {
-    ssize_t got = pread(file, bytes->data() + have, bytes->size() - have, static_cast<off_t>(have));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    have += static_cast<size_t>(got);
-  }
-  return true;
-}
-
-bool sync_directory(const std::string& directory) {
-  int handle = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (handle < 0) return false;
-  bool done = fsync(handle) == 0;
-  close(handle);
-  return done;
-}
-
-std::string record(RecordKind kind, uint64_t commit, const std::vector<Change>& changes) {
-  yarrow::Writer out;
-  out.u32(0);
-  out.u32(0);
-  out.u8(static_cast<uint8_t>(kind));
-  out.u64(commit);
-  changes_write(changes, out);
-  out.patch_u32(0, static_cast<uint32_t>(out.size() - kRecordHead));
-  out.patch_u32(4, checksum(std::string_view(out.bytes()).substr(kRecordHead)));
-  return std::move(out.bytes());
-}
-
-// Takes the next whole record off the front; false at the end, or at a record that was cut short.
-bool next_record(std::string_view* rest, std::string_view* body) {
-  yarrow::Reader head(*rest);
-  uint32_t length = head.u32();
-  uint32_t sum = head.u32();
-  if (!head.ok() || head.left() < length) return false;
-  *body = rest->substr(kRecordHead, length);
-  if (checksum(*body) != sum) return false;
-  rest->remove_prefix(kRecordHead + length);
-  return true;
-}
-
-Result read_versions(const Schema& schema, std::string_view text, std::deque<Version>* versions,
-                     uint64_t* good_size) {
-  if (text.substr(0, kMagicSize) != kMagic) {
-    return failed(YARROW_ERR_MALFORMED, "is not a running configuration");
-  }
-  std::string_view rest = text.substr(kMagicSize);
-  std::string_view body;
-  NodeRef root = empty_tree(schema);
-  while (next_record(&rest, &body)) {
-    yarrow::Reader in(body);
-    auto kind = static_cast<RecordKind>(in.u8());
-    uint64_t commit = in.u64();
-    std::vector<Change> changes;
-    Result result = changes_read(schema, in, &changes);
-    if (!result.ok()) return result;
-    if (!in.done() || (kind == RecordKind::kBase) != versions->empty()) {
-      return failed(YARROW_ERR_MALFORMED, "records out of order");
-    }
-    root = changes_apply(root, changes);
-    versions->push_back({commit, root});
-    if (versions->size() > kMaxRollback + 1) versions->pop_front();
-  }
-  if (versions->empty()) return failed(YARROW_ERR_MALFORMED, "its base cannot be read");
-  *good_size = text.size() - rest.size();
+Result cut_tail(Journal& journal, const JournalContent& content, uint64_t file_size) {
+  bool done = ftruncate(journal.file, static_cast<off_t>(content.good_size)) == 0 &&
+              fsync(journal.file) == 0;
+  if (!done) return os_failure(journal.dir.path(kRunning));
+  log_line(LogLevel::kWarning, "a torn record is cut off",
+           {{"file", journal.dir.path(kRunning)},
+            {"offset", content.good_size},
+            {"bytes", file_size - content.good_size},
+            {"reason", content.fault},
+            {"commit", content.versions.back().commit}});
   return {};
+}
+
+Result recover(Journal& journal, const Schema& schema, const JournalContent& content,
+               uint64_t file_size) {
+  std::string kept;
+  Result result = state_file_keep(journal.dir, kRunning, "damaged", &kept);
+  if (result.ok()) result = journal_rewrite(journal, schema, content.versions);
+  if (result.ok()) result = state_dir_sync(journal.dir);
+  if (!result.ok()) return result;
+  log_line(LogLevel::kWarning, "recovered: commits after this one are given up",
+           {{"commit", content.versions.back().commit},
+            {"kept", kept},
+            {"offset", content.good_size},
+            {"bytes", file_size - content.good_size},
+            {"reason", content.fault}});
+  return {};
+}
+
+std::string outgrown(const Journal& journal) {
+  return journal.dir.path(kRunning) + ": it would outgrow " + bytes_text(journal.limit);
+}
+
+// Makes sure that the file ends where the last acknowledged commit does, and is found by its name.
+bool repair(Journal& journal) {
+  journal.broken = ftruncate(journal.file, static_cast<off_t>(journal.size)) != 0 ||
+                   fdatasync(journal.file) != 0 || !state_dir_sync(journal.dir).ok();
+  return !journal.broken;
+}
+
+// The versions from `first` on as a file, and the sizes in it; given up once beyond `limit`.
+std::string written_anew(const Schema& schema, const std::deque<Version>& versions, size_t first,
+                         uint64_t limit, Journal* sizes) {
+  std::string bytes = journal_base(schema, versions[first]);
+  sizes->base_size = bytes.size();
+  sizes->commit_sizes.clear();
+  for (size_t i = first + 1; i < versions.size() && bytes.size() <= limit; ++i) {
+    std::vector<Change> changes;
+    changes_between(versions[i - 1].root, versions[i].root, &changes);
+    std::string commit = journal_commit(versions[i].commit, changes);
+    sizes->commit_sizes.push_back(commit.size());
+    bytes += commit;
+  }
+  return bytes;
+}
+
+// Reads the directory's file, if there is one, and what is in it.
+Result read_running(const Schema& schema, int flags, Journal& journal, std::string* bytes,
+                    JournalContent* content) {
+  Result result = state_file_open(journal.dir, kRunning, flags, &journal.file);
+  if (!result.ok() || journal.file < 0) return result;
+  result = file_read(journal.file, journal.dir.path(kRunning), kMaxJournal, bytes);
+  if (result.ok()) *content = journal_read(schema, *bytes);
+  return result;
+}
+
+// The same for those who want nothing but to read. Not ok unless a start would go well.
+Result read_for_report(const Schema& schema, const std::string& directory, Journal& journal,
+                       std::string* bytes, JournalContent* content, bool* in_use) {
+  Result result = state_dir_open(journal.dir, directory, false);
+  // Before the reading: an agent that begins later cannot have a record on its way yet.
+  *in_use = result.ok() && state_dir_is_locked(journal.dir);
+  if (result.ok()) result = read_running(schema, O_RDONLY, journal, bytes, content);
+  if (!result.ok()) return result;
+  const std::string name = journal.dir.path(kRunning);
+  if (journal.file < 0) {
+    return failed(YARROW_ERR_NOEXISTS, name + ": no such file: a start would begin empty");
+  }
+  return is_damaged(*content) ? damage_in_place(journal.dir, *content) : Result{};
 }
 
 }  // namespace
 
 Journal::~Journal() {
   if (file >= 0) close(file);
-  if (lock >= 0) close(lock);
 }
 
-Result journal_open(Journal& journal, const Schema& schema, const std::string& directory,
+Result journal_open(Journal& journal, const Schema& schema,
+                    const std::optional<std::string>& directory, OnDamage on_damage,
                     std::deque<Version>* versions) {
-  journal.directory = directory;
-  if (directory.empty()) {
-    versions->push_back({0, empty_tree(schema)});
-    return {};
-  }
-  if (mkdir(directory.c_str(), kPrivateDirectory) != 0 && errno != EEXIST)
-    return os_failure(directory);
-  std::string lock_name = directory + "/lock";
-  journal.lock = open(lock_name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kPrivateFile);
-  if (journal.lock < 0) return os_failure(lock_name);
-  if (flock(journal.lock, LOCK_EX | LOCK_NB) != 0) {
-    return failed(YARROW_ERR_LOCKED, directory + ": another agent uses it");
-  }
-  std::string name = directory + "/running";
-  journal.file = open(name.c_str(), O_RDWR | O_CLOEXEC | O_APPEND);
+  versions->assign({{0, empty_tree(schema)}});
+  if (!directory) return {};
+  Result result = state_dir_open(journal.dir, *directory, true);
+  if (result.ok()) result = state_dir_lock(journal.dir);
+  std::string bytes;
+  JournalContent content;
+  if (result.ok()) result = read_running(schema, O_RDWR | O_APPEND, journal, &bytes, &content);
+  if (!result.ok()) return result;
   if (journal.file < 0) {
-    if (errno != ENOENT) return os_failure(name);
-    versions->push_back({0, empty_tree(schema)});
+    log_line(LogLevel::kNotice, "nothing is kept yet: the configuration begins empty",
+             {{"directory", *directory}});
     return journal_rewrite(journal, schema, *versions);
   }
-  std::string text;
-  if (!read_all(journal.file, &text)) return os_failure(name);
-  Result result = read_versions(schema, text, versions, &journal.size);
-  if (!result.ok()) {
-    result.reason = name + ": " + result.reason;
-    return result;
+  if (is_damaged(content) && (on_damage == OnDamage::kRefuse || content.versions.empty())) {
+    return damage_in_place(journal.dir, content);
   }
-  journal.base_size = journal.size;
-  if (journal.size == text.size()) return {};
-  if (ftruncate(journal.file, static_cast<off_t>(journal.size)) != 0 || fsync(journal.file) != 0) {
-    return os_failure(name);
-  }
-  return {};
+  *versions = content.versions;
+  if (is_damaged(content)) return recover(journal, schema, content, bytes.size());
+  journal.size = content.good_size;
+  journal.base_size = content.base_size;
+  journal.commit_sizes = std::move(content.commit_sizes);
+  return content.end == End::kTorn ? cut_tail(journal, content, bytes.size()) : Result{};
 }
 
 Result journal_append(Journal& journal, uint64_t commit, const std::vector<Change>& changes) {
-  if (journal.directory.empty()) return {};
-  if (journal.broken) return failed(YARROW_ERR_OS, "the running configuration cannot be written");
-  std::string bytes = record(RecordKind::kCommit, commit, changes);
-  if (bytes.size() - kRecordHead > UINT32_MAX) return failed(YARROW_ERR_TOOBIG, "a commit too big");
-  if (write_all(journal.file, bytes) && fdatasync(journal.file) == 0) {
+  if (journal.dir.handle < 0) return {};
+  const std::string name = journal.dir.path(kRunning);
+  if (journal.broken) {
+    if (!repair(journal)) return os_failure(name);
+    log_line(LogLevel::kNotice, "the running configuration can be written again", {{"file", name}});
+  }
+  std::string bytes = journal_commit(commit, changes);
+  if (journal.size + bytes.size() > journal.limit) {
+    return failed(YARROW_ERR_TOOBIG, outgrown(journal));
+  }
+  if (file_write(journal.file, bytes) && fdatasync(journal.file) == 0) {
     journal.size += bytes.size();
+    journal.commit_sizes.push_back(bytes.size());
+    if (journal.commit_sizes.size() > kMaxRollback) journal.commit_sizes.pop_front();
     return {};
   }
-  Result result = os_failure("writing the running configuration");
+  Result result = os_failure(name);
   // What a failed sync leaves on disk is unknown: without the cut, a restart could find a commit
   // that was refused.
-  journal.broken = ftruncate(journal.file, static_cast<off_t>(journal.size)) != 0 ||
-                   fdatasync(journal.file) != 0;
+  const char* what =
+      repair(journal)
+          ? "a commit cannot be written: the file is as it was before"
+          : "a commit cannot be written nor taken back: none can, until the disk recovers";
+  log_burst(journal.failures, LogLevel::kError, what,
+            {{"commit", commit}, {"reason", result.reason}});
   return result;
 }
 
 bool journal_wants_rewrite(const Journal& journal) {
-  return !journal.directory.empty() && journal.size > 2 * journal.base_size + kRewriteSlack;
+  if (journal.dir.handle < 0 || journal.size < journal.quiet_until) return false;
+  // What the file written anew would have: alike after a restart, whatever the file has grown to.
+  uint64_t needed =
+      std::accumulate(journal.commit_sizes.begin(), journal.commit_sizes.end(), journal.base_size);
+  return journal.size > std::min(2 * needed + journal.slack, journal.limit / 2);
 }
 
 Result journal_rewrite(Journal& journal, const Schema& schema,
                        const std::deque<Version>& versions) {
-  if (journal.directory.empty()) return {};
-  std::string bytes(kMagic, kMagicSize);
-  NodeRef before = empty_tree(schema);
-  for (const Version& version : versions) {
-    std::vector<Change> changes;
-    changes_between(before, version.root, &changes);
-    bool is_base = &version == &versions.front();
-    bytes += record(is_base ? RecordKind::kBase : RecordKind::kCommit, version.commit, changes);
-    before = version.root;
+  if (journal.dir.handle < 0) return {};
+  const std::string name = journal.dir.path(kRunning);
+  Journal fresh;
+  uint64_t half = journal.limit / 2;
+  std::string bytes = written_anew(schema, versions, 0, half, &fresh);
+  if (bytes.size() > half) {
+    bytes = written_anew(schema, versions, versions.size() - 1, half, &fresh);
   }
-  std::string name = journal.directory + "/running";
-  std::string aside = name + ".new";
-  int file = open(aside.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_APPEND, kPrivateFile);
-  if (file < 0) return os_failure(aside);
-  bool done =
-      write_all(file, bytes) && fsync(file) == 0 && rename(aside.c_str(), name.c_str()) == 0;
-  if (!done) {
-    Result result = os_failure(aside);
-    close(file);
-    unlink(aside.c_str());
-    return result;
+  Result result = bytes.size() <= journal.limit
+                      ? state_file_replace(journal.dir, kRunning, bytes, &fresh.file)
+                      : failed(YARROW_ERR_TOOBIG, outgrown(journal));
+  if (result.ok()) {
+    std::swap(journal.file, fresh.file);
+    journal.size = bytes.size();
+    journal.base_size = fresh.base_size;
+    journal.commit_sizes = std::move(fresh.commit_sizes);
+    journal.broken = !state_dir_sync(journal.dir).ok();
   }
-  if (journal.file >= 0) close(journal.file);
-  journal.file = file;
-  journal.size = journal.base_size = bytes.size();
-  journal.broken = !sync_directory(journal.directory);
+  journal.quiet_until = journal.size + std::max(journal.size / 4, journal.slack);
+  return result;
+}
+
+Result journal_check(const Schema& schema, const std::string& directory, std::string* report) {
+  Journal journal;
+  std::string bytes;
+  JournalContent content;
+  bool in_use = false;
+  Result result = read_for_report(schema, directory, journal, &bytes, &content, &in_use);
+  if (!result.ok()) return result;
+  *report = journal.dir.path(kRunning) + ": ";
+  if (content.end == End::kWhole) {
+    *report += "whole, " + bytes_text(bytes.size());
+  } else if (in_use) {
+    *report += "whole but for a record on its way at byte " + std::to_string(content.good_size);
+  } else {
+    *report += "the last record, at byte " + std::to_string(content.good_size) +
+               ", is torn: " + content.fault + "; a start cuts off its " +
+               bytes_text(bytes.size() - content.good_size);
+  }
+  *report += "; " + last_good(content);
+  if (in_use) *report += "; an agent uses it";
+  return {};
+}
+
+Result journal_backup(const Schema& schema, const std::string& directory, const std::string& file,
+                      std::string* report) {
+  Journal journal;
+  std::string bytes;
+  JournalContent content;
+  bool in_use = false;
+  Result result = read_for_report(schema, directory, journal, &bytes, &content, &in_use);
+  if (!result.ok()) return result;
+  int copy = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (copy < 0) return os_failure(file);
+  bytes.resize(content.good_size);
+  if (!file_write(copy, bytes) || fsync(copy) != 0) {
+    result = os_failure(file);
+    unlink(file.c_str());
+  }
+  close(copy);
+  *report = file + ": " + bytes_text(bytes.size()) + "; the last commit is " +
+            std::to_string(content.versions.back().commit);
+  return result;
+}
+
+Result journal_restore(const Schema& schema, const std::string& directory, const std::string& file,
+                       std::string* report) {
+  int backup = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (backup < 0) return os_failure(file);
+  std::string bytes;
+  Result result = file_read(backup, file, kMaxJournal, &bytes);
+  close(backup);
+  if (!result.ok()) return result;
+  JournalContent content = journal_read(schema, bytes);
+  // A copy of a file in use may end in a record that was on its way.
+  if (is_damaged(content)) return damage(file, content);
+  Journal journal;
+  result = state_dir_open(journal.dir, directory, true);
+  if (result.ok()) result = state_dir_lock(journal.dir);
+  if (result.ok()) result = state_file_open(journal.dir, kRunning, O_RDONLY, &journal.file);
+  if (!result.ok()) return result;
+  std::string kept;
+  if (journal.file >= 0) result = state_file_keep(journal.dir, kRunning, "replaced", &kept);
+  if (result.ok()) result = journal_rewrite(journal, schema, content.versions);
+  if (result.ok()) result = state_dir_sync(journal.dir);
+  if (!result.ok()) return result;
+  *report = journal.dir.path(kRunning) + ": restored, commit " +
+            std::to_string(content.versions.back().commit);
+  if (!kept.empty()) *report += "; what was there is kept as " + kept;
   return {};
 }
 

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "agent/modules.h"
+#include "agent/xml_bounds.h"
 #include "platform/yarrow/wire.h"
 
 namespace agent {
@@ -246,8 +247,8 @@ bool schema_canonical(const Schema& schema, const SchemaNode& leaf, std::string_
     *error = "a value of more than " + std::to_string(yarrow::kMaxValueText) + " bytes";
     return false;
   }
-  if (text.find('\0') != std::string_view::npos) {
-    *error = "a value with a zero byte in it";
+  if (!is_xml_text(text)) {
+    *error = "a value with bytes that are no UTF-8 text";
     return false;
   }
   const char* result = nullptr;

@@ -3,11 +3,9 @@
 // One thread, one poll loop. Each turn answers at most one request a connection, so that none can
 // keep the others waiting for longer than its one request takes. Everything a peer can make the
 // agent hold is bounded: connections, a connection's unread input and unsent output, the time for a
-// frame.
+// frame. Whoever is not served holds nothing at all.
 #include "agent/server.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -16,7 +14,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 
 namespace agent {
@@ -35,10 +32,15 @@ constexpr int64_t kFrameTime = 30'000;
 constexpr int64_t kHelloTime = 10'000;
 constexpr int64_t kFarewellTime = 60'000;  // without progress
 constexpr int kTick = 1'000;
+constexpr int kAcceptsATurn = 16;
+constexpr uid_t kNobody = static_cast<uid_t>(-1);
+constexpr int64_t kAcceptPause = 1'000;
+constexpr size_t kMaxResultsKept = 8;
+constexpr int64_t kResultTime = 60'000;
 constexpr size_t kFrameHead = 4;
 constexpr size_t kMaxReason = 1u << 20;
 
-void add_status(Connection& connection, const Result& result, std::string_view content) {
+std::string status_frame(const Result& result, std::string_view content) {
   Writer frame;
   frame.u32(0);
   frame.u32(result.error);
@@ -48,7 +50,11 @@ void add_status(Connection& connection, const Result& result, std::string_view c
     frame.text(std::string_view(result.reason).substr(0, kMaxReason));
   }
   frame.patch_u32(0, static_cast<uint32_t>(frame.size() - kFrameHead));
-  connection.out += frame.bytes();
+  return std::move(frame.bytes());
+}
+
+void add_status(Connection& connection, const Result& result, std::string_view content) {
+  connection.out += status_frame(result, content);
 }
 
 Result begin_stream(Agent& agent, Connection& connection, Reader& in) {
@@ -58,8 +64,25 @@ Result begin_stream(Agent& agent, Connection& connection, Reader& in) {
     return failed(YARROW_ERR_NOEXISTS, "no such stream");
   }
   at->second.taken = true;
+  at->second.deadline = INT64_MAX;  // while it is read
   connection.stream = id;
   return {};
+}
+
+// A stream's reader has gone. Whether it was delivered is kept for a while, for whoever asks; of
+// one session the last few, so that one that never asks holds no more than that.
+void end_stream(Agent& agent, int id) {
+  auto ended = agent.streams.find(id);
+  if (ended == agent.streams.end()) return;
+  const uint64_t owner = ended->second.owner;
+  ended->second.deadline = now_ms() + kResultTime;
+  size_t kept = 0;
+  for (auto at = agent.streams.rbegin(); at != agent.streams.rend(); ++at) {
+    bool has_ended = at->second.taken && at->second.deadline != INT64_MAX;
+    if (at->second.owner != owner || !has_ended || ++kept <= kMaxResultsKept) continue;
+    agent.streams.erase(std::next(at).base());
+    return;
+  }
 }
 
 void answer_hello(Server& server, Connection& connection, std::string_view body) {
@@ -70,8 +93,6 @@ void answer_hello(Server& server, Connection& connection, std::string_view body)
   if (!in.ok() || magic != yarrow::kWireMagic || kind < SocketKind::kMaapi ||
       kind > SocketKind::kSubscription) {
     result = failed(YARROW_ERR_PROTOCOL, "not a hello");
-  } else if (connection.refused) {
-    result = failed(YARROW_ERR_ACCESS, "the peer belongs to another user");
   } else if (kind == SocketKind::kStream) {
     result = begin_stream(server.agent, connection, in);
   } else if (kind == SocketKind::kSubscription) {
@@ -81,8 +102,7 @@ void answer_hello(Server& server, Connection& connection, std::string_view body)
   connection.state = result.ok() ? Connection::State::kServing : Connection::State::kClosing;
   add_status(connection, result, {});
   if (connection.stream != 0) {
-    connection.out += server.agent.streams[connection.stream].text;
-    server.agent.streams[connection.stream].text.clear();
+    connection.out += stream_text(server.agent, connection.stream);
     connection.state = Connection::State::kClosing;
   }
   bool closing = connection.state == Connection::State::kClosing;
@@ -176,20 +196,12 @@ void write_some(Agent& agent, Connection& connection) {
   connection.dead = true;
 }
 
-void accept_one(Server& server) {
-  int socket = accept4(server.listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-  if (socket < 0) return;
-  if (server.connections.size() == kMaxConnections) {
-    close(socket);
-    return;
-  }
-  int on = 1;
-  setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  Connection& connection = server.connections.emplace_back();
-  connection.socket = socket;
-  connection.session.id = server.next_id++;
-  connection.refused = !peer_has_uid(socket, server.allowed_uids);
-  connection.deadline = now_ms() + kHelloTime;
+// Ends what the connection held, here and for others.
+void let_go(Server& server, const Connection& connection) {
+  session_end(server.agent, connection.session);
+  if (connection.stream != 0) end_stream(server.agent, connection.stream);
+  close(connection.socket);
+  server.accept_after = 0;
 }
 
 void drop_dead(Server& server) {
@@ -200,20 +212,79 @@ void drop_dead(Server& server) {
       ++at;
       continue;
     }
-    session_end(server.agent, at->session);
-    close(at->socket);
+    let_go(server, *at);
     at = server.connections.erase(at);
   }
-  std::erase_if(server.agent.streams, [&](const auto& stream) {
-    return !stream.second.taken && now > stream.second.deadline;
-  });
+  std::erase_if(server.agent.streams,
+                [&](const auto& stream) { return now > stream.second.deadline; });
+}
+
+bool out_of_descriptors(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+// Says why not, if that goes out at once, and forgets the connection.
+void refuse(int socket, const Result& why) {
+  const std::string frame = status_frame(why, {});
+  [[maybe_unused]] ssize_t sent =
+      send(socket, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  close(socket);
+}
+
+// Whether all places are taken, by peers that are still there.
+bool is_full(Server& server) {
+  if (server.connections.size() < kMaxConnections) return false;
+  for (Connection& connection : server.connections) {
+    char byte = 0;
+    connection.dead =
+        connection.dead || recv(connection.socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+  }
+  drop_dead(server);
+  return server.connections.size() == kMaxConnections;
+}
+
+void accept_some(Server& server, int listener) {
+  for (int i = 0; i < kAcceptsATurn; ++i) {
+    int socket = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (socket < 0) {
+      // The connection stays in the listener's queue, which would wake the server again at once.
+      if (!out_of_descriptors(errno)) return;
+      log_burst(server.starved, LogLevel::kWarning, "no connection can be accepted",
+                {{"reason", std::generic_category().message(errno)}});
+      server.accept_after = now_ms() + kAcceptPause;
+      return;
+    }
+    uid_t uid = kNobody;
+    bool by_path = listener == server.path.listener;
+    Result result = server_admit(server, socket, by_path, &uid);
+    if (result.ok() && is_full(server)) {
+      result = failed(YARROW_ERR_TOOBIG, "too many connections");
+      log_burst(server.crowded, LogLevel::kWarning, "a connection beyond the limit is refused",
+                {{"limit", kMaxConnections}, {"uid", uid}});
+    } else if (!result.ok()) {
+      log_burst(server.refused, LogLevel::kWarning, "a peer is refused",
+                {{"uid", uid != kNobody ? std::to_string(uid) : ""}, {"reason", result.reason}});
+    }
+    if (!result.ok()) {
+      refuse(socket, result);
+      continue;
+    }
+    int on = 1;
+    if (!by_path) setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    Connection& connection = server.connections.emplace_back();
+    connection.socket = socket;
+    connection.session.id = server.next_id++;
+    connection.deadline = now_ms() + kHelloTime;
+  }
 }
 
 // Waits for something to do; false when the server is to end.
 bool wait_for_work(Server& server, bool at_once, std::vector<pollfd>& watched) {
   watched.clear();
   watched.push_back({server.wake[0], POLLIN, 0});
-  watched.push_back({server.listener, POLLIN, 0});
+  const short accepts = now_ms() < server.accept_after ? 0 : POLLIN;
+  watched.push_back({server.listener, accepts, 0});
+  watched.push_back({server.path.listener, accepts, 0});  // -1 is passed over
   for (const Connection& connection : server.connections) {
     size_t unsent = connection.out.size() - connection.out_sent;
     short events = 0;
@@ -229,30 +300,7 @@ bool wait_for_work(Server& server, bool at_once, std::vector<pollfd>& watched) {
 
 Server::~Server() {
   for (const Connection& connection : connections) close(connection.socket);
-  for (int handle : {listener, wake[0], wake[1]}) {
-    if (handle >= 0) close(handle);
-  }
-}
-
-Result server_listen(Server& server, uint16_t port, uint16_t* bound) {
-  server.listener = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  int on = 1;
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  bool done = server.listener >= 0 && pipe2(server.wake, O_CLOEXEC | O_NONBLOCK) == 0 &&
-              setsockopt(server.listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
-              bind(server.listener, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-              listen(server.listener, SOMAXCONN) == 0 &&
-              getsockname(server.listener, reinterpret_cast<sockaddr*>(&address), &size) == 0;
-  if (!done) {
-    return failed(YARROW_ERR_OS, "listening on port " + std::to_string(port) + ": " +
-                                     std::generic_category().message(errno));
-  }
-  *bound = ntohs(address.sin_port);
-  return {};
+  server_leave(*this);
 }
 
 void server_run(Server& server) {
@@ -260,7 +308,7 @@ void server_run(Server& server) {
   bool more = false;
   while (wait_for_work(server, more, watched)) {
     more = false;
-    size_t index = 2;
+    size_t index = 3;
     for (Connection& connection : server.connections) {
       short events = watched[index++].revents;
       if ((events & (POLLIN | POLLHUP | POLLERR)) != 0) read_some(connection);
@@ -275,8 +323,9 @@ void server_run(Server& server) {
       more = more || has_whole_frame(connection) ||
              (!connection.pending.empty() && connection.out.empty());
     }
-    if ((watched[1].revents & POLLIN) != 0) accept_one(server);
     drop_dead(server);
+    if ((watched[1].revents & POLLIN) != 0) accept_some(server, server.listener);
+    if ((watched[2].revents & POLLIN) != 0) accept_some(server, server.path.listener);
     datastores_tidy(
         server.agent.stores);  // after the answer to the commit that made it due is sent
   }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/log.h"
 #include "agent/session.h"
 
 namespace agent {
@@ -19,7 +20,6 @@ struct Connection {
   int socket = -1;
   State state = State::kHello;
   yarrow::SocketKind kind = yarrow::SocketKind::kMaapi;
-  bool refused = false;  // its peer is of another uid
   bool dead = false;
   std::string in, out;
   size_t out_sent = 0;
@@ -32,11 +32,25 @@ struct Connection {
   bool in_batch = false;
 };
 
+// A Unix socket to listen on.
+struct SocketPath {
+  int listener = -1;
+  std::string name;  // empty: none was made
+  dev_t device = 0;  // of the file that was made
+  ino_t inode = 0;
+  bool has_group = false;
+  gid_t group = 0;  // whose members are let in
+};
+
 struct Server {
   Agent agent;
   int listener = -1;
-  int wake[2] = {-1, -1};  // a byte in it ends the server
+  SocketPath path;
+  int wake[2] = {-1, -1};    // a byte in it ends the server
+  int peer_table = -1;       // kept, so that a lack of descriptors lets nobody in
+  int64_t accept_after = 0;  // no descriptor was left: not before then
   std::vector<uid_t> allowed_uids;
+  LogBurst refused, crowded, starved;
   uint64_t next_id = 1;
   std::list<Connection> connections;
 
@@ -46,14 +60,19 @@ struct Server {
   Server& operator=(const Server&) = delete;
 };
 
-// Listens on the loopback address; port 0 takes a free one. `bound` receives the port.
-Result server_listen(Server& server, uint16_t port, uint16_t* bound);
+// Listens on the loopback address, where port 0 takes a free one and `bound` receives the port, and
+// on a Unix socket unless `path` is empty: for its owner alone, or for the group of that name too.
+Result server_listen(Server& server, uint16_t port, uint16_t* bound, const std::string& path,
+                     const std::string& group);
+
+// Lets go of all that server_listen took.
+void server_leave(Server& server);
+
+// Whether the peer of an accepted connection is served. `by_path`: it came by the Unix socket.
+// `uid` stays as it is where the kernel tells none.
+Result server_admit(const Server& server, int socket, bool by_path, uid_t* uid);
 
 void server_run(Server& server);
-
-// Whether the process at the other end of an accepted connection has one of the uids. Linux tells
-// the uid of a socket's owner in /proc/net/tcp.
-bool peer_has_uid(int socket, const std::vector<uid_t>& uids);
 
 // Gives the connection what of its pending batches there is room for in its output.
 void subscription_fill(Connection& connection);

@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/session.h"
 
-#include <syslog.h>
-
 #include <algorithm>
-#include <chrono>
-#include <cinttypes>
 
 #include "agent/edits.h"
 #include "agent/keypath.h"
+#include "agent/log.h"
+#include "agent/rebase.h"
 #include "agent/xml.h"
 #include "yarrow/yarrow_cdb.h"
 
@@ -24,6 +22,8 @@ using yarrow::Writer;
 constexpr size_t kMaxTransactions = 16;
 constexpr size_t kMaxStreamsEach = 8;
 constexpr int64_t kStreamWait = 60'000;
+constexpr size_t kMaxLoading = 2 * size_t{yarrow::kMaxLoadText};  // unfinished, of all sessions
+constexpr int64_t kLoadPause = 10'000;  // after which an unfinished load gives way to another
 constexpr size_t kMaxName = 127;
 constexpr size_t kSchemaChunk = 512u << 10;
 
@@ -72,6 +72,12 @@ int datastore_of_cdb(int number) {
   }
 }
 
+Result limit_reached(Agent& agent, const Session& session, const char* limit) {
+  log_burst(agent.limits, LogLevel::kWarning, "a session reaches a limit",
+            {{"limit", limit}, {"user", session.user}, {"client", session.client_id}});
+  return failed(YARROW_ERR_TOOBIG, limit);
+}
+
 Result start_session(Session& session, Reader& in) {
   if (session.started) return failed(YARROW_ERR_ALREADY, "the socket has its user session");
   session.user = in.text(kMaxName);
@@ -83,17 +89,42 @@ Result start_session(Session& session, Reader& in) {
   return {};
 }
 
+// The candidate as its session sees it: running with the session's edits. Edits that cannot be
+// carried over to what running has become stay on what they began from; a commit will refuse them.
+const NodeRef& candidate_root(const Agent& agent, Session& session) {
+  Candidate& candidate = session.candidate;
+  const NodeRef& running = agent.stores.running();
+  if (!candidate.base) return running;
+  NodeRef target = running;
+  if (candidate.base != running && rebase(candidate.base, candidate.root, &target).ok()) {
+    candidate = {running, target};
+  }
+  return candidate.root;
+}
+
+const NodeRef* root_of(const Agent& agent, Session& session, int datastore) {
+  if (datastore == MAAPI_CANDIDATE) return &candidate_root(agent, session);
+  return datastore_root(agent.stores, datastore);
+}
+
+void set_candidate(const Agent& agent, Session& session, const NodeRef& root) {
+  Candidate& candidate = session.candidate;
+  if (!candidate.base) candidate.base = agent.stores.running();
+  candidate.root = root;
+  if (candidate.root == candidate.base) candidate = {};
+}
+
 Result start_transaction(Agent& agent, Session& session, Reader& in, Writer& out) {
   Transaction trans;
   trans.datastore = static_cast<int>(in.u32());
   uint32_t mode = in.u32();
-  const NodeRef* root = datastore_root(agent.stores, trans.datastore);
+  const NodeRef* root = root_of(agent, session, trans.datastore);
   if (root == nullptr) return failed(YARROW_ERR_PROTOCOL, "no such datastore");
   if (mode != MAAPI_READ && mode != MAAPI_READ_WRITE) {
     return failed(YARROW_ERR_PROTOCOL, "no such mode");
   }
   if (session.transactions.size() == kMaxTransactions) {
-    return failed(YARROW_ERR_TOOBIG, "too many transactions");
+    return limit_reached(agent, session, "too many transactions");
   }
   trans.writable = mode == MAAPI_READ_WRITE;
   trans.base = trans.root = *root;
@@ -144,35 +175,82 @@ Result answer_edit(const Agent& agent, Transaction& trans, Request request, Read
   }
 }
 
-void publish(Agent& agent, const Session& session, const CommitRef& record) {
+// Hands a commit on to the subscribers, and says in the log what became of it.
+void publish(Agent& agent, const Session& session, const CommitRef& record, const Result& result) {
+  if (!result.ok()) {
+    log_burst(agent.refusals, LogLevel::kWarning, "commit refused",
+              {{"commit", agent.stores.commit_id()},
+               {"user", session.user},
+               {"client", session.client_id},
+               {"reason", result.reason}});
+  }
   if (!record) return;
-  syslog(LOG_INFO, "commit %" PRIu64 ": %zu changes by %s (%s) %s %s", record->commit,
-         record->changes.size(), session.user.c_str(), session.context.c_str(),
-         session.client_id.c_str(), session.source.c_str());
+  log_line(LogLevel::kInfo, "commit done",
+           {{"commit", record->commit},
+            {"user", session.user},
+            {"client", session.client_id},
+            {"context", session.context},
+            {"source", session.source},
+            {"changes", record->changes.size()}});
   agent.unpublished.push_back(record);
 }
 
-Result apply(Agent& agent, const Session& session, Transaction& trans, bool keep_open) {
+Result apply(Agent& agent, Session& session, Transaction& trans, bool keep_open) {
   Result result = check_lock(agent, session, trans.datastore);
   if (!result.ok()) return result;
-  CommitRef record;
-  result = datastore_apply(agent.stores, trans.datastore, trans.base, trans.root, &record);
+  if (trans.datastore == MAAPI_CANDIDATE) {
+    NodeRef target = candidate_root(agent, session);
+    result = rebase(trans.base, trans.root, &target);
+    if (result.ok()) set_candidate(agent, session, target);
+  } else {
+    CommitRef record;
+    result = datastore_apply(agent.stores, trans.datastore, trans.base, trans.root, &record);
+    if (trans.datastore == MAAPI_RUNNING) publish(agent, session, record, result);
+  }
   if (!result.ok()) return result;
-  publish(agent, session, record);
   trans.ended = !keep_open;
-  trans.base = trans.root = *datastore_root(agent.stores, trans.datastore);
+  trans.base = trans.root = *root_of(agent, session, trans.datastore);
   return {};
 }
 
-Result commit(Agent& agent, const Session& session) {
+Result validate(const Agent& agent, Session& session, const Transaction& trans) {
+  if (trans.datastore == MAAPI_OPERATIONAL) return {};
+  if (trans.datastore == MAAPI_RUNNING) {
+    return datastore_validate(agent.stores, trans.base, trans.root);
+  }
+  NodeRef target = candidate_root(agent, session);
+  const NodeRef base = session.candidate.base ? session.candidate.base : agent.stores.running();
+  Result result = rebase(trans.base, trans.root, &target);
+  return result.ok() ? datastore_validate(agent.stores, base, target) : result;
+}
+
+Result commit(Agent& agent, Session& session) {
   for (int datastore : {MAAPI_CANDIDATE, MAAPI_RUNNING}) {
     Result result = check_lock(agent, session, datastore);
     if (!result.ok()) return result;
   }
+  // Gone also when it is refused: what comes next on this connection is not to fail for it.
+  const Candidate candidate = std::move(session.candidate);
+  session.candidate = {};
+  if (!candidate.base) return {};
   CommitRef record;
-  Result result = datastore_commit(agent.stores, &record);
-  if (result.ok()) publish(agent, session, record);
+  Result result =
+      datastore_apply(agent.stores, MAAPI_RUNNING, candidate.base, candidate.root, &record);
+  publish(agent, session, record, result);
   return result;
+}
+
+Result roll_back(const Agent& agent, Session& session, unsigned back) {
+  Result result = check_lock(agent, session, MAAPI_CANDIDATE);
+  if (!result.ok()) return result;
+  const NodeRef* root = datastore_version(agent.stores, back);
+  if (root == nullptr) {
+    return failed(YARROW_ERR_NOEXISTS,
+                  "no configuration of " + std::to_string(back) + " commits ago");
+  }
+  session.candidate = {};
+  set_candidate(agent, session, *root);
+  return {};
 }
 
 Result lock(Agent& agent, const Session& session, int datastore) {
@@ -204,14 +282,18 @@ Result save(Agent& agent, const Session& session, const Transaction& trans, Read
   if (!find_node(trans.root, path)) {
     return failed(YARROW_ERR_NOEXISTS, path_text(path) + ": no such node");
   }
-  auto own = [&](const auto& stream) { return stream.second.owner == session.id; };
+  auto own = [&](const auto& stream) {
+    return stream.second.owner == session.id && !stream.second.taken;
+  };
   auto pending = std::count_if(agent.streams.begin(), agent.streams.end(), own);
   if (static_cast<size_t>(pending) >= kMaxStreamsEach) {
-    return failed(YARROW_ERR_TOOBIG, "too many streams");
+    // The oldest gives way: a reader that never came is not to end the session's saving.
+    agent.streams.erase(std::find_if(agent.streams.begin(), agent.streams.end(), own));
   }
   SavedStream stream;
   stream.owner = session.id;
-  stream.text = xml_save(trans.root, path);
+  stream.root = trans.root;
+  stream.path = std::move(path);
   stream.deadline = now_ms() + kStreamWait;
   int id = agent.next_stream++;
   agent.streams.emplace(id, std::move(stream));
@@ -230,27 +312,59 @@ Result save_result(Agent& agent, const Session& session, int id) {
                    : failed(YARROW_ERR_NOTCONNECTED, "the stream was not read to its end");
 }
 
-Result load_begin(Agent& agent, Session& session, Reader& in) {
-  session.loading = false;
-  session.load = {};
-  session.load.trans = static_cast<int>(in.u32());
-  session.load.flags = in.u32();
+Result load_begin(Agent& agent, const Session& session, Reader& in) {
+  agent.loads.erase(session.id);
+  Load load;
+  load.trans = static_cast<int>(in.u32());
+  load.flags = in.u32();
+  load.touched = now_ms();
   constexpr uint32_t kKnown =
       YARROW_CONFIG_XML | YARROW_CONFIG_MERGE | YARROW_CONFIG_REPLACE | YARROW_CONFIG_SKIP_STATE;
-  uint32_t flags = session.load.flags;
-  bool both = (flags & YARROW_CONFIG_MERGE) != 0 && (flags & YARROW_CONFIG_REPLACE) != 0;
-  if ((flags & YARROW_CONFIG_XML) == 0 || (flags & ~kKnown) != 0 || both) {
+  bool both = (load.flags & YARROW_CONFIG_MERGE) != 0 && (load.flags & YARROW_CONFIG_REPLACE) != 0;
+  if ((load.flags & YARROW_CONFIG_XML) == 0 || (load.flags & ~kKnown) != 0 || both) {
     return failed(YARROW_ERR_PROTOCOL, "flags that do not go together");
   }
-  Result result = path_of(agent, in, &session.load.path);
-  session.loading = result.ok();
+  Result result = path_of(agent, in, &load.path);
+  if (result.ok()) agent.loads.emplace(session.id, std::move(load));
   return result;
 }
 
+// Whether there is room for `size` more bytes of unfinished loads, those given up that pause.
+bool make_room(Agent& agent, uint64_t owner, size_t size) {
+  auto total = [&] {
+    size_t sum = size;
+    for (const auto& [id, load] : agent.loads) sum += load.text.size();
+    return sum;
+  };
+  if (total() <= kMaxLoading) return true;
+  int64_t now = now_ms();
+  std::erase_if(agent.loads, [&](const auto& load) {
+    return load.first != owner && now - load.second.touched > kLoadPause;
+  });
+  return total() <= kMaxLoading;
+}
+
+Result load_data(Agent& agent, const Session& session, Reader& in) {
+  std::string_view text = in.text(yarrow::kMaxFrame);
+  auto at = agent.loads.find(session.id);
+  if (at == agent.loads.end()) return failed(YARROW_ERR_PROTOCOL, "nothing is being loaded");
+  Load& load = at->second;
+  bool too_much = load.text.size() + text.size() > yarrow::kMaxLoadText;
+  if (too_much || !make_room(agent, session.id, text.size())) {
+    agent.loads.erase(session.id);
+    return limit_reached(
+        agent, session,
+        too_much ? "too much text" : "other sessions load too much text at this moment");
+  }
+  load.text += text;
+  load.touched = now_ms();
+  return {};
+}
+
 Result load_end(Agent& agent, Session& session) {
-  session.loading = false;
-  Load load = std::move(session.load);
-  session.load = {};
+  auto given = agent.loads.extract(session.id);
+  if (given.empty()) return failed(YARROW_ERR_PROTOCOL, "nothing is being loaded");
+  const Load& load = given.mapped();
   auto at = session.transactions.find(load.trans);
   if (at == session.transactions.end()) return failed(YARROW_ERR_PROTOCOL, "no such transaction");
   Transaction& trans = at->second;
@@ -295,8 +409,7 @@ Result answer_in_transaction(Agent& agent, Session& session, Request request, Re
     case Request::kSave:
       return save(agent, session, *trans, in, out);
     case Request::kValidate:
-      if (trans->datastore == MAAPI_OPERATIONAL) return {};
-      return datastore_validate(agent.stores, trans->root);
+      return validate(agent, session, *trans);
     case Request::kApply:
       return apply(agent, session, *trans, in.u8() != 0);
     default:
@@ -319,14 +432,15 @@ Result answer_maapi(Agent& agent, Session& session, Request request, Reader& in,
       return start_transaction(agent, session, in, out);
     case Request::kCommit:
       return commit(agent, session);
-    case Request::kCandidateValidate:
-      return datastore_validate(agent.stores, agent.stores.candidate);
-    case Request::kCandidateReset:
-    case Request::kRollback: {
-      Result result = check_lock(agent, session, MAAPI_CANDIDATE);
-      if (!result.ok()) return result;
-      return datastore_rollback(agent.stores, request == Request::kRollback ? in.u32() : 0);
+    case Request::kCandidateValidate: {
+      const NodeRef& root = candidate_root(agent, session);
+      const Candidate& candidate = session.candidate;
+      return datastore_validate(agent.stores, candidate.base ? candidate.base : root, root);
     }
+    case Request::kCandidateReset:
+      return roll_back(agent, session, 0);
+    case Request::kRollback:
+      return roll_back(agent, session, in.u32());
     case Request::kLock:
       return lock(agent, session, static_cast<int>(in.u32()));
     case Request::kUnlock:
@@ -339,20 +453,10 @@ Result answer_maapi(Agent& agent, Session& session, Request request, Reader& in,
       bool good = transaction_of(session, ahead, true, &refusal) != nullptr;
       return good ? load_begin(agent, session, in) : refusal;
     }
-    case Request::kLoadData: {
-      std::string_view text = in.text(yarrow::kMaxFrame);
-      if (!session.loading) return failed(YARROW_ERR_PROTOCOL, "nothing is being loaded");
-      if (session.load.text.size() + text.size() > yarrow::kMaxLoadText) {
-        session.loading = false;
-        session.load = {};
-        return failed(YARROW_ERR_TOOBIG, "too much text");
-      }
-      session.load.text += text;
-      return {};
-    }
+    case Request::kLoadData:
+      return load_data(agent, session, in);
     case Request::kLoadEnd:
-      return session.loading ? load_end(agent, session)
-                             : failed(YARROW_ERR_PROTOCOL, "nothing is being loaded");
+      return load_end(agent, session);
     default:
       return answer_in_transaction(agent, session, request, in, out);
   }
@@ -400,13 +504,6 @@ Result answer_cdb(Agent& agent, Session& session, Request request, Reader& in, W
 
 }  // namespace
 
-int64_t now_ms() {
-  using std::chrono::duration_cast;
-  using std::chrono::milliseconds;
-  auto since = std::chrono::steady_clock::now().time_since_epoch();
-  return duration_cast<milliseconds>(since).count();
-}
-
 Result session_answer(Agent& agent, Session& session, SocketKind kind, Request request, Reader& in,
                       Writer& out) {
   Result result;
@@ -425,9 +522,16 @@ Result session_answer(Agent& agent, Session& session, SocketKind kind, Request r
 
 void session_end(Agent& agent, const Session& session) {
   std::erase_if(agent.locks, [&](const auto& held) { return held.second == session.id; });
-  std::erase_if(agent.streams, [&](const auto& stream) {
-    return stream.second.owner == session.id && !stream.second.taken;
-  });
+  std::erase_if(agent.streams,
+                [&](const auto& stream) { return stream.second.owner == session.id; });
+  agent.loads.erase(session.id);
+}
+
+std::string stream_text(Agent& agent, int id) {
+  auto at = agent.streams.find(id);
+  if (at == agent.streams.end()) return {};
+  const NodeRef root = std::move(at->second.root);
+  return root ? xml_save(root, at->second.path) : std::string();
 }
 
 }  // namespace agent

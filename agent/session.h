@@ -9,6 +9,7 @@
 #include <string>
 
 #include "agent/datastore.h"
+#include "agent/log.h"
 #include "platform/yarrow/wire.h"
 
 namespace agent {
@@ -21,12 +22,19 @@ struct Transaction {
   NodeRef root;        // the same with the transaction's edits
 };
 
+// What a session has applied and not committed.
+struct Candidate {
+  NodeRef base;  // running as the edits found it; null: there are none
+  NodeRef root;  // the same with the edits
+};
+
 // Text on its way to the agent.
 struct Load {
   int trans = 0;
   uint32_t flags = 0;
   Path path;
   std::string text;
+  int64_t touched = 0;  // when the last of it came, in milliseconds of the steady clock
 };
 
 struct Session {
@@ -35,15 +43,15 @@ struct Session {
   std::string user, context, client_id, source;  // for the system log
   std::map<int, Transaction> transactions;
   int next_transaction = 1;
-  bool loading = false;
-  Load load;
+  Candidate candidate;
   int cdb_datastore = 0;  // 0: no session
 };
 
-// A saved text that waits for its reader.
+// A subtree that waits for the reader of its text.
 struct SavedStream {
   uint64_t owner = 0;  // connection
-  std::string text;
+  NodeRef root;
+  Path path;
   bool taken = false;
   bool delivered = false;
   int64_t deadline = 0;  // milliseconds of the steady clock
@@ -52,10 +60,12 @@ struct SavedStream {
 struct Agent {
   std::unique_ptr<Schema> schema;
   Datastores stores;
-  std::map<int, uint64_t> locks;  // datastore to connection
+  std::map<int, uint64_t> locks;   // datastore to connection
+  std::map<uint64_t, Load> loads;  // unfinished, by connection
   std::map<int, SavedStream> streams;
   int next_stream = 1;
   std::deque<CommitRef> unpublished;  // commits that subscribers are still to be told
+  LogBurst refusals, limits;
 };
 
 int64_t now_ms();
@@ -66,6 +76,9 @@ Result session_answer(Agent& agent, Session& session, yarrow::SocketKind kind,
 
 // Lets go of all that a closing connection held.
 void session_end(Agent& agent, const Session& session);
+
+// The text of a stream, for its reader; it is made once.
+std::string stream_text(Agent& agent, int id);
 
 }  // namespace agent
 #endif

@@ -28,13 +28,21 @@ bool touches(const Connection& connection, const CommitRecord& commit) {
                      [&](const Change& change) { return wanted(connection, change); });
 }
 
+// Two commits told as one. What changed is found when it is told: a subscriber that stands still
+// would have it found anew with every commit.
 CommitRef joined(const CommitRef& first, const CommitRef& second) {
   auto both = std::make_shared<CommitRecord>();
   both->commit = second->commit;
   both->before = first->before;
   both->after = second->after;
-  changes_between(both->before, both->after, &both->changes);
   return both;
+}
+
+void find_changes(CommitRef* commit) {
+  if (!(*commit)->changes.empty() || (*commit)->before == (*commit)->after) return;
+  auto found = std::make_shared<CommitRecord>(**commit);
+  changes_between(found->before, found->after, &found->changes);
+  *commit = std::move(found);
 }
 
 void add_frame(Connection& connection, yarrow::Writer& frame) {
@@ -85,7 +93,6 @@ Result subscription_begin(const Agent& agent, Connection& connection, yarrow::Re
   initial->commit = agent.stores.commit_id();
   initial->before = empty_tree(*agent.schema);
   initial->after = agent.stores.running();
-  changes_between(initial->before, initial->after, &initial->changes);
   connection.pending.push_back(std::move(initial));
   return {};
 }
@@ -108,6 +115,7 @@ void subscription_publish(Server& server, const CommitRef& commit) {
 void subscription_fill(Connection& connection) {
   while (!connection.pending.empty() && !connection.dead &&
          connection.out.size() - connection.out_sent < kOutputTarget) {
+    if (!connection.in_batch) find_changes(&connection.pending.front());
     const CommitRecord& commit = *connection.pending.front();
     if (!connection.in_batch) {
       yarrow::Writer frame = begin_frame(yarrow::PushKind::kBatchBegin);

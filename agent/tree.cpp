@@ -5,161 +5,6 @@
 
 namespace agent {
 
-namespace {
-
-uint32_t hash_keys(const Keys& keys) {
-  uint32_t hash = 2166136261u;
-  for (const std::string& key : keys) {
-    for (char byte : key) hash = (hash ^ static_cast<uint8_t>(byte)) * 16777619u;
-    hash = (hash ^ 0xffu) * 16777619u;
-  }
-  hash ^=
-      hash >> 16;  // FNV's high bits barely move on short texts; the order of priorities needs them
-  hash *= 0x7feb352du;
-  hash ^= hash >> 15;
-  hash *= 0x846ca68bu;
-  return hash ^ hash >> 16;
-}
-
-int compare_entries(const Node& a, const Keys& keys) {
-  return compare_keys(*a.schema, a.texts, keys);
-}
-
-// Whether `a` stands above `b`; keys settle equal priorities, so that the shape stays unique.
-bool above(const EntryMap& a, uint32_t priority, const Keys& keys) {
-  if (a.priority != priority) return a.priority > priority;
-  return compare_entries(*a.entry, keys) <= 0;
-}
-
-MapRef join(const NodeRef& entry, uint32_t priority, MapRef left, MapRef right) {
-  auto map = std::make_shared<EntryMap>();
-  map->count = map_count(left) + map_count(right) + 1;
-  map->entry = entry;
-  map->priority = priority;
-  map->left = std::move(left);
-  map->right = std::move(right);
-  return map;
-}
-
-struct Halves {
-  MapRef left, right;
-  NodeRef middle;
-};
-
-Halves split(const MapRef& map, const Keys& keys) {
-  if (!map) return {};
-  int order = compare_entries(*map->entry, keys);
-  if (order == 0) return {map->left, map->right, map->entry};
-  if (order < 0) {
-    Halves halves = split(map->right, keys);
-    if (halves.right == nullptr && halves.middle == nullptr) return {map, nullptr, nullptr};
-    halves.left = join(map->entry, map->priority, map->left, halves.left);
-    return halves;
-  }
-  Halves halves = split(map->left, keys);
-  if (halves.left == nullptr && halves.middle == nullptr) return {nullptr, map, nullptr};
-  halves.right = join(map->entry, map->priority, halves.right, map->right);
-  return halves;
-}
-
-MapRef merge_maps(const MapRef& left, const MapRef& right) {
-  if (!left) return right;
-  if (!right) return left;
-  if (above(*left, right->priority, right->entry->texts)) {
-    return join(left->entry, left->priority, left->left, merge_maps(left->right, right));
-  }
-  return join(right->entry, right->priority, merge_maps(left, right->left), right->right);
-}
-
-MapRef put(const MapRef& map, const NodeRef& entry, uint32_t priority) {
-  if (!map) return join(entry, priority, nullptr, nullptr);
-  int order = compare_entries(*map->entry, entry->texts);
-  if (order == 0) {
-    if (map->entry == entry) return map;
-    return join(entry, priority, map->left, map->right);
-  }
-  if (!above(*map, priority, entry->texts)) {
-    Halves halves = split(map, entry->texts);
-    return join(entry, priority, halves.left, halves.right);
-  }
-  if (order < 0)
-    return join(map->entry, map->priority, map->left, put(map->right, entry, priority));
-  return join(map->entry, map->priority, put(map->left, entry, priority), map->right);
-}
-
-}  // namespace
-
-int compare_keys(const SchemaNode& list, const Keys& a, const Keys& b) {
-  for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
-    if (list.children[i]->numeric_key && a[i].size() != b[i].size()) {
-      return a[i].size() < b[i].size() ? -1 : 1;
-    }
-    if (int order = a[i].compare(b[i]); order != 0) return order;
-  }
-  return 0;
-}
-
-NodeRef map_find(const MapRef& map, const Keys& keys) {
-  for (const EntryMap* at = map.get(); at != nullptr;) {
-    int order = compare_entries(*at->entry, keys);
-    if (order == 0) return at->entry;
-    at = order < 0 ? at->right.get() : at->left.get();
-  }
-  return nullptr;
-}
-
-MapRef map_put(const MapRef& map, const NodeRef& entry) {
-  return put(map, entry, hash_keys(entry->texts));
-}
-
-MapRef map_erase(const MapRef& map, const Keys& keys) {
-  if (!map) return nullptr;
-  int order = compare_entries(*map->entry, keys);
-  if (order == 0) return merge_maps(map->left, map->right);
-  if (order < 0) {
-    MapRef right = map_erase(map->right, keys);
-    return right == map->right ? map : join(map->entry, map->priority, map->left, right);
-  }
-  MapRef left = map_erase(map->left, keys);
-  return left == map->left ? map : join(map->entry, map->priority, left, map->right);
-}
-
-void map_visit(const MapRef& map, const std::function<void(const NodeRef&)>& visit) {
-  if (!map) return;
-  map_visit(map->left, visit);
-  visit(map->entry);
-  map_visit(map->right, visit);
-}
-
-void map_diff(const MapRef& before, const MapRef& after,
-              const std::function<void(const NodeRef&, const NodeRef&)>& visit) {
-  if (before == after) return;
-  if (!after) {
-    map_visit(before, [&](const NodeRef& entry) { visit(entry, nullptr); });
-    return;
-  }
-  if (!before) {
-    map_visit(after, [&](const NodeRef& entry) { visit(nullptr, entry); });
-    return;
-  }
-  if (compare_entries(*before->entry, after->entry->texts) == 0) {
-    map_diff(before->left, after->left, visit);
-    if (before->entry != after->entry) visit(before->entry, after->entry);
-    map_diff(before->right, after->right, visit);
-  } else if (above(*before, after->priority, after->entry->texts)) {
-    // The root of `before` stands above every entry of `after`: it is not among them.
-    Halves halves = split(after, before->entry->texts);
-    map_diff(before->left, halves.left, visit);
-    visit(before->entry, halves.middle);
-    map_diff(before->right, halves.right, visit);
-  } else {
-    Halves halves = split(before, after->entry->texts);
-    map_diff(halves.left, after->left, visit);
-    visit(halves.middle, after->entry);
-    map_diff(halves.right, after->right, visit);
-  }
-}
-
 NodeRef empty_tree(const Schema& schema) {
   auto root = std::make_shared<Node>();
   root->schema = &schema.root;
@@ -276,11 +121,14 @@ NodeRef merged(const NodeRef& base, const NodeRef& addition) {
     return copy->texts.size() == base->texts.size() ? base : copy;
   }
   if (addition->entries) {
+    std::vector<EntryChange> changes;
     map_visit(addition->entries, [&](const NodeRef& entry) {
-      NodeRef old = map_find(copy->entries, entry->texts);
-      copy->entries = map_put(copy->entries, merged(old, entry));
+      NodeRef old = map_find(base->entries, entry->texts);
+      NodeRef now = merged(old, entry);
+      if (now != old) changes.push_back({old, now});
     });
-    return copy->entries == base->entries ? base : copy;
+    copy->entries = map_change(base->entries, changes);
+    return changes.empty() ? base : copy;
   }
   NodeRef result = base;
   for (const NodeRef& child : addition->children) {

@@ -37,13 +37,17 @@ struct Node {
   MapRef entries;                  // list
 };
 
-// A search tree of entries, ordered by keys and by a hash of the keys as priority (a treap), so
-// that one set of entries has one shape, whatever the order in which they came.
+// A search tree of entries, ordered by keys and balanced by weight: neither half of a tree holds
+// more than three times what the other does, so that no choice of keys makes it deep.
 struct EntryMap {
   NodeRef entry;
   MapRef left, right;
-  uint32_t priority = 0;
   uint32_t count = 0;
+};
+
+// An entry on its way from one map to another; null stands for absence.
+struct EntryChange {
+  NodeRef before, after;
 };
 
 int compare_keys(const SchemaNode& list, const Keys& a, const Keys& b);
@@ -54,9 +58,14 @@ MapRef map_put(const MapRef& map, const NodeRef& entry);  // replaces an entry w
 MapRef map_erase(const MapRef& map, const Keys& keys);
 void map_visit(const MapRef& map, const std::function<void(const NodeRef&)>& visit);
 
-// Visits in key order the entries in which two maps differ; null stands for absence.
-void map_diff(const MapRef& before, const MapRef& after,
-              const std::function<void(const NodeRef&, const NodeRef&)>& visit);
+// The map of entries given in key order, each key once; in linear time.
+MapRef map_build(const std::vector<NodeRef>& entries);
+
+// The entries in which two maps differ, in key order. Costs what the maps do not share.
+std::vector<EntryChange> map_diff(const MapRef& before, const MapRef& after);
+
+// Puts the `after` of each change, given in key order, or erases what has its keys.
+MapRef map_change(const MapRef& map, const std::vector<EntryChange>& changes);
 
 NodeRef empty_tree(const Schema& schema);
 NodeRef child_of(const Node& node, const SchemaNode& schema);

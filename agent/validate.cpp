@@ -9,19 +9,6 @@ namespace agent {
 
 namespace {
 
-struct Faults {
-  std::string text;
-  size_t count = 0;
-
-  void add(const std::string& path, std::string_view reason) {
-    if (++count > kMaxFaults) return;
-    if (!text.empty()) text += '\n';
-    text += path;
-    text += ": ";
-    text += reason;
-  }
-};
-
 void check_mandatory(const SchemaNode& schema, const Node* node, const std::string& path,
                      Faults& faults) {
   for (const SchemaNode* child : schema.children) {
@@ -120,6 +107,23 @@ bool has_mandatory(const SchemaNode& schema) {
 
 }  // namespace
 
+void Faults::add(const std::string& path, std::string_view reason) {
+  if (++count > kMaxFaults) return;
+  if (!text.empty()) text += '\n';
+  text += path;
+  text += ": ";
+  text += reason;
+}
+
+Result faults_result(const Faults& faults) {
+  if (faults.count == 0) return {};
+  std::string text = faults.text;
+  if (faults.count > kMaxFaults) {
+    text += "\nand " + std::to_string(faults.count - kMaxFaults) + " more";
+  }
+  return failed(YARROW_ERR_INVALID, text);
+}
+
 Result validate_changes(const Schema& schema, const NodeRef& root,
                         const std::vector<Change>& changes) {
   Faults faults;
@@ -134,11 +138,7 @@ Result validate_changes(const Schema& schema, const NodeRef& root,
     // Keys alone break no condition: conditions speak of how leaves go together.
     if (!change.entry->children.empty()) check_entry(schema, root, path, faults);
   }
-  if (faults.count == 0) return {};
-  if (faults.count > kMaxFaults) {
-    faults.text += "\nand " + std::to_string(faults.count - kMaxFaults) + " more";
-  }
-  return failed(YARROW_ERR_INVALID, faults.text);
+  return faults_result(faults);
 }
 
 }  // namespace agent

@@ -10,6 +10,19 @@
 
 namespace agent {
 
+constexpr size_t kMaxFaults = 100;
+
+// What is wrong with a configuration, one fault a line.
+struct Faults {
+  std::string text;
+  size_t count = 0;
+
+  void add(const std::string& path, std::string_view reason);
+};
+
+// YARROW_ERR_INVALID, and how many faults there are beyond kMaxFaults. Good without a fault.
+Result faults_result(const Faults& faults);
+
 // Checks the entries that the changes created or modified: mandatory leaves, and the schema's
 // "must" conditions. `root` is the tree they lead to. A condition may look at leaves of its entry
 // and of the entries around it, not at members of lists: nothing else is there when it is
@@ -17,8 +30,6 @@ namespace agent {
 // up to kMaxFaults.
 Result validate_changes(const Schema& schema, const NodeRef& root,
                         const std::vector<Change>& changes);
-
-constexpr size_t kMaxFaults = 100;
 
 }  // namespace agent
 #endif

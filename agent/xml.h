@@ -25,15 +25,28 @@ struct XmlRules {
   bool skip_other = false;  // pass over the other kind instead of refusing it
 };
 
-// What a document holds: the node below which its elements belong, and which of that node's
-// children it names, were it only to say that they are empty.
+// What an element's attribute "operation" asks for beyond being merged into what is there
+// (RFC 6241, section 7.2).
+enum class XmlOperationKind : uint8_t { kMerge, kReplace, kCreate, kDelete, kRemove };
+
+struct XmlOperation {
+  XmlOperationKind kind = XmlOperationKind::kMerge;
+  int line = 0;
+  Path path;         // from the node below which the document belongs
+  std::string item;  // of a leaf-list
+};
+
+// What a document holds: the node below which its elements belong, without what it deletes; which of
+// that node's children it names, were it only to say that they are empty; and its operations.
 struct XmlContent {
   NodeRef node;
   std::vector<const SchemaNode*> named;
+  std::vector<XmlOperation> operations;
 };
 
 // Reads a document whose elements belong below `top`. Every fault is named, with its line, up to
-// kMaxFaults. White space around values is dropped; attributes and document types are refused.
+// kMaxFaults; entries, leaves and items that stand twice are faults. White space around a value is
+// dropped unless the value's type takes it.
 Result xml_load(const Schema& schema, std::string_view text, const SchemaNode& top,
                 const XmlRules& rules, XmlContent* content);
 

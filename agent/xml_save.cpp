@@ -17,6 +17,9 @@ void append_escaped(std::string& out, std::string_view text) {
       case '>':
         out += "&gt;";
         break;
+      case '\r':  // as it stands, it would be read as the end of a line
+        out += "&#13;";
+        break;
       default:
         out += byte;
     }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The management agent inside a process of its own or of a tool: it listens on the loopback address
-// and serves its clients from one thread.
+// The management agent inside a process of its own or of a tool: it listens on the loopback address,
+// and on a Unix socket if it is given one, and serves its clients from one thread.
 #ifndef AGENT_YARROW_AGENT_H
 #define AGENT_YARROW_AGENT_H
 
@@ -9,14 +9,18 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace agent {
 
 struct Options {
-  std::string directory;            // where running is kept; empty: nowhere
-  uint16_t port = 0;                // 0: a free one
+  std::optional<std::string> directory;  // where running is kept; none: nowhere
+  bool recover = false;      // a damaged file is kept under another name and its good commits used
+  uint16_t port = 0;         // 0: a free one
+  std::string socket_path;   // of a Unix socket to listen on too; empty: none
+  std::string socket_group;  // whose members may connect there; empty: the owner alone
   std::vector<uid_t> allowed_uids;  // beside this process's own
 };
 
@@ -24,6 +28,9 @@ class Handle;
 
 // Starts an agent. Null on failure, with the reason in `error`.
 std::shared_ptr<Handle> start(const Options& options, std::string* error);
+
+// The number of the last commit. REQUIRES: no thread serves.
+uint64_t commit(const Handle& handle);
 
 // The port it listens on.
 uint16_t port(const Handle& handle);
@@ -39,6 +46,17 @@ void request_stop(Handle& handle);
 
 // Asks, and waits for the thread of run_in_thread.
 void stop(Handle& handle);
+
+// What a start would find in a directory, which an agent may be using; writes nothing. `text` is a
+// line for the operator; false if a start would end.
+bool check(const std::string& directory, std::string* text);
+
+// Copies what a directory keeps, which an agent may be using, to a new file.
+bool backup(const std::string& directory, const std::string& file, std::string* text);
+
+// Makes a directory keep what the file does; what it kept stays under another name. False if an
+// agent uses the directory.
+bool restore(const std::string& directory, const std::string& file, std::string* text);
 
 }  // namespace agent
 #endif

@@ -8,10 +8,11 @@ install(DIRECTORY include/policy DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONE
 # library's to promise.
 install(FILES platform/include/kel/ipaddr_types.h platform/include/kel/tloc_types.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kel COMPONENT devel)
-install(FILES platform/include/yarrow/yarrow_cli_types.h platform/include/yarrow/yarrow_values.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/yarrow COMPONENT devel)
+# The agent's client has a library of its own beside it, so all of its headers do link.
+install(DIRECTORY platform/include/yarrow DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT devel
+  FILES_MATCHING PATTERN "*.h")
 
-install(TARGETS policy EXPORT libpolicyTargets
+install(TARGETS policy yarrow_shared EXPORT libpolicyTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT devel)
 
 set(POLICY_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/libpolicy)
@@ -28,5 +29,6 @@ install(FILES ${CMAKE_BINARY_DIR}/libpolicyConfig.cmake
 file(RELATIVE_PATH POLICY_PC_TO_PREFIX
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/libpolicy.pc.in ${CMAKE_BINARY_DIR}/libpolicy.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/libpolicy.pc
+configure_file(cmake/libyarrow.pc.in ${CMAKE_BINARY_DIR}/libyarrow.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/libpolicy.pc ${CMAKE_BINARY_DIR}/libyarrow.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)

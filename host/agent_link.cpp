@@ -97,7 +97,6 @@ std::string agent_problem() {
 }
 
 EmbeddedAgent::EmbeddedAgent(uint16_t port) {
-  unsetenv(YARROW_PORT_VARIABLE);
   std::string problem;
   agent::Options options;
   options.port = port;
@@ -109,6 +108,7 @@ EmbeddedAgent::EmbeddedAgent(uint16_t port) {
         problem, which));
   }
   agent::run_in_thread(*handle_);
+  set_worker_port(agent::port(*handle_));
 }
 
 EmbeddedAgent::~EmbeddedAgent() { agent::stop(*handle_); }
@@ -117,9 +117,12 @@ uint16_t EmbeddedAgent::port() const { return agent::port(*handle_); }
 
 uint16_t running_agent_port(const std::string& given) {
   const char* variable = getenv(YARROW_PORT_VARIABLE);
+  const char* path = getenv(YARROW_PATH_VARIABLE);
   std::string text = !given.empty() ? given : variable != nullptr ? variable : "";
+  if (given.empty() && path != nullptr && *path != '\0') text.clear();
   // A port that was given wins over the environment, which every connect call would look at.
   unsetenv(YARROW_PORT_VARIABLE);
+  if (!given.empty()) unsetenv(YARROW_PATH_VARIABLE);
   if (text.empty()) return YARROW_PORT;
   uint16_t port = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
@@ -145,6 +148,7 @@ UnreachablePort::UnreachablePort() : sock_(agent_socket()) {
 UnreachablePort::~UnreachablePort() { close(sock_); }
 
 void set_worker_port(uint16_t port) {
+  unsetenv(YARROW_PATH_VARIABLE);
   setenv(YARROW_PORT_VARIABLE, std::to_string(port).c_str(), 1);
 }
 

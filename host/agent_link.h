@@ -25,7 +25,7 @@ sockaddr_in agent_address(uint16_t port);
 std::string agent_problem();
 
 /* An agent of this process's own, which keeps nothing on disk. From its start on the process
- * connects to the ports it says, whatever the environment says (YARROW_IPC_PORT). */
+ * connects to its port, whatever the environment says (YARROW_IPC_PORT, YARROW_IPC_PATH). */
 class EmbeddedAgent {
  public:
   /* Port 0: a free one. Throws InputError, as when the port is taken. */
@@ -39,7 +39,8 @@ class EmbeddedAgent {
   std::shared_ptr<agent::Handle> handle_;
 };
 
-/* The port of a running agent: the one given, else the environment's, else the usual one. Throws
+/* The port of a running agent: the one given, else the environment's, else the usual one, which stands
+ * for the Unix socket too where there is one. Throws
  * InputError when the text is none. */
 uint16_t running_agent_port(const std::string& given);
 

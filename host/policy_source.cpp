@@ -27,6 +27,7 @@
 #include "policy/pol_user.h"
 #include "policy/pol_util.h"
 #include "tloc_resolver.h"
+#include "yarrow/yarrow_types.h"
 
 namespace polctl {
 
@@ -143,8 +144,13 @@ void PolicySource::connect(const PolicyOptions& options) {
     if (!faults.empty()) throw_faults(faults);
   }
   live_->feed = std::make_unique<ConfigFeed>(live_->port);
-  // The library's worker is not there yet; from now on it alone connects.
-  set_worker_port(options.worker ? live_->port : live_->unreachable.port());
+  // The library's worker is not there yet; from now on it alone connects. By itself it goes to the
+  // usual address, where its client finds the Unix socket too.
+  if (!options.worker) {
+    set_worker_port(live_->unreachable.port());
+  } else if (!options.agent || live_->port != YARROW_PORT) {
+    set_worker_port(live_->port);
+  }
 }
 
 void PolicySource::settle() {

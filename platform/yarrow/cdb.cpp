@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "yarrow/yarrow_cdb.h"
 
-#include <time.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <thread>
 
 #include "platform/yarrow/client.h"
 
@@ -13,8 +15,8 @@ using yarrow::call_plain;
 using yarrow::Request;
 using yarrow::Writer;
 
-constexpr int kLockTries = 200;
-constexpr long kLockPause = 50'000'000;  // nanoseconds: with the tries above, 10 seconds
+constexpr std::chrono::seconds kLockWait{10};
+constexpr std::chrono::milliseconds kLockPause{50};
 
 }  // namespace
 
@@ -30,12 +32,12 @@ int cdb_start_session2(int sock, int datastore, unsigned lock_flags) {
   out.u32(static_cast<uint32_t>(datastore));
   out.u32(lock_flags);
   // The agent answers at once; the waiting is done on this side.
-  for (int tries = 0;; ++tries) {
+  const auto end = std::chrono::steady_clock::now() + kLockWait;
+  for (;;) {
     if (call_plain(sock, Request::kCdbStart, out) == YARROW_OK) return YARROW_OK;
     bool waits = (lock_flags & CDB_LOCK_WAIT) != 0 && yarrow_errno == YARROW_ERR_LOCKED;
-    if (!waits || tries == kLockTries) return YARROW_ERR;
-    const timespec pause = {0, kLockPause};
-    nanosleep(&pause, nullptr);
+    if (!waits || std::chrono::steady_clock::now() >= end) return YARROW_ERR;
+    std::this_thread::sleep_for(kLockPause);
   }
 }
 

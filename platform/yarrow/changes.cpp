@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A batch is read whole into one arena: changes point into blocks that never move and are freed
-// together.
+// together. Its readers take a value by the type that the schema gives its node, so a value of
+// another type ends here.
 #include "yarrow/yarrow_changes.h"
 
 #include <poll.h>
@@ -10,10 +11,12 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
+#include "platform/yarrow/change_check.h"
 #include "platform/yarrow/client.h"
+#include "platform/yarrow/schema.h"
 
 namespace {
 
@@ -23,13 +26,14 @@ using yarrow::Writer;
 constexpr uint32_t kMaxKeys = 64;
 constexpr uint32_t kMaxValues = 65535;
 constexpr size_t kBlock = 64u << 10;
+constexpr size_t kLeastValue = 4;  // bytes of one on the wire
 
 }  // namespace
 
 struct t_yarrow_batch {
   uint64_t commit = 0;
   std::vector<t_yarrow_change> changes;
-  std::unordered_set<std::string> paths;  // each once
+  std::unordered_map<std::string, const t_yarrow_cs_node*> paths;  // each once; null: not known
   std::vector<std::unique_ptr<std::byte[]>> blocks;
   size_t used = kBlock;  // of the last block
 
@@ -76,7 +80,7 @@ bool read_value(t_yarrow_batch& batch, Reader& in, t_yarrow_value* value, bool i
       break;
     case C_BOOL:
       value->val.boolean = in.u8();
-      break;
+      return in.ok() && value->val.boolean <= 1;
     case C_INT16:
     case C_UINT16:
       value->val.u16 = in.u16();
@@ -101,14 +105,15 @@ bool read_value(t_yarrow_batch& batch, Reader& in, t_yarrow_value* value, bool i
     case C_IPV4PREFIX:
       raw(&value->val.ipv4prefix.ip, sizeof value->val.ipv4prefix.ip);
       value->val.ipv4prefix.len = in.u8();
-      break;
+      return in.ok() && value->val.ipv4prefix.len <= 32;
     case C_IPV6PREFIX:
       raw(value->val.ipv6prefix.ip6, sizeof value->val.ipv6prefix.ip6);
       value->val.ipv6prefix.len = in.u8();
-      break;
+      return in.ok() && value->val.ipv6prefix.len <= 128;
     case C_LIST: {
       uint32_t count = in.u32();
       if (in_list || count > yarrow::kMaxLeafListItems) return false;
+      if (count > in.left() / kLeastValue) return false;
       auto* items = static_cast<t_yarrow_value*>(batch.take(count * sizeof(t_yarrow_value)));
       value->val.list.size = count;
       value->val.list.ptr = items;
@@ -123,30 +128,44 @@ bool read_value(t_yarrow_batch& batch, Reader& in, t_yarrow_value* value, bool i
   return in.ok();
 }
 
-bool read_change(t_yarrow_batch& batch, Reader& in) {
+int misread(const t_yarrow_change& change, const char* what) {
+  return yarrow::fail(YARROW_ERR_PROTOCOL, std::string(change.path) + ": the agent told " + what);
+}
+
+int read_change(t_yarrow_batch& batch, Reader& in) {
   t_yarrow_change change = {};
-  change.path = batch.paths.emplace(in.text(yarrow::kMaxPath)).first->c_str();
+  std::string path(in.text(yarrow::kMaxPath));
+  auto [known, is_new] = batch.paths.emplace(std::move(path), nullptr);
+  if (is_new) known->second = yarrow::schema_node(known->first);
+  change.path = known->first.c_str();
   change.op = in.u8();
   change.level = in.u8();
   change.key_count = in.u32();
-  if (!in.ok() || change.key_count > kMaxKeys) return false;
+  if (!in.ok() || change.op < YARROW_CREATED || change.op > YARROW_VALUE_SET) {
+    return misread(change, "no operation that there is");
+  }
+  if (change.key_count > kMaxKeys || change.key_count > in.left() / kLeastValue) {
+    return misread(change, "more keys than there are");
+  }
   auto* keys = static_cast<t_yarrow_value*>(batch.take(change.key_count * sizeof(t_yarrow_value)));
   change.keys = keys;
   for (uint32_t i = 0; i < change.key_count; ++i) {
-    if (!read_value(batch, in, &keys[i])) return false;
+    if (!read_value(batch, in, &keys[i])) return misread(change, "a key that is no value");
   }
   change.value_count = in.u32();
-  if (!in.ok() || change.value_count > kMaxValues) return false;
+  if (!in.ok() || change.value_count > kMaxValues || change.value_count > in.left() / kLeastValue) {
+    return misread(change, "more values than there are");
+  }
   auto* values =
       static_cast<t_yarrow_tag_value*>(batch.take(change.value_count * sizeof(t_yarrow_tag_value)));
   change.values = values;
   for (uint32_t i = 0; i < change.value_count; ++i) {
     values[i].tag = in.u32();
     values[i].ns = in.u32();
-    if (!read_value(batch, in, &values[i].v)) return false;
+    if (!read_value(batch, in, &values[i].v)) return misread(change, "a value of no known form");
   }
   batch.changes.push_back(change);
-  return true;
+  return known->second != nullptr ? yarrow::check_change(*known->second, change) : YARROW_OK;
 }
 
 // Waits for the first byte of a batch.
@@ -168,7 +187,8 @@ int wait_readable(int sock, int timeout_ms) {
 int read_batch(int sock, t_yarrow_batch& batch) {
   std::string body;
   for (bool begun = false;;) {
-    if (yarrow::read_frame(sock, &body) != YARROW_OK) return YARROW_ERR;
+    const auto limit = yarrow::TimeLimit::of_socket(sock);
+    if (yarrow::read_frame(sock, &body, limit) != YARROW_OK) return YARROW_ERR;
     Reader in(body);
     auto kind = static_cast<yarrow::PushKind>(in.u8());
     bool good = in.ok() && begun == (kind != yarrow::PushKind::kBatchBegin);
@@ -177,14 +197,17 @@ int read_batch(int sock, t_yarrow_batch& batch) {
       begun = true;
     } else if (good && kind == yarrow::PushKind::kChanges) {
       uint32_t count = in.u32();
-      for (uint32_t i = 0; good && i < count; ++i) good = read_change(batch, in);
+      for (uint32_t i = 0; i < count; ++i) {
+        if (read_change(batch, in) != YARROW_OK) return YARROW_ERR;
+      }
     } else if (good && kind == yarrow::PushKind::kBatchEnd) {
       return 1;
     } else {
       good = false;
     }
-    if (!good || !in.done())
-      return yarrow::fail(YARROW_ERR_PROTOCOL, "a batch that makes no sense");
+    if (!good || !in.done()) {
+      return yarrow::fail(YARROW_ERR_PROTOCOL, "the agent told a batch that makes no sense");
+    }
   }
 }
 
@@ -193,6 +216,7 @@ int read_batch(int sock, t_yarrow_batch& batch) {
 int yarrow_sub_connect(int sock, const struct sockaddr* addr, socklen_t addr_len, const char* path,
                        unsigned flags) {
   if (path == nullptr) return yarrow::fail(YARROW_ERR_BADPATH, "no path");
+  if (yarrow_load_schemas(addr, addr_len) != YARROW_OK) return YARROW_ERR;
   Writer out;
   out.text(path);
   out.u32(flags);

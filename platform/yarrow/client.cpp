@@ -4,13 +4,12 @@
 // caller may pass sockets between its threads and close them as it likes.
 #include "platform/yarrow/client.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
+#include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <system_error>
 
 namespace yarrow {
@@ -20,45 +19,50 @@ namespace {
 thread_local int t_error = YARROW_ERR_NONE;
 thread_local std::string t_reason;
 
-int send_all(int sock, std::string_view bytes) {
+// A call that runs out of time leaves an answer that is still to come, which would be taken for the
+// next call's: the connection is of no further use.
+int out_of_time(int sock) {
+  shutdown(sock, SHUT_RDWR);
+  return fail(YARROW_ERR_TIMEOUT, "no answer within the time limit");
+}
+
+int wait_for(int sock, short events, const TimeLimit& limit) {
+  for (;;) {
+    pollfd watched = {sock, events, 0};
+    int ready = poll(&watched, 1, limit.left_ms());
+    if (ready > 0) return YARROW_OK;
+    if (ready == 0) return out_of_time(sock);
+    if (errno != EINTR) return fail_os("poll");
+  }
+}
+
+int send_all(int sock, std::string_view bytes, const TimeLimit& limit) {
   while (!bytes.empty()) {
-    ssize_t sent = send(sock, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR) continue;
-    if (sent <= 0) return fail(YARROW_ERR_NOTCONNECTED, "the connection is lost");
-    bytes.remove_prefix(static_cast<size_t>(sent));
+    ssize_t sent = send(sock, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent > 0) {
+      bytes.remove_prefix(static_cast<size_t>(sent));
+    } else if (sent < 0 && errno == EAGAIN) {
+      if (wait_for(sock, POLLOUT, limit) != YARROW_OK) return YARROW_ERR;
+    } else if (sent == 0 || errno != EINTR) {
+      return fail(YARROW_ERR_NOTCONNECTED, "the connection is lost");
+    }
   }
   return YARROW_OK;
 }
 
-int receive_all(int sock, char* bytes, size_t size) {
+int receive_all(int sock, char* bytes, size_t size, const TimeLimit& limit) {
   while (size > 0) {
-    ssize_t got = recv(sock, bytes, size, 0);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return fail(YARROW_ERR_NOTCONNECTED, "the connection is lost");
-    bytes += got;
-    size -= static_cast<size_t>(got);
+    ssize_t got = recv(sock, bytes, size, MSG_DONTWAIT);
+    if (got > 0) {
+      bytes += got;
+      size -= static_cast<size_t>(got);
+    } else if (got < 0 && errno == EAGAIN) {
+      if (wait_for(sock, POLLIN, limit) != YARROW_OK) return YARROW_ERR;
+    } else if (got == 0 || errno != EINTR) {
+      return fail(YARROW_ERR_NOTCONNECTED, "the connection is lost");
+    }
   }
   return YARROW_OK;
-}
-
-// Takes a reply's status apart; leaves the content in `body`.
-int take_status(std::string* body) {
-  Reader in(*body);
-  uint32_t error = in.u32();
-  if (!in.ok()) return fail(YARROW_ERR_PROTOCOL, "an answer cut short");
-  if (error != YARROW_ERR_NONE) return fail(static_cast<int>(error), in.text());
-  body->erase(0, sizeof error);
-  return YARROW_OK;
-}
-
-bool replaced_port(uint16_t* port) {
-  const char* text = getenv(YARROW_PORT_VARIABLE);
-  if (text == nullptr || *text == '\0') return true;
-  char* end = nullptr;
-  unsigned long value = strtoul(text, &end, 10);
-  if (*end != '\0' || value == 0 || value > UINT16_MAX) return false;
-  *port = static_cast<uint16_t>(value);
-  return true;
 }
 
 }  // namespace
@@ -74,59 +78,69 @@ int fail_os(std::string_view what) {
   return fail(YARROW_ERR_OS, std::string(what) + ": " + std::generic_category().message(error));
 }
 
-int connect_socket(int sock, const struct sockaddr* addr, socklen_t addr_len, SocketKind kind,
-                   const Writer& arguments) {
-  sockaddr_storage copy = {};
-  if (addr == nullptr || addr_len > sizeof copy || addr_len < sizeof(sockaddr_in)) {
-    return fail(YARROW_ERR_PROTOCOL, "no address");
-  }
-  memcpy(&copy, addr, addr_len);
-  uint16_t port = 0;
-  if (!replaced_port(&port)) {
-    return fail(YARROW_ERR_PROTOCOL, YARROW_PORT_VARIABLE " is not a port");
-  }
-  if (port != 0 && copy.ss_family == AF_INET) {
-    reinterpret_cast<sockaddr_in*>(&copy)->sin_port = htons(port);
-  } else if (port != 0 && copy.ss_family == AF_INET6) {
-    reinterpret_cast<sockaddr_in6*>(&copy)->sin6_port = htons(port);
-  }
-  while (connect(sock, reinterpret_cast<sockaddr*>(&copy), addr_len) != 0) {
-    if (errno != EINTR) return fail_os("connect");
-  }
-  int on = 1;
-  setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  Writer hello;
-  hello.u32(kWireMagic);
-  hello.u8(static_cast<uint8_t>(kind));
-  hello.raw(arguments.view().data(), arguments.size());
-  std::string body;
-  if (send_frame(sock, hello.bytes()) != YARROW_OK) return YARROW_ERR;
-  if (read_frame(sock, &body) != YARROW_OK) return YARROW_ERR;
-  return take_status(&body);
+TimeLimit TimeLimit::of_socket(int sock) {
+  timeval set = {};
+  socklen_t size = sizeof set;
+  TimeLimit limit;
+  if (getsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &set, &size) != 0) return limit;
+  if (set.tv_sec == 0 && set.tv_usec == 0) return limit;
+  limit.end_ =
+      Clock::now() + std::chrono::seconds(set.tv_sec) + std::chrono::microseconds(set.tv_usec);
+  limit.endless_ = false;
+  return limit;
 }
 
-int send_frame(int sock, std::string_view body) {
+int TimeLimit::left_ms() const {
+  if (endless_) return -1;
+  auto left = std::chrono::ceil<std::chrono::milliseconds>(end_ - Clock::now()).count();
+  return static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX));
+}
+
+namespace {
+
+// The reasons, one a line, in which names stand as the agent was given them: fit for a terminal.
+std::string shown(std::string_view reasons) {
+  std::string text(reasons);
+  for (char& byte : text) {
+    if ((static_cast<unsigned char>(byte) < ' ' && byte != '\n') || byte == '\x7f') byte = '?';
+  }
+  return text;
+}
+
+}  // namespace
+
+int take_status(std::string* body) {
+  Reader in(*body);
+  uint32_t error = in.u32();
+  if (!in.ok()) return fail(YARROW_ERR_PROTOCOL, "an answer cut short");
+  if (error != YARROW_ERR_NONE) return fail(static_cast<int>(error), shown(in.text()));
+  body->erase(0, sizeof error);
+  return YARROW_OK;
+}
+
+int send_frame(int sock, std::string_view body, const TimeLimit& limit) {
   if (body.size() > kMaxFrame) return fail(YARROW_ERR_TOOBIG, "a request too big");
   Writer frame;
   frame.text(body);
-  return send_all(sock, frame.bytes());
+  return send_all(sock, frame.bytes(), limit);
 }
 
-int read_frame(int sock, std::string* body) {
+int read_frame(int sock, std::string* body, const TimeLimit& limit) {
   char head[4];
-  if (receive_all(sock, head, sizeof head) != YARROW_OK) return YARROW_ERR;
+  if (receive_all(sock, head, sizeof head, limit) != YARROW_OK) return YARROW_ERR;
   uint32_t length = Reader(std::string_view(head, sizeof head)).u32();
   if (length > kMaxFrame) return fail(YARROW_ERR_PROTOCOL, "an answer too big");
   body->resize(length);
-  return receive_all(sock, body->data(), length);
+  return receive_all(sock, body->data(), length, limit);
 }
 
 int call(int sock, Request request, const Writer& arguments, std::string* content) {
   Writer body;
   body.u8(static_cast<uint8_t>(request));
   body.raw(arguments.view().data(), arguments.size());
-  if (send_frame(sock, body.bytes()) != YARROW_OK) return YARROW_ERR;
-  if (read_frame(sock, content) != YARROW_OK) return YARROW_ERR;
+  const TimeLimit limit = TimeLimit::of_socket(sock);
+  if (send_frame(sock, body.bytes(), limit) != YARROW_OK) return YARROW_ERR;
+  if (read_frame(sock, content, limit) != YARROW_OK) return YARROW_ERR;
   return take_status(content);
 }
 
@@ -250,6 +264,8 @@ const char* yarrow_strerror(int error) {
       return "too big";
     case YARROW_ERR_NOTCONNECTED:
       return "not connected";
+    case YARROW_ERR_TIMEOUT:
+      return "out of time";
     default:
       return "unknown error";
   }

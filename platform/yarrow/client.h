@@ -6,6 +6,7 @@
 
 #include <sys/socket.h>
 
+#include <chrono>
 #include <cstdarg>
 #include <string>
 
@@ -18,13 +19,29 @@ namespace yarrow {
 int fail(int error, std::string_view reason);
 int fail_os(std::string_view what);
 
-// Connects the socket, the port replaced as the environment says, sends the hello (the kind, then
-// `arguments`) and takes the answer.
+// The time that is left of one call. It begins with the socket's own receive time limit, which the
+// connect calls set; 0 there is no limit.
+class TimeLimit {
+ public:
+  static TimeLimit of_socket(int sock);
+  int left_ms() const;  // as poll takes it: -1 no limit
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  bool endless_ = true;
+  Clock::time_point end_;
+};
+
+// Connects the socket to the agent at the address, or where the environment says, asks whose agent
+// that is, sends the hello (the kind, then `arguments`) and takes the answer.
 int connect_socket(int sock, const struct sockaddr* addr, socklen_t addr_len, SocketKind kind,
                    const Writer& arguments);
 
-int send_frame(int sock, std::string_view body);
-int read_frame(int sock, std::string* body);
+int send_frame(int sock, std::string_view body, const TimeLimit& limit);
+int read_frame(int sock, std::string* body, const TimeLimit& limit);
+
+// Takes a reply's status off the front of its body, which is then the content.
+int take_status(std::string* body);
 
 // Sends a request and takes its reply. On success `content` is what the agent answered.
 int call(int sock, Request request, const Writer& arguments, std::string* content);

@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "yarrow/yarrow_schema.h"
+#include "platform/yarrow/schema.h"
 
 #include <unistd.h>
 
 #include <atomic>
-#include <deque>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include "platform/yarrow/client.h"
 
@@ -18,11 +16,7 @@ using yarrow::Writer;
 
 constexpr uint32_t kMaxNodes = 1u << 20;
 
-// Nodes and texts at addresses that stay.
-struct LoadedSchema {
-  std::vector<t_yarrow_cs_node> nodes;
-  std::deque<std::string> texts;
-};
+using yarrow::LoadedSchema;
 
 std::mutex g_lock;
 std::atomic<const LoadedSchema*> g_schema = nullptr;  // set once, never freed
@@ -49,30 +43,6 @@ bool add_node(LoadedSchema& schema, std::vector<t_yarrow_cs_node*>& last_childre
   if (last_children[parent] != nullptr) last_children[parent]->next = made;
   last_children[parent] = made;
   return true;
-}
-
-int fetch_schema(int sock, LoadedSchema& schema) {
-  std::vector<t_yarrow_cs_node*> last_children;  // by parent, 0: the top
-  uint32_t total = 1;
-  while (schema.nodes.size() < total) {
-    Writer out;
-    out.u32(static_cast<uint32_t>(schema.nodes.size()));
-    std::string content;
-    if (yarrow::call(sock, yarrow::Request::kSchema, out, &content) != YARROW_OK) return YARROW_ERR;
-    Reader in(content);
-    total = in.u32();
-    bool good = total > 0 && total <= kMaxNodes && in.left() > 0;
-    if (good && last_children.empty()) {
-      last_children.resize(total + 1);
-      schema.nodes.reserve(total);  // pointers to nodes are kept
-    }
-    good = good && last_children.size() == total + 1;
-    while (good && in.left() > 0) {
-      good = schema.nodes.size() < total && add_node(schema, last_children, in);
-    }
-    if (!good) return yarrow::fail(YARROW_ERR_PROTOCOL, "a schema that makes no sense");
-  }
-  return YARROW_OK;
 }
 
 const t_yarrow_cs_node* child_by_name(const t_yarrow_cs_node* first, std::string_view prefix,
@@ -104,6 +74,21 @@ bool next_step(std::string_view* path, std::string_view* prefix, std::string_vie
   return !name->empty();
 }
 
+// The node below `start`, which may be null for the top, of the schema that was loaded.
+const t_yarrow_cs_node* find_node(const t_yarrow_cs_node* start, std::string_view path) {
+  const LoadedSchema* schema = g_schema.load(std::memory_order_acquire);
+  const t_yarrow_cs_node* at = start;
+  const t_yarrow_cs_node* first = start != nullptr ? start->children : &schema->nodes.front();
+  std::string_view prefix;
+  std::string_view name;
+  while (!path.empty()) {
+    at = next_step(&path, &prefix, &name) ? child_by_name(first, prefix, name) : nullptr;
+    if (at == nullptr) return nullptr;
+    first = at->children;
+  }
+  return at;
+}
+
 }  // namespace
 
 int yarrow_load_schemas(const struct sockaddr* addr, socklen_t addr_len) {
@@ -113,7 +98,7 @@ int yarrow_load_schemas(const struct sockaddr* addr, socklen_t addr_len) {
   if (sock < 0) return yarrow::fail_os("socket");
   auto schema = std::make_unique<LoadedSchema>();
   int status = yarrow::connect_socket(sock, addr, addr_len, yarrow::SocketKind::kMaapi, Writer());
-  if (status == YARROW_OK) status = fetch_schema(sock, *schema);
+  if (status == YARROW_OK) status = yarrow::fetch_schema(sock, *schema);
   close(sock);
   if (status == YARROW_OK) g_schema.store(schema.release(), std::memory_order_release);
   return status;
@@ -138,20 +123,43 @@ const t_yarrow_cs_node* yarrow_cs_node_cd(const t_yarrow_cs_node* start, const c
   bool good = yarrow::add_path(text, format, args);
   va_end(args);
   if (!good) return nullptr;
-  const LoadedSchema* schema = g_schema.load(std::memory_order_acquire);
-  const t_yarrow_cs_node* at = start;
-  const t_yarrow_cs_node* first = start != nullptr ? start->children : &schema->nodes.front();
   std::string_view path = yarrow::Reader(text.bytes()).text();
-  if (start == nullptr && path == "/") return first;
-  std::string_view prefix;
-  std::string_view name;
-  while (!path.empty()) {
-    at = next_step(&path, &prefix, &name) ? child_by_name(first, prefix, name) : nullptr;
-    if (at == nullptr) {
-      yarrow::fail(YARROW_ERR_BADPATH, "no such path");
-      return nullptr;
-    }
-    first = at->children;
-  }
-  return at;
+  if (start == nullptr && path == "/")
+    return &g_schema.load(std::memory_order_acquire)->nodes.front();
+  const t_yarrow_cs_node* found = find_node(start, path);
+  if (found == nullptr) yarrow::fail(YARROW_ERR_BADPATH, "no such path");
+  return found;
 }
+
+namespace yarrow {
+
+int fetch_schema(int sock, LoadedSchema& schema) {
+  std::vector<t_yarrow_cs_node*> last_children;  // by parent, 0: the top
+  uint32_t total = 1;
+  while (schema.nodes.size() < total) {
+    Writer out;
+    out.u32(static_cast<uint32_t>(schema.nodes.size()));
+    std::string content;
+    if (yarrow::call(sock, yarrow::Request::kSchema, out, &content) != YARROW_OK) return YARROW_ERR;
+    Reader in(content);
+    total = in.u32();
+    bool good = total > 0 && total <= kMaxNodes && in.left() > 0;
+    if (good && last_children.empty()) {
+      last_children.resize(total + 1);
+      schema.nodes.reserve(total);  // pointers to nodes are kept
+    }
+    good = good && last_children.size() == total + 1;
+    while (good && in.left() > 0) {
+      good = schema.nodes.size() < total && add_node(schema, last_children, in);
+    }
+    if (!good) return yarrow::fail(YARROW_ERR_PROTOCOL, "a schema that makes no sense");
+  }
+  return YARROW_OK;
+}
+
+const t_yarrow_cs_node* schema_node(std::string_view path) {
+  bool loaded = g_schema.load(std::memory_order_acquire) != nullptr;
+  return loaded ? find_node(nullptr, path) : nullptr;
+}
+
+}  // namespace yarrow

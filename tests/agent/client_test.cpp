@@ -1,12 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The client's functions, each with what it does and how it fails.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <fstream>
 #include <thread>
 
+#include "platform/yarrow/peer.h"
+#include "platform/yarrow/wire.h"
 #include "support.h"
 #include "support/golden.h"
 
@@ -112,6 +118,17 @@ TEST_F(ClientTest, PathsThatDoNotFitTheSchemaAreNamed) {
   expect_golden("changes/paths.ok", all);
   EXPECT_EQ(why(maapi_delete(fd_, trans, "/policy/policer{%s}", std::string(5000, 'x').c_str())),
             "too big: a path too long");
+  EXPECT_EQ(why(maapi_set_elem_text(fd_, trans, std::string(4096, 'x').c_str(),
+                                    "/policy/app-id{a}/name")),
+            "too big: a value too long");
+  std::vector<t_yarrow_value> items(1025);
+  for (t_yarrow_value& item : items) item.type = C_XMLTAG;
+  t_yarrow_value list = {};
+  list.type = C_LIST;
+  list.val.list = {static_cast<uint32_t>(items.size()), items.data()};
+  EXPECT_EQ(why(maapi_set_elem(fd_, trans, &list, "%s/vpn-list{V}/preferred-color",
+                               "/policy/data-policy{D}")),
+            "too big: /policy/data-policy/vpn-list/preferred-color: too many items");
 }
 
 // The cache cuts saved text at these marks.
@@ -216,10 +233,6 @@ TEST_F(ClientTest, CallsOutOfOrderAreRefused) {
   Socket bare(agent_.port());
   EXPECT_EQ(why(static_cast<int>(maapi_commit_id(bare.fd()))),
             "not connected: the connection is lost");
-  setenv(YARROW_PORT_VARIABLE, "70000", 1);
-  EXPECT_EQ(why(maapi_connect(bare.fd(), bare.addr(), bare.addr_len())),
-            "bad request: " YARROW_PORT_VARIABLE " is not a port");
-  unsetenv(YARROW_PORT_VARIABLE);
   ASSERT_EQ(why(maapi_connect(bare.fd(), bare.addr(), bare.addr_len())), "ok");
   EXPECT_EQ(why(maapi_candidate_commit(bare.fd())), "bad request: no user session");
   EXPECT_EQ(why(maapi_start_user_session3(fd_, "u", "c", nullptr, nullptr)),
@@ -231,6 +244,329 @@ TEST_F(ClientTest, CallsOutOfOrderAreRefused) {
             "access denied: a transaction for reading");
   EXPECT_EQ(why(maapi_end_user_session(fd_)), "ok");
   EXPECT_EQ(why(maapi_finish_trans(fd_, trans)), "bad request: no user session");
+}
+
+using yarrow::PushKind;
+using yarrow::Writer;
+
+std::string framed(const Writer& body) {
+  Writer out;
+  out.text(body.view());
+  return out.bytes();
+}
+
+std::string good_status() {
+  Writer out;
+  out.u32(YARROW_ERR_NONE);
+  return framed(out);
+}
+
+TEST(ConnectTest, TheEnvironmentIsRefusedByNameOrFollowed) {
+  struct Row {
+    const char* variable;
+    std::string value, result;
+  };
+  const std::string number = " (expected a number from ";
+  for (const Row& row : {Row{YARROW_PORT_VARIABLE, "70000",
+                             "bad request: YARROW_IPC_PORT is '70000'" + number + "1 to 65535)"},
+                         Row{YARROW_TIMEOUT_VARIABLE, "0",
+                             "bad request: YARROW_IPC_TIMEOUT is '0'" + number + "1 to 3600)"},
+                         Row{YARROW_UID_VARIABLE, "root",
+                             "bad request: YARROW_IPC_UID is 'root'" + number + "0 to 4294967295)"},
+                         Row{YARROW_PATH_VARIABLE, "/nowhere/agent.sock",
+                             "system call failed: connect: No such file or directory"},
+                         Row{YARROW_PATH_VARIABLE, std::string(200, 'x'),
+                             "bad request: YARROW_IPC_PATH is too long for a socket's path"}}) {
+    FalseAgent agent({good_status()});
+    const Environment with(row.variable, row.value);
+    const bool usual = std::string_view(row.variable) == YARROW_PATH_VARIABLE;
+    Socket socket(usual ? YARROW_PORT : agent.port());
+    EXPECT_EQ(why(maapi_connect(socket.fd(), socket.addr(), socket.addr_len())), row.result);
+  }
+}
+
+TEST(ConnectTest, ACallForTheUsualAddressTakesTheUnixSocketThatIsNamed) {
+  TempDirectory directory;
+  const std::string path = directory.path() + "/agent.sock";
+  AgentProcess agent("", {"--socket", path});
+  const Environment with(YARROW_PATH_VARIABLE, path);
+  Session session(YARROW_PORT);
+  int family = 0;
+  socklen_t size = sizeof family;
+  ASSERT_EQ(getsockopt(session.fd(), SOL_SOCKET, SO_DOMAIN, &family, &size), 0);
+  EXPECT_EQ(family, AF_UNIX);
+  EXPECT_EQ(fcntl(session.fd(), F_GETFD), FD_CLOEXEC) << "as the caller made it";
+  Subscriber subscriber(YARROW_PORT, "/policy");
+  ASSERT_EQ(why(session.commit(policy("<app-id><name>a</name></app-id>"))), "ok");
+  EXPECT_EQ(subscriber.next(), "1 /policy/app-id@1 [a]\n");
+  EXPECT_NE(session.save("/policy").find("<name>a</name>"), std::string::npos);
+  Session other(agent.port());
+  ASSERT_EQ(getsockopt(other.fd(), SOL_SOCKET, SO_DOMAIN, &family, &size), 0);
+  EXPECT_EQ(family, AF_INET) << "another address is taken as it is";
+  EXPECT_EQ(maapi_commit_id(other.fd()), 1);
+}
+
+TEST(ConnectTest, AHungAgentIsLeftOnceTheTimeIsOver) {
+  const Environment with(YARROW_TIMEOUT_VARIABLE, "1");
+  using Clock = std::chrono::steady_clock;
+  {
+    FalseAgent mute;
+    Socket socket(mute.port());
+    auto begin = Clock::now();
+    EXPECT_EQ(why(maapi_connect(socket.fd(), socket.addr(), socket.addr_len())),
+              "out of time: no answer within the time limit");
+    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(3));
+  }
+  // Connected; then it answers in drops.
+  FalseAgent slow({good_status(), std::string("\0", 1), std::string("\0", 1)});
+  Socket socket(slow.port());
+  ASSERT_EQ(why(maapi_connect(socket.fd(), socket.addr(), socket.addr_len())), "ok");
+  std::thread prods([&] {
+    for (int i = 0; i < 30; ++i) {
+      usleep(50'000);
+      [[maybe_unused]] ssize_t sent = send(socket.fd(), "x", 1, MSG_NOSIGNAL);
+    }
+  });
+  auto begin = Clock::now();
+  EXPECT_EQ(why(maapi_candidate_commit(socket.fd())),
+            "out of time: no answer within the time limit");
+  EXPECT_LT(Clock::now() - begin, std::chrono::seconds(3));
+  EXPECT_EQ(why(maapi_candidate_commit(socket.fd())), "not connected: the connection is lost");
+  prods.join();
+  // Accepts nobody: its queue holds one.
+  int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* any = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(bind(listener, any, size) + listen(listener, 0) + getsockname(listener, any, &size), 0);
+  Socket first(ntohs(address.sin_port));
+  Socket second(ntohs(address.sin_port));
+  ASSERT_EQ(connect(first.fd(), any, size), 0);
+  EXPECT_EQ(why(maapi_connect(second.fd(), any, size)),
+            "out of time: the agent accepts no connection");
+  close(listener);
+}
+
+// Needs the right to take on another user's id.
+TEST(ConnectTest, AnotherUsersAgentIsToldNothingUnlessThatUserIsAllowed) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root";
+  constexpr uid_t kNobody = 65534;
+  int port_pipe[2];
+  ASSERT_EQ(pipe(port_pipe), 0);
+  pid_t child = fork();
+  if (child == 0) {
+    alarm(30);
+    if (setuid(kNobody) != 0) _exit(1);
+    FalseAgent agent({good_status()});
+    uint16_t port = agent.port();
+    if (write(port_pipe[1], &port, sizeof port) != sizeof port) _exit(2);
+    pause();
+  }
+  uint16_t port = 0;
+  ASSERT_EQ(read(port_pipe[0], &port, sizeof port), ssize_t{sizeof port});
+  {
+    Socket socket(port);
+    EXPECT_EQ(why(maapi_connect(socket.fd(), socket.addr(), socket.addr_len())),
+              "access denied: the agent belongs to user 65534 (expected root, this process's user, "
+              "or whom YARROW_IPC_UID names)");
+  }
+  const Environment with(YARROW_UID_VARIABLE, "65534");
+  Socket socket(port);
+  EXPECT_EQ(why(maapi_connect(socket.fd(), socket.addr(), socket.addr_len())), "ok")
+      << "and the first was told nothing: the one answer was still there";
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  close(port_pipe[0]);
+  close(port_pipe[1]);
+}
+
+TEST(ConnectTest, AClosedConnectionHasNoOwner) {
+  int table = yarrow::peer_table_open();
+  for (int family : {AF_INET, AF_INET6}) {
+    FalseAgent any;  // for a port that is listened at
+    Socket listener(0);
+    socklen_t size = listener.addr_len();
+    sockaddr_in at = {};
+    at.sin_family = AF_INET;
+    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(listener.fd(), reinterpret_cast<sockaddr*>(&at), size), 0);
+    ASSERT_EQ(listen(listener.fd(), 4), 0);
+    ASSERT_EQ(getsockname(listener.fd(), reinterpret_cast<sockaddr*>(&at), &size), 0);
+    sockaddr_in6 mapped = {};
+    mapped.sin6_family = AF_INET6;
+    mapped.sin6_port = at.sin_port;
+    inet_pton(AF_INET6, "::ffff:127.0.0.1", &mapped.sin6_addr);
+    const bool plain = family == AF_INET;
+    int client = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(
+        connect(client,
+                plain ? reinterpret_cast<sockaddr*>(&at) : reinterpret_cast<sockaddr*>(&mapped),
+                plain ? sizeof at : sizeof mapped),
+        0);
+    yarrow::Peer server = yarrow::peer_of_connected(table, client);
+    EXPECT_TRUE(server.known) << "not accepted yet: " << server.why;
+    int accepted = accept(listener.fd(), nullptr, nullptr);
+    for (const yarrow::Peer& peer : {yarrow::peer_of_accepted(table, accepted),
+                                     yarrow::peer_of_connected(table, client), server}) {
+      EXPECT_TRUE(peer.known) << peer.why;
+      EXPECT_EQ(peer.uid, geteuid());
+    }
+    close(client);
+    EXPECT_FALSE(yarrow::peer_of_accepted(table, accepted).known);
+    close(accepted);
+  }
+  close(table);
+}
+
+// One change of a batch, in the agent's own encoding.
+struct Told {
+  const char* path;
+  uint8_t op, level;
+  std::vector<Writer> keys, values;  // a value with its tag in front
+  const char* result;
+};
+
+Writer number(uint32_t type, uint32_t value) {
+  Writer out;
+  out.u32(type);
+  out.u32(value);
+  return out;
+}
+
+Writer number16(uint16_t value) {
+  Writer out;
+  out.u32(C_UINT16);
+  out.u16(value);
+  return out;
+}
+
+Writer text(const char* value) {
+  Writer out;
+  out.u32(C_BUF);
+  out.text(value);
+  return out;
+}
+
+Writer bare(uint32_t type) {
+  Writer out;
+  out.u32(type);
+  return out;
+}
+
+Writer tagged(const char* path, const Writer& value) {
+  const t_yarrow_cs_node* node = yarrow_cs_node_cd(nullptr, "%s", path);
+  Writer out;
+  out.u32(node != nullptr ? node->tag : 0);
+  out.u32(node != nullptr ? node->ns : 0);
+  out.raw(value.view().data(), value.size());
+  return out;
+}
+
+std::string batch(const Told& told) {
+  Writer begin;
+  begin.u8(static_cast<uint8_t>(PushKind::kBatchBegin));
+  begin.u64(7);
+  Writer changes;
+  changes.u8(static_cast<uint8_t>(PushKind::kChanges));
+  changes.u32(1);
+  changes.text(told.path);
+  changes.u8(told.op);
+  changes.u8(told.level);
+  for (const std::vector<Writer>* all : {&told.keys, &told.values}) {
+    changes.u32(static_cast<uint32_t>(all->size()));
+    for (const Writer& one : *all) changes.raw(one.view().data(), one.size());
+  }
+  Writer end;
+  end.u8(static_cast<uint8_t>(PushKind::kBatchEnd));
+  return framed(begin) + framed(changes) + framed(end);
+}
+
+TEST_F(ClientTest, WhatAnAgentTellsOfAnotherTypeThanTheSchemaIsNamedByPath) {
+  ASSERT_EQ(why(yarrow_load_schemas(session_.addr(), session_.addr_len())), "ok");
+  const char* const policer = "/policy/policer";
+  const char* const rate = "/policy/policer/rate";
+  const char* const sequence = "/policy/data-policy/vpn-list/sequence";
+  const char* const match = "/policy/data-policy/vpn-list/sequence/match";
+  const std::vector<Writer> names = {text("D"), text("V"), number16(10)};
+  Writer long_prefix;
+  long_prefix.u32(C_IPV4PREFIX);
+  long_prefix.u32(0);
+  long_prefix.u8(33);
+  const std::vector<Told> rows = {
+      {policer, 1, 1, {text("p")}, {}, "ok"},
+      {"/unknown/list",
+       1,
+       1,
+       {text("p")},
+       {tagged("", number(99, 5))},
+       "/unknown/list: the agent told a value of no known form"},
+      {"/unknown/list", 1, 1, {text("p")}, {tagged("", number(C_UINT32, 5))}, "ok"},
+      {policer,
+       9,
+       1,
+       {text("p")},
+       {},
+       "/policy/policer: the agent told no operation that there is"},
+      {policer,
+       1,
+       1,
+       {number(C_UINT32, 1)},
+       {},
+       "/policy/policer, key name: the agent told a uint32 (expected a text)"},
+      {policer, 1, 1, {}, {}, "/policy/policer, key name: the agent told no key (expected a text)"},
+      {policer,
+       1,
+       2,
+       {text("p")},
+       {},
+       "/policy/policer: the agent told keys of other lists (expected those of the path)"},
+      {policer,
+       1,
+       1,
+       {text("p")},
+       {tagged(rate, text("5"))},
+       "/policy/policer/rate: the agent told a text (expected a uint64)"},
+      {policer, 1, 1, {text("p")}, {tagged(rate, bare(C_NOEXISTS))}, "ok"},
+      {policer,
+       1,
+       1,
+       {text("p")},
+       {tagged(rate, long_prefix)},
+       "/policy/policer: the agent told a value of no known form"},
+      {sequence,
+       1,
+       3,
+       names,
+       {tagged(match, bare(C_XMLBEGIN))},
+       "/policy/data-policy/vpn-list/sequence/match: the agent told a container without end "
+       "(expected the end of a container)"},
+      {sequence,
+       1,
+       3,
+       names,
+       {tagged(match, bare(C_XMLEND))},
+       "/policy/data-policy/vpn-list/sequence: the agent told the end of a container (expected its "
+       "begin before)"},
+      {sequence,
+       1,
+       3,
+       names,
+       {tagged(match, number(C_UINT32, 1))},
+       "/policy/data-policy/vpn-list/sequence/match: the agent told a uint32 (expected a container "
+       "or a list)"},
+  };
+  for (const Told& row : rows) {
+    FalseAgent agent({good_status() + batch(row)});
+    Socket socket(agent.port());
+    ASSERT_EQ(why(yarrow_sub_connect(socket.fd(), socket.addr(), socket.addr_len(), "/", 0)), "ok");
+    t_yarrow_batch* told = nullptr;
+    int status = yarrow_sub_read(socket.fd(), 5'000, &told);
+    const std::string expected = row.result;
+    EXPECT_EQ(why(status), expected == "ok" ? expected : "bad request: " + expected);
+    yarrow_batch_free(told);
+  }
 }
 
 }  // namespace

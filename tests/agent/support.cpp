@@ -2,6 +2,10 @@
 #include "support.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 
 #include "support/paths.h"
@@ -77,42 +82,66 @@ TempDirectory::TempDirectory()
 
 TempDirectory::~TempDirectory() { std::filesystem::remove_all(path_); }
 
-AgentProcess::AgentProcess(const std::string& directory) {
+std::string file_text(const std::string& name) {
+  std::ifstream in(name, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+AgentProcess::AgentProcess(const std::string& directory, const std::vector<std::string>& options,
+                           unsigned descriptors)
+    : log_(memfd_create("log", MFD_CLOEXEC)) {
+  std::vector<std::string> arguments = {"yarrowd", "--port", "0"};
+  if (!directory.empty()) arguments.insert(arguments.end(), {"--dir", directory});
+  arguments.insert(arguments.end(), options.begin(), options.end());
+  std::vector<char*> pointers;
+  for (std::string& argument : arguments) pointers.push_back(argument.data());
+  pointers.push_back(nullptr);
   int ends[2];
-  if (pipe(ends) != 0) abort();
+  if (log_ < 0 || pipe2(ends, O_CLOEXEC) != 0) abort();
   pid_ = fork();
   if (pid_ == 0) {
     dup2(ends[1], STDOUT_FILENO);
-    close(ends[0]);
-    close(ends[1]);
-    execl(kYarrowdPath, "yarrowd", "--port", "0", directory.empty() ? nullptr : "--dir",
-          directory.c_str(), nullptr);
+    dup2(log_, STDERR_FILENO);
+    const rlimit limit = {descriptors, descriptors};
+    if (descriptors > 0 && setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(126);
+    execv(kYarrowdPath, pointers.data());
     _exit(127);
   }
   close(ends[1]);
   FILE* out = fdopen(ends[0], "r");
   unsigned port = 0;
-  if (fscanf(out, "yarrowd: port %u", &port) != 1) ADD_FAILURE() << "yarrowd does not start";
+  if (fscanf(out, "yarrowd: port %u", &port) != 1) port = 0;
   fclose(out);
   port_ = static_cast<uint16_t>(port);
 }
 
-AgentProcess::~AgentProcess() { terminate(); }
+AgentProcess::~AgentProcess() {
+  EXPECT_TRUE(pid_ < 0 || terminate() == 0);
+  close(log_);
+}
+
+std::string AgentProcess::log() const { return file_text("/proc/self/fd/" + std::to_string(log_)); }
+
+int AgentProcess::ended() {
+  int status = 0;
+  waitpid(pid_, &status, 0);
+  pid_ = -1;
+  bool well = (WIFEXITED(status) && WEXITSTATUS(status) == 0) ||
+              (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  if (!well) fprintf(stderr, "%s", log().c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 void AgentProcess::kill_hard() {
   if (pid_ < 0) return;
   kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
-  pid_ = -1;
+  ended();
 }
 
 int AgentProcess::terminate() {
   if (pid_ < 0) return -1;
-  int status = 0;
   kill(pid_, SIGTERM);
-  waitpid(pid_, &status, 0);
-  pid_ = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return ended();
 }
 
 Socket::Socket(uint16_t port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -222,6 +251,54 @@ std::string describe(const t_yarrow_change& change) {
     }
   }
   return text;
+}
+
+Environment::Environment(const char* name, const std::string& value) : name_(name) {
+  setenv(name, value.c_str(), 1);
+}
+
+Environment::~Environment() { unsetenv(name_); }
+
+FalseAgent::FalseAgent(std::vector<std::string> answers)
+    : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* any = reinterpret_cast<sockaddr*>(&address);
+  if (pipe(stop_) != 0 || bind(listener_, any, size) != 0 || listen(listener_, 0) != 0 ||
+      getsockname(listener_, any, &size) != 0) {
+    abort();
+  }
+  port_ = ntohs(address.sin_port);
+  thread_ = std::thread([this, answers = std::move(answers)] { serve(answers); });
+}
+
+FalseAgent::~FalseAgent() {
+  close(stop_[1]);
+  thread_.join();
+  close(stop_[0]);
+  close(listener_);
+}
+
+void FalseAgent::serve(const std::vector<std::string>& answers) {
+  std::vector<pollfd> watched = {{stop_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
+  size_t next = 0;
+  while (poll(watched.data(), watched.size(), -1) >= 0 && watched[0].revents == 0) {
+    if (watched[1].revents != 0)
+      watched.push_back({accept(listener_, nullptr, nullptr), POLLIN, 0});
+    char frame[4096];
+    for (size_t i = 2; i < watched.size(); ++i) {
+      if ((watched[i].revents & POLLIN) == 0) continue;
+      if (recv(watched[i].fd, frame, sizeof frame, 0) <= 0) {
+        watched[i].events = 0;
+      } else if (next < answers.size()) {
+        const std::string& answer = answers[next++];
+        send(watched[i].fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+      }
+    }
+  }
+  for (size_t i = 2; i < watched.size(); ++i) close(watched[i].fd);
 }
 
 std::string why(int status) {

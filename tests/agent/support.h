@@ -11,6 +11,7 @@
 #include <initializer_list>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -33,20 +34,29 @@ class TempDirectory {
   std::string path_;
 };
 
+std::string file_text(const std::string& name);
+
 class AgentProcess {
  public:
-  // An empty directory keeps nothing.
-  explicit AgentProcess(const std::string& directory = "");
+  // An empty directory keeps nothing; `descriptors` is how many the process may have, 0 as many as
+  // usual. What it logs is shown if it does not end well.
+  explicit AgentProcess(const std::string& directory = "",
+                        const std::vector<std::string>& options = {}, unsigned descriptors = 0);
   ~AgentProcess();
   AgentProcess(const AgentProcess&) = delete;
   AgentProcess& operator=(const AgentProcess&) = delete;
 
-  uint16_t port() const { return port_; }
+  uint16_t port() const { return port_; }  // 0: it did not start
+  pid_t pid() const { return pid_; }
+  std::string log() const;
   void kill_hard();
   int terminate();  // the exit status after SIGTERM
 
  private:
+  int ended();  // waits for its end
+
   pid_t pid_ = -1;
+  int log_ = -1;
   uint16_t port_ = 0;
 };
 
@@ -61,6 +71,7 @@ class Socket {
   int fd() const { return fd_; }
   const sockaddr* addr() const { return reinterpret_cast<const sockaddr*>(&address_); }
   socklen_t addr_len() const { return sizeof address_; }
+  uint16_t port() const { return ntohs(address_.sin_port); }
   void shut();
 
  private:
@@ -102,6 +113,39 @@ class Subscriber : public Socket {
 // "1 /policy/lists/site-list/site@2 [A 5-9] preference=7": operation, path, level, keys, values. A
 // value stands after its node's name, "-" for a removed one, "name(" and ")" for a container.
 std::string describe(const t_yarrow_change& change);
+
+// Sets a variable of the environment, and takes it back.
+class Environment {
+ public:
+  Environment(const char* name, const std::string& value);
+  ~Environment();
+  Environment(const Environment&) = delete;
+  Environment& operator=(const Environment&) = delete;
+
+ private:
+  const char* name_;
+};
+
+// What stands in for an agent: listens on the loopback address, says and does as it is told. Its
+// process is this one.
+class FalseAgent {
+ public:
+  // Answers each frame that comes with the next of `answers`, as bytes, then nothing more.
+  explicit FalseAgent(std::vector<std::string> answers = {});
+  ~FalseAgent();
+  FalseAgent(const FalseAgent&) = delete;
+  FalseAgent& operator=(const FalseAgent&) = delete;
+
+  uint16_t port() const { return port_; }
+
+ private:
+  void serve(const std::vector<std::string>& answers);
+
+  int listener_;
+  uint16_t port_ = 0;
+  int stop_[2];
+  std::thread thread_;
+};
 
 // The error of a call that is to fail, with the agent's words, for comparing at a glance.
 std::string why(int status);

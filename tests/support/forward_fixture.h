@@ -51,11 +51,15 @@ class ForwardTest : public PolicyTest {
   }
 
   void TearDown() override {
+    drop_worker();
+    PolicyTest::TearDown();
+  }
+
+  void drop_worker() {
     take_requests();
     close(ctx->thread.read_fd);
     close(ctx->thread.write_fd);
     for (auto& lock : ctx->thread.locks) pthread_spin_destroy(&lock);
-    PolicyTest::TearDown();
   }
 
   t_pol_entry* sequence(uint32_t number, const char* policy = "p") {
@@ -63,10 +67,8 @@ class ForwardTest : public PolicyTest {
                                         static_cast<int32_t>(number));
   }
 
-  t_pol_entry* find(uint32_t number, const char* policy = "p", uint32_t kind = POL_KIND_DATA) {
-    t_pol_block* found = pol_block_find(ctx, policy, kind, nullptr);
-    auto* vpn = found != nullptr ? found->fwd_vpns.first() : nullptr;
-    return vpn != nullptr ? vpn->entries.find(&number) : nullptr;
+  t_pol_entry* find(uint32_t number) {
+    return block("p", POL_KIND_DATA)->fwd_vpns.first()->entries.find(&number);
   }
 
   void set_vpn(uint32_t number, uint64_t vpn) {
@@ -81,15 +83,12 @@ class ForwardTest : public PolicyTest {
   void set_list(uint32_t number, const char* name) {
     pol_fwd_entry_tloc_list_upd(ctx, "p", POL_KIND_DATA, "v", number, name);
   }
-  void set_service(uint32_t number, uint16_t service, uint8_t local = 0, uint8_t remove = 0) {
-    pol_fwd_entry_svc_upd(ctx, "p", POL_KIND_DATA, "v", number, service, local, remove);
+  void set_service(uint32_t number, uint16_t service, uint8_t local = 0) {
+    pol_fwd_entry_svc_upd(ctx, "p", POL_KIND_DATA, "v", number, service, local, 0);
   }
   void list_tloc(const char* name, const t_tloc_id& tloc, uint32_t preference = 0) {
     pol_tloc_list_add_entry(ctx, name, &tloc, preference);
   }
-
-  // A failed allocation is counted and never freed.
-  static void forgive(pol::MemType type) { ++g_pol_mem_info[type].frees; }
 
   static std::string printed_tloc(const t_tloc_id& tloc) {
     char buffer[128];
@@ -125,37 +124,9 @@ class ForwardTest : public PolicyTest {
     return taken;
   }
 
-  // The label sets queued, as "sequence@label: address:color:encapsulation=label, ", one a line;
-  // each must have its one fetch of the policy.
-  std::string labeled() {
-    std::ostringstream out;
-    std::vector<std::string> sets;
-    std::vector<std::string> fetches;
-    for (const Request& request : take_requests()) {
-      const t_pol_thread_queue_item& item = request.item;
-      if (request.queue == pol::QUEUE_LABEL_SET) {
-        const t_pol_label_set& labels = request.labels;
-        sets.emplace_back(labels.policy);
-        EXPECT_STREQ(labels.vpn_list, "v");
-        out << labels.sequence << "@" << labels.vpn_label << ":";
-        for (uint32_t i = 0; i < labels.count; ++i) {
-          out << " " << printed_tloc(labels.tlocs[i].tloc) << "=" << labels.tlocs[i].label;
-        }
-        out << "\n";
-      } else {
-        EXPECT_EQ(request.queue, unsigned{pol::QUEUE_LABEL_FETCH});
-        EXPECT_EQ(item.type, uint32_t{POL_XML_DATA_POLICY});
-        fetches.emplace_back(item.name);
-      }
-    }
-    EXPECT_EQ(sets, fetches);
-    return out.str();
-  }
-
   Host host;
   Calls calls;
 
- private:
   // The real one would work the requests away.
   void replace_worker() {
     t_pol_yarrow_thread& thread = ctx->thread;
@@ -166,6 +137,8 @@ class ForwardTest : public PolicyTest {
     thread.write_fd = ends[1];
     for (auto& lock : thread.locks) pthread_spin_init(&lock, PTHREAD_PROCESS_PRIVATE);
   }
+
+  static void set_host(Host* host) { host_ = host; }
 
   static uint32_t resolve(uint32_t one, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t vpn,
                           uint16_t service, uint8_t local, uint32_t* label, t_tloc_id* tloc,
@@ -192,5 +165,6 @@ class ForwardTest : public PolicyTest {
     return 0;
   }
 
+ private:
   static inline Host* host_ = nullptr;
 };

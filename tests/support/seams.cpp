@@ -41,17 +41,29 @@ void* __wrap_realloc(void* memory, size_t size) {
 }
 
 // The library's lines only: what else is linked into a test logs to other facilities.
-void __wrap_syslog(int priority, const char* format, ...) {
+static void keep_line(int priority, const char* format, va_list args) {
   if ((priority & LOG_FACMASK) != LOG_LOCAL7) return;
   if (seams::spinlocks_held != 0) abort();
   if (!g_all_threads && gettid() != getpid()) return;
   char line[4096];
-  va_list args;
-  va_start(args, format);
   vsnprintf(line, sizeof line, format, args);
-  va_end(args);
   std::lock_guard<std::mutex> hold(g_log_lock);
   g_log += std::to_string(priority) + " " + line;
+}
+
+void __wrap_syslog(int priority, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  keep_line(priority, format, args);
+  va_end(args);
+}
+
+// What hardened code calls instead.
+void __wrap___syslog_chk(int priority, int /*flag*/, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  keep_line(priority, format, args);
+  va_end(args);
 }
 }
 

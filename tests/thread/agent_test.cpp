@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -22,16 +24,16 @@
 namespace {
 
 std::atomic<int> g_waits{0};
-std::function<void(int)> g_on_wait;  // of the calling thread's waits; none while the worker waits
+std::function<void(int)> g_on_wait;  // set while nobody waits
 std::string g_show_file;
 
 }  // namespace
 
 // NOLINTBEGIN: names of the linker's
 extern "C" {
-bool __wrap_pol_thread_wait(t_pol_yarrow_thread* thread, unsigned) {
+bool __wrap_pol_thread_wait(t_pol_yarrow_thread* /*thread*/, unsigned /*seconds*/) {
   int count = ++g_waits;
-  if (thread == nullptr && g_on_wait) g_on_wait(count);
+  if (g_on_wait) g_on_wait(count);
   return true;
 }
 // The show data's file lies where tests may write.
@@ -229,6 +231,38 @@ TEST_F(RealAgentTest, LabelSetsReplaceWhatTheSequenceHad) {
   EXPECT_EQ(g_waits, 0);
 }
 
+// The worker applies one transaction until the lock is free; by then what it labels is gone.
+TEST_F(RealAgentTest, ALabelForASequenceDeletedWhileTheWorkerWaitsBringsNothingBack) {
+  const std::string list = std::string("/policy/data-policy") + kKey + "/vpn-list{V}/sequence";
+  ASSERT_EQ(
+      why(session_.commit(document(kinds()[0],
+                                   "<vpn-list><name>V</name><sequence><number>10</number><match>"
+                                   "<app-list>a</app-list></match></sequence></vpn-list>"))),
+      "ok");
+  test::Session other(agent_.port());
+  ASSERT_EQ(why(maapi_lock(other.fd(), MAAPI_CANDIDATE)), "ok");
+  g_on_wait = [&](int waits) {
+    if (waits != 2) return;
+    EXPECT_EQ(why(other.commit_edits({{list + "{10}", nullptr}})), "ok");
+    EXPECT_EQ(why(maapi_unlock(other.fd(), MAAPI_CANDIDATE)), "ok");
+  };
+  pol_debug_set(1);
+  seams::take_log();
+  auto* item = pol::alloc<t_pol_thread_queue_item>(pol::MEM_THREAD_ITEM);
+  pol::copy_name(item->label_set.policy, kName);
+  pol::copy_name(item->label_set.vpn_list, "V");
+  item->label_set.sequence = 10;
+  item->label_set.vpn_label = 1000;
+  pol::thread_push(&ctx->thread, pol::QUEUE_LABEL_SET, item);
+  wait_until_idle();
+  const std::string log = seams::take_log();
+  pol_debug_set(0);
+  EXPECT_NE(log.find("sequence{10}: was deleted meanwhile"), std::string::npos) << log;
+  EXPECT_NE(log.find("Failed on multiple retries for queue 0"), std::string::npos) << log;
+  EXPECT_EQ(count(list.c_str()), 0);
+  EXPECT_EQ(maapi_commit_id(session_.fd()), 2) << "the policy, and the deletion of its sequence";
+}
+
 TEST_F(RealAgentTest, ShowDataIsPublishedCountedAndCleared) {
   EXPECT_EQ(pol_show_fwd_policy_yarrow_delete(), POL_OK) << "nothing is there yet";
   std::string lists;
@@ -290,6 +324,21 @@ TEST_F(RealAgentTest, AnAgentThatDiesFailsItsRequestsOnly) {
   EXPECT_EQ(cached(4), text);
   EXPECT_EQ(pol_show_fwd_policy_yarrow_delete(), POL_EAGENT);
   EXPECT_EQ(pol_fwd_policy_yarrow_delete(), POL_EAGENT);
+}
+
+TEST_F(RealAgentTest, AnAgentThatHangsHoldsUpTheEndForOneTimeLimitAlone) {
+  const test::Environment with(YARROW_TIMEOUT_VARIABLE, "1");
+  pol_xml_config_find_or_create(4, kName);
+  ASSERT_EQ(why(session_.commit(document(kinds()[3], kinds()[3].first))), "ok");
+  fetch(4, kName);
+  kill(agent_.pid(), SIGSTOP);
+  for (int i = 0; i < 5; ++i) pol::thread_push_fetch(&ctx->thread, pol::QUEUE_FETCH, 4, kName);
+  usleep(100'000);  // the worker waits for an answer
+  const auto begin = std::chrono::steady_clock::now();
+  pol_destroy();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(2'500));
+  kill(agent_.pid(), SIGCONT);
+  init();
 }
 
 }  // namespace

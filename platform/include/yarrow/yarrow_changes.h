@@ -45,14 +45,14 @@ enum {
 
 /* Connects a fresh stream socket and subscribes it to the configuration below the path ("/": all).
  * With YARROW_SUB_INITIAL the first batch comes even if it is empty, and no commit is missed after
- * it. */
+ * it. Reads the schema too (yarrow_load_schemas): batches are checked against it. */
 int yarrow_sub_connect(int sock, const struct sockaddr* addr, socklen_t addr_len, const char* path,
                        unsigned flags);
 
 /* Waits for the next batch, at most `timeout_ms` (negative: without limit), and hands it out; the
  * caller frees it with yarrow_batch_free. Returns 1 with a batch, 0 when the time is over before
  * one began, YARROW_EOF when the agent has closed, YARROW_ERR when the connection is of no further
- * use. */
+ * use: a key or value of another type than its node's is such an error, named by path. */
 int yarrow_sub_read(int sock, int timeout_ms, t_yarrow_batch** batch);
 
 void yarrow_batch_free(t_yarrow_batch* batch);

@@ -8,9 +8,13 @@
  * maapi_end_user_session, maapi_close. Closing the socket, or the death of the process, ends all of
  * it: unapplied edits are dropped and locks are let go.
  *
+ * A candidate is private to its session: running, as it is at each moment, with what the session
+ * applied. A commit takes that alone; it is gone once the session or its connection ends.
+ *
  * A transaction sees its datastore as it was when it started, plus its own edits. Two transactions
  * on one datastore do not see one another; edits of both survive unless they touch the same node,
- * where the later apply wins.
+ * where the later apply or commit wins. An edit below an entry that was deleted meanwhile is refused
+ * with YARROW_ERR_INVALID and the entry's path.
  */
 #ifndef YARROW_MAAPI_H
 #define YARROW_MAAPI_H
@@ -25,7 +29,7 @@ extern "C" {
 
 /* Datastores. */
 typedef enum t_maapi_datastore {
-  MAAPI_CANDIDATE = 1,  /* what the next commit makes running; shared by all sessions */
+  MAAPI_CANDIDATE = 1,  /* what the session's next commit makes running */
   MAAPI_RUNNING = 2,    /* survives restarts; a write transaction commits as it is applied */
   MAAPI_OPERATIONAL = 4 /* state data; empty when the agent starts */
 } t_maapi_datastore;
@@ -106,14 +110,16 @@ int maapi_validate_trans(int sock, int trans);
  * lock is YARROW_ERR_LOCKED: nothing is written, and the same call may be made again. */
 int maapi_apply_trans(int sock, int trans, int keep_open);
 
-/* Makes the candidate the running configuration, all or nothing: checked, written to disk, then
- * told to the subscribers. Refused, it leaves running and candidate as they are. */
+/* Brings the candidate's edits into the running configuration, all or nothing: checked, written to
+ * disk, then told to the subscribers. Refused, it leaves running as it is and drops the edits, so
+ * that the session starts afresh; YARROW_ERR_LOCKED alone keeps them, and the same call may be made
+ * again. */
 int maapi_candidate_commit(int sock);
 
 /* Checks the candidate as a commit would, without one. */
 int maapi_candidate_validate(int sock);
 
-/* Makes the candidate equal to running. */
+/* Discards the candidate's edits. */
 int maapi_candidate_reset(int sock);
 
 /* Puts running as it was `back` commits ago (1: before the last; at most 50) into the candidate; a
@@ -143,7 +149,8 @@ int yarrow_stream_connect(int sock, const struct sockaddr* addr, socklen_t addr_
 int maapi_save_config_result(int sock, int id);
 
 /* Loads a file into the transaction. Text that is refused changes nothing; lasterr names every
- * reason with its line and path. Without MERGE and REPLACE the text becomes all that the datastore
+ * reason with its line and path. Elements may carry the operations of RFC 6241, section 7.2. What
+ * stands twice is refused. Without MERGE and REPLACE the text becomes all that the datastore
  * holds. */
 int maapi_load_config(int sock, int trans, unsigned flags, const char* file_name);
 

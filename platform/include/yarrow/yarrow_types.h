@@ -33,12 +33,29 @@ extern "C" {
 #define YARROW_PRINTF(at, first)
 #endif
 
-/* Where the agent listens unless told otherwise. */
+/* Where the agent listens unless told otherwise: a port of the loopback address, and a Unix socket. */
 #define YARROW_PORT 3010
+#define YARROW_PATH "/run/yarrow/agent.sock"
 
-/* Names the environment variable that replaces the port of every connect call, so that several
- * agents can run side by side on one machine. */
+/* Environment variables that every connect call looks at, except in a program that runs with more
+ * rights than its user:
+ * - the path of the Unix socket to take instead of the usual address (127.0.0.1, port YARROW_PORT);
+ * - the port to take instead of any address's, so that several agents can run side by side;
+ * - the id of a user whose agent is trusted, beside root's and one of the process's own user;
+ * - the time limit of a call, in seconds, 1 to 3600.
+ *
+ * A call for the usual address goes to the path that is named, else to the port that is named, else
+ * to YARROW_PATH if an agent listens there, else to the address. To reach a Unix socket, the
+ * descriptor that was handed in is made to name a socket of that kind: it keeps its number and
+ * whether it closes on exec and blocks, and loses other options and what polls it through epoll. */
+#define YARROW_PATH_VARIABLE "YARROW_IPC_PATH"
 #define YARROW_PORT_VARIABLE "YARROW_IPC_PORT"
+#define YARROW_UID_VARIABLE "YARROW_IPC_UID"
+#define YARROW_TIMEOUT_VARIABLE "YARROW_IPC_TIMEOUT"
+
+/* Seconds that one call waits for the agent. A connect call sets them as the socket's receive and
+ * send time limits (SO_RCVTIMEO, SO_SNDTIMEO), where its user may change them; 0: for ever. */
+#define YARROW_TIMEOUT 60
 
 #define YARROW_OK 0
 #define YARROW_ERR (-1)
@@ -54,12 +71,13 @@ typedef enum t_yarrow_error {
   YARROW_ERR_BADVALUE = 4, /* a value that its leaf's type refuses */
   YARROW_ERR_INVALID = 5,  /* validation refused the configuration; lasterr names every reason */
   YARROW_ERR_PROTOCOL = 6, /* a call out of order, a bad handle, or an answer that makes no sense */
-  YARROW_ERR_MALFORMED = 7,    /* text that cannot be parsed; lasterr names the lines */
-  YARROW_ERR_ACCESS = 8,       /* refused: peer of another uid, read-only transaction, state data */
-  YARROW_ERR_OS = 9,           /* a system call failed; lasterr holds its text */
-  YARROW_ERR_LOCKED = 10,      /* another session holds the lock */
-  YARROW_ERR_TOOBIG = 11,      /* a text, a path or an answer beyond the agent's limits */
-  YARROW_ERR_NOTCONNECTED = 12 /* not connected, or the agent has gone */
+  YARROW_ERR_MALFORMED = 7, /* text that cannot be parsed; lasterr names the lines */
+  YARROW_ERR_ACCESS = 8,    /* refused: peer of another uid, read-only transaction, state data */
+  YARROW_ERR_OS = 9,        /* a system call failed; lasterr holds its text */
+  YARROW_ERR_LOCKED = 10,   /* another session holds the lock */
+  YARROW_ERR_TOOBIG = 11,   /* a text, a path or an answer beyond the agent's limits */
+  YARROW_ERR_NOTCONNECTED = 12, /* not connected, or the agent has gone */
+  YARROW_ERR_TIMEOUT = 13       /* the agent did not answer in time; the socket is of no more use */
 } t_yarrow_error;
 
 /* The reason of the calling thread's last failed call; calls that succeed leave it as it is. */

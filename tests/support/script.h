@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// script.h - calls of the library read from a golden's input, a call a line; after each line stands
+// what it answered, whom it told, what it asked of the worker and how the state differs from before.
+// Parts, one after a blank line, start with a context of their own; at a part's end every counted
+// allocation must be free again. What a line may say is told above the words of script.cpp.
+#pragma once
+
+#include <deque>
+#include <functional>
+
+#include "support/cfg_values.h"
+#include "support/forward_fixture.h"
+
+class ScriptTest : public ForwardTest {
+ public:
+  // The words of a call, taken one by one, and what they became.
+  struct Args {
+    ScriptTest* script;
+    std::vector<std::string> words;
+    size_t next = 1;
+    int fail = 0;  // the allocation that fails, from 1
+    bool failed = false;
+    std::deque<std::string> texts = {};
+    std::deque<t_tloc_id> tlocs = {};
+    std::deque<t_ipaddr> addresses = {};
+    std::deque<t_pol_pfx_record> prefixes = {};
+
+    bool more() const { return next < words.size(); }
+    std::string take() { return more() ? words[next++] : "''"; }
+    const char* text();
+    uint64_t number();
+  };
+
+  t_pol_ctx* context() const { return given_; }
+  t_pol_block* block_at(const std::string& path);
+  t_pol_entry* entry_at(const std::string& path);
+  t_pol_user*& user_at(const std::string& name) { return users_[name].handle; }
+  uint8_t* changed_flag() { return &changed; }
+
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // Compares what <name>.in does with <name>.ok.
+  void run(const std::string& name);
+
+ private:
+  struct User {
+    ScriptTest* script = nullptr;
+    t_pol_user* handle = nullptr;
+    std::string name;
+    std::vector<std::string> then;  // what it does on being told
+  };
+
+  void start();
+  void end();
+  void line(const std::string& text);
+  void execute(const std::vector<std::string>& words);
+  bool own_word(Args& args);
+  bool report(Args& args);
+  void registers(Args& args);
+  void crash(const std::vector<std::string>& words);
+  void say(const std::string& text) { said_ += "    " + text + "\n"; }
+  void graph();
+  void say_requests();
+  void say_difference();
+  std::vector<std::string> state();
+  static void was_told(t_pol_user* handle, uint64_t arg);
+
+  std::string said_;
+  std::vector<std::string> state_;
+  std::map<std::string, User> users_;
+  t_pol_list_user* outside_ = nullptr;
+  t_pol_fwd_user* left_ = nullptr;
+  t_pol_ctx* given_ = nullptr;
+};
+
+// The calls that scripts know, by the names of the functions without their "pol_". Each takes its
+// words by the types of its parameters; a context and a change flag are not written.
+namespace script {
+
+// Answers with the status if it is not 0, or "null" where nothing comes back.
+std::string call(ScriptTest::Args& args);
+
+// Reports to the reader at its own level, or at the level that is given.
+uint32_t report(const std::string& reader, t_pol_ctx* ctx, uint32_t operation, int level,
+                const cfg::Keys& keys, uint32_t count, const cfg::Leaves& leaves,
+                ScriptTest::Args* args);
+
+// address:color:encapsulation
+t_tloc_id tloc(const std::string& text);
+
+}  // namespace script
