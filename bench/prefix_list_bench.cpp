@@ -36,6 +36,7 @@ ListWork& list_work(Spread spread, size_t count) {
     work->routes = make_routes(work->elements, kRoutes, 2);
     add_to_list(name, work->elements);
     match_list(&work->rig, 10, name);
+    work->rig.tell();
   }
   return *work;
 }
@@ -62,6 +63,38 @@ void list_walked(benchmark::State& state, Spread spread, size_t count) {
   for (auto step : state) {
     benchmark::DoNotOptimize(walk_matches(work.elements, work.routes[at++ % work.routes.size()]));
   }
+}
+
+// The same in one call for many.
+void list_batch(benchmark::State& state, size_t count) {
+  const ListWork& work = list_work(Spread::kRandom, count);
+  constexpr uint32_t kBatch = 64;
+  const t_pol_route_attr attr = attributes();
+  std::vector<t_pol_route_query> queries(kBatch, query_for(&attr));
+  uint32_t actions[kBatch];
+  size_t at = 0;
+  for (auto step : state) {
+    for (t_pol_route_query& query : queries) query.prefix = work.routes[at++ % work.routes.size()];
+    pol_execute_batch(work.rig.user, queries.data(), kBatch, actions);
+    benchmark::DoNotOptimize(actions[0]);
+  }
+  state.counters["each"] = kBatch;
+}
+
+// What the batch is beside: as many queries, one call each.
+void list_one_by_one(benchmark::State& state, size_t count) {
+  const ListWork& work = list_work(Spread::kRandom, count);
+  constexpr uint32_t kBatch = 64;
+  const t_pol_route_attr attr = attributes();
+  std::vector<t_pol_route_query> queries(kBatch, query_for(&attr));
+  size_t at = 0;
+  for (auto step : state) {
+    for (t_pol_route_query& query : queries) query.prefix = work.routes[at++ % work.routes.size()];
+    for (t_pol_route_query& query : queries) {
+      benchmark::DoNotOptimize(pol_execute(work.rig.user, &query));
+    }
+  }
+  state.counters["each"] = kBatch;
 }
 
 void floor(benchmark::State& state) {
@@ -94,6 +127,7 @@ CountryWork& country_work() {
       match_list(&made->rigs.emplace_back("W1r-" + country.name), 10, country.name);
       match_list(&made->together, ++sequence, country.name);
     }
+    made->together.tell();
     Random random(3);
     while (made->questions.size() < kRoutes * 2) {
       uint32_t home = random.below(static_cast<uint32_t>(lists.size()));
@@ -161,6 +195,11 @@ void register_prefix_lists() {
       name += "/walk";
       benchmark::RegisterBenchmark(name.c_str(), list_walked, spread, count);
     }
+  }
+  for (size_t count : {1000u, 100000u}) {
+    const std::string name = "batch/" + std::to_string(count);
+    benchmark::RegisterBenchmark(name.c_str(), list_batch, count);
+    benchmark::RegisterBenchmark((name + "/one").c_str(), list_one_by_one, count);
   }
   benchmark::RegisterBenchmark("W1r", countries);
   benchmark::RegisterBenchmark("W1r/walk", countries_walked);

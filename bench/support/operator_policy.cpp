@@ -34,6 +34,7 @@ OperatorPolicy* make() {
     add_clauses(policy->rig.add_sequence(10 + number * 10), number, list);
     hits.push_back(make_routes(elements, 512, 200 + number));
   }
+  policy->rig.tell();
   for (size_t i = 0; i < 8192; ++i) {
     uint32_t number = random.below(kSequences);
     const auto& prefixes = hits[number];

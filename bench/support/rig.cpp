@@ -45,6 +45,8 @@ Rig::Rig(const std::string& name) {
   if (user == nullptr || policy == nullptr) abort();
 }
 
+void Rig::tell() const { pol_user_chg_list_notify_all(context()); }
+
 t_pol_entry* Rig::add_sequence(uint32_t number) {
   uint8_t changed = 0;
   t_pol_entry* entry = pol_entry_find_or_create(context(), policy, number, &changed);

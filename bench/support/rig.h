@@ -23,6 +23,8 @@ double seconds(const std::function<void()>& work);
 struct Rig {
   explicit Rig(const std::string& name);
 
+  // Ends the changes to the policy as a host does, so that users are told of them.
+  void tell() const;
   // Sequence `number`: matches routes, accepts; clauses are the caller's to add.
   t_pol_entry* add_sequence(uint32_t number);
 

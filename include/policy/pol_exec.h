@@ -51,6 +51,13 @@ POL_API uint32_t pol_execute(t_pol_user* user, t_pol_route_query* query);
  * null. */
 POL_API uint32_t pol_exec_route(t_pol_user* user, t_pol_route_query* query);
 
+/* An addition to the interface: as many calls of pol_execute, in order, with the answers in `actions`,
+ * in less time: what the next queries need from memory is fetched while others are evaluated. The
+ * resolution callback is called in the order of the queries. Rejects all for a null user; does nothing
+ * without queries or without `actions`. */
+POL_API void pol_execute_batch(t_pol_user* user, t_pol_route_query* queries, uint32_t count,
+                               uint32_t* actions);
+
 /* Frees the VPN array when the query's kind is 3. The pointer is not cleared: the query is
  * finished. */
 POL_API void pol_post_execute(t_pol_route_query* query);

@@ -44,6 +44,10 @@ enum MemType : uint32_t {
   MEM_APP_ID = 32,
 };
 
+// What pol_malloc and pol_free count, for memory that comes from elsewhere.
+void count_allocation(uint32_t type);
+void count_free(uint32_t type);
+
 // A zero-filled record, or null.
 template <class T>
 [[nodiscard]] T* alloc(MemType type) {

@@ -13,6 +13,7 @@
 #include "base/pol_name.h"
 #include "core/pol_clause_internal.h"
 #include "core/pol_context_internal.h"
+#include "core/pol_policy_index.h"
 #include "policy/pol_clause.h"
 #include "policy/pol_fwd_block.h"
 #include "policy/pol_xml_config.h"
@@ -60,6 +61,7 @@ void block_delete(t_pol_ctx* ctx, t_pol_block* block) {
   if (block->kind == POL_KIND_CFLOWD) {
     pol_xml_config_find_and_delete(POL_XML_CFLOWD_TEMPLATE, block->name);
   }
+  pol::policy_index_drop(ctx, block);
   pol::block_free(block);
 }
 
@@ -265,6 +267,7 @@ t_pol_entry* pol_entry_find_or_create(t_pol_ctx* ctx, t_pol_block* block, uint32
   pol::entry_reset(entry, block);
   block->entries.insert(entry, where);
   block->in_order.insert_after(block->entries.previous(entry), entry);
+  pol::policy_index_stale(ctx, block);
   pol::mark_changed(changed);
   pol_block_users_add_to_chg_list(ctx, block);
   return entry;
@@ -278,6 +281,7 @@ void pol_entry_find_and_delete(t_pol_ctx* ctx, t_pol_block* block, uint32_t sequ
   pol_block_users_add_to_chg_list(ctx, block);
   block->entries.remove(entry);
   block->in_order.remove(entry);
+  pol::policy_index_stale(ctx, block);
   pol_free(entry, pol::MEM_ENTRY);
   pol::mark_changed(changed);
 }

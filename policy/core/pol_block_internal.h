@@ -107,6 +107,10 @@ enum pol_sets : uint8_t {
   POL_SETS_FWD_TLOC_LIST = 0x20,
 };
 
+namespace pol {
+struct PolicyIndex;
+}
+
 struct t_pol_block {
   char name[POL_NAME_SIZE];  // first: the tree's key
   avl_node link;
@@ -125,9 +129,15 @@ struct t_pol_block {
   uint8_t text_gone;  // of a forwarding policy: its text was taken out of the XML cache for good
   pol::BlockUsers users;
   pol::UnqueuedUsers unqueued;
+  uint8_t index_due;        // the index is to be made (anew)
+  pol::PolicyIndex* index;  // null: evaluation walks; owned
+  pol::TailLink<t_pol_block> index_link;
 };
 
 namespace pol {
+
+// Policies whose index is to be made when the batch is told.
+using IndexQueue = TailQueue<t_pol_block, &t_pol_block::index_link>;
 
 // A caller need not want to know.
 inline void mark_changed(uint8_t* changed) {

@@ -8,6 +8,7 @@
 
 #include "base/pol_crash.h"
 #include "core/pol_context_internal.h"
+#include "core/pol_policy_index.h"
 #include "policy/pol_clause.h"
 #include "policy/pol_color_list.h"
 #include "policy/pol_pfx_list.h"
@@ -22,6 +23,8 @@ using pol::Caller;
 pol::ClauseSite match_site(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed,
                            Caller from = Caller::here()) {
   if (pol::is_forwarding(*entry)) pol::crash("a match clause of a forwarding sequence", from);
+  // Before the clause is touched, because one that fails half way is touched all the same.
+  pol::policy_index_stale(ctx, entry->block);
   return {ctx, entry, &entry->match_flags, changed};
 }
 

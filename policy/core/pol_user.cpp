@@ -16,6 +16,7 @@
 #include "base/pol_name.h"
 #include "core/pol_block_internal.h"
 #include "core/pol_context_internal.h"
+#include "core/pol_policy_index.h"
 #include "policy/pol_block.h"
 
 namespace {
@@ -178,6 +179,7 @@ t_pol_block* pol_block_user_add(t_pol_ctx* ctx, const char* policy_name, uint32_
   user->place = ++ctx->places;
   block->users.push_back(user);
   if ((user->flags & POL_USER_QUEUED) == 0) block->unqueued.add(user);
+  pol::policy_index_refresh(ctx, block);
   return block;
 }
 
@@ -210,6 +212,7 @@ void pol_block_users_add_to_chg_list(t_pol_ctx* ctx, t_pol_block* block) {
 
 void pol_user_chg_list_notify_all(t_pol_ctx* ctx) {
   if (ctx == nullptr || !may_notify(ctx)) return;
+  pol::policy_index_refresh_all(ctx);
   // Users queued from now on stand behind the batch and wait, or two callbacks that change each
   // other's policy would never end.
   uint64_t next_batch = ++ctx->batch;
@@ -221,11 +224,13 @@ void pol_user_chg_list_notify_all(t_pol_ctx* ctx) {
 
 void pol_user_notify(t_pol_ctx* ctx, t_pol_user* user) {
   if (ctx == nullptr || user == nullptr || !may_notify(ctx)) return;
+  pol::policy_index_refresh_all(ctx);
   call_back(ctx, user);
 }
 
 void pol_block_user_notify_all(t_pol_ctx* ctx, t_pol_block* block) {
   if (ctx == nullptr || block == nullptr || !may_notify(ctx)) return;
+  pol::policy_index_refresh_all(ctx);
   for (t_pol_user* user = block->users.front(); user != nullptr; user = ctx->notify_next) {
     ctx->notify_next = pol::BlockUsers::next(user);
     call_back(ctx, user);

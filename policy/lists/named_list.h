@@ -46,7 +46,8 @@ struct NamedHead {
   // On purpose: a clause whose new list could not be had still refers to the one that it left,
   // without being its user, until one of the two goes.
   UserQueue stale;
-  bool in_document;  // only while a document is put together: it has the object's text
+  uint32_t enrolled;  // generation of the family's directory that has its elements; 0: none
+  bool in_document;   // only while a document is put together: it has the object's text
   // Frees the list unless elements or users hold it.
   void (*free_if_unused)(t_pol_ctx* ctx, NamedHead* list);
 };
@@ -135,9 +136,13 @@ inline bool is_stale(const t_pol_clause_user& user) {
   return user.list != nullptr && user.queue == &user.list->stale;
 }
 
+// The policy's index may name lists that its clauses leave (core/pol_policy_index.h).
+void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block);
+
 // A user of one list, in one role, at a time: it leaves any other.
 inline void user_add(t_pol_ctx* ctx, NamedHead* list, UserQueue& queue, t_pol_clause_user* user) {
   if (user->queue == &queue) return;
+  policy_index_stale(ctx, user->block);
   NamedHead* left = user->list != list && !is_stale(*user) ? user->list : nullptr;
   if (user->queue != nullptr) user->queue->remove(user);
   queue.push_back(user);
@@ -152,6 +157,7 @@ enum class Leaving { kForgets, kStaysStale };
 // REQUIRES: it is on one.
 inline void user_leave(t_pol_ctx* ctx, t_pol_clause_user* user, Leaving leaving) {
   NamedHead* list = user->list;
+  policy_index_stale(ctx, user->block);
   user->queue->remove(user);
   if (leaving == Leaving::kStaysStale) {
     list->stale.push_back(user);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/range_set.h"
+#include "base/record_pool.h"
 #include "lists/named_list.h"
 #include "lists/pol_pfx_index.h"
 
@@ -15,6 +16,7 @@ struct t_site_entry {
 
 struct t_site_list {
   pol::NamedHead head;
+  pol::RecordPool<t_site_entry, pol::MEM_SITE_ENTRY> records;
   pol::RangeSet entries;
   pol::UserQueue pol_users;
   t_pol_list_user* list_user;
@@ -39,6 +41,7 @@ struct t_vpn_list {
 
   pol::NamedHead head;
   uint8_t changed;  // the agent's text of the list must be fetched again
+  pol::RecordPool<t_pol_vpn_entry, pol::MEM_VPN_ENTRY> records;
   pol::RangeSet entries;
   pol::UserQueue match_users;
   pol::UserQueue action_users;
@@ -100,6 +103,7 @@ struct t_color_list {
 
 struct t_pfx_list {
   pol::NamedHead head;
+  pol::RecordPool<t_pfx_entry, pol::MEM_PFX_ENTRY> records;
   pol::TailQueue<t_pfx_entry, &t_pfx_entry::link> entries;
   pol::PfxIndex index;
   pol::UserQueue users;

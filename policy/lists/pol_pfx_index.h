@@ -4,26 +4,21 @@
 // prefix, without walking them.
 //
 // What an element asks of a prefix that lies in it is an interval of lengths, whatever the operator. So the
-// index is a multibit trie (six address bits a node, children and elements of a node in two arrays packed by
-// bitmap) with the element and its interval at its place; a query reads one node every six bits of its path.
-// Elements that share a place (they differ in host bits only) are counted length by length.
+// index is a trie (base/prefix_trie.h) with the element and its interval at its place. Elements that share a
+// place (they differ in host bits only) are counted length by length.
 //
 // The trie finds an element by its prefix, too, where it is the first at its place. All others are in a tree
 // by prefix: later ones at a shared place, those that take every family, and those of families without a
 // trie. Adding or removing an element touches one path and allocates uncounted memory. An index of all zero
 // bytes is empty.
 //
-// Invariants
-//   1. A node other than a root holds an element or has a child.
-//   2. Bit n of `prefixes` is set when slot popcount(prefixes below n) is the element at place n: the places
-//      of relative length k are 2^k - 1 up to 2^(k+1) - 2, ordered by their k bits. `below` likewise for
-//      children, by the next six bits.
-//   3. An element is in `others_` exactly when it is not the first of a place in a trie.
+// Invariant: an element is in `others_` exactly when it is not the first of a place in a trie.
 #pragma once
 
 #include <cstdint>
 
 #include "base/avl_tree.h"
+#include "base/prefix_trie.h"
 #include "base/tail_queue.h"
 #include "policy/pol_types.h"
 
@@ -39,6 +34,30 @@ struct t_pfx_entry {
 
 namespace pol {
 
+// Lengths of prefixes; none when low is above high.
+struct Interval {
+  uint8_t low;
+  uint8_t high;
+};
+
+// The lengths that the element takes among prefixes that lie in it: none is below its own.
+Interval pfx_lengths_of(const t_pfx_entry& element);
+// Elements 0/0 with an operator on the bounds take prefixes of every family by length alone.
+bool pfx_takes_every_family(const t_pfx_entry& element);
+
+// Addresses as their bits from the top of the word.
+inline uint64_t pfx_bits_v4(const t_ipaddr& addr) { return uint64_t{addr.addr.v4} << 32; }
+
+inline Bits128 pfx_bits_v6(const t_ipaddr& addr) {
+  Bits128 bits = 0;
+  for (uint8_t byte : addr.addr.v6) bits = (bits << 8) | byte;
+  return bits;
+}
+
+// As PfxIndex::fetch, for any tries over prefixes.
+void pfx_fetch(const TrieCell* v4, const TrieCell* v6, const t_ipprefix* const* prefixes,
+               unsigned count);
+
 class PfxIndex {
  public:
   // The element with that address and length. Meeting one of the prefix's own family that is neither IPv4 nor
@@ -51,6 +70,9 @@ class PfxIndex {
   // Gives an element that was added the operator and bounds of `how`; false as add.
   [[nodiscard]] bool change(t_pfx_entry* element, const t_pol_pfx_record& how);
   bool matches(const t_ipprefix& prefix) const;
+  // Has the memory fetched that `matches` is about to read for these prefixes, at most kFetched.
+  static constexpr unsigned kFetched = 16;
+  void fetch(const t_ipprefix* const* prefixes, unsigned count) const;
   // Forgets all elements.
   void clear();
 
@@ -64,34 +86,15 @@ class PfxIndex {
     Counts counts;
   };
 
-  struct Slot {
-    union {
-      t_pfx_entry* element;
-      SharedPlace* place;
-    };
-    bool shared;  // `place` counts, else `element` stands alone
-    uint8_t low;  // alone, it takes lengths low to high; none when low is above high
-    uint8_t high;
-  };
-
-  struct Node {
-    uint64_t prefixes;
-    uint64_t below;
-    Slot* slots;
-    Node* children;
-  };
-
   struct Other {
     avl_node link;
     t_pfx_entry* element;
   };
 
-  struct Interval {
-    uint8_t low;
-    uint8_t high;
-  };
-
  private:
+  TrieCell* cell_find(const t_ipaddr& addr, unsigned length) const;
+  TrieCell* cell_find_or_add(const t_ipaddr& addr, unsigned length);
+  void cell_remove(const t_ipaddr& addr, unsigned length);
   bool add_other(t_pfx_entry* element);
   void remove_other(const t_pfx_entry* element);
   // An element that changes places is `listed` in others_ already, or stays so.
@@ -101,10 +104,10 @@ class PfxIndex {
   void leave_trie(const t_pfx_entry* element, Interval lengths, bool stays_listed);
   t_pfx_entry* first_at(const t_ipaddr& addr, uint8_t length) const;
 
-  Node v4_;
-  Node v6_;
-  // Elements 0/0 with an operator on the bounds take prefixes of every family by length alone.
-  Counts* any_;
+  Arena arena_;
+  PrefixTrie<uint64_t> v4_;
+  PrefixTrie<Bits128> v6_;
+  Counts* any_;      // of elements that take every family
   bool has_others_;  // and so a tree that was made
   AvlTree<Other> others_;
 };

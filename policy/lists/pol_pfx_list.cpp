@@ -16,9 +16,12 @@
 
 namespace {
 
-void free_entries(t_pfx_list* list) {
+void free_entries(t_pol_ctx* ctx, t_pfx_list* list) {
   list->index.clear();
-  while (t_pfx_entry* entry = list->entries.pop_front()) pol_free(entry, pol::MEM_PFX_ENTRY);
+  while (t_pfx_entry* entry = list->entries.pop_front()) {
+    pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
+    list->records.give(entry);
+  }
   if (!list->entries.empty()) pol::crash("elements are left in a prefix list that was emptied");
 }
 
@@ -29,8 +32,8 @@ void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
   if (unused(*list)) pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
 }
 
-void release(t_pol_ctx* /*ctx*/, t_pfx_list* list) {
-  free_entries(list);
+void release(t_pol_ctx* ctx, t_pfx_list* list) {
+  free_entries(ctx, list);
   if (!list->users.empty()) pol::crash("a policy still uses a prefix list that goes");
   pol::named_release(list, pol::MEM_PFX_LIST);
 }
@@ -53,8 +56,8 @@ t_pfx_entry* find_entry(t_pol_ctx* ctx, const char* name, const t_pol_pfx_record
 }
 
 // A new element with its place in the index, or null and nothing changed.
-t_pfx_entry* entry_create(t_pfx_list* list, const t_pol_pfx_record& record) {
-  auto* entry = pol::alloc<t_pfx_entry>(pol::MEM_PFX_ENTRY);
+t_pfx_entry* entry_create(t_pol_ctx* ctx, t_pfx_list* list, const t_pol_pfx_record& record) {
+  auto* entry = list->records.make();
   if (entry == nullptr) return nullptr;
   entry->addr.family = record.prefix.addr.family;
   if (record.prefix.addr.family == KEL_AF_INET) {
@@ -67,10 +70,11 @@ t_pfx_entry* entry_create(t_pfx_list* list, const t_pol_pfx_record& record) {
   entry->min = record.min;
   entry->max = record.max;
   if (!list->index.add(entry)) {
-    pol_free(entry, pol::MEM_PFX_ENTRY);
+    list->records.give(entry);
     return nullptr;
   }
   list->entries.push_back(entry);
+  pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, true);
   return entry;
 }
 
@@ -98,8 +102,11 @@ uint32_t pol_pfx_list_entry_add(t_pol_ctx* ctx, const char* name, const t_pol_pf
   if (list == nullptr) return POL_ENOMEM;
   t_pfx_entry* entry = list->index.find(record->prefix);
   if (entry != nullptr) {
+    const t_pfx_entry before = *entry;
     if (!list->index.change(entry, *record)) return POL_ENOMEM;
-  } else if (entry_create(list, *record) == nullptr) {
+    pol::directory_prefix(&ctx->directories.pfx, list->head, before, false);
+    pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, true);
+  } else if (entry_create(ctx, list, *record) == nullptr) {
     if (created != 0) {
       if (!unused(*list)) pol::crash("a prefix list that was not made after all is in use");
       pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
@@ -115,9 +122,10 @@ uint32_t pol_pfx_list_del_entry(t_pol_ctx* ctx, const char* name, const t_pol_pf
   t_pfx_list* list = nullptr;
   t_pfx_entry* entry = find_entry(ctx, name, *record, &list);
   if (entry == nullptr) return POL_OK;
+  pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
   list->index.remove(entry);
   list->entries.remove(entry);
-  pol_free(entry, pol::MEM_PFX_ENTRY);
+  list->records.give(entry);
   tell_all(ctx, *list);
   return POL_OK;
 }
@@ -125,7 +133,7 @@ uint32_t pol_pfx_list_del_entry(t_pol_ctx* ctx, const char* name, const t_pol_pf
 uint32_t pol_pfx_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   t_pfx_list* list = pol::named_find(ctx, &t_pol_ctx::pfx_lists, name);
   if (list == nullptr) return POL_OK;
-  free_entries(list);
+  free_entries(ctx, list);
   free_if_unused(ctx, &list->head);
   return POL_OK;
 }

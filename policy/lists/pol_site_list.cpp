@@ -14,8 +14,11 @@ bool unused(const t_site_list& list) {
   return list.entries.empty() && list.pol_users.empty() && list.list_user == nullptr;
 }
 
-void free_entries(t_site_list* list) {
-  list->entries.clear([](pol::RangeNode* node) { pol_free(node, pol::MEM_SITE_ENTRY); });
+void free_entries(t_pol_ctx* ctx, t_site_list* list) {
+  list->entries.clear([ctx, list](pol::RangeNode* node) {
+    pol::directory_range(&ctx->directories.site, list->head, node->low, node->high, false);
+    list->records.give(reinterpret_cast<t_site_entry*>(node));
+  });
   if (!list->entries.empty()) pol::crash("elements are left in a site list that was emptied");
 }
 
@@ -24,8 +27,8 @@ void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
   if (unused(*list)) pol::named_remove(ctx->site_lists, list, pol::MEM_SITE_LIST);
 }
 
-void release(t_pol_ctx* /*ctx*/, t_site_list* list) {
-  free_entries(list);
+void release(t_pol_ctx* ctx, t_site_list* list) {
+  free_entries(ctx, list);
   if (!list->pol_users.empty()) pol::crash("a policy still uses a site list that goes");
   // On purpose: the record is the registrant's to forget and stays; only its way to the list is
   // cut.
@@ -67,7 +70,7 @@ uint32_t pol_site_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
   t_site_list* list = find_or_create(ctx, name, &created);
   if (list == nullptr) return POL_ENOMEM;
   if (list->entries.find(low, high) != nullptr) return POL_OK;
-  auto* entry = pol::alloc<t_site_entry>(pol::MEM_SITE_ENTRY);
+  auto* entry = list->records.make();
   if (entry == nullptr) {
     if (created != 0) {
       if (!unused(*list)) pol::crash("a site list that was not made after all is in use");
@@ -78,6 +81,7 @@ uint32_t pol_site_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
   entry->range.low = low;
   entry->range.high = high;
   list->entries.add(&entry->range);
+  pol::directory_range(&ctx->directories.site, list->head, low, high, true);
   tell_all(ctx, list);
   return POL_OK;
 }
@@ -93,7 +97,8 @@ uint32_t pol_site_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
   if (entry == nullptr) return POL_OK;
   t_site_list* list = pol::named_find(ctx->site_lists, name);
   list->entries.remove(&entry->range);
-  pol_free(entry, pol::MEM_SITE_ENTRY);
+  pol::directory_range(&ctx->directories.site, list->head, low, high, false);
+  list->records.give(entry);
   tell_all(ctx, list);
   return POL_OK;
 }
@@ -101,7 +106,7 @@ uint32_t pol_site_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
 uint32_t pol_site_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   t_site_list* list = pol::named_find(ctx, &t_pol_ctx::site_lists, name);
   if (list == nullptr) return POL_OK;
-  free_entries(list);
+  free_entries(ctx, list);
   free_if_unused(ctx, &list->head);
   return POL_OK;
 }

@@ -14,8 +14,11 @@ bool unused(const t_vpn_list& list) {
          list.fwd_pol_users.empty();
 }
 
-void free_entries(t_vpn_list* list) {
-  list->entries.clear([](pol::RangeNode* node) { pol_free(node, pol::MEM_VPN_ENTRY); });
+void free_entries(t_pol_ctx* ctx, t_vpn_list* list) {
+  list->entries.clear([ctx, list](pol::RangeNode* node) {
+    pol::directory_range(&ctx->directories.vpn, list->head, node->low, node->high, false);
+    list->records.give(reinterpret_cast<t_pol_vpn_entry*>(node));
+  });
   if (!list->entries.empty()) pol::crash("elements are left in a VPN list that was emptied");
 }
 
@@ -32,7 +35,7 @@ void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
 }
 
 void release(t_pol_ctx* ctx, t_vpn_list* list) {
-  free_entries(list);
+  free_entries(ctx, list);
   node_free(ctx, list, false);
 }
 
@@ -82,7 +85,7 @@ uint32_t pol_vpn_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
   if (list == nullptr) return POL_ENOMEM;
   if (list->entries.find(low, high) != nullptr) return POL_OK;
   list->changed = 1;
-  auto* entry = pol::alloc<t_pol_vpn_entry>(pol::MEM_VPN_ENTRY);
+  auto* entry = list->records.make();
   if (entry == nullptr) {
     if (created != 0) node_free(ctx, list, true);
     return POL_ENOMEM;
@@ -90,6 +93,7 @@ uint32_t pol_vpn_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
   entry->range.low = low;
   entry->range.high = high;
   list->entries.add(&entry->range);
+  pol::directory_range(&ctx->directories.vpn, list->head, low, high, true);
   tell_all(ctx, *list);
   return POL_OK;
 }
@@ -109,7 +113,8 @@ uint32_t pol_vpn_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
   pol::RangeNode* range = list->entries.find(low, high);
   if (range == nullptr) return POL_OK;
   list->entries.remove(range);
-  pol_free(range, pol::MEM_VPN_ENTRY);
+  pol::directory_range(&ctx->directories.vpn, list->head, low, high, false);
+  list->records.give(reinterpret_cast<t_pol_vpn_entry*>(range));
   tell_all(ctx, *list);
   return POL_OK;
 }
@@ -117,7 +122,7 @@ uint32_t pol_vpn_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
 uint32_t pol_vpn_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   t_vpn_list* list = pol::named_find(ctx, &t_pol_ctx::vpn_lists, name);
   if (list == nullptr) return POL_OK;
-  free_entries(list);
+  free_entries(ctx, list);
   free_if_unused(ctx, &list->head);
   return POL_OK;
 }

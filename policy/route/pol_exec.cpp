@@ -156,18 +156,7 @@ uint32_t apply_sets(const t_pol_user& user, const t_pol_set& set, uint32_t flags
   const bool route = query->match_type == POL_MATCH_ROUTE;
   const bool outbound = user.direction == POL_DIR_OUT;
   bool resolved = true;
-  if (route || query->match_type == POL_MATCH_TLOC) {
-    if ((flags & POL_SET_F_TAG) != 0) {
-      query->attr_copy.tag = set.tag;
-      query->attr_copy.present |= POL_ATTR_TAG;
-      query->applied |= POL_APPLIED_TAG;
-    }
-    if ((flags & POL_SET_F_PREF) != 0) {
-      query->attr_copy.preference = set.preference;
-      query->attr_copy.present |= POL_ATTR_PREF;
-      query->applied |= POL_APPLIED_PREF;
-    }
-  }
+  apply_plain_sets(set, flags, query);
   if (!route) return POL_ACCEPT;
   if ((flags & POL_SET_F_TLOC) != 0) {
     resolved &= set_tloc(user, set, query);
@@ -188,6 +177,24 @@ uint32_t apply_sets(const t_pol_user& user, const t_pol_set& set, uint32_t flags
 }  // namespace pol
 
 namespace {
+
+// Has what a group of queries is going to read fetched.
+void fetch_group(const t_pol_block& block, const t_pol_route_query* queries, unsigned count) {
+  if (block.index != nullptr) {
+    if (block.index->fresh) pol::candidates_fetch(*block.index, queries, count);
+    return;
+  }
+  const t_ipprefix* prefixes[pol::PfxIndex::kFetched];
+  for (unsigned i = 0; i < count; ++i) prefixes[i] = &queries[i].prefix;
+  // Later sequences are for the queries that the first ones leave.
+  unsigned lists = 0;
+  for (const t_pol_entry& entry : block.in_order) {
+    if ((entry.match_flags & POL_MATCH_F_PFX_LIST) == 0) continue;
+    const auto* list = pol::list_of<t_pfx_list>(entry.match.pfx_list);
+    if (list != nullptr) list->index.fetch(prefixes, count);
+    if (++lists == 2) return;
+  }
+}
 
 // Answers only for a handle of an outbound route policy that is there.
 uint8_t handle_sets(const t_pol_user* user, uint8_t what) {
@@ -215,6 +222,18 @@ uint32_t pol_execute(t_pol_user* user, t_pol_route_query* query) {
 uint32_t pol_exec_route(t_pol_user* user, t_pol_route_query* query) {
   pol::SilentObserver silent;
   return pol::exec_route(user, query, silent);
+}
+
+void pol_execute_batch(t_pol_user* user, t_pol_route_query* queries, uint32_t count,
+                       uint32_t* actions) {
+  if (queries == nullptr || actions == nullptr) return;
+  for (uint32_t done = 0; done < count;) {
+    const uint32_t group = std::min<uint32_t>(count - done, pol::PfxIndex::kFetched);
+    if (user != nullptr && user->block != nullptr) fetch_group(*user->block, queries + done, group);
+    for (const uint32_t end = done + group; done < end; ++done) {
+      actions[done] = pol_execute(user, &queries[done]);
+    }
+  }
 }
 
 void pol_post_execute(t_pol_route_query* query) {

@@ -28,15 +28,20 @@
 //
 // The TLOC is the query's own in a sequence of match type tloc, else the route's, if it carries
 // one. Clauses that name a list never report a bit: on purpose, `matched` tells of single values.
+//
+// An index passes over sequences that cannot match (pol_candidates.h); an observer that wants to hear of
+// every sequence has all of them tried.
 #pragma once
 
 #include "core/pol_clause_internal.h"
 #include "core/pol_context_internal.h"
 #include "policy/pol_exec.h"
+#include "route/pol_candidates.h"
 
 namespace pol {
 
 struct SilentObserver {
+  static constexpr bool kHearsAll = false;
   void type_differs(const t_pol_entry&) {}
   void failed(const t_pol_entry&, uint32_t /*clause*/) {}
   void decided(const t_pol_entry&, bool /*by_default*/, uint32_t /*action*/) {}
@@ -64,133 +69,172 @@ void copy_attributes(t_pol_route_query* query);
 uint32_t apply_sets(const t_pol_user& user, const t_pol_set& set, uint32_t flags,
                     t_pol_route_query* query);
 
+// Applies the set clauses that only write attributes.
+inline void apply_plain_sets(const t_pol_set& set, uint32_t flags, t_pol_route_query* query) {
+  if (query->match_type != POL_MATCH_ROUTE && query->match_type != POL_MATCH_TLOC) return;
+  if ((flags & POL_SET_F_TAG) != 0) {
+    query->attr_copy.tag = set.tag;
+    query->attr_copy.present |= POL_ATTR_TAG;
+    query->applied |= POL_APPLIED_TAG;
+  }
+  if ((flags & POL_SET_F_PREF) != 0) {
+    query->attr_copy.preference = set.preference;
+    query->attr_copy.present |= POL_ATTR_PREF;
+    query->applied |= POL_APPLIED_PREF;
+  }
+}
+
+// One sequence tried for one query.
 template <class Observer>
-bool entry_matches(const t_pol_entry& entry, const t_pol_route_attr& attr, t_pol_route_query* query,
-                   Observer& observer) {
-  const t_pol_match& match = entry.match;
-  const uint32_t flags = entry.match_flags;
-  uint32_t matched = 0;
-  query->matched = 0;
+class Trial {
+ public:
+  Trial(const t_pol_entry& entry, const t_pol_route_attr& attr, const t_pol_route_query& query,
+        Observer& observer)
+      : entry_(entry), match_(entry.match), attr_(attr), query_(query), observer_(observer) {}
 
-  if (match.type != query->match_type || match.type < POL_MATCH_ROUTE ||
-      match.type > POL_MATCH_SERVICE) {
-    observer.type_differs(entry);
-    return false;
-  }
-
-  // Notes the outcome of one clause.
-  auto fails = [&](uint32_t clause, bool holds, bool reported) {
-    if (!holds) {
-      query->matched = matched;
-      observer.failed(entry, clause);
-      return true;
+  // What most sequences are passed over for is tested in the caller's loop.
+  [[gnu::always_inline]] bool matches() {
+    if (match_.type != query_.match_type || match_.type < POL_MATCH_ROUTE ||
+        match_.type > POL_MATCH_SERVICE) {
+      observer_.type_differs(entry_);
+      return false;
     }
-    if (reported) matched |= clause;
-    return false;
-  };
-  auto has = [flags](uint32_t clause) { return (flags & clause) != 0; };
-  auto present = [&attr](uint32_t bit) { return (attr.present & bit) != 0; };
+    constexpr uint32_t kFirst = POL_MATCH_F_TAG | POL_MATCH_F_PREF;
+    return holds<POL_MATCH_F_TAG>(
+               [this] { return present(POL_ATTR_TAG) && attr_.tag == match_.tag; }) &&
+           holds<POL_MATCH_F_PREF>([this] {
+             return present(POL_ATTR_PREF) && attr_.preference == match_.preference;
+           }) &&
+           ((entry_.match_flags & ~kFirst) == 0 || rest_matches());
+  }
+  uint32_t matched() const { return matched_; }
 
-  if (has(POL_MATCH_F_TAG) &&
-      fails(POL_MATCH_F_TAG, present(POL_ATTR_TAG) && attr.tag == match.tag, true)) {
-    return false;
+ private:
+  [[gnu::noinline]] bool rest_matches() {
+    return holds<POL_MATCH_F_DOMAIN>(
+               [this] { return present(POL_ATTR_DOMAIN) && attr_.domain == match_.domain; }) &&
+           holds<POL_MATCH_F_GROUP>(
+               [this] { return present(POL_ATTR_GROUP) && match_group(attr_, match_.group); }) &&
+           holds<POL_MATCH_F_VPN_ID>([this] { return query_.vpn == match_.vpn_id; }) &&
+           holds<POL_MATCH_F_VPN_LIST>([this] {
+             return match_vpn_list(list_of<t_vpn_list>(match_.vpn_list), query_.vpn);
+           }) &&
+           holds<POL_MATCH_F_TLOC>(
+               [this] { return tloc() != nullptr && tloc_equal(*tloc(), match_.tloc); }) &&
+           holds<POL_MATCH_F_TLOC_LIST>([this] {
+             return tloc() != nullptr &&
+                    match_tloc_list(list_of<t_tloc_list>(match_.tloc_list), *tloc());
+           }) &&
+           holds<POL_MATCH_F_SITE>(
+               [this] { return present(POL_ATTR_SITE) && attr_.site == match_.site; }) &&
+           holds<POL_MATCH_F_SITE_LIST>([this] {
+             return pol_exec_match_site_id_to_site_list(list_of<t_site_list>(match_.site_list),
+                                                        attr_.site) != 0;
+           }) &&
+           holds<POL_MATCH_F_PFX_LIST>([this] {
+             return match_pfx_list(list_of<t_pfx_list>(match_.pfx_list), query_.prefix);
+           }) &&
+           holds<POL_MATCH_F_ORIGIN>(
+               [this] { return present(POL_ATTR_ORIGIN) && match_origin(match_, attr_); }) &&
+           holds<POL_MATCH_F_ORIGINATOR>([this] {
+             return present(POL_ATTR_ORIGINATOR) &&
+                    address_equal(attr_.originator, match_.originator);
+           }) &&
+           holds<POL_MATCH_F_CARRIER>(
+               [this] { return present(POL_ATTR_CARRIER) && attr_.carrier == match_.carrier; }) &&
+           holds<POL_MATCH_F_COLOR>(
+               [this] { return tloc() != nullptr && tloc()->color == match_.color; }) &&
+           holds<POL_MATCH_F_COLOR_LIST>([this] {
+             return tloc() != nullptr &&
+                    match_color_list(list_of<t_color_list>(match_.color_list), tloc()->color);
+           });
   }
-  if (has(POL_MATCH_F_PREF) &&
-      fails(POL_MATCH_F_PREF, present(POL_ATTR_PREF) && attr.preference == match.preference,
-            true)) {
-    return false;
+
+  // Whether the sequence does not have the clause, or its test holds; notes the outcome.
+  template <uint32_t kClause, class Test>
+  [[gnu::always_inline]] bool holds(Test test) {
+    if ((entry_.match_flags & kClause) == 0) return true;
+    if (!test()) {
+      observer_.failed(entry_, kClause);
+      return false;
+    }
+    constexpr uint32_t kLists = POL_MATCH_F_VPN_LIST | POL_MATCH_F_TLOC_LIST |
+                                POL_MATCH_F_SITE_LIST | POL_MATCH_F_PFX_LIST |
+                                POL_MATCH_F_COLOR_LIST;
+    if ((kClause & kLists) == 0) matched_ |= kClause;
+    return true;
   }
-  if (has(POL_MATCH_F_DOMAIN) &&
-      fails(POL_MATCH_F_DOMAIN, present(POL_ATTR_DOMAIN) && attr.domain == match.domain, true)) {
-    return false;
+
+  bool present(uint32_t bit) const { return (attr_.present & bit) != 0; }
+  const t_tloc_id* tloc() const { return tloc_source(entry_, query_, attr_); }
+
+  const t_pol_entry& entry_;
+  const t_pol_match& match_;
+  const t_pol_route_attr& attr_;
+  const t_pol_route_query& query_;
+  Observer& observer_;
+  uint32_t matched_ = 0;
+};
+
+// The sequence that decides; null when none does. `matched` becomes what the last one tried left.
+template <class Observer>
+const t_pol_entry* find_decider(const t_pol_block& block, const t_pol_route_attr& attr,
+                                t_pol_route_query* query, Observer& observer) {
+  for (const t_pol_entry& entry : block.in_order) {
+    Trial<Observer> trial(entry, attr, *query, observer);
+    const bool decides = trial.matches();
+    // Of those before the last nobody sees it.
+    if (decides || entry.order.next == nullptr) query->matched = trial.matched();
+    if (decides) return &entry;
   }
-  if (has(POL_MATCH_F_GROUP) &&
-      fails(POL_MATCH_F_GROUP, present(POL_ATTR_GROUP) && match_group(attr, match.group), true)) {
-    return false;
+  return nullptr;
+}
+
+// The same by the policy's index.
+template <class Observer>
+[[gnu::noinline]] const t_pol_entry* find_candidate(const PolicyIndex& index,
+                                                    const t_pol_route_attr& attr,
+                                                    t_pol_route_query* query, Observer& observer) {
+  Candidates candidates(index, *query, attr);
+  const t_pol_entry* entry = nullptr;
+  while ((entry = candidates.next()) != nullptr) {
+    Trial<Observer> trial(*entry, attr, *query, observer);
+    if (!trial.matches()) continue;
+    query->matched = trial.matched();
+    return entry;
   }
-  if (has(POL_MATCH_F_VPN_ID) && fails(POL_MATCH_F_VPN_ID, query->vpn == match.vpn_id, true)) {
-    return false;
-  }
-  if (has(POL_MATCH_F_VPN_LIST) &&
-      fails(POL_MATCH_F_VPN_LIST, match_vpn_list(list_of<t_vpn_list>(match.vpn_list), query->vpn),
-            false)) {
-    return false;
-  }
-  const t_tloc_id* tloc = tloc_source(entry, *query, attr);
-  if (has(POL_MATCH_F_TLOC) &&
-      fails(POL_MATCH_F_TLOC, tloc != nullptr && tloc_equal(*tloc, match.tloc), true)) {
-    return false;
-  }
-  if (has(POL_MATCH_F_TLOC_LIST) &&
-      fails(POL_MATCH_F_TLOC_LIST,
-            tloc != nullptr && match_tloc_list(list_of<t_tloc_list>(match.tloc_list), *tloc),
-            false)) {
-    return false;
-  }
-  if (has(POL_MATCH_F_SITE) &&
-      fails(POL_MATCH_F_SITE, present(POL_ATTR_SITE) && attr.site == match.site, true)) {
-    return false;
-  }
-  if (has(POL_MATCH_F_SITE_LIST) &&
-      fails(POL_MATCH_F_SITE_LIST,
-            pol_exec_match_site_id_to_site_list(list_of<t_site_list>(match.site_list), attr.site) !=
-                0,
-            false)) {
-    return false;
-  }
-  if (has(POL_MATCH_F_PFX_LIST) &&
-      fails(POL_MATCH_F_PFX_LIST,
-            match_pfx_list(list_of<t_pfx_list>(match.pfx_list), query->prefix), false)) {
-    return false;
-  }
-  if (has(POL_MATCH_F_ORIGIN) &&
-      fails(POL_MATCH_F_ORIGIN, present(POL_ATTR_ORIGIN) && match_origin(match, attr), true)) {
-    return false;
-  }
-  if (has(POL_MATCH_F_ORIGINATOR) &&
-      fails(POL_MATCH_F_ORIGINATOR,
-            present(POL_ATTR_ORIGINATOR) && address_equal(attr.originator, match.originator),
-            true)) {
-    return false;
-  }
-  if (has(POL_MATCH_F_CARRIER) &&
-      fails(POL_MATCH_F_CARRIER, present(POL_ATTR_CARRIER) && attr.carrier == match.carrier,
-            true)) {
-    return false;
-  }
-  if (has(POL_MATCH_F_COLOR) &&
-      fails(POL_MATCH_F_COLOR, tloc != nullptr && tloc->color == match.color, true)) {
-    return false;
-  }
-  if (has(POL_MATCH_F_COLOR_LIST) &&
-      fails(
-          POL_MATCH_F_COLOR_LIST,
-          tloc != nullptr && match_color_list(list_of<t_color_list>(match.color_list), tloc->color),
-          false)) {
-    return false;
-  }
-  query->matched = matched;
-  return true;
+  // A walk would have tried the last sequence last.
+  Trial<Observer> last(*index.entries[index.count - 1], attr, *query, observer);
+  (void)last.matches();
+  query->matched = last.matched();
+  return nullptr;
 }
 
 template <class Observer>
 uint32_t exec_route(t_pol_user* user, t_pol_route_query* query, Observer& observer) {
   static constexpr t_pol_route_attr kNoAttributes = {};
-  t_pol_block* block = user->block;
+  const t_pol_block* block = user->block;
   if (block == nullptr) return POL_REJECT;
   const t_pol_route_attr& attr = query->attr != nullptr ? *query->attr : kNoAttributes;
 
+  const PolicyIndex* index = Observer::kHearsAll ? nullptr : block->index;
   const t_pol_entry* decider = nullptr;
-  for (const t_pol_entry& entry : block->in_order) {
-    if (entry_matches(entry, attr, query, observer)) {
-      decider = &entry;
-      break;
-    }
+  if (index != nullptr && candidates_usable(*index, *query, attr)) {
+    decider = find_candidate(*index, attr, query, observer);
+  } else {
+    decider = find_decider(*block, attr, query, observer);
   }
   const bool by_default = decider == nullptr;
   if (by_default) decider = &block->default_action;
   uint32_t action = decider->action;
-  if (action == POL_ACCEPT) action = apply_sets(*user, decider->set, decider->set_flags, query);
+  if (action == POL_ACCEPT) {
+    constexpr uint32_t kPlain = POL_SET_F_TAG | POL_SET_F_PREF;
+    if ((decider->set_flags & ~kPlain) == 0) {
+      apply_plain_sets(decider->set, decider->set_flags, query);
+    } else {
+      action = apply_sets(*user, decider->set, decider->set_flags, query);
+    }
+  }
   observer.decided(*decider, by_default, action);
   return action;
 }

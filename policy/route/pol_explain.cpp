@@ -16,6 +16,8 @@ namespace {
 // Notes what decided, and nothing else.
 class DecisionObserver {
  public:
+  static constexpr bool kHearsAll = false;
+
   void type_differs(const t_pol_entry&) {}
   void failed(const t_pol_entry&, uint32_t /*clause*/) {}
   void decided(const t_pol_entry& entry, bool by_default, uint32_t action) {
@@ -31,6 +33,8 @@ class DecisionObserver {
 
 class ReasonObserver {
  public:
+  static constexpr bool kHearsAll = true;
+
   ReasonObserver(const t_pol_route_query& query, t_pol_explain_cb step, void* arg)
       : query_(query), attr_(query.attr != nullptr ? *query.attr : kNone), step_(step), arg_(arg) {}
 

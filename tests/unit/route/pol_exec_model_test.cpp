@@ -1,22 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Evaluation against a model that walks everything. Random edits build lists and policy in both,
-// adds, overwrites and deletes mixed; after every few edits random routes must come out alike, and
-// each sequence passed over must have failed at the same clause.
+// adds, overwrites and deletes mixed, some of them short of memory; after every few edits random routes
+// must come out alike, and each sequence passed over must have failed at the same clause. What the library
+// answers by its index is compared with its own walk, which pol_explain takes when it is to tell every step.
 #include <rapidcheck.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <iterator>
 #include <map>
 #include <optional>
 #include <random>
+#include <thread>
 #include <type_traits>
 
+#include "core/pol_policy_index.h"
 #include "support/pfx_oracle.h"
 #include "support/policy_fixture.h"
+#include "support/seams.h"
 
 namespace {
 
@@ -74,8 +79,9 @@ t_tloc_id some_tloc(uint32_t n) {
 
 using Range = std::pair<uint64_t, uint64_t>;
 
-constexpr uint32_t kLists = 3;
-constexpr const char* kNames[kLists] = {"A", "B", "C"};
+constexpr uint32_t kLists = 6;
+constexpr const char* kNames[kLists] = {"A", "B", "C", "D", "E", "F"};
+constexpr uint32_t kSequences = 150;
 
 struct Lists {
   std::vector<Range> sites[kLists];
@@ -310,42 +316,56 @@ class Twin {
     // Some stand upside down.
     const auto low = a % 50;
     const auto high = low + b % 20 - (b % 20 > 17 ? 19 : 0);
-    switch (what / 4 % 8) {
+    // Without memory a list stays as it was, or only the index suffers.
+    std::optional<seams::Fail> fail;
+    if (what / 64 % 8 == 0 && what / 4 % 16 < 8) fail.emplace(1 + static_cast<int>(what / 512 % 6));
+    switch (what / 4 % 16) {
       case 0:
+        if ((remove ? pol_site_list_del_entry : pol_site_list_add_entry)(ctx_, name, low, high)) {
+          break;
+        }
         change(&model_.lists.sites[n], {low, high}, remove);
-        (remove ? pol_site_list_del_entry : pol_site_list_add_entry)(ctx_, name, low, high);
         break;
       case 1:
+        if ((remove ? pol_vpn_list_del_entry : pol_vpn_list_add_entry)(ctx_, name, low, high)) {
+          break;
+        }
         change(&model_.lists.vpns[n], {low, high}, remove);
-        (remove ? pol_vpn_list_del_entry : pol_vpn_list_add_entry)(ctx_, name, low, high);
         break;
       case 2: {
         t_tloc_id tloc = some_tloc(a);
-        change(&model_.lists.tlocs[n], a % kTlocs, remove);
-        if (remove) {
-          pol_tloc_list_del_entry(ctx_, name, &tloc);
-        } else {
-          pol_tloc_list_add_entry(ctx_, name, &tloc, b);
+        if (remove ? pol_tloc_list_del_entry(ctx_, name, &tloc)
+                   : pol_tloc_list_add_entry(ctx_, name, &tloc, b)) {
+          break;
         }
+        change(&model_.lists.tlocs[n], a % kTlocs, remove);
         break;
       }
       case 3: {
         auto color = static_cast<uint16_t>(a % 4 * (b % 9 == 0 ? 256 : 1));
+        if ((remove ? pol_color_list_del_entry : pol_color_list_add_entry)(ctx_, name, color)) {
+          break;
+        }
         change(&model_.lists.colors[n], color, remove);
-        (remove ? pol_color_list_del_entry : pol_color_list_add_entry)(ctx_, name, color);
         break;
       }
       case 4:
       case 5: {
         t_pol_pfx_record element = some_element(a, b, c);
         auto same = [](const auto& x, const auto& y) { return same_prefix(x.prefix, y.prefix); };
+        if ((remove ? pol_pfx_list_del_entry : pol_pfx_list_entry_add)(ctx_, name, &element)) break;
         change(&model_.lists.prefixes[n], element, remove, same);
-        (remove ? pol_pfx_list_del_entry : pol_pfx_list_entry_add)(ctx_, name, &element);
         break;
       }
       case 6:
-        if (a % 16 == 0) return clear_list(n, b);
+        if (a % 16 == 0) {
+          clear_list(n, b);
+          break;
+        }
         [[fallthrough]];
+      case 7:
+        pol_user_chg_list_notify_all(ctx_);
+        break;
       default:
         edit_entry(e, remove);
     }
@@ -379,6 +399,11 @@ class Twin {
 
     const uint32_t direction = POL_DIR_IN + pick(2);
     const t_pol_route_attr asked = attr;
+    t_pol_route_query indexed = query;
+    // Unlike but for the last: what one of a batch leaves behind is not the next one's.
+    t_pol_route_query batch[3] = {query, query, query};
+    batch[0].match_type = POL_MATCH_TLOC;
+    batch[1].prefix.len /= 2;
     const Verdict expected = model_.evaluate(query, query_tloc, route_tloc, direction);
     struct Told {
       Failures failures;
@@ -410,8 +435,63 @@ class Twin {
       vpns.emplace_back(query.vpn_array[i].low, query.vpn_array[i].high);
     }
     RC_ASSERT(vpns == expected.vpns);
+    if (block_->index != nullptr && block_->index->fresh) {
+      ++by_index;
+      if (expected.sequence) ++decided_by_index;
+    }
+    RC_ASSERT(pol_execute(users_[direction - 1], &indexed) == action);
+    std::swap(indexed.vpn_array, query.vpn_array);
+    const bool alike = memcmp(&indexed, &query, offsetof(t_pol_route_query, vpn_array)) == 0;
+    std::swap(indexed.vpn_array, query.vpn_array);
+    RC_ASSERT(alike);
+    RC_ASSERT(query.vpn_count == 0 || memcmp(indexed.vpn_array, query.vpn_array,
+                                             query.vpn_count * sizeof *query.vpn_array) == 0);
+    uint32_t actions[3];
+    pol_execute_batch(users_[direction - 1], batch, 3, actions);
+    RC_ASSERT(std::tuple(actions[2], batch[2].matched, batch[2].applied, batch[2].vpn_count) ==
+              std::tuple(action, query.matched, query.applied, query.vpn_count));
+    RC_ASSERT(memcmp(&batch[2].attr_copy, &query.attr_copy, sizeof query.attr_copy) == 0);
+    for (t_pol_route_query& one : batch) pol_post_execute(&one);
+    pol_post_execute(&indexed);
     pol_post_execute(&query);
   }
+
+  // Eight threads at once, each with its own queries, decide as one does.
+  void compare_threads(std::mt19937* random) const {
+    std::vector<t_pol_route_attr> attrs(64);
+    std::vector<t_pol_route_query> queries(attrs.size());
+    std::vector<uint32_t> expected;
+    for (size_t i = 0; i < attrs.size(); ++i) {
+      attrs[i] = {};
+      attrs[i].present = POL_ATTR_TAG | POL_ATTR_PREF | POL_ATTR_SITE;
+      attrs[i].tag = static_cast<uint32_t>((*random)() % 3);
+      attrs[i].preference = static_cast<uint32_t>((*random)() % 3);
+      attrs[i].site = static_cast<uint32_t>((*random)() % 70);
+      pol_pre_execute(&queries[i], 3);
+      queries[i].attr = &attrs[i];
+      queries[i].match_type = POL_MATCH_ROUTE;
+      queries[i].vpn = (*random)() % 70;
+      queries[i].prefix.addr = some_address(static_cast<uint32_t>((*random)() % 54), 1);
+      queries[i].prefix.len = static_cast<uint8_t>((*random)() % 33);
+      t_pol_route_query query = queries[i];
+      expected.push_back(pol_execute(users_[1], &query));
+    }
+    std::atomic<uint32_t> differ = 0;
+    std::vector<std::thread> threads;
+    for (int n = 0; n < 8; ++n) {
+      threads.emplace_back([&, own = queries]() mutable {
+        for (size_t i = 0; i < own.size(); ++i) {
+          if (pol_execute(users_[1], &own[i]) != expected[i]) ++differ;
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    RC_ASSERT(differ == 0u);
+  }
+
+  // Evaluations that did not walk, and those among them in which a sequence decided.
+  size_t by_index = 0;
+  size_t decided_by_index = 0;
 
  private:
   void clear_list(uint32_t n, uint32_t which) {
@@ -429,7 +509,7 @@ class Twin {
 
   void edit_entry(const Edit& e, bool remove) {
     const auto [ignored, list, a, b, c] = e;
-    const uint32_t sequence = list / kLists % 6 * 10;
+    const uint32_t sequence = list / kLists % kSequences * 10;
     uint8_t changed = 0;
     if (sequence == 0) {
       model_.by_default.action = 1 + b % 2;
@@ -443,8 +523,13 @@ class Twin {
       pol_entry_find_and_delete(ctx_, block_, sequence, &changed);
       return;
     }
+    const bool made = model_.entries.count(sequence) == 0;
     t_pol_entry* entry = pol_entry_find_or_create(ctx_, block_, sequence, &changed);
     ModelEntry& m = model_.entries[sequence];
+    if (made) {
+      m.type = c % 8 < 6 ? 1 : c % 8 - 4;
+      pol_entry_match_add(ctx_, block_, entry, m.type, &changed);
+    }
     const uint32_t what = a % (std::size(kClauses) + 6);
     if (what < std::size(kClauses)) {
       const Clause& clause = kClauses[what];
@@ -490,20 +575,27 @@ class Twin {
 
 TEST(ExecModelTest, DecidesLikeAWalkOverEverything) {
   size_t routes = 0;
-  bool held = rc::check("evaluation and model agree", [&routes] {
+  size_t by_index = 0;
+  size_t decided_by_index = 0;
+  bool held = rc::check("evaluation and model agree", [&] {
     const auto number = rc::gen::inRange<uint32_t>(0, 1u << 16);
     const auto edits =
-        *rc::gen::container<std::vector<Edit>>(120, rc::gen::container<Edit>(number));
+        *rc::gen::container<std::vector<Edit>>(600, rc::gen::container<Edit>(number));
     std::mt19937 random(*rc::gen::arbitrary<uint32_t>());
     Twin twin;
     for (const Edit& edit : edits) {
       twin.edit(edit);
-      for (int i = 0; i < 12; ++i) twin.compare(&random);
-      routes += 12;
+      for (int i = 0; i < 5; ++i) twin.compare(&random);
+      routes += 5;
     }
+    twin.compare_threads(&random);
+    by_index += twin.by_index;
+    decided_by_index += twin.decided_by_index;
   });
   EXPECT_TRUE(held);
   EXPECT_GE(routes, 100000u);
+  EXPECT_GE(by_index, routes / 4);
+  EXPECT_GE(decided_by_index, by_index / 4);
 }
 
 }  // namespace

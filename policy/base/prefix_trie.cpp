@@ -1,0 +1,340 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "base/prefix_trie.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+namespace pol {
+
+const bool g_cpu_counts = __builtin_cpu_supports("popcnt") != 0;
+
+namespace {
+
+// How many cells an array holds, by class. Each step is a class too, so that what an array no longer
+// needs is given back in place, without memory for a smaller one.
+constexpr uint8_t kSizes[] = {1, 2, 3, 4, 6, 8, 12, 16, 24, 32, 48, 64, 96, 128};
+static_assert(std::size(kSizes) <= Arena::kClasses);
+
+constexpr std::array<uint8_t, 129> kClassOf = [] {
+  std::array<uint8_t, 129> classes = {};
+  uint8_t size_class = 0;
+  for (unsigned count = 1; count <= 128; ++count) {
+    if (count > kSizes[size_class]) ++size_class;
+    classes[count] = size_class;
+  }
+  return classes;
+}();
+
+constexpr unsigned kMaxDepth = 128 / kTrieStride + 1;
+constexpr unsigned kMaxSkip = 64 / kTrieStride * kTrieStride;
+
+inline unsigned count_bits(uint64_t v) { return CountByTricks::of(v); }
+inline unsigned rank(uint64_t map, uint64_t bit) { return count_bits(map & (bit - 1)); }
+
+TrieCell* take_cells(Arena* arena, unsigned count) {
+  const unsigned size_class = kClassOf[count];
+  return static_cast<TrieCell*>(arena->take(size_class, kSizes[size_class] * sizeof(TrieCell)));
+}
+
+unsigned cells_of(const TrieCell& node) {
+  return count_bits(node.prefixes) + count_bits(node.below);
+}
+
+// The bits that count, of `key`.
+uint64_t cut(uint64_t key, unsigned bits) {
+  return bits == 0 ? 0 : key & ~uint64_t{0} << (64 - bits);
+}
+
+// Makes room for a zeroed cell at index `at` of the node's array; null when memory runs out. The
+// caller marks it in its map.
+TrieCell* open_cell(Arena* arena, TrieCell* node, unsigned at) {
+  const unsigned count = cells_of(*node);
+  if (count == 0 || kClassOf[count] != kClassOf[count + 1]) {
+    TrieCell* grown = take_cells(arena, count + 1);
+    if (grown == nullptr) return nullptr;
+    if (count != 0) {
+      memcpy(grown, node->cells, at * sizeof *grown);
+      memcpy(grown + at + 1, node->cells + at, (count - at) * sizeof *grown);
+      arena->give(node->cells, kClassOf[count]);
+    }
+    node->cells = grown;
+  } else {
+    memmove(node->cells + at + 1, node->cells + at, (count - at) * sizeof *node->cells);
+  }
+  node->cells[at] = {};
+  return node->cells + at;
+}
+
+TrieCell* add_value(Arena* arena, TrieCell* node, uint64_t place) {
+  TrieCell* cell = open_cell(arena, node, rank(node->prefixes, place));
+  if (cell != nullptr) node->prefixes |= place;
+  return cell;
+}
+
+TrieCell* add_below(Arena* arena, TrieCell* node, uint64_t turn) {
+  TrieCell* cell = open_cell(arena, node, count_bits(node->prefixes) + rank(node->below, turn));
+  if (cell != nullptr) node->below |= turn;
+  return cell;
+}
+
+// Takes a cell out that `map`, one of the node's two, marks with `bit`.
+void close_cell(Arena* arena, TrieCell* node, uint64_t* map, uint64_t bit) {
+  const unsigned count = cells_of(*node);
+  unsigned at = rank(*map, bit);
+  if (map == &node->below) at += count_bits(node->prefixes);
+  *map &= ~bit;
+  memmove(node->cells + at, node->cells + at + 1, (count - at - 1) * sizeof *node->cells);
+  const unsigned had = kSizes[kClassOf[count]];
+  const unsigned keeps = count > 1 ? kSizes[kClassOf[count - 1]] : 0;
+  if (keeps != had) arena->give(node->cells + keeps, kClassOf[had - keeps]);
+  if (keeps == 0) node->cells = nullptr;
+}
+
+template <class Bits>
+uint64_t place_of(Bits key, unsigned length) {
+  return uint64_t{1} << ((1u << length) - 1 + (next_chunk(key) >> (kTrieStride - length)));
+}
+
+template <class Bits>
+uint64_t turn_of(Bits key) {
+  return uint64_t{1} << next_chunk(key);
+}
+
+void make_leaf(TrieCell* cell, uint64_t key, unsigned bits) {
+  cell->info.kind = kTrieLeaf;
+  cell->info.bits = static_cast<uint8_t>(bits);
+  cell->key = cut(key, bits);
+}
+
+// Makes the cell lead to `node` over `bits` that all below has in common. False when memory runs out.
+bool lead_to(Arena* arena, TrieCell* cell, uint64_t key, unsigned bits, const TrieCell& node) {
+  if (bits == 0) {
+    *cell = node;
+    return true;
+  }
+  TrieCell* behind = take_cells(arena, 1);
+  if (behind == nullptr) return false;
+  *behind = node;
+  *cell = {};
+  cell->info.kind = kTrieSkip;
+  cell->info.bits = static_cast<uint8_t>(bits);
+  cell->key = cut(key, bits);
+  cell->cells = behind;
+  return true;
+}
+
+// The node that a cell leads to, which may be the cell itself.
+TrieCell* node_behind(TrieCell* cell) { return cell->info.kind == kTrieSkip ? cell->cells : cell; }
+
+// How many whole chunks two keys have in common, in bits, of at most `limit` bits.
+unsigned common_bits(uint64_t a, uint64_t b, unsigned limit) {
+  const uint64_t differ = a ^ b;
+  const unsigned same = differ == 0 ? 64 : static_cast<unsigned>(__builtin_clzll(differ));
+  return std::min({same, limit, kMaxSkip}) / kTrieStride * kTrieStride;
+}
+
+// Makes a leaf a node, so that others may lie beside its value: `common` bits on.
+bool open_leaf(Arena* arena, TrieCell* cell, unsigned common) {
+  const TrieCell leaf = *cell;
+  TrieCell node = {};
+  const unsigned rest = leaf.info.bits - common;
+  const uint64_t key = common == 0 ? leaf.key : leaf.key << common;
+  TrieCell* moved = nullptr;
+  if (rest < kTrieStride) {
+    moved = add_value(arena, &node, place_of(key, rest));
+  } else {
+    moved = add_below(arena, &node, turn_of(key));
+  }
+  if (moved == nullptr) return false;
+  *moved = leaf;
+  if (rest < kTrieStride) {
+    moved->info.kind = 0;
+    moved->info.bits = 0;
+    moved->key = 0;
+  } else {
+    make_leaf(moved, key << kTrieStride, rest - kTrieStride);
+  }
+  if (lead_to(arena, cell, leaf.key, common, node)) return true;
+  arena->give(node.cells, kClassOf[1]);
+  return false;
+}
+
+// Parts a skip after `common` of its bits, so that others may leave its way there.
+bool part_skip(Arena* arena, TrieCell* cell, unsigned common) {
+  const TrieCell skip = *cell;
+  const unsigned rest = skip.info.bits - common - kTrieStride;
+  const uint64_t key = common == 0 ? skip.key : skip.key << common;
+  TrieCell node = {};
+  TrieCell* below = add_below(arena, &node, turn_of(key));
+  if (below == nullptr) return false;
+  if (!lead_to(arena, cell, skip.key, common, node)) {
+    arena->give(node.cells, kClassOf[1]);
+    return false;
+  }
+  if (rest == 0) {
+    *below = *skip.cells;
+    arena->give(skip.cells, kClassOf[1]);
+  } else {
+    *below = skip;
+    below->info.bits = static_cast<uint8_t>(rest);
+    below->key = key << kTrieStride;
+  }
+  return true;
+}
+
+// A node other than the root as its parent knows it.
+struct Step {
+  TrieCell* parent;
+  uint64_t turn;  // bit of the cell in the parent that leads to the node
+
+  TrieCell* cell() const {
+    return parent->cells + count_bits(parent->prefixes) + rank(parent->below, turn);
+  }
+};
+
+// Makes a cell that leads to one value alone a leaf, where the bits on its way fit.
+bool fold(Arena* arena, TrieCell* cell) {
+  TrieCell* node = node_behind(cell);
+  if (cells_of(*node) != 1) return false;
+  const TrieCell last = *node->cells;
+  unsigned bits = 0;
+  uint64_t key = 0;
+  if (node->prefixes != 0) {
+    const auto place = static_cast<unsigned>(__builtin_ctzll(node->prefixes));
+    while ((2u << bits) - 1 <= place) ++bits;
+    if (bits != 0) key = uint64_t{place + 1 - (1u << bits)} << (64 - bits);
+  } else {
+    if (last.info.kind != kTrieLeaf) return false;
+    key = static_cast<uint64_t>(__builtin_ctzll(node->below)) << (64 - kTrieStride);
+    key |= last.key >> kTrieStride;
+    bits = kTrieStride + last.info.bits;
+  }
+  const bool skips = cell->info.kind == kTrieSkip;
+  const unsigned skipped = skips ? cell->info.bits : 0;
+  if (skipped + bits > 64) return false;
+  if (skips) key = cell->key | key >> skipped;
+  arena->give(node->cells, kClassOf[1]);
+  if (skips) arena->give(node, kClassOf[1]);
+  *cell = last;
+  make_leaf(cell, key, skipped + bits);
+  return true;
+}
+
+// Takes away what a removal left empty, and folds what it left alone.
+void tidy(Arena* arena, const Step* steps, unsigned depth) {
+  for (; depth > 0; --depth) {
+    const Step& step = steps[depth - 1];
+    TrieCell* cell = step.cell();
+    if (cell->info.kind == kTrieLeaf) continue;
+    TrieCell* node = node_behind(cell);
+    if (cells_of(*node) == 0) {
+      if (node != cell) arena->give(node, kClassOf[1]);
+      close_cell(arena, step.parent, &step.parent->below, step.turn);
+    } else if (!fold(arena, cell)) {
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+template <class Bits>
+TrieCell* PrefixTrie<Bits>::find(Bits key, unsigned length) const {
+  const TrieCell* node = &root_;
+  for (;;) {
+    if (length < kTrieStride) {
+      const uint64_t place = place_of(key, length);
+      if ((node->prefixes & place) == 0) return nullptr;
+      return node->cells + rank(node->prefixes, place);
+    }
+    const TrieCell* cell = trie_below<CountByTricks>(node, key);
+    if (cell == nullptr) return nullptr;
+    key <<= kTrieStride;
+    length -= kTrieStride;
+    node = cell;
+    if ((cell->info.kind & kTrieLeaf) == 0) continue;
+    const unsigned bits = cell->info.bits;
+    if (length < bits || trie_differs(*cell, top_bits(key))) return nullptr;
+    if (cell->info.kind == kTrieLeaf) return length == bits ? const_cast<TrieCell*>(cell) : nullptr;
+    key <<= bits;
+    length -= bits;
+    node = cell->cells;
+  }
+}
+
+template <class Bits>
+TrieCell* PrefixTrie<Bits>::find_or_add(Arena* arena, Bits key, unsigned length) {
+  TrieCell* node = &root_;
+  Step steps[kMaxDepth];
+  unsigned depth = 0;
+  for (;;) {
+    if (length < kTrieStride) {
+      const uint64_t place = place_of(key, length);
+      if ((node->prefixes & place) != 0) return node->cells + rank(node->prefixes, place);
+      if (TrieCell* cell = add_value(arena, node, place)) return cell;
+      break;
+    }
+    const uint64_t turn = turn_of(key);
+    const bool found = (node->below & turn) != 0;
+    const Step step = {node, turn};
+    TrieCell* cell = found ? step.cell() : add_below(arena, node, turn);
+    if (cell == nullptr) break;
+    steps[depth++] = step;
+    key <<= kTrieStride;
+    length -= kTrieStride;
+    const uint64_t top = top_bits(key);
+    if (!found) {
+      if (length <= 64) {
+        make_leaf(cell, top, length);
+        return cell;
+      }
+      if (!lead_to(arena, cell, top, kMaxSkip, {})) break;
+    } else if (cell->info.kind == kTrieLeaf) {
+      const unsigned bits = cell->info.bits;
+      if (length == bits && !trie_differs(*cell, top)) return cell;
+      if (!open_leaf(arena, cell, common_bits(cell->key, top, std::min(bits, length)))) break;
+    } else if (cell->info.kind == kTrieSkip &&
+               (length < cell->info.bits || trie_differs(*cell, top))) {
+      const unsigned most = std::min(unsigned{cell->info.bits}, length);
+      if (!part_skip(arena, cell, common_bits(cell->key, top, most))) break;
+    }
+    if (cell->info.kind == kTrieSkip) {
+      key <<= cell->info.bits;
+      length -= cell->info.bits;
+    }
+    node = node_behind(cell);
+  }
+  tidy(arena, steps, depth);
+  return nullptr;
+}
+
+template <class Bits>
+void PrefixTrie<Bits>::remove(Arena* arena, Bits key, unsigned length) {
+  TrieCell* node = &root_;
+  Step steps[kMaxDepth];
+  unsigned depth = 0;
+  while (length >= kTrieStride) {
+    const Step step = {node, turn_of(key)};
+    TrieCell* cell = step.cell();
+    key <<= kTrieStride;
+    length -= kTrieStride;
+    if (cell->info.kind == kTrieLeaf) {
+      close_cell(arena, node, &node->below, step.turn);
+      return tidy(arena, steps, depth);
+    }
+    steps[depth++] = step;
+    if (cell->info.kind == kTrieSkip) {
+      key <<= cell->info.bits;
+      length -= cell->info.bits;
+    }
+    node = node_behind(cell);
+  }
+  close_cell(arena, node, &node->prefixes, place_of(key, length));
+  tidy(arena, steps, depth);
+}
+
+template class PrefixTrie<uint64_t>;
+template class PrefixTrie<Bits128>;
+
+}  // namespace pol
