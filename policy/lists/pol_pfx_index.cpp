@@ -385,9 +385,9 @@ void PfxIndex::clear() {
 }
 
 bool pfx_element_takes(const t_pfx_entry& element, const t_ipprefix& prefix) {
-  const Interval lengths = lengths_of(element);
+  const Interval lengths = pfx_lengths_of(element);
   if (prefix.len < lengths.low || prefix.len > lengths.high) return false;
-  if (takes_every_family(element)) return true;
+  if (pfx_takes_every_family(element)) return true;
   t_ipprefix own = {};
   own.addr = element.addr;
   own.len = element.len;
