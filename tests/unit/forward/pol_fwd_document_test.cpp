@@ -293,7 +293,11 @@ TEST_F(FetchTest, AsksOncePerChangedObjectKindByKindPolicersBeforeSlaClasses) {
 TEST_F(FetchTest, AnyQueueWithARequestIsWorkLeft) {
   EXPECT_EQ(pol_fwd_policy_is_yarrow_updated(), 1);
   for (pol::ThreadQueue queue : {pol::QUEUE_LABEL_SET, pol::QUEUE_LABEL_FETCH, pol::QUEUE_FETCH}) {
-    pol::thread_push_fetch(&ctx->thread, queue, POL_XML_POLICER, "p");
+    if (queue == pol::QUEUE_LABEL_SET) {
+      pol::thread_push_labels(&ctx->thread, {});
+    } else {
+      pol::thread_push_fetch(&ctx->thread, queue, POL_XML_POLICER, "p");
+    }
     EXPECT_EQ(pol_fwd_policy_is_yarrow_updated(), 0) << queue;
     take_requests();
     EXPECT_EQ(pol_fwd_policy_is_yarrow_updated(), 1) << queue;
