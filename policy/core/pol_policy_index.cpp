@@ -333,7 +333,8 @@ PolicyIndex* index_make(t_pol_ctx* ctx, const t_pol_block& block) {
   index->type = static_cast<uint8_t>(survey.type);
   index->count = survey.count;
   index->words = (survey.count + 63) / 64;
-  index->entries = zeroed<t_pol_entry*>(survey.count);
+  index->entries =
+      static_cast<t_pol_entry**>(pol_calloc(survey.count, sizeof(void*), MEM_UNCOUNTED));
   bool done = index->entries != nullptr;
   if (done) {
     uint32_t place = 0;
