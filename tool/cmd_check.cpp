@@ -91,6 +91,7 @@ void check_configuration(const SourceFiles& files, uint32_t direction, FindingWr
   session.load(files, &faults);
   if (faults.empty()) session.commit(files, &faults);
   std::vector<Found> found;
+  found.reserve(faults.size());
   for (ConfigFault& fault : faults) found.push_back({std::move(fault), true});
   if (found.empty()) found = effects_of(files, agent.port(), direction);
   auto place_of = [&files](const Found& each) {

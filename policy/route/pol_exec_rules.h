@@ -180,14 +180,16 @@ class Trial {
 template <class Observer>
 const t_pol_entry* find_decider(const t_pol_block& block, const t_pol_route_attr& attr,
                                 t_pol_route_query* query, Observer& observer) {
+  const t_pol_entry* decider = nullptr;
+  uint32_t matched = query->matched;
   for (const t_pol_entry& entry : block.in_order) {
     Trial<Observer> trial(entry, attr, *query, observer);
-    const bool decides = trial.matches();
-    // Of those before the last nobody sees it.
-    if (decides || entry.order.next == nullptr) query->matched = trial.matched();
-    if (decides) return &entry;
+    if (trial.matches()) decider = &entry;
+    matched = trial.matched();
+    if (decider != nullptr) break;
   }
-  return nullptr;
+  query->matched = matched;
+  return decider;
 }
 
 // The same by the policy's index.

@@ -225,11 +225,12 @@ void range_words(const RangeSet& ranges, uint64_t id, char* words, size_t size) 
 
 // An element that takes the prefix: the longest of those without host bits, else the first.
 const t_pfx_entry* taking_element(const t_pfx_list& list, const t_ipprefix& prefix) {
-  const int width = prefix.addr.family == KEL_AF_INET ? 32 : 128;
+  const bool narrow = prefix.addr.family == KEL_AF_INET;
+  const int width = narrow ? 32 : 128;
   t_ipprefix around = prefix;
   for (int length = std::min<int>(prefix.len, width); length >= 0; --length) {
     around.len = static_cast<uint8_t>(length);
-    if (around.addr.family == KEL_AF_INET) {
+    if (narrow) {
       around.addr.addr.v4 &= length > 0 ? UINT32_MAX << (32 - length) : 0;
     } else if (length < 128) {
       around.addr.addr.v6[length / 8] &= static_cast<uint8_t>(0xff00 >> (length % 8));
