@@ -14,7 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <system_error>
+#include <cstring>
 
 namespace agent {
 
@@ -250,7 +250,7 @@ void accept_some(Server& server, int listener) {
       // The connection stays in the listener's queue, which would wake the server again at once.
       if (!out_of_descriptors(errno)) return;
       log_burst(server.starved, LogLevel::kWarning, "no connection can be accepted",
-                {{"reason", std::generic_category().message(errno)}});
+                {{"reason", strerror(errno)}});
       server.accept_after = now_ms() + kAcceptPause;
       return;
     }

@@ -49,6 +49,7 @@ std::vector<std::string> near_words(std::string_view word, const std::vector<std
   std::stable_sort(found.begin(), found.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });
   std::vector<std::string> words;
+  words.reserve(found.size());
   for (auto& [distance, each] : found) words.push_back(std::move(each));
   return words;
 }

@@ -129,7 +129,7 @@ int maapi_get_elem_text(int sock, int trans, char* text, size_t size, const char
   if (!good || call(sock, Request::kGetText, out, &content) != YARROW_OK) return YARROW_ERR;
   std::string_view value = yarrow::Reader(content).text();
   if (value.size() >= size) return yarrow::fail(YARROW_ERR_TOOBIG, "the value is longer");
-  memcpy(text, value.data(), value.size());
+  value.copy(text, value.size());
   text[value.size()] = '\0';
   return static_cast<int>(value.size());
 }

@@ -10,8 +10,14 @@
 namespace pol {
 namespace {
 
-// Up to here a walk is as fast.
+// A walk is as fast for up to 8 sequences, and for more as long as their weights stay below a bound: a
+// sequence that asks for values alone is soon passed over and soon looked up; beside a list, which an index
+// asks first of all, a value spares the walk the list; lists alone are asked one after the other.
 constexpr uint32_t kWalked = 8;
+constexpr uint32_t kWalkedWeight = 24;
+constexpr uint32_t kWeightOfValues = 2;
+constexpr uint32_t kWeightOfBoth = 1;
+constexpr uint32_t kWeightOfLists = 4;
 
 // The bit of each kind's clause; INDEX_TYPE has none.
 constexpr uint32_t kClauses[INDEX_KINDS] = {0,
@@ -31,6 +37,10 @@ constexpr uint32_t kClauses[INDEX_KINDS] = {0,
                                             POL_MATCH_F_TLOC_LIST,
                                             POL_MATCH_F_COLOR_LIST,
                                             POL_MATCH_F_PFX_LIST};
+
+constexpr uint32_t kListClauses = POL_MATCH_F_VPN_LIST | POL_MATCH_F_SITE_LIST |
+                                  POL_MATCH_F_TLOC_LIST | POL_MATCH_F_COLOR_LIST |
+                                  POL_MATCH_F_PFX_LIST;
 
 const t_pol_clause_user* list_user(const t_pol_match& match, IndexKind kind) {
   switch (kind) {
@@ -277,6 +287,7 @@ struct Survey {
   uint32_t clauses = 0;
   uint32_t type = 0;  // of all sequences; 0 once two differ
   uint32_t with[INDEX_KINDS] = {};
+  uint32_t weight = 0;
   bool left_over = false;  // a clause that stays on a list which it is no user of
 };
 
@@ -287,6 +298,9 @@ Survey survey_of(const t_pol_block& block) {
     if (survey.count++ == 0) survey.type = type;
     if (survey.type != type) survey.type = 0;
     survey.clauses |= entry.match_flags;
+    const bool lists = (entry.match_flags & kListClauses) != 0;
+    const bool values = (entry.match_flags & ~kListClauses) != 0;
+    survey.weight += !lists ? kWeightOfValues : values ? kWeightOfBoth : kWeightOfLists;
     for (unsigned kind = 0; kind < INDEX_KINDS; ++kind) {
       if (!has_clause(entry, static_cast<IndexKind>(kind))) continue;
       ++survey.with[kind];
@@ -299,7 +313,7 @@ Survey survey_of(const t_pol_block& block) {
 
 PolicyIndex* index_make(t_pol_ctx* ctx, const t_pol_block& block) {
   const Survey survey = survey_of(block);
-  if (survey.count <= kWalked || survey.left_over) return nullptr;
+  if (survey.count <= kWalked || survey.weight <= kWalkedWeight || survey.left_over) return nullptr;
   IndexKind kinds[INDEX_KINDS];
   uint8_t used = 0;
   for (unsigned kind = 0; kind < INDEX_KINDS; ++kind) {
@@ -319,7 +333,8 @@ PolicyIndex* index_make(t_pol_ctx* ctx, const t_pol_block& block) {
   index->type = static_cast<uint8_t>(survey.type);
   index->count = survey.count;
   index->words = (survey.count + 63) / 64;
-  index->entries = zeroed<t_pol_entry*>(survey.count);
+  index->entries =
+      static_cast<t_pol_entry**>(pol_calloc(survey.count, sizeof(void*), MEM_UNCOUNTED));
   bool done = index->entries != nullptr;
   if (done) {
     uint32_t place = 0;

@@ -112,8 +112,7 @@ inline uint64_t index_origin_key(uint8_t protocol, uint8_t subtype) {
 // Of routes of protocol 4, for which the sequence's is not compared.
 inline uint64_t index_origin_key(uint8_t subtype) { return 0x20000u | subtype; }
 
-// Notes that a sequence of the policy, or its match clauses, change.
-void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block);
+// What notes a change, policy_index_stale, stands where lists can call it, too (lists/named_list.h).
 // Makes the policy's index if it waits for that.
 void policy_index_refresh(t_pol_ctx* ctx, t_pol_block* block);
 // Makes all indexes that wait and somebody uses.

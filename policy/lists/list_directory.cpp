@@ -196,6 +196,7 @@ void directory_clear(ListDirectory* directory) {
   directory->wide.forget();
   directory->arena.release();
   directory->broken = false;
+  directory->users = 0;  // who relied on it has another generation
   if (++directory->generation == 0) directory->generation = 1;
 }
 

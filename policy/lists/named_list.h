@@ -136,7 +136,8 @@ inline bool is_stale(const t_pol_clause_user& user) {
   return user.list != nullptr && user.queue == &user.list->stale;
 }
 
-// The policy's index may name lists that its clauses leave (core/pol_policy_index.h).
+// Notes that a sequence of the policy, or its match clauses, change: its index may name lists that they
+// leave (core/pol_policy_index.h).
 void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block);
 
 // A user of one list, in one role, at a time: it leaves any other.

@@ -262,7 +262,11 @@ TEST_F(FetchTest, PoliciesAreFetchedOnceKindByKind) {
 TEST_F(FetchTest, AnyQueueWithARequestIsWorkLeft) {
   EXPECT_EQ(pol_fwd_policy_is_yarrow_updated(), 1);
   for (pol::ThreadQueue queue : {pol::QUEUE_LABEL_SET, pol::QUEUE_LABEL_FETCH, pol::QUEUE_FETCH}) {
-    pol::thread_push_fetch(&ctx->thread, queue, POL_XML_POLICER, "p");
+    if (queue == pol::QUEUE_LABEL_SET) {
+      pol::thread_push_labels(&ctx->thread, {});
+    } else {
+      pol::thread_push_fetch(&ctx->thread, queue, POL_XML_POLICER, "p");
+    }
     EXPECT_EQ(pol_fwd_policy_is_yarrow_updated(), 0) << queue;
     char bytes[64];
     EXPECT_EQ(read(ctx->thread.read_fd, bytes, sizeof bytes), 1) << "woken once a request";

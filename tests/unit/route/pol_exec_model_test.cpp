@@ -444,8 +444,10 @@ class Twin {
     const bool alike = memcmp(&indexed, &query, offsetof(t_pol_route_query, vpn_array)) == 0;
     std::swap(indexed.vpn_array, query.vpn_array);
     RC_ASSERT(alike);
-    RC_ASSERT(query.vpn_count == 0 || memcmp(indexed.vpn_array, query.vpn_array,
-                                             query.vpn_count * sizeof *query.vpn_array) == 0);
+    const bool alike_vpns =
+        query.vpn_count == 0 ||
+        memcmp(indexed.vpn_array, query.vpn_array, query.vpn_count * sizeof *query.vpn_array) == 0;
+    RC_ASSERT(alike_vpns);
     uint32_t actions[3];
     pol_execute_batch(users_[direction - 1], batch, 3, actions);
     RC_ASSERT(std::tuple(actions[2], batch[2].matched, batch[2].applied, batch[2].vpn_count) ==
