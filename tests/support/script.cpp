@@ -290,7 +290,8 @@ bool ScriptTest::own_word(Args& args) {
     while (args.more()) {
       const std::string row = args.take();
       const size_t equal = row.find('=');
-      const auto label = static_cast<uint32_t>(atoi(row.c_str() + (equal == row.npos ? 0 : equal + 1)));
+      const auto label =
+          static_cast<uint32_t>(atoi(row.c_str() + (equal == row.npos ? 0 : equal + 1)));
       const size_t slash = row.find('/');
       if (slash == row.npos) {
         host.labels[address4(row.substr(0, equal))] = label;
