@@ -260,8 +260,8 @@ void ScriptTest::execute(const Words& words) {
 
 // Words of scripts' own: `sequence p 10` makes one that matches routes and accepts them; `register
 // name policy kind direction : call ; call` does those on being told; `host` is what labels are
-// asked of: TLOC=label, or service TLOC=label/preference; `hold` keeps the record of a sequence, which
-// `let_go` takes from the DNS application list that is left of it.
+// asked of: TLOC=label, or service TLOC=label/preference; `hold` keeps the record of a sequence,
+// which calls take for `left`; `outside list type : call ; call` registers outside of policies.
 bool ScriptTest::own_word(Args& args) {
   const std::string& word = args.words[0];
   if (word == "sequence") {
@@ -276,16 +276,13 @@ bool ScriptTest::own_word(Args& args) {
   } else if (word == "graph") {
     graph();
   } else if (word == "outside") {
-    t_pol_list_registration record = {};
-    snprintf(record.name, sizeof record.name, "%s", args.text());
-    record.list_type = POL_LIST_SITE;
-    outside_ = pol_list_register(&record);
+    registers_outside(args);
   } else if (word == "nobody_outside") {
-    pol_list_unregister(outside_);
+    pol_list_unregister(std::exchange(outside_, nullptr));
+  } else if (word == "query") {
+    queries(args);
   } else if (word == "hold") {
     left_ = entry_at(args.take())->fwd.user;
-  } else if (word == "let_go") {
-    pol_dns_app_list_user_remove(ctx, pol_app_list_first(ctx), left_);
   } else if (word == "debug") {
     pol_debug_set(static_cast<uint32_t>(args.number()));
   } else if (word == "host") {
@@ -293,7 +290,8 @@ bool ScriptTest::own_word(Args& args) {
     while (args.more()) {
       const std::string row = args.take();
       const size_t equal = row.find('=');
-      const auto label = static_cast<uint32_t>(atoi(row.c_str() + (equal == row.npos ? 0 : equal + 1)));
+      const auto label =
+          static_cast<uint32_t>(atoi(row.c_str() + (equal == row.npos ? 0 : equal + 1)));
       const size_t slash = row.find('/');
       if (slash == row.npos) {
         host.labels[address4(row.substr(0, equal))] = label;
@@ -319,16 +317,40 @@ void ScriptTest::registers(Args& args) {
   record.direction = static_cast<uint32_t>(args.number());
   record.change = was_told;
   record.user_arg = reinterpret_cast<uint64_t>(&user);
+  record.resolve = resolved;
+  user.then = calls_of(args);
+  user.handle = pol_register(&record);
+  if (user.handle == nullptr) say("null");
+}
+
+// What is left of a line that a colon goes before: calls, semicolons between them.
+std::vector<std::string> ScriptTest::calls_of(Args& args) {
+  std::vector<std::string> calls;
   std::string then;
   for (args.take(); args.more();) {
     const std::string word = args.take();
     if (word != ";") then += word + " ";
     if (word != ";" && args.more()) continue;
-    user.then.push_back(then);
+    calls.push_back(then);
     then.clear();
   }
-  user.handle = pol_register(&record);
-  if (user.handle == nullptr) say("null");
+  return calls;
+}
+
+void ScriptTest::registers_outside(Args& args) {
+  t_pol_list_registration record = {};
+  snprintf(record.name, sizeof record.name, "%s", args.text());
+  record.list_type = static_cast<uint32_t>(args.number());
+  User user = {this, nullptr, "outside", calls_of(args)};
+  if (outside_ == nullptr) users_["outside"] = user;
+  record.change = [](t_pol_list_user*, void* arg) {
+    was_told(nullptr, reinterpret_cast<uint64_t>(arg));
+  };
+  record.arg = &users_["outside"];
+  t_pol_list_user* made = script::armed(args, [&record] { return pol_list_register(&record); });
+  if (made == nullptr) return say("null");
+  if (made == outside_) say("there already");
+  outside_ = made;
 }
 
 void ScriptTest::was_told(t_pol_user* /*handle*/, uint64_t arg) {

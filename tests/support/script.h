@@ -37,6 +37,8 @@ class ScriptTest : public ForwardTest {
   t_pol_entry* entry_at(const std::string& path);
   t_pol_user*& user_at(const std::string& name) { return users_[name].handle; }
   uint8_t* changed_flag() { return &changed; }
+  t_pol_list_user* outside() { return outside_; }
+  t_pol_fwd_user* left() { return left_; }
 
  protected:
   void SetUp() override;
@@ -60,6 +62,9 @@ class ScriptTest : public ForwardTest {
   bool own_word(Args& args);
   bool report(Args& args);
   void registers(Args& args);
+  void registers_outside(Args& args);
+  void queries(Args& args);
+  std::vector<std::string> calls_of(Args& args);
   void crash(const std::vector<std::string>& words);
   void say(const std::string& text) { said_ += "    " + text + "\n"; }
   void graph();
@@ -67,6 +72,8 @@ class ScriptTest : public ForwardTest {
   void say_difference();
   std::vector<std::string> state();
   static void was_told(t_pol_user* handle, uint64_t arg);
+  static void resolved(uint16_t id, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t vpn,
+                       uint16_t service, t_pol_tloc_result* result);
 
   std::string said_;
   std::vector<std::string> state_;
@@ -87,6 +94,22 @@ std::string call(ScriptTest::Args& args);
 uint32_t report(const std::string& reader, t_pol_ctx* ctx, uint32_t operation, int level,
                 const cfg::Keys& keys, uint32_t count, const cfg::Leaves& leaves,
                 ScriptTest::Args* args);
+
+// Makes the call with the allocation failing that is to fail.
+template <class Call>
+auto armed(ScriptTest::Args& args, Call made) {
+  if (args.fail == 0) return made();
+  seams::Fail fail(args.fail);
+  struct Note {
+    ScriptTest::Args& args;
+    seams::Fail& fail;
+    ~Note() { args.failed = fail.hit(); }
+  } note = {args, fail};
+  return made();
+}
+
+// 10.0.0.0/8,operator,min,max
+t_pol_pfx_record prefix(const std::string& text);
 
 // address:color:encapsulation
 t_tloc_id tloc(const std::string& text);

@@ -5,7 +5,6 @@
 #include <type_traits>
 
 #include "forward/pol_fwd_block_internal.h"
-#include "support/list_families.h"
 
 namespace {
 
@@ -27,17 +26,9 @@ t_ipaddr address(const std::string& text) {
   return addr;
 }
 
-// 10.0.0.0/8,operator,min,max
-t_pol_pfx_record prefix(const std::string& text) {
-  t_pol_pfx_record record = {};
-  const size_t slash = text.find('/');
-  unsigned length = 0, op = 0, min = 0, max = 0;
-  sscanf(text.c_str() + slash, "/%u,%u,%u,%u", &length, &op, &min, &max);
-  record.op = op;
-  record.prefix = {address(text.substr(0, slash)), static_cast<uint8_t>(length)};
-  record.min = static_cast<uint8_t>(min);
-  record.max = static_cast<uint8_t>(max);
-  return record;
+template <class List>
+List* named(const pol::NamedTree<List>& tree, const std::string& name) {
+  return pol::named_find(tree, name.c_str());
 }
 
 template <class T>
@@ -55,12 +46,20 @@ T arg(Args& args) {
   } else if constexpr (std::is_same_v<T, t_pol_entry*> || std::is_same_v<T, const t_pol_entry*>) {
     return args.script->entry_at(args.take());
   } else if constexpr (std::is_same_v<T, t_pol_fwd_user*>) {
-    t_pol_entry* entry = args.script->entry_at(args.take());
+    const std::string path = args.take();
+    if (path == "left") return args.script->left();
+    t_pol_entry* entry = args.script->entry_at(path);
     return entry != nullptr ? entry->fwd.user : nullptr;
   } else if constexpr (std::is_same_v<T, t_pol_user*>) {
     return args.script->user_at(args.take());
+  } else if constexpr (std::is_same_v<T, const t_pol_list_user*>) {
+    return args.script->outside();
   } else if constexpr (std::is_same_v<T, void*>) {
     return nullptr;
+  } else if constexpr (std::is_same_v<T, t_app_list*>) {
+    return named(args.script->context()->app_lists, args.take());
+  } else if constexpr (std::is_same_v<T, t_fwd_pfx_list*>) {
+    return named(args.script->context()->fwd_pfx_lists, args.take());
   } else {
     const std::string word = args.take();
     if (word == "-") return nullptr;
@@ -70,7 +69,7 @@ T arg(Args& args) {
       return &args.addresses.emplace_back(address(word));
     } else {
       static_assert(std::is_same_v<T, const t_pol_pfx_record*>);
-      return &args.prefixes.emplace_back(prefix(word));
+      return &args.prefixes.emplace_back(script::prefix(word));
     }
   }
 }
@@ -81,27 +80,15 @@ std::string answer(T status) {
   return status == 0 ? "" : "answers " + std::to_string(status);
 }
 
-template <class Call>
-auto armed(Args& args, Call made) {
-  if (args.fail == 0) return made();
-  seams::Fail fail(args.fail);
-  struct Note {
-    Args& args;
-    seams::Fail& fail;
-    ~Note() { args.failed = fail.hit(); }
-  } note = {args, fail};
-  return made();
-}
-
 template <auto kCall, class R, class... T>
 std::string spread(Args& args, R (* /*type*/)(T...)) {
   std::tuple<T...> values{arg<T>(args)...};
   auto made = [&values] { return std::apply(kCall, values); };
   if constexpr (std::is_void_v<R>) {
-    armed(args, made);
+    script::armed(args, made);
     return "";
   } else {
-    return answer(armed(args, made));
+    return answer(script::armed(args, made));
   }
 }
 
@@ -120,14 +107,14 @@ Calls calls(Call... call) {
 
 #define CALL(name) Calls::value_type(#name, wrapped<pol_##name>)
 #define ADD_AND_DELETE(name) CALL(entry_##name##_add), CALL(entry_##name##_delete)
-#define LIST(name) CALL(name##_cfg_del), CALL(name##_entry_change)
+#define KEPT(name) CALL(name##_cfg_del), CALL(name##_main_deinit)
+#define LIST(name) KEPT(name), CALL(name##_entry_change)
 
 const Calls kCalls = calls(
-    CALL(site_list_add_entry), CALL(site_list_del_entry), CALL(site_list_cfg_del),
-    CALL(vpn_list_add_entry), CALL(vpn_list_del_entry), CALL(vpn_list_cfg_del),
-    CALL(tloc_list_add_entry), CALL(tloc_list_del_entry), CALL(tloc_list_cfg_del),
-    CALL(color_list_add_entry), CALL(color_list_del_entry), CALL(color_list_cfg_del),
-    CALL(pfx_list_entry_add), CALL(pfx_list_del_entry), CALL(pfx_list_cfg_del), LIST(app_list),
+    CALL(site_list_add_entry), CALL(site_list_del_entry), KEPT(site_list), CALL(vpn_list_add_entry),
+    CALL(vpn_list_del_entry), KEPT(vpn_list), CALL(tloc_list_add_entry), CALL(tloc_list_del_entry),
+    KEPT(tloc_list), CALL(color_list_add_entry), CALL(color_list_del_entry), KEPT(color_list),
+    CALL(pfx_list_entry_add), CALL(pfx_list_del_entry), KEPT(pfx_list), LIST(app_list),
     LIST(fwd_pfx_list), LIST(fwd_pfx6_list), LIST(fwd_sla_class), LIST(fwd_policer),
     LIST(fwd_app_id), CALL(block_find_or_create), CALL(block_find_and_delete),
     CALL(block_default_action_add), CALL(block_default_action_delete), CALL(block_user_notify_all),
@@ -156,7 +143,10 @@ const Calls kCalls = calls(
     CALL(fwd_entry_vpn_upd), CALL(fwd_entry_tloc_upd), CALL(fwd_entry_svc_upd),
     CALL(fwd_entry_tloc_list_upd), CALL(fwd_upd_label), CALL(fwd_upd_label_set_entry),
     CALL(fwd_eval_label), CALL(fwd_queue_xml_config), CALL(fwd_block_init),
-    CALL(config_update_tloc_list));
+    CALL(config_update_tloc_list), CALL(list_site_match), CALL(app_list_user_add),
+    CALL(app_list_user_remove), CALL(dns_app_list_user_remove), CALL(saas_app_list_user_remove),
+    CALL(fwd_pfx_list_user_add), CALL(fwd_pfx_list_user_remove), CALL(fwd_pfx6_list_user_add),
+    CALL(destroy));
 
 template <uint32_t kKind, auto kReader>
 uint32_t of_kind(void* host, t_pol_ctx* ctx, uint32_t op, uint8_t level, const pol_cfg_value* keys,
@@ -211,6 +201,18 @@ const std::map<std::string, Reader> kReaders = {
 }  // namespace
 
 namespace script {
+
+t_pol_pfx_record prefix(const std::string& text) {
+  t_pol_pfx_record record = {};
+  const size_t slash = text.find('/');
+  unsigned length = 0, op = 0, min = 0, max = 0;
+  sscanf(text.c_str() + slash, "/%u,%u,%u,%u", &length, &op, &min, &max);
+  record.op = op;
+  record.prefix = {address(text.substr(0, slash)), static_cast<uint8_t>(length)};
+  record.min = static_cast<uint8_t>(min);
+  record.max = static_cast<uint8_t>(max);
+  return record;
+}
 
 t_tloc_id tloc(const std::string& text) {
   const size_t encap = text.rfind(':');

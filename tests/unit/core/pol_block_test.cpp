@@ -6,21 +6,6 @@ namespace {
 
 using BlockTest = PolicyTest;
 
-TEST_F(BlockTest, WalksPoliciesByNameAndSequencesByNumber) {
-  for (const char* name : {"b", "a", "c"}) block(name);
-  block("other", POL_KIND_MEMBERSHIP);
-  t_pol_block* b = block("a");
-  for (uint32_t sequence : {10u, 5u, 4294967295u, 20u, 7u}) entry(b, sequence);
-  pol_entry_find_and_delete(ctx, b, 7, &changed);
-  std::string walked;
-  for (t_pol_entry& e : b->in_order) walked += std::to_string(e.sequence) + " ";
-  for (b = pol_block_first(ctx, POL_KIND_ROUTE); b != nullptr;
-       b = pol_block_next(ctx, b, POL_KIND_ROUTE)) {
-    walked += b->name;
-  }
-  EXPECT_EQ(walked, "5 10 20 4294967295 abc");
-}
-
 TEST_F(BlockTest, FailedAllocationsInsertNothing) {
   UncountedFailures blocks(pol::MEM_BLOCK);
   for (int nth : {1, 2}) {  // 2: the user is made, its policy is not

@@ -197,25 +197,6 @@ TEST_F(MisuseTest, ANullForWhatIsNeededChangesNothing) {
   pol_list_unregister(list_user_);
 }
 
-TEST_F(MisuseTest, NumbersWithoutAMeaningChangeNothing) {
-  const std::string before = state();
-  for (uint32_t number : {0u, 5u, 77u, UINT32_MAX}) {
-    EXPECT_EQ(pol_entry_match_add(ctx, policy_, entry_, number, &changed), nullptr);
-    EXPECT_EQ(pol_block_find_or_create(ctx, "other", number == 5 ? 6 : number, &changed), nullptr);
-    pol_block_find_and_delete(ctx, kName, number == 5 ? 6 : number, &changed);
-    EXPECT_EQ(pol_entry_action_add(ctx, entry_, number, &changed), nullptr);
-    EXPECT_EQ(add_user("other", kName, nullptr, POL_DIR_IN, number == 5 ? 6 : number), nullptr);
-  }
-  for (uint32_t family : {KEL_AF_INET, KEL_AF_INET6}) {
-    record_.prefix.addr.family = family;
-    record_.prefix.len = family == KEL_AF_INET ? 33 : 129;
-    EXPECT_EQ(pol_pfx_list_entry_add(ctx, kName, &record_), POL_EINVAL);
-    EXPECT_EQ(pol_pfx_list_entry_add(ctx, "other", &record_), POL_EINVAL);
-  }
-  EXPECT_EQ(state(), before);
-  pol_list_unregister(list_user_);
-}
-
 // In turn on one list in two roles, then on another: a record is where it was put last.
 TEST_F(MisuseTest, ARecordAddedTwiceStandsOnce) {
   t_pol_clause_user record = {};
@@ -235,21 +216,6 @@ TEST_F(MisuseTest, ARecordAddedTwiceStandsOnce) {
   t_pol_block* other = block("other");
   pol_block_user_delete(ctx, other, user_);
   EXPECT_EQ(user_->block, policy_);
-  pol_list_unregister(list_user_);
-}
-
-using MisuseDeathTest = MisuseTest;
-
-TEST_F(MisuseDeathTest, WhatIsBrokenIsSaidBeforeTheEnd) {
-  t_pol_block* data = block("data", POL_KIND_DATA);
-  EXPECT_EXIT(pol_block_next(ctx, data, POL_KIND_ROUTE), ::testing::KilledBySignal(SIGSEGV),
-              "pol_block_next\\[[0-9]+\\]: \\[POL\\] Broken invariant, ending the process: a walk");
-  pol_fwd_vpn_find_or_create(ctx, "data", POL_KIND_DATA, "v");
-  t_pol_entry* sequence = pol_fwd_entry_find_or_create(ctx, "data", POL_KIND_DATA, "v", 1);
-  EXPECT_EXIT(pol_entry_match_tag_add(ctx, sequence, 1, &changed),
-              ::testing::KilledBySignal(SIGSEGV), "pol_entry_match_tag_add\\[.*a match clause");
-  EXPECT_EXIT(pol_config_control_policy_read(nullptr, ctx, POL_CFG_CREATED, 7, nullptr, 0, nullptr),
-              ::testing::KilledBySignal(SIGSEGV), "pol_config_control_policy_read\\[.*level");
   pol_list_unregister(list_user_);
 }
 

@@ -27,7 +27,11 @@ TEST_F(UserTest, FieldsWithoutANulAreCut) {
 
 TEST_F(UserTest, HandlesMayOutliveTheContext) {
   t_pol_user* user = add_user("u", "p", nullptr);
+  t_pol_list_user* list_user = pol_site_list_user_add(ctx, "s", nullptr, nullptr);
   pol_destroy();
+  EXPECT_EQ(pol_list_site_match(list_user, 1), 0);
+  pol_list_unregister(list_user);  // has no list to leave
+  pol_free(list_user, pol::MEM_LIST_USER);
   pol_unregister(&user);
   EXPECT_EQ(user, nullptr);
   EXPECT_EQ(add_user("u", "p", nullptr), nullptr);

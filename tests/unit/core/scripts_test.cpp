@@ -8,7 +8,8 @@ class ScriptsTest : public ScriptTest, public ::testing::WithParamInterface<cons
 TEST_P(ScriptsTest, MatchesItsGolden) { run(std::string("calls/") + GetParam()); }
 
 INSTANTIATE_TEST_SUITE_P(Calls, ScriptsTest,
-                         ::testing::Values("reports", "clauses", "policies", "labels", "graph"),
+                         ::testing::Values("reports", "clauses", "policies", "labels", "graph",
+                                           "lists", "queries"),
                          [](const auto& info) { return std::string(info.param); });
 
 }  // namespace

@@ -52,15 +52,4 @@ TEST_F(XmlConfigTest, TextIsAppendedAndUnknownObjectsAddNothing) {
   pol_free(buffer, pol::MEM_PEER_XML);
 }
 
-TEST_F(XmlConfigTest, NamedListsComeAndGoWithTheirRecord) {
-  pol_vpn_list_add_entry(ctx, "v", 1, 1);
-  EXPECT_EQ(current(pol::MEM_POLICY_CONFIG), 1u);
-  pol_debug_set(3);
-  seams::take_log();
-  pol_vpn_list_cfg_del(ctx, "v");
-  EXPECT_NE(seams::take_log().find("[POL] Delete xml config entry for policy v of type 4\n"),
-            std::string::npos);
-  EXPECT_EQ(current(pol::MEM_POLICY_CONFIG), 0u);
-}
-
 }  // namespace

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What is forwarding policies' own beyond what the model test compares, which also lets allocations
 // fail: hosts' own calls, a teardown that ends the process, dumps.
-#include <csignal>
 #include <regex>
 
 #include "support/golden.h"
@@ -56,35 +55,6 @@ TEST_F(FwdBlockTest, EveryPolicysTextGoesOnceAtTheEnd) {
   init();
 }
 
-TEST_F(FwdBlockTest, WhatNobodyOwnsAnyMoreGoesRoleByRole) {
-  t_pol_fwd_user* left = sequence("p", kData, "v", 1)->fwd.user;
-  pol_fwd_entry_dns_app_list_upd(ctx, "p", kData, "v", 1, "a");
-  pol_fwd_entry_saas_app_list_upd(ctx, "p", kData, "v", 1, "a");
-  pol_block_find_and_delete(ctx, "p", kData, &changed);
-  t_app_list* list = pol_app_list_first(ctx);
-  EXPECT_NE(printed([list](t_cli_user_ctx* cli) {
-              pol_dump_app_list(list, cli);
-            }).find("SAAS APP LIST User: <none>"),
-            std::string::npos);
-  EXPECT_EQ(pol_app_list_user_remove(ctx, list, left), POL_EINVAL) << "not in this role";
-  EXPECT_EQ(pol_dns_app_list_user_remove(ctx, list, left), POL_OK);
-  EXPECT_EQ(pol_saas_app_list_user_remove(ctx, list, left), POL_OK);
-  EXPECT_EQ(pol_app_list_first(ctx), nullptr);
-}
-
-TEST_F(FwdBlockTest, PrefixListsOfOneNameAreTwoAndAnyKindButOneIsTheDestination) {
-  t_pol_fwd_user* user = sequence("p", kData, "v", 1)->fwd.user;
-  t_fwd_pfx_list* four = pol_fwd_pfx_list_user_add(ctx, "a", 3, user);
-  t_fwd_pfx_list* six = pol_fwd_pfx6_list_user_add(ctx, "a", 1, user);
-  EXPECT_NE(four, six);
-  EXPECT_EQ(four->users[1].front(), &user->dst_pfx);
-  EXPECT_EQ(six->users[0].front(), &user->src_pfx6);
-  EXPECT_EQ(pol_fwd_pfx_list_user_remove(ctx, nullptr, 3, user), POL_EINVAL);
-  EXPECT_EQ(pol_fwd_pfx_list_user_remove(ctx, four, 4, user), POL_OK);
-  EXPECT_EQ(pol_fwd_pfx_list_first(ctx), nullptr);
-  EXPECT_EQ(pol_fwd_pfx6_list_first(ctx), six);
-}
-
 TEST_F(FwdBlockTest, DumpsOfObjectsMatchTheirGolden) {
   for (const char* policy : {"p", "q"}) name_all(sequence(policy, kApp, "v", 1));
   const std::string longest(70, 'n');
@@ -103,18 +73,6 @@ TEST_F(FwdBlockTest, DumpsOfObjectsMatchTheirGolden) {
   text = std::regex_replace(text, std::regex("0x[0-9a-f]{9,}"), "PTR");
   expect_golden("dump/fwd_objects.ok", text);
   for (const char* policy : {"p", "q"}) forget_left_behind(sequence(policy, kApp, "v", 1));
-}
-
-using FwdBlockDeathTest = FwdBlockTest;
-
-TEST_F(FwdBlockDeathTest, LeftoverRegistrationEndsTheTeardown) {
-  auto leave_and_destroy = [this] {
-    sequence("p", kData, "v", 1);
-    pol_fwd_entry_saas_app_list_upd(ctx, "p", kData, "v", 1, "a");
-    pol_fwd_entry_find_and_delete(ctx, "p", kData, "v", 1);
-    pol_destroy();
-  };
-  EXPECT_EXIT(leave_and_destroy(), ::testing::KilledBySignal(SIGSEGV), "");
 }
 
 }  // namespace
