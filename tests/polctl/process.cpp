@@ -162,8 +162,16 @@ std::string RunningPolctl::next_line() {
 
 void RunningPolctl::signal(int number) { kill(child_, number); }
 
-void RunningPolctl::narrow() {
-  if (fcntl(out_, F_SETPIPE_SZ, 4096) < 0) abort();
+void RunningPolctl::fill() {
+  // By a description of its own: the child's stays blocking.
+  const int fd = open(("/proc/self/fd/" + std::to_string(out_)).c_str(), O_WRONLY | O_NONBLOCK);
+  const std::string block(4096, '.');
+  if (fd < 0) abort();
+  for (size_t size = block.size(); size > 0; size /= 2) {
+    while (write(fd, block.data(), size) > 0) {
+    }
+  }
+  close(fd);
 }
 
 int RunningPolctl::stop(int signal) {

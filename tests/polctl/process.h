@@ -41,8 +41,8 @@ class RunningPolctl {
   // The next line of its output and errors; "" when none comes within 30 seconds.
   std::string next_line();
   void signal(int number);
-  // Makes its output hold no more than a page that nobody has read.
-  void narrow();
+  // Leaves no room in its output: what it says next waits for a reader.
+  void fill();
   // Sends a signal; its exit status, or 128 and the signal that ended it.
   int stop(int signal);
 

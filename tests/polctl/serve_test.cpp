@@ -207,8 +207,8 @@ TEST_F(ServeTest, TakesUpWhatIsConfiguredLater) {
 }
 
 TEST_F(ServeTest, AReaderThatStandsStillHoldsNothingUp) {
-  server_->narrow();
-  for (int i = 0; i < 200; ++i) {
+  server_->fill();
+  for (int i = 0; i < 3; ++i) {
     commit("<policy xmlns=\"urn:zenodra:policy\"><lists><site-list><name>n" + std::to_string(i) +
            "</name></site-list></lists></policy>");
   }
