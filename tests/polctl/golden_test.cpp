@@ -12,8 +12,8 @@
 #include <regex>
 #include <sstream>
 
-#include "process.h"
 #include "support/paths.h"
+#include "support/process.h"
 
 namespace {
 

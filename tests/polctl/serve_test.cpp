@@ -15,8 +15,8 @@
 #include "host/agent_link.h"
 #include "host/forwarding.h"
 #include "host/live_server.h"
-#include "process.h"
 #include "support/paths.h"
+#include "support/process.h"
 #include "tool/live_request.h"
 #include "yarrow/yarrow_maapi.h"
 
@@ -34,7 +34,7 @@ class ServeTest : public testing::Test {
     std::vector<std::string> args = {"serve", "--port", "0", "--socket", socket_};
     args.insert(args.end(), options.begin(), options.end());
     server_.reset();
-    server_ = start_polctl(args);
+    server_ = std::make_unique<Running>(kPolctlPath, args);
     std::string line = server_->next_line();
     size_t at = line.find("port ");
     ASSERT_NE(at, std::string::npos) << line;
@@ -87,7 +87,7 @@ class ServeTest : public testing::Test {
 
   std::string socket_;
   uint16_t port_ = 0;
-  std::unique_ptr<RunningPolctl> server_;
+  std::unique_ptr<Running> server_;
 };
 
 TEST_F(ServeTest, AnswersAsTheCommandsDoAndFollowsCommits) {
@@ -221,7 +221,7 @@ TEST_F(ServeTest, AHangupReadsTheTlocsAgain) {
   start({"--config", kConfig, "--tlocs", tlocs});
   EXPECT_EQ(ask({"labels"}).out.find("label 8"), std::string::npos);
   std::ofstream(tlocs) << R"({"address":"10.0.0.1","color":1,"encap":2,"label":8})";
-  server_->signal(SIGHUP);
+  kill(server_->pid(), SIGHUP);
   std::string line;
   do line = server_->next_line();
   while (!line.empty() && line.rfind("hangup: 1 TLOCs read", 0) != 0);
