@@ -259,19 +259,14 @@ TEST(ConnectTest, AHungAgentIsLeftOnceTheTimeIsOver) {
   EXPECT_EQ(why(maapi_candidate_commit(socket.fd())), "not connected: the connection is lost");
   prods.join();
   // Accepts nobody: its queue holds one.
-  int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  auto* any = reinterpret_cast<sockaddr*>(&address);
-  ASSERT_EQ(bind(listener, any, size) + listen(listener, 0) + getsockname(listener, any, &size), 0);
-  Socket first(ntohs(address.sin_port));
-  Socket second(ntohs(address.sin_port));
-  ASSERT_EQ(connect(first.fd(), any, size), 0);
-  EXPECT_EQ(why(maapi_connect(second.fd(), any, size)),
+  uint16_t port = 0;
+  const int full = listener(0, &port);
+  Socket first(port);
+  Socket second(port);
+  ASSERT_EQ(connect(first.fd(), first.addr(), first.addr_len()), 0);
+  EXPECT_EQ(why(maapi_connect(second.fd(), second.addr(), second.addr_len())),
             "out of time: the agent accepts no connection");
-  close(listener);
+  close(full);
 }
 
 // Needs the right to take on another user's id.
@@ -310,29 +305,21 @@ TEST(ConnectTest, AnotherUsersAgentIsToldNothingUnlessThatUserIsAllowed) {
 TEST(ConnectTest, AClosedConnectionHasNoOwner) {
   int table = yarrow::peer_table_open();
   for (int family : {AF_INET, AF_INET6}) {
-    FalseAgent any;  // for a port that is listened at
-    Socket listener(0);
-    socklen_t size = listener.addr_len();
-    sockaddr_in at = {};
-    at.sin_family = AF_INET;
-    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(listener.fd(), reinterpret_cast<sockaddr*>(&at), size), 0);
-    ASSERT_EQ(listen(listener.fd(), 4), 0);
-    ASSERT_EQ(getsockname(listener.fd(), reinterpret_cast<sockaddr*>(&at), &size), 0);
+    uint16_t port = 0;
+    const int listening = listener(4, &port);
     sockaddr_in6 mapped = {};
     mapped.sin6_family = AF_INET6;
-    mapped.sin6_port = at.sin_port;
+    mapped.sin6_port = htons(port);
     inet_pton(AF_INET6, "::ffff:127.0.0.1", &mapped.sin6_addr);
+    const Socket to(port);
     const bool plain = family == AF_INET;
     int client = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_EQ(
-        connect(client,
-                plain ? reinterpret_cast<sockaddr*>(&at) : reinterpret_cast<sockaddr*>(&mapped),
-                plain ? sizeof at : sizeof mapped),
-        0);
+    ASSERT_EQ(connect(client, plain ? to.addr() : reinterpret_cast<sockaddr*>(&mapped),
+                      plain ? to.addr_len() : sizeof mapped),
+              0);
     yarrow::Peer server = yarrow::peer_of_connected(table, client);
     EXPECT_TRUE(server.known) << "not accepted yet: " << server.why;
-    int accepted = accept(listener.fd(), nullptr, nullptr);
+    int accepted = accept(listening, nullptr, nullptr);
     for (const yarrow::Peer& peer : {yarrow::peer_of_accepted(table, accepted),
                                      yarrow::peer_of_connected(table, client), server}) {
       EXPECT_TRUE(peer.known) << peer.why;
@@ -341,6 +328,7 @@ TEST(ConnectTest, AClosedConnectionHasNoOwner) {
     close(client);
     EXPECT_FALSE(yarrow::peer_of_accepted(table, accepted).known);
     close(accepted);
+    close(listening);
   }
   close(table);
 }

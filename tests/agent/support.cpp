@@ -233,18 +233,20 @@ Environment::Environment(const char* name, const std::string& value) : name_(nam
 
 Environment::~Environment() { unsetenv(name_); }
 
-FalseAgent::FalseAgent(std::vector<std::string> answers)
-    : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+int listener(int backlog, uint16_t* port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t size = sizeof address;
   auto* any = reinterpret_cast<sockaddr*>(&address);
-  if (pipe(stop_) != 0 || bind(listener_, any, size) != 0 || listen(listener_, 0) != 0 ||
-      getsockname(listener_, any, &size) != 0) {
-    abort();
-  }
-  port_ = ntohs(address.sin_port);
+  if (bind(fd, any, size) + listen(fd, backlog) + getsockname(fd, any, &size) != 0) abort();
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
+FalseAgent::FalseAgent(std::vector<std::string> answers) : listener_(listener(0, &port_)) {
+  if (pipe(stop_) != 0) abort();
   thread_ = std::thread([this, answers = std::move(answers)] { serve(answers); });
 }
 

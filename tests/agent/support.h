@@ -128,6 +128,9 @@ class Environment {
   const char* name_;
 };
 
+// A socket that listens on the loopback address, and at which port.
+int listener(int backlog, uint16_t* port);
+
 // What stands in for an agent: listens on the loopback address, says and does as it is told. Its
 // process is this one.
 class FalseAgent {
@@ -143,8 +146,8 @@ class FalseAgent {
  private:
   void serve(const std::vector<std::string>& answers);
 
-  int listener_;
   uint16_t port_ = 0;
+  int listener_;
   int stop_[2];
   std::thread thread_;
 };

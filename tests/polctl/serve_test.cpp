@@ -9,12 +9,12 @@
 #include <csignal>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <thread>
 
 #include "host/agent_link.h"
 #include "host/forwarding.h"
 #include "host/live_server.h"
+#include "support/golden.h"
 #include "support/paths.h"
 #include "support/process.h"
 #include "tool/live_request.h"
@@ -128,10 +128,7 @@ TEST_F(ServeTest, PoliciesThatGoLeaveTheDocumentAndComeBackToIt) {
     EXPECT_EQ(empty.find("branch"), std::string::npos) << empty;
     EXPECT_EQ(empty.find("flows"), std::string::npos) << empty;
     EXPECT_EQ(ask({"graph"}).out.find("undefined"), std::string::npos);
-    std::ifstream file(kConfig);
-    std::ostringstream config;
-    config << file.rdbuf();
-    commit(config.str());
+    commit(read_golden("polctl/forward.xml"));
     EXPECT_EQ(ask({"document"}).out, before);
   }
   EXPECT_EQ(server_->stop(SIGTERM), 0);
@@ -191,10 +188,7 @@ TEST_F(ServeTest, TakesUpWhatIsConfiguredLater) {
   start({"--from-service", "branch", "--apply", "out:out"});
   EXPECT_EQ(server_->next_line(), "policy \"out\" is not configured yet");
   EXPECT_EQ(server_->next_line(), "to be applied, but not configured: data-policy \"branch\"");
-  std::ifstream file(kConfig);
-  std::ostringstream config;
-  config << file.rdbuf();
-  commit(config.str());
+  commit(read_golden("polctl/forward.xml"));
   EXPECT_NE(ask({"document"}).out.find("<data-policy><name>branch</name>"), std::string::npos);
   std::string graph = ask({"graph", "--json"}).out;
   EXPECT_NE(graph.find(R"("name":"routing out","direction":"out")"), std::string::npos) << graph;

@@ -136,16 +136,6 @@ TEST(ToolTest, ADiskThatIsFullIs) {
   }
 }
 
-TEST(ToolTest, AnswersBeforeAFaultyRouteAreNotLost) {
-  Invocation invocation = eval(kPolicyFile, {"--json"});
-  invocation.input = "127.0.0.0/8\nnonsense\n10.0.0.0/8\n";
-  Outcome outcome = run_polctl(invocation);
-  EXPECT_EQ(outcome.status, 2);
-  EXPECT_EQ(outcome.err.substr(0, 25), "<stdin>:2:1: error: \"nons");
-  EXPECT_EQ(outcome.out.substr(0, 9), "{\"index\":");
-  EXPECT_EQ(outcome.out.find('\n'), outcome.out.size() - 1);
-}
-
 TEST(ToolTest, AProgramThatAsksAndWaitsGetsItsAnswer) {
   Invocation invocation = eval(kPolicyFile, {"--json"});
   invocation.input = "127.0.0.0/8\n0.0.0.0/0\n{\"type\":\"tloc\"}\n";
