@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <fstream>
 
 #include "agent/edits.h"
@@ -49,6 +50,7 @@ struct Ending {
 };
 Ending ending_of(int fd, int timeout_ms = 5'000) {
   Ending ending;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
   const timeval limit = {timeout_ms / 1000, timeout_ms % 1000 * 1000};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   char answer[4096];
@@ -56,6 +58,7 @@ Ending ending_of(int fd, int timeout_ms = 5'000) {
   if (got >= 8) ending.error = yarrow::Reader(std::string_view(answer + 4, 4)).u32();
   while (got > 0) got = recv(fd, answer, sizeof answer, 0);
   ending.closed = got == 0 || errno == ECONNRESET;
+  ending.closed = ending.closed && std::chrono::steady_clock::now() < end;
   return ending;
 }
 
