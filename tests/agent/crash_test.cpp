@@ -12,9 +12,11 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "support.h"
+#include "support/golden.h"
 #include "support/paths.h"
 
 namespace test {
@@ -120,24 +122,10 @@ std::string yarrowd(const std::string& arguments) {
 }
 
 TEST(CrashTest, ACommandLineThatMeansNothingIsRefusedWithWhatItTakes) {
-  const struct {
-    const char* arguments;
-    const char* expected;
-  } kCases[] = {
-      {"--version", "yarrowd 1.0.0\n0"},
-      {"--port 65536", "yarrowd: --port takes a port, 0 to 65535 (see yarrowd --help)\n2"},
-      {"--allow-uid x", "yarrowd: --allow-uid takes the number of a user (see yarrowd --help)\n2"},
-      {"--log file", "yarrowd: --log takes stderr, syslog or json (see yarrowd --help)\n2"},
-      {"--dir a --recover b", "yarrowd: more than one directory (see yarrowd --help)\n2"},
-      {"--backup f",
-       "yarrowd: --backup and --restore take --dir DIRECTORY (see yarrowd --help)\n2"},
-      {"--dir d --backup f --restore f",
-       "yarrowd: --check, --backup and --restore do not go together (see yarrowd --help)\n2"},
-      {"--check ''", "yarrowd: an empty directory name\n1"},
-      {"--check /dev/null", "yarrowd: /dev/null: is a link or not a directory\n1"},
-      {"--check '/no\x1b[2J'", "yarrowd: /no\\x1b[2J: No such file or directory\n1"},
-  };
-  for (const auto& [arguments, expected] : kCases) EXPECT_EQ(yarrowd(arguments), expected);
+  std::istringstream lines(read_golden("usage/yarrowd.in"));
+  std::string all;
+  for (std::string line; std::getline(lines, line);) all += line + "\n" + yarrowd(line) + "\n";
+  expect_golden("usage/yarrowd.ok", all);
 }
 
 TEST(CrashTest, DamageStopsTheStartAndTheOperatorRecoversOrRestores) {

@@ -2,14 +2,10 @@
 #include "support.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -87,61 +83,39 @@ std::string file_text(const std::string& name) {
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
+namespace {
+
+std::vector<std::string> agent_args(const std::string& directory,
+                                    const std::vector<std::string>& options) {
+  std::vector<std::string> args = {"--port", "0"};
+  if (!directory.empty()) args.insert(args.end(), {"--dir", directory});
+  args.insert(args.end(), options.begin(), options.end());
+  return args;
+}
+
+}  // namespace
+
 AgentProcess::AgentProcess(const std::string& directory, const std::vector<std::string>& options,
                            unsigned descriptors)
-    : log_(memfd_create("log", MFD_CLOEXEC)) {
-  std::vector<std::string> arguments = {"yarrowd", "--port", "0"};
-  if (!directory.empty()) arguments.insert(arguments.end(), {"--dir", directory});
-  arguments.insert(arguments.end(), options.begin(), options.end());
-  std::vector<char*> pointers;
-  for (std::string& argument : arguments) pointers.push_back(argument.data());
-  pointers.push_back(nullptr);
-  int ends[2];
-  if (log_ < 0 || pipe2(ends, O_CLOEXEC) != 0) abort();
-  pid_ = fork();
-  if (pid_ == 0) {
-    dup2(ends[1], STDOUT_FILENO);
-    dup2(log_, STDERR_FILENO);
-    const rlimit limit = {descriptors, descriptors};
-    if (descriptors > 0 && setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(126);
-    execv(kYarrowdPath, pointers.data());
-    _exit(127);
-  }
-  close(ends[1]);
-  FILE* out = fdopen(ends[0], "r");
+    : log_(memfd_create("log", MFD_CLOEXEC)),
+      process_(kYarrowdPath, agent_args(directory, options), log_, descriptors) {
   unsigned port = 0;
-  if (fscanf(out, "yarrowd: port %u", &port) != 1) port = 0;
-  fclose(out);
+  sscanf(process_.next_line().c_str(), "yarrowd: port %u", &port);
   port_ = static_cast<uint16_t>(port);
 }
 
 AgentProcess::~AgentProcess() {
-  EXPECT_TRUE(pid_ < 0 || terminate() == 0);
+  EXPECT_TRUE(pid() < 0 || terminate() == 0);
   close(log_);
 }
 
 std::string AgentProcess::log() const { return file_text("/proc/self/fd/" + std::to_string(log_)); }
 
-int AgentProcess::ended() {
-  int status = 0;
-  waitpid(pid_, &status, 0);
-  pid_ = -1;
-  bool well = (WIFEXITED(status) && WEXITSTATUS(status) == 0) ||
-              (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
-  if (!well) fprintf(stderr, "%s", log().c_str());
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-void AgentProcess::kill_hard() {
-  if (pid_ < 0) return;
-  kill(pid_, SIGKILL);
-  ended();
-}
-
-int AgentProcess::terminate() {
-  if (pid_ < 0) return -1;
-  kill(pid_, SIGTERM);
-  return ended();
+int AgentProcess::end(int signal) {
+  if (pid() < 0) return -1;
+  const int status = process_.stop(signal);
+  if (status != 0 && status != 128 + SIGKILL) fprintf(stderr, "%s", log().c_str());
+  return status;
 }
 
 Socket::Socket(uint16_t port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -259,18 +233,20 @@ Environment::Environment(const char* name, const std::string& value) : name_(nam
 
 Environment::~Environment() { unsetenv(name_); }
 
-FalseAgent::FalseAgent(std::vector<std::string> answers)
-    : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+int listener(int backlog, uint16_t* port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t size = sizeof address;
   auto* any = reinterpret_cast<sockaddr*>(&address);
-  if (pipe(stop_) != 0 || bind(listener_, any, size) != 0 || listen(listener_, 0) != 0 ||
-      getsockname(listener_, any, &size) != 0) {
-    abort();
-  }
-  port_ = ntohs(address.sin_port);
+  if (bind(fd, any, size) + listen(fd, backlog) + getsockname(fd, any, &size) != 0) abort();
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
+FalseAgent::FalseAgent(std::vector<std::string> answers) : listener_(listener(0, &port_)) {
+  if (pipe(stop_) != 0) abort();
   thread_ = std::thread([this, answers = std::move(answers)] { serve(answers); });
 }
 

@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <sys/types.h>
 
+#include <csignal>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -15,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/process.h"
 #include "yarrow/yarrow_cdb.h"
 #include "yarrow/yarrow_changes.h"
 #include "yarrow/yarrow_maapi.h"
@@ -47,16 +49,16 @@ class AgentProcess {
   AgentProcess& operator=(const AgentProcess&) = delete;
 
   uint16_t port() const { return port_; }  // 0: it did not start
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return process_.pid(); }
   std::string log() const;
-  void kill_hard();
-  int terminate();  // the exit status after SIGTERM
+  void kill_hard() { end(SIGKILL); }
+  int terminate() { return end(SIGTERM); }  // its exit status
 
  private:
-  int ended();  // waits for its end
+  int end(int signal);
 
-  pid_t pid_ = -1;
-  int log_ = -1;
+  int log_;
+  Running process_;
   uint16_t port_ = 0;
 };
 
@@ -126,6 +128,9 @@ class Environment {
   const char* name_;
 };
 
+// A socket that listens on the loopback address, and at which port.
+int listener(int backlog, uint16_t* port);
+
 // What stands in for an agent: listens on the loopback address, says and does as it is told. Its
 // process is this one.
 class FalseAgent {
@@ -141,8 +146,8 @@ class FalseAgent {
  private:
   void serve(const std::vector<std::string>& answers);
 
-  int listener_;
   uint16_t port_ = 0;
+  int listener_;
   int stop_[2];
   std::thread thread_;
 };

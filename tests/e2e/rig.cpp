@@ -2,14 +2,12 @@
 #include "rig.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
 #include <regex>
 #include <sstream>
 #include <vector>
 
 #include "policy/pol_dump.h"
-#include "support/paths.h"
 #include "yarrow/yarrow_schema.h"
 
 namespace test {
@@ -118,14 +116,9 @@ std::pair<std::string, std::string> Rig::states() const {
   t_cli_user_ctx cli = {append, &followed};
   pol_dump_all(&cli, 0, 0, nullptr);
 
-  std::string command =
-      std::string(kPolctlPath) + " dump all --agent=" + std::to_string(agent_.port());
-  FILE* out = popen(command.c_str(), "r");
-  std::string fresh;
-  char block[65536];
-  for (size_t got = 0; (got = fread(block, 1, sizeof block, out)) > 0;) fresh.append(block, got);
-  EXPECT_EQ(pclose(out), 0);
-  return {comparable(std::move(followed)), comparable(std::move(fresh))};
+  Outcome fresh = run_polctl({{"dump", "all", "--agent=" + std::to_string(agent_.port())}, ""});
+  EXPECT_EQ(fresh.status, 0) << fresh.err;
+  return {comparable(std::move(followed)), comparable(std::move(fresh.out))};
 }
 
 }  // namespace test

@@ -1,28 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Each <case>.in holds polctl's arguments on its first line and its standard input below; <case>.ok
-// what it must say, pointers masked. POLCTL_UPDATE_GOLDENS=1 writes what it says now: read the
+// what it must say, pointers masked. UPDATE_GOLDENS=1 writes what it says now: read the
 // difference before committing it.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <sstream>
 
-#include "process.h"
+#include "support/golden.h"
 #include "support/paths.h"
+#include "support/process.h"
 
 namespace {
-
-std::string read_file(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
 
 std::vector<std::string> case_names() {
   std::vector<std::string> names;
@@ -37,8 +29,8 @@ std::vector<std::string> case_names() {
 class GoldenTest : public testing::TestWithParam<std::string> {};
 
 TEST_P(GoldenTest, SaysTheSame) {
-  std::string base = std::string(kGoldenDir) + "/polctl/" + GetParam();
-  std::string content = read_file(base + ".in");
+  const std::string base = "polctl/" + GetParam();
+  const std::string content = read_golden(base + ".in");
   size_t first_end = content.find('\n');
   ASSERT_NE(first_end, std::string::npos);
   Invocation invocation;
@@ -53,8 +45,7 @@ TEST_P(GoldenTest, SaysTheSame) {
   // Pointers are long; flag words, which are shown in hexadecimal too, are not.
   said = std::regex_replace(said, std::regex("0x[0-9a-f]{9,}"), "PTR");
   said = std::regex_replace(said, std::regex("(Start|End): \\w{3} \\w{3} .*"), "$1: TIME");
-  if (getenv("POLCTL_UPDATE_GOLDENS") != nullptr) std::ofstream(base + ".ok") << said;
-  EXPECT_EQ(said, read_file(base + ".ok"));
+  expect_golden(base + ".ok", said);
 }
 
 INSTANTIATE_TEST_SUITE_P(Polctl, GoldenTest, testing::ValuesIn(case_names()),

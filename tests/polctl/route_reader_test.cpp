@@ -10,8 +10,8 @@
 #include "host/address_text.h"
 #include "host/input_error.h"
 #include "host/tloc_resolver.h"
-#include "process.h"
 #include "support/golden.h"
+#include "support/process.h"
 #include "tool/tloc_reader.h"
 
 namespace polctl {

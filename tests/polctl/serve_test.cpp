@@ -9,14 +9,14 @@
 #include <csignal>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <thread>
 
 #include "host/agent_link.h"
 #include "host/forwarding.h"
 #include "host/live_server.h"
-#include "process.h"
+#include "support/golden.h"
 #include "support/paths.h"
+#include "support/process.h"
 #include "tool/live_request.h"
 #include "yarrow/yarrow_maapi.h"
 
@@ -34,7 +34,7 @@ class ServeTest : public testing::Test {
     std::vector<std::string> args = {"serve", "--port", "0", "--socket", socket_};
     args.insert(args.end(), options.begin(), options.end());
     server_.reset();
-    server_ = start_polctl(args);
+    server_ = std::make_unique<Running>(kPolctlPath, args);
     std::string line = server_->next_line();
     size_t at = line.find("port ");
     ASSERT_NE(at, std::string::npos) << line;
@@ -87,7 +87,7 @@ class ServeTest : public testing::Test {
 
   std::string socket_;
   uint16_t port_ = 0;
-  std::unique_ptr<RunningPolctl> server_;
+  std::unique_ptr<Running> server_;
 };
 
 TEST_F(ServeTest, AnswersAsTheCommandsDoAndFollowsCommits) {
@@ -128,10 +128,7 @@ TEST_F(ServeTest, PoliciesThatGoLeaveTheDocumentAndComeBackToIt) {
     EXPECT_EQ(empty.find("branch"), std::string::npos) << empty;
     EXPECT_EQ(empty.find("flows"), std::string::npos) << empty;
     EXPECT_EQ(ask({"graph"}).out.find("undefined"), std::string::npos);
-    std::ifstream file(kConfig);
-    std::ostringstream config;
-    config << file.rdbuf();
-    commit(config.str());
+    commit(read_golden("polctl/forward.xml"));
     EXPECT_EQ(ask({"document"}).out, before);
   }
   EXPECT_EQ(server_->stop(SIGTERM), 0);
@@ -191,10 +188,7 @@ TEST_F(ServeTest, TakesUpWhatIsConfiguredLater) {
   start({"--from-service", "branch", "--apply", "out:out"});
   EXPECT_EQ(server_->next_line(), "policy \"out\" is not configured yet");
   EXPECT_EQ(server_->next_line(), "to be applied, but not configured: data-policy \"branch\"");
-  std::ifstream file(kConfig);
-  std::ostringstream config;
-  config << file.rdbuf();
-  commit(config.str());
+  commit(read_golden("polctl/forward.xml"));
   EXPECT_NE(ask({"document"}).out.find("<data-policy><name>branch</name>"), std::string::npos);
   std::string graph = ask({"graph", "--json"}).out;
   EXPECT_NE(graph.find(R"("name":"routing out","direction":"out")"), std::string::npos) << graph;
@@ -207,8 +201,8 @@ TEST_F(ServeTest, TakesUpWhatIsConfiguredLater) {
 }
 
 TEST_F(ServeTest, AReaderThatStandsStillHoldsNothingUp) {
-  server_->narrow();
-  for (int i = 0; i < 200; ++i) {
+  server_->fill();
+  for (int i = 0; i < 3; ++i) {
     commit("<policy xmlns=\"urn:zenodra:policy\"><lists><site-list><name>n" + std::to_string(i) +
            "</name></site-list></lists></policy>");
   }
@@ -221,7 +215,7 @@ TEST_F(ServeTest, AHangupReadsTheTlocsAgain) {
   start({"--config", kConfig, "--tlocs", tlocs});
   EXPECT_EQ(ask({"labels"}).out.find("label 8"), std::string::npos);
   std::ofstream(tlocs) << R"({"address":"10.0.0.1","color":1,"encap":2,"label":8})";
-  server_->signal(SIGHUP);
+  kill(server_->pid(), SIGHUP);
   std::string line;
   do line = server_->next_line();
   while (!line.empty() && line.rfind("hangup: 1 TLOCs read", 0) != 0);

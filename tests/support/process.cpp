@@ -5,13 +5,14 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
-#include <memory>
+#include <utility>
 
 #include "support/paths.h"
 
@@ -45,21 +46,32 @@ std::vector<char*> pointers(const std::vector<std::string>& words) {
   return result;
 }
 
-[[noreturn]] void become_polctl(const Invocation& invocation, int in, int out, int err) {
-  std::vector<std::string> args = {kPolctlPath};
-  args.insert(args.end(), invocation.args.begin(), invocation.args.end());
-  std::vector<std::string> env = invocation.env;  // the first of a name counts
-  env.insert(env.end(), {"TERM=xterm", "LC_ALL=C"});
+// A child with these for its standard input, output and errors, in a bare environment.
+pid_t spawn(const std::string& program, std::vector<std::string> args, std::vector<std::string> env,
+            int in, int out, int err, unsigned descriptors = 0) {
+  const pid_t child = fork();
+  if (child < 0) abort();
+  if (child > 0) return child;
+  args.insert(args.begin(), program);
+  env.insert(env.end(), {"TERM=xterm", "LC_ALL=C"});  // the first of a name counts
   for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS"}) {
     if (const char* value = getenv(name)) env.push_back(std::string(name) + "=" + value);
   }
+  const rlimit limit = {descriptors, descriptors};
   if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0 ||
+      (descriptors > 0 && setrlimit(RLIMIT_NOFILE, &limit) != 0) ||
       chdir((std::string(kGoldenDir) + "/polctl").c_str()) != 0) {
     _exit(126);
   }
   signal(SIGPIPE, SIG_DFL);
-  execve(kPolctlPath, pointers(args).data(), pointers(env).data());
+  execve(program.c_str(), pointers(args).data(), pointers(env).data());
   _exit(127);
+}
+
+int ended(pid_t child) {
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // How much of the input may be fed by now.
@@ -116,35 +128,31 @@ Outcome run_polctl(const Invocation& invocation) {
   Pipe in = make_pipe();
   Pipe out = invocation.terminal ? make_terminal() : make_pipe();
   Pipe err = invocation.terminal ? Pipe{-1, dup(out.write)} : make_pipe();
-  pid_t child = fork();
-  if (child < 0) abort();
-  if (child == 0) {
-    int to = out.write;
-    if (!invocation.output_file.empty()) to = open(invocation.output_file.c_str(), O_WRONLY);
-    become_polctl(invocation, in.read, to, err.write);
+  int to = out.write;
+  if (!invocation.output_file.empty()) {
+    close(out.write);
+    to = open(invocation.output_file.c_str(), O_WRONLY | O_CLOEXEC);
   }
+  const pid_t child = spawn(kPolctlPath, invocation.args, invocation.env, in.read, to, err.write);
   close(in.read);
-  close(out.write);
+  close(to);
   close(err.write);
   Outcome outcome;
   converse(invocation, in.write, out.read, err.read, &outcome);
-  int status = 0;
-  waitpid(child, &status, 0);
-  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  outcome.status = ended(child);
   return outcome;
 }
 
-std::unique_ptr<RunningPolctl> start_polctl(const std::vector<std::string>& args) {
+Running::Running(const std::string& program, const std::vector<std::string>& args, int err,
+                 unsigned descriptors) {
   Pipe in = make_pipe();
   Pipe out = make_pipe();
-  pid_t child = fork();
-  if (child < 0) abort();
-  if (child == 0) become_polctl({args, ""}, in.read, out.write, out.write);
+  child_ = spawn(program, args, {}, in.read, out.write, err < 0 ? out.write : err, descriptors);
   for (int fd : {in.read, in.write, out.write}) close(fd);
-  return std::make_unique<RunningPolctl>(child, out.read);
+  out_ = out.read;
 }
 
-std::string RunningPolctl::next_line() {
+std::string Running::next_line() {
   for (;;) {
     size_t end = read_.find('\n');
     if (end != std::string::npos) {
@@ -160,21 +168,24 @@ std::string RunningPolctl::next_line() {
   }
 }
 
-void RunningPolctl::signal(int number) { kill(child_, number); }
-
-void RunningPolctl::narrow() {
-  if (fcntl(out_, F_SETPIPE_SZ, 4096) < 0) abort();
+void Running::fill() {
+  // By a description of its own: the child's stays blocking.
+  const int fd = open(("/proc/self/fd/" + std::to_string(out_)).c_str(), O_WRONLY | O_NONBLOCK);
+  const std::string block(4096, '.');
+  if (fd < 0) abort();
+  for (size_t size = block.size(); size > 0; size /= 2) {
+    while (write(fd, block.data(), size) > 0) {
+    }
+  }
+  close(fd);
 }
 
-int RunningPolctl::stop(int signal) {
-  int status = 0;
+int Running::stop(int signal) {
   kill(child_, signal);
-  waitpid(child_, &status, 0);
-  child_ = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return ended(std::exchange(child_, -1));
 }
 
-RunningPolctl::~RunningPolctl() {
+Running::~Running() {
   if (child_ > 0) stop(SIGKILL);
   close(out_);
 }

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Runs polctl as a user does, and keeps what it says.
-#ifndef TESTS_POLCTL_PROCESS_H
-#define TESTS_POLCTL_PROCESS_H
+// Runs programs as a user does, and keeps what they say.
+#ifndef TESTS_SUPPORT_PROCESS_H
+#define TESTS_SUPPORT_PROCESS_H
 
 #include <sys/types.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
+// Exit statuses are those of a shell: 128 and the signal when one ended the program.
 struct Outcome {
-  int status = -1;  // exit status, or 128 and the signal
+  int status = -1;
   std::string out;
   std::string err;  // empty on a terminal, where both are one
 };
@@ -27,23 +27,26 @@ struct Invocation {
   std::string output_file = {};       // standard output goes there instead
 };
 
-// Runs in the directory of the goldens.
+// Runs in the directory of polctl's goldens.
 Outcome run_polctl(const Invocation& invocation);
 
-// A polctl that goes on running, until it is stopped or forgotten.
-class RunningPolctl {
+// A program that goes on running, until it is stopped or forgotten.
+class Running {
  public:
-  RunningPolctl(pid_t child, int out) : child_(child), out_(out) {}
-  ~RunningPolctl();
-  RunningPolctl(const RunningPolctl&) = delete;
-  RunningPolctl& operator=(const RunningPolctl&) = delete;
+  // Its errors go to `err`, to where its output goes if that is -1. `descriptors` is how many it may
+  // have, 0 as many as usual.
+  explicit Running(const std::string& program, const std::vector<std::string>& args, int err = -1,
+                   unsigned descriptors = 0);
+  ~Running();
+  Running(const Running&) = delete;
+  Running& operator=(const Running&) = delete;
 
-  // The next line of its output and errors; "" when none comes within 30 seconds.
+  pid_t pid() const { return child_; }  // -1: it was stopped
+  // The next line of its output; "" when none comes within 30 seconds.
   std::string next_line();
-  void signal(int number);
-  // Makes its output hold no more than a page that nobody has read.
-  void narrow();
-  // Sends a signal; its exit status, or 128 and the signal that ended it.
+  // Leaves no room in its output: what it says next waits for a reader.
+  void fill();
+  // Sends a signal; its exit status.
   int stop(int signal);
 
  private:
@@ -51,7 +54,6 @@ class RunningPolctl {
   int out_;
   std::string read_;
 };
-std::unique_ptr<RunningPolctl> start_polctl(const std::vector<std::string>& args);
 
 // Writes a file that lives as long as the test program.
 std::string temporary_file(const std::string& content);
