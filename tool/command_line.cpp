@@ -157,8 +157,15 @@ void add_eval(CLI::App& app, EvalOptions* options) {
       ->check(CLI::IsMember({"route", "membership"}))
       ->option_text("KIND");
   add_direction(command, &options->direction, kDirectionHelp);
-  command->add_option("--routes", options->routes, "the routes; - (default) is standard input")
-      ->option_text("FILE|-");
+  CLI::Option* routes =
+      command->add_option("--routes", options->routes, "the routes; - (default) is standard input")
+          ->option_text("FILE|-");
+  command
+      ->add_option("--route", options->route,
+                   "a route without a file, such as prefix=10.1.0.0/16,site=302,tag=5")
+      ->option_text("NAME=VALUE,...")
+      ->allow_extra_args(false)
+      ->excludes(routes);
   add_tlocs(command, &options->tlocs);
   add_json(command, &options->json, "answer one JSON object a line");
   command->add_flag("--explain", options->explain,
@@ -353,7 +360,7 @@ void require_one_input(const CommandLine& line) {
   if (line.command == "eval") {
     files = line.eval.source.config;
     files.push_back(line.eval.source.policy_file);
-    files.push_back(line.eval.routes);
+    if (line.eval.route.empty()) files.push_back(line.eval.routes);
   } else if (line.command == "diff") {
     files = {line.diff.old_file, line.diff.new_file, line.diff.routes};
   } else if (line.command == "check") {

@@ -27,6 +27,7 @@ struct EvalOptions {
   uint32_t direction = POL_DIR_NONE; /* none given: inbound, and told where it matters */
   std::string routes = "-";          /* "-" is standard input */
   std::string routes_name;           /* what messages call them, unless "" */
+  std::vector<std::string> route;    /* instead of a file: prefix=10.1.0.0/16,site=302 */
   std::string tlocs;                 /* empty: each TLOC resolves to itself */
   bool json = false;
   bool explain = false;
