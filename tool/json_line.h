@@ -32,6 +32,9 @@ struct JsonLine {
   size_t count = 0; /* of `fields` that belong to this line */
 };
 
+/* Throws LineFaultError. */
+[[noreturn]] void fail(size_t column, std::string what, std::string expected);
+
 /* Throws LineFaultError when the text is not exactly one object, when containers are nested deeper
  * than one level, or when a member is given twice. */
 void split_json_line(std::string_view text, JsonLine* line);
