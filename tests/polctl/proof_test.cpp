@@ -46,7 +46,8 @@ t_ipprefix some_prefix() {
 t_tloc_id some_tloc() {
   t_tloc_id tloc = {};
   tloc.family = one_in(3) ? KEL_AF_INET6 : KEL_AF_INET;
-  (tloc.family == KEL_AF_INET ? tloc.addr.v6[0] : tloc.addr.v6[15]) = static_cast<uint8_t>(below(3));
+  (tloc.family == KEL_AF_INET ? tloc.addr.v6[0] : tloc.addr.v6[15]) =
+      static_cast<uint8_t>(below(3));
   tloc.color = static_cast<uint8_t>(below(3));
   tloc.encap = static_cast<uint8_t>(below(2));
   return tloc;
@@ -107,7 +108,8 @@ void add_clauses(t_pol_entry* entry, uint32_t one_of) {
   if (wanted()) pol_entry_match_originator_add(ctx, entry, &originator, &changed);
   if (wanted()) pol_entry_match_carrier_add(ctx, entry, static_cast<uint8_t>(below(3)), &changed);
   if (wanted()) {
-    pol_entry_match_color_add(ctx, entry, static_cast<uint16_t>(below(2) * 256 + below(3)), &changed);
+    pol_entry_match_color_add(ctx, entry, static_cast<uint16_t>(below(2) * 256 + below(3)),
+                              &changed);
   }
   if (wanted()) pol_entry_match_color_list_add(ctx, entry, some_list(), &changed);
 }
@@ -221,7 +223,8 @@ struct Pinned {
       pin(present(bit) ? atom_of(field, kind, value) : atom_of(field, Atom::Kind::kAbsent, {}));
     };
     or_absent(Field::kOrigin, POL_ATTR_ORIGIN, Atom::Kind::kExact, origin);
-    or_absent(Field::kOriginator, POL_ATTR_ORIGINATOR, Atom::Kind::kValue, value_of(attr.originator));
+    or_absent(Field::kOriginator, POL_ATTR_ORIGINATOR, Atom::Kind::kValue,
+              value_of(attr.originator));
     or_absent(Field::kTloc, POL_ATTR_TLOC, Atom::Kind::kValue, value_of(attr.tloc));
     const t_ipprefix& prefix = route.query.prefix;
     Atom in_prefix;
@@ -299,9 +302,9 @@ TEST_F(ProofTest, RoutesLieInTheSetsOfWhatDecidesThemAndSetsShowSuchRoutes) {
       ASSERT_FALSE(alike.empty());
       for (size_t j = 0; j < policy.size(); ++j) {
         const SequenceModel& sequence = policy.sequence(j);
-        bool decides = decision.is_default != 0 ? sequence.is_default()
-                                                : sequence.is.sequence == decision.sequence &&
-                                                      !sequence.is_default();
+        bool decides = decision.is_default != 0
+                           ? sequence.is_default()
+                           : sequence.is.sequence == decision.sequence && !sequence.is_default();
         RouteSet both = alike & policy.decided(j);
         ASSERT_TRUE(decides ? both == alike : both.empty())
             << route_json(space.show(alike)) << " and sequence " << sequence.is.sequence;
@@ -342,7 +345,8 @@ TEST_F(ProofTest, DifferencesAreThoseThatAskingAboutEveryRouteFinds) {
         if (one_in(2)) pol_entry_set_tag_add(ctx, entry, below(2), &changed);
       }
       for (uint32_t i = 0; i < edits; ++i) {
-        t_pol_entry* entry = pol_entry_find(ctx, block, (1 + (round + i) % 5) * 10 + edits, nullptr);
+        t_pol_entry* entry =
+            pol_entry_find(ctx, block, (1 + (round + i) % 5) * 10 + edits, nullptr);
         switch ((round / 5 + i) % 5) {
           case 0:
             pol_entry_find_and_delete(ctx, block, pol_entry_get_sequence(entry), &changed);

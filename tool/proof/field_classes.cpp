@@ -108,7 +108,8 @@ void cut_numbers(Field field, const std::vector<Atom>& atoms, ClassMaker* maker)
   Value none;
   none.absent = true;
   if (has_absence(field)) absent.point(none, maker);
-  std::sort(events.begin(), events.end(), [](const Event& a, const Event& b) { return a.at < b.at; });
+  std::sort(events.begin(), events.end(),
+            [](const Event& a, const Event& b) { return a.at < b.at; });
   Holding holding(atoms.size());
   Wide at = field == Field::kType ? POL_MATCH_ROUTE : 0;
   for (size_t i = 0; at <= highest_of(field);) {

@@ -73,7 +73,8 @@ struct Atom {
   };
   Field field = Field::kType;
   Kind kind = Kind::kAbsent;
-  bool own_tloc = false; /* asked of a query's own TLOC, which counts as color 0 when it is absent */
+  bool own_tloc =
+      false; /* asked of a query's own TLOC, which counts as color 0 when it is absent */
   Value value;
   uint64_t high = 0;
   PrefixRange prefixes;
@@ -83,8 +84,9 @@ struct Atom {
 };
 
 struct FieldClasses {
-  std::vector<Value> members;                  /* by class */
-  std::vector<std::vector<uint32_t>> of_atoms; /* by atom, the classes in which it holds, ascending */
+  std::vector<Value> members; /* by class */
+  std::vector<std::vector<uint32_t>>
+      of_atoms; /* by atom, the classes in which it holds, ascending */
 };
 
 /* REQUIRES: atoms of this one field. */

@@ -78,8 +78,8 @@ Outcome outcome_of(const SequenceModel& sequence, uint32_t match_type, uint32_t 
     never = never || !any;
   };
   if (sets(POL_SET_F_TLOC)) resolve("tloc", tloc_text(is.set_tloc), true);
-  if (in && (sets(POL_SET_F_VPN_ID) ||
-             (sets(POL_SET_F_VPN_LIST) && sequence.set_vpn_list != nullptr))) {
+  if (in &&
+      (sets(POL_SET_F_VPN_ID) || (sets(POL_SET_F_VPN_LIST) && sequence.set_vpn_list != nullptr))) {
     add("vpn", vpns_of(sequence));
   }
   // The VPN and the service that it is resolved for.

@@ -36,7 +36,8 @@ struct Outcome {
   uint32_t action = POL_REJECT;
   /* An accept hangs on whether a TLOC of it resolves, which is the host's affair; else it rejects. */
   bool if_resolved = false;
-  std::vector<std::pair<const char*, std::string>> sets; /* a word and its value; none on a reject */
+  std::vector<std::pair<const char*, std::string>>
+      sets; /* a word and its value; none on a reject */
 
   bool operator==(const Outcome& other) const;
 };

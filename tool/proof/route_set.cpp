@@ -53,9 +53,8 @@ extern "C" void note_error(int code) {
 
 void look_at_clock() {
   if (++g_table.operations % 64 != 0 || std::chrono::steady_clock::now() < g_table.end) return;
-  throw NotKnown(fmt::format(
-      "it takes more than {} s",
-      std::chrono::duration<double>(g_table.bounds.time).count()));
+  throw NotKnown(fmt::format("it takes more than {} s",
+                             std::chrono::duration<double>(g_table.bounds.time).count()));
 }
 
 BDD ranges_below(BitField field, const CodeRange* first, const CodeRange* last, uint64_t low,

@@ -60,15 +60,14 @@ unsigned bits_for(size_t classes) {
 }  // namespace
 
 const char* field_word(Field field) {
-  static constexpr const char* kWords[kFields] = {"type",   "prefix", "vpn",        "tag",
-                                                  "preference", "domain", "site",   "group",
-                                                  "tloc",   "origin", "originator", "carrier"};
+  static constexpr const char* kWords[kFields] = {"type",       "prefix", "vpn",        "tag",
+                                                  "preference", "domain", "site",       "group",
+                                                  "tloc",       "origin", "originator", "carrier"};
   return kWords[static_cast<size_t>(field)];
 }
 
 std::string route_json(const ShownRoute& route) {
-  std::string line =
-      fmt::format("{{\"type\":\"{}\"", value_text(Field::kType, route.values[0]));
+  std::string line = fmt::format("{{\"type\":\"{}\"", value_text(Field::kType, route.values[0]));
   for (unsigned i = 1; i < kFields; ++i) {
     auto field = static_cast<Field>(i);
     const Value& value = route.values[i];
@@ -245,9 +244,8 @@ std::string RouteSpace::words(const Slot& slot, uint32_t code) const {
       return fmt::format("{} {}", word, value_text(slot.field, value));
     }
   }
-  bool any_list = std::any_of(slot.atoms.begin(), slot.atoms.end(), [&](size_t id) {
-    return atoms_[id].kind == Atom::Kind::kList;
-  });
+  bool any_list = std::any_of(slot.atoms.begin(), slot.atoms.end(),
+                              [&](size_t id) { return atoms_[id].kind == Atom::Kind::kList; });
   return any_list ? fmt::format("{} in no list", word) : fmt::format("another {}", word);
 }
 
@@ -305,8 +303,9 @@ std::string RouteSpace::classes_text() const {
 }
 
 size_t RouteSpace::classes() const {
-  return std::accumulate(slots_.begin(), slots_.end(), size_t{0},
-                         [](size_t sum, const Slot& slot) { return sum + slot.classes.members.size(); });
+  return std::accumulate(slots_.begin(), slots_.end(), size_t{0}, [](size_t sum, const Slot& slot) {
+    return sum + slot.classes.members.size();
+  });
 }
 
 }  // namespace polctl

@@ -85,9 +85,8 @@ void Verifier::require(const ShownRoute& route, const SequenceModel& decider) co
       if (name == "tag") sets = sets && std::to_string(query->attr_copy.tag) == value;
       if (name == "preference") sets = sets && std::to_string(query->attr_copy.preference) == value;
     }
-    const bool same_decider =
-        (decision.is_default != 0) == decider.is_default() &&
-        (decider.is_default() || decision.sequence == decider.is.sequence);
+    const bool same_decider = (decision.is_default != 0) == decider.is_default() &&
+                              (decider.is_default() || decision.sequence == decider.is.sequence);
     if (same_decider && action == expected && explained == action && sets) continue;
     throw InternalError(fmt::format(
         "polctl: internal error: policy {}: the proof has it that {}, the library that {}, of {}",
