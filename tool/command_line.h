@@ -18,6 +18,7 @@ struct CommandLine {
   std::string output;  /* help or version, for standard output */
   EvalOptions eval;
   CheckOptions check;
+  ConvertOptions convert;
   DiffOptions diff;
   DumpOptions dump;
   WatchOptions watch;

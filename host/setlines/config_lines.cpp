@@ -196,4 +196,22 @@ std::vector<std::string> tree_difference(const ConfigLines& before, const Config
   return texts;
 }
 
+std::string config_as_json(const std::string& xml) {
+  std::string json;
+  std::string error;
+  if (!agent::json_from_xml(xml, &json, &error)) throw InputError("polctl: error: " + error);
+  return json;
+}
+
+std::string config_from_json(const SourceFile& file) {
+  std::string xml;
+  std::string error;
+  std::string json = read_whole(file.path(), kMaxSourceBytes, "configuration");
+  if (!agent::xml_from_json(json, &xml, &error)) {
+    throw InputError(file.name() + ": error: " + error +
+                     " (expected configuration as RFC 7951 writes it)");
+  }
+  return xml;
+}
+
 }  // namespace polctl

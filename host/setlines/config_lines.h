@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "host/source_file.h"
+
 namespace polctl {
 
 /* A node with its keys or value. Parents stand before what they hold. */
@@ -34,6 +36,10 @@ std::vector<std::string> set_difference(const ConfigLines& before, const ConfigL
 
 /* The same as a tree, with what is around it after two blanks. */
 std::vector<std::string> tree_difference(const ConfigLines& before, const ConfigLines& after);
+
+/* The configuration as JSON (RFC 7951), and a file of such as XML. Throw InputError. */
+std::string config_as_json(const std::string& xml);
+std::string config_from_json(const SourceFile& file);
 
 }  // namespace polctl
 

@@ -121,8 +121,8 @@ void Tree::set(const SetTarget& target, uint32_t line) {
   Node* node = find(target.path, is_item ? &target.value->text : nullptr, line, &is_new);
   bool is_leaf = node->schema->is_leaf();
   SetPlace place = {line, target.value ? target.value->column : target.path.back().column};
-  bool replaces = node->operation == Node::Operation::kDelete ||
-                  node->operation == Node::Operation::kRemove;
+  bool replaces =
+      node->operation == Node::Operation::kDelete || node->operation == Node::Operation::kRemove;
   if (is_leaf && node->is_set) {
     fault(document_, place,
           node->schema->name + " stands twice, first in line " + std::to_string(node->place.line),

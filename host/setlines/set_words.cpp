@@ -207,8 +207,8 @@ std::vector<SetTarget> resolve_words(const SetPath& from, const std::vector<SetW
                                      size_t first, SetUse use) {
   Resolver resolver{words, use, first, from};
   resolver.run();
-  bool ends_in_node = resolver.targets.empty() || resolver.path.size() + 1 >
-                                                      resolver.targets.back().path.size();
+  bool ends_in_node =
+      resolver.targets.empty() || resolver.path.size() + 1 > resolver.targets.back().path.size();
   bool sets_nothing = resolver.path.size() <= from.size() ||
                       resolver.path.back().node->kind != TreeNode::Kind::kList;
   if (ends_in_node && use == SetUse::kSet && sets_nothing) {
@@ -226,12 +226,15 @@ std::string agent_path(const SetPath& path) {
     if (step.keys.empty()) continue;
     text += '{';
     for (size_t i = 0; i < step.keys.size(); ++i) {
-      text += i > 0 ? " \"" : "\"";
-      for (char c : step.keys[i].text) {
-        if (c == '"' || c == '\\') text += '\\';
-        text += c;
+      const std::string& key = step.keys[i].text;
+      bool plain = !key.empty() && key.find_first_of(" {}\"\\") == std::string::npos;
+      text += i > 0 ? " " : "";
+      text += plain ? key : "\"";
+      for (size_t at = 0; !plain && at < key.size(); ++at) {
+        if (key[at] == '"' || key[at] == '\\') text += '\\';
+        text += key[at];
       }
-      text += '"';
+      text += plain ? "" : "\"";
     }
     text += '}';
   }

@@ -53,8 +53,8 @@ struct SetTarget {
 const agent::TreeNode& config_schema();
 
 enum class SetUse {
-  kSet,   /* every key and value is there */
-  kName,  /* names a node: a leaf is without its value (an item of a leaf-list may have it), and a list
+  kSet, /* every key and value is there */
+  kName, /* names a node: a leaf is without its value (an item of a leaf-list may have it), and a list
              may be meant as a whole */
 };
 
