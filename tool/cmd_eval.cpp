@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <optional>
 
 #include "commands.h"
 #include "evaluation.h"
@@ -11,6 +12,7 @@
 #include "host/live_frame.h"
 #include "host/source_file.h"
 #include "live_client.h"
+#include "route_option.h"
 #include "route_reader.h"
 #include "set_rules.h"
 #include "summary.h"
@@ -86,7 +88,14 @@ PolicySource load_policy(const PolicyOptions& options) {
   return PolicySource(options);
 }
 
-int run_eval(const EvalOptions& options, Output* out) {
+int run_eval(const EvalOptions& given, Output* out) {
+  EvalOptions options = given;
+  std::optional<MemoryFile> lines;
+  if (!options.route.empty()) {
+    lines.emplace(route_lines(options.route));
+    options.routes = lines->path();
+    options.routes_name = "--route";
+  }
   if (!options.source.live.empty()) {
     EvalOptions asked = options;
     if (asked.routes_name.empty())

@@ -27,6 +27,7 @@ struct EvalOptions {
   uint32_t direction = POL_DIR_NONE; /* none given: inbound, and told where it matters */
   std::string routes = "-";          /* "-" is standard input */
   std::string routes_name;           /* what messages call them, unless "" */
+  std::vector<std::string> route;    /* instead of a file: prefix=10.1.0.0/16,site=302 */
   std::string tlocs;                 /* empty: each TLOC resolves to itself */
   bool json = false;
   bool explain = false;
@@ -94,6 +95,9 @@ struct ServeOptions {
   std::string tlocs;
   std::string socket;
   std::map<std::string, uint32_t> directions; /* by policy; inbound where none is given */
+  std::string log; /* where events go, as service::log_target_of knows it; "": standard output */
+  std::string options_file; /* where more options stand */
+  bool print_config = false;
 };
 
 /* Keeps agent and host running until SIGINT or SIGTERM, and answers the other commands. */
@@ -112,6 +116,14 @@ struct DiffOptions {
 
 /* Runs routes through two versions of a policy. kFindings when any of them is answered differently. */
 int run_diff(const DiffOptions& options, Output* out);
+
+struct ConvertOptions {
+  std::string file;
+  std::string to = "set"; /* or "tree", "xml", "json", "text" (a policy file) */
+};
+
+/* Writes policy or configuration in another form, or says what that form cannot say. */
+int run_convert(const ConvertOptions& options, Output* out);
 
 struct WatchOptions {
   PolicyOptions source;
