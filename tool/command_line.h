@@ -25,6 +25,8 @@ struct CommandLine {
   DocumentOptions document;
   LabelsOptions labels;
   ServeOptions serve;
+  ShowOptions show;
+  ClearOptions clear;
 };
 
 /* Throws InputError. */
