@@ -115,6 +115,9 @@ struct ServeOptions {
   std::string tlocs;
   std::string socket;
   std::map<std::string, uint32_t> directions; /* by policy; inbound where none is given */
+  std::string log; /* where events go, as service::log_target_of knows it; "": standard output */
+  std::string options_file; /* where more options stand */
+  bool print_config = false;
 };
 
 /* Keeps agent and host running until SIGINT or SIGTERM, and answers the other commands. */
