@@ -191,6 +191,20 @@ void add_check(CLI::App& app, CheckOptions* options) {
   command->footer(kCheckHelp);
 }
 
+void add_convert(CLI::App& app, ConvertOptions* options) {
+  CLI::App* command =
+      app.add_subcommand("convert", "Write policy or configuration in another form");
+  command->add_option("FILE", options->file, "a policy file or configuration; - is standard input")
+      ->required()
+      ->option_text(" ");
+  command
+      ->add_option("--to", options->to,
+                   "set-lines (default), a tree, XML, JSON, or the text of a policy file")
+      ->check(CLI::IsMember({"set", "tree", "xml", "json", "text"}))
+      ->option_text("set|tree|xml|json|text");
+  command->footer(kConvertHelp);
+}
+
 void add_dump(CLI::App& app, DumpOptions* options) {
   CLI::App* command = app.add_subcommand("dump", "Print what the library holds");
   add_source_options(command, &options->source);
@@ -435,6 +449,7 @@ struct Parser {
     app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
     add_eval(app, &line.eval);
     add_check(app, &line.check);
+    add_convert(app, &line.convert);
     add_diff(app, &line.diff);
     add_dump(app, &line.dump);
     add_graph(app, &line.graph);

@@ -23,6 +23,7 @@ struct CommandLine {
   GivenOptions given;  /* the command's */
   EvalOptions eval;
   CheckOptions check;
+  ConvertOptions convert;
   DiffOptions diff;
   DumpOptions dump;
   WatchOptions watch;

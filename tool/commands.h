@@ -137,6 +137,14 @@ struct DiffOptions {
 /* Runs routes through two versions of a policy. kFindings when any of them is answered differently. */
 int run_diff(const DiffOptions& options, Output* out);
 
+struct ConvertOptions {
+  std::string file;
+  std::string to = "set"; /* or "tree", "xml", "json", "text" (a policy file) */
+};
+
+/* Writes policy or configuration in another form, or says what that form cannot say. */
+int run_convert(const ConvertOptions& options, Output* out);
+
 struct WatchOptions {
   PolicyOptions source;
   std::vector<std::string> policies; /* control policies to use; none: all there are */

@@ -43,6 +43,14 @@ the path in configuration. The exit status is 1 when there are errors; with
 --strict for warnings too. In which direction a policy is applied configuration
 does not say: --direction tells, and what is then set in vain is warned of.)";
 
+inline constexpr const char* kConvertHelp = R"(Examples:
+  polctl convert sdwan.xml
+  polctl convert branch.txt --to xml > branch.xml
+  polctl convert sdwan.set --to json
+
+Reads XML, JSON, set-lines or a policy file, as its content tells. What the other
+form cannot say is an error with its line: nothing is left out.)";
+
 inline constexpr const char* kMainHelp = R"(Examples:
   polctl check --policy-file branch.txt
   echo 10.1.0.0/16 | polctl eval --policy-file branch.txt --policy branch --explain

@@ -15,6 +15,7 @@ int run(const std::vector<std::string>& words) {
   polctl::CommandLine line = polctl::read_command_line(words);
   polctl::Output out;
   if (line.command == "check") return polctl::run_check(line.check, &out);
+  if (line.command == "convert") return polctl::run_convert(line.convert, &out);
   if (line.command == "diff") return polctl::run_diff(line.diff, &out);
   if (line.command == "dump") return polctl::run_dump(line.dump, &out);
   if (line.command == "document") return polctl::run_document(line.document, &out);
