@@ -31,6 +31,8 @@ struct CommandLine {
   DocumentOptions document;
   LabelsOptions labels;
   ServeOptions serve;
+  ShowOptions show;
+  ClearOptions clear;
 };
 
 /* What the words of one option or argument are; what completion, manual pages and options files know
