@@ -447,7 +447,6 @@ struct Parser {
   Parser() {
     app.require_subcommand(1);
     app.set_version_flag("--version", "polctl " POLCTL_VERSION);
-    app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
     add_eval(app, &line.eval);
     add_check(app, &line.check);
     add_convert(app, &line.convert);
@@ -460,6 +459,8 @@ struct Parser {
     add_show(app, &line.show);
     add_clear(app, &line.clear);
     add_serve(app, &line.serve, &port, &apply);
+    // Last: a command begins with what its parent ends with.
+    app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
   }
 };
 
