@@ -24,8 +24,6 @@ namespace polctl {
 
 namespace {
 
-constexpr uint64_t kFewRoutes = 20;  // are shown each on a line, more as a summary
-
 // Where the verdicts go, in one of the three forms.
 class Answers {
  public:

@@ -9,8 +9,8 @@ namespace {
 
 using nlohmann::json;
 
-// One list of members for both ways: Writer makes the object, Reader takes it apart.
-struct Writer {
+// One list of members for both ways: MemberWriter makes the object, MemberReader takes it apart.
+struct MemberWriter {
   json& object;
   template <typename Value>
   void member(const char* name, const Value& value) {
@@ -18,7 +18,7 @@ struct Writer {
   }
 };
 
-struct Reader {
+struct MemberReader {
   const json& object;
   bool good = true;
 
@@ -31,6 +31,14 @@ struct Reader {
     auto found = object.find(name);
     good = good && found != object.end() && found->is_boolean();
     if (good) value = found->get<bool>();
+  }
+  void member(const char* name, std::vector<std::string>& value) {
+    auto found = object.find(name);
+    good = good && found != object.end() && found->is_array();
+    for (size_t i = 0; good && i < found->size(); ++i) {
+      good = (*found)[i].is_string();
+      if (good) value.push_back((*found)[i].get<std::string>());
+    }
   }
   void member(const char* name, uint32_t& value) {
     auto found = object.find(name);
@@ -63,19 +71,27 @@ void members(Visitor* visitor, Options& options) {
     visitor->member("json", options.json);
   } else if constexpr (std::is_same_v<Plain, ClearOptions>) {
     visitor->member("what", options.what);
+  } else if constexpr (std::is_same_v<Plain, TestOptions>) {
+    visitor->member("names", options.names);
+    visitor->member("sizes", options.sizes);
+    visitor->member("direction", options.direction);
+    visitor->member("format", options.format);
+    visitor->member("explain", options.explain);
+    visitor->member("coverage", options.coverage);
+    visitor->member("routes", options.routes_name);
   } else {
     visitor->member("json", options.json);
   }
 }
 
 constexpr const char* kCommands[] = {"eval",   "dump", "graph", "document",
-                                     "labels", "show", "clear"};
+                                     "labels", "show", "clear", "test"};
 
 template <size_t kIndex = 0>
 bool decode_as(const json& object, const std::string& command, LiveRequest* request) {
   if constexpr (kIndex < std::size(kCommands)) {
     if (command != kCommands[kIndex]) return decode_as<kIndex + 1>(object, command, request);
-    Reader reader{object};
+    MemberReader reader{object};
     members(&reader, request->options.emplace<kIndex>());
     return reader.good;
   } else {
@@ -88,7 +104,7 @@ bool decode_as(const json& object, const std::string& command, LiveRequest* requ
 std::string encode_options(const LiveRequest& request) {
   json object;
   object["command"] = kCommands[request.options.index()];
-  Writer writer{object};
+  MemberWriter writer{object};
   std::visit([&](const auto& options) { members(&writer, options); }, request.options);
   return object.dump(-1, ' ', false, json::error_handler_t::replace);
 }

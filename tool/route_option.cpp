@@ -7,6 +7,7 @@
 #include "host/address_text.h"
 #include "host/near_word.h"
 #include "host/output.h"
+#include "json_line.h"
 #include "route_reader.h"
 
 namespace polctl {
@@ -20,22 +21,10 @@ const std::vector<std::string>& names() {
   return all;
 }
 
-[[noreturn]] void fail(size_t column, std::string what, std::string expected) {
-  throw LineFaultError({column, std::move(what), std::move(expected)});
-}
-
 // Makes the same fields as a JSON object would, and the object.
 class LineMaker {
  public:
   void add(const NamedValue& given) {
-    if (given.value.empty()) return;
-    if (given.name == "group") return add_group(given);
-    if (given.name == "tloc" || given.name == "color" || given.name == "encap") {
-      return add_tloc(given);
-    }
-    if (given.name == "origin" && given.value.find('/') != std::string_view::npos) {
-      return add_origin(given);
-    }
     bool known = false;
     for (const std::string& each : names()) known = known || each == given.name;
     if (!known) {
@@ -43,6 +32,14 @@ class LineMaker {
       std::string hint = near.empty() ? "" : ", did you mean " + near.front() + "?";
       fail(given.column, fmt::format("unknown name {}{}", in_quotes(given.name), hint),
            joined(names(), ", "));
+    }
+    if (given.value.empty()) return;
+    if (given.name == "group") return add_group(given);
+    if (given.name == "tloc" || given.name == "color" || given.name == "encap") {
+      return add_tloc(given);
+    }
+    if (given.name == "origin" && given.value.find('/') != std::string_view::npos) {
+      return add_origin(given);
     }
     for (const JsonField& each : plain_) {
       if (each.name == given.name) {
