@@ -12,6 +12,7 @@
 #include "host/near_word.h"
 #include "importing/route_import.h"
 #include "live_client.h"
+#include "manual/manual.h"
 #include "options_text.h"
 #include "terminal.h"
 #include "yarrow/yarrow_types.h"
@@ -497,7 +498,6 @@ struct Parser {
   Parser() {
     app.require_subcommand(1);
     app.set_version_flag("--version", "polctl " POLCTL_VERSION);
-    app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
     add_eval(app, &line.eval);
     add_check(app, &line.check);
     add_convert(app, &line.convert);
@@ -511,6 +511,8 @@ struct Parser {
     add_show(app, &line.show);
     add_clear(app, &line.clear);
     add_serve(app, &line.serve, &port, &apply);
+    // Last: a command begins with what its parent ends with.
+    app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
   }
 };
 
@@ -520,9 +522,11 @@ OptionRow row_of(const CLI::Option& option) {
   row.name = has_name ? "--" + option.get_lnames().front() : option.get_name();
   row.help = option.get_description();
   row.repeats = option.get_expected_max() > 1;
+  row.required = option.get_required();
   bool flag = option.get_expected_max() == 0;
   std::string type = option.get_type_name();  // "TEXT:{in,out}" where words are checked
-  row.value = !option.get_option_text().empty() ? option.get_option_text() : flag ? "" : type;
+  std::string told = option.get_option_text();
+  row.value = told == " " || told == "..." ? "" : !told.empty() ? told : flag ? "" : type;
   size_t open = type.find('{');
   size_t close = type.find('}');
   if (open == std::string::npos || close == std::string::npos) return row;
@@ -619,7 +623,18 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
 }  // namespace
 
 CommandLine read_command_line(const std::vector<std::string>& words) {
-  return read_words(words, true);
+  CommandLine line = {};
+  bool made = words.size() == 2 && (words[0] == "completion" || words[0] == "manual");
+  if (!made) return read_words(words, true);
+  // On purpose not among the commands: for those who build and pack.
+  bool script = words[0] == "completion";
+  line.output = script ? completion_script(command_table(), words[1])
+                       : manual_page(command_table(), words[1]);
+  if (line.output.empty()) {
+    fail("nothing is made for " + in_quotes(words[1]),
+         script ? "bash or zsh" : "polctl or a command");
+  }
+  return line;
 }
 
 std::vector<CommandRow> command_table() {

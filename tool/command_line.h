@@ -44,6 +44,7 @@ struct OptionRow {
   std::vector<std::string> choices; /* the only words it may have; none: any */
   std::string help;
   bool repeats;
+  bool required;
 };
 
 struct CommandRow {
