@@ -37,7 +37,7 @@ TEST(RouteImportTest, TakesWhatOthersWriteAndPlacesWhatIsWrong) {
     std::string expected; /* lines, or the beginning of what is said */
   } const rows[] = {
       {lines_of_prefixes, " 10.0.0.0/8\r\n# no\n\n2001:db8::/32", "10.0.0.0/8\n2001:db8::/32\n"},
-      {lines_of_prefixes, "10.0.0.0/8\n {}", "f:2:2: error: bad IPv4 address \"{}\""},
+      {lines_of_prefixes, "10.0.0.0/8\n {}", "f:2:2: error: \"{}\" is no prefix (expected "},
       {lines_of_csv,
        "site, prefix ,groups,color,tloc\n301,10.1.0.0/16,1 2,mpls,10.0.0.9\r\n\n,,,,\n",
        R"({"site":301,"prefix":"10.1.0.0/16","type":"route","tloc":{"color":"mpls","address":"10.0.0.9"},"groups":[1,2]})"
