@@ -10,6 +10,7 @@
 #include "host/address_text.h"
 #include "host/input_error.h"
 #include "host/near_word.h"
+#include "importing/route_import.h"
 #include "live_client.h"
 #include "manual/manual.h"
 #include "options_text.h"
@@ -133,6 +134,14 @@ void add_tlocs(CLI::App* command, std::string* tlocs) {
       ->type_name("FILE");
 }
 
+void add_routes_format(CLI::App* command, std::string* format) {
+  command
+      ->add_option("--routes-format", *format,
+                   "what --routes is: " + joined(route_formats(), ", ") + "; the first by default")
+      ->check(CLI::IsMember(route_formats()))
+      ->option_text("FORMAT");
+}
+
 // --json, and --format json by the same name everywhere.
 void add_json(CLI::App* command, bool* json, const char* help) {
   command->add_flag("--json", *json, help);
@@ -163,6 +172,7 @@ void add_eval(CLI::App& app, EvalOptions* options) {
   CLI::Option* routes =
       command->add_option("--routes", options->routes, "the routes; - (default) is standard input")
           ->option_text("FILE|-");
+  add_routes_format(command, &options->routes_format);
   command
       ->add_option("--route", options->route,
                    "a route without a file, such as prefix=10.1.0.0/16,site=302,tag=5")
@@ -196,6 +206,7 @@ void add_test(CLI::App& app, TestOptions* options) {
   command->add_flag("--coverage", options->coverage, "say what was never reached");
   command->add_option("--routes", options->routes, "routes that reach too, for the coverage")
       ->type_name("FILE");
+  add_routes_format(command, &options->routes_format);
   command->footer(kTestHelp);
 }
 
@@ -337,6 +348,7 @@ void add_diff(CLI::App& app, DiffOptions* options) {
       ->required()
       ->option_text(" ");
   command->add_option("--routes", options->routes, "the routes")->required()->type_name("FILE");
+  add_routes_format(command, &options->routes_format);
   command->add_option("--policy", options->policy, "the policy's name; not needed for an only one")
       ->type_name("NAME");
   add_direction(command, &options->direction, kDirectionHelp);

@@ -28,6 +28,7 @@ struct EvalOptions {
   uint32_t direction = POL_DIR_NONE; /* none given: inbound, and told where it matters */
   std::string routes = "-";          /* "-" is standard input */
   std::string routes_name;           /* what messages call them, unless "" */
+  std::string routes_format;         /* of tool/importing; "": json-lines */
   std::vector<std::string> route;    /* instead of a file: prefix=10.1.0.0/16,site=302 */
   std::string tlocs;                 /* empty: each TLOC resolves to itself */
   bool json = false;
@@ -51,6 +52,7 @@ struct TestOptions {
   bool coverage = false;
   std::string routes; /* asked too, for the coverage; "": none */
   std::string routes_name;
+  std::string routes_format; /* as of eval */
 };
 
 /* Tries what policies are expected to say. kFindings when any test fails. */
@@ -159,7 +161,8 @@ struct DiffOptions {
   std::string policy;                /* empty: the only route policy there is in both */
   uint32_t direction = POL_DIR_NONE; /* as of eval */
   std::string routes;
-  bool force = false; /* take policy files that have errors */
+  std::string routes_format; /* as of eval */
+  bool force = false;        /* take policy files that have errors */
   std::string tlocs;
   bool json = false;
 };
