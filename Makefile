@@ -30,10 +30,10 @@ help:
 setup:
 	@scripts/setup build
 
-# Not for the tests' sake: they are neither built nor needed to run the tool.
+# A build of its own, in half of the time: without tests, and compiled a room at a time.
 build: setup
-	@cmake --preset dev --log-level=WARNING >/dev/null
-	@$(call CMAKE_BUILD,dev) --target policy policy_host_shared polctl yarrowd manuals
+	@cmake --preset release --log-level=WARNING >/dev/null
+	@$(call CMAKE_BUILD,release) --target policy policy_host_shared polctl yarrowd manuals
 
 run: build
 	@scripts/demo build/bin/polctl
@@ -90,4 +90,4 @@ format:
 	@scripts/sources | xargs clang-format -i
 
 clean:
-	rm -rf build build-release build-asan build-tsan build-fuzz build-bench build-deb
+	rm -rf build build-dev build-asan build-tsan build-fuzz build-bench build-deb
