@@ -369,6 +369,8 @@ void add_watch(CLI::App& app, WatchOptions* options) {
       ->add_option("--change", options->change, "a configuration file to commit once all is loaded")
       ->type_name("FILE")
       ->allow_extra_args(false);
+  add_json(command, &options->json, "one JSON object a line for each commit");
+  command->add_flag("--reconnect", options->reconnect, "wait for an agent that goes away");
   command->footer(kWatchHelp);
 }
 

@@ -182,9 +182,12 @@ struct WatchOptions {
   PolicyOptions source;
   std::vector<std::string> policies; /* control policies to use; none: all there are */
   std::vector<std::string> change;   /* configuration files to commit; none: wait for others' */
+  bool json = false;
+  bool reconnect = false; /* to an agent that went, rather than end */
 };
 
-/* Registers a user for each policy and shows what each commit has it told, and when. */
+/* Registers a user for each policy and shows each commit: what it changed, whom it had called back, and
+ * when. kFindings once the agent goes. */
 int run_watch(const WatchOptions& options, Output* out);
 
 /* A policy as a command's options say; who waits long is told. Throws InputError. */
