@@ -203,8 +203,8 @@ void commit_and_show(const WatchOptions& options, const AgentPlace& place, LiveC
   }
   out->print("commit acknowledged after {:.2f} ms: one batch of {} change{}\n", committed,
              grouped(commit->changes), plural(static_cast<int64_t>(commit->changes)));
-  write_commit_text(*commit, out);
   show_calls(*watchers, begin, "the commit began", out);
+  write_commit_text(*commit, out);
   tell_absent(live->walk->configured(), out);
 }
 
