@@ -143,21 +143,25 @@ void add_json(CLI::App* command, bool* json, const char* help) {
       ->option_text("text|json");
 }
 
+void add_kind(CLI::App* command, uint32_t* kind) {
+  command
+      ->add_option_function<std::string>(
+          "--kind",
+          [kind](const std::string& word) {
+            *kind = word == "route" ? POL_KIND_ROUTE : POL_KIND_MEMBERSHIP;
+          },
+          "the policy's kind: route (default) or membership")
+      ->check(CLI::IsMember({"route", "membership"}))
+      ->option_text("KIND");
+}
+
 void add_eval(CLI::App& app, EvalOptions* options) {
   CLI::App* command = app.add_subcommand("eval", "Run routes through a policy");
   add_source_options(command, &options->source);
   command->add_option("--policy", options->policy, "the policy's name")
       ->required()
       ->type_name("NAME");
-  command
-      ->add_option_function<std::string>(
-          "--kind",
-          [options](const std::string& word) {
-            options->kind = word == "route" ? POL_KIND_ROUTE : POL_KIND_MEMBERSHIP;
-          },
-          "the policy's kind: route (default) or membership")
-      ->check(CLI::IsMember({"route", "membership"}))
-      ->option_text("KIND");
+  add_kind(command, &options->kind);
   add_direction(command, &options->direction, kDirectionHelp);
   CLI::Option* routes =
       command->add_option("--routes", options->routes, "the routes; - (default) is standard input")
@@ -281,6 +285,45 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
                     "print the options in force as such a file, and end");
   add_trace(command, &options->source);
   command->footer(kServeHelp);
+}
+
+void add_limits(CLI::App* command, std::vector<std::string>* limits) {
+  command
+      ->add_option("--limit", *limits,
+                   "what a proof may take before the answer is \"not known\" (60s, 400MB)")
+      ->option_text("SECONDSs|MEGABYTESMB")
+      ->allow_extra_args(false);
+}
+
+void add_search(CLI::App& app, SearchOptions* options) {
+  CLI::App* command =
+      app.add_subcommand("search", "Find a route that a policy decides so, or prove there is none");
+  add_source_options(command, &options->source);
+  command->add_option("--policy", options->policy, "the policy's name")
+      ->required()
+      ->type_name("NAME");
+  add_kind(command, &options->kind);
+  add_direction(command, &options->direction, kDirectionHelp);
+  command
+      ->add_option_function<std::string>(
+          "--action",
+          [options](const std::string& word) {
+            options->action = word == "accept" ? POL_ACCEPT : POL_REJECT;
+          },
+          "what becomes of the route")
+      ->check(CLI::IsMember({"accept", "reject"}))
+      ->option_text("accept|reject");
+  command->add_option("--sequence", options->sequence, "what decides it: a sequence, or default")
+      ->option_text("NUMBER|default");
+  command
+      ->add_option("--where", options->where,
+                   "what the route is like: tag=5, prefix=10.0.0.0/8-24, \"not site-list=hubs\"")
+      ->option_text("FIELD=VALUE")
+      ->allow_extra_args(false);
+  command->add_flag("--all", options->all, "every kind of route, not one a deciding sequence");
+  add_limits(command, &options->limits);
+  add_json(command, &options->json, "one JSON object a line for each route");
+  command->footer(kSearchHelp);
 }
 
 void add_diff(CLI::App& app, DiffOptions* options) {
@@ -435,6 +478,7 @@ struct Parser {
     add_graph(app, &line.graph);
     add_document(app, &line.document);
     add_labels(app, &line.labels);
+    add_search(app, &line.search);
     add_watch(app, &line.watch);
     add_serve(app, &line.serve, &port, &apply);
   }
@@ -508,6 +552,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
                        {"graph", &line.graph.source, false},
                        {"document", &line.document.source, !line.document.tlocs.empty()},
                        {"labels", &line.labels.source, !line.labels.tlocs.empty()},
+                       {"search", &line.search.source, false},
                        {"watch", &line.watch.source, false},
                        {"serve", &line.serve.source, false}};
   for (const auto& each : sources) {

@@ -30,6 +30,7 @@ struct CommandLine {
   GraphOptions graph;
   DocumentOptions document;
   LabelsOptions labels;
+  SearchOptions search;
   ServeOptions serve;
 };
 

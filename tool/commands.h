@@ -37,6 +37,23 @@ struct EvalOptions {
 int run_eval(const EvalOptions& options, Output* out);
 int answer_eval(const EvalOptions& options, Output* out);
 
+struct SearchOptions {
+  PolicyOptions source;
+  std::string policy;
+  uint32_t kind = POL_KIND_ROUTE;
+  uint32_t direction = POL_DIR_NONE; /* as of eval */
+  uint32_t action = 0;               /* enum pol_action; 0: either */
+  std::string sequence;              /* its number, or "default"; "": any */
+  std::vector<std::string> where;    /* conditions (proof/condition.h), which all hold */
+  std::vector<std::string> limits;   /* of memory and time */
+  bool all = false;                  /* every kind of route, not one a sequence */
+  bool json = false;
+};
+
+/* Says whether there is a route that fits, and shows one a sequence. kFindings when there is none. */
+int run_search(const SearchOptions& options, Output* out);
+int answer_search(const SearchOptions& options, Output* out);
+
 struct CheckOptions {
   std::string policy_file;
   std::vector<std::string> files; /* configuration, merged in order, or one policy file; or none */

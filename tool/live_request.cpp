@@ -27,6 +27,14 @@ struct Reader {
     good = good && found != object.end() && found->is_string();
     if (good) value = found->get<std::string>();
   }
+  void member(const char* name, std::vector<std::string>& value) {
+    auto found = object.find(name);
+    good = good && found != object.end() && found->is_array();
+    for (const json& each : good ? *found : json::array()) {
+      good = good && each.is_string();
+      if (good) value.push_back(each.get<std::string>());
+    }
+  }
   void member(const char* name, bool& value) {
     auto found = object.find(name);
     good = good && found != object.end() && found->is_boolean();
@@ -57,12 +65,22 @@ void members(Visitor* visitor, Options& options) {
   } else if constexpr (std::is_same_v<Plain, DocumentOptions>) {
     visitor->member("pretty", options.pretty);
     visitor->member("show-data", options.show_data);
+  } else if constexpr (std::is_same_v<Plain, SearchOptions>) {
+    visitor->member("policy", options.policy);
+    visitor->member("kind", options.kind);
+    visitor->member("direction", options.direction);
+    visitor->member("action", options.action);
+    visitor->member("sequence", options.sequence);
+    visitor->member("where", options.where);
+    visitor->member("limits", options.limits);
+    visitor->member("all", options.all);
+    visitor->member("json", options.json);
   } else {
     visitor->member("json", options.json);
   }
 }
 
-constexpr const char* kCommands[] = {"eval", "dump", "graph", "document", "labels"};
+constexpr const char* kCommands[] = {"eval", "dump", "graph", "document", "labels", "search"};
 
 template <size_t kIndex = 0>
 bool decode_as(const json& object, const std::string& command, LiveRequest* request) {

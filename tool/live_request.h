@@ -14,7 +14,7 @@
 namespace polctl {
 
 struct LiveRequest {
-  std::variant<EvalOptions, DumpOptions, GraphOptions, DocumentOptions, LabelsOptions> options;
+  std::variant<EvalOptions, DumpOptions, GraphOptions, DocumentOptions, LabelsOptions, SearchOptions> options;
   std::string input = {};
 };
 

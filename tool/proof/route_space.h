@@ -55,6 +55,8 @@ class RouteSpace {
   /* A route of the set, which is not empty, in few words: of fields that do not matter it has as little
    * as can be. */
   ShownRoute show(const RouteSet& set) const;
+  /* All routes of that set that are alike in what matters. */
+  static RouteSet alike(const ShownRoute& route) { return RouteSet::agreeing(route.bits); }
 
   /* "prefix 317, tag 4": classes of the fields that are asked about. */
   std::string classes_text() const;
