@@ -329,15 +329,18 @@ void add_search(CLI::App& app, SearchOptions* options) {
 void add_diff(CLI::App& app, DiffOptions* options) {
   CLI::App* command =
       app.add_subcommand("diff", "Show which routes two policies answer differently");
-  command->add_option("OLD", options->old_file, "the policy as it was")
-      ->required()
-      ->option_text(" ");
-  command->add_option("NEW", options->new_file, "the policy as it is")
-      ->required()
-      ->option_text(" ");
-  command->add_option("--routes", options->routes, "the routes")->required()->type_name("FILE");
-  command->add_option("--policy", options->policy, "the policy's name; not needed for an only one")
+  command->add_option("OLD", options->old_file, "the policy as it was")->option_text(" ");
+  command->add_option("NEW", options->new_file, "the policy as it is")->option_text(" ");
+  command
+      ->add_option("--routes", options->routes,
+                   "routes to be asked about; without, all there can be")
+      ->type_name("FILE");
+  command
+      ->add_option("--policy", options->policy,
+                   "the policy's name; without, all of them, or with --routes the only one")
       ->type_name("NAME");
+  add_agent(command, &options->source);
+  add_limits(command, &options->limits);
   add_direction(command, &options->direction, kDirectionHelp);
   add_tlocs(command, &options->tlocs);
   add_json(command, &options->json, "one JSON object a line for each route that differs");
@@ -439,6 +442,22 @@ void require_one_input(const CommandLine& line) {
   }
   if (std::count(files.begin(), files.end(), "-") > 1) {
     fail("standard input is to be read twice", "- for one of the files");
+  }
+}
+
+void settle_diff(const CLI::App* command, DiffOptions* options) {
+  PolicyOptions& source = options->source;
+  source.agent = command->get_option("--agent")->count() > 0;
+  if (source.agent_port == kFlagGiven) source.agent_port.clear();
+  if (source.agent) {
+    if (options->old_file.empty() || !options->new_file.empty()) {
+      fail(options->new_file.empty() ? "there is nothing to compare with" : "policy is given twice",
+           "--agent, whose policy is the old one, and NEW");
+    }
+    if (!options->routes.empty()) fail("--agent and --routes", "--routes with two files");
+    std::swap(options->old_file, options->new_file);
+  } else if (options->new_file.empty()) {
+    fail("there is nothing to compare", "OLD and NEW, or --agent and NEW");
   }
 }
 
@@ -562,6 +581,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
   }
   require_here(line.document.source, line.document.applied.any(), "policies applied");
   require_one_input(line);
+  if (line.command == "diff") settle_diff(command, &line.diff);
   if (line.command == "serve") settle_serve(parser.port, parser.apply, &line.serve);
   if (line.command == "check" && line.check.files.empty() == line.check.policy_file.empty()) {
     line.check.files.empty()

@@ -125,14 +125,20 @@ struct DiffOptions {
   std::string new_file;
   std::string policy;                /* empty: the only route policy there is in both */
   uint32_t direction = POL_DIR_NONE; /* as of eval */
-  std::string routes;
-  bool force = false; /* take policy files that have errors */
+  std::string routes;                /* empty: of every route there can be */
+  std::vector<std::string> limits;   /* of memory and time, without routes */
+  PolicyOptions source;              /* an agent has the old policy, in place of a file */
+  bool force = false;                /* take policy files that have errors */
   std::string tlocs;
   bool json = false;
 };
 
-/* Runs routes through two versions of a policy. kFindings when any of them is answered differently. */
+/* Runs routes through two versions of a policy, or compares them over all routes. kFindings when any is
+ * answered differently. */
 int run_diff(const DiffOptions& options, Output* out);
+
+/* How a file is loaded that is either, as its content tells. Throws InputError. */
+PolicyOptions source_of(const std::string& file, bool force);
 
 struct ConvertOptions {
   std::string file;

@@ -59,14 +59,20 @@ inline constexpr const char* kMainHelp = R"(Examples:
 "polctl help COMMAND" tells the options of a command, "polctl version" the version.)";
 
 inline constexpr const char* kDiffHelp = R"(Examples:
-  polctl diff old.xml new.xml --policy branch --routes routes.txt
-  polctl diff branch.txt sdwan.xml --policy branch --routes routes.txt --json
+  polctl diff old.xml new.xml
+  polctl diff old.xml new.xml --policy branch --routes routes.jsonl
+  polctl diff --agent candidate.xml
 
-OLD and NEW are policy files or configuration files, as their content tells; one
-of them, or the routes, may be - for standard input. For
-every route that is answered differently: both verdicts, what decided, and what
-is set differently; more than 20 such routes are summed up. The exit status is 1
-when any route differs.)";
+Each file is a policy file or configuration, as its content tells. Without
+--routes every route there can be is considered: each kind of routes that is
+answered differently is shown by the sequences that decide it, what of a route
+matters, and one such route. The exit status is 0 when nothing is answered
+differently, which is a proof, 1 when something is, and 4 when it is not known.
+An answer is the action and what is set; which sequence gives it is not.
+
+With --routes every route of these that is answered differently is shown: both
+verdicts, what decided, and what is set differently; more than 20 such routes are
+summed up. The exit status is 1 when any route differs.)";
 
 inline constexpr const char* kSearchHelp = R"(Examples:
   polctl search --config sdwan.xml --policy branch --action accept --where tag=666

@@ -14,7 +14,9 @@
 namespace polctl {
 
 struct LiveRequest {
-  std::variant<EvalOptions, DumpOptions, GraphOptions, DocumentOptions, LabelsOptions, SearchOptions> options;
+  std::variant<EvalOptions, DumpOptions, GraphOptions, DocumentOptions, LabelsOptions,
+               SearchOptions>
+      options;
   std::string input = {};
 };
 

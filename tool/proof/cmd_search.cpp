@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "condition.h"
+#include "host/address_text.h"
 #include "host/input_error.h"
 #include "policy/pol_util.h"
 #include "policy_proof.h"
@@ -90,9 +91,10 @@ class Search {
 
 void print_text(const Found& found, const SequenceModel& sequence, Output* out) {
   out->print("# {}: {}{}{}\n", decider_text(sequence), outcome_text(found.outcome),
-             found.route.matters.empty() ? "" : ", of ", joined(found.route.matters, ", "));
+             found.route.matters.empty() ? "" : "; ", joined(found.route.matters, ", "));
   if (!found.certain) {
-    out->write("# not known: whether a TLOC resolves is the host's affair; where none does, it rejects\n");
+    out->write(
+        "# not known: whether a TLOC resolves is the host's affair; where none does, it rejects\n");
   }
   out->print("{}\n", route_json(found.route));
 }
@@ -116,7 +118,9 @@ void print_json(const Found& found, const SequenceModel& sequence, Output* out) 
 std::string asked_text(const SearchOptions& options) {
   std::string text = "no route";
   if (!options.where.empty()) text += " of " + joined(options.where, " and ");
-  text += options.action == 0 ? " is decided" : options.action == POL_ACCEPT ? " is accepted" : " is rejected";
+  text += options.action == 0            ? " is decided"
+          : options.action == POL_ACCEPT ? " is accepted"
+                                         : " is rejected";
   if (options.sequence == "default") return text + " by the default action";
   return options.sequence.empty() ? text : text + " by sequence " + options.sequence;
 }
@@ -133,8 +137,9 @@ void require_sequence(const SearchOptions& options, const PolicyModel& policy) {
   std::string expected = numbers.size() > kShown
                              ? fmt::format("one of its {} sequences", numbers.size())
                              : joined(numbers, ", ") + (numbers.empty() ? "" : " or ") + "default";
-  throw InputError(fmt::format("polctl: error: --sequence: policy {} has no sequence {} (expected {})",
-                               in_quotes(policy.name), in_quotes(options.sequence), expected));
+  throw InputError(
+      fmt::format("polctl: error: --sequence: policy {} has no sequence {} (expected {})",
+                  in_quotes(policy.name), in_quotes(options.sequence), expected));
 }
 
 }  // namespace

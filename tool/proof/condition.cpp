@@ -112,7 +112,8 @@ void read_prefix(const Given& given, Atom* atom) {
   t_ipprefix prefix = {};
   LineFault fault;
   if (!parse_prefix(given.text.substr(0, dash), &prefix, &fault)) {
-    fail(given.offset + fault.column - 1, fault.what, fault.expected + ", as 10.0.0.0/8 or 10.0.0.0/8-24");
+    fail(given.offset + fault.column - 1, fault.what,
+         fault.expected + ", as 10.0.0.0/8 or 10.0.0.0/8-24");
   }
   const unsigned width = prefix.addr.family == KEL_AF_INET ? 32 : 128;
   std::optional<uint64_t> longest = prefix.len;
@@ -191,7 +192,7 @@ void read_list(const Given& given, const FieldRow& row, const Model& model, Atom
   }
   fail(given.offset,
        fmt::format("there is no {} {}{}", row.name, in_quotes(name), near_hint(name, names)),
-       names.empty() ? "one that is configured"
+       names.empty()        ? "one that is configured"
        : names.size() <= 10 ? "one of " + joined(names, ", ")
                             : fmt::format("one of {} lists", names.size()));
 }
@@ -272,9 +273,10 @@ RouteSet Conditions::set(const RouteSet& universe) const {
     routes = made.negated ? routes - atom : routes & atom;
   }
   if (!routes.empty()) return routes;
-  throw InputError(fmt::format("{}: there can be no such route, whatever the policy: {} (expected "
-                               "conditions that can hold together)",
-                               where_, joined(texts_, " and ")));
+  throw InputError(
+      fmt::format("{}: there can be no such route, whatever the policy: {} (expected "
+                  "conditions that can hold together)",
+                  where_, joined(texts_, " and ")));
 }
 
 Bounds read_bounds(const std::vector<std::string>& limits) {
@@ -288,9 +290,9 @@ Bounds read_bounds(const std::vector<std::string>& limits) {
     const bool time = unit == "s";
     if (!number || *number == 0 || (!time && unit != "MB") ||
         *number > (time ? kMostSeconds : kMostMegabytes)) {
-      throw InputError(fmt::format(
-          "polctl: error: --limit: {} is no bound (expected 1s to {}s, or 1MB to {}MB)",
-          in_quotes(text), kMostSeconds, kMostMegabytes));
+      throw InputError(
+          fmt::format("polctl: error: --limit: {} is no bound (expected 1s to {}s, or 1MB to {}MB)",
+                      in_quotes(text), kMostSeconds, kMostMegabytes));
     }
     if (time) {
       bounds.time = std::chrono::seconds(*number);

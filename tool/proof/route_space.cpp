@@ -99,10 +99,10 @@ std::string route_json(const ShownRoute& route) {
         break;
       case Field::kTloc:
         if (value.absent) break;
-        line += fmt::format(",\"tloc\":{{\"address\":\"{}\",\"color\":{},\"encap\":{}}}",
-                            address_text(address_of(value)),
-                            json_word(Vocabulary::kColor, value.color),
-                            json_word(Vocabulary::kEncap, value.encap));
+        line +=
+            fmt::format(",\"tloc\":{{\"address\":\"{}\",\"color\":{},\"encap\":{}}}",
+                        address_text(address_of(value)), json_word(Vocabulary::kColor, value.color),
+                        json_word(Vocabulary::kEncap, value.encap));
         break;
       case Field::kPrefix:
       case Field::kOriginator:
@@ -115,8 +115,8 @@ std::string route_json(const ShownRoute& route) {
         break;
       case Field::kCarrier:
         if (value.absent) break;
-        line += ",\"carrier\":" +
-                json_word(Vocabulary::kCarrier, static_cast<uint32_t>(value.number));
+        line +=
+            ",\"carrier\":" + json_word(Vocabulary::kCarrier, static_cast<uint32_t>(value.number));
         break;
       default:
         // The VPN is always there, and 0 unless it is named; of a service it has to be.

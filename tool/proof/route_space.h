@@ -28,8 +28,8 @@ namespace polctl {
 struct ShownRoute {
   std::array<Value, kFields> values; /* by Field; of groups those below */
   std::vector<uint32_t> groups;
-  std::vector<std::string>
-      matters; /* "prefix in list branch-lan", "tag 666": alike routes are alike */
+  std::vector<std::string> matters; /* "prefix in list branch-lan", "tag 666" */
+  std::vector<int8_t> bits;         /* of all routes that are alike in these */
 
   uint32_t type() const { return static_cast<uint32_t>(values[0].number); }
 };
