@@ -24,8 +24,6 @@ namespace polctl {
 
 namespace {
 
-constexpr uint64_t kFewRoutes = 20;  // are shown each on a line, more as a summary
-
 // Where the verdicts go, in one of the three forms.
 class Answers {
  public:
@@ -110,7 +108,7 @@ int run_eval(const EvalOptions& given, Output* out) {
   return answer_eval(options, out);
 }
 
-int answer_eval(const EvalOptions& options, Output* out) {
+int answer_eval(const EvalOptions& options, Output* out, Decisions* decisions) {
   require_policy(options.policy, options.kind, source_name(options.source));
   RouteReader routes(options.routes, options.routes_name);
   if (options.routes == "-" && isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
@@ -136,6 +134,10 @@ int answer_eval(const EvalOptions& options, Output* out) {
     }
     if (verdict == nullptr) break;
     answers.add(*verdict);
+    if (decisions != nullptr) {
+      decisions->count(verdict->decision.is_default != 0, verdict->decision.sequence,
+                       verdict->action == POL_ACCEPT);
+    }
     progress.step(routes.lines().position(), routes.lines().size());
   }
   progress.clear();

@@ -362,6 +362,26 @@ void add_watch(CLI::App& app, WatchOptions* options) {
   command->footer(kWatchHelp);
 }
 
+void add_show(CLI::App& app, ShowOptions* options) {
+  CLI::App* command = app.add_subcommand("show", "Show how a running host is");
+  command->add_option("WHAT", options->what, "status (default), policy, lists or commits")
+      ->check(CLI::IsMember({"status", "policy", "lists", "commits"}))
+      ->option_text(" ");
+  command->add_option("NAME", options->name, "the policy's name")->option_text(" ");
+  add_live(command, &options->source);
+  add_json(command, &options->json, "one JSON object a line");
+  command->footer(kShowHelp);
+}
+
+void add_clear(CLI::App& app, ClearOptions* options) {
+  CLI::App* command = app.add_subcommand("clear", "Have a running host count from 0 again");
+  command->add_option("WHAT", options->what, "counters")
+      ->required()
+      ->check(CLI::IsMember({"counters"}))
+      ->option_text(" ");
+  add_live(command, &options->source);
+}
+
 std::vector<std::string> command_names(CLI::App& app) {
   std::vector<std::string> names;
   for (const CLI::App* command : app.get_subcommands({})) names.push_back(command->get_name());
@@ -499,6 +519,8 @@ struct Parser {
     add_labels(app, &line.labels);
     add_search(app, &line.search);
     add_watch(app, &line.watch);
+    add_show(app, &line.show);
+    add_clear(app, &line.clear);
     add_serve(app, &line.serve, &port, &apply);
   }
 };
@@ -573,6 +595,8 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
                        {"labels", &line.labels.source, !line.labels.tlocs.empty()},
                        {"search", &line.search.source, false},
                        {"watch", &line.watch.source, false},
+                       {"show", &line.show.source, false},
+                       {"clear", &line.clear.source, false},
                        {"serve", &line.serve.source, false}};
   for (const auto& each : sources) {
     if (line.command != each.command) continue;
@@ -583,6 +607,11 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
   require_one_input(line);
   if (line.command == "diff") settle_diff(command, &line.diff);
   if (line.command == "serve") settle_serve(parser.port, parser.apply, &line.serve);
+  if (line.command == "show" && (line.show.what == "policy") == line.show.name.empty()) {
+    fail(
+        line.show.name.empty() ? "no policy is named" : "unknown word " + in_quotes(line.show.name),
+        "show policy NAME, or a word alone");
+  }
   if (line.command == "check" && line.check.files.empty() == line.check.policy_file.empty()) {
     line.check.files.empty()
         ? fail("nothing to check", "a file")

@@ -32,6 +32,8 @@ struct CommandLine {
   LabelsOptions labels;
   SearchOptions search;
   ServeOptions serve;
+  ShowOptions show;
+  ClearOptions clear;
 };
 
 /* What the words of one option or argument are; what completion, manual pages and options files know

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/counters.h"
 #include "host/forwarding.h"
 #include "host/output.h"
 #include "host/policy_source.h"
@@ -35,7 +36,8 @@ struct EvalOptions {
 
 /* Runs routes through a policy. kDone whatever the verdicts are: they are the answer. */
 int run_eval(const EvalOptions& options, Output* out);
-int answer_eval(const EvalOptions& options, Output* out);
+/* `decisions`, unless null, counts what was answered, also where it ends with an error. */
+int answer_eval(const EvalOptions& options, Output* out, Decisions* decisions = nullptr);
 
 struct SearchOptions {
   PolicyOptions source;
@@ -105,6 +107,24 @@ struct LabelsOptions {
 /* Shows the labels that the agent's configuration holds. */
 int run_labels(LabelsOptions options, Output* out);
 int answer_labels(const LabelsOptions& options, ConfigSession* session, Output* out);
+
+struct ShowOptions {
+  PolicyOptions source;        /* a running host alone: nobody else has what it counted */
+  std::string what = "status"; /* or "policy", "lists", "commits" */
+  std::string name;            /* of the policy */
+  bool json = false;
+};
+
+/* Shows how a running host is and what it counted. */
+int run_show(const ShowOptions& options, Output* out);
+
+struct ClearOptions {
+  PolicyOptions source;
+  std::string what = "counters";
+};
+
+/* Has a running host count from 0 again. */
+int run_clear(const ClearOptions& options, Output* out);
 
 struct ServeOptions {
   PolicyOptions source;

@@ -114,6 +114,16 @@ inline constexpr const char* kDocumentHelp = R"(Examples:
 Without the name of a policy, the only one of each kind is applied, a data policy
 in both directions. With --live the running host's own are.)";
 
+inline constexpr const char* kShowHelp = R"(Examples:
+  polctl show --live
+  polctl show policy branch --live
+  polctl show lists --live --json
+
+status: agent, last commit, worker, what was counted. policy: its sequences with
+what they decided of the routes that the host was asked about. lists: elements
+and users. commits: the last 50 with what they changed. "polctl clear counters
+--live" counts from 0 again.)";
+
 inline constexpr const char* kServeHelp = R"(Examples:
   polctl serve --config sdwan.xml --tlocs tlocs.jsonl &
   polctl labels --live

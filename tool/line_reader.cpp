@@ -15,7 +15,7 @@ namespace polctl {
 
 namespace {
 
-[[noreturn]] void fail(const std::string& name, int error) {
+[[noreturn]] void fail_to_read(const std::string& name, int error) {
   throw InputError(fmt::format("{}: error: cannot be read: {} (expected a readable file)", name,
                                strerror(error)));
 }
@@ -29,12 +29,12 @@ LineReader::LineReader(const std::string& path, const std::string& name)
       buffer_(4 * kMaxLine) {
   fd_ = path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
                     : open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd_ < 0) fail(name_, errno);
+  if (fd_ < 0) fail_to_read(name_, errno);
   struct stat status;
   if (fstat(fd_, &status) == 0) {
     if (S_ISDIR(status.st_mode)) {
       close(fd_);
-      fail(name_, EISDIR);
+      fail_to_read(name_, EISDIR);
     }
     if (S_ISREG(status.st_mode)) size_ = static_cast<uint64_t>(status.st_size);
   }
@@ -53,7 +53,7 @@ bool LineReader::fill() {
   do {
     got = read(fd_, buffer_.data() + end_, buffer_.size() - end_);
   } while (got < 0 && errno == EINTR);
-  if (got < 0) fail(name_, errno);
+  if (got < 0) fail_to_read(name_, errno);
   at_end_ = got == 0;
   end_ += static_cast<size_t>(got);
   return got > 0;

@@ -9,8 +9,8 @@ namespace {
 
 using nlohmann::json;
 
-// One list of members for both ways: Writer makes the object, Reader takes it apart.
-struct Writer {
+// One list of members for both ways: MemberWriter makes the object, MemberReader takes it apart.
+struct MemberWriter {
   json& object;
   template <typename Value>
   void member(const char* name, const Value& value) {
@@ -18,7 +18,7 @@ struct Writer {
   }
 };
 
-struct Reader {
+struct MemberReader {
   const json& object;
   bool good = true;
 
@@ -75,18 +75,25 @@ void members(Visitor* visitor, Options& options) {
     visitor->member("limits", options.limits);
     visitor->member("all", options.all);
     visitor->member("json", options.json);
+  } else if constexpr (std::is_same_v<Plain, ShowOptions>) {
+    visitor->member("what", options.what);
+    visitor->member("name", options.name);
+    visitor->member("json", options.json);
+  } else if constexpr (std::is_same_v<Plain, ClearOptions>) {
+    visitor->member("what", options.what);
   } else {
     visitor->member("json", options.json);
   }
 }
 
-constexpr const char* kCommands[] = {"eval", "dump", "graph", "document", "labels", "search"};
+constexpr const char* kCommands[] = {"eval",   "dump", "graph", "document",
+                                     "labels", "show", "clear", "search"};
 
 template <size_t kIndex = 0>
 bool decode_as(const json& object, const std::string& command, LiveRequest* request) {
   if constexpr (kIndex < std::size(kCommands)) {
     if (command != kCommands[kIndex]) return decode_as<kIndex + 1>(object, command, request);
-    Reader reader{object};
+    MemberReader reader{object};
     members(&reader, request->options.emplace<kIndex>());
     return reader.good;
   } else {
@@ -99,7 +106,7 @@ bool decode_as(const json& object, const std::string& command, LiveRequest* requ
 std::string encode_options(const LiveRequest& request) {
   json object;
   object["command"] = kCommands[request.options.index()];
-  Writer writer{object};
+  MemberWriter writer{object};
   std::visit([&](const auto& options) { members(&writer, options); }, request.options);
   return object.dump(-1, ' ', false, json::error_handler_t::replace);
 }

@@ -14,8 +14,8 @@
 namespace polctl {
 
 struct LiveRequest {
-  std::variant<EvalOptions, DumpOptions, GraphOptions, DocumentOptions, LabelsOptions,
-               SearchOptions>
+  std::variant<EvalOptions, DumpOptions, GraphOptions, DocumentOptions, LabelsOptions, ShowOptions,
+               ClearOptions, SearchOptions>
       options;
   std::string input = {};
 };
