@@ -22,6 +22,8 @@ std::string joined(const std::vector<std::string>& texts, std::string_view separ
 
 class Output {
  public:
+  static constexpr int kNoFile = -1; /* what is written stays, for text() */
+
   explicit Output(int fd = 1) : fd_(fd) {}
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
@@ -36,6 +38,8 @@ class Output {
     flush_when_full();
   }
 
+  std::string_view text() const { return {buffer_.data(), buffer_.size()}; }
+
   /* Throws InputError when the bytes cannot be written (a full disk). Commands end with it: the
    * destructor does not write. */
   void flush();
@@ -45,7 +49,7 @@ class Output {
  private:
   static constexpr size_t kFull = size_t{64} * 1024;
   void flush_when_full() {
-    if (buffer_.size() >= kFull) flush();
+    if (buffer_.size() >= kFull && fd_ != kNoFile) flush();
   }
 
   int fd_;

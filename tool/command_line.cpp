@@ -179,6 +179,40 @@ void add_eval(CLI::App& app, EvalOptions* options) {
   command->footer(kEvalHelp);
 }
 
+void add_test(CLI::App& app, TestOptions* options) {
+  CLI::App* command = app.add_subcommand("test", "Try what policies are expected to say");
+  command->add_option("FILE", options->files, "files of tests; - is standard input")
+      ->option_text("...");
+  add_source_options(command, &options->source);
+  add_direction(command, &options->direction,
+                "in which policies of tests that say none are applied");
+  add_tlocs(command, &options->tlocs);
+  CLI::Option* format =
+      command->add_option("--format", options->format, "text (default), json, junit or tap")
+          ->check(CLI::IsMember({"text", "json", "junit", "tap"}))
+          ->option_text("FORMAT");
+  command
+      ->add_flag_callback(
+          "--json", [options] { options->format = "json"; }, "the same as --format json")
+      ->excludes(format);
+  command->add_flag("--explain", options->explain, "say of each failure every sequence tried");
+  command->add_flag("--coverage", options->coverage, "say what was never reached");
+  command->add_option("--routes", options->routes, "routes that reach too, for the coverage")
+      ->type_name("FILE");
+  command->footer(kTestHelp);
+}
+
+void settle_test(const TestOptions& options) {
+  bool plain = options.format == "text" || options.format == "json";
+  if (options.coverage && !plain) {
+    fail("--coverage is no part of " + options.format, "--format text or json");
+  }
+  if (!options.routes.empty() && !options.coverage) {
+    fail("--routes reaches nothing that is told", "--coverage with it");
+  }
+  if (options.files.empty() && options.routes.empty()) fail("no tests are given", "a file");
+}
+
 void add_check(CLI::App& app, CheckOptions* options) {
   CLI::App* command = app.add_subcommand("check", "Say what is wrong with configuration or policy");
   command
@@ -455,6 +489,11 @@ void require_one_input(const CommandLine& line) {
     files = line.eval.source.config;
     files.push_back(line.eval.source.policy_file);
     if (line.eval.route.empty()) files.push_back(line.eval.routes);
+  } else if (line.command == "test") {
+    files = line.test.files;
+    files.insert(files.end(), line.test.source.config.begin(), line.test.source.config.end());
+    files.push_back(line.test.source.policy_file);
+    files.push_back(line.test.routes);
   } else if (line.command == "diff") {
     files = {line.diff.old_file, line.diff.new_file, line.diff.routes};
   } else if (line.command == "check") {
@@ -513,6 +552,7 @@ struct Parser {
     add_check(app, &line.check);
     add_convert(app, &line.convert);
     add_diff(app, &line.diff);
+    add_test(app, &line.test);
     add_dump(app, &line.dump);
     add_graph(app, &line.graph);
     add_document(app, &line.document);
@@ -589,6 +629,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
     PolicyOptions* source;
     bool tlocs;
   } const sources[] = {{"eval", &line.eval.source, !line.eval.tlocs.empty()},
+                       {"test", &line.test.source, !line.test.tlocs.empty()},
                        {"dump", &line.dump.source, false},
                        {"graph", &line.graph.source, false},
                        {"document", &line.document.source, !line.document.tlocs.empty()},
@@ -606,6 +647,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
   require_here(line.document.source, line.document.applied.any(), "policies applied");
   require_one_input(line);
   if (line.command == "diff") settle_diff(command, &line.diff);
+  if (line.command == "test") settle_test(line.test);
   if (line.command == "serve") settle_serve(parser.port, parser.apply, &line.serve);
   if (line.command == "show" && (line.show.what == "policy") == line.show.name.empty()) {
     fail(

@@ -25,6 +25,7 @@ struct CommandLine {
   CheckOptions check;
   ConvertOptions convert;
   DiffOptions diff;
+  TestOptions test;
   DumpOptions dump;
   WatchOptions watch;
   GraphOptions graph;

@@ -15,7 +15,7 @@ namespace polctl {
 
 struct LiveRequest {
   std::variant<EvalOptions, DumpOptions, GraphOptions, DocumentOptions, LabelsOptions, ShowOptions,
-               ClearOptions, SearchOptions>
+               ClearOptions, TestOptions, SearchOptions>
       options;
   std::string input = {};
 };
