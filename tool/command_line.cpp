@@ -10,7 +10,9 @@
 #include "host/address_text.h"
 #include "host/input_error.h"
 #include "host/near_word.h"
+#include "importing/route_import.h"
 #include "live_client.h"
+#include "manual/manual.h"
 #include "options_text.h"
 #include "terminal.h"
 #include "yarrow/yarrow_types.h"
@@ -132,6 +134,14 @@ void add_tlocs(CLI::App* command, std::string* tlocs) {
       ->type_name("FILE");
 }
 
+void add_routes_format(CLI::App* command, std::string* format) {
+  command
+      ->add_option("--routes-format", *format,
+                   "what --routes is: " + joined(route_formats(), ", ") + "; the first by default")
+      ->check(CLI::IsMember(route_formats()))
+      ->option_text("FORMAT");
+}
+
 // --json, and --format json by the same name everywhere.
 void add_json(CLI::App* command, bool* json, const char* help) {
   command->add_flag("--json", *json, help);
@@ -166,6 +176,7 @@ void add_eval(CLI::App& app, EvalOptions* options) {
   CLI::Option* routes =
       command->add_option("--routes", options->routes, "the routes; - (default) is standard input")
           ->option_text("FILE|-");
+  add_routes_format(command, &options->routes_format);
   command
       ->add_option("--route", options->route,
                    "a route without a file, such as prefix=10.1.0.0/16,site=302,tag=5")
@@ -199,6 +210,7 @@ void add_test(CLI::App& app, TestOptions* options) {
   command->add_flag("--coverage", options->coverage, "say what was never reached");
   command->add_option("--routes", options->routes, "routes that reach too, for the coverage")
       ->type_name("FILE");
+  add_routes_format(command, &options->routes_format);
   command->footer(kTestHelp);
 }
 
@@ -300,6 +312,15 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
       ->type_name("PORT");
   add_agent(command, &options->source);
   command->add_option("--socket", options->socket, "where --live asks")->type_name("PATH");
+  command
+      ->add_option("--http", options->http,
+                   "where to serve a page and metrics, read-only: 127.0.0.1:PORT or a path")
+      ->option_text("ADDRESS:PORT|PATH");
+  command
+      ->add_option("--http-host", options->http_hosts,
+                   "a name it is reached by; needed to serve beyond this machine")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
   command->add_option("--apply", *apply, "use this policy inbound (as without) or outbound")
       ->option_text("NAME:in|out")
       ->allow_extra_args(false);
@@ -369,6 +390,7 @@ void add_diff(CLI::App& app, DiffOptions* options) {
       ->add_option("--routes", options->routes,
                    "routes to be asked about; without, all there can be")
       ->type_name("FILE");
+  add_routes_format(command, &options->routes_format);
   command
       ->add_option("--policy", options->policy,
                    "the policy's name; without, all of them, or with --routes the only one")
@@ -405,6 +427,16 @@ void add_show(CLI::App& app, ShowOptions* options) {
   add_live(command, &options->source);
   add_json(command, &options->json, "one JSON object a line");
   command->footer(kShowHelp);
+}
+
+void add_report(CLI::App& app, ReportOptions* options) {
+  CLI::App* command = app.add_subcommand("report", "Write a page about a policy as one file");
+  command->add_option("FILE", options->file, "the page to write; - is standard output")
+      ->required()
+      ->option_text(" ");
+  add_policy_file(command, &options->source);
+  add_agent_options(command, &options->source);
+  command->footer("Example:\n  polctl report network.html --config sdwan.xml");
 }
 
 void add_clear(CLI::App& app, ClearOptions* options) {
@@ -547,7 +579,6 @@ struct Parser {
   Parser() {
     app.require_subcommand(1);
     app.set_version_flag("--version", "polctl " POLCTL_VERSION);
-    app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
     add_eval(app, &line.eval);
     add_check(app, &line.check);
     add_convert(app, &line.convert);
@@ -561,7 +592,10 @@ struct Parser {
     add_watch(app, &line.watch);
     add_show(app, &line.show);
     add_clear(app, &line.clear);
+    add_report(app, &line.report);
     add_serve(app, &line.serve, &port, &apply);
+    // Last: a command begins with what its parent ends with.
+    app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
   }
 };
 
@@ -571,9 +605,11 @@ OptionRow row_of(const CLI::Option& option) {
   row.name = has_name ? "--" + option.get_lnames().front() : option.get_name();
   row.help = option.get_description();
   row.repeats = option.get_expected_max() > 1;
+  row.required = option.get_required();
   bool flag = option.get_expected_max() == 0;
   std::string type = option.get_type_name();  // "TEXT:{in,out}" where words are checked
-  row.value = !option.get_option_text().empty() ? option.get_option_text() : flag ? "" : type;
+  std::string told = option.get_option_text();
+  row.value = told == " " || told == "..." ? "" : !told.empty() ? told : flag ? "" : type;
   size_t open = type.find('{');
   size_t close = type.find('}');
   if (open == std::string::npos || close == std::string::npos) return row;
@@ -638,6 +674,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
                        {"watch", &line.watch.source, false},
                        {"show", &line.show.source, false},
                        {"clear", &line.clear.source, false},
+                       {"report", &line.report.source, false},
                        {"serve", &line.serve.source, false}};
   for (const auto& each : sources) {
     if (line.command != each.command) continue;
@@ -672,7 +709,18 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
 }  // namespace
 
 CommandLine read_command_line(const std::vector<std::string>& words) {
-  return read_words(words, true);
+  CommandLine line = {};
+  bool made = words.size() == 2 && (words[0] == "completion" || words[0] == "manual");
+  if (!made) return read_words(words, true);
+  // On purpose not among the commands: for those who build and pack.
+  bool script = words[0] == "completion";
+  line.output = script ? completion_script(command_table(), words[1])
+                       : manual_page(command_table(), words[1]);
+  if (line.output.empty()) {
+    fail("nothing is made for " + in_quotes(words[1]),
+         script ? "bash or zsh" : "polctl or a command");
+  }
+  return line;
 }
 
 std::vector<CommandRow> command_table() {

@@ -35,6 +35,7 @@ struct CommandLine {
   ServeOptions serve;
   ShowOptions show;
   ClearOptions clear;
+  ReportOptions report;
 };
 
 /* What the words of one option or argument are; what completion, manual pages and options files know
@@ -45,6 +46,7 @@ struct OptionRow {
   std::vector<std::string> choices; /* the only words it may have; none: any */
   std::string help;
   bool repeats;
+  bool required;
 };
 
 struct CommandRow {
