@@ -20,12 +20,6 @@ const CommitNote* last_commit(const HostStatus& status) {
   return status.commits->empty() ? nullptr : &status.commits->back();
 }
 
-std::string json_array(const std::vector<std::string>& texts) {
-  std::vector<std::string> quoted;
-  for (const std::string& text : texts) quoted.push_back(json_string(text));
-  return "[" + joined(quoted, ",") + "]";
-}
-
 void line(Output* out, std::string_view what, const std::string& text) {
   out->print("{:<16}{}\n", what, text);
 }
