@@ -17,6 +17,7 @@
 #include "importing/route_import.h"
 #include "json_line.h"
 #include "policy/pol_util.h"
+#include "proof/proof_diff.h"
 #include "set_rules.h"
 #include "summary.h"
 #include "terminal.h"
@@ -82,18 +83,6 @@ std::vector<Attribute> attributes_that_differ(const Kept& a, const Kept& b) {
 bool same(const Kept& a, const Kept& b) {
   return a.action == b.action && a.is_default == b.is_default && a.sequence == b.sequence &&
          attributes_that_differ(a, b).empty();
-}
-
-PolicyOptions source_of(const std::string& file, bool force) {
-  PolicyOptions options;
-  options.force = force;
-  SourceFile source(file, "a policy file or configuration");
-  if (source.is_configuration()) {
-    options.config = {file};
-  } else {
-    options.policy_file = file;
-  }
-  return options;
 }
 
 // The policy named, or the only one.
@@ -235,7 +224,20 @@ class Differences {
 
 }  // namespace
 
+PolicyOptions source_of(const std::string& file, bool force) {
+  PolicyOptions options;
+  options.force = force;
+  SourceFile source(file, "a policy file or configuration");
+  if (source.kind() == SourceKind::kConfiguration) {
+    options.config = {file};
+  } else {
+    options.policy_file = file;
+  }
+  return options;
+}
+
 int run_diff(const DiffOptions& options, Output* out) {
+  if (options.routes.empty()) return run_proof_diff(options, out);
   // They are asked twice.
   std::optional<MemoryFile> kept;
   ImportedRoutes imported(options.routes_format, options.routes);
