@@ -321,6 +321,15 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
       ->type_name("PORT");
   add_agent(command, &options->source);
   command->add_option("--socket", options->socket, "where --live asks")->type_name("PATH");
+  command
+      ->add_option("--http", options->http,
+                   "where to serve a page and metrics, read-only: 127.0.0.1:PORT or a path")
+      ->option_text("ADDRESS:PORT|PATH");
+  command
+      ->add_option("--http-host", options->http_hosts,
+                   "a name it is reached by; needed to serve beyond this machine")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
   command->add_option("--apply", *apply, "use this policy inbound (as without) or outbound")
       ->option_text("NAME:in|out")
       ->allow_extra_args(false);
@@ -421,6 +430,16 @@ void add_show(CLI::App& app, ShowOptions* options) {
   add_live(command, &options->source);
   add_json(command, &options->json, "one JSON object a line");
   command->footer(kShowHelp);
+}
+
+void add_report(CLI::App& app, ReportOptions* options) {
+  CLI::App* command = app.add_subcommand("report", "Write a page about a policy as one file");
+  command->add_option("FILE", options->file, "the page to write; - is standard output")
+      ->required()
+      ->option_text(" ");
+  add_policy_file(command, &options->source);
+  add_agent_options(command, &options->source);
+  command->footer("Example:\n  polctl report network.html --config sdwan.xml");
 }
 
 void add_clear(CLI::App& app, ClearOptions* options) {
@@ -576,6 +595,7 @@ struct Parser {
     add_watch(app, &line.watch);
     add_show(app, &line.show);
     add_clear(app, &line.clear);
+    add_report(app, &line.report);
     add_serve(app, &line.serve, &port, &apply);
     // Last: a command begins with what its parent ends with.
     app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
@@ -657,6 +677,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
                        {"watch", &line.watch.source, false},
                        {"show", &line.show.source, false},
                        {"clear", &line.clear.source, false},
+                       {"report", &line.report.source, false},
                        {"serve", &line.serve.source, false}};
   for (const auto& each : sources) {
     if (line.command != each.command) continue;

@@ -149,11 +149,21 @@ struct ClearOptions {
 /* Has a running host count from 0 again. */
 int run_clear(const ClearOptions& options, Output* out);
 
+struct ReportOptions {
+  PolicyOptions source;
+  std::string file; /* "-": standard output */
+};
+
+/* Writes a page of the policy as one file: graph, policies, findings. */
+int run_report(const ReportOptions& options, Output* out);
+
 struct ServeOptions {
   PolicyOptions source;
   AppliedPolicies applied;
   std::string tlocs;
   std::string socket;
+  std::string http;                           /* where the page is served; "": nowhere */
+  std::vector<std::string> http_hosts;        /* names it is reached by besides */
   std::map<std::string, uint32_t> directions; /* by policy; inbound where none is given */
   std::string log; /* where events go, as service::log_target_of knows it; "": standard output */
   bool announce = false;    /* tell of each commit which routes are answered otherwise */
