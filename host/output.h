@@ -10,6 +10,7 @@
 
 #include <fmt/format.h>
 
+#include <cstdint>
 #include <iterator>
 #include <string>
 #include <string_view>
@@ -22,6 +23,8 @@ std::string joined(const std::vector<std::string>& texts, std::string_view separ
 
 class Output {
  public:
+  static constexpr int kNoFile = -1; /* what is written stays, for text() */
+
   explicit Output(int fd = 1) : fd_(fd) {}
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
@@ -36,17 +39,27 @@ class Output {
     flush_when_full();
   }
 
+  void number(uint64_t value) {
+    fmt::format_int digits(value);
+    write({digits.data(), digits.size()});
+  }
+
+  std::string_view text() const { return {buffer_.data(), buffer_.size()}; }
+
   /* Throws InputError when the bytes cannot be written (a full disk). Commands end with it: the
    * destructor does not write. */
   void flush();
+  /* Writes a large text without a copy of it. */
+  void pass(std::string_view text);
   bool gone() const { return gone_; }
   int fd() const { return fd_; }
 
  private:
   static constexpr size_t kFull = size_t{64} * 1024;
   void flush_when_full() {
-    if (buffer_.size() >= kFull) flush();
+    if (buffer_.size() >= kFull && fd_ != kNoFile) flush();
   }
+  void write_out(std::string_view text);
 
   int fd_;
   bool gone_ = false;

@@ -4,6 +4,9 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <memory>
+#include <utility>
+#include <vector>
 
 #include "commands.h"
 #include "evaluation.h"
@@ -11,7 +14,6 @@
 #include "host/live_frame.h"
 #include "host/source_file.h"
 #include "live_client.h"
-#include "route_reader.h"
 #include "set_rules.h"
 #include "summary.h"
 #include "terminal.h"
@@ -24,25 +26,50 @@ namespace {
 
 constexpr uint64_t kFewRoutes = 20;  // are shown each on a line, more as a summary
 
-// Where the verdicts go, in one of the three forms.
+// Verdicts on some routes in a row, in one of the three forms.
+class EvalPart : public Part {
+ public:
+  EvalPart(const EvalOptions& options, const Palette& palette)
+      : options_(options), palette_(palette) {}
+
+  void add(const Verdict& verdict) override {
+    ++count_;
+    if (options_.json) {
+      write_json(verdict, &text_);
+      return;
+    }
+    summary_.count(verdict);
+    if (options_.explain) {
+      if (verdict.index > 0) text_.write("\n");
+      write_explanation(verdict, &text_, palette_);
+    } else if (verdict.index < kFewRoutes) {
+      rows_.push_back(verdict_row(verdict));
+    }
+  }
+
+ private:
+  friend class Answers;
+  const EvalOptions& options_;
+  const Palette& palette_;
+  Output text_{Output::kNoFile};
+  std::vector<std::vector<Table::Cell>> rows_;
+  Summary summary_;
+  uint64_t count_ = 0;
+};
+
+// Where they go.
 class Answers {
  public:
   Answers(const EvalOptions& options, Output* out)
       : options_(options), out_(out), palette_(out->fd()), table_("llll", verdict_heading()) {}
 
-  void add(const Verdict& verdict) {
-    ++count_;
-    if (options_.json) {
-      write_json(verdict, out_);
-      return;
-    }
-    summary_.count(verdict);
-    if (options_.explain) {
-      if (count_ > 1) out_->write("\n");
-      write_explanation(verdict, out_, palette_);
-    } else if (count_ <= kFewRoutes) {
-      table_.add(verdict_row(verdict));
-    }
+  std::unique_ptr<Part> begin() const { return std::make_unique<EvalPart>(options_, palette_); }
+
+  void take(EvalPart* part) {
+    out_->pass(part->text_.text());
+    for (auto& row : part->rows_) table_.add(std::move(row));
+    summary_.add(part->summary_);
+    count_ += part->count_;
   }
 
   // `note` stands below what people read.
@@ -68,19 +95,6 @@ class Answers {
   uint64_t count_ = 0;
 };
 
-// A membership policy matches on VPNs of services: anything else would be answered by the default
-// action, whatever it is.
-void require_membership_query(const t_pol_route_query& query, const RouteReader& routes) {
-  constexpr const char* kForm = "{\"type\":\"service\",\"vpn\":10}";
-  const char* what =
-      query.match_type != POL_MATCH_SERVICE
-          ? "a membership policy is not asked about routes or TLOCs"
-      : query.prefix.addr.family != 0 ? "a membership policy is not asked about prefixes"
-      : !routes.has_vpn() ? "a membership policy is asked about a VPN, and there is none"
-                          : nullptr;
-  if (what != nullptr) throw_at_line(routes.lines(), 0, {1, what, kForm});
-}
-
 }  // namespace
 
 PolicySource load_policy(const PolicyOptions& options) {
@@ -103,7 +117,7 @@ int run_eval(const EvalOptions& options, Output* out) {
 
 int answer_eval(const EvalOptions& options, Output* out) {
   require_policy(options.policy, options.kind, source_name(options.source));
-  RouteReader routes(options.routes, options.routes_name);
+  LinePieces routes(options.routes, options.routes_name);
   if (options.routes == "-" && isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
     fputs("Type routes, one a line (10.1.0.0/16 or {\"type\":\"route\", ...}); Ctrl-D ends.\n",
           stderr);
@@ -112,23 +126,9 @@ int answer_eval(const EvalOptions& options, Output* out) {
   Answers answers(options, out);
   bool scrolls = (options.json || options.explain) && isatty(out->fd()) == 1;
   Progress progress("Evaluating", !scrolls);
-  while (!out->gone()) {
-    // A program that asks and waits, or a person who types, gets its answer before the next read.
-    if (!routes.lines().line_waiting()) out->flush();
-    const Verdict* verdict = nullptr;
-    try {
-      verdict = evaluation.next(&routes, options.explain);
-      if (verdict != nullptr && options.kind == POL_KIND_MEMBERSHIP) {
-        require_membership_query(*verdict->query, routes);
-      }
-    } catch (const InputError&) {
-      out->flush();  // what was answered before the fault stands
-      throw;
-    }
-    if (verdict == nullptr) break;
-    answers.add(*verdict);
-    progress.step(routes.lines().position(), routes.lines().size());
-  }
+  evaluation.run(&routes, {options.jobs, options.explain, out, &progress,
+                           [&] { return answers.begin(); },
+                           [&](Part* part) { answers.take(static_cast<EvalPart*>(part)); }});
   progress.clear();
   bool tells = options.direction == POL_DIR_NONE && options.kind == POL_KIND_ROUTE;
   answers.finish(tells ? direction_note(options.policy, policy_sets(options.policy)) : "");

@@ -269,6 +269,10 @@ bool RouteReader::next(t_pol_route_query* query, t_pol_route_attr* attr) {
   query->attr = attr;
   std::string_view text = line.substr(start, line.find_last_not_of(kBlanks) + 1 - start);
   if (text[0] == '{') {
+    if (fast_.read(text, query, attr, &has_vpn_)) return true;
+    *attr = {};
+    query->prefix = {};
+    query->vpn = 0;
     try {
       read_route_line(text, &json_, query, attr);
       has_vpn_ = find_field(json_, "vpn") != nullptr;
