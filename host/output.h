@@ -14,6 +14,7 @@
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace polctl {
@@ -39,9 +40,11 @@ class Output {
     flush_when_full();
   }
 
-  void number(uint64_t value) {
-    fmt::format_int digits(value);
-    write({digits.data(), digits.size()});
+  /* Texts and numbers one after the other: what print() does, where it is done a million times. */
+  template <typename... Args>
+  void put(const Args&... args) {
+    (put_one(args), ...);
+    flush_when_full();
   }
 
   std::string_view text() const { return {buffer_.data(), buffer_.size()}; }
@@ -56,6 +59,16 @@ class Output {
 
  private:
   static constexpr size_t kFull = size_t{64} * 1024;
+  template <typename Arg>
+  void put_one(const Arg& arg) {
+    if constexpr (std::is_unsigned_v<Arg>) {
+      fmt::format_int digits(arg);
+      buffer_.append(digits.data(), digits.data() + digits.size());
+    } else {
+      std::string_view text = arg;
+      buffer_.append(text.data(), text.data() + text.size());
+    }
+  }
   void flush_when_full() {
     if (buffer_.size() >= kFull && fd_ != kNoFile) flush();
   }
