@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/datastore.h"
 
-#include "agent/log.h"
 #include "agent/rebase.h"
 #include "agent/validate.h"
+#include "platform/service/log.h"
 
 namespace agent {
 
@@ -59,13 +59,14 @@ void datastores_tidy(Datastores& stores) {
   uint64_t before = stores.journal.size;
   Result result = journal_rewrite(stores.journal, *stores.schema, stores.versions);
   if (result.ok()) {
-    log_line(LogLevel::kInfo, "the journal is written anew",
-             {{"commit", stores.commit_id()}, {"before", before}, {"bytes", stores.journal.size}});
+    service::log_line(
+        service::LogLevel::kInfo, "the journal is written anew",
+        {{"commit", stores.commit_id()}, {"before", before}, {"bytes", stores.journal.size}});
     return;
   }
   // All commits stand in the old file: failing to shorten it loses nothing.
-  log_line(LogLevel::kWarning, "the journal cannot be written anew and grows on",
-           {{"commit", stores.commit_id()}, {"bytes", before}, {"reason", result.reason}});
+  service::log_line(service::LogLevel::kWarning, "the journal cannot be written anew and grows on",
+                    {{"commit", stores.commit_id()}, {"bytes", before}, {"reason", result.reason}});
 }
 
 const NodeRef* datastore_root(const Datastores& stores, int datastore) {

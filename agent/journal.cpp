@@ -48,12 +48,12 @@ Result cut_tail(Journal& journal, const JournalContent& content, uint64_t file_s
   bool done = ftruncate(journal.file, static_cast<off_t>(content.good_size)) == 0 &&
               fsync(journal.file) == 0;
   if (!done) return os_failure(journal.dir.path(kRunning));
-  log_line(LogLevel::kWarning, "a torn record is cut off",
-           {{"file", journal.dir.path(kRunning)},
-            {"offset", content.good_size},
-            {"bytes", file_size - content.good_size},
-            {"reason", content.fault},
-            {"commit", content.versions.back().commit}});
+  service::log_line(service::LogLevel::kWarning, "a torn record is cut off",
+                    {{"file", journal.dir.path(kRunning)},
+                     {"offset", content.good_size},
+                     {"bytes", file_size - content.good_size},
+                     {"reason", content.fault},
+                     {"commit", content.versions.back().commit}});
   return {};
 }
 
@@ -64,12 +64,12 @@ Result recover(Journal& journal, const Schema& schema, const JournalContent& con
   if (result.ok()) result = journal_rewrite(journal, schema, content.versions);
   if (result.ok()) result = state_dir_sync(journal.dir);
   if (!result.ok()) return result;
-  log_line(LogLevel::kWarning, "recovered: commits after this one are given up",
-           {{"commit", content.versions.back().commit},
-            {"kept", kept},
-            {"offset", content.good_size},
-            {"bytes", file_size - content.good_size},
-            {"reason", content.fault}});
+  service::log_line(service::LogLevel::kWarning, "recovered: commits after this one are given up",
+                    {{"commit", content.versions.back().commit},
+                     {"kept", kept},
+                     {"offset", content.good_size},
+                     {"bytes", file_size - content.good_size},
+                     {"reason", content.fault}});
   return {};
 }
 
@@ -125,6 +125,18 @@ Result read_for_report(const Schema& schema, const std::string& directory, Journ
   return is_damaged(*content) ? damage_in_place(journal.dir, *content) : Result{};
 }
 
+// The name of a new file survives a crash once its directory is synced. False with errno.
+bool sync_directory_of(const std::string& file) {
+  size_t slash = file.rfind('/');
+  std::string directory = slash == std::string::npos ? "." : file.substr(0, slash + 1);
+  int handle = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  bool done = handle >= 0 && fsync(handle) == 0;
+  int error = errno;
+  if (handle >= 0) close(handle);
+  errno = error;
+  return done;
+}
+
 }  // namespace
 
 Journal::~Journal() {
@@ -143,8 +155,9 @@ Result journal_open(Journal& journal, const Schema& schema,
   if (result.ok()) result = read_running(schema, O_RDWR | O_APPEND, journal, &bytes, &content);
   if (!result.ok()) return result;
   if (journal.file < 0) {
-    log_line(LogLevel::kNotice, "nothing is kept yet: the configuration begins empty",
-             {{"directory", *directory}});
+    service::log_line(service::LogLevel::kNotice,
+                      "nothing is kept yet: the configuration begins empty",
+                      {{"directory", *directory}});
     return journal_rewrite(journal, schema, *versions);
   }
   if (is_damaged(content) && (on_damage == OnDamage::kRefuse || content.versions.empty())) {
@@ -163,7 +176,8 @@ Result journal_append(Journal& journal, uint64_t commit, const std::vector<Chang
   const std::string name = journal.dir.path(kRunning);
   if (journal.broken) {
     if (!repair(journal)) return os_failure(name);
-    log_line(LogLevel::kNotice, "the running configuration can be written again", {{"file", name}});
+    service::log_line(service::LogLevel::kNotice, "the running configuration can be written again",
+                      {{"file", name}});
   }
   std::string bytes = journal_commit(commit, changes);
   if (journal.size + bytes.size() > journal.limit) {
@@ -182,8 +196,8 @@ Result journal_append(Journal& journal, uint64_t commit, const std::vector<Chang
       repair(journal)
           ? "a commit cannot be written: the file is as it was before"
           : "a commit cannot be written nor taken back: none can, until the disk recovers";
-  log_burst(journal.failures, LogLevel::kError, what,
-            {{"commit", commit}, {"reason", result.reason}});
+  service::log_burst(journal.failures, service::LogLevel::kError, what,
+                     {{"commit", commit}, {"reason", result.reason}});
   return result;
 }
 
@@ -252,7 +266,7 @@ Result journal_backup(const Schema& schema, const std::string& directory, const 
   int copy = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (copy < 0) return os_failure(file);
   bytes.resize(content.good_size);
-  if (!file_write(copy, bytes) || fsync(copy) != 0) {
+  if (!file_write(copy, bytes) || fsync(copy) != 0 || !sync_directory_of(file)) {
     result = os_failure(file);
     unlink(file.c_str());
   }

@@ -19,8 +19,8 @@
 #include <vector>
 
 #include "agent/journal_format.h"
-#include "agent/log.h"
 #include "agent/state_dir.h"
+#include "platform/service/log.h"
 
 namespace agent {
 
@@ -37,7 +37,7 @@ struct Journal {
   uint64_t slack = kRewriteSlack;
   uint64_t limit = kMaxJournal;
   bool broken = false;  // a write failed and could not be taken back
-  LogBurst failures;
+  service::LogBurst failures;
 
   Journal() = default;
   ~Journal();

@@ -249,8 +249,8 @@ void accept_some(Server& server, int listener) {
     if (socket < 0) {
       // The connection stays in the listener's queue, which would wake the server again at once.
       if (!out_of_descriptors(errno)) return;
-      log_burst(server.starved, LogLevel::kWarning, "no connection can be accepted",
-                {{"reason", strerror(errno)}});
+      service::log_burst(server.starved, service::LogLevel::kWarning,
+                         "no connection can be accepted", {{"reason", strerror(errno)}});
       server.accept_after = now_ms() + kAcceptPause;
       return;
     }
@@ -259,11 +259,13 @@ void accept_some(Server& server, int listener) {
     Result result = server_admit(server, socket, by_path, &uid);
     if (result.ok() && is_full(server)) {
       result = failed(YARROW_ERR_TOOBIG, "too many connections");
-      log_burst(server.crowded, LogLevel::kWarning, "a connection beyond the limit is refused",
-                {{"limit", kMaxConnections}, {"uid", uid}});
+      service::log_burst(server.crowded, service::LogLevel::kWarning,
+                         "a connection beyond the limit is refused",
+                         {{"limit", kMaxConnections}, {"uid", uid}});
     } else if (!result.ok()) {
-      log_burst(server.refused, LogLevel::kWarning, "a peer is refused",
-                {{"uid", uid != kNobody ? std::to_string(uid) : ""}, {"reason", result.reason}});
+      service::log_burst(
+          server.refused, service::LogLevel::kWarning, "a peer is refused",
+          {{"uid", uid != kNobody ? std::to_string(uid) : ""}, {"reason", result.reason}});
     }
     if (!result.ok()) {
       refuse(socket, result);

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "agent/log.h"
 #include "agent/session.h"
+#include "platform/service/log.h"
 
 namespace agent {
 
@@ -50,7 +50,7 @@ struct Server {
   int peer_table = -1;       // kept, so that a lack of descriptors lets nobody in
   int64_t accept_after = 0;  // no descriptor was left: not before then
   std::vector<uid_t> allowed_uids;
-  LogBurst refused, crowded, starved;
+  service::LogBurst refused, crowded, starved;
   uint64_t next_id = 1;
   std::list<Connection> connections;
 

@@ -5,9 +5,9 @@
 
 #include "agent/edits.h"
 #include "agent/keypath.h"
-#include "agent/log.h"
 #include "agent/rebase.h"
 #include "agent/xml.h"
+#include "platform/service/log.h"
 #include "yarrow/yarrow_cdb.h"
 
 namespace agent {
@@ -73,8 +73,8 @@ int datastore_of_cdb(int number) {
 }
 
 Result limit_reached(Agent& agent, const Session& session, const char* limit) {
-  log_burst(agent.limits, LogLevel::kWarning, "a session reaches a limit",
-            {{"limit", limit}, {"user", session.user}, {"client", session.client_id}});
+  service::log_burst(agent.limits, service::LogLevel::kWarning, "a session reaches a limit",
+                     {{"limit", limit}, {"user", session.user}, {"client", session.client_id}});
   return failed(YARROW_ERR_TOOBIG, limit);
 }
 
@@ -178,20 +178,20 @@ Result answer_edit(const Agent& agent, Transaction& trans, Request request, Read
 // Hands a commit on to the subscribers, and says in the log what became of it.
 void publish(Agent& agent, const Session& session, const CommitRef& record, const Result& result) {
   if (!result.ok()) {
-    log_burst(agent.refusals, LogLevel::kWarning, "commit refused",
-              {{"commit", agent.stores.commit_id()},
-               {"user", session.user},
-               {"client", session.client_id},
-               {"reason", result.reason}});
+    service::log_burst(agent.refusals, service::LogLevel::kWarning, "commit refused",
+                       {{"commit", agent.stores.commit_id()},
+                        {"user", session.user},
+                        {"client", session.client_id},
+                        {"reason", result.reason}});
   }
   if (!record) return;
-  log_line(LogLevel::kInfo, "commit done",
-           {{"commit", record->commit},
-            {"user", session.user},
-            {"client", session.client_id},
-            {"context", session.context},
-            {"source", session.source},
-            {"changes", record->changes.size()}});
+  service::log_line(service::LogLevel::kInfo, "commit done",
+                    {{"commit", record->commit},
+                     {"user", session.user},
+                     {"client", session.client_id},
+                     {"context", session.context},
+                     {"source", session.source},
+                     {"changes", record->changes.size()}});
   agent.unpublished.push_back(record);
 }
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "agent/datastore.h"
-#include "agent/log.h"
+#include "platform/service/log.h"
 #include "platform/yarrow/wire.h"
 
 namespace agent {
@@ -65,7 +65,7 @@ struct Agent {
   std::map<int, SavedStream> streams;
   int next_stream = 1;
   std::deque<CommitRef> unpublished;  // commits that subscribers are still to be told
-  LogBurst refusals, limits;
+  service::LogBurst refusals, limits;
 };
 
 int64_t now_ms();

@@ -14,8 +14,10 @@
 #include <string_view>
 #include <thread>
 
-#include "agent/log.h"
 #include "agent/yarrow_agent.h"
+#include "platform/service/log.h"
+#include "platform/service/notify.h"
+#include "platform/service/options_file.h"
 #include "yarrow/yarrow_types.h"
 
 namespace {
@@ -25,21 +27,22 @@ enum class Command : uint8_t { kServe, kCheck, kBackup, kRestore };
 struct CommandLine {
   Command command = Command::kServe;
   agent::Options options;
-  std::string file;  // of a backup
-  agent::LogTarget log = agent::LogTarget::kStderr;
+  std::string file;          // of a backup
+  std::string options_file;  // "": none
+  bool print_config = false;
+  std::string log = "stderr";
 };
 
 template <typename Number>
-bool number_of(const char* text, Number* number) {
-  std::string_view view = text;
-  auto [end, status] = std::from_chars(view.data(), view.data() + view.size(), *number);
-  return status == std::errc() && end == view.data() + view.size();
+bool number_of(std::string_view text, Number* number) {
+  auto [end, status] = std::from_chars(text.data(), text.data() + text.size(), *number);
+  return status == std::errc() && end == text.data() + text.size();
 }
 
 int usage(FILE* out) {
   fputs(
       "usage: yarrowd [--dir DIRECTORY] [--port PORT] [--socket PATH] [--group NAME]\n"
-      "               [--allow-uid UID]... [--log WHERE]\n"
+      "               [--allow-uid UID]... [--log WHERE] [--options FILE] [--print-config]\n"
       "       yarrowd --recover DIRECTORY [--port PORT]...\n"
       "       yarrowd --check DIRECTORY\n"
       "       yarrowd --dir DIRECTORY --backup FILE | --restore FILE\n"
@@ -53,27 +56,26 @@ int usage(FILE* out) {
       "  --group NAME         let this group connect to the Unix socket (default: its owner)\n"
       "  --allow-uid UID      serve processes of this user too\n"
       "  --log WHERE          stderr (the default), syslog, or json, an object a line on stderr\n"
+      "  --options FILE       take the six options above from a file too, a line each, such as\n"
+      "                       port = 3010; the command line's take the place of its\n"
+      "  --print-config       print the options in force as such a file, and end\n"
       "  --recover DIRECTORY  as --dir; a damaged file there is kept under another name, and the\n"
       "                       agent goes on from its last good commit\n"
       "  --check DIRECTORY    say what a start would find there, and end\n"
-      "  --backup FILE        copy what the directory keeps to a new file, and end; the agent may "
-      "be\n"
-      "                       running\n"
-      "  --restore FILE       put a backup into the directory, and end; what is there is kept "
-      "under\n"
-      "                       another name\n"
+      "  --backup FILE        copy what the directory keeps to a new file, and end; the agent may\n"
+      "                       be running\n"
+      "  --restore FILE       put a backup into the directory, and end; what is there is kept\n"
+      "                       under another name\n"
       "  --version            print the version, and end\n"
-      "Prints \"yarrowd: port PORT\", and \"yarrowd: socket PATH\" if there is one, once it "
-      "serves.\n"
-      "SIGTERM ends it. The exit status is 1 when "
-      "it\n"
-      "cannot start or a check finds damage, 2 for a wrong command line.\n",
+      "Prints \"yarrowd: port PORT\", and \"yarrowd: socket PATH\" if there is one, once it\n"
+      "serves. SIGTERM ends it. The exit status is 1 when it cannot start or a check finds\n"
+      "damage, 2 for a wrong command line.\n",
       out);
   return out == stdout ? 0 : 2;
 }
 
-int wrong(const char* what) {
-  fprintf(stderr, "yarrowd: %s (see yarrowd --help)\n", what);
+int wrong(const std::string& what) {
+  fprintf(stderr, "yarrowd: %s\n", what.c_str());
   return 2;
 }
 
@@ -85,99 +87,155 @@ std::string usual_path() {
   return access(directory.c_str(), W_OK) == 0 ? YARROW_PATH : "";
 }
 
+const option kOptions[] = {{"dir", required_argument, nullptr, 'd'},
+                           {"port", required_argument, nullptr, 'p'},
+                           {"socket", required_argument, nullptr, 's'},
+                           {"group", required_argument, nullptr, 'g'},
+                           {"allow-uid", required_argument, nullptr, 'u'},
+                           {"log", required_argument, nullptr, 'l'},
+                           {"options", required_argument, nullptr, 'o'},
+                           {"print-config", no_argument, nullptr, 'P'},
+                           {"recover", required_argument, nullptr, 'r'},
+                           {"check", required_argument, nullptr, 'c'},
+                           {"backup", required_argument, nullptr, 'b'},
+                           {"restore", required_argument, nullptr, 'R'},
+                           {"version", no_argument, nullptr, 'V'},
+                           {"help", no_argument, nullptr, 'h'},
+                           {nullptr, 0, nullptr, 0}};
+// What a file may say; the others ask for something to be done.
+constexpr std::string_view kInFile = "dpsgul";
+constexpr std::string_view kNamesInFile = "dir, port, socket, group, allow-uid or log";
+constexpr std::string_view kNameDirectory = "drc";
+
+// Takes an option's value. What is wrong with it, nullptr if nothing is.
+const char* take(int letter, const std::string& value, CommandLine* line) {
+  agent::Options& options = line->options;
+  uid_t uid = 0;
+  service::LogTarget target = service::LogTarget::kOff;
+  switch (letter) {
+    case 'd':
+    case 'r':
+    case 'c':
+      if (options.directory) return "more than one directory";
+      options.directory = value;
+      options.recover = letter == 'r';
+      if (letter != 'c') return nullptr;
+      break;
+    case 'p':
+      return number_of(value, &options.port) ? nullptr : "--port takes a port, 0 to 65535";
+    case 's':
+      options.socket_path = value;
+      return nullptr;
+    case 'g':
+      options.socket_group = value;
+      return nullptr;
+    case 'u':
+      if (!number_of(value, &uid)) return "--allow-uid takes the number of a user";
+      options.allowed_uids.push_back(uid);
+      return nullptr;
+    case 'l':
+      line->log = value;
+      return service::log_target_of(value, &target) ? nullptr
+                                                    : "--log takes stderr, syslog or json";
+    case 'o':
+      line->options_file = value;
+      return nullptr;
+    case 'P':
+      line->print_config = true;
+      return nullptr;
+    default:  // backup, restore
+      line->file = value;
+      break;
+  }
+  bool first = line->command == Command::kServe;
+  line->command = letter == 'c'   ? Command::kCheck
+                  : letter == 'b' ? Command::kBackup
+                                  : Command::kRestore;
+  return first ? nullptr : "--check, --backup and --restore do not go together";
+}
+
+// Takes what the file says and the command line, whose letters are `given`, does not. What is wrong,
+// "" if nothing is.
+std::string take_file(const std::string& given, CommandLine* line) {
+  std::vector<service::FileOption> found;
+  std::string reason;
+  if (!service::options_file_read(line->options_file, &found, &reason)) return reason;
+  std::string seen;
+  for (const service::FileOption& each : found) {
+    auto fault = [&](const std::string& what) {
+      return service::options_file_fault(
+          line->options_file, each.line, what,
+          "NAME = VALUE, with the name " + std::string(kNamesInFile));
+    };
+    const option* known = kOptions;
+    while (known->name != nullptr && each.name != known->name) ++known;
+    auto letter = static_cast<char>(known->val);
+    if (known->name == nullptr || kInFile.find(letter) == std::string_view::npos) {
+      return fault("unknown option \"" + each.name + "\"");
+    }
+    if (!each.value) return fault("\"" + each.name + "\" has no value");
+    if (letter != 'u' && seen.find(letter) != std::string::npos) {
+      return fault("\"" + each.name + "\" stands twice");
+    }
+    seen += letter;
+    bool overruled = given.find(letter) != std::string::npos ||
+                     (letter == 'd' && given.find_first_of(kNameDirectory) != std::string::npos);
+    // What is overruled has to be right all the same.
+    CommandLine other;
+    const char* wrong_value = take(letter, *each.value, overruled ? &other : line);
+    if (wrong_value != nullptr) return fault(wrong_value);
+  }
+  return "";
+}
+
 // Takes the arguments; -1 to go on, else the exit status.
 int read_arguments(int argc, char** argv, CommandLine* line) {
-  static const option kOptions[] = {{"dir", required_argument, nullptr, 'd'},
-                                    {"port", required_argument, nullptr, 'p'},
-                                    {"socket", required_argument, nullptr, 's'},
-                                    {"group", required_argument, nullptr, 'g'},
-                                    {"allow-uid", required_argument, nullptr, 'u'},
-                                    {"log", required_argument, nullptr, 'l'},
-                                    {"recover", required_argument, nullptr, 'r'},
-                                    {"check", required_argument, nullptr, 'c'},
-                                    {"backup", required_argument, nullptr, 'b'},
-                                    {"restore", required_argument, nullptr, 'R'},
-                                    {"version", no_argument, nullptr, 'V'},
-                                    {"help", no_argument, nullptr, 'h'},
-                                    {nullptr, 0, nullptr, 0}};
   agent::Options& options = line->options;
   options.port = YARROW_PORT;
   const char* path = secure_getenv(YARROW_PATH_VARIABLE);
   if (path != nullptr) options.socket_path = path;
   const char* variable = secure_getenv(YARROW_PORT_VARIABLE);
+  const std::string see_help = " (see yarrowd --help)";
   if (variable != nullptr && !number_of(variable, &options.port)) {
-    return wrong(YARROW_PORT_VARIABLE " in the environment is no port from 0 to 65535");
+    return wrong(YARROW_PORT_VARIABLE " in the environment is no port from 0 to 65535" + see_help);
   }
-  auto command = [&](Command what) {
-    bool first = line->command == Command::kServe;
-    line->command = what;
-    return first ? -1 : wrong("--check, --backup and --restore do not go together");
-  };
-  auto directory = [&] {
-    bool first = !options.directory.has_value();
-    options.directory = optarg;
-    return first ? -1 : wrong("more than one directory");
-  };
+  std::string given;
   for (int letter = 0; (letter = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
-    int status = -1;
-    uid_t uid = 0;
-    switch (letter) {
-      case 'd':
-        status = directory();
-        break;
-      case 'r':
-        options.recover = true;
-        status = directory();
-        break;
-      case 'c':
-        status = directory();
-        if (status < 0) status = command(Command::kCheck);
-        break;
-      case 'b':
-      case 'R':
-        line->file = optarg;
-        status = command(letter == 'b' ? Command::kBackup : Command::kRestore);
-        break;
-      case 'p':
-        if (!number_of(optarg, &options.port)) status = wrong("--port takes a port, 0 to 65535");
-        break;
-      case 's':
-        options.socket_path = optarg;
-        break;
-      case 'g':
-        options.socket_group = optarg;
-        break;
-      case 'u':
-        if (!number_of(optarg, &uid)) status = wrong("--allow-uid takes the number of a user");
-        options.allowed_uids.push_back(uid);
-        break;
-      case 'l':
-        if (!agent::log_target_of(optarg, &line->log)) {
-          status = wrong("--log takes stderr, syslog or json");
-        }
-        break;
-      case 'V':
-        printf("yarrowd %s\n", YARROWD_VERSION);
-        return 0;
-      case 'h':
-        return usage(stdout);
-      default:
-        return wrong("a wrong option");
+    if (letter == 'V') {
+      printf("yarrowd %s\n", YARROWD_VERSION);
+      return 0;
     }
-    if (status >= 0) return status;
+    if (letter == 'h') return usage(stdout);
+    if (letter == '?') return wrong("a wrong option" + see_help);
+    given += static_cast<char>(letter);
+    const char* fault = take(letter, optarg == nullptr ? "" : optarg, line);
+    if (fault != nullptr) return wrong(fault + see_help);
   }
-  if (optind != argc) return wrong("arguments without an option");
+  if (optind != argc) return wrong("arguments without an option" + see_help);
+  if (!line->options_file.empty()) {
+    std::string fault = take_file(given, line);
+    if (!fault.empty()) return wrong(fault);
+  }
   if (line->command != Command::kServe && (options.recover || !options.directory)) {
-    return wrong("--backup and --restore take --dir DIRECTORY");
-  }
-  bool serves = line->command == Command::kServe;
-  if (serves && options.socket_path.empty() && options.port == YARROW_PORT) {
-    options.socket_path = usual_path();
-  }
-  if (options.socket_path.empty() && !options.socket_group.empty()) {
-    return wrong("--group is for a Unix socket, --socket PATH");
+    return wrong("--backup and --restore take --dir DIRECTORY" + see_help);
   }
   return -1;
+}
+
+int print_config(const CommandLine& line) {
+  const agent::Options& options = line.options;
+  auto print = [](const char* name, const std::string& value) {
+    auto in_file = value.empty() ? std::nullopt : std::make_optional(service::visible_text(value));
+    fputs(service::options_file_line(name, in_file).c_str(), stdout);
+  };
+  print("dir", options.directory.value_or(""));
+  print("port", std::to_string(options.port));
+  print("socket", options.socket_path);
+  print("group", options.socket_group);
+  for (uid_t uid : options.allowed_uids) print("allow-uid", std::to_string(uid));
+  if (options.allowed_uids.empty()) print("allow-uid", "");
+  print("log", line.log);
+  return fflush(stdout) == 0 ? 0 : 1;
 }
 
 // A file of the state directory must never be taken for standard output.
@@ -201,38 +259,48 @@ sigset_t block_signals() {
 void wait_for_end(const sigset_t& signals, agent::Handle& handle) {
   for (int number = 0; sigwait(&signals, &number) == 0;) {
     if (number != SIGHUP) break;
-    agent::log_line(agent::LogLevel::kNotice,
-                    "SIGHUP: nothing to reread, the options are those of the start");
+    service::log_line(service::LogLevel::kNotice,
+                      "SIGHUP: nothing to reread, the options are those of the start");
   }
+  service::notify_stopping();
   agent::request_stop(handle);
 }
 
-int serve(const CommandLine& line) {
+int serve(CommandLine line) {
+  if (line.options.socket_path.empty() && line.options.port == YARROW_PORT) {
+    line.options.socket_path = usual_path();
+  }
+  if (line.options.socket_path.empty() && !line.options.socket_group.empty()) {
+    return wrong("--group is for a Unix socket, --socket PATH (see yarrowd --help)");
+  }
   sigset_t signals = block_signals();
   std::string error;
   std::shared_ptr<agent::Handle> handle = agent::start(line.options, &error);
   if (!handle) {
-    agent::log_line(agent::LogLevel::kError, "the agent does not start", {{"reason", error}});
-    if (line.log == agent::LogTarget::kSyslog)
-      fprintf(stderr, "yarrowd: %s\n", agent::visible_text(error).c_str());
+    service::log_line(service::LogLevel::kError, "the agent does not start", {{"reason", error}});
+    if (line.log == "syslog")
+      fprintf(stderr, "yarrowd: %s\n", service::visible_text(error).c_str());
     return 1;
   }
-  agent::log_line(agent::LogLevel::kNotice, "the agent starts",
-                  {{"version", YARROWD_VERSION},
-                   {"port", agent::port(*handle)},
-                   {"path", line.options.socket_path},
-                   {"directory", line.options.directory.value_or("")},
-                   {"commit", agent::commit(*handle)}});
+  service::log_line(service::LogLevel::kNotice, "the agent starts",
+                    {{"version", YARROWD_VERSION},
+                     {"port", agent::port(*handle)},
+                     {"path", line.options.socket_path},
+                     {"directory", line.options.directory.value_or("")},
+                     {"commit", agent::commit(*handle)}});
   printf("yarrowd: port %u\n", unsigned{agent::port(*handle)});
   if (!line.options.socket_path.empty()) {
-    printf("yarrowd: socket %s\n", agent::visible_text(line.options.socket_path).c_str());
+    printf("yarrowd: socket %s\n", service::visible_text(line.options.socket_path).c_str());
   }
   fflush(stdout);
+  service::notify_ready("serves at port " + std::to_string(agent::port(*handle)) + ", commit " +
+                        std::to_string(agent::commit(*handle)));
   std::thread waiter([&] { wait_for_end(signals, *handle); });
   agent::run(*handle);
   kill(getpid(), SIGTERM);  // the waiter's end, had the server ended by itself
   waiter.join();
-  agent::log_line(agent::LogLevel::kNotice, "the agent ends", {{"commit", agent::commit(*handle)}});
+  service::log_line(service::LogLevel::kNotice, "the agent ends",
+                    {{"commit", agent::commit(*handle)}});
   return 0;
 }
 
@@ -243,7 +311,10 @@ int main(int argc, char** argv) {
   CommandLine line;
   int status = read_arguments(argc, argv, &line);
   if (status >= 0) return status;
-  agent::log_to(line.log, "yarrowd");
+  if (line.print_config) return print_config(line);
+  service::LogTarget target = service::LogTarget::kStderr;
+  service::log_target_of(line.log, &target);
+  service::log_to(target, "yarrowd");
   const std::string& directory = line.options.directory.value_or("");
   std::string text;
   bool done = false;
@@ -260,6 +331,6 @@ int main(int argc, char** argv) {
       done = agent::restore(directory, line.file, &text);
       break;
   }
-  fprintf(done ? stdout : stderr, "yarrowd: %s\n", agent::visible_text(text).c_str());
+  fprintf(done ? stdout : stderr, "yarrowd: %s\n", service::visible_text(text).c_str());
   return done ? 0 : 1;
 }

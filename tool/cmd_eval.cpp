@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include "host/live_frame.h"
 #include "host/source_file.h"
 #include "live_client.h"
+#include "route_option.h"
 #include "set_rules.h"
 #include "summary.h"
 #include "terminal.h"
@@ -102,7 +104,14 @@ PolicySource load_policy(const PolicyOptions& options) {
   return PolicySource(options);
 }
 
-int run_eval(const EvalOptions& options, Output* out) {
+int run_eval(const EvalOptions& given, Output* out) {
+  EvalOptions options = given;
+  std::optional<MemoryFile> lines;
+  if (!options.route.empty()) {
+    lines.emplace(route_lines(options.route));
+    options.routes = lines->path();
+    options.routes_name = "--route";
+  }
   if (!options.source.live.empty()) {
     EvalOptions asked = options;
     if (asked.routes_name.empty())
@@ -126,9 +135,9 @@ int answer_eval(const EvalOptions& options, Output* out) {
   Answers answers(options, out);
   bool scrolls = (options.json || options.explain) && isatty(out->fd()) == 1;
   Progress progress("Evaluating", !scrolls);
-  evaluation.run(&routes, {options.jobs, options.explain, out, &progress,
-                           [&] { return answers.begin(); },
-                           [&](Part* part) { answers.take(static_cast<EvalPart*>(part)); }});
+  evaluation.run(&routes,
+                 {options.jobs, options.explain, out, &progress, [&] { return answers.begin(); },
+                  [&](Part* part) { answers.take(static_cast<EvalPart*>(part)); }});
   progress.clear();
   bool tells = options.direction == POL_DIR_NONE && options.kind == POL_KIND_ROUTE;
   answers.finish(tells ? direction_note(options.policy, policy_sets(options.policy)) : "");

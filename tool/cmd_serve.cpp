@@ -23,6 +23,8 @@
 #include "host/source_file.h"
 #include "live_client.h"
 #include "live_request.h"
+#include "platform/service/log.h"
+#include "platform/service/notify.h"
 #include "policy/pol_context.h"
 #include "policy/pol_fwd_document.h"
 #include "terminal.h"
@@ -33,6 +35,7 @@ namespace polctl {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using service::LogLevel;
 
 constexpr auto kSettleTime = std::chrono::seconds(2);
 constexpr int kWorkerPollMs = 2;  // the worker has no descriptor to wait for
@@ -113,13 +116,20 @@ class Serving {
   void run(Signals* signals) {
     routing_.follow(*source_.configured());
     routing_.take_called();
-    tell("serving: agent at port {}, socket {}, {} control and membership policies in use",
-         source_.live()->port, options_.socket, routing_.users());
+    uint16_t port = source_.live()->port;
+    tell(LogLevel::kNotice, "the host serves",
+         {{"port", port}, {"path", options_.socket}, {"users", routing_.users()}},
+         fmt::format(
+             "serving: agent at port {}, socket {}, {} control and membership policies in use",
+             port, options_.socket, routing_.users()));
     for (const auto& [policy, direction] : options_.directions) {
-      if (!routing_.uses(policy)) tell("policy {} is not configured yet", in_quotes(policy));
+      if (routing_.uses(policy)) continue;
+      tell(LogLevel::kWarning, "a policy to be used is not configured yet", {{"policy", policy}},
+           fmt::format("policy {} is not configured yet", in_quotes(policy)));
     }
     tell_names();
     begin_fetch();
+    service::notify_ready(fmt::format("follows the agent at port {}", port));
     std::vector<pollfd> polls;
     while (!signals->ends()) {
       log_.flush();
@@ -138,13 +148,15 @@ class Serving {
       if (fetching_ && pol_fwd_policy_is_yarrow_updated() != 0) end_fetch();
       clients_ = server_.step();
     }
-    tell("stopped");
+    service::notify_stopping();
+    tell(LogLevel::kNotice, "the host ends", {}, "stopped");
   }
 
  private:
-  template <typename... Args>
-  void tell(fmt::format_string<Args...> format, Args&&... args) {
-    log_.line(fmt::format(format, std::forward<Args>(args)...));
+  // An event: in the log, where one was asked for, in fixed words with its facts; else as a line.
+  void tell(LogLevel level, std::string_view what, std::initializer_list<service::LogField> facts,
+            std::string_view line) {
+    options_.log.empty() ? log_.line(line) : service::log_line(level, what, facts);
   }
 
   // Where none is named the only one of each kind is applied; several cannot be.
@@ -160,8 +172,10 @@ class Serving {
     routing_.follow(*source_.configured());
     manager_.follow(*source_.configured());
     uint64_t calls = manager_.calls();
-    tell("commit: {} change{}; called back: {}", grouped(static_cast<uint64_t>(changes)),
-         changes == 1 ? "" : "s", called_back(calls - calls_));
+    std::string called = called_back(calls - calls_);
+    tell(LogLevel::kInfo, "a commit is walked", {{"changes", changes}, {"called_back", called}},
+         fmt::format("commit: {} change{}; called back: {}",
+                     grouped(static_cast<uint64_t>(changes)), changes == 1 ? "" : "s", called));
     calls_ = calls;
     tell_names();
     begin_fetch();
@@ -172,29 +186,36 @@ class Serving {
   void tell_names() {
     std::vector<std::string> absent = absent_objects(source_.configured());
     if (absent != absent_ && !absent.empty()) {
-      tell("named, but not configured: {}; the worker asks for each for 20 s",
-           joined(absent, ", "));
+      std::string names = joined(absent, ", ");
+      tell(LogLevel::kWarning, "named, but not configured", {{"names", names}},
+           "named, but not configured: " + names + "; the worker asks for each for 20 s");
     }
     absent_ = std::move(absent);
     std::vector<std::string> awaited = manager_.awaited();
     if (awaited != awaited_ && !awaited.empty()) {
-      tell("to be applied, but not configured: {}", joined(awaited, ", "));
+      std::string names = joined(awaited, ", ");
+      tell(LogLevel::kWarning, "to be applied, but not configured", {{"names", names}},
+           "to be applied, but not configured: " + names);
     }
     awaited_ = std::move(awaited);
   }
 
   void read_tlocs_again() {
     if (options_.tlocs.empty()) {
-      tell("hangup: there is nothing to read again (no --tlocs)");
+      tell(LogLevel::kNotice, "SIGHUP: there is nothing to read again", {},
+           "hangup: there is nothing to read again (no --tlocs)");
       return;
     }
     try {
       size_t count = load_resolvable_tlocs(options_.tlocs);
       source_.live()->walk->resolve_again();
-      tell("hangup: {} TLOCs read from {}", count, options_.tlocs);
+      tell(LogLevel::kNotice, "SIGHUP: TLOCs are read again",
+           {{"tlocs", count}, {"file", options_.tlocs}},
+           fmt::format("hangup: {} TLOCs read from {}", count, options_.tlocs));
       begin_fetch();
     } catch (const InputError& error) {
-      tell("hangup: the TLOCs stay as they were: {}", error.what());
+      tell(LogLevel::kError, "SIGHUP: the TLOCs stay as they were", {{"reason", error.what()}},
+           fmt::format("hangup: the TLOCs stay as they were: {}", error.what()));
     }
   }
 
@@ -216,8 +237,11 @@ class Serving {
     double ms = std::chrono::duration<double, std::milli>(Clock::now() - begun_).count();
     if (document == document_) return;
     document_ = std::move(document);
-    tell("document: {} bytes, fetched and put together in {:.1f} ms", grouped(document_.size()),
-         ms);
+    std::string took = fmt::format("{:.1f}", ms);
+    tell(LogLevel::kInfo, "the document is put together",
+         {{"bytes", document_.size()}, {"milliseconds", took}},
+         fmt::format("document: {} bytes, fetched and put together in {} ms",
+                     grouped(document_.size()), took));
   }
 
   void take_batches() {
@@ -305,10 +329,21 @@ class Serving {
 
 int run_serve(ServeOptions options, Output* /*out*/) {
   Signals signals;
-  if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);
-  if (options.socket.empty()) options.socket = default_socket();
-  options.source.worker = true;
-  Serving(options).run(&signals);
+  service::LogTarget target = service::LogTarget::kOff;
+  // Without it the lines of an agent in here go to the system log.
+  if (service::log_target_of(options.log, &target)) service::log_to(target, "polctl");
+  try {
+    if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);
+    if (options.socket.empty()) options.socket = default_socket();
+    options.source.worker = true;
+    Serving(options).run(&signals);
+  } catch (const InputError& error) {
+    if (options.log.empty()) throw;
+    service::log_line(LogLevel::kError, "the host cannot go on", {{"reason", error.what()}});
+    // Who started it by hand sees no system log.
+    if (target == service::LogTarget::kSyslog) throw;
+    return kBadInput;
+  }
   return kDone;
 }
 

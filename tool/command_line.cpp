@@ -4,12 +4,14 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iterator>
+#include <sstream>
 
 #include "help_texts.h"
 #include "host/address_text.h"
 #include "host/input_error.h"
 #include "host/near_word.h"
 #include "live_client.h"
+#include "options_text.h"
 #include "terminal.h"
 #include "yarrow/yarrow_types.h"
 
@@ -143,8 +145,7 @@ void add_json(CLI::App* command, bool* json, const char* help) {
 
 void add_jobs(CLI::App* command, uint32_t* jobs) {
   *jobs = 0;
-  command
-      ->add_option("--jobs", *jobs, "evaluate on so many threads (default: one a processor)")
+  command->add_option("--jobs", *jobs, "evaluate on so many threads (default: one a processor)")
       ->check(CLI::Range(1, 256))
       ->option_text("N");
 }
@@ -165,8 +166,15 @@ void add_eval(CLI::App& app, EvalOptions* options) {
       ->check(CLI::IsMember({"route", "membership"}))
       ->option_text("KIND");
   add_direction(command, &options->direction, kDirectionHelp);
-  command->add_option("--routes", options->routes, "the routes; - (default) is standard input")
-      ->option_text("FILE|-");
+  CLI::Option* routes =
+      command->add_option("--routes", options->routes, "the routes; - (default) is standard input")
+          ->option_text("FILE|-");
+  command
+      ->add_option("--route", options->route,
+                   "a route without a file, such as prefix=10.1.0.0/16,site=302,tag=5")
+      ->option_text("NAME=VALUE,...")
+      ->allow_extra_args(false)
+      ->excludes(routes);
   add_tlocs(command, &options->tlocs);
   add_json(command, &options->json, "answer one JSON object a line");
   command->add_flag("--explain", options->explain,
@@ -253,6 +261,18 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
       ->allow_extra_args(false);
   add_applied(command, &options->applied);
   add_tlocs(command, &options->tlocs);
+  command
+      ->add_option("--log", options->log,
+                   "where events go, without it as lines to standard output: stderr, syslog, or "
+                   "json, an object a line on standard error")
+      ->check(CLI::IsMember({"stderr", "syslog", "json"}))
+      ->option_text("WHERE");
+  command
+      ->add_option("--options", options->options_file,
+                   "take options from a file too, a line each, such as \"port = 3010\"")
+      ->type_name("FILE");
+  command->add_flag("--print-config", options->print_config,
+                    "print the options in force as such a file, and end");
   add_trace(command, &options->source);
   command->footer(kServeHelp);
 }
@@ -363,7 +383,7 @@ void require_one_input(const CommandLine& line) {
   if (line.command == "eval") {
     files = line.eval.source.config;
     files.push_back(line.eval.source.policy_file);
-    files.push_back(line.eval.routes);
+    if (line.eval.route.empty()) files.push_back(line.eval.routes);
   } else if (line.command == "diff") {
     files = {line.diff.old_file, line.diff.new_file, line.diff.routes};
   } else if (line.command == "check") {
@@ -391,25 +411,56 @@ void settle_serve(const std::string& port, const std::vector<std::string>& apply
   }
 }
 
-}  // namespace
-
-CommandLine read_command_line(const std::vector<std::string>& words) {
-  CLI::App app("Asks the policy library what a policy does.", "polctl");
-  app.require_subcommand(1);
-  app.set_version_flag("--version", "polctl " POLCTL_VERSION);
-  app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
+// What the parser fills in, and what only it and the checks after it know.
+struct Parser {
+  CLI::App app = CLI::App("Asks the policy library what a policy does.", "polctl");
   CommandLine line;
   std::string port;
   std::vector<std::string> apply;
-  add_eval(app, &line.eval);
-  add_check(app, &line.check);
-  add_diff(app, &line.diff);
-  add_dump(app, &line.dump);
-  add_graph(app, &line.graph);
-  add_document(app, &line.document);
-  add_labels(app, &line.labels);
-  add_watch(app, &line.watch);
-  add_serve(app, &line.serve, &port, &apply);
+
+  Parser() {
+    app.require_subcommand(1);
+    app.set_version_flag("--version", "polctl " POLCTL_VERSION);
+    app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
+    add_eval(app, &line.eval);
+    add_check(app, &line.check);
+    add_diff(app, &line.diff);
+    add_dump(app, &line.dump);
+    add_graph(app, &line.graph);
+    add_document(app, &line.document);
+    add_labels(app, &line.labels);
+    add_watch(app, &line.watch);
+    add_serve(app, &line.serve, &port, &apply);
+  }
+};
+
+OptionRow row_of(const CLI::Option& option) {
+  OptionRow row;
+  bool has_name = !option.get_lnames().empty();
+  row.name = has_name ? "--" + option.get_lnames().front() : option.get_name();
+  row.help = option.get_description();
+  row.repeats = option.get_expected_max() > 1;
+  bool flag = option.get_expected_max() == 0;
+  std::string type = option.get_type_name();  // "TEXT:{in,out}" where words are checked
+  row.value = !option.get_option_text().empty() ? option.get_option_text() : flag ? "" : type;
+  size_t open = type.find('{');
+  size_t close = type.find('}');
+  if (open == std::string::npos || close == std::string::npos) return row;
+  std::istringstream words(type.substr(open + 1, close - open - 1));
+  for (std::string word; std::getline(words, word, ',');) row.choices.push_back(word);
+  return row;
+}
+
+CommandRow row_of(const CLI::App& command) {
+  CommandRow row = {command.get_name(), command.get_description(), {}, command.get_footer()};
+  for (const CLI::Option* option : command.get_options()) row.options.push_back(row_of(*option));
+  return row;
+}
+
+CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
+  Parser parser;
+  CLI::App& app = parser.app;
+  CommandLine& line = parser.line;
   std::vector<std::string> names = command_names(app);
   bool helps = words.size() > 1 && words[0] == "help";
   if (helps && std::find(names.begin(), names.end(), words[1]) == names.end()) {
@@ -432,6 +483,16 @@ CommandLine read_command_line(const std::vector<std::string>& words) {
   }
   CLI::App* command = app.get_subcommands().front();
   line.command = command->get_name();
+  for (const CLI::Option* option : command->get_options()) {
+    if (option->count() > 0) line.given[row_of(*option).name] = option->results();
+  }
+  if (takes_file && !line.serve.options_file.empty()) {
+    auto alone = [](const std::string& word) { read_words({"serve", word}, false); };
+    std::vector<std::string> more =
+        words_of_options_file(line.serve.options_file, row_of(*command), line.given, alone);
+    more.insert(more.begin(), words.begin(), words.end());
+    return read_words(more, false);
+  }
   struct {
     const char* command;
     PolicyOptions* source;
@@ -451,13 +512,33 @@ CommandLine read_command_line(const std::vector<std::string>& words) {
   require_here(line.eval.source, line.eval.jobs != 0, "number of jobs");
   require_here(line.document.source, line.document.applied.any(), "policies applied");
   require_one_input(line);
-  if (line.command == "serve") settle_serve(port, apply, &line.serve);
+  if (line.command == "serve") settle_serve(parser.port, parser.apply, &line.serve);
   if (line.command == "check" && line.check.files.empty() == line.check.policy_file.empty()) {
     line.check.files.empty()
         ? fail("nothing to check", "a file")
         : fail("policy is given twice", "configuration files or --policy-file");
   }
+  if (line.serve.print_config) {
+    GivenOptions all = line.given;
+    if (!line.serve.source.agent) all["--port"] = {std::to_string(line.serve.source.listen)};
+    if (line.serve.socket.empty()) all["--socket"] = {default_socket()};
+    line.command.clear();
+    line.output = options_file_text(row_of(*command), all);
+  }
   return line;
+}
+
+}  // namespace
+
+CommandLine read_command_line(const std::vector<std::string>& words) {
+  return read_words(words, true);
+}
+
+std::vector<CommandRow> command_table() {
+  std::vector<CommandRow> rows;
+  Parser parser;
+  for (const CLI::App* command : parser.app.get_subcommands({})) rows.push_back(row_of(*command));
+  return rows;
 }
 
 }  // namespace polctl

@@ -27,6 +27,7 @@ struct EvalOptions {
   uint32_t direction = POL_DIR_NONE; /* none given: inbound, and told where it matters */
   std::string routes = "-";          /* "-" is standard input */
   std::string routes_name;           /* what messages call them, unless "" */
+  std::vector<std::string> route;    /* instead of a file: prefix=10.1.0.0/16,site=302 */
   std::string tlocs;                 /* empty: each TLOC resolves to itself */
   bool json = false;
   bool explain = false;
@@ -95,6 +96,9 @@ struct ServeOptions {
   std::string tlocs;
   std::string socket;
   std::map<std::string, uint32_t> directions; /* by policy; inbound where none is given */
+  std::string log; /* where events go, as service::log_target_of knows it; "": standard output */
+  std::string options_file; /* where more options stand */
+  bool print_config = false;
 };
 
 /* Keeps agent and host running until SIGINT or SIGTERM, and answers the other commands. */

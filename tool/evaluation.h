@@ -29,9 +29,9 @@ class Part {
 };
 
 struct Run {
-  uint32_t jobs;  /* threads; 0: one a processor */
+  uint32_t jobs; /* threads; 0: one a processor */
   bool explain;
-  Output* out;        /* written out before input is waited for; without a reader the run ends */
+  Output* out; /* written out before input is waited for; without a reader the run ends */
   Progress* progress;
   std::function<std::unique_ptr<Part>()> begin; /* called on any thread */
   std::function<void(Part* part)> take;         /* on the caller's, in the order of the routes */

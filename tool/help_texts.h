@@ -20,9 +20,13 @@ Routes are bare prefixes or JSON objects, one a line, mixed at will. Of an objec
 every member but the type is optional; what is not there the route does not have:
   {"type":"route", "prefix":"10.1.0.0/16", "vpn":1, "tag":5, "preference":100,
    "domain":1, "site":10, "groups":[1,2], "originator":"10.0.0.9", "carrier":3,
-   "tloc":{"address":"10.0.0.1", "color":3, "encap":2}, "origin":[4,2]}
+   "tloc":{"address":"10.0.0.1", "color":"internet", "encap":"ipsec"},
+   "origin":"ospf-inter-area"}
 The type is "route", "tloc" or "service". TLOCs of --tlocs, one a line:
-  {"address":"10.0.0.1", "color":3, "encap":2, "label":1003, "preference":50}
+  {"address":"10.0.0.1", "color":"mpls", "encap":"gre", "label":7, "preference":50}
+Where the configuration has words, numbers are taken too. --route has the same
+members, type=route being the default; a TLOC's are tloc, color and encap, and each
+group is its own: --route tloc=10.0.0.1,color=mpls,group=1,group=2,origin=4/2
 
 A membership policy is asked about a VPN alone:
   {"type":"service", "vpn":10}

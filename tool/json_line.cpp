@@ -50,8 +50,8 @@ struct Cursor {
 // before it: only blanks and one separator stand between.
 class FieldGatherer : public nlohmann::json_sax<json> {
  public:
-  FieldGatherer(std::string_view text, JsonLine* line, const char** reached)
-      : text_(text), line_(line), reached_(reached) {
+  FieldGatherer(std::string_view text, JsonLine* line, size_t depth, const char** reached)
+      : text_(text), line_(line), depth_(depth), reached_(reached) {
     line_->count = 0;
   }
 
@@ -80,9 +80,10 @@ class FieldGatherer : public nlohmann::json_sax<json> {
     if (name.find_first_of(".[") != std::string::npos) {
       fail(name_column_, fmt::format("unknown member {}", in_quotes(name)), "a name of letters");
     }
-    name_ = depth_ == 2 ? container_ + "." : std::string();
+    const Container& object = open_.back();
+    name_ = object.name.empty() ? std::string() : object.name + ".";
     name_ += name;
-    for (size_t i = 0; i < line_->count; ++i) {
+    for (size_t i = object.first; i < line_->count; ++i) {
       if (line_->fields[i].name == name_) {
         fail(name_column_, fmt::format("member {} is given twice", in_quotes(name_)), "each once");
       }
@@ -126,12 +127,12 @@ class FieldGatherer : public nlohmann::json_sax<json> {
   }
 
   JsonField& add(JsonType type) {
-    if (depth_ == 0) fail(skip_to_value() + 1, "not a JSON object", "an object in braces");
+    if (open_.empty()) fail(skip_to_value() + 1, "not a JSON object", "an object in braces");
     if (line_->count == line_->fields.size()) line_->fields.emplace_back();
     JsonField& field = line_->fields[line_->count++];
     field.column = skip_to_value() + 1;
-    if (in_array_) {
-      field.name = container_ + "[]";
+    if (open_.back().is_array) {
+      field.name = open_.back().name + "[]";
       field.name_column = field.column;
     } else {
       field.name.swap(name_);
@@ -159,34 +160,38 @@ class FieldGatherer : public nlohmann::json_sax<json> {
   }
 
   bool open(JsonType type) {
-    if (depth_ == 0 && type == JsonType::Object) {
+    if (open_.empty() && type == JsonType::Object) {
       mark();
+      open_.push_back({"", line_->count, false});
     } else {
       JsonField& field = add(type);
-      if (depth_ == 2) fail(field.column, "values are nested too deeply", "a plain value");
-      container_ = field.name;
-      in_array_ = type == JsonType::Array;
+      if (open_.size() > depth_) {
+        fail(field.column, "values are nested too deeply", "a plain value");
+      }
+      open_.push_back({field.name, line_->count, type == JsonType::Array});
     }
-    ++depth_;
     return true;
   }
 
   bool close() {
-    --depth_;
-    in_array_ = false;
+    open_.pop_back();
     mark();
     return true;
   }
 
   std::string_view text_;
   JsonLine* line_;
+  size_t depth_;
   const char** reached_;
   size_t after_last_ = 0;  // offset behind the last token
   size_t name_column_ = 1;
-  std::string name_;       // of the member whose value comes next
-  std::string container_;  // name of the member that is open at depth 2
-  bool in_array_ = false;
-  int depth_ = 0;
+  std::string name_;  // of the member whose value comes next
+  struct Container {
+    std::string name;  // "": the line's object
+    size_t first;      // of its fields
+    bool is_array;
+  };
+  std::vector<Container> open_;
 };
 
 std::string type_phrase(const JsonField& field) {
@@ -211,12 +216,12 @@ std::string type_phrase(const JsonField& field) {
 
 }  // namespace
 
-void split_json_line(std::string_view text, JsonLine* line) {
+void split_json_line(std::string_view text, JsonLine* line, size_t depth) {
   // The parser takes a NUL for the end of its input and would not see what follows.
   size_t nul = text.find('\0');
   if (nul != std::string_view::npos) fail(nul + 1, "a NUL byte", "text");
   const char* reached = text.data();
-  FieldGatherer gatherer(text, line, &reached);
+  FieldGatherer gatherer(text, line, depth, &reached);
   json::sax_parse(Cursor{text.data(), &reached}, Cursor{text.data() + text.size(), &reached},
                   &gatherer);
 }

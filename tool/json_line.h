@@ -32,9 +32,12 @@ struct JsonLine {
   size_t count = 0; /* of `fields` that belong to this line */
 };
 
+/* How deep containers may stand in the object of a route: "tloc", "groups". */
+inline constexpr size_t kRouteDepth = 1;
+
 /* Throws LineFaultError when the text is not exactly one object, when containers are nested deeper
- * than one level, or when a member is given twice. */
-void split_json_line(std::string_view text, JsonLine* line);
+ * than `depth`, or when a member is given twice in one object. */
+void split_json_line(std::string_view text, JsonLine* line, size_t depth = kRouteDepth);
 
 /* The text as a JSON string with its quotes; bytes that are not UTF-8 are replaced. */
 std::string json_string(std::string_view text);

@@ -38,7 +38,8 @@ bool LinePieces::next(LinePiece* piece) {
   const void* last = got > 0 ? memrchr(text.data() + filled, '\n', got) : nullptr;
   filled += got;
   size_t whole = 0;
-  if (last != nullptr) whole = static_cast<size_t>(static_cast<const char*>(last) - text.data()) + 1;
+  if (last != nullptr)
+    whole = static_cast<size_t>(static_cast<const char*>(last) - text.data()) + 1;
   if (at_end_ || filled == kRoom) whole = whole != 0 ? whole : filled;
   rest_.assign(text.data() + whole, text.data() + filled);
   if (whole == 0 && at_end_) return false;

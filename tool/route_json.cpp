@@ -10,6 +10,7 @@
 #include <iterator>
 #include <limits>
 
+#include "attribute_words.h"
 #include "host/address_text.h"
 #include "line_reader.h"
 
@@ -40,6 +41,23 @@ bool read_number(value& given, Number* to) {
 bool read_attribute(value& given, const Route& route, uint32_t bit, uint32_t* to) {
   route.attr->present |= bit;
   return read_number(given, to);
+}
+
+// False, and nothing of it is used up, when it is no text.
+bool is_text(value& given) {
+  simdjson::ondemand::json_type type;
+  return given.type().get(type) == simdjson::SUCCESS &&
+         type == simdjson::ondemand::json_type::string;
+}
+
+bool read_word(value& given, Vocabulary words, uint8_t* to) {
+  if (!is_text(given)) return read_number(given, to);
+  std::string_view word;
+  uint32_t number = 0;
+  if (given.get_string().get(word) != simdjson::SUCCESS) return false;
+  if (!number_of(words, word, &number)) return false;
+  *to = static_cast<uint8_t>(number);
+  return true;
 }
 
 bool read_address(value& given, t_ipaddr* address) {
@@ -107,6 +125,15 @@ bool read_groups(value& given, const Route& route) {
 bool read_origin(value& given, const Route& route) {
   uint8_t pair[2];
   route.attr->present |= POL_ATTR_ORIGIN;
+  if (is_text(given)) {
+    std::string_view word;
+    Origin origin = {};
+    if (given.get_string().get(word) != simdjson::SUCCESS) return false;
+    if (!origin_of(word, &origin)) return false;
+    route.attr->origin_protocol = origin.protocol;
+    route.attr->origin_subtype = origin.subtype;
+    return true;
+  }
   if (read_numbers(given, pair, std::size(pair)) != std::size(pair)) return false;
   route.attr->origin_protocol = pair[0];
   route.attr->origin_subtype = pair[1];
@@ -120,7 +147,7 @@ bool read_originator(value& given, const Route& route) {
 
 bool read_carrier(value& given, const Route& route) {
   route.attr->present |= POL_ATTR_CARRIER;
-  return read_number(given, &route.attr->carrier);
+  return read_word(given, Vocabulary::kCarrier, &route.attr->carrier);
 }
 
 bool read_tloc_address(value& given, const Route& route) {
@@ -133,11 +160,11 @@ bool read_tloc_address(value& given, const Route& route) {
 }
 
 bool read_tloc_color(value& given, const Route& route) {
-  return read_number(given, &route.attr->tloc.color);
+  return read_word(given, Vocabulary::kColor, &route.attr->tloc.color);
 }
 
 bool read_tloc_encap(value& given, const Route& route) {
-  return read_number(given, &route.attr->tloc.encap);
+  return read_word(given, Vocabulary::kEncap, &route.attr->tloc.encap);
 }
 
 struct Member {
@@ -153,7 +180,8 @@ template <size_t kCount>
 bool read_members(object& from, const Member (&members)[kCount], const Route& route,
                   uint32_t* seen) {
   *seen = 0;
-  size_t at = 0;  // programs write members in one order: the next one comes after the last one found
+  size_t at =
+      0;  // programs write members in one order: the next one comes after the last one found
   for (auto field : from) {
     std::string_view name;
     value given;
@@ -180,12 +208,18 @@ bool read_tloc(value& given, const Route& route) {
 }
 
 constexpr Member kRouteMembers[] = {
-    {"type", read_type},     {"prefix", read_prefix},
-    {"vpn", read_vpn},       {"tag", read_tag},
-    {"site", read_site},     {"preference", read_preference},
-    {"domain", read_domain}, {"groups", read_groups},
-    {"tloc", read_tloc},     {"origin", read_origin},
-    {"originator", read_originator}, {"carrier", read_carrier},
+    {"type", read_type},
+    {"prefix", read_prefix},
+    {"vpn", read_vpn},
+    {"tag", read_tag},
+    {"site", read_site},
+    {"preference", read_preference},
+    {"domain", read_domain},
+    {"groups", read_groups},
+    {"tloc", read_tloc},
+    {"origin", read_origin},
+    {"originator", read_originator},
+    {"carrier", read_carrier},
 };
 constexpr uint32_t kTypeSeen = 1u << 0;
 constexpr uint32_t kVpnSeen = 1u << 2;

@@ -7,9 +7,11 @@
 #include <iterator>
 #include <string_view>
 
+#include "attribute_words.h"
 #include "host/address_text.h"
 #include "host/input_error.h"
-#include "kel/tloc.h"
+#include "host/near_word.h"
+#include "host/output.h"
 
 namespace polctl {
 
@@ -36,8 +38,22 @@ uint32_t read_u32(const JsonField& field) {
   return static_cast<uint32_t>(json_number(field, UINT32_MAX));
 }
 
-uint8_t read_u8(const JsonField& field) {
-  return static_cast<uint8_t>(json_number(field, UINT8_MAX));
+[[noreturn]] void fail_word(const JsonField& field, const char* what,
+                            const std::vector<std::string>& known) {
+  std::vector<std::string> near = near_words(field.text, known);
+  std::string hint = near.empty() ? "" : ", did you mean " + near.front() + "?";
+  fail(field.column, fmt::format("unknown {} {}{}", what, in_quotes(field.text), hint),
+       joined(known, ", ") + ", or a number");
+}
+
+// A word of the configuration, or its number.
+uint8_t read_word(const JsonField& field, Vocabulary words) {
+  uint32_t number = 0;
+  if (field.type != JsonType::Text) return static_cast<uint8_t>(json_number(field, UINT8_MAX));
+  if (!number_of(words, field.text, &number)) {
+    fail_word(field, vocabulary_name(words), words_in(words));
+  }
+  return static_cast<uint8_t>(number);
 }
 
 // The fault's column counts within the text; escapes before it in the line are not accounted for.
@@ -129,23 +145,31 @@ void read_tloc_address_member(const JsonField& field, RouteBuilder& route) {
 }
 
 void read_tloc_color(const JsonField& field, RouteBuilder& route) {
-  route.attr->tloc.color = read_u8(field);
+  route.attr->tloc.color = read_word(field, Vocabulary::kColor);
 }
 
 void read_tloc_encap(const JsonField& field, RouteBuilder& route) {
-  route.attr->tloc.encap = read_u8(field);
+  route.attr->tloc.encap = read_word(field, Vocabulary::kEncap);
 }
 
-constexpr const char* kOriginForm = "an array of a protocol and a sub-type";
+constexpr const char* kOriginForm = "a word, or an array of a protocol and a sub-type";
 
 void read_origin(const JsonField& field, RouteBuilder& route) {
-  json_expect(field, JsonType::Array, kOriginForm);
   route.attr->present |= POL_ATTR_ORIGIN;
+  if (field.type != JsonType::Text) return json_expect(field, JsonType::Array, kOriginForm);
+  Origin origin = {};
+  if (!origin_of(field.text, &origin)) {
+    fail(field.column, fmt::format("unknown origin {}", in_quotes(field.text)),
+         joined(origin_words(), ", ") + ", or an array of two numbers");
+  }
+  route.attr->origin_protocol = origin.protocol;
+  route.attr->origin_subtype = origin.subtype;
+  route.origin_values = 2;
 }
 
 void read_origin_value(const JsonField& field, RouteBuilder& route) {
   if (route.origin_values == 2) fail(field.column, "too many values in origin", kOriginForm);
-  uint8_t value = read_u8(field);
+  uint8_t value = static_cast<uint8_t>(json_number(field, UINT8_MAX));
   (route.origin_values++ == 0 ? route.attr->origin_protocol : route.attr->origin_subtype) = value;
 }
 
@@ -155,7 +179,7 @@ void read_originator(const JsonField& field, RouteBuilder& route) {
 }
 
 void read_carrier(const JsonField& field, RouteBuilder& route) {
-  route.attr->carrier = read_u8(field);
+  route.attr->carrier = read_word(field, Vocabulary::kCarrier);
   route.attr->present |= POL_ATTR_CARRIER;
 }
 
@@ -201,13 +225,15 @@ const JsonField* find_field(const JsonLine& json, std::string_view name) {
   return nullptr;
 }
 
-void read_route_line(std::string_view text, JsonLine* json, t_pol_route_query* query,
-                     t_pol_route_attr* attr) {
-  split_json_line(text, json);
+uint16_t read_service(const JsonField& field) { return read_word(field, Vocabulary::kService); }
+
+}  // namespace
+
+void read_route_fields(const JsonLine& json, t_pol_route_query* query, t_pol_route_attr* attr) {
   RouteBuilder route = {query, attr};
   size_t member = 0;
-  for (size_t i = 0; i < json->count; ++i) {
-    const JsonField& field = json->fields[i];
+  for (size_t i = 0; i < json.count; ++i) {
+    const JsonField& field = json.fields[i];
     member = find_member(field.name, member);
     if (member == kNoMember) {
       fail(field.name_column, fmt::format("unknown member {}", in_quotes(field.name)),
@@ -219,26 +245,13 @@ void read_route_line(std::string_view text, JsonLine* json, t_pol_route_query* q
     fail(1, "no member \"type\"", "\"type\": \"route\", \"tloc\" or \"service\"");
   }
   if ((attr->present & POL_ATTR_TLOC) != 0 && attr->tloc.family == 0) {
-    fail(find_field(*json, "tloc")->column, "\"tloc\" has no address", "a member \"address\"");
+    fail(find_field(json, "tloc")->column, "\"tloc\" has no address", "a member \"address\"");
   }
   if ((attr->present & POL_ATTR_ORIGIN) != 0 && route.origin_values != 2) {
-    fail(find_field(*json, "origin")->column, "\"origin\" has too few values", kOriginForm);
+    fail(find_field(json, "origin")->column, "\"origin\" has too few values", kOriginForm);
   }
   query->tloc = attr->tloc;
 }
-
-// By the word that configuration has for it.
-uint16_t read_service(const JsonField& field) {
-  constexpr uint32_t kServices = 8;
-  const std::string& word = json_text(field, "the name of a service");
-  for (uint32_t service = 1; service <= kServices; ++service) {
-    if (word == kel_util_svc_name(service)) return static_cast<uint16_t>(service);
-  }
-  fail(field.column, fmt::format("unknown service {}", in_quotes(word)),
-       "firewall, ids, ips, web-proxy or service1 to service4");
-}
-
-}  // namespace
 
 void throw_at_line(const LineReader& lines, size_t offset, const LineFault& fault) {
   std::string where =
@@ -274,7 +287,8 @@ bool RouteReader::next(t_pol_route_query* query, t_pol_route_attr* attr) {
     query->prefix = {};
     query->vpn = 0;
     try {
-      read_route_line(text, &json_, query, attr);
+      split_json_line(text, &json_);
+      read_route_fields(json_, query, attr);
       has_vpn_ = find_field(json_, "vpn") != nullptr;
     } catch (const LineFaultError& error) {
       throw_at_line(lines_, start, error.fault);
@@ -299,9 +313,9 @@ void read_tloc_line(std::string_view text, JsonLine* json, ResolvableTloc* tloc)
     if (field.name == "address") {
       read_tloc_address(field, &entry.tloc);
     } else if (field.name == "color") {
-      entry.tloc.color = read_u8(field);
+      entry.tloc.color = read_word(field, Vocabulary::kColor);
     } else if (field.name == "encap") {
-      entry.tloc.encap = read_u8(field);
+      entry.tloc.encap = read_word(field, Vocabulary::kEncap);
     } else if (field.name == "label") {
       entry.label = read_u32(field);
     } else if (field.name == "preference") {

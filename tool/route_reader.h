@@ -5,7 +5,8 @@
  * A line that begins with '{' is a JSON object, an empty one and one that begins with '#' are
  * passed over, any other is one prefix and asks about a route. An attribute that a line does not
  * name is not present. A TLOC may leave out its color and encapsulation: they count as 0, as in
- * policy files, which give TLOCs no encapsulation.
+ * policy files, which give TLOCs no encapsulation. Where the configuration has words they are taken
+ * as well as numbers.
  */
 #ifndef TOOL_ROUTE_READER_H
 #define TOOL_ROUTE_READER_H
@@ -43,6 +44,10 @@ class RouteReader {
   JsonLine json_;
   bool has_vpn_ = false;
 };
+
+/* The route that the fields of a JSON object describe, for a query that the caller has cleared. Throws
+ * LineFaultError. */
+void read_route_fields(const JsonLine& json, t_pol_route_query* query, t_pol_route_attr* attr);
 
 /* A JSON object with the members of a TLOC, its label and preference, and the service it offers with
  * the VPN for which it does. Throws LineFaultError. */

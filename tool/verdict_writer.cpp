@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "attribute_words.h"
 #include "flag_words.h"
 #include "host/address_text.h"
 #include "json_line.h"
@@ -38,8 +39,9 @@ void write_tlocs(const t_pol_tloc_result& tlocs, Output* out) {
   for (uint32_t i = 0; i < tlocs.count; ++i) {
     const t_pol_tloc_result_entry& entry = tlocs.entry[i];
     out->print("{}{{\"address\":\"{}\",\"color\":{},\"encap\":{},\"label\":{},\"preference\":{}}}",
-               i == 0 ? "" : ",", tloc_address_text(entry.tloc), unsigned{entry.tloc.color},
-               unsigned{entry.tloc.encap}, entry.label, entry.preference);
+               i == 0 ? "" : ",", tloc_address_text(entry.tloc),
+               json_word(Vocabulary::kColor, entry.tloc.color),
+               json_word(Vocabulary::kEncap, entry.tloc.encap), entry.label, entry.preference);
   }
 }
 
@@ -75,8 +77,9 @@ void write_idle(const Verdict& verdict, Output* out) {
 }
 
 void write_tloc(const t_tloc_id& tloc, Output* out) {
-  out->print("{{\"address\":\"{}\",\"color\":{},\"encap\":{}}}", tloc_address_text(tloc),
-             unsigned{tloc.color}, unsigned{tloc.encap});
+  out->put("{\"address\":\"", tloc_address_text(tloc),
+           "\",\"color\":", json_word(Vocabulary::kColor, tloc.color),
+           ",\"encap\":", json_word(Vocabulary::kEncap, tloc.encap), "}");
 }
 
 // The route in the form in which routes are read.
@@ -107,13 +110,20 @@ void write_route(const t_pol_route_query& query, Output* out) {
     write_tloc(attr.tloc, out);
   }
   if (has(POL_ATTR_ORIGIN)) {
-    out->print(",\"origin\":[{},{}]", unsigned{attr.origin_protocol},
-               unsigned{attr.origin_subtype});
+    const char* word = origin_word({attr.origin_protocol, attr.origin_subtype});
+    if (*word != '\0') {
+      out->put(",\"origin\":\"", word, "\"");
+    } else {
+      out->print(",\"origin\":[{},{}]", unsigned{attr.origin_protocol},
+                 unsigned{attr.origin_subtype});
+    }
   }
   if (has(POL_ATTR_ORIGINATOR)) {
     out->put(",\"originator\":\"", address_text(attr.originator), "\"");
   }
-  number(POL_ATTR_CARRIER, "carrier", attr.carrier);
+  if (has(POL_ATTR_CARRIER)) {
+    out->put(",\"carrier\":", json_word(Vocabulary::kCarrier, attr.carrier));
+  }
   out->write("}");
 }
 

@@ -187,7 +187,7 @@ TEST(SessionsTest, WhatSessionsSeeAndMayCommitMatchesItsGolden) {
 
 // Without a wire: a quarter of a gigabyte would take its time on one.
 TEST(SessionsTest, UnfinishedLoadsAreBoundedInSumAndThoseThatPauseGiveWay) {
-  agent::log_to(agent::LogTarget::kOff, "");
+  service::log_to(service::LogTarget::kOff, "");
   agent::Agent agent;
   std::string error;
   agent.schema = agent::schema_load(&error);

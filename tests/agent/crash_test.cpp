@@ -114,7 +114,9 @@ TEST(CrashTest, AFullDiskRefusesCommitsAndNothingElseAndGoesOnOnceThereIsRoom) {
 
 // yarrowd to its end; its words, and its exit status at their end.
 std::string yarrowd(const std::string& arguments) {
-  FILE* out = popen((std::string(kYarrowdPath) + " " + arguments + " 2>&1").c_str(), "r");
+  const std::string files = std::string(kGoldenDir) + "/usage";
+  FILE* out =
+      popen(("cd " + files + " && " + kYarrowdPath + " " + arguments + " 2>&1").c_str(), "r");
   std::string text;
   char line[4096];
   while (fgets(line, sizeof line, out) != nullptr) text += line;

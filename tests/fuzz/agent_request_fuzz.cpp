@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   // As a fresh agent, but for the schema.
   agent.stores.versions.clear();
-  agent::log_to(agent::LogTarget::kOff, "");
+  service::log_to(service::LogTarget::kOff, "");
   if (!agent::datastores_open(agent.stores, *agent.schema, std::nullopt, agent::OnDamage::kRefuse)
            .ok()) {
     abort();

@@ -2,6 +2,7 @@
 //
 // A host that keeps running: asked over its socket, while commits are made at its agent.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <csignal>
 #include <fstream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "host/agent_link.h"
@@ -115,6 +117,42 @@ TEST_F(ServeTest, AnswersAsTheCommandsDoAndFollowsCommits) {
   EXPECT_NE(ask({"graph"}).out.find("app-list fresh"), std::string::npos);
   EXPECT_EQ(server_->stop(SIGTERM), 0);
   EXPECT_NE(access(socket_.c_str(), F_OK), 0) << "its file goes with it";
+}
+
+// As a service: the manager hears when it serves and when it ends, the log is one object a line.
+TEST_F(ServeTest, TellsItsServiceManagerAndLogsEveryEventInOneForm) {
+  server_.reset();
+  sockaddr_un manager = polctl::socket_address(socket_ + ".notify");
+  unlink(manager.sun_path);
+  int told = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(told, reinterpret_cast<sockaddr*>(&manager), sizeof manager), 0);
+  auto next = [&] {
+    char text[256];
+    pollfd ready = {told, POLLIN, 0};
+    ssize_t size = poll(&ready, 1, 30'000) == 1 ? recv(told, text, sizeof text, 0) : 0;
+    return std::string(text, static_cast<size_t>(size));
+  };
+  const std::string options = temporary_file("config = " + kConfig + "\ntlocs = " + kTlocs +
+                                             "\nport = 0\nsocket = " + socket_ + "\nlog = json\n");
+  setenv("NOTIFY_SOCKET", manager.sun_path, 1);
+  server_ = std::make_unique<Running>(kPolctlPath,
+                                      std::vector<std::string>{"serve", "--options", options});
+  unsetenv("NOTIFY_SOCKET");
+  EXPECT_EQ(next().rfind("READY=1\nSTATUS=follows the agent at port ", 0), 0u);
+  kill(server_->pid(), SIGHUP);
+  std::string events;
+  while (events.find("SIGHUP") == std::string::npos) {
+    const std::string line = server_->next_line();
+    const auto event = nlohmann::json::parse(line, nullptr, false);
+    ASSERT_TRUE(event.is_object()) << line;
+    EXPECT_EQ(event["program"], "polctl");
+    events += event["what"].get<std::string>() + '\n';
+  }
+  EXPECT_NE(events.find("the host serves\n"), std::string::npos) << events;
+  kill(server_->pid(), SIGTERM);
+  EXPECT_EQ(next(), "STOPPING=1");
+  close(told);
+  unlink(manager.sun_path);
 }
 
 TEST_F(ServeTest, PoliciesThatGoLeaveTheDocumentAndComeBackToIt) {

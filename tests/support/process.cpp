@@ -54,7 +54,8 @@ pid_t spawn(const std::string& program, std::vector<std::string> args, std::vect
   if (child > 0) return child;
   args.insert(args.begin(), program);
   env.insert(env.end(), {"TERM=xterm", "LC_ALL=C"});  // the first of a name counts
-  for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS"}) {
+  for (const char* name :
+       {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS", "NOTIFY_SOCKET"}) {
     if (const char* value = getenv(name)) env.push_back(std::string(name) + "=" + value);
   }
   const rlimit limit = {descriptors, descriptors};

@@ -453,6 +453,9 @@ class Twin {
     RC_ASSERT(std::tuple(actions[2], batch[2].matched, batch[2].applied, batch[2].vpn_count) ==
               std::tuple(action, query.matched, query.applied, query.vpn_count));
     RC_ASSERT(memcmp(&batch[2].attr_copy, &query.attr_copy, sizeof query.attr_copy) == 0);
+    t_pol_explain_step decisions[3];
+    pol_explain_batch(users_[direction - 1], batch, 3, decisions);
+    RC_ASSERT(memcmp(&decisions[2], &decision, sizeof decision) == 0);
     for (t_pol_route_query& one : batch) pol_post_execute(&one);
     pol_post_execute(&indexed);
     pol_post_execute(&query);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "agent/log.h"
+#include "platform/service/log.h"
 
 #include <poll.h>
 #include <syslog.h>
@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <ctime>
 
-namespace agent {
+namespace service {
 
 namespace {
 
@@ -179,4 +179,4 @@ void log_burst(LogBurst& burst, LogLevel level, std::string_view what,
   emit(level, what, fields);
 }
 
-}  // namespace agent
+}  // namespace service

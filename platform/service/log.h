@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The agent's log: one line an event, saying in words what happened, then its facts by name, such as
+// The log of a process that runs as a service: one line an event, saying in words what happened, then
+// its facts by name, such as
 //   commit done commit=12 user=alice client=polctl changes=3
 //
 // Order   what happened is a fixed text, without the facts; names of facts are the same everywhere:
@@ -8,9 +9,9 @@
 // Texts   may come from anyone: bytes that are not printable ASCII, quotes and backslashes stand
 //         escaped, a text is cut after kMaxLogText bytes. An empty text is left out with its name.
 // Threads any: a line is one write. A reader that stands still costs lines, told once it reads again,
-//         and never holds the agent up.
-#ifndef AGENT_LOG_H
-#define AGENT_LOG_H
+//         and never holds the process up.
+#ifndef PLATFORM_SERVICE_LOG_H
+#define PLATFORM_SERVICE_LOG_H
 
 #include <concepts>
 #include <cstdint>
@@ -18,7 +19,7 @@
 #include <string>
 #include <string_view>
 
-namespace agent {
+namespace service {
 
 // Where the process's lines go. JSON is an object a line on stderr.
 enum class LogTarget : uint8_t { kOff, kSyslog, kStderr, kJson };
@@ -67,5 +68,5 @@ std::string visible_text(std::string_view text);
 std::string log_format(LogTarget target, LogLevel level, std::string_view what,
                        std::initializer_list<LogField> fields);
 
-}  // namespace agent
+}  // namespace service
 #endif
