@@ -129,12 +129,24 @@ std::string fault_words(const lysc_type* type, std::string_view text) {
   return text.empty() ? "it is empty" : quoted(text) + " does not fit";
 }
 
+const lysc_type* type_of(const SchemaNode& leaf) {
+  return leaf.yang->nodetype == LYS_LEAF
+             ? reinterpret_cast<const lysc_node_leaf*>(leaf.yang)->type
+             : reinterpret_cast<const lysc_node_leaflist*>(leaf.yang)->type;
+}
+
 }  // namespace
 
+std::string expected_value(const SchemaNode& leaf) { return expected_words(type_of(leaf)); }
+
+std::vector<std::string> value_choices(const SchemaNode& leaf) {
+  const lysc_type* type = type_of(leaf);
+  if (type->basetype == LY_TYPE_BOOL) return {"true", "false"};
+  return type->basetype == LY_TYPE_ENUM ? enum_words(type) : std::vector<std::string>();
+}
+
 std::string refused_value(const SchemaNode& leaf, std::string_view text) {
-  const lysc_type* type = leaf.yang->nodetype == LYS_LEAF
-                              ? reinterpret_cast<const lysc_node_leaf*>(leaf.yang)->type
-                              : reinterpret_cast<const lysc_node_leaflist*>(leaf.yang)->type;
+  const lysc_type* type = type_of(leaf);
   return fault_words(type, text) + " (expected " + expected_words(type) + ")";
 }
 

@@ -6,6 +6,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "agent/schema.h"
 
@@ -13,6 +14,12 @@ namespace agent {
 
 // `"99" is out of range (expected a number from 0 to 32)`. REQUIRES: a leaf that refuses the text.
 std::string refused_value(const SchemaNode& leaf, std::string_view text);
+
+// "a number from 0 to 32". REQUIRES: a leaf.
+std::string expected_value(const SchemaNode& leaf);
+
+// All that a leaf takes, where these are words. REQUIRES: a leaf.
+std::vector<std::string> value_choices(const SchemaNode& leaf);
 
 // "no such node (expected one of: site-list, ...)"
 std::string unknown_child(const SchemaNode& parent);

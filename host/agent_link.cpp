@@ -14,6 +14,7 @@
 #include "agent/yarrow_agent.h"
 #include "input_error.h"
 #include "near_word.h"
+#include "setlines/set_document.h"
 #include "xml_places.h"
 #include "yarrow/yarrow_maapi.h"
 
@@ -110,6 +111,13 @@ ConfigFault fault_of(std::string_view text) {
   fault.what = text;
   add_hint(&fault);
   return fault;
+}
+
+// What the agent says of a line of the XML that set-lines were made into.
+void settle_place(const SetDocument& lines, ConfigFault* fault) {
+  SetPlace place = lines.place_of(fault->line);
+  fault->line = place.line;
+  fault->column = place.column;
 }
 
 }  // namespace
@@ -225,13 +233,22 @@ void ConfigSession::load(const SourceFiles& files, std::vector<ConfigFault>* fau
       maapi_start_trans_flags2(sock_, MAAPI_CANDIDATE, MAAPI_READ_WRITE, 0, 0, nullptr, nullptr);
   if (trans < 0) fail("no transaction");
   for (const SourceFile& file : files) {
+    const SetDocument* lines = file.set_lines();
+    if (lines != nullptr && !lines->faults.empty()) {
+      for (const SetFault& each : lines->faults) {
+        faults->push_back(
+            {file.name(), each.place.line, each.place.column, "", each.what, each.expected});
+      }
+      continue;
+    }
     if (maapi_load_config(sock_, trans, YARROW_CONFIG_XML | YARROW_CONFIG_MERGE,
-                          file.path().c_str()) == YARROW_OK) {
+                          file.xml_path().c_str()) == YARROW_OK) {
       continue;
     }
     each_reason(agent_problem(), [&](std::string_view reason) {
       faults->push_back(fault_of(reason));
       faults->back().file = file.name();
+      if (lines != nullptr) settle_place(*lines, &faults->back());
     });
   }
   if (faults->empty() && maapi_apply_trans(sock_, trans, 0) != YARROW_OK) fail("not applied");

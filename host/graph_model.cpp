@@ -70,6 +70,7 @@ void take_node(void* arg, const t_pol_graph_node* given) noexcept {
   if (given->parent != nullptr) node.parent = reading->places.at(given->parent);
   node.sequence = given->sequence;
   node.action = given->action;
+  node.match_flags = given->match_flags;
   node.set_flags = given->set_flags;
   node.direction = given->direction;
   node.elements = given->elements;
@@ -181,6 +182,16 @@ std::string graph_title(const Graph& graph, size_t at) {
   const GraphNode& node = graph.nodes[at];
   std::string own = node.type == POL_GRAPH_SEQUENCE ? std::to_string(node.sequence) : node.name;
   return node.parent == SIZE_MAX ? own : graph_title(graph, node.parent) + "/" + own;
+}
+
+const char* graph_state_word(GraphState state) {
+  return state == GraphState::kUndefined ? "undefined"
+         : state == GraphState::kUnused  ? "unused"
+                                         : "fine";
+}
+
+bool graph_role_sets(std::string_view role) {
+  return role == "set" || role == "policer" || role == "SLA class";
 }
 
 std::string graph_action(const GraphNode& node) {

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "config_mirror.h"
@@ -28,6 +29,7 @@ struct GraphNode {
   size_t parent = SIZE_MAX; /* index of the policy or its VPN list that this is in */
   uint32_t sequence = 0;
   uint32_t action = 0;
+  uint32_t match_flags = 0;
   uint32_t set_flags = 0;
   uint32_t direction = 0;
   uint32_t elements = 0;
@@ -62,6 +64,12 @@ const char* graph_word(const GraphNode& node);
 
 /* What a sequence is called: "branch/10", "corp/vpns/10". */
 std::string graph_title(const Graph& graph, size_t node);
+
+/* "fine", "undefined", "unused". */
+const char* graph_state_word(GraphState state);
+
+/* Whether what is used in that role is set, rather than matched. */
+bool graph_role_sets(std::string_view role);
 
 /* "accept", "reject"; of a data or app-route policy's sequence what it sets: "tloc-list, policer". */
 std::string graph_action(const GraphNode& node);

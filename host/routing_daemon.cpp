@@ -11,7 +11,9 @@ RoutingDaemon::~RoutingDaemon() {
 }
 
 void RoutingDaemon::note_call(t_pol_user* /*user*/, uint64_t consumer) noexcept {
-  ++reinterpret_cast<Consumer*>(consumer)->calls;
+  auto* called = reinterpret_cast<Consumer*>(consumer);
+  ++called->calls;
+  ++called->daemon->calls_;
 }
 
 void RoutingDaemon::follow(const ConfiguredNames& configured) {
@@ -32,6 +34,7 @@ void RoutingDaemon::follow(const ConfiguredNames& configured) {
     for (const std::string& name : names) {
       Consumer& consumer = consumers_[{each.kind, name}];
       if (consumer.user != nullptr) continue;
+      consumer.daemon = this;
       auto said = directions_.find(name);
       uint32_t direction = said != directions_.end() ? said->second : uint32_t{POL_DIR_IN};
       consumer.user =

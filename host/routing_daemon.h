@@ -32,6 +32,9 @@ class RoutingDaemon {
   /* The policies that called back since the last call. */
   std::vector<std::string> take_called();
 
+  /* How often policies called back, in all. */
+  uint64_t calls() const { return calls_; }
+
   /* Whether it is a user of a policy of that name. */
   bool uses(const std::string& policy) const;
 
@@ -41,9 +44,11 @@ class RoutingDaemon {
   struct Consumer {
     t_pol_user* user = nullptr;
     uint64_t calls = 0;
+    RoutingDaemon* daemon = nullptr;
   };
   static void note_call(t_pol_user* user, uint64_t consumer) noexcept;
 
+  uint64_t calls_ = 0;
   std::map<std::string, uint32_t> directions_;
   std::map<std::pair<uint32_t, std::string>, Consumer> consumers_; /* by kind and name */
 };

@@ -13,6 +13,7 @@
 
 #include "address_text.h"
 #include "input_error.h"
+#include "setlines/set_document.h"
 
 namespace polctl {
 
@@ -74,6 +75,17 @@ std::string_view first_line(std::string_view content) {
   return {};
 }
 
+bool is_set_line(std::string_view line) {
+  return line.starts_with("set ") || line.starts_with("delete ") || line == "set" ||
+         line == "delete";
+}
+
+// Names of the schema's modules stand before the top-level nodes.
+bool is_json_configuration(std::string_view content) {
+  return first_line(content).starts_with('{') &&
+         content.find("\"zenodra-policy:") != std::string_view::npos;
+}
+
 // What a file is that is neither configuration nor a policy file; "" when it may be one.
 std::string other_kind(std::string_view content) {
   constexpr struct {
@@ -98,6 +110,7 @@ std::string other_kind(std::string_view content) {
   std::string_view line = first_line(content);
   LineFault fault;
   t_ipprefix prefix = {};
+  if (is_json_configuration(content)) return "";
   if (line.starts_with('{') || parse_prefix(line, &prefix, &fault)) {
     return "it holds routes or TLOCs, no policy";
   }
@@ -148,14 +161,29 @@ SourceFile::SourceFile(const std::string& given, const char* expected)
     kind_ = SourceKind::kConfiguration;
     return;
   }
+  if (is_set_line(first_line(text))) {
+    kind_ = SourceKind::kSetLines;
+    if (keeps) content = read_whole(path_, kMaxSourceBytes, expected);
+    set_lines_ = std::make_shared<SetDocument>(read_set_lines(content));
+    xml_ = std::make_shared<MemoryFile>(set_lines_->xml);
+    xml_path_ = xml_->path();
+    return;
+  }
   std::string other = other_kind(content);
   if (!other.empty()) fail(name_, other, expected);
+  if (is_json_configuration(text)) kind_ = SourceKind::kJson;
 }
+
+const std::string& SourceFile::xml_path() const { return xml_path_.empty() ? path_ : xml_path_; }
 
 void require_configuration(const SourceFiles& files) {
   for (const SourceFile& file : files) {
-    if (file.kind() == SourceKind::kConfiguration) continue;
-    fail(file.name(), "it does not begin with <",
+    if (file.is_configuration()) continue;
+    if (file.kind() == SourceKind::kJson) {
+      fail(file.name(), "it is configuration as JSON",
+           "XML or set-lines; \"polctl convert\" makes them of it");
+    }
+    fail(file.name(), "it does not begin with <, set or delete",
          "configuration; --policy-file takes a policy file");
   }
 }
@@ -169,7 +197,7 @@ SourceFiles open_configuration(const std::vector<std::string>& given) {
 
 SourceFile open_policy_file(const std::string& given) {
   SourceFile file(given, "a policy file");
-  if (file.kind() == SourceKind::kConfiguration) {
+  if (file.kind() != SourceKind::kPolicyFile) {
     fail(file.name(), "it is configuration", "a policy file; --config takes configuration");
   }
   return file;

@@ -3,7 +3,7 @@
  * source_file.h - a file that a command is given, or standard input ("-").
  *
  * Readers open what they read by its path, some of them twice. So what has no size, such as a pipe, is
- * read once and kept in memory. Nothing beyond kMaxSourceBytes is read, whatever it is.
+ * read once and kept in memory; set-lines are made into XML at once. Nothing beyond kMaxSourceBytes is read, whatever it is.
  */
 #ifndef HOST_SOURCE_FILE_H
 #define HOST_SOURCE_FILE_H
@@ -32,7 +32,9 @@ class MemoryFile {
   int fd_;
 };
 
-enum class SourceKind { kConfiguration, kPolicyFile };
+enum class SourceKind { kConfiguration, kSetLines, kJson, kPolicyFile };
+
+struct SetDocument;
 
 class SourceFile {
  public:
@@ -43,12 +45,21 @@ class SourceFile {
   const std::string& name() const { return name_; } /* for messages: "<stdin>" for "-" */
   const std::string& path() const { return path_; } /* to be opened */
   SourceKind kind() const { return kind_; }         /* by its content */
+  bool is_configuration() const { return kind_ == SourceKind::kConfiguration || set_lines_; }
+
+  /* Configuration as XML, to be opened: the file, or what its set-lines were made into, which then
+   * says where its lines stand. */
+  const std::string& xml_path() const;
+  const SetDocument* set_lines() const { return set_lines_.get(); } /* null: XML, or none at all */
 
  private:
   std::string name_;
   std::string path_;
   std::shared_ptr<MemoryFile>
       copy_; /* of what has no size; of standard input the process keeps it */
+  std::shared_ptr<const SetDocument> set_lines_;
+  std::shared_ptr<MemoryFile> xml_; /* of set-lines */
+  std::string xml_path_;
   SourceKind kind_ = SourceKind::kPolicyFile;
 };
 

@@ -10,6 +10,8 @@
 #include <optional>
 #include <string_view>
 
+#include "setlines/set_document.h"
+
 namespace polctl {
 
 namespace {
@@ -148,7 +150,8 @@ const xmlNode* XmlPlaces::node_at(File* file, const std::vector<Step>& steps, si
 XmlPlaces::XmlPlaces(const SourceFiles& files) {
   for (const SourceFile& file : files) {
     files_.push_back({file.name(),
-                      std::unique_ptr<xmlDoc, FreeDoc>(read_with_columns(file.path().c_str())),
+                      file.set_lines(),
+                      std::unique_ptr<xmlDoc, FreeDoc>(read_with_columns(file.xml_path().c_str())),
                       {}});
   }
 }
@@ -164,6 +167,10 @@ void XmlPlaces::find(const std::string& path, ConfigFault* fault) {
     fault->file = each.name;
     fault->line = static_cast<uint32_t>(xmlGetLineNo(node));
     fault->column = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(node->_private));
+    if (each.set_lines == nullptr) continue;
+    SetPlace place = each.set_lines->place_of(fault->line);
+    fault->line = place.line;
+    fault->column = place.column;
   }
 }
 

@@ -19,7 +19,7 @@ namespace polctl {
 
 class XmlPlaces {
  public:
-  /* Files that cannot be read or parsed hold no places. */
+  /* Files that cannot be read or parsed hold no places. REQUIRES: they outlive this. */
   explicit XmlPlaces(const SourceFiles& files);
 
   /* The place of a path as the agent writes it, "/policy/lists/site-list{A}/site{5}": in the last
@@ -35,6 +35,7 @@ class XmlPlaces {
   using Entries = std::unordered_multimap<std::string, const xmlNode*>;
   struct File {
     std::string name;
+    const SetDocument* set_lines; /* what the XML was made of; null: nothing */
     std::unique_ptr<xmlDoc, FreeDoc> doc;
     std::unordered_map<const xmlNode*, Entries>
         entries; /* by what the list stands in; made at need */

@@ -31,11 +31,15 @@ constexpr uint64_t kFewRoutes = 20;  // are shown each on a line, more as a summ
 // Verdicts on some routes in a row, in one of the three forms.
 class EvalPart : public Part {
  public:
-  EvalPart(const EvalOptions& options, const Palette& palette)
-      : options_(options), palette_(palette) {}
+  EvalPart(const EvalOptions& options, const Palette& palette, bool counts)
+      : options_(options), palette_(palette), counts_(counts) {}
 
   void add(const Verdict& verdict) override {
     ++count_;
+    if (counts_) {
+      const t_pol_explain_step& decision = verdict.decision;
+      decisions_.count(decision.is_default != 0, decision.sequence, verdict.action == POL_ACCEPT);
+    }
     if (options_.json) {
       write_json(verdict, &text_);
       return;
@@ -53,6 +57,8 @@ class EvalPart : public Part {
   friend class Answers;
   const EvalOptions& options_;
   const Palette& palette_;
+  bool counts_;
+  Decisions decisions_;
   Output text_{Output::kNoFile};
   std::vector<std::vector<Table::Cell>> rows_;
   Summary summary_;
@@ -62,16 +68,23 @@ class EvalPart : public Part {
 // Where they go.
 class Answers {
  public:
-  Answers(const EvalOptions& options, Output* out)
-      : options_(options), out_(out), palette_(out->fd()), table_("llll", verdict_heading()) {}
+  Answers(const EvalOptions& options, Output* out, Decisions* decisions)
+      : options_(options),
+        out_(out),
+        decisions_(decisions),
+        palette_(out->fd()),
+        table_("llll", verdict_heading()) {}
 
-  std::unique_ptr<Part> begin() const { return std::make_unique<EvalPart>(options_, palette_); }
+  std::unique_ptr<Part> begin() const {
+    return std::make_unique<EvalPart>(options_, palette_, decisions_ != nullptr);
+  }
 
   void take(EvalPart* part) {
     out_->pass(part->text_.text());
     for (auto& row : part->rows_) table_.add(std::move(row));
     summary_.add(part->summary_);
     count_ += part->count_;
+    if (decisions_ != nullptr) decisions_->add(part->decisions_);
   }
 
   // `note` stands below what people read.
@@ -91,6 +104,7 @@ class Answers {
  private:
   const EvalOptions& options_;
   Output* out_;
+  Decisions* decisions_;
   Palette palette_;
   Table table_;
   Summary summary_;
@@ -124,7 +138,7 @@ int run_eval(const EvalOptions& given, Output* out) {
   return answer_eval(options, out);
 }
 
-int answer_eval(const EvalOptions& options, Output* out) {
+int answer_eval(const EvalOptions& options, Output* out, Decisions* decisions) {
   require_policy(options.policy, options.kind, source_name(options.source));
   LinePieces routes(options.routes, options.routes_name);
   if (options.routes == "-" && isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
@@ -132,7 +146,7 @@ int answer_eval(const EvalOptions& options, Output* out) {
           stderr);
   }
   Evaluation evaluation(options.policy, options.kind, options.direction);
-  Answers answers(options, out);
+  Answers answers(options, out, decisions);
   bool scrolls = (options.json || options.explain) && isatty(out->fd()) == 1;
   Progress progress("Evaluating", !scrolls);
   evaluation.run(&routes,

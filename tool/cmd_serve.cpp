@@ -29,6 +29,9 @@
 #include "policy/pol_fwd_document.h"
 #include "terminal.h"
 #include "tloc_reader.h"
+#include "watching/change_names.h"
+#include "watching/host_status.h"
+#include "watching/policy_view.h"
 
 namespace polctl {
 
@@ -167,16 +170,20 @@ class Serving {
 
   // False when no batch was there.
   bool take_batch() {
-    int64_t changes = source_.live()->feed->next(0, source_.live()->walk.get());
-    if (changes < 0) return false;
+    ConfigFeed::Batch batch = source_.live()->feed->read(0);
+    if (!batch) return false;
+    source_.live()->walk->take(batch.get());
     routing_.follow(*source_.configured());
     manager_.follow(*source_.configured());
-    uint64_t calls = manager_.calls();
-    std::string called = called_back(calls - calls_);
-    tell(LogLevel::kInfo, "a commit is walked", {{"changes", changes}, {"called_back", called}},
-         fmt::format("commit: {} change{}; called back: {}",
-                     grouped(static_cast<uint64_t>(changes)), changes == 1 ? "" : "s", called));
-    calls_ = calls;
+    counters_.keep(*source_.configured());
+    CommitNote commit = note_of(batch.get());
+    std::string called = commit.called.empty() ? "nobody" : joined(commit.called, ", ");
+    tell(LogLevel::kInfo, "a commit is walked",
+         {{"changes", commit.changes}, {"called_back", called}},
+         fmt::format("commit: {} change{}; called back: {}", grouped(commit.changes),
+                     commit.changes == 1 ? "" : "s", called));
+    commits_.push_back(std::move(commit));
+    if (commits_.size() > kCommitsKept) commits_.pop_front();
     tell_names();
     begin_fetch();
     return true;
@@ -219,10 +226,23 @@ class Serving {
     }
   }
 
-  std::string called_back(uint64_t forwarding_calls) {
-    std::vector<std::string> called = routing_.take_called();
-    if (forwarding_calls > 0) called.emplace_back("the forwarding manager");
-    return called.empty() ? "nobody" : joined(called, ", ");
+  // Counts it, too.
+  CommitNote note_of(const t_yarrow_batch* batch) {
+    CommitNote commit;
+    commit.number = yarrow_batch_commit_id(batch);
+    commit.time = std::chrono::system_clock::now();
+    commit.changes = yarrow_batch_count(batch);
+    commit.changed = changed_names(batch);
+    commit.called = routing_.take_called();
+    HostCounts& counts = counters_.host;
+    ++counts.commits;
+    counts.changes += commit.changes;
+    counts.routing_callbacks += routing_.calls() - routing_calls_;
+    routing_calls_ = routing_.calls();
+    counts.forwarding_callbacks += manager_.calls() - calls_;
+    if (manager_.calls() != calls_) commit.called.emplace_back("the forwarding manager");
+    calls_ = manager_.calls();
+    return commit;
   }
 
   void begin_fetch() {
@@ -235,6 +255,7 @@ class Serving {
     fetching_ = false;
     std::string document = manager_.document();
     double ms = std::chrono::duration<double, std::milli>(Clock::now() - begun_).count();
+    counters_.host.documents.add(ms);
     if (document == document_) return;
     document_ = std::move(document);
     std::string took = fmt::format("{:.1f}", ms);
@@ -266,6 +287,16 @@ class Serving {
 
   // An answer is about all that was committed before.
   int answer(std::string_view text, const std::string& input, Output* to) {
+    ++counters_.host.requests;
+    try {
+      return answer_known(text, input, to);
+    } catch (const InputError&) {
+      ++counters_.host.refused;
+      throw;
+    }
+  }
+
+  int answer_known(std::string_view text, const std::string& input, Output* to) {
     LiveRequest request;
     if (!decode_options(text, &request)) {
       throw InputError(
@@ -276,14 +307,22 @@ class Serving {
                       request.options);
   }
 
-  static int answer_one(EvalOptions options, const std::string& input, Output* to) {
+  int answer_one(EvalOptions options, const std::string& input, Output* to) {
     bool known = (options.kind == POL_KIND_ROUTE || options.kind == POL_KIND_MEMBERSHIP) &&
                  options.direction <= POL_DIR_OUT;
     if (!known) throw InputError("polctl: error: an unknown kind or direction");
     MemoryFile routes(input);
     options.routes = routes.path();
     options.source.config = {"running configuration"};  // what messages call the source
-    return answer_eval(options, to);
+    Decisions decisions;
+    try {
+      int status = answer_eval(options, to, &decisions);
+      counters_.add({options.kind, options.policy}, decisions);
+      return status;
+    } catch (const InputError&) {
+      counters_.add({options.kind, options.policy}, decisions);
+      throw;
+    }
   }
   static int answer_one(const DumpOptions& options, const std::string& /*input*/, Output* to) {
     std::vector<std::string> topics = dump_topics();
@@ -309,8 +348,70 @@ class Serving {
     return answer_labels(options, source_.live()->session.get(), to);
   }
 
+  int answer_one(const ShowOptions& options, const std::string& /*input*/, Output* to) const {
+    if (options.what == "status") {
+      write_status(options.json, to);
+    } else if (options.what == "commits") {
+      options.json ? write_commits_json(commits_, to) : write_commits_text(commits_, to);
+    } else if (options.what == "lists") {
+      write_lists(read_graph(source_.configured()), options.json, to);
+    } else if (options.what == "policy") {
+      write_policies(options, to);
+    } else {
+      throw InputError("polctl: error: nothing of that name is shown");
+    }
+    return kDone;
+  }
+  int answer_one(const ClearOptions& options, const std::string& /*input*/, Output* to) {
+    if (options.what != "counters") throw InputError("polctl: error: nothing of that name is kept");
+    counters_.clear();
+    to->write("cleared\n");
+    return kDone;
+  }
+
+  void write_status(bool json, Output* to) const {
+    HostStatus now = status();
+    if (!json) return write_status_text(now, to);
+    write_status_json(now, to);
+    to->write("\n");
+  }
+
+  void write_policies(const ShowOptions& options, Output* to) const {
+    Graph graph = read_graph(source_.configured());
+    const char* separator = "";
+    for (size_t policy : policies_named(graph, options.name)) {
+      if (options.json) {
+        write_policy_json(graph, policy, &counters_, to);
+        to->write("\n");
+      } else {
+        to->write(separator);
+        write_policy_text(graph, policy, &counters_, to);
+      }
+      separator = "\n";
+    }
+  }
+
+  HostStatus status() const {
+    HostStatus status;
+    status.agent_port = source_.live()->port;
+    status.agent_inside = source_.live()->agent != nullptr;
+    status.started = started_;
+    status.policies = routing_.users();
+    status.absent = absent_;
+    status.awaited = awaited_;
+    pol_yarrow_thread_queues(g_pol_ctx_p, status.queues);
+    status.fetching = fetching_;
+    status.document_bytes = document_.size();
+    status.counters = &counters_;
+    status.commits = &commits_;
+    return status;
+  }
+
   const ServeOptions& options_;
   EventLog log_;
+  Counters counters_;
+  std::deque<CommitNote> commits_;
+  WallTime started_ = std::chrono::system_clock::now();
   // Users leave before the context goes: in this order, from the last to the first.
   PolicySource source_;
   RoutingDaemon routing_;
@@ -320,6 +421,7 @@ class Serving {
   bool fetching_ = false;
   Clock::time_point begun_;
   uint64_t calls_ = 0;
+  uint64_t routing_calls_ = 0;
   std::string document_;
   std::vector<std::string> absent_;
   std::vector<std::string> awaited_;

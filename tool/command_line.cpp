@@ -199,6 +199,20 @@ void add_check(CLI::App& app, CheckOptions* options) {
   command->footer(kCheckHelp);
 }
 
+void add_convert(CLI::App& app, ConvertOptions* options) {
+  CLI::App* command =
+      app.add_subcommand("convert", "Write policy or configuration in another form");
+  command->add_option("FILE", options->file, "a policy file or configuration; - is standard input")
+      ->required()
+      ->option_text(" ");
+  command
+      ->add_option("--to", options->to,
+                   "set-lines (default), a tree, XML, JSON, or the text of a policy file")
+      ->check(CLI::IsMember({"set", "tree", "xml", "json", "text"}))
+      ->option_text("set|tree|xml|json|text");
+  command->footer(kConvertHelp);
+}
+
 void add_dump(CLI::App& app, DumpOptions* options) {
   CLI::App* command = app.add_subcommand("dump", "Print what the library holds");
   add_source_options(command, &options->source);
@@ -309,6 +323,26 @@ void add_watch(CLI::App& app, WatchOptions* options) {
       ->type_name("FILE")
       ->allow_extra_args(false);
   command->footer(kWatchHelp);
+}
+
+void add_show(CLI::App& app, ShowOptions* options) {
+  CLI::App* command = app.add_subcommand("show", "Show how a running host is");
+  command->add_option("WHAT", options->what, "status (default), policy, lists or commits")
+      ->check(CLI::IsMember({"status", "policy", "lists", "commits"}))
+      ->option_text(" ");
+  command->add_option("NAME", options->name, "the policy's name")->option_text(" ");
+  add_live(command, &options->source);
+  add_json(command, &options->json, "one JSON object a line");
+  command->footer(kShowHelp);
+}
+
+void add_clear(CLI::App& app, ClearOptions* options) {
+  CLI::App* command = app.add_subcommand("clear", "Have a running host count from 0 again");
+  command->add_option("WHAT", options->what, "counters")
+      ->required()
+      ->check(CLI::IsMember({"counters"}))
+      ->option_text(" ");
+  add_live(command, &options->source);
 }
 
 std::vector<std::string> command_names(CLI::App& app) {
@@ -424,12 +458,15 @@ struct Parser {
     app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
     add_eval(app, &line.eval);
     add_check(app, &line.check);
+    add_convert(app, &line.convert);
     add_diff(app, &line.diff);
     add_dump(app, &line.dump);
     add_graph(app, &line.graph);
     add_document(app, &line.document);
     add_labels(app, &line.labels);
     add_watch(app, &line.watch);
+    add_show(app, &line.show);
+    add_clear(app, &line.clear);
     add_serve(app, &line.serve, &port, &apply);
   }
 };
@@ -503,6 +540,8 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
                        {"document", &line.document.source, !line.document.tlocs.empty()},
                        {"labels", &line.labels.source, !line.labels.tlocs.empty()},
                        {"watch", &line.watch.source, false},
+                       {"show", &line.show.source, false},
+                       {"clear", &line.clear.source, false},
                        {"serve", &line.serve.source, false}};
   for (const auto& each : sources) {
     if (line.command != each.command) continue;
@@ -513,6 +552,11 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
   require_here(line.document.source, line.document.applied.any(), "policies applied");
   require_one_input(line);
   if (line.command == "serve") settle_serve(parser.port, parser.apply, &line.serve);
+  if (line.command == "show" && (line.show.what == "policy") == line.show.name.empty()) {
+    fail(
+        line.show.name.empty() ? "no policy is named" : "unknown word " + in_quotes(line.show.name),
+        "show policy NAME, or a word alone");
+  }
   if (line.command == "check" && line.check.files.empty() == line.check.policy_file.empty()) {
     line.check.files.empty()
         ? fail("nothing to check", "a file")

@@ -23,6 +23,7 @@ struct CommandLine {
   GivenOptions given;  /* the command's */
   EvalOptions eval;
   CheckOptions check;
+  ConvertOptions convert;
   DiffOptions diff;
   DumpOptions dump;
   WatchOptions watch;
@@ -30,6 +31,8 @@ struct CommandLine {
   DocumentOptions document;
   LabelsOptions labels;
   ServeOptions serve;
+  ShowOptions show;
+  ClearOptions clear;
 };
 
 /* What the words of one option or argument are; what completion, manual pages and options files know

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/counters.h"
 #include "host/forwarding.h"
 #include "host/output.h"
 #include "host/policy_source.h"
@@ -36,7 +37,8 @@ struct EvalOptions {
 
 /* Runs routes through a policy. kDone whatever the verdicts are: they are the answer. */
 int run_eval(const EvalOptions& options, Output* out);
-int answer_eval(const EvalOptions& options, Output* out);
+/* `decisions`, unless null, counts what was answered, also where it ends with an error. */
+int answer_eval(const EvalOptions& options, Output* out, Decisions* decisions = nullptr);
 
 struct CheckOptions {
   std::string policy_file;
@@ -90,6 +92,24 @@ struct LabelsOptions {
 int run_labels(LabelsOptions options, Output* out);
 int answer_labels(const LabelsOptions& options, ConfigSession* session, Output* out);
 
+struct ShowOptions {
+  PolicyOptions source;        /* a running host alone: nobody else has what it counted */
+  std::string what = "status"; /* or "policy", "lists", "commits" */
+  std::string name;            /* of the policy */
+  bool json = false;
+};
+
+/* Shows how a running host is and what it counted. */
+int run_show(const ShowOptions& options, Output* out);
+
+struct ClearOptions {
+  PolicyOptions source;
+  std::string what = "counters";
+};
+
+/* Has a running host count from 0 again. */
+int run_clear(const ClearOptions& options, Output* out);
+
 struct ServeOptions {
   PolicyOptions source;
   AppliedPolicies applied;
@@ -118,6 +138,14 @@ struct DiffOptions {
 
 /* Runs routes through two versions of a policy. kFindings when any of them is answered differently. */
 int run_diff(const DiffOptions& options, Output* out);
+
+struct ConvertOptions {
+  std::string file;
+  std::string to = "set"; /* or "tree", "xml", "json", "text" (a policy file) */
+};
+
+/* Writes policy or configuration in another form, or says what that form cannot say. */
+int run_convert(const ConvertOptions& options, Output* out);
 
 struct WatchOptions {
   PolicyOptions source;

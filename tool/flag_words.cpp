@@ -41,7 +41,36 @@ constexpr FlagWord kAppliedWords[] = {
     {POL_APPLIED_SERVICE, "SERVICE"}, {POL_APPLIED_TLOC_LIST, "TLOC_LIST"},
 };
 
+// Clauses that hold a value of their own: lists are told by their names.
+constexpr FlagWord kSingleMatches[] = {
+    {POL_MATCH_F_TAG, "tag"},          {POL_MATCH_F_PREF, "preference"},
+    {POL_MATCH_F_DOMAIN, "domain-id"}, {POL_MATCH_F_VPN_ID, "vpn"},
+    {POL_MATCH_F_SITE, "site-id"},     {POL_MATCH_F_GROUP, "group-id"},
+    {POL_MATCH_F_COLOR, "color"},      {POL_MATCH_F_ORIGINATOR, "originator"},
+    {POL_MATCH_F_CARRIER, "carrier"},  {POL_MATCH_F_ORIGIN, "origin"},
+    {POL_MATCH_F_TLOC, "tloc"},        {POL_MATCH_F_SRC_PORT, "source-port"},
+    {POL_MATCH_F_DSCP, "dscp"},        {POL_MATCH_F_DST_PORT, "destination-port"},
+    {POL_MATCH_F_PROTO, "protocol"},
+};
+
+constexpr FlagWord kSingleSets[] = {
+    {POL_SET_F_TAG, "tag"},   {POL_SET_F_PREF, "preference"}, {POL_SET_F_VPN_ID, "vpn"},
+    {POL_SET_F_TLOC, "tloc"}, {POL_SET_F_SERVICE, "service"},
+};
+
 }  // namespace
+
+void single_match_words(uint32_t match_flags, std::vector<std::string>* words) {
+  for (const FlagWord& row : kSingleMatches) {
+    if ((match_flags & row.bit) != 0) words->emplace_back(row.word);
+  }
+}
+
+void single_set_words(uint32_t set_flags, std::vector<std::string>* words) {
+  for (const FlagWord& row : kSingleSets) {
+    if ((set_flags & row.bit) != 0) words->emplace_back(row.word);
+  }
+}
 
 void matched_words(uint32_t matched, std::vector<const char*>* words) {
   words->clear();

@@ -74,16 +74,6 @@ std::string html(std::string_view text) {
   return safe;
 }
 
-bool is_set(std::string_view role) {
-  return role == "set" || role == "policer" || role == "SLA class";
-}
-
-const char* state_word(GraphState state) {
-  return state == GraphState::kUndefined ? "undefined"
-         : state == GraphState::kUnused  ? "unused"
-                                         : "fine";
-}
-
 class Dot {
  public:
   Dot(const Graph& graph, Output* out) : graph_(graph), out_(*out) {}
@@ -253,8 +243,8 @@ class Dot {
     for (const auto& [ends, roles] : lines) {
       const GraphNode& to = graph_.nodes[ends.second];
       bool dead = to.state == GraphState::kUndefined;
-      bool set =
-          std::all_of(roles.begin(), roles.end(), [](const auto& role) { return is_set(role); });
+      bool set = std::all_of(roles.begin(), roles.end(),
+                             [](const auto& role) { return graph_role_sets(role); });
       std::string from = ends.first == SIZE_MAX ? "gone" : end_of(ends.first);
       gone = gone || ends.first == SIZE_MAX;
       const char* ink = dead ? kRed : set ? kSetInk : "#90a4ae";
@@ -304,7 +294,8 @@ void write_graph_json(const Graph& graph, Output* out) {
       out->print(",\"direction\":{}", json_string(pol_util_dir_str(node.direction)));
     }
     if (node.elements > 0) out->print(",\"elements\":{}", node.elements);
-    if (node.state != GraphState::kFine) out->print(",\"state\":\"{}\"", state_word(node.state));
+    if (node.state != GraphState::kFine)
+      out->print(",\"state\":\"{}\"", graph_state_word(node.state));
     out->write(i + 1 < graph.nodes.size() ? "},\n" : "}\n");
   }
   out->write("],\"edges\":[\n");
@@ -355,7 +346,7 @@ void write_graph_text(const Graph& graph, Output* out) {
     bool any = false;
     for (size_t i = 0; i < graph.nodes.size(); ++i) {
       if (graph.nodes[i].state != state) continue;
-      if (!any) out->print("{}\n", state_word(state));
+      if (!any) out->print("{}\n", graph_state_word(state));
       any = true;
       out->print("  {}\n", full_title(graph, i));
       if (state == GraphState::kUnused) continue;

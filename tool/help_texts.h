@@ -43,6 +43,14 @@ the path in configuration. The exit status is 1 when there are errors; with
 --strict for warnings too. In which direction a policy is applied configuration
 does not say: --direction tells, and what is then set in vain is warned of.)";
 
+inline constexpr const char* kConvertHelp = R"(Examples:
+  polctl convert sdwan.xml
+  polctl convert branch.txt --to xml > branch.xml
+  polctl convert sdwan.set --to json
+
+Reads XML, JSON, set-lines or a policy file, as its content tells. What the other
+form cannot say is an error with its line: nothing is left out.)";
+
 inline constexpr const char* kMainHelp = R"(Examples:
   polctl check --policy-file branch.txt
   echo 10.1.0.0/16 | polctl eval --policy-file branch.txt --policy branch --explain
@@ -85,6 +93,16 @@ inline constexpr const char* kDocumentHelp = R"(Examples:
 
 Without the name of a policy, the only one of each kind is applied, a data policy
 in both directions. With --live the running host's own are.)";
+
+inline constexpr const char* kShowHelp = R"(Examples:
+  polctl show --live
+  polctl show policy branch --live
+  polctl show lists --live --json
+
+status: agent, last commit, worker, what was counted. policy: its sequences with
+what they decided of the routes that the host was asked about. lists: elements
+and users. commits: the last 50 with what they changed. "polctl clear counters
+--live" counts from 0 again.)";
 
 inline constexpr const char* kServeHelp = R"(Examples:
   polctl serve --config sdwan.xml --tlocs tlocs.jsonl &

@@ -57,12 +57,19 @@ void members(Visitor* visitor, Options& options) {
   } else if constexpr (std::is_same_v<Plain, DocumentOptions>) {
     visitor->member("pretty", options.pretty);
     visitor->member("show-data", options.show_data);
+  } else if constexpr (std::is_same_v<Plain, ShowOptions>) {
+    visitor->member("what", options.what);
+    visitor->member("name", options.name);
+    visitor->member("json", options.json);
+  } else if constexpr (std::is_same_v<Plain, ClearOptions>) {
+    visitor->member("what", options.what);
   } else {
     visitor->member("json", options.json);
   }
 }
 
-constexpr const char* kCommands[] = {"eval", "dump", "graph", "document", "labels"};
+constexpr const char* kCommands[] = {"eval",   "dump", "graph", "document",
+                                     "labels", "show", "clear"};
 
 template <size_t kIndex = 0>
 bool decode_as(const json& object, const std::string& command, LiveRequest* request) {

@@ -14,7 +14,9 @@
 namespace polctl {
 
 struct LiveRequest {
-  std::variant<EvalOptions, DumpOptions, GraphOptions, DocumentOptions, LabelsOptions> options;
+  std::variant<EvalOptions, DumpOptions, GraphOptions, DocumentOptions, LabelsOptions, ShowOptions,
+               ClearOptions>
+      options;
   std::string input = {};
 };
 

@@ -15,6 +15,7 @@ int run(const std::vector<std::string>& words) {
   polctl::CommandLine line = polctl::read_command_line(words);
   polctl::Output out;
   if (line.command == "check") return polctl::run_check(line.check, &out);
+  if (line.command == "convert") return polctl::run_convert(line.convert, &out);
   if (line.command == "diff") return polctl::run_diff(line.diff, &out);
   if (line.command == "dump") return polctl::run_dump(line.dump, &out);
   if (line.command == "document") return polctl::run_document(line.document, &out);
@@ -22,6 +23,8 @@ int run(const std::vector<std::string>& words) {
   if (line.command == "graph") return polctl::run_graph(line.graph, &out);
   if (line.command == "labels") return polctl::run_labels(line.labels, &out);
   if (line.command == "serve") return polctl::run_serve(line.serve, &out);
+  if (line.command == "show") return polctl::run_show(line.show, &out);
+  if (line.command == "clear") return polctl::run_clear(line.clear, &out);
   if (line.command == "watch") return polctl::run_watch(line.watch, &out);
   out.write(line.output);
   out.flush();

@@ -24,6 +24,21 @@ POL_API uint32_t pol_yarrow_thread_init(t_pol_yarrow_thread* thread);
  * POL_EPIPE) it may still run and needs its state. */
 POL_API uint32_t pol_yarrow_thread_deinit(t_pol_yarrow_thread* thread);
 
+/* A queue of the worker's requests: label writes, the fetches that follow them, other fetches. */
+#define POL_WORKER_QUEUES 3
+typedef struct t_pol_worker_queue {
+  uint64_t requests; /* ever queued, as are the next two since the worker's start */
+  uint64_t retries;  /* attempts after a request's first */
+  uint64_t dropped;  /* requests given up after the last of them */
+  uint64_t first_ms; /* that the first has been first: it holds up the others; 0: none waits */
+  uint32_t waiting;  /* now, the one that is worked on among them */
+} t_pol_worker_queue;
+
+/* An addition to the interface: fills `queues`, POL_WORKER_QUEUES of them, in the order in which the
+ * worker takes them. Takes no lock: the numbers of one queue may be a request apart. 0; POL_EINVAL,
+ * POL_ENOCTX. */
+POL_API uint32_t pol_yarrow_thread_queues(t_pol_ctx* ctx, t_pol_worker_queue* queues);
+
 /* A dump of pol_dump.h: which of the queues hold requests at the moment. */
 POL_API int pol_dump_yarrow_thread(t_cli_user_ctx* cli, uint32_t ignored, int argc, char** argv);
 

@@ -11,6 +11,7 @@
 #include "policy/pol_color_list.h"
 #include "policy/pol_config.h"
 #include "policy/pol_config_tags.h"
+#include "policy/pol_content.h"
 #include "policy/pol_context.h"
 #include "policy/pol_dump.h"
 #include "policy/pol_exec.h"

@@ -47,6 +47,14 @@ namespace pol {
 
 enum ThreadQueue : unsigned { QUEUE_LABEL_SET, QUEUE_LABEL_FETCH, QUEUE_FETCH, QUEUES };
 
+// What a queue has seen; atomic, written under its lock or by the worker alone.
+struct QueueCounts {
+  uint64_t requests;
+  uint64_t retries;
+  uint64_t dropped;
+  uint64_t first_since;  // when the first became first, in ms of the monotonic clock
+};
+
 using RequestQueue = TailQueue<t_pol_thread_queue_item, &t_pol_thread_queue_item::link>;
 
 }  // namespace pol
@@ -67,6 +75,7 @@ struct t_pol_yarrow_thread {
   pol::RequestQueue queues[pol::QUEUES];
   pthread_spinlock_t locks[pol::QUEUES];
   uint32_t lengths[pol::QUEUES];  // atomic
+  pol::QueueCounts counts[pol::QUEUES];
   sem_t stop;       // posted once the worker is to end: no wait is waited out any more
   t_pol_ctx* ctx;   // whose XML cache is filled; null when there was none
   uint8_t running;  // from a successful start until the join

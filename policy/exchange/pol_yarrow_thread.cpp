@@ -88,9 +88,13 @@ bool work(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_queue_item* 
 bool work_or_drop(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_queue_item* item) {
   if (work(thread, queue, item)) return true;
   if (item->retries < kMaxRetries) {
-    if (pol_thread_wait(thread, pol::kRetrySeconds)) ++item->retries;
+    if (pol_thread_wait(thread, pol::kRetrySeconds)) {
+      ++item->retries;
+      pol::thread_count(&thread->counts[queue].retries);
+    }
     return false;
   }
+  pol::thread_count(&thread->counts[queue].dropped);
   POL_LOG("Failed on multiple retries for queue %u\n", queue);
   return true;
 }

@@ -34,6 +34,9 @@ inline bool thread_queue_seems_empty(const t_pol_yarrow_thread* thread, unsigned
 void thread_link_first(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_queue_item* item);
 void thread_unlink(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_queue_item* item);
 
+// One more of what QueueCounts counts.
+void thread_count(uint64_t* count);
+
 // The agent's work for one request. False for one that is to be tried again.
 [[nodiscard]] bool label_write(t_pol_yarrow_thread* thread, const t_pol_label_set& labels);
 [[nodiscard]] bool xml_fetch(t_pol_yarrow_thread* thread, uint32_t type, const char* name);

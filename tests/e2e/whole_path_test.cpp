@@ -5,7 +5,10 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "agent/schema_tree.h"
 #include "edit_model.h"
+#include "host/setlines/config_lines.h"
+#include "host/setlines/set_document.h"
 #include "kel/string.h"
 #include "policy/pol_user.h"
 #include "rig.h"
@@ -74,6 +77,40 @@ TEST(WholePath, RandomHistoriesLeaveWhatTheFinalConfigurationMakes) {
   rig.follow();
   const auto [followed, fresh] = rig.states();
   EXPECT_EQ(followed, fresh) << "nothing is left";
+}
+
+// What an agent holds, written in words or as JSON and loaded again, is what it holds.
+TEST(WholePath, RandomConfigurationsAreTheSameInWordsAndAsJson) {
+  uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  test::AgentProcess agent;
+  test::Session session(agent.port());
+  ASSERT_EQ(why(yarrow_load_schemas(session.addr(), session.addr_len())), "ok");
+  test::Editor editor(session.fd(), seed);
+  size_t lines = 0;
+  for (int round = 0; round < 40; ++round) {
+    editor.edit(1 + editor.below(30));
+    if (maapi_candidate_commit(session.fd()) != YARROW_OK) continue;
+    const std::string xml = session.save("/policy");
+    if (xml.empty()) continue;
+    std::string words;
+    for (const std::string& line : polctl::set_lines(polctl::config_lines(xml))) {
+      words += line + "\n";
+      ++lines;
+    }
+    polctl::SetDocument read = polctl::read_set_lines(words);
+    ASSERT_TRUE(read.faults.empty()) << words << read.faults[0].what;
+    std::string error, json, back;
+    ASSERT_TRUE(agent::json_from_xml(xml, &json, &error) &&
+                agent::xml_from_json(json, &back, &error))
+        << error;
+    const int64_t before = maapi_commit_id(session.fd());
+    for (const std::string& text : {read.xml, back}) {
+      ASSERT_EQ(why(session.commit(text, test::kReplace)), "ok") << words;
+      ASSERT_EQ(maapi_commit_id(session.fd()), before) << words << json;
+    }
+  }
+  EXPECT_GT(lines, 500u);
 }
 
 void count_call(t_pol_user* /*user*/, uint64_t count) { ++*reinterpret_cast<int*>(count); }

@@ -119,6 +119,42 @@ TEST_F(ServeTest, AnswersAsTheCommandsDoAndFollowsCommits) {
   EXPECT_NE(access(socket_.c_str(), F_OK), 0) << "its file goes with it";
 }
 
+TEST_F(ServeTest, CountsWhatItDecidesUntilItIsCleared) {
+  commit(R"(<policy xmlns="urn:zenodra:policy"><lists><prefix-list><name>a</name><prefix>
+      <prefix>10.0.0.0/8</prefix></prefix></prefix-list></lists><control-policy><name>counted</name>
+      <sequence><number>10</number>
+      <match><type>route</type><tag>5</tag><prefix-list>a</prefix-list></match><action>
+      <action-value>accept</action-value><set><preference>7</preference></set></action></sequence>
+      <sequence><number>20</number><match><type>route</type><prefix-list>b</prefix-list></match>
+      <action><action-value>reject</action-value></action></sequence></control-policy></policy>)");
+  const std::string tagged = R"({"type":"route","prefix":"10.0.0.0/8","tag":5})";
+  ask({"eval", "--policy", "counted"}, tagged + "\n" + tagged + "\n10.0.0.0/8\nnonsense\n");
+  ask({"eval", "--policy", "counted", "--direction", "out"}, tagged + "\n");
+  std::string said;
+  auto show = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), "show");
+    said += "--- " + polctl::joined(words, " ") + "\n" + ask(words).out;
+  };
+  show({"policy", "counted"});
+  show({"policy", "counted", "--json"});
+  show({"policy", "branch"});
+  show({"lists"});
+  auto holds = [&](const char* text) {
+    return ask({"show", "--json"}).out.find(text) != std::string::npos;
+  };
+  EXPECT_TRUE(holds("\"refused\":1,")) << "the route that was none";
+  EXPECT_TRUE(holds("\"last_commit\":{"));
+  EXPECT_FALSE(holds("\"commits\":0,"));
+  ask({"clear", "counters"});
+  EXPECT_TRUE(holds("\"commits\":0,"));
+  show({"policy", "counted"});
+  expect_golden("polctl/serve_show.txt", said);
+  EXPECT_NE(ask({"show", "commits"}).out.find("\n  new control-policy counted\n"),
+            std::string::npos);
+  EXPECT_NE(ask({"show", "policy", "outt"}).err.find("did you mean out?"), std::string::npos);
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+}
+
 // As a service: the manager hears when it serves and when it ends, the log is one object a line.
 TEST_F(ServeTest, TellsItsServiceManagerAndLogsEveryEventInOneForm) {
   server_.reset();

@@ -94,12 +94,20 @@ TEST_F(QueuesTest, AFailingRequestIsTriedFiveTimesOnEachQueue) {
       SCOPED_TRACE(std::to_string(queue) + " fails " + std::to_string(failures));
       int before = attempts();
       int waited = scripted::state()->waits;
+      t_pol_worker_queue was[POL_WORKER_QUEUES];
+      t_pol_worker_queue now[POL_WORKER_QUEUES];
+      pol_yarrow_thread_queues(ctx, was);
       seams::take_log();
       scripted::fail_call("maapi_start_trans_flags2", 0, failures);
       push(static_cast<pol::ThreadQueue>(queue));
       wait_until_idle();
       EXPECT_EQ(attempts() - before, std::min(failures + 1, 5));
       EXPECT_EQ(scripted::state()->waits - waited, std::min(failures, 4));
+      pol_yarrow_thread_queues(ctx, now);
+      EXPECT_EQ(now[queue].requests - was[queue].requests, 1U);
+      EXPECT_EQ(now[queue].retries - was[queue].retries, std::min(failures, 4));
+      EXPECT_EQ(now[queue].dropped - was[queue].dropped, failures == 5 ? 1U : 0U);
+      EXPECT_EQ(now[queue].waiting + now[queue].first_ms, 0U);
       std::string log = seams::take_log();
       EXPECT_EQ(scripted::occurrences(log, "[POL] Failed on multiple retries for queue " +
                                                std::to_string(queue) + "\n"),

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tool/watching/host_status.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include "host/address_text.h"
+#include "policy/pol_context.h"
+#include "tool/json_line.h"
+#include "tool/terminal.h"
+
+namespace polctl {
+
+namespace {
+
+constexpr const char* kQueueWords[POL_WORKER_QUEUES] = {"label writes", "fetches for labels",
+                                                        "fetches"};
+
+const CommitNote* last_commit(const HostStatus& status) {
+  return status.commits->empty() ? nullptr : &status.commits->back();
+}
+
+std::string json_array(const std::vector<std::string>& texts) {
+  std::vector<std::string> quoted;
+  for (const std::string& text : texts) quoted.push_back(json_string(text));
+  return "[" + joined(quoted, ",") + "]";
+}
+
+std::string json_object(const CommitNote& commit) {
+  return fmt::format(R"({{"number":{},"time":"{}","changes":{},"changed":{},"called":{}}})",
+                     commit.number, time_text(commit.time), commit.changes,
+                     json_array(commit.changed), json_array(commit.called));
+}
+
+void line(Output* out, std::string_view what, const std::string& text) {
+  out->print("{:<16}{}\n", what, text);
+}
+
+}  // namespace
+
+std::string time_text(WallTime time) {
+  return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", std::chrono::floor<std::chrono::seconds>(time));
+}
+
+void write_status_text(const HostStatus& status, Output* out) {
+  const HostCounts& counts = status.counters->host;
+  line(out, "polctl", fmt::format("{}, since {}", pol_version(), time_text(status.started)));
+  line(out, "agent",
+       fmt::format("port {}, {}", status.agent_port,
+                   status.agent_inside ? "in this process" : "a process of its own"));
+  const CommitNote* commit = last_commit(status);
+  line(out, "last commit",
+       commit == nullptr ? "none since the start"
+                         : fmt::format("{} at {}, {} changes", commit->number,
+                                       time_text(commit->time), grouped(commit->changes)));
+  line(out, "policies", fmt::format("{} control and membership policies in use", status.policies));
+  for (const std::string& name : status.absent) line(out, "not configured", printable(name));
+  for (const std::string& name : status.awaited) line(out, "waited for", printable(name));
+  line(out, "document",
+       fmt::format("{} bytes{}", grouped(status.document_bytes),
+                   status.fetching ? ", the worker is still fetching for the next" : ""));
+  out->print("\ncounted since {}\n", time_text(status.counters->since()));
+  line(out, "commits",
+       fmt::format("{}, {} changes", grouped(counts.commits), grouped(counts.changes)));
+  line(out, "callbacks",
+       fmt::format("{} for routing, {} for forwarding", grouped(counts.routing_callbacks),
+                   grouped(counts.forwarding_callbacks)));
+  const Timed& documents = counts.documents;
+  line(out, "documents",
+       documents.count == 0 ? "none"
+                            : fmt::format("{}, last {:.1f} ms, mean {:.1f} ms, most {:.1f} ms",
+                                          grouped(documents.count), documents.last_ms,
+                                          documents.sum_ms / static_cast<double>(documents.count),
+                                          documents.most_ms));
+  line(out, "requests",
+       fmt::format("{}, {} refused", grouped(counts.requests), grouped(counts.refused)));
+  out->write("\n");
+  Table table("lrrrrr", {{"worker, since its start"},
+                         {"requests"},
+                         {"retries"},
+                         {"dropped"},
+                         {"waiting"},
+                         {"first waits"}});
+  for (unsigned i = 0; i < POL_WORKER_QUEUES; ++i) {
+    const t_pol_worker_queue& queue = status.queues[i];
+    table.add({{kQueueWords[i]},
+               {grouped(queue.requests)},
+               {grouped(queue.retries)},
+               {grouped(queue.dropped)},
+               {grouped(queue.waiting)},
+               {queue.waiting == 0 ? "" : fmt::format("{:.1f} s", queue.first_ms / 1000.0)}});
+  }
+  table.print(out, Palette(out->fd()));
+}
+
+void write_status_json(const HostStatus& status, Output* out) {
+  const HostCounts& counts = status.counters->host;
+  const CommitNote* commit = last_commit(status);
+  out->print(R"({{"version":"{}","started":"{}","agent":{{"port":{},"inside":{}}},)", pol_version(),
+             time_text(status.started), status.agent_port, status.agent_inside);
+  out->print(R"("last_commit":{},"policies":{},"absent":{},"awaited":{},)",
+             commit == nullptr ? "null" : json_object(*commit), status.policies,
+             json_array(status.absent), json_array(status.awaited));
+  out->print(R"("document":{{"bytes":{},"fetching":{}}},"counted_since":"{}",)",
+             status.document_bytes, status.fetching, time_text(status.counters->since()));
+  out->print(
+      R"("counts":{{"commits":{},"changes":{},"routing_callbacks":{},"forwarding_callbacks":{},)"
+      R"("requests":{},"refused":{},"documents":{},"document_ms":{{"last":{:.3f},"sum":{:.3f},)"
+      R"("most":{:.3f}}}}},"worker":[)",
+      counts.commits, counts.changes, counts.routing_callbacks, counts.forwarding_callbacks,
+      counts.requests, counts.refused, counts.documents.count, counts.documents.last_ms,
+      counts.documents.sum_ms, counts.documents.most_ms);
+  for (unsigned i = 0; i < POL_WORKER_QUEUES; ++i) {
+    const t_pol_worker_queue& queue = status.queues[i];
+    out->print(
+        R"({}{{"queue":"{}","requests":{},"retries":{},"dropped":{},"waiting":{},"first_ms":{}}})",
+        i == 0 ? "" : ",", kQueueWords[i], queue.requests, queue.retries, queue.dropped,
+        queue.waiting, queue.first_ms);
+  }
+  out->write("]}");
+}
+
+void write_commits_text(const std::deque<CommitNote>& commits, Output* out) {
+  for (const CommitNote& commit : commits) {
+    out->print("commit {} at {}: {} change{}, called back: {}\n", commit.number,
+               time_text(commit.time), grouped(commit.changes), commit.changes == 1 ? "" : "s",
+               commit.called.empty() ? "nobody" : printable(joined(commit.called, ", ")));
+    for (const std::string& each : commit.changed) out->print("  {}\n", printable(each));
+  }
+  if (commits.empty()) out->write("no commits since the start\n");
+}
+
+void write_commits_json(const std::deque<CommitNote>& commits, Output* out) {
+  for (const CommitNote& commit : commits) out->print("{}\n", json_object(commit));
+}
+
+}  // namespace polctl
