@@ -20,14 +20,13 @@
 #include "json_line.h"
 #include "policy/pol_util.h"
 #include "set_rules.h"
+#include "summary.h"
 #include "terminal.h"
 #include "tloc_reader.h"
 
 namespace polctl {
 
 namespace {
-
-constexpr uint64_t kFewRoutes = 20;  // that differ are shown each on a line, more as a summary
 
 // An answer, without the query that it was given to. Kept for every route, so it is small where
 // little is set.

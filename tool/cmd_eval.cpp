@@ -26,8 +26,6 @@ namespace polctl {
 
 namespace {
 
-constexpr uint64_t kFewRoutes = 20;  // are shown each on a line, more as a summary
-
 // Verdicts on some routes in a row, in one of the three forms.
 class EvalPart : public Part {
  public:

@@ -13,13 +13,13 @@
 
 namespace polctl {
 
+void fail(size_t column, std::string what, std::string expected) {
+  throw LineFaultError({column, std::move(what), std::move(expected)});
+}
+
 namespace {
 
 using nlohmann::json;
-
-[[noreturn]] void fail(size_t column, std::string what, std::string expected) {
-  throw LineFaultError({column, std::move(what), std::move(expected)});
-}
 
 // Hands the parser its input and lets the handler see how far it has read.
 struct Cursor {

@@ -32,6 +32,9 @@ struct JsonLine {
   size_t count = 0; /* of `fields` that belong to this line */
 };
 
+/* Throws LineFaultError. */
+[[noreturn]] void fail(size_t column, std::string what, std::string expected);
+
 /* How deep containers may stand in the object of a route: "tloc", "groups". */
 inline constexpr size_t kRouteDepth = 1;
 

@@ -16,7 +16,7 @@ namespace polctl {
 
 namespace {
 
-[[noreturn]] void fail(const std::string& name, int error) {
+[[noreturn]] void fail_to_read(const std::string& name, int error) {
   throw InputError(fmt::format("{}: error: cannot be read: {} (expected a readable file)", name,
                                strerror(error)));
 }
@@ -29,12 +29,12 @@ InputFile::InputFile(const std::string& path, const std::string& name)
                           : path),
       fd_(path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
                       : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-  if (fd_ < 0) fail(name_, errno);
+  if (fd_ < 0) fail_to_read(name_, errno);
   struct stat status;
   if (fstat(fd_, &status) == 0) {
     if (S_ISDIR(status.st_mode)) {
       close(fd_);
-      fail(name_, EISDIR);
+      fail_to_read(name_, EISDIR);
     }
     if (S_ISREG(status.st_mode)) size_ = static_cast<uint64_t>(status.st_size);
   }
@@ -47,7 +47,7 @@ size_t InputFile::read(char* to, size_t most) const {
   do {
     got = ::read(fd_, to, most);
   } while (got < 0 && errno == EINTR);
-  if (got < 0) fail(name_, errno);
+  if (got < 0) fail_to_read(name_, errno);
   return static_cast<size_t>(got);
 }
 

@@ -9,8 +9,8 @@ namespace {
 
 using nlohmann::json;
 
-// One list of members for both ways: Writer makes the object, Reader takes it apart.
-struct Writer {
+// One list of members for both ways: MemberWriter makes the object, MemberReader takes it apart.
+struct MemberWriter {
   json& object;
   template <typename Value>
   void member(const char* name, const Value& value) {
@@ -18,7 +18,7 @@ struct Writer {
   }
 };
 
-struct Reader {
+struct MemberReader {
   const json& object;
   bool good = true;
 
@@ -75,7 +75,7 @@ template <size_t kIndex = 0>
 bool decode_as(const json& object, const std::string& command, LiveRequest* request) {
   if constexpr (kIndex < std::size(kCommands)) {
     if (command != kCommands[kIndex]) return decode_as<kIndex + 1>(object, command, request);
-    Reader reader{object};
+    MemberReader reader{object};
     members(&reader, request->options.emplace<kIndex>());
     return reader.good;
   } else {
@@ -88,7 +88,7 @@ bool decode_as(const json& object, const std::string& command, LiveRequest* requ
 std::string encode_options(const LiveRequest& request) {
   json object;
   object["command"] = kCommands[request.options.index()];
-  Writer writer{object};
+  MemberWriter writer{object};
   std::visit([&](const auto& options) { members(&writer, options); }, request.options);
   return object.dump(-1, ' ', false, json::error_handler_t::replace);
 }

@@ -7,6 +7,7 @@
 #include "host/address_text.h"
 #include "host/near_word.h"
 #include "host/output.h"
+#include "json_line.h"
 #include "route_reader.h"
 
 namespace polctl {
@@ -18,10 +19,6 @@ const std::vector<std::string>& names() {
       "type",  "prefix", "vpn",   "tag",   "preference", "domain",     "site",
       "group", "tloc",   "color", "encap", "origin",     "originator", "carrier"};
   return all;
-}
-
-[[noreturn]] void fail(size_t column, std::string what, std::string expected) {
-  throw LineFaultError({column, std::move(what), std::move(expected)});
 }
 
 // Makes the same fields as a JSON object would, and the object.

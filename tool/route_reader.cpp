@@ -30,10 +30,6 @@ struct RouteBuilder {
   uint32_t origin_values = 0;
 };
 
-[[noreturn]] void fail(size_t column, std::string what, std::string expected) {
-  throw LineFaultError({column, std::move(what), std::move(expected)});
-}
-
 uint32_t read_u32(const JsonField& field) {
   return static_cast<uint32_t>(json_number(field, UINT32_MAX));
 }

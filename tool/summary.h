@@ -17,6 +17,9 @@
 
 namespace polctl {
 
+/* So many routes are shown each on a line, more as a summary. */
+inline constexpr uint64_t kFewRoutes = 20;
+
 class Summary {
  public:
   void count(const Verdict& verdict);

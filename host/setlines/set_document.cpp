@@ -193,7 +193,12 @@ void Tree::write_node(const Node& node, size_t depth) {
   for (size_t i = 0; node.step != nullptr && i < node.step->keys.size(); ++i) {
     const SetWord& key = node.step->keys[i];
     const std::string& name = schema.keys[i]->name;
-    line({node.place.line, key.column}, "<" + name + ">" + escaped(key.text) + "</" + name + ">");
+    line({node.place.line, key.column}, std::string("<")
+                                            .append(name)
+                                            .append(">")
+                                            .append(escaped(key.text))
+                                            .append("</")
+                                            .append(name + ">"));
   }
   if (!deleted) write_children(node, depth + 1);
   line(node.place, close);

@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t kFlagText = 512;
 
-const char* list_name(const t_pol_clause_user& user) {
+const char* shown_list(const t_pol_clause_user& user) {
   return user.list != nullptr ? user.list->name : "<none>";
 }
 
@@ -25,7 +25,7 @@ void dump_match(const t_pol_entry& entry, t_cli_user_ctx* cli) {
   auto has = [&entry](uint32_t flag) { return (entry.match_flags & flag) != 0; };
   auto list = [&](uint32_t flag, const char* format, const t_pol_clause_user& user) {
     if (!has(flag)) return;
-    maapi_cli_printf(cli, "\n            %s: %s (%p)", format, list_name(user),
+    maapi_cli_printf(cli, "\n            %s: %s (%p)", format, shown_list(user),
                      static_cast<const void*>(user.list));
   };
   auto number = [&](uint32_t flag, const char* word, uint32_t value) {
@@ -74,10 +74,10 @@ void dump_set(const t_pol_entry& entry, t_cli_user_ctx* cli) {
     maapi_cli_printf(cli, "\n            vpn-id: %lu", set.vpn_id);
   }
   if ((flags & POL_SET_F_VPN_LIST) != 0) {
-    maapi_cli_printf(cli, "\n            vpn-list: %s", list_name(set.vpn_list));
+    maapi_cli_printf(cli, "\n            vpn-list: %s", shown_list(set.vpn_list));
   }
   if ((flags & POL_SET_F_TLOC_LIST) != 0) {
-    maapi_cli_printf(cli, "\n            tloc-list: %s [%s]", list_name(set.tloc_list), ultimate);
+    maapi_cli_printf(cli, "\n            tloc-list: %s [%s]", shown_list(set.tloc_list), ultimate);
   }
   if ((flags & POL_SET_F_TLOC) != 0) {
     maapi_cli_printf(cli, "\n            tloc: %s [%s]",

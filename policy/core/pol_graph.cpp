@@ -19,9 +19,9 @@ constexpr const char* kSlaRoles[] = {"SLA class"};
 constexpr const char* kPolicerRoles[] = {"policer"};
 constexpr const char* kAppIdRoles[] = {"application id"};
 
-class Walk {
+class GraphWalk {
  public:
-  Walk(t_pol_ctx* ctx, const t_pol_graph_visitor& visitor) : ctx_(ctx), visitor_(visitor) {}
+  GraphWalk(t_pol_ctx* ctx, const t_pol_graph_visitor& visitor) : ctx_(ctx), visitor_(visitor) {}
 
   void nodes() const {
     lists(ctx_->site_lists, POL_GRAPH_SITE_LIST,
@@ -197,7 +197,7 @@ class Walk {
 uint32_t pol_graph_walk(t_pol_ctx* ctx, const t_pol_graph_visitor* visitor) {
   if (ctx == nullptr) return POL_ENOCTX;
   if (visitor == nullptr) return POL_EINVAL;
-  Walk walk(ctx, *visitor);
+  GraphWalk walk(ctx, *visitor);
   if (visitor->node != nullptr) walk.nodes();
   if (visitor->edge != nullptr) walk.edges();
   return POL_OK;

@@ -18,9 +18,9 @@
 
 namespace {
 
-constexpr uint8_t kLevelPolicy = 1;
-constexpr uint8_t kLevelVpnList = 2;
-constexpr uint8_t kLevelSequence = 3;
+constexpr uint8_t kDataLevelPolicy = 1;
+constexpr uint8_t kDataLevelVpnList = 2;
+constexpr uint8_t kDataLevelSequence = 3;
 
 // Where a report belongs.
 struct Place {
@@ -373,7 +373,7 @@ void read_vpn_list(const Place& at, t_pol_block* block, const pol::Leaves& leave
 uint32_t pol_config_fwd_read(uint32_t type, void* /*host*/, t_pol_ctx* ctx, uint32_t op,
                              uint8_t level, const pol_cfg_value* keys, uint16_t num,
                              const pol_cfg_tag_value* /*values*/) {
-  check(type, level, kLevelPolicy);
+  check(type, level, kDataLevelPolicy);
   const char* name = pol::Keys(keys).text(0);
   POL_LOG("Fwd Policy: %s, oper:%d, num_values:%u\n", name, static_cast<int>(op), unsigned{num});
   uint8_t changed = 0;
@@ -395,7 +395,7 @@ uint32_t pol_config_fwd_read(uint32_t type, void* /*host*/, t_pol_ctx* ctx, uint
 uint32_t pol_config_fwd_vpn_list_read(uint32_t type, void* /*host*/, t_pol_ctx* ctx, uint32_t op,
                                       uint8_t level, const pol_cfg_value* keys, uint16_t num,
                                       const pol_cfg_tag_value* values) {
-  check(type, level, kLevelVpnList);
+  check(type, level, kDataLevelVpnList);
   const pol::Keys key(keys);
   const Place at = {ctx, key.text(0), type, key.text(1), 0};
   POL_LOG("%s Policy: %s, vpn-list: %s oper:%d, num_values:%u\n", pol_util_type_str(type),
@@ -423,7 +423,7 @@ uint32_t pol_config_fwd_vpn_list_read(uint32_t type, void* /*host*/, t_pol_ctx* 
 uint32_t pol_config_fwd_seq_read(uint32_t type, void* /*host*/, t_pol_ctx* ctx, uint32_t op,
                                  uint8_t level, const pol_cfg_value* keys, uint16_t num,
                                  const pol_cfg_tag_value* values) {
-  check(type, level, kLevelSequence);
+  check(type, level, kDataLevelSequence);
   const pol::Keys key(keys);
   const Place at = {ctx, key.text(0), type, key.text(1), key.sequence(2)};
   POL_LOG("%s policy: %s, vpn: %s seq: %d oper:%d, num_values:%u\n", pol_util_type_str(type),

@@ -17,7 +17,7 @@ namespace {
 constexpr uint8_t kLevelObject = 1;
 constexpr uint8_t kLevelMember = 2;
 
-constexpr uint32_t kFailed = 1;
+constexpr uint32_t kNotMade = 1;
 
 using Operation = uint32_t (*)(t_pol_ctx*, const char* name);
 
@@ -117,7 +117,7 @@ uint32_t pol_config_app_list_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op, u
   POL_LOG("Fwd pfx list: %s, oper:%d, num_values:%u\n", name, static_cast<int>(op), num & 0xffff);
   if (apply(ctx, op, num, name, pol_app_list_entry_change, pol_app_list_cfg_del)) return 0;
   POL_LOG_ALWAYS("Failed to create fwd app-list: %s\n", name);
-  return kFailed;
+  return kNotMade;
 }
 
 uint32_t pol_config_fwd_pfx_list_ip_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op, uint8_t level,

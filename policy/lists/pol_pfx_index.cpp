@@ -62,7 +62,7 @@ void count_element(Counts* counts, Interval lengths, int by) {
 }
 
 // Makes a place that holds one element ready for more.
-bool cell_share(TrieCell* cell) {
+bool place_share(TrieCell* cell) {
   if (cell->info.flag == kShared) return true;
   auto* place = alloc<SharedPlace>(MEM_UNCOUNTED);
   if (place == nullptr) return false;
@@ -265,7 +265,7 @@ bool PfxIndex::enter_trie(t_pfx_entry* element, Interval lengths, bool listed) {
   TrieCell* cell = cell_find_or_add(element->addr, element->len);
   if (cell == nullptr) return false;
   if (cell->value != nullptr) {
-    if (!cell_share(cell) || (!listed && !add_other(element))) return false;
+    if (!place_share(cell) || (!listed && !add_other(element))) return false;
     count_element(&static_cast<SharedPlace*>(cell->value)->counts, lengths, 1);
     return true;
   }

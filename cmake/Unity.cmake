@@ -1,0 +1,25 @@
+# A room compiled as one unit: most of a file's cost is what it includes. For builds that are made
+# whole (sanitizers, clang-tidy), not for those that change file by file. clang's analyzer takes
+# included files for code only below a name with UnifiedSource in it.
+function(policy_unity)
+  foreach(target ${ARGN})
+    if(NOT TARGET ${target})
+      continue()
+    endif()
+    get_target_property(sources ${target} SOURCES)
+    get_target_property(home ${target} SOURCE_DIR)
+    foreach(source ${sources})
+      if(source MATCHES "\\$<")
+        continue()
+      endif()
+      cmake_path(ABSOLUTE_PATH source BASE_DIRECTORY ${home} NORMALIZE OUTPUT_VARIABLE path)
+      cmake_path(GET path PARENT_PATH room)
+      cmake_path(GET room FILENAME room)
+      if(room STREQUAL "lists")  # whose families name their parts alike on purpose
+        continue()
+      endif()
+      set_property(SOURCE ${path} TARGET_DIRECTORY ${target} PROPERTY UNITY_GROUP UnifiedSource_${room})
+    endforeach()
+    set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
+  endforeach()
+endfunction()
