@@ -139,10 +139,10 @@ void write_json_side(const char* name, const Kept& kept, Output* out) {
              kept.is_default ? "null" : std::to_string(kept.sequence));
 }
 
-using GroupKey = std::tuple<bool, uint32_t, uint32_t, bool, uint32_t, uint32_t, std::string>;
+using AlikeKey = std::tuple<bool, uint32_t, uint32_t, bool, uint32_t, uint32_t, std::string>;
 
 // Routes with the same difference, and the first of them.
-struct Group {
+struct Alike {
   uint64_t routes = 0;
   Kept before;
   Kept after;
@@ -174,7 +174,7 @@ class DiffPart : public Part {
     std::vector<std::string> names;
     for (const Attribute& each : attributes_that_differ(before, after))
       names.emplace_back(each.name);
-    Group& group = groups_[{before.is_default, before.sequence, before.action, after.is_default,
+    Alike& group = groups_[{before.is_default, before.sequence, before.action, after.is_default,
                             after.sequence, after.action, joined(names, ", ")}];
     if (group.routes++ == 0) group = {1, before, after, route_text_in_full(verdict)};
   }
@@ -215,7 +215,7 @@ class DiffPart : public Part {
   const std::vector<Kept>& before_;
   Output text_{Output::kNoFile};
   std::vector<std::vector<Table::Cell>> rows_;
-  std::map<GroupKey, Group> groups_;
+  std::map<AlikeKey, Alike> groups_;
   uint64_t routes_ = 0;
   uint64_t differ_ = 0;
 };
@@ -235,7 +235,7 @@ class Differences {
       for (auto& row : part->rows_) table_.add(std::move(row));
     }
     for (auto& [key, later] : part->groups_) {
-      Group& group = groups_[key];
+      Alike& group = groups_[key];
       uint64_t routes = group.routes + later.routes;
       if (group.routes == 0) group = std::move(later);
       group.routes = routes;
@@ -277,7 +277,7 @@ class Differences {
   Output* out_;
   Palette palette_;
   Table table_; /* of use for few that differ */
-  std::map<GroupKey, Group> groups_;
+  std::map<AlikeKey, Alike> groups_;
   uint64_t routes_ = 0;
   uint64_t differ_ = 0;
 };
