@@ -12,7 +12,7 @@ CMAKE_BUILD = cmake --build --preset $(1) --parallel $(JOBS)
 # Slow sanitized tests leave the other processor to the compiler.
 TEST_JOBS ?= 2
 
-.PHONY: help run build test check tsan fuzz bench install format setup clean
+.PHONY: help run build test check tsan fuzz bench install deb deb-trial format setup clean
 
 help:
 	@echo 'make run       configure an example SD-WAN and decide real prefixes with it'
@@ -23,6 +23,8 @@ help:
 	@echo 'make fuzz      every fuzzer for SECONDS=30'
 	@echo 'make build     polctl, yarrowd and the libraries, in build/bin and build/lib'
 	@echo 'make install   into PREFIX=/usr/local, below DESTDIR'
+	@echo 'make deb       Debian packages in build-deb/, looked over by lintian'
+	@echo 'make deb-trial installs them in a chroot made on the spot, uses them and removes them'
 	@echo 'make format    clang-format over the sources'
 
 setup:
@@ -31,7 +33,7 @@ setup:
 # Not for the tests' sake: they are neither built nor needed to run the tool.
 build: setup
 	@cmake --preset dev --log-level=WARNING >/dev/null
-	@$(call CMAKE_BUILD,dev) --target policy policy_host_shared polctl yarrowd
+	@$(call CMAKE_BUILD,dev) --target policy policy_host_shared polctl yarrowd manuals
 
 run: build
 	@scripts/demo build/bin/polctl
@@ -75,9 +77,16 @@ bench: setup
 install: build
 	@cmake --install build --prefix '$(PREFIX)'
 
+deb:
+	@scripts/setup build package
+	@JOBS=$(JOBS) scripts/package build-deb
+
+deb-trial: deb
+	@scripts/package_trial build-deb
+
 format:
 	@scripts/setup check
 	@scripts/sources | xargs clang-format -i
 
 clean:
-	rm -rf build build-release build-asan build-tsan build-fuzz build-bench
+	rm -rf build build-release build-asan build-tsan build-fuzz build-bench build-deb

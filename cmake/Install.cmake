@@ -34,3 +34,26 @@ configure_file(cmake/libpolicy-host.pc.in ${CMAKE_BINARY_DIR}/libpolicy-host.pc 
 install(FILES ${CMAKE_BINARY_DIR}/libpolicy.pc ${CMAKE_BINARY_DIR}/libyarrow.pc
   ${CMAKE_BINARY_DIR}/libpolicy-host.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)
+
+install(DIRECTORY agent/yang/ DESTINATION ${CMAKE_INSTALL_DATADIR}/yang/modules/libpolicy
+  COMPONENT tools FILES_MATCHING PATTERN "*.yang")
+
+# Manual pages and completion come from the tool itself, so a build for another machine has none.
+find_program(SCDOC scdoc)
+if(SCDOC AND NOT CMAKE_CROSSCOMPILING AND NOT POLICY_SANITIZE)
+  file(GLOB POLICY_PAGES CONFIGURE_DEPENDS docs/man/*.md)
+  set(POLICY_MANUALS ${CMAKE_BINARY_DIR}/manuals)
+  add_custom_command(OUTPUT ${POLICY_MANUALS}/stamp
+    COMMAND ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=$<TARGET_FILE_DIR:policy>
+      ${CMAKE_SOURCE_DIR}/scripts/manuals $<TARGET_FILE:polctl> ${SCDOC} ${POLICY_MANUALS}
+    COMMAND ${CMAKE_COMMAND} -E touch ${POLICY_MANUALS}/stamp
+    DEPENDS polctl scripts/manuals ${POLICY_PAGES} COMMENT "Making manual pages and completion")
+  add_custom_target(manuals ALL DEPENDS ${POLICY_MANUALS}/stamp)
+  install(DIRECTORY ${POLICY_MANUALS}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT tools)
+  install(FILES ${POLICY_MANUALS}/completion/polctl
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+  install(FILES ${POLICY_MANUALS}/completion/_polctl
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT tools)
+else()
+  add_custom_target(manuals)
+endif()

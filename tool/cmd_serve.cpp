@@ -324,6 +324,10 @@ class Serving {
       throw;
     }
   }
+  static int answer_one(const TestOptions& options, const std::string& input, Output* to) {
+    if (options.direction > POL_DIR_OUT) throw InputError("polctl: error: an unknown direction");
+    return answer_test(options, input, to);
+  }
   static int answer_one(const DumpOptions& options, const std::string& /*input*/, Output* to) {
     std::vector<std::string> topics = dump_topics();
     if (std::find(topics.begin(), topics.end(), options.topic) == topics.end()) {

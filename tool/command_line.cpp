@@ -11,6 +11,7 @@
 #include "host/input_error.h"
 #include "host/near_word.h"
 #include "live_client.h"
+#include "manual/manual.h"
 #include "options_text.h"
 #include "terminal.h"
 #include "yarrow/yarrow_types.h"
@@ -181,6 +182,40 @@ void add_eval(CLI::App& app, EvalOptions* options) {
                     "say for every sequence tried what failed, and what decided and why");
   add_jobs(command, &options->jobs);
   command->footer(kEvalHelp);
+}
+
+void add_test(CLI::App& app, TestOptions* options) {
+  CLI::App* command = app.add_subcommand("test", "Try what policies are expected to say");
+  command->add_option("FILE", options->files, "files of tests; - is standard input")
+      ->option_text("...");
+  add_source_options(command, &options->source);
+  add_direction(command, &options->direction,
+                "in which policies of tests that say none are applied");
+  add_tlocs(command, &options->tlocs);
+  CLI::Option* format =
+      command->add_option("--format", options->format, "text (default), json, junit or tap")
+          ->check(CLI::IsMember({"text", "json", "junit", "tap"}))
+          ->option_text("FORMAT");
+  command
+      ->add_flag_callback(
+          "--json", [options] { options->format = "json"; }, "the same as --format json")
+      ->excludes(format);
+  command->add_flag("--explain", options->explain, "say of each failure every sequence tried");
+  command->add_flag("--coverage", options->coverage, "say what was never reached");
+  command->add_option("--routes", options->routes, "routes that reach too, for the coverage")
+      ->type_name("FILE");
+  command->footer(kTestHelp);
+}
+
+void settle_test(const TestOptions& options) {
+  bool plain = options.format == "text" || options.format == "json";
+  if (options.coverage && !plain) {
+    fail("--coverage is no part of " + options.format, "--format text or json");
+  }
+  if (!options.routes.empty() && !options.coverage) {
+    fail("--routes reaches nothing that is told", "--coverage with it");
+  }
+  if (options.files.empty() && options.routes.empty()) fail("no tests are given", "a file");
 }
 
 void add_check(CLI::App& app, CheckOptions* options) {
@@ -418,6 +453,11 @@ void require_one_input(const CommandLine& line) {
     files = line.eval.source.config;
     files.push_back(line.eval.source.policy_file);
     if (line.eval.route.empty()) files.push_back(line.eval.routes);
+  } else if (line.command == "test") {
+    files = line.test.files;
+    files.insert(files.end(), line.test.source.config.begin(), line.test.source.config.end());
+    files.push_back(line.test.source.policy_file);
+    files.push_back(line.test.routes);
   } else if (line.command == "diff") {
     files = {line.diff.old_file, line.diff.new_file, line.diff.routes};
   } else if (line.command == "check") {
@@ -455,11 +495,11 @@ struct Parser {
   Parser() {
     app.require_subcommand(1);
     app.set_version_flag("--version", "polctl " POLCTL_VERSION);
-    app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
     add_eval(app, &line.eval);
     add_check(app, &line.check);
     add_convert(app, &line.convert);
     add_diff(app, &line.diff);
+    add_test(app, &line.test);
     add_dump(app, &line.dump);
     add_graph(app, &line.graph);
     add_document(app, &line.document);
@@ -468,6 +508,8 @@ struct Parser {
     add_show(app, &line.show);
     add_clear(app, &line.clear);
     add_serve(app, &line.serve, &port, &apply);
+    // Last: a command begins with what its parent ends with.
+    app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
   }
 };
 
@@ -477,9 +519,11 @@ OptionRow row_of(const CLI::Option& option) {
   row.name = has_name ? "--" + option.get_lnames().front() : option.get_name();
   row.help = option.get_description();
   row.repeats = option.get_expected_max() > 1;
+  row.required = option.get_required();
   bool flag = option.get_expected_max() == 0;
   std::string type = option.get_type_name();  // "TEXT:{in,out}" where words are checked
-  row.value = !option.get_option_text().empty() ? option.get_option_text() : flag ? "" : type;
+  std::string told = option.get_option_text();
+  row.value = told == " " || told == "..." ? "" : !told.empty() ? told : flag ? "" : type;
   size_t open = type.find('{');
   size_t close = type.find('}');
   if (open == std::string::npos || close == std::string::npos) return row;
@@ -535,6 +579,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
     PolicyOptions* source;
     bool tlocs;
   } const sources[] = {{"eval", &line.eval.source, !line.eval.tlocs.empty()},
+                       {"test", &line.test.source, !line.test.tlocs.empty()},
                        {"dump", &line.dump.source, false},
                        {"graph", &line.graph.source, false},
                        {"document", &line.document.source, !line.document.tlocs.empty()},
@@ -551,6 +596,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
   require_here(line.eval.source, line.eval.jobs != 0, "number of jobs");
   require_here(line.document.source, line.document.applied.any(), "policies applied");
   require_one_input(line);
+  if (line.command == "test") settle_test(line.test);
   if (line.command == "serve") settle_serve(parser.port, parser.apply, &line.serve);
   if (line.command == "show" && (line.show.what == "policy") == line.show.name.empty()) {
     fail(
@@ -575,7 +621,18 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
 }  // namespace
 
 CommandLine read_command_line(const std::vector<std::string>& words) {
-  return read_words(words, true);
+  CommandLine line = {};
+  bool made = words.size() == 2 && (words[0] == "completion" || words[0] == "manual");
+  if (!made) return read_words(words, true);
+  // On purpose not among the commands: for those who build and pack.
+  bool script = words[0] == "completion";
+  line.output = script ? completion_script(command_table(), words[1])
+                       : manual_page(command_table(), words[1]);
+  if (line.output.empty()) {
+    fail("nothing is made for " + in_quotes(words[1]),
+         script ? "bash or zsh" : "polctl or a command");
+  }
+  return line;
 }
 
 std::vector<CommandRow> command_table() {

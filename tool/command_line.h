@@ -25,6 +25,7 @@ struct CommandLine {
   CheckOptions check;
   ConvertOptions convert;
   DiffOptions diff;
+  TestOptions test;
   DumpOptions dump;
   WatchOptions watch;
   GraphOptions graph;
@@ -43,6 +44,7 @@ struct OptionRow {
   std::vector<std::string> choices; /* the only words it may have; none: any */
   std::string help;
   bool repeats;
+  bool required;
 };
 
 struct CommandRow {

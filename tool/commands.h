@@ -40,6 +40,26 @@ int run_eval(const EvalOptions& options, Output* out);
 /* `decisions`, unless null, counts what was answered, also where it ends with an error. */
 int answer_eval(const EvalOptions& options, Output* out, Decisions* decisions = nullptr);
 
+struct TestOptions {
+  PolicyOptions source;
+  std::vector<std::string> files;
+  std::vector<std::string> names;    /* what messages call them, where not by their paths */
+  std::vector<std::string> sizes;    /* of a request: bytes of each part of its input */
+  uint32_t direction = POL_DIR_NONE; /* of tests that say none */
+  std::string tlocs;
+  std::string format = "text"; /* or "json", "junit", "tap" */
+  bool explain = false;
+  bool coverage = false;
+  std::string routes; /* asked too, for the coverage; "": none */
+  std::string routes_name;
+};
+
+/* Tries what policies are expected to say. kFindings when any test fails. */
+int run_test(const TestOptions& options, Output* out);
+int answer_test(const TestOptions& options, Output* out);
+/* Of a request: the files are in its input. */
+int answer_test(TestOptions options, const std::string& input, Output* out);
+
 struct CheckOptions {
   std::string policy_file;
   std::vector<std::string> files; /* configuration, merged in order, or one policy file; or none */

@@ -34,6 +34,24 @@ A membership policy is asked about a VPN alone:
 Up to 20 routes are answered one by one, more by a summary by sequence; --json
 answers each. The exit status is 0 whatever the policy decides.)";
 
+inline constexpr const char* kTestHelp = R"(Examples:
+  polctl test branch.jsonl --config sdwan.xml
+  polctl test branch.jsonl guest.jsonl --policy-file branch.txt --format junit
+  polctl test branch.jsonl --config sdwan.xml --coverage --routes routes.txt
+
+A test is a line: a route as "polctl help eval" tells, the policy that is asked, and
+what is expected of the answer. What is left out is not looked at:
+  {"type":"route", "prefix":"10.30.1.0/24", "site":301, "vpn":10,
+   "policy":"branch", "direction":"in", "name":"spokes reach each other",
+   "expect":{"action":"accept", "sequence":60, "set":{"preference":300, "tag":null},
+             "tlocs":[{"address":"172.16.1.1", "color":"mpls"}], "vpns":[[10,19]]}}
+A sequence of null is the default action, a tag or preference of null is not set.
+"kind":"membership" asks a membership policy.
+
+Reached is a sequence that decided, a clause that held, a list element that took a
+value. The routes of --routes are asked of every control policy. The exit status is
+1 when any test fails.)";
+
 inline constexpr const char* kCheckHelp = R"(Examples:
   polctl check sdwan.xml country-lists.xml
   polctl check --policy-file branch.txt --json

@@ -32,6 +32,14 @@ struct MemberReader {
     good = good && found != object.end() && found->is_boolean();
     if (good) value = found->get<bool>();
   }
+  void member(const char* name, std::vector<std::string>& value) {
+    auto found = object.find(name);
+    good = good && found != object.end() && found->is_array();
+    for (size_t i = 0; good && i < found->size(); ++i) {
+      good = (*found)[i].is_string();
+      if (good) value.push_back((*found)[i].get<std::string>());
+    }
+  }
   void member(const char* name, uint32_t& value) {
     auto found = object.find(name);
     good = good && found != object.end() && found->is_number_unsigned() &&
@@ -63,13 +71,21 @@ void members(Visitor* visitor, Options& options) {
     visitor->member("json", options.json);
   } else if constexpr (std::is_same_v<Plain, ClearOptions>) {
     visitor->member("what", options.what);
+  } else if constexpr (std::is_same_v<Plain, TestOptions>) {
+    visitor->member("names", options.names);
+    visitor->member("sizes", options.sizes);
+    visitor->member("direction", options.direction);
+    visitor->member("format", options.format);
+    visitor->member("explain", options.explain);
+    visitor->member("coverage", options.coverage);
+    visitor->member("routes", options.routes_name);
   } else {
     visitor->member("json", options.json);
   }
 }
 
 constexpr const char* kCommands[] = {"eval",   "dump", "graph", "document",
-                                     "labels", "show", "clear"};
+                                     "labels", "show", "clear", "test"};
 
 template <size_t kIndex = 0>
 bool decode_as(const json& object, const std::string& command, LiveRequest* request) {

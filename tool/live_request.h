@@ -15,7 +15,7 @@ namespace polctl {
 
 struct LiveRequest {
   std::variant<EvalOptions, DumpOptions, GraphOptions, DocumentOptions, LabelsOptions, ShowOptions,
-               ClearOptions>
+               ClearOptions, TestOptions>
       options;
   std::string input = {};
 };

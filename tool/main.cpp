@@ -23,6 +23,7 @@ int run(const std::vector<std::string>& words) {
   if (line.command == "graph") return polctl::run_graph(line.graph, &out);
   if (line.command == "labels") return polctl::run_labels(line.labels, &out);
   if (line.command == "serve") return polctl::run_serve(line.serve, &out);
+  if (line.command == "test") return polctl::run_test(line.test, &out);
   if (line.command == "show") return polctl::run_show(line.show, &out);
   if (line.command == "clear") return polctl::run_clear(line.clear, &out);
   if (line.command == "watch") return polctl::run_watch(line.watch, &out);

@@ -25,14 +25,6 @@ const std::vector<std::string>& names() {
 class LineMaker {
  public:
   void add(const NamedValue& given) {
-    if (given.value.empty()) return;
-    if (given.name == "group") return add_group(given);
-    if (given.name == "tloc" || given.name == "color" || given.name == "encap") {
-      return add_tloc(given);
-    }
-    if (given.name == "origin" && given.value.find('/') != std::string_view::npos) {
-      return add_origin(given);
-    }
     bool known = false;
     for (const std::string& each : names()) known = known || each == given.name;
     if (!known) {
@@ -40,6 +32,14 @@ class LineMaker {
       std::string hint = near.empty() ? "" : ", did you mean " + near.front() + "?";
       fail(given.column, fmt::format("unknown name {}{}", in_quotes(given.name), hint),
            joined(names(), ", "));
+    }
+    if (given.value.empty()) return;
+    if (given.name == "group") return add_group(given);
+    if (given.name == "tloc" || given.name == "color" || given.name == "encap") {
+      return add_tloc(given);
+    }
+    if (given.name == "origin" && given.value.find('/') != std::string_view::npos) {
+      return add_origin(given);
     }
     for (const JsonField& each : plain_) {
       if (each.name == given.name) {

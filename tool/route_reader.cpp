@@ -7,7 +7,6 @@
 #include <iterator>
 #include <string_view>
 
-#include "attribute_words.h"
 #include "host/address_text.h"
 #include "host/input_error.h"
 #include "host/near_word.h"
@@ -42,7 +41,8 @@ uint32_t read_u32(const JsonField& field) {
        joined(known, ", ") + ", or a number");
 }
 
-// A word of the configuration, or its number.
+}  // namespace
+
 uint8_t read_word(const JsonField& field, Vocabulary words) {
   uint32_t number = 0;
   if (field.type != JsonType::Text) return static_cast<uint8_t>(json_number(field, UINT8_MAX));
@@ -51,6 +51,8 @@ uint8_t read_word(const JsonField& field, Vocabulary words) {
   }
   return static_cast<uint8_t>(number);
 }
+
+namespace {
 
 // The fault's column counts within the text; escapes before it in the line are not accounted for.
 [[noreturn]] void fail_in_text(const JsonField& field, LineFault fault) {

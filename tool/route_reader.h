@@ -13,6 +13,7 @@
 
 #include <string>
 
+#include "attribute_words.h"
 #include "host/input_error.h"
 #include "host/tloc_resolver.h"
 #include "json_line.h"
@@ -52,6 +53,9 @@ void read_route_fields(const JsonLine& json, t_pol_route_query* query, t_pol_rou
 /* A JSON object with the members of a TLOC, its label and preference, and the service it offers with
  * the VPN for which it does. Throws LineFaultError. */
 void read_tloc_line(std::string_view text, JsonLine* json, ResolvableTloc* tloc);
+
+/* A word of the configuration, or its number. Throws LineFaultError. */
+uint8_t read_word(const JsonField& field, Vocabulary words);
 
 /* The next line that holds something, and the offset of its first character that is no blank. */
 bool next_line_with_text(LineReader* lines, std::string_view* line, size_t* start);

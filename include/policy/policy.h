@@ -30,6 +30,7 @@
 #include "policy/pol_site_list.h"
 #include "policy/pol_test.h"
 #include "policy/pol_tloc_list.h"
+#include "policy/pol_trace.h"
 #include "policy/pol_types.h"
 #include "policy/pol_user.h"
 #include "policy/pol_util.h"

@@ -16,9 +16,48 @@
 #include "exchange/pol_yarrow_thread_internal.h"
 #include "yarrow/yarrow_maapi.h"
 
-namespace {
+namespace pol {
 
+namespace {
 constexpr size_t kReceiveStep = 4096;
+}
+
+char* receive_text(int sock, const char* path, size_t* length) {
+  auto* text = static_cast<char*>(pol_malloc(kReceiveStep, MEM_FETCH_XML));
+  size_t room = kReceiveStep;
+  size_t filled = 0;
+  bool short_of = false;
+  while (text != nullptr) {
+    ssize_t got = recv(sock, text + filled, room - filled, MSG_WAITALL);
+    // What came short was the stream's last, or waited the socket's time limit out: one that goes on
+    // after that comes in drops, and could hold the caller for ever.
+    if (got < 0 || (got > 0 && short_of)) {
+      POL_LOG("Error fetching data from yarrow, path: %s\n", path);
+      POL_LOG("Bailing out\n");
+      pol_free(text, MEM_FETCH_XML);
+      return nullptr;
+    }
+    if (got == 0) {
+      text[filled] = '\0';  // there is room: a full buffer was grown
+      *length = filled;
+      return text;
+    }
+    POL_LOG("Received the %d bytes of data\n", static_cast<int>(got));
+    filled += static_cast<size_t>(got);
+    short_of = filled < room;
+    if (short_of) continue;
+    room += kReceiveStep;
+    auto* grown = static_cast<char*>(pol_realloc(text, room));
+    if (grown == nullptr) pol_free(text, MEM_FETCH_XML);
+    text = grown;
+  }
+  POL_LOG("Failed to allocate memory for fwd policy, path: %s\n", path);
+  return nullptr;
+}
+
+}  // namespace pol
+
+namespace {
 
 constexpr const char* kAgentPaths[POL_XML_TYPES] = {
     "",
@@ -50,36 +89,6 @@ bool make_path(char (&path)[256], uint32_t type, const char* name) {
   return false;
 }
 
-// A stream's text, NUL-terminated, which the caller frees as MEM_FETCH_XML; null on failure.
-char* receive_text(int sock, const char* path, size_t* length) {
-  auto* text = static_cast<char*>(pol_malloc(kReceiveStep, pol::MEM_FETCH_XML));
-  size_t room = kReceiveStep;
-  size_t filled = 0;
-  while (text != nullptr) {
-    ssize_t got = recv(sock, text + filled, room - filled, MSG_WAITALL);
-    if (got < 0) {
-      POL_LOG("Error fetching data from yarrow, path: %s\n", path);
-      POL_LOG("Bailing out\n");
-      pol_free(text, pol::MEM_FETCH_XML);
-      return nullptr;
-    }
-    if (got == 0) {
-      text[filled] = '\0';  // there is room: a full buffer was grown
-      *length = filled;
-      return text;
-    }
-    POL_LOG("Received the %d bytes of data\n", static_cast<int>(got));
-    filled += static_cast<size_t>(got);
-    if (filled < room) continue;
-    room += kReceiveStep;
-    auto* grown = static_cast<char*>(pol_realloc(text, room));
-    if (grown == nullptr) pol_free(text, pol::MEM_FETCH_XML);
-    text = grown;
-  }
-  POL_LOG("Failed to allocate memory for fwd policy, path: %s\n", path);
-  return nullptr;
-}
-
 char* read_stream(int id, const char* path, size_t* length) {
   int sock = pol::agent_socket();
   if (sock < 0) {
@@ -90,7 +99,7 @@ char* read_stream(int id, const char* path, size_t* length) {
   char* text = nullptr;
   if (yarrow_stream_connect(sock, reinterpret_cast<const sockaddr*>(&address), sizeof address, id,
                             0) == YARROW_OK) {
-    text = receive_text(sock, path, length);
+    text = pol::receive_text(sock, path, length);
   } else {
     POL_LOG("Failed to connect yarrow_str %s (%d) %s, path: %s\n", POL_AGENT_REASON, path);
   }

@@ -9,8 +9,32 @@
 #include "kel/tloc.h"
 #include "policy/pol_util.h"
 #include "route/pol_exec_rules.h"
+#include "route/pol_taking.h"
 
 namespace pol {
+
+const t_pfx_entry* taking_element(const t_pfx_list& list, const t_ipprefix& prefix) {
+  const bool narrow = prefix.addr.family == KEL_AF_INET;
+  const int width = narrow ? 32 : 128;
+  t_ipprefix around = prefix;
+  // A route without a prefix is in none; 0.0.0.0/0 with bounds may take it all the same.
+  const int longest = prefix.addr.family != 0 ? std::min<int>(prefix.len, width) : -1;
+  for (int length = longest; length >= 0; --length) {
+    around.len = static_cast<uint8_t>(length);
+    if (narrow) {
+      around.addr.addr.v4 &= length > 0 ? UINT32_MAX << (32 - length) : 0;
+    } else if (length < 128) {
+      around.addr.addr.v6[length / 8] &= static_cast<uint8_t>(0xff00 >> (length % 8));
+    }
+    const t_pfx_entry* element = list.index.find(around);
+    if (element != nullptr && pfx_element_takes(*element, prefix)) return element;
+  }
+  for (const t_pfx_entry& element : list.entries) {
+    if (pfx_element_takes(element, prefix)) return &element;
+  }
+  return nullptr;
+}
+
 namespace {
 
 // Notes what decided, and nothing else.
@@ -196,13 +220,6 @@ void ReasonObserver::describe_tloc(const t_pol_entry& entry, uint32_t clause) {
   }
 }
 
-// In the order in which they are tested.
-constexpr uint32_t kClauses[] = {
-    POL_MATCH_F_TAG,        POL_MATCH_F_PREF,      POL_MATCH_F_DOMAIN,   POL_MATCH_F_GROUP,
-    POL_MATCH_F_VPN_ID,     POL_MATCH_F_VPN_LIST,  POL_MATCH_F_TLOC,     POL_MATCH_F_TLOC_LIST,
-    POL_MATCH_F_SITE,       POL_MATCH_F_SITE_LIST, POL_MATCH_F_PFX_LIST, POL_MATCH_F_ORIGIN,
-    POL_MATCH_F_ORIGINATOR, POL_MATCH_F_CARRIER,   POL_MATCH_F_COLOR,    POL_MATCH_F_COLOR_LIST};
-
 void ReasonObserver::tell_held(const t_pol_entry& entry) {
   for (uint32_t clause : kClauses) {
     if ((entry.match_flags & clause) == 0) continue;
@@ -221,27 +238,6 @@ void range_words(const RangeSet& ranges, uint64_t id, char* words, size_t size) 
   } else {
     snprintf(words, size, "%lu-%lu", range->low, range->high);
   }
-}
-
-// An element that takes the prefix: the longest of those without host bits, else the first.
-const t_pfx_entry* taking_element(const t_pfx_list& list, const t_ipprefix& prefix) {
-  const bool narrow = prefix.addr.family == KEL_AF_INET;
-  const int width = narrow ? 32 : 128;
-  t_ipprefix around = prefix;
-  for (int length = std::min<int>(prefix.len, width); length >= 0; --length) {
-    around.len = static_cast<uint8_t>(length);
-    if (narrow) {
-      around.addr.addr.v4 &= length > 0 ? UINT32_MAX << (32 - length) : 0;
-    } else if (length < 128) {
-      around.addr.addr.v6[length / 8] &= static_cast<uint8_t>(0xff00 >> (length % 8));
-    }
-    const t_pfx_entry* element = list.index.find(around);
-    if (element != nullptr && pfx_element_takes(*element, prefix)) return element;
-  }
-  for (const t_pfx_entry& element : list.entries) {
-    if (pfx_element_takes(element, prefix)) return &element;
-  }
-  return nullptr;
 }
 
 // As the dumps have it, with the bounds that its operator looks at.

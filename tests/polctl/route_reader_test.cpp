@@ -13,6 +13,7 @@
 #include "host/tloc_resolver.h"
 #include "support/golden.h"
 #include "support/process.h"
+#include "tool/expect/test_file.h"
 #include "tool/tloc_reader.h"
 
 namespace polctl {
@@ -34,20 +35,46 @@ std::vector<ReadRoute> read_all(const std::string& content) {
   }
 }
 
-// What the reader says of a file whose faulty line comes second.
-std::string complaint_about(const std::string& line) {
-  std::string path = temporary_file("10.0.0.0/8\n" + line);
-  RouteReader reader(path);
+// What `read`, given a file and room for a route, says of one whose faulty line comes second.
+template <typename Read>
+std::string complaint_of(const std::string& first, const std::string& line, Read read) {
+  std::string path = temporary_file(first + "\n" + line);
   auto route = std::make_unique<ReadRoute>();
   memset(route.get(), 0, sizeof *route);
   try {
-    while (reader.next(&route->query, &route->attr)) memset(route.get(), 0, sizeof *route);
+    read(path, route.get());
   } catch (const InputError& error) {
     std::string what = error.what();
     EXPECT_EQ(what.substr(0, path.size()), path);
     return what.substr(path.size());
   }
   return "accepted";
+}
+
+std::string complaint_about(const std::string& line) {
+  return complaint_of("10.0.0.0/8", line, [](const std::string& path, ReadRoute* route) {
+    RouteReader reader(path);
+    while (reader.next(&route->query, &route->attr)) memset(route, 0, sizeof *route);
+  });
+}
+
+std::string complaint_about_test(const std::string& line) {
+  const char* first = R"({"type":"route","policy":"p","expect":{"set":{}}})";
+  return complaint_of(first, line, [](const std::string& path, ReadRoute* route) {
+    TestFile file(path, "");
+    TestCase test;
+    while (file.next(&test, &route->query, &route->attr)) memset(route, 0, sizeof *route);
+  });
+}
+
+template <typename Complain>
+void expect_faults(const std::string& golden, Complain complain) {
+  std::istringstream lines(read_golden(golden + ".in"));
+  std::string all;
+  for (std::string line; std::getline(lines, line);) {
+    all += line + "\n=> " + complain(line) + "\n";
+  }
+  expect_golden(golden + ".ok", all);
 }
 
 TEST(RouteReaderTest, ReadsEveryMember) {
@@ -140,12 +167,8 @@ TEST(RouteReaderTest, TakesBlanksCommentsAndAnyLineEnd) {
 }
 
 TEST(RouteReaderTest, FaultsMatchTheirGolden) {
-  std::istringstream lines(read_golden("routes/faults.in"));
-  std::string all;
-  for (std::string line; std::getline(lines, line);) {
-    all += line + "\n=> " + complaint_about(line) + "\n";
-  }
-  expect_golden("routes/faults.ok", all);
+  expect_faults("routes/faults", complaint_about);
+  expect_faults("routes/test_faults", complaint_about_test);
 }
 
 TEST(RouteReaderTest, BytesThatAreNoTextAreRefused) {

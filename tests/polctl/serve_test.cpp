@@ -105,6 +105,10 @@ TEST_F(ServeTest, AnswersAsTheCommandsDoAndFollowsCommits) {
   EXPECT_EQ(eval.status, 2);
   EXPECT_NE(eval.out.find("\"action\":\"reject\""), std::string::npos);
   EXPECT_EQ(eval.err.rfind("<stdin>:2:1: error: ", 0), 0u) << eval.err;
+  const std::string expected = R"({"type":"route","policy":"out","expect":{"action":"accept"}})";
+  Outcome tests = ask({"test", "-", temporary_file("\n" + expected)}, expected);
+  EXPECT_EQ(tests.status, 1) << tests.err;
+  EXPECT_NE(tests.out.find(":2: failed: "), std::string::npos) << tests.out;
 
   commit(R"(<policy xmlns="urn:zenodra:policy"><lists><tloc-list><name>hubs</name><tloc>
       <address>10.0.0.3</address><color>mpls</color><encap>ipsec</encap></tloc></tloc-list>

@@ -203,6 +203,12 @@ void ScriptTest::line(const std::string& text) {
   say_difference();
 }
 
+void ScriptTest::quietly(const std::string& text) {
+  execute(words_of(text));
+  take_requests();
+  host.asked.clear();
+}
+
 void ScriptTest::say_requests() {
   for (uint32_t kind = POL_KIND_ROUTE; kind <= POL_KIND_CFLOWD; ++kind) {
     for (t_pol_block* b = pol_block_first(ctx, kind); b != nullptr;
@@ -255,6 +261,7 @@ void ScriptTest::execute(const Words& words) {
   }
   if (changed != 0) say("changed");
   if (args.fail != 0 && !args.failed) say("did not fail");
+  if (args.failed) ++failed_calls;
   if (args.failed && type != 0) ++g_pol_mem_info[type].frees;
 }
 

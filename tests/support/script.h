@@ -46,6 +46,10 @@ class ScriptTest : public ForwardTest {
 
   // Compares what <name>.in does with <name>.ok.
   void run(const std::string& name);
+  // A line of a golden without the telling.
+  void quietly(const std::string& text);
+
+  uint64_t failed_calls = 0;  // with an allocation that failed
 
  private:
   struct User {
@@ -89,6 +93,11 @@ namespace script {
 
 // Answers with the status if it is not 0, or "null" where nothing comes back.
 std::string call(ScriptTest::Args& args);
+
+// The names of the calls, each with the kinds of the words that it takes: n a number, s a name, b a
+// policy, e a sequence, f a sequence's record, u a user, t a TLOC, a an address, p a prefix.
+std::vector<std::pair<std::string, std::string>> known_calls();
+std::vector<std::string> known_readers();
 
 // Reports to the reader at its own level, or at the level that is given.
 uint32_t report(const std::string& reader, t_pol_ctx* ctx, uint32_t operation, int level,

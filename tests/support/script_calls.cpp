@@ -27,8 +27,8 @@ t_ipaddr address(const std::string& text) {
 }
 
 template <class List>
-List* named(const pol::NamedTree<List>& tree, const std::string& name) {
-  return pol::named_find(tree, name.c_str());
+List* named(t_pol_ctx* ctx, pol::NamedTree<List> t_pol_ctx::*lists, const std::string& name) {
+  return ctx != nullptr ? pol::named_find(ctx->*lists, name.c_str()) : nullptr;
 }
 
 template <class T>
@@ -57,9 +57,9 @@ T arg(Args& args) {
   } else if constexpr (std::is_same_v<T, void*>) {
     return nullptr;
   } else if constexpr (std::is_same_v<T, t_app_list*>) {
-    return named(args.script->context()->app_lists, args.take());
+    return named(args.script->context(), &t_pol_ctx::app_lists, args.take());
   } else if constexpr (std::is_same_v<T, t_fwd_pfx_list*>) {
-    return named(args.script->context()->fwd_pfx_lists, args.take());
+    return named(args.script->context(), &t_pol_ctx::fwd_pfx_lists, args.take());
   } else {
     const std::string word = args.take();
     if (word == "-") return nullptr;
@@ -97,7 +97,37 @@ std::string wrapped(Args& args) {
   return spread<kCall>(args, kCall);
 }
 
-using Calls = std::map<std::string, std::string (*)(Args&)>;
+// What kind of word a parameter takes.
+template <class T>
+constexpr char letter() {
+  if (std::is_same_v<T, t_pol_ctx*> || std::is_same_v<T, uint8_t*>) return 0;
+  if (std::is_integral_v<T>) return 'n';
+  if (std::is_same_v<T, t_pol_block*>) return 'b';
+  if (std::is_same_v<T, t_pol_entry*> || std::is_same_v<T, const t_pol_entry*>) return 'e';
+  if (std::is_same_v<T, t_pol_fwd_user*>) return 'f';
+  if (std::is_same_v<T, t_pol_user*>) return 'u';
+  if (std::is_same_v<T, const t_tloc_id*>) return 't';
+  if (std::is_same_v<T, const t_ipaddr*>) return 'a';
+  if (std::is_same_v<T, const t_pol_pfx_record*>) return 'p';
+  if (std::is_same_v<T, void*> || std::is_same_v<T, const t_pol_list_user*>) return 0;
+  return 's';
+}
+
+template <class R, class... T>
+std::string letters(R (* /*type*/)(T...)) {
+  std::string all;
+  for (const char one : {letter<T>()..., char{0}}) {
+    if (one != 0) all += one;
+  }
+  return all;
+}
+
+struct Call {
+  std::string (*make)(Args&);
+  std::string words;  // their kinds, in order
+};
+
+using Calls = std::map<std::string, Call>;
 
 // Several a line.
 template <class... Call>
@@ -105,7 +135,7 @@ Calls calls(Call... call) {
   return {call...};
 }
 
-#define CALL(name) Calls::value_type(#name, wrapped<pol_##name>)
+#define CALL(name) Calls::value_type(#name, {wrapped<pol_##name>, letters(pol_##name)})
 #define ADD_AND_DELETE(name) CALL(entry_##name##_add), CALL(entry_##name##_delete)
 #define KEPT(name) CALL(name##_cfg_del), CALL(name##_main_deinit)
 #define LIST(name) KEPT(name), CALL(name##_entry_change)
@@ -234,7 +264,19 @@ std::string call(Args& args) {
     ADD_FAILURE() << "no such call: " << args.words[0];
     return "";
   }
-  return known->second(args);
+  return known->second.make(args);
+}
+
+std::vector<std::pair<std::string, std::string>> known_calls() {
+  std::vector<std::pair<std::string, std::string>> all;
+  for (const auto& [name, call] : kCalls) all.emplace_back(name, call.words);
+  return all;
+}
+
+std::vector<std::string> known_readers() {
+  std::vector<std::string> all;
+  for (const auto& [name, reader] : kReaders) all.push_back(name);
+  return all;
 }
 
 uint32_t report(const std::string& reader, t_pol_ctx* ctx, uint32_t operation, int level,

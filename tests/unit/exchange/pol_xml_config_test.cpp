@@ -1,5 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <thread>
+
 #include "exchange/pol_xml_config_internal.h"
+#include "exchange/pol_xml_fetch_internal.h"
 #include "support/policy_fixture.h"
 #include "support/seams.h"
 
@@ -50,6 +56,30 @@ TEST_F(XmlConfigTest, TextIsAppendedAndUnknownObjectsAddNothing) {
   EXPECT_STREQ(buffer, "<vpn-list><vpn-list>");
   EXPECT_NE(seams::take_log().find("[POL] Could not append policy (error:0)\n"), std::string::npos);
   pol_free(buffer, pol::MEM_PEER_XML);
+}
+
+// Parts that fill the reader's steps may take as long as the sender likes; drops may not.
+TEST_F(XmlConfigTest, AStreamThatDripsIsGivenUp) {
+  for (const size_t part : {size_t{1}, size_t{4096}}) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const timeval limit = {0, 100'000};
+    ASSERT_EQ(setsockopt(ends[0], SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit), 0);
+    std::thread sender([&] {
+      const std::string text(part, 'x');
+      for (int i = 0; i < 8 && send(ends[1], text.data(), part, MSG_NOSIGNAL) > 0; ++i) {
+        usleep(50'000);
+      }
+      close(ends[1]);
+    });
+    size_t length = 0;
+    char* text = pol::receive_text(ends[0], "/p", &length);
+    EXPECT_EQ(text == nullptr, part == 1);
+    EXPECT_EQ(length, part == 1 ? 0 : 8 * part);
+    pol_free(text, pol::MEM_FETCH_XML);
+    close(ends[0]);
+    sender.join();
+  }
 }
 
 }  // namespace

@@ -439,6 +439,7 @@ class Twin {
       ++by_index;
       if (expected.sequence) ++decided_by_index;
     }
+    compare_trace(users_[direction - 1], query, expected);
     RC_ASSERT(pol_execute(users_[direction - 1], &indexed) == action);
     std::swap(indexed.vpn_array, query.vpn_array);
     const bool alike = memcmp(&indexed, &query, offsetof(t_pol_route_query, vpn_array)) == 0;
@@ -461,6 +462,47 @@ class Twin {
     for (t_pol_route_query& one : batch) pol_post_execute(&one);
     pol_post_execute(&indexed);
     pol_post_execute(&query);
+  }
+
+  // A trace tells the same failures, and of what decides every clause, list clauses with their element.
+  static void compare_trace(t_pol_user* user, t_pol_route_query query, const Verdict& expected) {
+    struct Traced {
+      Failures failures;
+      uint32_t held = 0;  // of the sequence that is being tried
+      bool names_all = true;
+      t_pol_trace_step last = {};
+      const t_pol_route_query* query = nullptr;
+    } traced;
+    traced.query = &query;
+    auto note = [](const t_pol_trace_step* step, void* arg) {
+      auto& into = *static_cast<Traced*>(arg);
+      if (step->sequence != into.last.sequence) into.held = 0;
+      into.last = *step;
+      if (step->decided != 0) return;
+      if (step->held == 0) return into.failures.emplace_back(step->sequence, step->clause), void();
+      into.held |= step->clause;
+      const bool listed = (step->clause & kListClauses) != 0;
+      const t_pol_content_element& element = step->element;
+      const uint64_t id =
+          step->clause == POL_MATCH_F_VPN_LIST ? into.query->vpn : into.query->attr->site;
+      const bool ranged = (step->clause & (POL_MATCH_F_VPN_LIST | POL_MATCH_F_SITE_LIST)) != 0;
+      const bool takes = step->clause == POL_MATCH_F_PFX_LIST
+                             ? element_takes(element.prefix, into.query->prefix)
+                             : !ranged || (element.low <= id && id <= element.high);
+      into.names_all = into.names_all && takes && listed == (step->list != nullptr);
+    };
+    query.vpn_array = nullptr;
+    query.vpn_count = 0;
+    RC_ASSERT(pol_trace(user, &query, note, &traced) == expected.action);
+    pol_post_execute(&query);
+    Failures failures = expected.failures;
+    std::erase_if(failures, [](const auto& each) { return each.second == 0; });  // the match type
+    RC_ASSERT(traced.failures == failures);
+    RC_ASSERT(traced.names_all);
+    RC_ASSERT(traced.last.decided != 0 && (traced.last.is_default != 0) == !expected.sequence);
+    if (!expected.sequence) return;
+    RC_ASSERT(std::tuple(traced.last.sequence, traced.held & ~kListClauses) ==
+              std::tuple(*expected.sequence, expected.matched));
   }
 
   // Eight threads at once, each with its own queries, decide as one does.
