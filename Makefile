@@ -72,9 +72,10 @@ bench: setup
 	@printf '\n'
 	@build-bench/bin/path_bench
 
-# Installs what `make build` leaves and writes nothing else, so that a build by the user can be
-# installed by root.
-install: build
+# Copies what `make build` left: a build by the user can be installed by root, and neither asks for
+# packages.
+install:
+	@[ -e build/bin/yarrowd ] || $(MAKE) build
 	@cmake --install build --prefix '$(PREFIX)'
 
 deb:

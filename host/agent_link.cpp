@@ -214,7 +214,8 @@ std::string fault_line(const ConfigFault& fault, const char* severity) {
   return text;
 }
 
-ConfigSession::ConfigSession(uint16_t port) : sock_(agent_socket()), port_(port) {
+ConfigSession::ConfigSession(uint16_t port)
+    : sock_(agent_socket()), port_(port), datastore_(MAAPI_RUNNING) {
   sockaddr_in address = agent_address(port);
   if (maapi_connect(sock_, reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
           YARROW_OK ||
@@ -269,8 +270,20 @@ bool ConfigSession::commit(const SourceFiles& files, std::vector<ConfigFault>* f
   return false;
 }
 
+int64_t ConfigSession::commit_id() {
+  int64_t number = maapi_commit_id(sock_);
+  if (number < 0) fail("no commit number");
+  return number;
+}
+
+bool ConfigSession::look_back(int64_t back) {
+  if (maapi_candidate_reset(sock_) != YARROW_OK) fail("no candidate");
+  datastore_ = MAAPI_CANDIDATE;
+  return back == 0 || maapi_load_rollback(sock_, static_cast<unsigned>(back)) == YARROW_OK;
+}
+
 std::string ConfigSession::save(const std::string& path) {
-  int trans = maapi_start_trans_flags2(sock_, MAAPI_RUNNING, MAAPI_READ, 0, 0, nullptr, nullptr);
+  int trans = maapi_start_trans_flags2(sock_, datastore_, MAAPI_READ, 0, 0, nullptr, nullptr);
   if (trans < 0) fail("no transaction");
   int id = maapi_save_config(sock_, trans, YARROW_CONFIG_XML, "%s", path.c_str());
   bool nothing = id < 0 && yarrow_errno == YARROW_ERR_NOEXISTS;

@@ -97,6 +97,14 @@ class ConfigSession {
    * where those stand. */
   bool commit(const SourceFiles& files, std::vector<ConfigFault>* faults);
 
+  /* The number of the agent's last commit. Throws InputError. */
+  int64_t commit_id();
+
+  /* From now on `save` tells of the configuration as it was `back` commits ago; edits of this session
+   * are gone. A commit that comes meanwhile moves what it tells of: see commit_id. False when the
+   * agent keeps no such configuration. Throws InputError. */
+  bool look_back(int64_t back);
+
   /* The running configuration below the path, as XML; "" when there is none. Throws InputError. */
   std::string save(const std::string& path);
 
@@ -105,6 +113,7 @@ class ConfigSession {
 
   int sock_;
   uint16_t port_;
+  int datastore_; /* that `save` reads */
 };
 
 /* Ends the command with every fault, a line each. */

@@ -1,53 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "live_server.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstring>
 
 #include "address_text.h"
 #include "input_error.h"
 
 namespace polctl {
-
-namespace {
-
-constexpr int kBacklog = 64;
-
-// Whether the last call may just be made again later.
-bool later() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR; }
-
-// What is left of a host that died refuses connections; anything else is not ours to take away.
-void remove_dead_socket(const std::string& path, const sockaddr_un& address) {
-  struct stat status;
-  if (lstat(path.c_str(), &status) != 0) return;
-  int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  bool dead = S_ISSOCK(status.st_mode) &&
-              connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
-              errno == ECONNREFUSED;
-  close(probe);
-  if (dead) unlink(path.c_str());
-}
-
-// A file in memory that does not grow beyond the limit. Negative when there is none.
-int bounded_file(size_t limit) {
-  int fd = memfd_create("answer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-  if (fd < 0) return -1;
-  if (ftruncate(fd, static_cast<off_t>(limit)) == 0 && fcntl(fd, F_ADD_SEALS, F_SEAL_GROW) == 0) {
-    return fd;
-  }
-  close(fd);
-  return -1;
-}
-
-}  // namespace
 
 sockaddr_un socket_address(const std::string& path) {
   sockaddr_un address = {};
@@ -68,166 +31,46 @@ bool same_user(int sock) {
          (peer.uid == getuid() || peer.uid == 0);
 }
 
-LiveServer::LiveServer(const std::string& path, Answer answer)
-    : path_(path), answer_(std::move(answer)) {
-  sockaddr_un address = socket_address(path);
-  remove_dead_socket(path, address);
-  listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  // The file is born with its mode: nobody else can connect in between.
-  mode_t before = umask(0177);
-  int status =
-      listener_ < 0 ? -1 : bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  int error = errno;
-  umask(before);
-  struct stat made = {};
-  if (status == 0 && lstat(path.c_str(), &made) == 0 && listen(listener_, kBacklog) == 0) {
-    device_ = made.st_dev;
-    inode_ = made.st_ino;
-    return;
-  }
-  if (status == 0) error = errno;
-  if (listener_ >= 0) close(listener_);
-  throw InputError(fmt::format("{}: error: cannot listen: {} (expected a path that is not in use)",
-                               path, strerror(error)));
+LiveServer::LiveServer(const std::string& path, Command command)
+    : file_(path), command_(std::move(command)) {
+  listener_ = file_.listener();
 }
 
-LiveServer::~LiveServer() {
-  for (Client& client : clients_) close_client(&client);
-  close(listener_);
-  // Somebody may have put another in its place meanwhile.
-  struct stat now = {};
-  bool own = lstat(path_.c_str(), &now) == 0 && now.st_dev == device_ && now.st_ino == inode_;
-  if (own) unlink(path_.c_str());
-}
-
-void LiveServer::close_client(Client* client) {
-  close(client->fd);
-  if (client->output >= 0) close(client->output);
-}
-
-void LiveServer::wants(std::vector<pollfd>* polls) const {
-  polls->push_back({listener_, static_cast<short>(clients_.size() < kMaxClients ? POLLIN : 0), 0});
-  for (const Client& client : clients_) {
-    polls->push_back({client.fd, static_cast<short>(client.answering ? POLLOUT : POLLIN), 0});
-  }
-}
-
-bool LiveServer::step() {
-  make_room();
-  accept_clients();
-  auto now = std::chrono::steady_clock::now();
-  for (auto client = clients_.begin(); client != clients_.end();) {
-    bool stays = client->answering ? send(&*client) : receive(&*client);
-    if (stays && now < client->deadline && now < client->end) {
-      ++client;
-    } else {
-      close_client(&*client);
-      client = clients_.erase(client);
-    }
-  }
-  return !clients_.empty();
-}
-
-void LiveServer::accept_clients() {
-  while (clients_.size() < kMaxClients) {
-    int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0) return;
-    if (!same_user(fd)) {
-      close(fd);
-      continue;
-    }
-    Client& client = clients_.emplace_back();
-    client.fd = fd;
-    client.begun = std::chrono::steady_clock::now();
-    client.deadline = client.begun + kPatience;
-    client.end = client.begun + kRequestTime;
-  }
-}
-
-// Where all places are taken and somebody waits, the one that has been asking for longest goes.
-void LiveServer::make_room() {
-  pollfd waiting = {listener_, POLLIN, 0};
-  if (clients_.size() < kMaxClients || poll(&waiting, 1, 0) <= 0) return;
-  auto slow =
-      std::min_element(clients_.begin(), clients_.end(), [](const Client& a, const Client& b) {
-        return std::pair(a.answering, a.begun) < std::pair(b.answering, b.begun);
-      });
-  if (slow->answering || std::chrono::steady_clock::now() < slow->begun + kGrace) return;
-  close_client(&*slow);
-  clients_.erase(slow);
-}
-
-// False when the client is done with.
-bool LiveServer::receive(Client* client) {
-  char block[65536];
+size_t LiveServer::lacks(std::string_view received) const {
   RequestHead head;
-  for (;;) {
-    bool known = client->received.size() >= RequestHead::kSize;
-    if (known && !decode(client->received, &head)) return false;
-    size_t whole = RequestHead::kSize + (known ? head.options_size + head.input_size : 0);
-    if (known && client->received.size() >= whole) break;
-    ssize_t got =
-        recv(client->fd, block, std::min(sizeof block, whole - client->received.size()), 0);
-    if (got < 0) return later();
-    if (got == 0) return false;
-    client->received.append(block, static_cast<size_t>(got));
-    client->deadline = std::chrono::steady_clock::now() + kPatience;
-  }
-  answer(client, head);
-  return send(client);
+  if (received.size() < RequestHead::kSize) return RequestHead::kSize - received.size();
+  if (!decode(received, &head)) return kNoRequest;
+  return RequestHead::kSize + head.options_size + head.input_size - received.size();
 }
 
-void LiveServer::answer(Client* client, const RequestHead& head) {
-  AnswerHead answer;
+PolledServer::Answer LiveServer::answer(const std::string& request) {
+  RequestHead head;
+  decode(request, &head);
+  AnswerHead told;
   std::string error;
-  std::string_view options(client->received);
-  options = options.substr(RequestHead::kSize, head.options_size);
-  client->output = bounded_file(kMaxOutput);
-  if (client->output < 0) {
+  Answer answer;
+  answer.file = bounded_file(kMaxOutput);
+  if (answer.file < 0) {
     error = "polctl: error: the host has no memory for an answer";
-    answer.status = kBadInput;
+    told.status = kBadInput;
   } else {
-    std::string input = client->received.substr(RequestHead::kSize + head.options_size);
-    Output out(client->output);
+    std::string_view options(request);
+    std::string input = request.substr(RequestHead::kSize + head.options_size);
+    Output out(answer.file);
     try {
-      answer.status = static_cast<uint32_t>(answer_(options, input, &out));
+      told.status = static_cast<uint32_t>(
+          command_(options.substr(RequestHead::kSize, head.options_size), input, &out));
       out.flush();
     } catch (const InputError& fault) {
       error = fault.what();
-      answer.status = kBadInput;
+      told.status = kBadInput;
     }
-    answer.output_size = static_cast<uint64_t>(lseek(client->output, 0, SEEK_CUR));
+    answer.file_size = static_cast<size_t>(lseek(answer.file, 0, SEEK_CUR));
   }
-  answer.error_size = static_cast<uint32_t>(error.size());
-  client->head = encode(answer) + error;
-  client->size = client->head.size() + answer.output_size;
-  client->answering = true;
-  client->received = {};
-  auto now = std::chrono::steady_clock::now();
-  client->deadline = now + kPatience;
-  client->end = now + kRequestTime + std::chrono::seconds(client->size / kSlowest);
-}
-
-bool LiveServer::send(Client* client) {
-  char block[65536];
-  while (client->sent < client->size) {
-    std::string_view part;
-    if (client->sent < client->head.size()) {
-      part = std::string_view(client->head).substr(client->sent);
-    } else {
-      size_t at = client->sent - client->head.size();
-      ssize_t got =
-          pread(client->output, block, std::min(sizeof block, client->size - client->sent),
-                static_cast<off_t>(at));
-      if (got <= 0) return false;
-      part = {block, static_cast<size_t>(got)};
-    }
-    ssize_t sent = ::send(client->fd, part.data(), part.size(), MSG_NOSIGNAL);
-    if (sent < 0) return later();
-    client->sent += static_cast<size_t>(sent);
-    client->deadline = std::chrono::steady_clock::now() + kPatience;
-  }
-  return false;
+  told.output_size = answer.file_size;
+  told.error_size = static_cast<uint32_t>(error.size());
+  answer.head = encode(told) + error;
+  return answer;
 }
 
 }  // namespace polctl

@@ -102,9 +102,10 @@ PolicySource::PolicySource(const PolicyOptions& options) {
   try {
     if (live_) {
       live_->walk = std::make_unique<ConfigWalk>(g_pol_ctx_p);
-      if (live_->feed->next(kAnswerMs, live_->walk.get()) < 0) {
-        throw InputError("agent: error: it says nothing (expected its configuration)");
-      }
+      ConfigFeed::Batch batch = live_->feed->read(kAnswerMs);
+      if (!batch) throw InputError("agent: error: it says nothing (expected its configuration)");
+      live_->commit = yarrow_batch_commit_id(batch.get());
+      live_->walk->take(batch.get());
     } else if (pol_test_parse_file(policy_file->path().c_str(), nullptr) != 0) {
       throw InputError(
           fmt::format("{}: error: cannot be read (expected a policy file)", options.policy_file));

@@ -42,6 +42,7 @@ struct LiveConfig {
   std::unique_ptr<ConfigSession> session;
   std::unique_ptr<ConfigFeed> feed;
   std::unique_ptr<ConfigWalk> walk;
+  int64_t commit = 0;          /* that the first batch told of */
   UnreachablePort unreachable; /* where a worker that may not reach the agent looks for it */
 };
 

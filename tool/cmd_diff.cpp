@@ -17,6 +17,7 @@
 #include "evaluation.h"
 #include "host/input_error.h"
 #include "host/source_file.h"
+#include "importing/route_import.h"
 #include "json_line.h"
 #include "policy/pol_util.h"
 #include "set_rules.h"
@@ -287,9 +288,10 @@ class Differences {
 int run_diff(const DiffOptions& options, Output* out) {
   // They are asked twice.
   std::optional<MemoryFile> kept;
-  std::string routes_path = options.routes;
-  std::string routes_name = options.routes;
-  if (options.routes == "-") {
+  ImportedRoutes imported(options.routes_format, options.routes);
+  std::string routes_path = imported.path();
+  std::string routes_name = imported.name().empty() ? options.routes : imported.name();
+  if (routes_path == "-") {
     kept.emplace(read_whole("-", kMaxSourceBytes, "routes"));
     routes_path = kept->path();
     routes_name = "<stdin>";

@@ -14,6 +14,7 @@
 #include "host/input_error.h"
 #include "host/live_frame.h"
 #include "host/source_file.h"
+#include "importing/route_import.h"
 #include "live_client.h"
 #include "route_option.h"
 #include "set_rules.h"
@@ -124,6 +125,9 @@ int run_eval(const EvalOptions& given, Output* out) {
     options.routes = lines->path();
     options.routes_name = "--route";
   }
+  ImportedRoutes imported(options.routes_format, options.routes);
+  options.routes = imported.path();
+  if (options.routes_name.empty()) options.routes_name = imported.name();
   if (!options.source.live.empty()) {
     EvalOptions asked = options;
     if (asked.routes_name.empty())

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <optional>
 #include <thread>
 
 #include "commands.h"
@@ -29,9 +30,8 @@
 #include "policy/pol_fwd_document.h"
 #include "terminal.h"
 #include "tloc_reader.h"
-#include "watching/change_names.h"
-#include "watching/host_status.h"
-#include "watching/policy_view.h"
+#include "watching/host_watch.h"
+#include "watching/web_site.h"
 
 namespace polctl {
 
@@ -113,8 +113,17 @@ class Serving {
         source_(options.source),
         routing_(options.directions),
         manager_(checked(options.applied), *source_.configured()),
+        watch_(source_, &routing_, &manager_),
+        site_(&watch_),
         server_(options.socket, [this](std::string_view request, const std::string& input,
-                                       Output* to) { return answer(request, input, to); }) {}
+                                       Output* to) { return answer(request, input, to); }) {
+    if (options.http.empty()) return;
+    web_.emplace(HttpOptions{options.http, options.http_hosts, page_policy()},
+                 [this](const HttpRequest& request) {
+                   take_batches();
+                   return site_.answer(request);
+                 });
+  }
 
   void run(Signals* signals) {
     routing_.follow(*source_.configured());
@@ -125,6 +134,10 @@ class Serving {
          fmt::format(
              "serving: agent at port {}, socket {}, {} control and membership policies in use",
              port, options_.socket, routing_.users()));
+    if (web_) {
+      tell(LogLevel::kNotice, "the page is served", {{"address", web_->address()}},
+           "page: " + web_->address());
+    }
     for (const auto& [policy, direction] : options_.directions) {
       if (routing_.uses(policy)) continue;
       tell(LogLevel::kWarning, "a policy to be used is not configured yet", {{"policy", policy}},
@@ -138,8 +151,9 @@ class Serving {
       log_.flush();
       polls = {{signals->fd(), POLLIN, 0}, {source_.live()->feed->fd(), POLLIN, 0}};
       server_.wants(&polls);
+      if (web_) web_->wants(&polls);
       log_.wants(&polls);
-      int timeout = fetching_ ? kWorkerPollMs : clients_ ? kClientPollMs : -1;
+      int timeout = watch_.told.fetching ? kWorkerPollMs : clients_ ? kClientPollMs : -1;
       if (poll(polls.data(), polls.size(), timeout) < 0 && errno != EINTR) {
         throw InputError("polctl: error: cannot wait for work");
       }
@@ -148,8 +162,9 @@ class Serving {
       if (polls[1].revents != 0 && !take_batch()) {
         throw InputError("agent: error: it has closed (expected it to go on)");
       }
-      if (fetching_ && pol_fwd_policy_is_yarrow_updated() != 0) end_fetch();
+      if (watch_.told.fetching && pol_fwd_policy_is_yarrow_updated() != 0) end_fetch();
       clients_ = server_.step();
+      if (web_ && web_->step()) clients_ = true;
     }
     service::notify_stopping();
     tell(LogLevel::kNotice, "the host ends", {}, "stopped");
@@ -175,15 +190,12 @@ class Serving {
     source_.live()->walk->take(batch.get());
     routing_.follow(*source_.configured());
     manager_.follow(*source_.configured());
-    counters_.keep(*source_.configured());
-    CommitNote commit = note_of(batch.get());
+    const CommitNote& commit = watch_.note(batch.get());
     std::string called = commit.called.empty() ? "nobody" : joined(commit.called, ", ");
     tell(LogLevel::kInfo, "a commit is walked",
          {{"changes", commit.changes}, {"called_back", called}},
          fmt::format("commit: {} change{}; called back: {}", grouped(commit.changes),
                      commit.changes == 1 ? "" : "s", called));
-    commits_.push_back(std::move(commit));
-    if (commits_.size() > kCommitsKept) commits_.pop_front();
     tell_names();
     begin_fetch();
     return true;
@@ -192,19 +204,19 @@ class Serving {
   // What is named and not configured, when that has changed.
   void tell_names() {
     std::vector<std::string> absent = absent_objects(source_.configured());
-    if (absent != absent_ && !absent.empty()) {
+    if (absent != watch_.told.absent && !absent.empty()) {
       std::string names = joined(absent, ", ");
       tell(LogLevel::kWarning, "named, but not configured", {{"names", names}},
            "named, but not configured: " + names + "; the worker asks for each for 20 s");
     }
-    absent_ = std::move(absent);
+    watch_.told.absent = std::move(absent);
     std::vector<std::string> awaited = manager_.awaited();
-    if (awaited != awaited_ && !awaited.empty()) {
+    if (awaited != watch_.told.awaited && !awaited.empty()) {
       std::string names = joined(awaited, ", ");
       tell(LogLevel::kWarning, "to be applied, but not configured", {{"names", names}},
            "to be applied, but not configured: " + names);
     }
-    awaited_ = std::move(awaited);
+    watch_.told.awaited = std::move(awaited);
   }
 
   void read_tlocs_again() {
@@ -226,38 +238,20 @@ class Serving {
     }
   }
 
-  // Counts it, too.
-  CommitNote note_of(const t_yarrow_batch* batch) {
-    CommitNote commit;
-    commit.number = yarrow_batch_commit_id(batch);
-    commit.time = std::chrono::system_clock::now();
-    commit.changes = yarrow_batch_count(batch);
-    commit.changed = changed_names(batch);
-    commit.called = routing_.take_called();
-    HostCounts& counts = counters_.host;
-    ++counts.commits;
-    counts.changes += commit.changes;
-    counts.routing_callbacks += routing_.calls() - routing_calls_;
-    routing_calls_ = routing_.calls();
-    counts.forwarding_callbacks += manager_.calls() - calls_;
-    if (manager_.calls() != calls_) commit.called.emplace_back("the forwarding manager");
-    calls_ = manager_.calls();
-    return commit;
-  }
-
   void begin_fetch() {
     pol_fwd_queue_xml_config(g_pol_ctx_p);
-    if (!fetching_) begun_ = Clock::now();
-    fetching_ = true;
+    if (!watch_.told.fetching) begun_ = Clock::now();
+    watch_.told.fetching = true;
   }
 
   void end_fetch() {
-    fetching_ = false;
+    watch_.told.fetching = false;
     std::string document = manager_.document();
     double ms = std::chrono::duration<double, std::milli>(Clock::now() - begun_).count();
-    counters_.host.documents.add(ms);
+    watch_.counters.host.documents.add(ms);
     if (document == document_) return;
     document_ = std::move(document);
+    watch_.told.document_bytes = document_.size();
     std::string took = fmt::format("{:.1f}", ms);
     tell(LogLevel::kInfo, "the document is put together",
          {{"bytes", document_.size()}, {"milliseconds", took}},
@@ -275,23 +269,23 @@ class Serving {
     Clock::time_point end = Clock::now() + kSettleTime;
     for (;;) {
       take_batches();
-      if (fetching_ && pol_fwd_policy_is_yarrow_updated() != 0) {
+      if (watch_.told.fetching && pol_fwd_policy_is_yarrow_updated() != 0) {
         end_fetch();
         continue;
       }
-      if (!fetching_) return true;
-      if (Clock::now() > end || !absent_.empty()) return false;
+      if (!watch_.told.fetching) return true;
+      if (Clock::now() > end || !watch_.told.absent.empty()) return false;
       usleep(kWorkerPollMs * 500);
     }
   }
 
   // An answer is about all that was committed before.
   int answer(std::string_view text, const std::string& input, Output* to) {
-    ++counters_.host.requests;
+    ++watch_.counters.host.requests;
     try {
       return answer_known(text, input, to);
     } catch (const InputError&) {
-      ++counters_.host.refused;
+      ++watch_.counters.host.refused;
       throw;
     }
   }
@@ -317,10 +311,10 @@ class Serving {
     Decisions decisions;
     try {
       int status = answer_eval(options, to, &decisions);
-      counters_.add({options.kind, options.policy}, decisions);
+      watch_.counters.add({options.kind, options.policy}, decisions);
       return status;
     } catch (const InputError&) {
-      counters_.add({options.kind, options.policy}, decisions);
+      watch_.counters.add({options.kind, options.policy}, decisions);
       throw;
     }
   }
@@ -340,7 +334,7 @@ class Serving {
   }
   int answer_one(const DocumentOptions& options, const std::string& /*input*/, Output* to) {
     if (!settle()) {
-      if (!absent_.empty()) throw_absent(absent_);
+      if (!watch_.told.absent.empty()) throw_absent(watch_.told.absent);
       throw InputError(
           "polctl: error: the worker still fetches what was committed (expected it to be done in "
           "2 s; ask again)");
@@ -352,83 +346,30 @@ class Serving {
     return answer_labels(options, source_.live()->session.get(), to);
   }
 
-  int answer_one(const ShowOptions& options, const std::string& /*input*/, Output* to) const {
-    if (options.what == "status") {
-      write_status(options.json, to);
-    } else if (options.what == "commits") {
-      options.json ? write_commits_json(commits_, to) : write_commits_text(commits_, to);
-    } else if (options.what == "lists") {
-      write_lists(read_graph(source_.configured()), options.json, to);
-    } else if (options.what == "policy") {
-      write_policies(options, to);
-    } else {
-      throw InputError("polctl: error: nothing of that name is shown");
-    }
+  int answer_one(const ShowOptions& options, const std::string& /*input*/, Output* to) {
+    watch_.show(options, to);
     return kDone;
   }
   int answer_one(const ClearOptions& options, const std::string& /*input*/, Output* to) {
     if (options.what != "counters") throw InputError("polctl: error: nothing of that name is kept");
-    counters_.clear();
+    watch_.counters.clear();
     to->write("cleared\n");
     return kDone;
   }
 
-  void write_status(bool json, Output* to) const {
-    HostStatus now = status();
-    if (!json) return write_status_text(now, to);
-    write_status_json(now, to);
-    to->write("\n");
-  }
-
-  void write_policies(const ShowOptions& options, Output* to) const {
-    Graph graph = read_graph(source_.configured());
-    const char* separator = "";
-    for (size_t policy : policies_named(graph, options.name)) {
-      if (options.json) {
-        write_policy_json(graph, policy, &counters_, to);
-        to->write("\n");
-      } else {
-        to->write(separator);
-        write_policy_text(graph, policy, &counters_, to);
-      }
-      separator = "\n";
-    }
-  }
-
-  HostStatus status() const {
-    HostStatus status;
-    status.agent_port = source_.live()->port;
-    status.agent_inside = source_.live()->agent != nullptr;
-    status.started = started_;
-    status.policies = routing_.users();
-    status.absent = absent_;
-    status.awaited = awaited_;
-    pol_yarrow_thread_queues(g_pol_ctx_p, status.queues);
-    status.fetching = fetching_;
-    status.document_bytes = document_.size();
-    status.counters = &counters_;
-    status.commits = &commits_;
-    return status;
-  }
-
   const ServeOptions& options_;
   EventLog log_;
-  Counters counters_;
-  std::deque<CommitNote> commits_;
-  WallTime started_ = std::chrono::system_clock::now();
   // Users leave before the context goes: in this order, from the last to the first.
   PolicySource source_;
   RoutingDaemon routing_;
   ForwardingManager manager_;
+  HostWatch watch_;
+  WebSite site_;
+  std::optional<HttpServer> web_;
   LiveServer server_;
   bool clients_ = false;
-  bool fetching_ = false;
   Clock::time_point begun_;
-  uint64_t calls_ = 0;
-  uint64_t routing_calls_ = 0;
   std::string document_;
-  std::vector<std::string> absent_;
-  std::vector<std::string> awaited_;
 };
 
 }  // namespace

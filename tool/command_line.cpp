@@ -10,6 +10,7 @@
 #include "host/address_text.h"
 #include "host/input_error.h"
 #include "host/near_word.h"
+#include "importing/route_import.h"
 #include "live_client.h"
 #include "manual/manual.h"
 #include "options_text.h"
@@ -133,6 +134,14 @@ void add_tlocs(CLI::App* command, std::string* tlocs) {
       ->type_name("FILE");
 }
 
+void add_routes_format(CLI::App* command, std::string* format) {
+  command
+      ->add_option("--routes-format", *format,
+                   "what --routes is: " + joined(route_formats(), ", ") + "; the first by default")
+      ->check(CLI::IsMember(route_formats()))
+      ->option_text("FORMAT");
+}
+
 // --json, and --format json by the same name everywhere.
 void add_json(CLI::App* command, bool* json, const char* help) {
   command->add_flag("--json", *json, help);
@@ -170,6 +179,7 @@ void add_eval(CLI::App& app, EvalOptions* options) {
   CLI::Option* routes =
       command->add_option("--routes", options->routes, "the routes; - (default) is standard input")
           ->option_text("FILE|-");
+  add_routes_format(command, &options->routes_format);
   command
       ->add_option("--route", options->route,
                    "a route without a file, such as prefix=10.1.0.0/16,site=302,tag=5")
@@ -204,6 +214,7 @@ void add_test(CLI::App& app, TestOptions* options) {
   command->add_flag("--coverage", options->coverage, "say what was never reached");
   command->add_option("--routes", options->routes, "routes that reach too, for the coverage")
       ->type_name("FILE");
+  add_routes_format(command, &options->routes_format);
   command->footer(kTestHelp);
 }
 
@@ -305,6 +316,15 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
       ->type_name("PORT");
   add_agent(command, &options->source);
   command->add_option("--socket", options->socket, "where --live asks")->type_name("PATH");
+  command
+      ->add_option("--http", options->http,
+                   "where to serve a page and metrics, read-only: 127.0.0.1:PORT or a path")
+      ->option_text("ADDRESS:PORT|PATH");
+  command
+      ->add_option("--http-host", options->http_hosts,
+                   "a name it is reached by; needed to serve beyond this machine")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
   command->add_option("--apply", *apply, "use this policy inbound (as without) or outbound")
       ->option_text("NAME:in|out")
       ->allow_extra_args(false);
@@ -336,6 +356,7 @@ void add_diff(CLI::App& app, DiffOptions* options) {
       ->required()
       ->option_text(" ");
   command->add_option("--routes", options->routes, "the routes")->required()->type_name("FILE");
+  add_routes_format(command, &options->routes_format);
   command->add_option("--policy", options->policy, "the policy's name; not needed for an only one")
       ->type_name("NAME");
   add_direction(command, &options->direction, kDirectionHelp);
@@ -369,6 +390,16 @@ void add_show(CLI::App& app, ShowOptions* options) {
   add_live(command, &options->source);
   add_json(command, &options->json, "one JSON object a line");
   command->footer(kShowHelp);
+}
+
+void add_report(CLI::App& app, ReportOptions* options) {
+  CLI::App* command = app.add_subcommand("report", "Write a page about a policy as one file");
+  command->add_option("FILE", options->file, "the page to write; - is standard output")
+      ->required()
+      ->option_text(" ");
+  add_policy_file(command, &options->source);
+  add_agent_options(command, &options->source);
+  command->footer("Example:\n  polctl report network.html --config sdwan.xml");
 }
 
 void add_clear(CLI::App& app, ClearOptions* options) {
@@ -507,6 +538,7 @@ struct Parser {
     add_watch(app, &line.watch);
     add_show(app, &line.show);
     add_clear(app, &line.clear);
+    add_report(app, &line.report);
     add_serve(app, &line.serve, &port, &apply);
     // Last: a command begins with what its parent ends with.
     app.footer(std::string(kMainHelp) + "\n" + kExitStatuses);
@@ -587,6 +619,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
                        {"watch", &line.watch.source, false},
                        {"show", &line.show.source, false},
                        {"clear", &line.clear.source, false},
+                       {"report", &line.report.source, false},
                        {"serve", &line.serve.source, false}};
   for (const auto& each : sources) {
     if (line.command != each.command) continue;

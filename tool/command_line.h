@@ -34,6 +34,7 @@ struct CommandLine {
   ServeOptions serve;
   ShowOptions show;
   ClearOptions clear;
+  ReportOptions report;
 };
 
 /* What the words of one option or argument are; what completion, manual pages and options files know

@@ -28,6 +28,7 @@ struct EvalOptions {
   uint32_t direction = POL_DIR_NONE; /* none given: inbound, and told where it matters */
   std::string routes = "-";          /* "-" is standard input */
   std::string routes_name;           /* what messages call them, unless "" */
+  std::string routes_format;         /* of tool/importing; "": json-lines */
   std::vector<std::string> route;    /* instead of a file: prefix=10.1.0.0/16,site=302 */
   std::string tlocs;                 /* empty: each TLOC resolves to itself */
   bool json = false;
@@ -52,6 +53,7 @@ struct TestOptions {
   bool coverage = false;
   std::string routes; /* asked too, for the coverage; "": none */
   std::string routes_name;
+  std::string routes_format; /* as of eval */
 };
 
 /* Tries what policies are expected to say. kFindings when any test fails. */
@@ -130,11 +132,21 @@ struct ClearOptions {
 /* Has a running host count from 0 again. */
 int run_clear(const ClearOptions& options, Output* out);
 
+struct ReportOptions {
+  PolicyOptions source;
+  std::string file; /* "-": standard output */
+};
+
+/* Writes a page of the policy as one file: graph, policies, findings. */
+int run_report(const ReportOptions& options, Output* out);
+
 struct ServeOptions {
   PolicyOptions source;
   AppliedPolicies applied;
   std::string tlocs;
   std::string socket;
+  std::string http;                           /* where the page is served; "": nowhere */
+  std::vector<std::string> http_hosts;        /* names it is reached by besides */
   std::map<std::string, uint32_t> directions; /* by policy; inbound where none is given */
   std::string log; /* where events go, as service::log_target_of knows it; "": standard output */
   std::string options_file; /* where more options stand */
@@ -150,7 +162,8 @@ struct DiffOptions {
   std::string policy;                /* empty: the only route policy there is in both */
   uint32_t direction = POL_DIR_NONE; /* as of eval */
   std::string routes;
-  bool force = false; /* take policy files that have errors */
+  std::string routes_format; /* as of eval */
+  bool force = false;        /* take policy files that have errors */
   std::string tlocs;
   bool json = false;
   uint32_t jobs = 1; /* as of eval */

@@ -28,6 +28,9 @@ Where the configuration has words, numbers are taken too. --route has the same
 members, type=route being the default; a TLOC's are tloc, color and encap, and each
 group is its own: --route tloc=10.0.0.1,color=mpls,group=1,group=2,origin=4/2
 
+--routes-format takes CSV whose first line names its columns as --route does, what
+"ip -j route" prints, and routing tables in MRT (TABLE_DUMP_V2).
+
 A membership policy is asked about a VPN alone:
   {"type":"service", "vpn":10}
 

@@ -25,6 +25,7 @@ int run(const std::vector<std::string>& words) {
   if (line.command == "serve") return polctl::run_serve(line.serve, &out);
   if (line.command == "test") return polctl::run_test(line.test, &out);
   if (line.command == "show") return polctl::run_show(line.show, &out);
+  if (line.command == "report") return polctl::run_report(line.report, &out);
   if (line.command == "clear") return polctl::run_clear(line.clear, &out);
   if (line.command == "watch") return polctl::run_watch(line.watch, &out);
   out.write(line.output);

@@ -12,6 +12,7 @@
 #include "test_report.h"
 #include "test_runner.h"
 #include "tool/commands.h"
+#include "tool/importing/route_import.h"
 #include "tool/live_client.h"
 #include "tool/tloc_reader.h"
 
@@ -42,7 +43,7 @@ int ask_host(TestOptions options, Output* out) {
     options.sizes.push_back(add(file, "a file of tests"));
   }
   if (!options.routes.empty()) {
-    options.routes_name = shown_name(options.routes);
+    if (options.routes_name.empty()) options.routes_name = shown_name(options.routes);
     options.sizes.push_back(add(options.routes, "a file of routes"));
   }
   return ask_live(options.source.live, {options, std::move(input)}, out);
@@ -50,7 +51,11 @@ int ask_host(TestOptions options, Output* out) {
 
 }  // namespace
 
-int run_test(const TestOptions& options, Output* out) {
+int run_test(const TestOptions& given, Output* out) {
+  TestOptions options = given;
+  ImportedRoutes imported(options.routes_format, options.routes);
+  options.routes = imported.path();
+  options.routes_name = imported.name();
   if (!options.source.live.empty()) return ask_host(options, out);
   PolicySource source = load_policy(options.source);
   if (!options.tlocs.empty()) load_resolvable_tlocs(options.tlocs);

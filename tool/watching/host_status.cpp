@@ -27,9 +27,26 @@ std::string json_array(const std::vector<std::string>& texts) {
 }
 
 std::string json_object(const CommitNote& commit) {
-  return fmt::format(R"({{"number":{},"time":"{}","changes":{},"changed":{},"called":{}}})",
-                     commit.number, time_text(commit.time), commit.changes,
-                     json_array(commit.changed), json_array(commit.called));
+  const CommitDetail none;
+  const CommitDetail& detail = commit.detail ? *commit.detail : none;
+  bool read = commit.detail.has_value() && detail.problem.empty();
+  return fmt::format(
+      R"({{"number":{},"time":"{}","user":{},"client":{},"comment":{},"changes":{},"changed":{},)"
+      R"("called":{},"lines":{}}})",
+      commit.number, time_text(commit.time), json_string(detail.user), json_string(detail.client),
+      json_string(detail.comment), commit.changes, json_array(commit.changed),
+      json_array(commit.called), read ? json_array(detail.lines) : "null");
+}
+
+// What it did, as lines if they are known.
+void write_commit(const CommitNote& commit, Output* out) {
+  out->print("commit {} at {}: {} change{}, called back: {}\n", commit.number,
+             time_text(commit.time), grouped(commit.changes), commit.changes == 1 ? "" : "s",
+             commit.called.empty() ? "nobody" : printable(joined(commit.called, ", ")));
+  bool read = commit.detail.has_value() && commit.detail->problem.empty();
+  for (const std::string& each : read ? commit.detail->lines : commit.changed) {
+    out->print("  {}\n", printable(each));
+  }
 }
 
 void line(Output* out, std::string_view what, const std::string& text) {
@@ -96,8 +113,9 @@ void write_status_text(const HostStatus& status, Output* out) {
 void write_status_json(const HostStatus& status, Output* out) {
   const HostCounts& counts = status.counters->host;
   const CommitNote* commit = last_commit(status);
-  out->print(R"({{"version":"{}","started":"{}","agent":{{"port":{},"inside":{}}},)", pol_version(),
-             time_text(status.started), status.agent_port, status.agent_inside);
+  out->print(R"({{"version":"{}","started":"{}","agent":{{"port":{},"inside":{},"sessions":{}}},)",
+             pol_version(), time_text(status.started), status.agent_port, status.agent_inside,
+             status.sessions < 0 ? "null" : std::to_string(status.sessions));
   out->print(R"("last_commit":{},"policies":{},"absent":{},"awaited":{},)",
              commit == nullptr ? "null" : json_object(*commit), status.policies,
              json_array(status.absent), json_array(status.awaited));
@@ -121,12 +139,7 @@ void write_status_json(const HostStatus& status, Output* out) {
 }
 
 void write_commits_text(const std::deque<CommitNote>& commits, Output* out) {
-  for (const CommitNote& commit : commits) {
-    out->print("commit {} at {}: {} change{}, called back: {}\n", commit.number,
-               time_text(commit.time), grouped(commit.changes), commit.changes == 1 ? "" : "s",
-               commit.called.empty() ? "nobody" : printable(joined(commit.called, ", ")));
-    for (const std::string& each : commit.changed) out->print("  {}\n", printable(each));
-  }
+  for (const CommitNote& commit : commits) write_commit(commit, out);
   if (commits.empty()) out->write("no commits since the start\n");
 }
 

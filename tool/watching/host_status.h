@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "host/graph_model.h"
 #include "host/output.h"
 #include "policy/pol_yarrow_thread.h"
+#include "tool/watching/commit_reader.h"
 
 namespace polctl {
 
@@ -25,9 +27,9 @@ struct CommitNote {
   int64_t number = 0;
   WallTime time; /* when the host had it */
   uint64_t changes = 0;
-  std::vector<std::string>
-      changed; /* entries: "control-policy branch sequence 10" and what happened */
-  std::vector<std::string> called; /* back */
+  std::vector<std::string> changed;   /* "new site-list hub"; the first kEntriesRead */
+  std::vector<std::string> called;    /* back */
+  std::optional<CommitDetail> detail; /* once it is read */
 };
 
 inline constexpr size_t kCommitsKept = 50;
@@ -35,6 +37,7 @@ inline constexpr size_t kCommitsKept = 50;
 struct HostStatus {
   uint16_t agent_port = 0;
   bool agent_inside = false; /* this process's own */
+  int64_t sessions = -1;     /* that the agent has; negative: not known */
   WallTime started;
   size_t policies = 0;              /* control and membership policies in use */
   std::vector<std::string> absent;  /* named and not configured */

@@ -1,0 +1,71 @@
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * commit_reader.h - what a commit changed, as set-lines old and new, from the agent's own history: it
+ * keeps the configurations that rollback reaches.
+ */
+#ifndef TOOL_WATCHING_COMMIT_READER_H
+#define TOOL_WATCHING_COMMIT_READER_H
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tool/watching/changed_entries.h"
+
+namespace polctl {
+
+struct CommitDetail {
+  std::string user; /* as the agent noted them; "": not known */
+  std::string client;
+  std::string comment;
+  std::vector<std::string> lines; /* "- set ..." and "+ set ..." */
+  std::string problem;            /* why there are none; "": there are */
+};
+
+/* Reads the entries before and after the commit; beyond kEntriesRead of them a line says how many are
+ * left out. `from` is the commit that the batch before told of: a batch may tell of several. Uses a
+ * session of its own. Problems with the agent, and a commit that is not kept any more, are the
+ * detail's. */
+inline constexpr size_t kEntriesRead = 100;
+CommitDetail read_commit(uint16_t port, int64_t from, int64_t number,
+                         const std::vector<ChangedEntry>& entries);
+
+/* Does so in a thread of its own, for a host that waits for nobody. */
+class CommitReader {
+ public:
+  explicit CommitReader(uint16_t port);
+  ~CommitReader();
+  CommitReader(const CommitReader&) = delete;
+  CommitReader& operator=(const CommitReader&) = delete;
+
+  /* Beyond kAsked that wait, the oldest goes unread. */
+  void ask(int64_t from, int64_t number, std::vector<ChangedEntry> entries);
+  /* What has been read since the last call, by commit. */
+  std::map<int64_t, CommitDetail> take();
+
+ private:
+  static constexpr size_t kAsked = 50;
+  struct Question {
+    int64_t from;
+    int64_t number;
+    std::vector<ChangedEntry> entries;
+  };
+  void run();
+
+  const uint16_t port_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool over_ = false;
+  std::deque<Question> asked_;
+  std::map<int64_t, CommitDetail> read_;
+  std::thread thread_;
+};
+
+}  // namespace polctl
+
+#endif
