@@ -20,6 +20,7 @@
 #include "importing/route_import.h"
 #include "json_line.h"
 #include "policy/pol_util.h"
+#include "proof/proof_diff.h"
 #include "set_rules.h"
 #include "summary.h"
 #include "terminal.h"
@@ -87,18 +88,6 @@ bool same(const Kept& a, const Kept& b) {
   return a.action == b.action && a.is_default == b.is_default && a.sequence == b.sequence &&
          ((a.applied ^ b.applied) & kShown) == 0 && a.tag == b.tag &&
          a.preference == b.preference && a.tlocs == b.tlocs && a.vpns == b.vpns;
-}
-
-PolicyOptions source_of(const std::string& file, bool force) {
-  PolicyOptions options;
-  options.force = force;
-  SourceFile source(file, "a policy file or configuration");
-  if (source.is_configuration()) {
-    options.config = {file};
-  } else {
-    options.policy_file = file;
-  }
-  return options;
 }
 
 // The policy named, or the only one.
@@ -285,7 +274,20 @@ class Differences {
 
 }  // namespace
 
+PolicyOptions source_of(const std::string& file, bool force) {
+  PolicyOptions options;
+  options.force = force;
+  SourceFile source(file, "a policy file or configuration");
+  if (source.kind() == SourceKind::kConfiguration) {
+    options.config = {file};
+  } else {
+    options.policy_file = file;
+  }
+  return options;
+}
+
 int run_diff(const DiffOptions& options, Output* out) {
+  if (options.routes.empty()) return run_proof_diff(options, out);
   // They are asked twice.
   std::optional<MemoryFile> kept;
   ImportedRoutes imported(options.routes_format, options.routes);

@@ -329,6 +329,20 @@ class Serving {
     }
     return answer_dump(options, to);
   }
+  static int answer_one(SearchOptions options, const std::string& /*input*/, Output* to) {
+    bool known = (options.kind == POL_KIND_ROUTE || options.kind == POL_KIND_MEMBERSHIP) &&
+                 options.direction <= POL_DIR_OUT && options.action <= POL_REJECT;
+    if (!known) throw InputError("polctl: error: an unknown kind, direction or action");
+    options.source.config = {"running configuration"};
+    // The host stands still meanwhile.
+    options.limits.insert(options.limits.begin(), "5s");
+    try {
+      return answer_search(options, to);
+    } catch (const InternalError& error) {
+      to->print("{}\n", error.what());
+      return kInternal;
+    }
+  }
   int answer_one(const GraphOptions& options, const std::string& /*input*/, Output* to) const {
     return answer_graph(options, source_, to);
   }

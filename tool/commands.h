@@ -41,6 +41,23 @@ int run_eval(const EvalOptions& options, Output* out);
 /* `decisions`, unless null, counts what was answered, also where it ends with an error. */
 int answer_eval(const EvalOptions& options, Output* out, Decisions* decisions = nullptr);
 
+struct SearchOptions {
+  PolicyOptions source;
+  std::string policy;
+  uint32_t kind = POL_KIND_ROUTE;
+  uint32_t direction = POL_DIR_NONE; /* as of eval */
+  uint32_t action = 0;               /* enum pol_action; 0: either */
+  std::string sequence;              /* its number, or "default"; "": any */
+  std::vector<std::string> where;    /* conditions (proof/condition.h), which all hold */
+  std::vector<std::string> limits;   /* of memory and time */
+  bool all = false;                  /* every kind of route, not one a sequence */
+  bool json = false;
+};
+
+/* Says whether there is a route that fits, and shows one a sequence. kFindings when there is none. */
+int run_search(const SearchOptions& options, Output* out);
+int answer_search(const SearchOptions& options, Output* out);
+
 struct TestOptions {
   PolicyOptions source;
   std::vector<std::string> files;
@@ -161,16 +178,22 @@ struct DiffOptions {
   std::string new_file;
   std::string policy;                /* empty: the only route policy there is in both */
   uint32_t direction = POL_DIR_NONE; /* as of eval */
-  std::string routes;
-  std::string routes_format; /* as of eval */
-  bool force = false;        /* take policy files that have errors */
+  std::string routes;                /* empty: of every route there can be */
+  std::string routes_format;         /* as of eval */
+  std::vector<std::string> limits;   /* of memory and time, without routes */
+  PolicyOptions source;              /* an agent has the old policy, in place of a file */
+  bool force = false;                /* take policy files that have errors */
   std::string tlocs;
   bool json = false;
   uint32_t jobs = 1; /* as of eval */
 };
 
-/* Runs routes through two versions of a policy. kFindings when any of them is answered differently. */
+/* Runs routes through two versions of a policy, or compares them over all routes. kFindings when any is
+ * answered differently. */
 int run_diff(const DiffOptions& options, Output* out);
+
+/* How a file is loaded that is either, as its content tells. Throws InputError. */
+PolicyOptions source_of(const std::string& file, bool force);
 
 struct ConvertOptions {
   std::string file;

@@ -139,6 +139,17 @@ RouteSet RouteSet::with(BitField field, const std::vector<CodeRange>& ranges) {
   return RouteSet(ranges_below(field, ranges.data(), ranges.data() + ranges.size(), 0, 0));
 }
 
+RouteSet RouteSet::agreeing(const std::vector<int8_t>& bits) {
+  RouteSet routes = all();
+  for (size_t i = bits.size(); i-- > 0;) {
+    if (bits[i] == -1) continue;
+    BDD bit = bdd_ithvar(static_cast<int>(i));
+    routes = RouteSet(bits[i] == 1 ? bdd_ite(bit, routes.node_, kNone)
+                                   : bdd_ite(bit, kNone, routes.node_));
+  }
+  return routes;
+}
+
 bool RouteSet::holds_all(const std::vector<int8_t>& bits) const {
   std::unordered_set<int> seen;
   std::vector<int> open = {node_};
