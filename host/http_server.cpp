@@ -26,8 +26,6 @@ namespace polctl {
 
 namespace {
 
-constexpr int kBacklog = 64;
-
 // A request that is here, and the answer to it.
 class Exchange : public httplib::Stream {
  public:
@@ -109,7 +107,7 @@ int listen_at(Place* place) {
   int one = 1;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   socklen_t size = place->size;
-  if (fd < 0 || bind(fd, address, size) != 0 || listen(fd, kBacklog) != 0 ||
+  if (fd < 0 || bind(fd, address, size) != 0 || listen(fd, PolledServer::kBacklog) != 0 ||
       getsockname(fd, address, &size) != 0) {
     int error = errno;
     if (fd >= 0) close(fd);

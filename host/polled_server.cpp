@@ -20,7 +20,6 @@ namespace polctl {
 
 namespace {
 
-constexpr int kBacklog = 64;
 constexpr size_t kBlock = 65536;
 
 // What is left of a host that died refuses connections; anything else is not ours to take away.
@@ -58,7 +57,8 @@ SocketFile::SocketFile(const std::string& path) : path_(path) {
   int error = errno;
   umask(before);
   struct stat made = {};
-  if (status == 0 && lstat(path.c_str(), &made) == 0 && listen(listener_, kBacklog) == 0) {
+  if (status == 0 && lstat(path.c_str(), &made) == 0 &&
+      listen(listener_, PolledServer::kBacklog) == 0) {
     device_ = made.st_dev;
     inode_ = made.st_ino;
     return;

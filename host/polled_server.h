@@ -24,6 +24,7 @@ namespace polctl {
 class PolledServer {
  public:
   static constexpr size_t kMaxClients = 16;
+  static constexpr int kBacklog = 64;                            /* that wait to become clients */
   static constexpr auto kPatience = std::chrono::seconds(10);    /* without a byte either way */
   static constexpr auto kRequestTime = std::chrono::seconds(30); /* for a whole request */
   static constexpr auto kGrace = std::chrono::seconds(1);        /* where others wait for a place */

@@ -161,6 +161,13 @@ void add_json(CLI::App* command, bool* json, const char* help) {
       ->option_text("text|json");
 }
 
+void add_jobs(CLI::App* command, uint32_t* jobs) {
+  *jobs = 0;
+  command->add_option("--jobs", *jobs, "evaluate on so many threads (default: one a processor)")
+      ->check(CLI::Range(1, 256))
+      ->option_text("N");
+}
+
 void add_kind(CLI::App* command, uint32_t* kind) {
   command
       ->add_option_function<std::string>(
@@ -195,6 +202,7 @@ void add_eval(CLI::App& app, EvalOptions* options) {
   add_json(command, &options->json, "answer one JSON object a line");
   command->add_flag("--explain", options->explain,
                     "say for every sequence tried what failed, and what decided and why");
+  add_jobs(command, &options->jobs);
   command->footer(kEvalHelp);
 }
 
@@ -404,6 +412,7 @@ void add_diff(CLI::App& app, DiffOptions* options) {
   add_tlocs(command, &options->tlocs);
   add_json(command, &options->json, "one JSON object a line for each route that differs");
   command->add_flag("--force", options->force, "take policy files that have errors");
+  add_jobs(command, &options->jobs);
   command->footer(kDiffHelp);
 }
 
@@ -684,6 +693,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
     settle_source(command, each.source);
     require_here(*each.source, each.tlocs, "TLOCs");
   }
+  require_here(line.eval.source, line.eval.jobs != 0, "number of jobs");
   require_here(line.document.source, line.document.applied.any(), "policies applied");
   require_one_input(line);
   if (line.command == "diff") settle_diff(command, &line.diff);

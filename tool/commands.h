@@ -33,6 +33,7 @@ struct EvalOptions {
   std::string tlocs;                 /* empty: each TLOC resolves to itself */
   bool json = false;
   bool explain = false;
+  uint32_t jobs = 1; /* threads that evaluate; 0: one a processor */
 };
 
 /* Runs routes through a policy. kDone whatever the verdicts are: they are the answer. */
@@ -186,6 +187,7 @@ struct DiffOptions {
   bool force = false;                /* take policy files that have errors */
   std::string tlocs;
   bool json = false;
+  uint32_t jobs = 1; /* as of eval */
 };
 
 /* Runs routes through two versions of a policy, or compares them over all routes. kFindings when any is

@@ -10,6 +10,7 @@
 
 #include "host/address_text.h"
 #include "host/input_error.h"
+#include "host/output.h"
 
 namespace polctl {
 
@@ -228,6 +229,12 @@ void split_json_line(std::string_view text, JsonLine* line, size_t depth) {
 
 std::string json_string(std::string_view text) {
   return json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+std::string json_array(const std::vector<std::string>& texts) {
+  std::vector<std::string> quoted;
+  for (const std::string& text : texts) quoted.push_back(json_string(text));
+  return "[" + joined(quoted, ",") + "]";
 }
 
 void json_expect(const JsonField& field, JsonType type, const char* expected) {

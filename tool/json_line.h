@@ -44,6 +44,7 @@ void split_json_line(std::string_view text, JsonLine* line, size_t depth = kRout
 
 /* The text as a JSON string with its quotes; bytes that are not UTF-8 are replaced. */
 std::string json_string(std::string_view text);
+std::string json_array(const std::vector<std::string>& texts); /* of strings */
 
 /* Readers of a field's value; throw LineFaultError when it has another type or is out of range. */
 uint64_t json_number(const JsonField& field, uint64_t highest);

@@ -20,12 +20,6 @@ const CommitNote* last_commit(const HostStatus& status) {
   return status.commits->empty() ? nullptr : &status.commits->back();
 }
 
-std::string json_array(const std::vector<std::string>& texts) {
-  std::vector<std::string> quoted;
-  for (const std::string& text : texts) quoted.push_back(json_string(text));
-  return "[" + joined(quoted, ",") + "]";
-}
-
 std::string json_object(const CommitNote& commit) {
   const CommitDetail none;
   const CommitDetail& detail = commit.detail ? *commit.detail : none;

@@ -7,6 +7,7 @@
 #include "host/address_text.h"
 #include "policy/pol_context.h"
 #include "tool/watching/host_status.h"
+#include "tool/watching/policy_view.h"
 
 namespace polctl {
 
@@ -59,11 +60,6 @@ class Metrics {
   double created_;
   const char* name_ = "";
 };
-
-bool decides(const GraphNode& node) {
-  return node.type == POL_GRAPH_POLICY &&
-         (node.kind == POL_KIND_ROUTE || node.kind == POL_KIND_MEMBERSHIP);
-}
 
 void write_decided(Metrics* metrics, const std::string& head, const std::string& sequence,
                    const Decided& decided) {

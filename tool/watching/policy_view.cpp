@@ -15,13 +15,14 @@
 
 namespace polctl {
 
+bool decides(const GraphNode& node) {
+  return node.type == POL_GRAPH_POLICY &&
+         (node.kind == POL_KIND_ROUTE || node.kind == POL_KIND_MEMBERSHIP);
+}
+
 namespace {
 
 // Only these are asked about routes; what others decide the library does not see.
-bool decides(const GraphNode& policy) {
-  return policy.kind == POL_KIND_ROUTE || policy.kind == POL_KIND_MEMBERSHIP;
-}
-
 struct Clauses {
   std::vector<std::string> match;
   std::vector<std::string> set;
@@ -95,12 +96,6 @@ std::vector<const GraphNode*> users_of(const Graph& graph, size_t policy) {
 
 std::string count_text(bool counted, uint64_t count) {
   return counted ? grouped(count) : std::string();
-}
-
-std::string json_array(const std::vector<std::string>& texts) {
-  std::vector<std::string> quoted;
-  for (const std::string& text : texts) quoted.push_back(json_string(text));
-  return "[" + joined(quoted, ",") + "]";
 }
 
 std::string decided_json(bool counted, const Decided& decided) {

@@ -15,6 +15,9 @@
 
 namespace polctl {
 
+/* Is it a policy that routes or members are decided by? Data policies are handed on. */
+bool decides(const GraphNode& node);
+
 /* The graph's policies of that name, of whatever kind. Throws InputError, naming what is near, when
  * there is none. */
 std::vector<size_t> policies_named(const Graph& graph, const std::string& name);
