@@ -134,6 +134,14 @@ void add_tlocs(CLI::App* command, std::string* tlocs) {
       ->type_name("FILE");
 }
 
+void add_limits(CLI::App* command, std::vector<std::string>* limits) {
+  command
+      ->add_option("--limit", *limits,
+                   "what a proof may take before the answer is \"not known\" (60s, 400MB)")
+      ->option_text("SECONDSs|MEGABYTESMB")
+      ->allow_extra_args(false);
+}
+
 void add_routes_format(CLI::App* command, std::string* format) {
   command
       ->add_option("--routes-format", *format,
@@ -151,6 +159,13 @@ void add_json(CLI::App* command, bool* json, const char* help) {
           "text (default) or json, which is --json")
       ->check(CLI::IsMember({"text", "json"}))
       ->option_text("text|json");
+}
+
+void add_jobs(CLI::App* command, uint32_t* jobs) {
+  *jobs = 0;
+  command->add_option("--jobs", *jobs, "evaluate on so many threads (default: one a processor)")
+      ->check(CLI::Range(1, 256))
+      ->option_text("N");
 }
 
 void add_kind(CLI::App* command, uint32_t* kind) {
@@ -187,6 +202,7 @@ void add_eval(CLI::App& app, EvalOptions* options) {
   add_json(command, &options->json, "answer one JSON object a line");
   command->add_flag("--explain", options->explain,
                     "say for every sequence tried what failed, and what decided and why");
+  add_jobs(command, &options->jobs);
   command->footer(kEvalHelp);
 }
 
@@ -207,6 +223,7 @@ void add_test(CLI::App& app, TestOptions* options) {
           "--json", [options] { options->format = "json"; }, "the same as --format json")
       ->excludes(format);
   command->add_flag("--explain", options->explain, "say of each failure every sequence tried");
+  add_limits(command, &options->limits);
   command->add_flag("--coverage", options->coverage, "say what was never reached");
   command->add_option("--routes", options->routes, "routes that reach too, for the coverage")
       ->type_name("FILE");
@@ -326,6 +343,8 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
       ->allow_extra_args(false);
   add_applied(command, &options->applied);
   add_tlocs(command, &options->tlocs);
+  command->add_flag("--announce", options->announce,
+                    "tell of each commit which kinds of routes it has answered otherwise");
   command
       ->add_option("--log", options->log,
                    "where events go, without it as lines to standard output: stderr, syslog, or "
@@ -340,14 +359,6 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
                     "print the options in force as such a file, and end");
   add_trace(command, &options->source);
   command->footer(kServeHelp);
-}
-
-void add_limits(CLI::App* command, std::vector<std::string>* limits) {
-  command
-      ->add_option("--limit", *limits,
-                   "what a proof may take before the answer is \"not known\" (60s, 400MB)")
-      ->option_text("SECONDSs|MEGABYTESMB")
-      ->allow_extra_args(false);
 }
 
 void add_search(CLI::App& app, SearchOptions* options) {
@@ -401,6 +412,7 @@ void add_diff(CLI::App& app, DiffOptions* options) {
   add_tlocs(command, &options->tlocs);
   add_json(command, &options->json, "one JSON object a line for each route that differs");
   command->add_flag("--force", options->force, "take policy files that have errors");
+  add_jobs(command, &options->jobs);
   command->footer(kDiffHelp);
 }
 
@@ -683,6 +695,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
     settle_source(command, each.source);
     require_here(*each.source, each.tlocs, "TLOCs");
   }
+  require_here(line.eval.source, line.eval.jobs != 0, "number of jobs");
   require_here(line.document.source, line.document.applied.any(), "policies applied");
   require_one_input(line);
   if (line.command == "diff") settle_diff(command, &line.diff);

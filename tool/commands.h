@@ -33,6 +33,7 @@ struct EvalOptions {
   std::string tlocs;                 /* empty: each TLOC resolves to itself */
   bool json = false;
   bool explain = false;
+  uint32_t jobs = 1; /* threads that evaluate; 0: one a processor */
 };
 
 /* Runs routes through a policy. kDone whatever the verdicts are: they are the answer. */
@@ -67,7 +68,8 @@ struct TestOptions {
   std::string format = "text"; /* or "json", "junit", "tap" */
   bool explain = false;
   bool coverage = false;
-  std::string routes; /* asked too, for the coverage; "": none */
+  std::vector<std::string> limits; /* bounds of each statement about all routes */
+  std::string routes;              /* asked too, for the coverage; "": none */
   std::string routes_name;
   std::string routes_format; /* as of eval */
 };
@@ -165,6 +167,7 @@ struct ServeOptions {
   std::vector<std::string> http_hosts;        /* names it is reached by besides */
   std::map<std::string, uint32_t> directions; /* by policy; inbound where none is given */
   std::string log; /* where events go, as service::log_target_of knows it; "": standard output */
+  bool announce = false;    /* tell of each commit which routes are answered otherwise */
   std::string options_file; /* where more options stand */
   bool print_config = false;
 };
@@ -184,6 +187,7 @@ struct DiffOptions {
   bool force = false;                /* take policy files that have errors */
   std::string tlocs;
   bool json = false;
+  uint32_t jobs = 1; /* as of eval */
 };
 
 /* Runs routes through two versions of a policy, or compares them over all routes. kFindings when any is

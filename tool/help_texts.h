@@ -49,7 +49,9 @@ what is expected of the answer. What is left out is not looked at:
    "expect":{"action":"accept", "sequence":60, "set":{"preference":300, "tag":null},
              "tlocs":[{"address":"172.16.1.1", "color":"mpls"}], "vpns":[[10,19]]}}
 A sequence of null is the default action, a tag or preference of null is not set.
-"kind":"membership" asks a membership policy.
+"kind":"membership" asks a membership policy. Or a line says what must never be,
+whatever the route; its conditions are those of "polctl help search":
+  {"policy":"branch", "never":{"action":"accept", "where":["type=route", "tag=666"]}}
 
 Reached is a sequence that decided, a clause that held, a list element that took a
 value. The routes of --routes are asked of every control policy. The exit status is

@@ -448,6 +448,30 @@ TEST_F(ServeTest, TakesUpWhatIsConfiguredLater) {
   EXPECT_EQ(server_->stop(SIGTERM), 0);
 }
 
+TEST_F(ServeTest, AnnouncesWhatACommitChanges) {
+  start({"--config", kConfig, "--announce", "--apply", "out:out"});
+  auto next_until = [this](const std::string& end) {
+    std::string all;
+    for (std::string line; all.find(end) == std::string::npos;) {
+      line = server_->next_line();
+      if (line.empty()) break;
+      all += line + "\n";
+    }
+    return all;
+  };
+  commit(R"(<policy xmlns="urn:zenodra:policy"><control-policy><name>out</name><sequence>
+      <number>1</number><match><type>route</type><tag>77</tag></match><action>
+      <action-value>accept</action-value></action></sequence></control-policy></policy>)");
+  // Labels that the worker writes are commits too.
+  std::string told = next_until("1 kind of routes answered differently");
+  EXPECT_NE(told.find("tag 77"), std::string::npos) << told;
+  commit(R"(<policy xmlns="urn:zenodra:policy"><lists><site-list><name>unused</name></site-list>
+      </lists></policy>)");
+  std::string unchanged = next_until("no route is answered differently");
+  EXPECT_NE(unchanged.find("no route is answered differently"), std::string::npos) << unchanged;
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+}
+
 TEST_F(ServeTest, AReaderThatStandsStillHoldsNothingUp) {
   server_->fill();
   for (int i = 0; i < 3; ++i) {
