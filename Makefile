@@ -61,7 +61,7 @@ fuzz:
 
 bench: setup
 	@cmake --preset bench --log-level=WARNING >/dev/null
-	@$(call CMAKE_BUILD,bench) --target pol_bench agent_bench config_bench document_bench path_bench
+	@$(call CMAKE_BUILD,bench) --target pol_bench agent_bench config_bench document_bench path_bench proof_bench
 	@build-bench/bin/pol_bench
 	@printf '\n'
 	@build-bench/bin/agent_bench
@@ -71,6 +71,8 @@ bench: setup
 	@build-bench/bin/document_bench
 	@printf '\n'
 	@build-bench/bin/path_bench
+	@printf '\n'
+	@build-bench/bin/proof_bench
 
 # Copies what `make build` left: a build by the user can be installed by root, and neither asks for
 # packages.

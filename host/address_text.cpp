@@ -2,6 +2,7 @@
 #include "address_text.h"
 
 #include <arpa/inet.h>
+#include <fmt/compile.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -32,6 +33,35 @@ bool read_small(std::string_view text, size_t* at, unsigned* value) {
   *value = n;
   bool more = *at < text.size() && is_digit(text[*at]);
   return *at > start && !more && (text[start] != '0' || *at == start + 1);
+}
+
+// A number of at most three digits without a leading zero at the text's beginning, taken off it.
+bool take_small(const char** at, const char* end, unsigned highest, unsigned* value) {
+  const char* next = *at;
+  if (next == end || !is_digit(*next)) return false;
+  unsigned n = static_cast<unsigned>(*next++ - '0');
+  if (n != 0) {
+    for (int more = 0; more < 2 && next != end && is_digit(*next); ++more) {
+      n = n * 10 + static_cast<unsigned>(*next++ - '0');
+    }
+  }
+  *at = next;
+  *value = n;
+  return n <= highest;
+}
+
+// Four octets at the beginning, taken off it. Says nothing of faults.
+bool quick_v4(const char** at, const char* end, t_ipaddr* address) {
+  uint32_t value = 0;
+  for (int octet = 0; octet < 4; ++octet) {
+    unsigned n = 0;
+    if (octet > 0 && (*at == end || *(*at)++ != '.')) return false;
+    if (!take_small(at, end, 255, &n)) return false;
+    value = value << 8 | n;
+  }
+  address->family = KEL_AF_INET;
+  address->addr.v4 = value;
+  return true;
 }
 
 bool parse_v4(std::string_view text, t_ipaddr* address, LineFault* fault) {
@@ -78,6 +108,9 @@ bool parse_v6(std::string_view text, t_ipaddr* address, LineFault* fault) {
 }  // namespace
 
 bool parse_address(std::string_view text, t_ipaddr* address, LineFault* fault) {
+  const char* at = text.data();
+  const char* end = at + text.size();
+  if (quick_v4(&at, end, address) && at == end) return true;
   if (text.find(':') != std::string_view::npos) return parse_v6(text, address, fault);
   if (text.empty() || !is_digit(text[0])) {
     return fail(fault, 0, fmt::format("{} is no address", in_quotes(text)), kAddressForm);
@@ -86,6 +119,14 @@ bool parse_address(std::string_view text, t_ipaddr* address, LineFault* fault) {
 }
 
 bool parse_prefix(std::string_view text, t_ipprefix* prefix, LineFault* fault) {
+  const char* next = text.data();
+  const char* end = next + text.size();
+  unsigned bits = 0;
+  if (quick_v4(&next, end, &prefix->addr) && next != end && *next++ == '/' &&
+      take_small(&next, end, 32, &bits) && next == end) {
+    prefix->len = static_cast<uint8_t>(bits);
+    return true;
+  }
   size_t slash = text.find('/');
   std::string_view head = text.substr(0, slash);
   bool looks_v6 = head.find(':') != std::string_view::npos;
@@ -94,28 +135,33 @@ bool parse_prefix(std::string_view text, t_ipprefix* prefix, LineFault* fault) {
   }
   if (!parse_address(head, &prefix->addr, fault)) return false;
   unsigned width = looks_v6 ? 128 : 32;
-  std::string expected = fmt::format("a length from 0 to {}", width);
+  auto expected = [width] { return fmt::format("a length from 0 to {}", width); };
   if (slash == std::string_view::npos) {
     return fail(fault, text.size(), fmt::format("no length after {}", in_quotes(text)),
-                fmt::format("/ and {}", expected));
+                fmt::format("/ and {}", expected()));
   }
   size_t at = slash + 1;
   unsigned length = 0;
   if (!read_small(text, &at, &length) || at != text.size() || length > width) {
     return fail(fault, slash + 1,
-                fmt::format("bad prefix length {}", in_quotes(text.substr(slash + 1))), expected);
+                fmt::format("bad prefix length {}", in_quotes(text.substr(slash + 1))), expected());
   }
   prefix->len = static_cast<uint8_t>(length);
   return true;
 }
 
 std::string address_text(const t_ipaddr& address) {
+  if (address.family == KEL_AF_INET) {
+    uint32_t v4 = address.addr.v4;
+    return fmt::format(FMT_COMPILE("{}.{}.{}.{}"), v4 >> 24, v4 >> 16 & 255, v4 >> 8 & 255,
+                       v4 & 255);
+  }
   char text[INET6_ADDRSTRLEN];
   return ipaddr_print(&address, text, sizeof text);
 }
 
 std::string prefix_text(const t_ipprefix& prefix) {
-  return fmt::format("{}/{}", address_text(prefix.addr), unsigned{prefix.len});
+  return address_text(prefix.addr).append("/").append(std::to_string(unsigned{prefix.len}));
 }
 
 std::string tloc_address_text(const t_tloc_id& tloc) {

@@ -13,10 +13,21 @@
 namespace polctl {
 
 /* Exit statuses of every command. */
-enum ExitStatus { kDone = 0, kFindings = 1, kBadInput = 2 };
+enum ExitStatus {
+  kDone = 0,
+  kFindings = 1,
+  kBadInput = 2,
+  kInternal = 3, /* the tool contradicts the library */
+  kNotKnown = 4  /* a bound was met, or the answer is not the policy's alone */
+};
 
 /* Ends a command with kBadInput; what() is the whole line for stderr. */
 struct InputError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+/* Ends a command with kInternal; what() is the whole line. */
+struct InternalError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 

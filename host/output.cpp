@@ -19,11 +19,10 @@ std::string joined(const std::vector<std::string>& texts, std::string_view separ
   return all;
 }
 
-void Output::flush() {
-  const char* next = buffer_.data();
-  size_t left = gone_ ? 0 : buffer_.size();
-  while (left > 0) {
-    ssize_t written = ::write(fd_, next, left);
+void Output::write_out(std::string_view text) {
+  if (gone_) return;
+  while (!text.empty()) {
+    ssize_t written = ::write(fd_, text.data(), text.size());
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) {
       int error = errno;
@@ -32,10 +31,19 @@ void Output::flush() {
       if (error == EPIPE) return;
       throw InputError(fmt::format("polctl: error: cannot write the answer: {}", strerror(error)));
     }
-    next += written;
-    left -= static_cast<size_t>(written);
+    text.remove_prefix(static_cast<size_t>(written));
   }
+}
+
+void Output::flush() {
+  write_out(text());
   buffer_.clear();
+}
+
+void Output::pass(std::string_view text) {
+  if (buffer_.size() + text.size() < kFull) return write(text);
+  flush();
+  write_out(text);
 }
 
 }  // namespace polctl

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "attribute_words.h"
 
-#include <fmt/format.h>
-
 #include "kel/tloc.h"
 
 namespace polctl {
@@ -78,7 +76,8 @@ const char* vocabulary_name(Vocabulary words) {
 
 std::string json_word(Vocabulary words, uint32_t number) {
   const char* word = word_of(words, number);
-  return *word != '\0' ? fmt::format("\"{}\"", word) : fmt::format("{}", number);
+  if (*word == '\0') return std::to_string(number);
+  return std::string(1, '"').append(word).append(1, '"');
 }
 
 const char* origin_word(Origin origin) {

@@ -5,9 +5,12 @@
 
 #include <unistd.h>
 
+#include <iterator>
 #include <map>
+#include <memory>
 #include <optional>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "commands.h"
@@ -17,6 +20,7 @@
 #include "importing/route_import.h"
 #include "json_line.h"
 #include "policy/pol_util.h"
+#include "proof/proof_diff.h"
 #include "set_rules.h"
 #include "summary.h"
 #include "terminal.h"
@@ -80,20 +84,10 @@ std::vector<Attribute> attributes_that_differ(const Kept& a, const Kept& b) {
 }
 
 bool same(const Kept& a, const Kept& b) {
+  constexpr uint8_t kShown = POL_APPLIED_TAG | POL_APPLIED_PREF;
   return a.action == b.action && a.is_default == b.is_default && a.sequence == b.sequence &&
-         attributes_that_differ(a, b).empty();
-}
-
-PolicyOptions source_of(const std::string& file, bool force) {
-  PolicyOptions options;
-  options.force = force;
-  SourceFile source(file, "a policy file or configuration");
-  if (source.is_configuration()) {
-    options.config = {file};
-  } else {
-    options.policy_file = file;
-  }
-  return options;
+         ((a.applied ^ b.applied) & kShown) == 0 && a.tag == b.tag &&
+         a.preference == b.preference && a.tlocs == b.tlocs && a.vpns == b.vpns;
 }
 
 // The policy named, or the only one.
@@ -108,17 +102,25 @@ std::string chosen_policy(const DiffOptions& options, const std::string& file) {
       "{}: error: it has {} route policies (expected one, or --policy NAME)", file, names.size()));
 }
 
-std::vector<Kept> answers_of(const std::string& file, RouteReader* routes,
-                             const DiffOptions& options, uint32_t* sets) {
+struct KeptPart : Part {
+  void add(const Verdict& verdict) override { answers.push_back(kept_of(verdict)); }
+  std::vector<Kept> answers;
+};
+
+std::vector<Kept> answers_of(const std::string& file, LinePieces* routes,
+                             const DiffOptions& options, uint32_t* sets, Output* out) {
   PolicySource source = load_policy(source_of(file, options.force));
   Evaluation evaluation(chosen_policy(options, file), POL_KIND_ROUTE, options.direction);
   *sets = policy_sets(chosen_policy(options, file));
   std::vector<Kept> answers;
   Progress progress("Asking the old policy", true);
-  while (const Verdict* verdict = evaluation.next(routes, false)) {
-    progress.step(routes->lines().position(), routes->lines().size());
-    answers.push_back(kept_of(*verdict));
-  }
+  auto take = [&](Part* part) {
+    std::vector<Kept>& more = static_cast<KeptPart*>(part)->answers;
+    answers.insert(answers.end(), std::make_move_iterator(more.begin()),
+                   std::make_move_iterator(more.end()));
+  };
+  evaluation.run(routes, {options.jobs, false, out, &progress,
+                          [] { return std::make_unique<KeptPart>(); }, take});
   return answers;
 }
 
@@ -127,6 +129,88 @@ void write_json_side(const char* name, const Kept& kept, Output* out) {
              kept.is_default ? "null" : std::to_string(kept.sequence));
 }
 
+using AlikeKey = std::tuple<bool, uint32_t, uint32_t, bool, uint32_t, uint32_t, std::string>;
+
+// Routes with the same difference, and the first of them.
+struct Alike {
+  uint64_t routes = 0;
+  Kept before;
+  Kept after;
+  std::string route;
+};
+
+Table::Cell verdict_cell(const Kept& kept) {
+  return {fmt::format("{}, {}", pol_util_action_str(kept.action), decider_text(kept)),
+          action_colour(kept.action)};
+}
+
+// Of some routes in a row.
+class DiffPart : public Part {
+ public:
+  DiffPart(const DiffOptions& options, const std::vector<Kept>& before)
+      : options_(options), before_(before) {}
+
+  void add(const Verdict& verdict) override {
+    if (verdict.index >= before_.size()) {
+      throw InputError(options_.routes + ": error: it grew meanwhile (expected a file that stays)");
+    }
+    const Kept& before = before_[verdict.index];
+    ++routes_;
+    Kept after = kept_of(verdict);
+    if (same(before, after)) return;
+    ++differ_;
+    if (options_.json) return write_json(verdict, before, after);
+    if (differ_ <= kFewRoutes) rows_.push_back(row(verdict, before, after));
+    std::vector<std::string> names;
+    for (const Attribute& each : attributes_that_differ(before, after))
+      names.emplace_back(each.name);
+    Alike& group = groups_[{before.is_default, before.sequence, before.action, after.is_default,
+                            after.sequence, after.action, joined(names, ", ")}];
+    if (group.routes++ == 0) group = {1, before, after, route_text_in_full(verdict)};
+  }
+
+ private:
+  friend class Differences;
+
+  static std::vector<Table::Cell> row(const Verdict& verdict, const Kept& a, const Kept& b) {
+    std::vector<std::string> parts;
+    for (const Attribute& each : attributes_that_differ(a, b)) {
+      parts.push_back(fmt::format("{} {} -> {}", each.name,
+                                  each.before.empty() ? "none" : each.before,
+                                  each.after.empty() ? "none" : each.after));
+    }
+    return {{route_text_in_full(verdict)}, verdict_cell(a), verdict_cell(b), {joined(parts, "; ")}};
+  }
+
+  void write_json(const Verdict& verdict, const Kept& a, const Kept& b) {
+    text_.print("{{\"index\":{},\"route\":{},", verdict.index, json_string(route_text(verdict)));
+    write_json_side("old", a, &text_);
+    text_.write(",");
+    write_json_side("new", b, &text_);
+    text_.write(",\"attributes\":{");
+    const char* separator = "";
+    auto side = [](const std::string& text) -> std::string {
+      if (text.empty()) return "null";
+      bool number = text.find_first_not_of("0123456789") == std::string::npos;
+      return number ? text : json_string(text);
+    };
+    for (const Attribute& each : attributes_that_differ(a, b)) {
+      text_.print("{}\"{}\":[{},{}]", separator, each.name, side(each.before), side(each.after));
+      separator = ",";
+    }
+    text_.write("}}\n");
+  }
+
+  const DiffOptions& options_;
+  const std::vector<Kept>& before_;
+  Output text_{Output::kNoFile};
+  std::vector<std::vector<Table::Cell>> rows_;
+  std::map<AlikeKey, Alike> groups_;
+  uint64_t routes_ = 0;
+  uint64_t differ_ = 0;
+};
+
+// Of all.
 class Differences {
  public:
   Differences(const DiffOptions& options, Output* out)
@@ -135,19 +219,19 @@ class Differences {
         palette_(out->fd()),
         table_("llll", {{"route"}, {"old"}, {"new"}, {"set differently"}}) {}
 
-  void add(const Verdict& verdict, const Kept& before) {
-    ++routes_;
-    Kept after = kept_of(verdict);
-    if (same(before, after)) return;
-    ++differ_;
-    if (options_.json) return write_json(verdict, before, after);
-    if (differ_ <= kFewRoutes) table_.add(row(verdict, before, after));
-    std::vector<std::string> names;
-    for (const Attribute& each : attributes_that_differ(before, after))
-      names.emplace_back(each.name);
-    Group& group = groups_[{before.is_default, before.sequence, before.action, after.is_default,
-                            after.sequence, after.action, joined(names, ", ")}];
-    if (group.routes++ == 0) group.example = {before, after, route_text_in_full(verdict)};
+  void take(DiffPart* part) {
+    out_->pass(part->text_.text());
+    if (differ_ <= kFewRoutes) {
+      for (auto& row : part->rows_) table_.add(std::move(row));
+    }
+    for (auto& [key, later] : part->groups_) {
+      Alike& group = groups_[key];
+      uint64_t routes = group.routes + later.routes;
+      if (group.routes == 0) group = std::move(later);
+      group.routes = routes;
+    }
+    routes_ += part->routes_;
+    differ_ += part->differ_;
   }
 
   bool any() const { return differ_ > 0; }
@@ -167,59 +251,14 @@ class Differences {
   }
 
  private:
-  struct Example {
-    Kept before;
-    Kept after;
-    std::string route;
-  };
-  struct Group {
-    uint64_t routes = 0;
-    Example example;
-  };
-  using Key = std::tuple<bool, uint32_t, uint32_t, bool, uint32_t, uint32_t, std::string>;
-
-  static Table::Cell verdict_cell(const Kept& kept) {
-    return {fmt::format("{}, {}", pol_util_action_str(kept.action), decider_text(kept)),
-            action_colour(kept.action)};
-  }
-
-  static std::vector<Table::Cell> row(const Verdict& verdict, const Kept& a, const Kept& b) {
-    std::vector<std::string> parts;
-    for (const Attribute& each : attributes_that_differ(a, b)) {
-      parts.push_back(fmt::format("{} {} -> {}", each.name,
-                                  each.before.empty() ? "none" : each.before,
-                                  each.after.empty() ? "none" : each.after));
-    }
-    return {{route_text_in_full(verdict)}, verdict_cell(a), verdict_cell(b), {joined(parts, "; ")}};
-  }
-
-  void write_json(const Verdict& verdict, const Kept& a, const Kept& b) {
-    out_->print("{{\"index\":{},\"route\":{},", verdict.index, json_string(route_text(verdict)));
-    write_json_side("old", a, out_);
-    out_->write(",");
-    write_json_side("new", b, out_);
-    out_->write(",\"attributes\":{");
-    const char* separator = "";
-    auto side = [](const std::string& text) -> std::string {
-      if (text.empty()) return "null";
-      bool number = text.find_first_not_of("0123456789") == std::string::npos;
-      return number ? text : json_string(text);
-    };
-    for (const Attribute& each : attributes_that_differ(a, b)) {
-      out_->print("{}\"{}\":[{},{}]", separator, each.name, side(each.before), side(each.after));
-      separator = ",";
-    }
-    out_->write("}}\n");
-  }
-
   void print_groups() {
     Table table("lllrl", {{"old"}, {"new"}, {"set differently"}, {"routes"}, {"first route"}});
     for (const auto& [key, group] : groups_) {
-      table.add({verdict_cell(group.example.before),
-                 verdict_cell(group.example.after),
+      table.add({verdict_cell(group.before),
+                 verdict_cell(group.after),
                  {std::get<std::string>(key)},
                  {grouped(group.routes)},
-                 {group.example.route}});
+                 {group.route}});
     }
     table.print(out_, palette_);
   }
@@ -227,15 +266,28 @@ class Differences {
   const DiffOptions& options_;
   Output* out_;
   Palette palette_;
-  Table table_;
-  std::map<Key, Group> groups_;
+  Table table_; /* of use for few that differ */
+  std::map<AlikeKey, Alike> groups_;
   uint64_t routes_ = 0;
   uint64_t differ_ = 0;
 };
 
 }  // namespace
 
+PolicyOptions source_of(const std::string& file, bool force) {
+  PolicyOptions options;
+  options.force = force;
+  SourceFile source(file, "a policy file or configuration");
+  if (source.kind() == SourceKind::kConfiguration) {
+    options.config = {file};
+  } else {
+    options.policy_file = file;
+  }
+  return options;
+}
+
 int run_diff(const DiffOptions& options, Output* out) {
+  if (options.routes.empty()) return run_proof_diff(options, out);
   // They are asked twice.
   std::optional<MemoryFile> kept;
   ImportedRoutes imported(options.routes_format, options.routes);
@@ -250,24 +302,18 @@ int run_diff(const DiffOptions& options, Output* out) {
   std::vector<Kept> before;
   uint32_t old_sets = 0;
   {
-    RouteReader routes(routes_path, routes_name);
-    before = answers_of(options.old_file, &routes, options, &old_sets);
+    LinePieces routes(routes_path, routes_name);
+    before = answers_of(options.old_file, &routes, options, &old_sets, out);
   }
   PolicySource source = load_policy(source_of(options.new_file, options.force));
   Evaluation evaluation(chosen_policy(options, options.new_file), POL_KIND_ROUTE,
                         options.direction);
-  RouteReader routes(routes_path, routes_name);
+  LinePieces routes(routes_path, routes_name);
   Progress progress("Asking the new policy", !options.json || isatty(out->fd()) != 1);
   Differences differences(options, out);
-  while (!out->gone()) {
-    const Verdict* verdict = evaluation.next(&routes, false);
-    if (verdict == nullptr) break;
-    progress.step(routes.lines().position(), routes.lines().size());
-    if (verdict->index >= before.size()) {
-      throw InputError(options.routes + ": error: it grew meanwhile (expected a file that stays)");
-    }
-    differences.add(*verdict, before[verdict->index]);
-  }
+  evaluation.run(&routes, {options.jobs, false, out, &progress,
+                           [&] { return std::make_unique<DiffPart>(options, before); },
+                           [&](Part* part) { differences.take(static_cast<DiffPart*>(part)); }});
   progress.clear();
   std::string policy = chosen_policy(options, options.new_file);
   uint32_t sets = policy_sets(policy) | old_sets;

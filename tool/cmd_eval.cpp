@@ -4,7 +4,10 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <memory>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include "commands.h"
 #include "evaluation.h"
@@ -14,7 +17,6 @@
 #include "importing/route_import.h"
 #include "live_client.h"
 #include "route_option.h"
-#include "route_reader.h"
 #include "set_rules.h"
 #include "summary.h"
 #include "terminal.h"
@@ -25,25 +27,63 @@ namespace polctl {
 
 namespace {
 
-// Where the verdicts go, in one of the three forms.
-class Answers {
+// Verdicts on some routes in a row, in one of the three forms.
+class EvalPart : public Part {
  public:
-  Answers(const EvalOptions& options, Output* out)
-      : options_(options), out_(out), palette_(out->fd()), table_("llll", verdict_heading()) {}
+  EvalPart(const EvalOptions& options, const Palette& palette, bool counts)
+      : options_(options), palette_(palette), counts_(counts) {}
 
-  void add(const Verdict& verdict) {
+  void add(const Verdict& verdict) override {
     ++count_;
+    if (counts_) {
+      const t_pol_explain_step& decision = verdict.decision;
+      decisions_.count(decision.is_default != 0, decision.sequence, verdict.action == POL_ACCEPT);
+    }
     if (options_.json) {
-      write_json(verdict, out_);
+      write_json(verdict, &text_);
       return;
     }
     summary_.count(verdict);
     if (options_.explain) {
-      if (count_ > 1) out_->write("\n");
-      write_explanation(verdict, out_, palette_);
-    } else if (count_ <= kFewRoutes) {
-      table_.add(verdict_row(verdict));
+      if (verdict.index > 0) text_.write("\n");
+      write_explanation(verdict, &text_, palette_);
+    } else if (verdict.index < kFewRoutes) {
+      rows_.push_back(verdict_row(verdict));
     }
+  }
+
+ private:
+  friend class Answers;
+  const EvalOptions& options_;
+  const Palette& palette_;
+  bool counts_;
+  Decisions decisions_;
+  Output text_{Output::kNoFile};
+  std::vector<std::vector<Table::Cell>> rows_;
+  Summary summary_;
+  uint64_t count_ = 0;
+};
+
+// Where they go.
+class Answers {
+ public:
+  Answers(const EvalOptions& options, Output* out, Decisions* decisions)
+      : options_(options),
+        out_(out),
+        decisions_(decisions),
+        palette_(out->fd()),
+        table_("llll", verdict_heading()) {}
+
+  std::unique_ptr<Part> begin() const {
+    return std::make_unique<EvalPart>(options_, palette_, decisions_ != nullptr);
+  }
+
+  void take(EvalPart* part) {
+    out_->pass(part->text_.text());
+    for (auto& row : part->rows_) table_.add(std::move(row));
+    summary_.add(part->summary_);
+    count_ += part->count_;
+    if (decisions_ != nullptr) decisions_->add(part->decisions_);
   }
 
   // `note` stands below what people read.
@@ -63,24 +103,12 @@ class Answers {
  private:
   const EvalOptions& options_;
   Output* out_;
+  Decisions* decisions_;
   Palette palette_;
   Table table_;
   Summary summary_;
   uint64_t count_ = 0;
 };
-
-// A membership policy matches on VPNs of services: anything else would be answered by the default
-// action, whatever it is.
-void require_membership_query(const t_pol_route_query& query, const RouteReader& routes) {
-  constexpr const char* kForm = "{\"type\":\"service\",\"vpn\":10}";
-  const char* what =
-      query.match_type != POL_MATCH_SERVICE
-          ? "a membership policy is not asked about routes or TLOCs"
-      : query.prefix.addr.family != 0 ? "a membership policy is not asked about prefixes"
-      : !routes.has_vpn() ? "a membership policy is asked about a VPN, and there is none"
-                          : nullptr;
-  if (what != nullptr) throw_at_line(routes.lines(), 0, {1, what, kForm});
-}
 
 }  // namespace
 
@@ -114,36 +142,18 @@ int run_eval(const EvalOptions& given, Output* out) {
 
 int answer_eval(const EvalOptions& options, Output* out, Decisions* decisions) {
   require_policy(options.policy, options.kind, source_name(options.source));
-  RouteReader routes(options.routes, options.routes_name);
+  LinePieces routes(options.routes, options.routes_name);
   if (options.routes == "-" && isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
     fputs("Type routes, one a line (10.1.0.0/16 or {\"type\":\"route\", ...}); Ctrl-D ends.\n",
           stderr);
   }
   Evaluation evaluation(options.policy, options.kind, options.direction);
-  Answers answers(options, out);
+  Answers answers(options, out, decisions);
   bool scrolls = (options.json || options.explain) && isatty(out->fd()) == 1;
   Progress progress("Evaluating", !scrolls);
-  while (!out->gone()) {
-    // A program that asks and waits, or a person who types, gets its answer before the next read.
-    if (!routes.lines().line_waiting()) out->flush();
-    const Verdict* verdict = nullptr;
-    try {
-      verdict = evaluation.next(&routes, options.explain);
-      if (verdict != nullptr && options.kind == POL_KIND_MEMBERSHIP) {
-        require_membership_query(*verdict->query, routes);
-      }
-    } catch (const InputError&) {
-      out->flush();  // what was answered before the fault stands
-      throw;
-    }
-    if (verdict == nullptr) break;
-    answers.add(*verdict);
-    if (decisions != nullptr) {
-      decisions->count(verdict->decision.is_default != 0, verdict->decision.sequence,
-                       verdict->action == POL_ACCEPT);
-    }
-    progress.step(routes.lines().position(), routes.lines().size());
-  }
+  evaluation.run(&routes,
+                 {options.jobs, options.explain, out, &progress, [&] { return answers.begin(); },
+                  [&](Part* part) { answers.take(static_cast<EvalPart*>(part)); }});
   progress.clear();
   bool tells = options.direction == POL_DIR_NONE && options.kind == POL_KIND_ROUTE;
   answers.finish(tells ? direction_note(options.policy, policy_sets(options.policy)) : "");

@@ -134,6 +134,14 @@ void add_tlocs(CLI::App* command, std::string* tlocs) {
       ->type_name("FILE");
 }
 
+void add_limits(CLI::App* command, std::vector<std::string>* limits) {
+  command
+      ->add_option("--limit", *limits,
+                   "what a proof may take before the answer is \"not known\" (60s, 400MB)")
+      ->option_text("SECONDSs|MEGABYTESMB")
+      ->allow_extra_args(false);
+}
+
 void add_routes_format(CLI::App* command, std::string* format) {
   command
       ->add_option("--routes-format", *format,
@@ -153,21 +161,32 @@ void add_json(CLI::App* command, bool* json, const char* help) {
       ->option_text("text|json");
 }
 
+void add_jobs(CLI::App* command, uint32_t* jobs) {
+  *jobs = 0;
+  command->add_option("--jobs", *jobs, "evaluate on so many threads (default: one a processor)")
+      ->check(CLI::Range(1, 256))
+      ->option_text("N");
+}
+
+void add_kind(CLI::App* command, uint32_t* kind) {
+  command
+      ->add_option_function<std::string>(
+          "--kind",
+          [kind](const std::string& word) {
+            *kind = word == "route" ? POL_KIND_ROUTE : POL_KIND_MEMBERSHIP;
+          },
+          "the policy's kind: route (default) or membership")
+      ->check(CLI::IsMember({"route", "membership"}))
+      ->option_text("KIND");
+}
+
 void add_eval(CLI::App& app, EvalOptions* options) {
   CLI::App* command = app.add_subcommand("eval", "Run routes through a policy");
   add_source_options(command, &options->source);
   command->add_option("--policy", options->policy, "the policy's name")
       ->required()
       ->type_name("NAME");
-  command
-      ->add_option_function<std::string>(
-          "--kind",
-          [options](const std::string& word) {
-            options->kind = word == "route" ? POL_KIND_ROUTE : POL_KIND_MEMBERSHIP;
-          },
-          "the policy's kind: route (default) or membership")
-      ->check(CLI::IsMember({"route", "membership"}))
-      ->option_text("KIND");
+  add_kind(command, &options->kind);
   add_direction(command, &options->direction, kDirectionHelp);
   CLI::Option* routes =
       command->add_option("--routes", options->routes, "the routes; - (default) is standard input")
@@ -183,6 +202,7 @@ void add_eval(CLI::App& app, EvalOptions* options) {
   add_json(command, &options->json, "answer one JSON object a line");
   command->add_flag("--explain", options->explain,
                     "say for every sequence tried what failed, and what decided and why");
+  add_jobs(command, &options->jobs);
   command->footer(kEvalHelp);
 }
 
@@ -203,6 +223,7 @@ void add_test(CLI::App& app, TestOptions* options) {
           "--json", [options] { options->format = "json"; }, "the same as --format json")
       ->excludes(format);
   command->add_flag("--explain", options->explain, "say of each failure every sequence tried");
+  add_limits(command, &options->limits);
   command->add_flag("--coverage", options->coverage, "say what was never reached");
   command->add_option("--routes", options->routes, "routes that reach too, for the coverage")
       ->type_name("FILE");
@@ -322,6 +343,8 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
       ->allow_extra_args(false);
   add_applied(command, &options->applied);
   add_tlocs(command, &options->tlocs);
+  command->add_flag("--announce", options->announce,
+                    "tell of each commit which kinds of routes it has answered otherwise");
   command
       ->add_option("--log", options->log,
                    "where events go, without it as lines to standard output: stderr, syslog, or "
@@ -338,23 +361,58 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
   command->footer(kServeHelp);
 }
 
+void add_search(CLI::App& app, SearchOptions* options) {
+  CLI::App* command =
+      app.add_subcommand("search", "Find a route that a policy decides so, or prove there is none");
+  add_source_options(command, &options->source);
+  command->add_option("--policy", options->policy, "the policy's name")
+      ->required()
+      ->type_name("NAME");
+  add_kind(command, &options->kind);
+  add_direction(command, &options->direction, kDirectionHelp);
+  command
+      ->add_option_function<std::string>(
+          "--action",
+          [options](const std::string& word) {
+            options->action = word == "accept" ? POL_ACCEPT : POL_REJECT;
+          },
+          "what becomes of the route")
+      ->check(CLI::IsMember({"accept", "reject"}))
+      ->option_text("accept|reject");
+  command->add_option("--sequence", options->sequence, "what decides it: a sequence, or default")
+      ->option_text("NUMBER|default");
+  command
+      ->add_option("--where", options->where,
+                   "what the route is like: tag=5, prefix=10.0.0.0/8-24, \"not site-list=hubs\"")
+      ->option_text("FIELD=VALUE")
+      ->allow_extra_args(false);
+  command->add_flag("--all", options->all, "every kind of route, not one a deciding sequence");
+  add_limits(command, &options->limits);
+  add_json(command, &options->json, "one JSON object a line for each route");
+  command->footer(kSearchHelp);
+}
+
 void add_diff(CLI::App& app, DiffOptions* options) {
   CLI::App* command =
       app.add_subcommand("diff", "Show which routes two policies answer differently");
-  command->add_option("OLD", options->old_file, "the policy as it was")
-      ->required()
-      ->option_text(" ");
-  command->add_option("NEW", options->new_file, "the policy as it is")
-      ->required()
-      ->option_text(" ");
-  command->add_option("--routes", options->routes, "the routes")->required()->type_name("FILE");
+  command->add_option("OLD", options->old_file, "the policy as it was")->option_text(" ");
+  command->add_option("NEW", options->new_file, "the policy as it is")->option_text(" ");
+  command
+      ->add_option("--routes", options->routes,
+                   "routes to be asked about; without, all there can be")
+      ->type_name("FILE");
   add_routes_format(command, &options->routes_format);
-  command->add_option("--policy", options->policy, "the policy's name; not needed for an only one")
+  command
+      ->add_option("--policy", options->policy,
+                   "the policy's name; without, all of them, or with --routes the only one")
       ->type_name("NAME");
+  add_agent(command, &options->source);
+  add_limits(command, &options->limits);
   add_direction(command, &options->direction, kDirectionHelp);
   add_tlocs(command, &options->tlocs);
   add_json(command, &options->json, "one JSON object a line for each route that differs");
   command->add_flag("--force", options->force, "take policy files that have errors");
+  add_jobs(command, &options->jobs);
   command->footer(kDiffHelp);
 }
 
@@ -369,6 +427,8 @@ void add_watch(CLI::App& app, WatchOptions* options) {
       ->add_option("--change", options->change, "a configuration file to commit once all is loaded")
       ->type_name("FILE")
       ->allow_extra_args(false);
+  add_json(command, &options->json, "one JSON object a line for each commit");
+  command->add_flag("--reconnect", options->reconnect, "wait for an agent that goes away");
   command->footer(kWatchHelp);
 }
 
@@ -490,6 +550,22 @@ void require_one_input(const CommandLine& line) {
   }
 }
 
+void settle_diff(const CLI::App* command, DiffOptions* options) {
+  PolicyOptions& source = options->source;
+  source.agent = command->get_option("--agent")->count() > 0;
+  if (source.agent_port == kFlagGiven) source.agent_port.clear();
+  if (source.agent) {
+    if (options->old_file.empty() || !options->new_file.empty()) {
+      fail(options->new_file.empty() ? "there is nothing to compare with" : "policy is given twice",
+           "--agent, whose policy is the old one, and NEW");
+    }
+    if (!options->routes.empty()) fail("--agent and --routes", "--routes with two files");
+    std::swap(options->old_file, options->new_file);
+  } else if (options->new_file.empty()) {
+    fail("there is nothing to compare", "OLD and NEW, or --agent and NEW");
+  }
+}
+
 void settle_serve(const std::string& port, const std::vector<std::string>& apply,
                   ServeOptions* options) {
   PolicyOptions& source = options->source;
@@ -526,6 +602,7 @@ struct Parser {
     add_graph(app, &line.graph);
     add_document(app, &line.document);
     add_labels(app, &line.labels);
+    add_search(app, &line.search);
     add_watch(app, &line.watch);
     add_show(app, &line.show);
     add_clear(app, &line.clear);
@@ -607,6 +684,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
                        {"graph", &line.graph.source, false},
                        {"document", &line.document.source, !line.document.tlocs.empty()},
                        {"labels", &line.labels.source, !line.labels.tlocs.empty()},
+                       {"search", &line.search.source, false},
                        {"watch", &line.watch.source, false},
                        {"show", &line.show.source, false},
                        {"clear", &line.clear.source, false},
@@ -617,8 +695,10 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
     settle_source(command, each.source);
     require_here(*each.source, each.tlocs, "TLOCs");
   }
+  require_here(line.eval.source, line.eval.jobs != 0, "number of jobs");
   require_here(line.document.source, line.document.applied.any(), "policies applied");
   require_one_input(line);
+  if (line.command == "diff") settle_diff(command, &line.diff);
   if (line.command == "test") settle_test(line.test);
   if (line.command == "serve") settle_serve(parser.port, parser.apply, &line.serve);
   if (line.command == "show" && (line.show.what == "policy") == line.show.name.empty()) {

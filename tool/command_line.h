@@ -31,6 +31,7 @@ struct CommandLine {
   GraphOptions graph;
   DocumentOptions document;
   LabelsOptions labels;
+  SearchOptions search;
   ServeOptions serve;
   ShowOptions show;
   ClearOptions clear;

@@ -33,12 +33,30 @@ struct EvalOptions {
   std::string tlocs;                 /* empty: each TLOC resolves to itself */
   bool json = false;
   bool explain = false;
+  uint32_t jobs = 1; /* threads that evaluate; 0: one a processor */
 };
 
 /* Runs routes through a policy. kDone whatever the verdicts are: they are the answer. */
 int run_eval(const EvalOptions& options, Output* out);
 /* `decisions`, unless null, counts what was answered, also where it ends with an error. */
 int answer_eval(const EvalOptions& options, Output* out, Decisions* decisions = nullptr);
+
+struct SearchOptions {
+  PolicyOptions source;
+  std::string policy;
+  uint32_t kind = POL_KIND_ROUTE;
+  uint32_t direction = POL_DIR_NONE; /* as of eval */
+  uint32_t action = 0;               /* enum pol_action; 0: either */
+  std::string sequence;              /* its number, or "default"; "": any */
+  std::vector<std::string> where;    /* conditions (proof/condition.h), which all hold */
+  std::vector<std::string> limits;   /* of memory and time */
+  bool all = false;                  /* every kind of route, not one a sequence */
+  bool json = false;
+};
+
+/* Says whether there is a route that fits, and shows one a sequence. kFindings when there is none. */
+int run_search(const SearchOptions& options, Output* out);
+int answer_search(const SearchOptions& options, Output* out);
 
 struct TestOptions {
   PolicyOptions source;
@@ -50,7 +68,8 @@ struct TestOptions {
   std::string format = "text"; /* or "json", "junit", "tap" */
   bool explain = false;
   bool coverage = false;
-  std::string routes; /* asked too, for the coverage; "": none */
+  std::vector<std::string> limits; /* bounds of each statement about all routes */
+  std::string routes;              /* asked too, for the coverage; "": none */
   std::string routes_name;
   std::string routes_format; /* as of eval */
 };
@@ -148,6 +167,7 @@ struct ServeOptions {
   std::vector<std::string> http_hosts;        /* names it is reached by besides */
   std::map<std::string, uint32_t> directions; /* by policy; inbound where none is given */
   std::string log; /* where events go, as service::log_target_of knows it; "": standard output */
+  bool announce = false;    /* tell of each commit which routes are answered otherwise */
   std::string options_file; /* where more options stand */
   bool print_config = false;
 };
@@ -160,15 +180,22 @@ struct DiffOptions {
   std::string new_file;
   std::string policy;                /* empty: the only route policy there is in both */
   uint32_t direction = POL_DIR_NONE; /* as of eval */
-  std::string routes;
-  std::string routes_format; /* as of eval */
-  bool force = false;        /* take policy files that have errors */
+  std::string routes;                /* empty: of every route there can be */
+  std::string routes_format;         /* as of eval */
+  std::vector<std::string> limits;   /* of memory and time, without routes */
+  PolicyOptions source;              /* an agent has the old policy, in place of a file */
+  bool force = false;                /* take policy files that have errors */
   std::string tlocs;
   bool json = false;
+  uint32_t jobs = 1; /* as of eval */
 };
 
-/* Runs routes through two versions of a policy. kFindings when any of them is answered differently. */
+/* Runs routes through two versions of a policy, or compares them over all routes. kFindings when any is
+ * answered differently. */
 int run_diff(const DiffOptions& options, Output* out);
+
+/* How a file is loaded that is either, as its content tells. Throws InputError. */
+PolicyOptions source_of(const std::string& file, bool force);
 
 struct ConvertOptions {
   std::string file;
@@ -182,9 +209,12 @@ struct WatchOptions {
   PolicyOptions source;
   std::vector<std::string> policies; /* control policies to use; none: all there are */
   std::vector<std::string> change;   /* configuration files to commit; none: wait for others' */
+  bool json = false;
+  bool reconnect = false; /* to an agent that went, rather than end */
 };
 
-/* Registers a user for each policy and shows what each commit has it told, and when. */
+/* Registers a user for each policy and shows each commit: what it changed, whom it had called back, and
+ * when. kFindings once the agent goes. */
 int run_watch(const WatchOptions& options, Output* out);
 
 /* A policy as a command's options say; who waits long is told. Throws InputError. */

@@ -49,7 +49,9 @@ what is expected of the answer. What is left out is not looked at:
    "expect":{"action":"accept", "sequence":60, "set":{"preference":300, "tag":null},
              "tlocs":[{"address":"172.16.1.1", "color":"mpls"}], "vpns":[[10,19]]}}
 A sequence of null is the default action, a tag or preference of null is not set.
-"kind":"membership" asks a membership policy.
+"kind":"membership" asks a membership policy. Or a line says what must never be,
+whatever the route; its conditions are those of "polctl help search":
+  {"policy":"branch", "never":{"action":"accept", "where":["type=route", "tag=666"]}}
 
 Reached is a sequence that decided, a clause that held, a list element that took a
 value. The routes of --routes are asked of every control policy. The exit status is
@@ -80,14 +82,34 @@ inline constexpr const char* kMainHelp = R"(Examples:
 "polctl help COMMAND" tells the options of a command, "polctl version" the version.)";
 
 inline constexpr const char* kDiffHelp = R"(Examples:
-  polctl diff old.xml new.xml --policy branch --routes routes.txt
-  polctl diff branch.txt sdwan.xml --policy branch --routes routes.txt --json
+  polctl diff old.xml new.xml
+  polctl diff old.xml new.xml --policy branch --routes routes.jsonl
+  polctl diff --agent candidate.xml
 
-OLD and NEW are policy files or configuration files, as their content tells; one
-of them, or the routes, may be - for standard input. For
-every route that is answered differently: both verdicts, what decided, and what
-is set differently; more than 20 such routes are summed up. The exit status is 1
-when any route differs.)";
+Each file is a policy file or configuration, as its content tells. Without
+--routes every route there can be is considered: each kind of routes that is
+answered differently is shown by the sequences that decide it, what of a route
+matters, and one such route. The exit status is 0 when nothing is answered
+differently, which is a proof, 1 when something is, and 4 when it is not known.
+An answer is the action and what is set; which sequence gives it is not.
+
+With --routes every route of these that is answered differently is shown: both
+verdicts, what decided, and what is set differently; more than 20 such routes are
+summed up. The exit status is 1 when any route differs.)";
+
+inline constexpr const char* kSearchHelp = R"(Examples:
+  polctl search --config sdwan.xml --policy branch --action accept --where tag=666
+  polctl search --policy-file branch.txt --policy branch --sequence 40
+  polctl search --live --policy branch --where prefix=10.0.0.0/8-24 --where "not site-list=hubs"
+
+Shows a route for each sequence that decides such routes, as eval --routes takes
+it, with what matters of it. FIELD is type, prefix, vpn, tag, preference,
+domain, site, group, tloc, color, origin, originator or carrier, or prefix-list,
+site-list, vpn-list, tloc-list or color-list with the name of one. Numbers may be
+ranges (vpn=1-9), a prefix may have a longest length (10.0.0.0/8-24); "absent"
+stands for what a route lacks, a tloc is ADDRESS,COLOR,ENCAPSULATION.
+The exit status is 0 when there is one, 1 when there is none, which is a proof,
+and 4 when it is not known.)";
 
 inline constexpr const char* kWatchHelp = R"(Examples:
   polctl watch --config sdwan.xml --change edit.xml
@@ -96,7 +118,8 @@ inline constexpr const char* kWatchHelp = R"(Examples:
 Registers a user for each control policy named, or for all. With --change the
 files are committed, and the batch of changes and every callback are shown with
 their time since the commit began. Without it every commit that others make is
-shown, until the agent ends.)";
+shown: number, time, who, what it changed as set-lines, whom it had called back.
+When the agent goes, the exit status is 1, unless --reconnect waits for it.)";
 
 inline constexpr const char* kGraphHelp = R"(Examples:
   polctl graph --config sdwan.xml

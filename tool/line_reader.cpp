@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,13 +23,12 @@ namespace {
 
 }  // namespace
 
-LineReader::LineReader(const std::string& path, const std::string& name)
+InputFile::InputFile(const std::string& path, const std::string& name)
     : name_(!name.empty() ? name
             : path == "-" ? "<stdin>"
                           : path),
-      buffer_(4 * kMaxLine) {
-  fd_ = path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
-                    : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      fd_(path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
+                      : open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
   if (fd_ < 0) fail_to_read(name_, errno);
   struct stat status;
   if (fstat(fd_, &status) == 0) {
@@ -40,7 +40,36 @@ LineReader::LineReader(const std::string& path, const std::string& name)
   }
 }
 
-LineReader::~LineReader() { close(fd_); }
+InputFile::~InputFile() { close(fd_); }
+
+size_t InputFile::read(char* to, size_t most) const {
+  ssize_t got;
+  do {
+    got = ::read(fd_, to, most);
+  } while (got < 0 && errno == EINTR);
+  if (got < 0) fail_to_read(name_, errno);
+  return static_cast<size_t>(got);
+}
+
+bool InputFile::ready() const {
+  pollfd input = {fd_, POLLIN, 0};
+  return poll(&input, 1, 0) != 0;
+}
+
+LineReader::LineReader(const std::string& path, const std::string& name)
+    : file_(std::in_place, path, name),
+      name_(file_->name()),
+      size_(file_->size()),
+      buffer_(4 * kMaxLine + kBeyond),
+      text_(buffer_.data()) {}
+
+LineReader::LineReader(const LinePiece& piece, const std::string& name)
+    : name_(name),
+      size_(piece.size),
+      line_(piece.lines_before),
+      at_end_(true),
+      text_(piece.text.data()),
+      end_(piece.size) {}
 
 bool LineReader::fill() {
   if (at_end_) return false;
@@ -49,19 +78,15 @@ bool LineReader::fill() {
     end_ -= begin_;
     begin_ = 0;
   }
-  ssize_t got;
-  do {
-    got = read(fd_, buffer_.data() + end_, buffer_.size() - end_);
-  } while (got < 0 && errno == EINTR);
-  if (got < 0) fail_to_read(name_, errno);
+  size_t got = file_->read(buffer_.data() + end_, buffer_.size() - kBeyond - end_);
   at_end_ = got == 0;
-  end_ += static_cast<size_t>(got);
+  end_ += got;
   return got > 0;
 }
 
 void LineReader::skip_rest_of_line() {
   for (;;) {
-    const char* start = buffer_.data() + begin_;
+    const char* start = text_ + begin_;
     const char* newline = static_cast<const char*>(memchr(start, '\n', end_ - begin_));
     size_t skipped = newline != nullptr ? static_cast<size_t>(newline - start) + 1 : end_ - begin_;
     begin_ += skipped;
@@ -70,16 +95,12 @@ void LineReader::skip_rest_of_line() {
   }
 }
 
-bool LineReader::line_waiting() const {
-  return !overlong_ && memchr(buffer_.data() + begin_, '\n', end_ - begin_) != nullptr;
-}
-
 bool LineReader::next(std::string_view* line) {
   if (overlong_) skip_rest_of_line();
   overlong_ = false;
   size_t searched = 0;
   for (;;) {
-    const char* start = buffer_.data() + begin_;
+    const char* start = text_ + begin_;
     size_t unread = end_ - begin_;
     const char* newline =
         static_cast<const char*>(memchr(start + searched, '\n', unread - searched));
@@ -88,7 +109,7 @@ bool LineReader::next(std::string_view* line) {
       searched = length;
       if (fill()) continue;
       if (end_ == begin_) return false;
-      start = buffer_.data() + begin_;  // a failed fill may have moved the rest
+      start = text_ + begin_;  // a failed fill may have moved the rest
     }
     ++line_;
     overlong_ = length > kMaxLine;

@@ -65,6 +65,16 @@ void members(Visitor* visitor, Options& options) {
   } else if constexpr (std::is_same_v<Plain, DocumentOptions>) {
     visitor->member("pretty", options.pretty);
     visitor->member("show-data", options.show_data);
+  } else if constexpr (std::is_same_v<Plain, SearchOptions>) {
+    visitor->member("policy", options.policy);
+    visitor->member("kind", options.kind);
+    visitor->member("direction", options.direction);
+    visitor->member("action", options.action);
+    visitor->member("sequence", options.sequence);
+    visitor->member("where", options.where);
+    visitor->member("limits", options.limits);
+    visitor->member("all", options.all);
+    visitor->member("json", options.json);
   } else if constexpr (std::is_same_v<Plain, ShowOptions>) {
     visitor->member("what", options.what);
     visitor->member("name", options.name);
@@ -78,14 +88,15 @@ void members(Visitor* visitor, Options& options) {
     visitor->member("format", options.format);
     visitor->member("explain", options.explain);
     visitor->member("coverage", options.coverage);
+    visitor->member("limits", options.limits);
     visitor->member("routes", options.routes_name);
   } else {
     visitor->member("json", options.json);
   }
 }
 
-constexpr const char* kCommands[] = {"eval",   "dump", "graph", "document",
-                                     "labels", "show", "clear", "test"};
+constexpr const char* kCommands[] = {"eval", "dump",  "graph", "document", "labels",
+                                     "show", "clear", "test",  "search"};
 
 template <size_t kIndex = 0>
 bool decode_as(const json& object, const std::string& command, LiveRequest* request) {

@@ -15,7 +15,7 @@ namespace polctl {
 
 struct LiveRequest {
   std::variant<EvalOptions, DumpOptions, GraphOptions, DocumentOptions, LabelsOptions, ShowOptions,
-               ClearOptions, TestOptions>
+               ClearOptions, TestOptions, SearchOptions>
       options;
   std::string input = {};
 };

@@ -22,6 +22,7 @@ int run(const std::vector<std::string>& words) {
   if (line.command == "eval") return polctl::run_eval(line.eval, &out);
   if (line.command == "graph") return polctl::run_graph(line.graph, &out);
   if (line.command == "labels") return polctl::run_labels(line.labels, &out);
+  if (line.command == "search") return polctl::run_search(line.search, &out);
   if (line.command == "serve") return polctl::run_serve(line.serve, &out);
   if (line.command == "test") return polctl::run_test(line.test, &out);
   if (line.command == "show") return polctl::run_show(line.show, &out);
@@ -40,6 +41,9 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
   try {
     return run({argv + 1, argv + argc});
+  } catch (const polctl::InternalError& error) {
+    fprintf(stderr, "%s\n", polctl::printable_lines(error.what()).c_str());
+    return polctl::kInternal;
   } catch (const std::exception& error) {
     fprintf(stderr, "%s\n", polctl::printable_lines(error.what()).c_str());
     return polctl::kBadInput;

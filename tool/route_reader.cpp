@@ -280,6 +280,10 @@ bool RouteReader::next(t_pol_route_query* query, t_pol_route_attr* attr) {
   query->attr = attr;
   std::string_view text = line.substr(start, line.find_last_not_of(kBlanks) + 1 - start);
   if (text[0] == '{') {
+    if (fast_.read(text, query, attr, &has_vpn_)) return true;
+    *attr = {};
+    query->prefix = {};
+    query->vpn = 0;
     try {
       split_json_line(text, &json_);
       read_route_fields(json_, query, attr);

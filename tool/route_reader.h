@@ -19,6 +19,7 @@
 #include "json_line.h"
 #include "line_reader.h"
 #include "policy/pol_types.h"
+#include "route_json.h"
 
 namespace polctl {
 
@@ -26,6 +27,8 @@ class RouteReader {
  public:
   explicit RouteReader(const std::string& path, const std::string& name = "")
       : lines_(path, name) {}
+  /* The routes of a piece, which outlives the reader; messages call its file `name`. */
+  RouteReader(const LinePiece& piece, const std::string& name) : lines_(piece, name) {}
 
   /* Fills the host's part of the query, which the caller has cleared, and all of `attr`. False at
    * the end. Throws InputError naming file, line and column of what is wrong. */
@@ -38,6 +41,7 @@ class RouteReader {
 
  private:
   LineReader lines_;
+  RouteJson fast_;
   JsonLine json_;
   bool has_vpn_ = false;
 };

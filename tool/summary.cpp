@@ -33,6 +33,15 @@ void Summary::count(const Verdict& verdict) {
   ++total_;
 }
 
+void Summary::add(const Summary& later) {
+  for (const auto& [key, counted] : later.rows_) {
+    Row& row = rows_[key];
+    if (row.routes == 0) row.example = counted.example;
+    row.routes += counted.routes;
+  }
+  total_ += later.total_;
+}
+
 void Summary::print(const std::vector<uint32_t>& sequences, Output* out,
                     const Palette& palette) const {
   Table table("rlrrl", {{"sequence"}, {"action"}, {"routes"}, {"share"}, {"first route"}});

@@ -23,6 +23,8 @@ inline constexpr uint64_t kFewRoutes = 20;
 class Summary {
  public:
   void count(const Verdict& verdict);
+  /* What was counted of later routes. */
+  void add(const Summary& later);
 
   /* A row a sequence and outcome, the default action last, and a note on the sequences of the
    * policy, `sequences`, that decided nothing. */

@@ -218,6 +218,7 @@ Progress::Progress(std::string what, bool wanted)
       next_(std::chrono::steady_clock::now() + kPatience) {}
 
 void Progress::show(uint64_t position, uint64_t size) {
+  if (!enabled_) return;
   auto now = std::chrono::steady_clock::now();
   if (now < next_) return;
   next_ = now + kRefresh;

@@ -93,21 +93,15 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  /* Cheap enough for every route: it looks at the clock once in a thousand calls. `size` 0: the end
-   * is not known. */
-  void step(uint64_t position, uint64_t size) {
-    if (enabled_ && ++steps_ % 1024 == 0) show(position, size);
-  }
+  /* `size` 0: the end is not known. */
+  void show(uint64_t position, uint64_t size);
   /* Takes the bar off the screen. */
   void clear();
 
  private:
-  void show(uint64_t position, uint64_t size);
-
   std::string what_;
   bool enabled_;
   bool shown_ = false;
-  uint64_t steps_ = 0;
   std::chrono::steady_clock::time_point next_;
 };
 

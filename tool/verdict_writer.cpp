@@ -21,7 +21,7 @@ constexpr uint32_t kShownInText = 4;  // TLOCs or VPN ranges in a line for peopl
 void write_words(const std::vector<const char*>& words, Output* out) {
   const char* separator = "";
   for (const char* word : words) {
-    out->print("{}\"{}\"", separator, word);
+    out->put(separator, "\"", word, "\"");
     separator = ",";
   }
 }
@@ -31,7 +31,7 @@ void write_sequence(const t_pol_explain_step& step, Output* out) {
   if (step.is_default != 0) {
     out->write("\"sequence\":null");
   } else {
-    out->print("\"sequence\":{}", step.sequence);
+    out->put("\"sequence\":", step.sequence);
   }
 }
 
@@ -77,8 +77,9 @@ void write_idle(const Verdict& verdict, Output* out) {
 }
 
 void write_tloc(const t_tloc_id& tloc, Output* out) {
-  out->print("{{\"address\":\"{}\",\"color\":{},\"encap\":{}}}", tloc_address_text(tloc),
-             json_word(Vocabulary::kColor, tloc.color), json_word(Vocabulary::kEncap, tloc.encap));
+  out->put("{\"address\":\"", tloc_address_text(tloc),
+           "\",\"color\":", json_word(Vocabulary::kColor, tloc.color),
+           ",\"encap\":", json_word(Vocabulary::kEncap, tloc.encap), "}");
 }
 
 // The route in the form in which routes are read.
@@ -86,11 +87,13 @@ void write_route(const t_pol_route_query& query, Output* out) {
   const t_pol_route_attr& attr = *query.attr;
   auto has = [&attr](uint32_t bit) { return (attr.present & bit) != 0; };
   auto number = [&](uint32_t bit, const char* name, uint32_t value) {
-    if (has(bit)) out->print(",\"{}\":{}", name, value);
+    if (has(bit)) out->put(",\"", name, "\":", value);
   };
-  out->print("{{\"type\":\"{}\"", pol_util_match_type_str(query.match_type));
-  if (query.prefix.addr.family != 0) out->print(",\"prefix\":\"{}\"", prefix_text(query.prefix));
-  out->print(",\"vpn\":{}", query.vpn);
+  out->put("{\"type\":\"", pol_util_match_type_str(query.match_type), "\"");
+  if (query.prefix.addr.family != 0) {
+    out->put(",\"prefix\":\"", prefix_text(query.prefix), "\"");
+  }
+  out->put(",\"vpn\":", query.vpn);
   number(POL_ATTR_TAG, "tag", attr.tag);
   number(POL_ATTR_PREF, "preference", attr.preference);
   number(POL_ATTR_DOMAIN, "domain", attr.domain);
@@ -98,7 +101,7 @@ void write_route(const t_pol_route_query& query, Output* out) {
   if (has(POL_ATTR_GROUP)) {
     out->write(",\"groups\":[");
     for (uint32_t i = 0; i < attr.group_count; ++i) {
-      out->print("{}{}", i > 0 ? "," : "", attr.group[i]);
+      out->put(i > 0 ? "," : "", attr.group[i]);
     }
     out->write("]");
   }
@@ -109,17 +112,17 @@ void write_route(const t_pol_route_query& query, Output* out) {
   if (has(POL_ATTR_ORIGIN)) {
     const char* word = origin_word({attr.origin_protocol, attr.origin_subtype});
     if (*word != '\0') {
-      out->print(",\"origin\":\"{}\"", word);
+      out->put(",\"origin\":\"", word, "\"");
     } else {
       out->print(",\"origin\":[{},{}]", unsigned{attr.origin_protocol},
                  unsigned{attr.origin_subtype});
     }
   }
   if (has(POL_ATTR_ORIGINATOR)) {
-    out->print(",\"originator\":\"{}\"", address_text(attr.originator));
+    out->put(",\"originator\":\"", address_text(attr.originator), "\"");
   }
   if (has(POL_ATTR_CARRIER)) {
-    out->print(",\"carrier\":{}", json_word(Vocabulary::kCarrier, attr.carrier));
+    out->put(",\"carrier\":", json_word(Vocabulary::kCarrier, attr.carrier));
   }
   out->write("}");
 }
@@ -213,9 +216,9 @@ std::string vpns_text(const t_pol_route_query& query) { return vpns_shown(query,
 void write_json(const Verdict& verdict, Output* out) {
   const t_pol_route_query& query = *verdict.query;
   std::vector<const char*> words;
-  out->print("{{\"index\":{},\"route\":", verdict.index);
+  out->put("{\"index\":", verdict.index, ",\"route\":");
   write_route(query, out);
-  out->print(",\"action\":\"{}\",", pol_util_action_str(verdict.action));
+  out->put(",\"action\":\"", pol_util_action_str(verdict.action), "\",");
   write_sequence(verdict.decision, out);
   out->write(",\"matched\":[");
   matched_words(query.matched, &words);
@@ -225,16 +228,16 @@ void write_json(const Verdict& verdict, Output* out) {
   write_words(words, out);
   out->write("],\"set\":{");
   bool tag = (query.applied & POL_APPLIED_TAG) != 0;
-  if (tag) out->print("\"tag\":{}", query.attr_copy.tag);
+  if (tag) out->put("\"tag\":", query.attr_copy.tag);
   if ((query.applied & POL_APPLIED_PREF) != 0) {
-    out->print("{}\"preference\":{}", tag ? "," : "", query.attr_copy.preference);
+    out->put(tag ? "," : "", "\"preference\":", query.attr_copy.preference);
   }
   out->write("},\"tlocs\":[");
   write_tlocs(*query.tlocs, out);
   out->write("],\"vpns\":[");
   for (uint32_t i = 0; i < query.vpn_count; ++i) {
     const t_pol_vpn_range& range = query.vpn_array[i];
-    out->print("{}[{},{}]", i == 0 ? "" : ",", range.low, range.high);
+    out->put(i == 0 ? "[" : ",[", range.low, ",", range.high, "]");
   }
   out->write("],\"idle\":[");
   write_idle(verdict, out);

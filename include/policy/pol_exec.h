@@ -86,6 +86,11 @@ typedef void (*t_pol_explain_cb)(const t_pol_explain_step* step, void* arg);
 POL_API uint32_t pol_explain(t_pol_user* user, t_pol_route_query* query, t_pol_explain_cb step,
                              void* arg, t_pol_explain_step* decision);
 
+/* An addition to the interface: pol_execute_batch with the decision on each, as pol_explain has it,
+ * whose `action` is the answer. Does nothing without queries or without `decisions`. */
+POL_API void pol_explain_batch(t_pol_user* user, t_pol_route_query* queries, uint32_t count,
+                               t_pol_explain_step* decisions);
+
 /* Whether an outbound route policy sets a TLOC, TLOC list or service somewhere: 1 or 0. 0 for null,
  * for other kinds and directions and without a policy. */
 POL_API uint8_t pol_handle_sets_tloc(t_pol_user* user);

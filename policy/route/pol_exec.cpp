@@ -174,27 +174,30 @@ uint32_t apply_sets(const t_pol_user& user, const t_pol_set& set, uint32_t flags
   return resolved ? POL_ACCEPT : POL_REJECT;
 }
 
-}  // namespace pol
-
-namespace {
-
-// Has what a group of queries is going to read fetched.
-void fetch_group(const t_pol_block& block, const t_pol_route_query* queries, unsigned count) {
+unsigned fetch_group(const t_pol_user* user, const t_pol_route_query* queries, uint32_t left) {
+  const unsigned count = std::min<uint32_t>(left, PfxIndex::kFetched);
+  if (user == nullptr || user->block == nullptr) return count;
+  const t_pol_block& block = *user->block;
   if (block.index != nullptr) {
-    if (block.index->fresh) pol::candidates_fetch(*block.index, queries, count);
-    return;
+    if (block.index->fresh) candidates_fetch(*block.index, queries, count);
+    return count;
   }
-  const t_ipprefix* prefixes[pol::PfxIndex::kFetched];
+  const t_ipprefix* prefixes[PfxIndex::kFetched];
   for (unsigned i = 0; i < count; ++i) prefixes[i] = &queries[i].prefix;
   // Later sequences are for the queries that the first ones leave.
   unsigned lists = 0;
   for (const t_pol_entry& entry : block.in_order) {
     if ((entry.match_flags & POL_MATCH_F_PFX_LIST) == 0) continue;
-    const auto* list = pol::list_of<t_pfx_list>(entry.match.pfx_list);
+    const auto* list = list_of<t_pfx_list>(entry.match.pfx_list);
     if (list != nullptr) list->index.fetch(prefixes, count);
-    if (++lists == 2) return;
+    if (++lists == 2) break;
   }
+  return count;
 }
+
+}  // namespace pol
+
+namespace {
 
 // Answers only for a handle of an outbound route policy that is there.
 uint8_t handle_sets(const t_pol_user* user, uint8_t what) {
@@ -228,11 +231,8 @@ void pol_execute_batch(t_pol_user* user, t_pol_route_query* queries, uint32_t co
                        uint32_t* actions) {
   if (queries == nullptr || actions == nullptr) return;
   for (uint32_t done = 0; done < count;) {
-    const uint32_t group = std::min<uint32_t>(count - done, pol::PfxIndex::kFetched);
-    if (user != nullptr && user->block != nullptr) fetch_group(*user->block, queries + done, group);
-    for (const uint32_t end = done + group; done < end; ++done) {
-      actions[done] = pol_execute(user, &queries[done]);
-    }
+    const uint32_t end = done + pol::fetch_group(user, queries + done, count - done);
+    for (; done < end; ++done) actions[done] = pol_execute(user, &queries[done]);
   }
 }
 

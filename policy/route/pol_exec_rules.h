@@ -64,6 +64,9 @@ bool match_origin(const t_pol_match& match, const t_pol_route_attr& attr);
 // Starts the query from the caller's attributes.
 void copy_attributes(t_pol_route_query* query);
 
+// Has what the next queries of `left` are going to read fetched; returns how many these are.
+unsigned fetch_group(const t_pol_user* user, const t_pol_route_query* queries, uint32_t left);
+
 // Applies the set clauses of what decided. Returns the action, turned into a reject when a TLOC was
 // to be set and none resolves.
 uint32_t apply_sets(const t_pol_user& user, const t_pol_set& set, uint32_t flags,

@@ -363,3 +363,14 @@ uint32_t pol_explain(t_pol_user* user, t_pol_route_query* query, t_pol_explain_c
   if (decision != nullptr) *decision = made;
   return made.action;
 }
+
+void pol_explain_batch(t_pol_user* user, t_pol_route_query* queries, uint32_t count,
+                       t_pol_explain_step* decisions) {
+  if (queries == nullptr || decisions == nullptr) return;
+  for (uint32_t done = 0; done < count;) {
+    const uint32_t end = done + pol::fetch_group(user, queries + done, count - done);
+    for (; done < end; ++done) {
+      pol_explain(user, &queries[done], nullptr, nullptr, &decisions[done]);
+    }
+  }
+}

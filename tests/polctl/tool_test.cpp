@@ -114,6 +114,34 @@ TEST(ToolTest, ManyRoutesAreSummedUpAndQuickly) {
   EXPECT_LT(took, std::chrono::seconds(5)) << "a tenth of a second unless sanitizers watch";
 }
 
+// Routes in several pieces, blank lines and comments between them, with and without a fault near the end.
+TEST(ToolTest, OnManyThreadsTheAnswerIsTheSame) {
+  std::string routes;
+  for (int i = 0; i < 6000; ++i) {
+    if (i % 7 == 0) routes += i % 2 == 0 ? "\n" : " # none\r\n";
+    routes += i % 3 == 0 ? "{\"type\":\"route\",\"site\":" + std::to_string(i % 1000) + "}\n"
+                         : std::to_string(i % 256) + "." + std::to_string(i / 256) + ".0.0/16\n";
+  }
+  for (const std::string& input : {routes, routes + "10.0.0.0\n" + routes}) {
+    for (const char* form : {"--json", "--explain", ""}) {
+      Outcome one;
+      for (const char* jobs : {"1", "5"}) {
+        Invocation invocation = eval(kPolicyFile, {"--jobs", jobs});
+        if (*form != '\0') invocation.args.emplace_back(form);
+        invocation.input = input;
+        Outcome outcome = run_polctl(invocation);
+        if (*jobs == '1') one = outcome;
+        EXPECT_EQ(outcome.out, one.out) << form;
+        EXPECT_EQ(outcome.err, one.err) << form;
+      }
+      EXPECT_EQ(one.status, input.size() > routes.size() ? 2 : 0) << one.err;
+      if (*form == '-' && form[2] == 'j') {
+        EXPECT_EQ(std::count(one.out.begin(), one.out.end(), '\n'), 6000);
+      }
+    }
+  }
+}
+
 TEST(ToolTest, AReaderThatGoesAwayIsNoError) {
   Invocation invocation = eval(kPolicyFile, {"--json"});
   invocation.input = many_prefixes(100000);

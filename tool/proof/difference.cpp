@@ -14,6 +14,7 @@ constexpr uint32_t kTypes[] = {POL_MATCH_ROUTE, POL_MATCH_TLOC, POL_MATCH_SERVIC
 struct Answers {
   Outcome was;
   Outcome is;
+  uint32_t direction;
 };
 
 // The answers of two sequences to routes of a type, where they differ.
@@ -22,7 +23,7 @@ std::optional<Answers> unlike(const SequenceModel& a, const SequenceModel& b, ui
   for (uint32_t direction : directions) {
     Outcome was = outcome_of(a, type, direction);
     Outcome is = outcome_of(b, type, direction);
-    if (!(was == is)) return Answers{std::move(was), std::move(is)};
+    if (!(was == is)) return Answers{std::move(was), std::move(is), direction};
   }
   return std::nullopt;
 }
@@ -144,6 +145,22 @@ RouteSet in_question(RouteSpace* space, const PolicyProof& before, const PolicyP
 
 }  // namespace
 
+bool plainly_equal(const PolicyProof& before, const PolicyProof& after,
+                   const std::vector<uint32_t>& directions) {
+  if (before.size() != after.size()) return false;
+  for (size_t i = 0; i < before.size(); ++i) {
+    const SequenceModel& was = before.sequence(i);
+    const SequenceModel& is = after.sequence(i);
+    if (before.atoms(i) != after.atoms(i)) return false;
+    if (!was.is_default() && was.is.match_type != is.is.match_type) return false;
+    for (uint32_t type : kTypes) {
+      if (!was.is_default() && was.is.match_type != type) continue;
+      if (unlike(was, is, type, directions)) return false;
+    }
+  }
+  return true;
+}
+
 std::vector<Difference> differences(RouteSpace* space, const PolicyProof& before,
                                     const PolicyProof& after,
                                     const std::vector<uint32_t>& directions) {
@@ -161,7 +178,15 @@ std::vector<Difference> differences(RouteSpace* space, const PolicyProof& before
         if (!answers) continue;
         RouteSet both = part & other & space->type(type);
         if (both.empty()) continue;
-        found.push_back({i, j, std::move(answers->was), std::move(answers->is), std::move(both)});
+        // The default actions decide routes of every type.
+        Difference* last = found.empty() ? nullptr : &found.back();
+        if (last != nullptr && last->before == i && last->after == j && last->was == answers->was &&
+            last->is == answers->is && last->direction == answers->direction) {
+          last->routes = last->routes | both;
+          continue;
+        }
+        found.push_back({i, j, std::move(answers->was), std::move(answers->is), answers->direction,
+                         std::move(both)});
       }
     }
   }

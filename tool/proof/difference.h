@@ -22,8 +22,13 @@ struct Difference {
   size_t after;
   Outcome was;
   Outcome is;
+  uint32_t direction; /* in which these are their answers */
   RouteSet routes;
 };
+
+/* Whether both ask and answer the same, sequence by sequence, numbers aside. The space need not be cut. */
+bool plainly_equal(const PolicyProof& before, const PolicyProof& after,
+                   const std::vector<uint32_t>& directions);
 
 /* In the order of the sequences. Both policies are of the space, and of one kind. `directions` are those
  * in which they may be applied: it counts if they differ in one of them; `was` and `is` are of the first

@@ -16,20 +16,15 @@
 #define TOOL_PROOF_POLICY_PROOF_H
 
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "host/input_error.h"
 #include "policy_model.h"
 #include "route_space.h"
 
 namespace polctl {
-
-/* The analysis and the library disagree about a route. */
-struct InternalError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 /* What becomes of the routes of one type that a sequence decides. */
 struct Outcome {

@@ -98,10 +98,10 @@ BddTable::~BddTable() {
 
 size_t BddTable::nodes() { return static_cast<size_t>(bdd_getnodenum()); }
 
-RouteSet::RouteSet(int node) : node_(0) {
+RouteSet::RouteSet(int node) {
   if (g_table.full) give_up_for_nodes();
-  node_ = bdd_addref(node);
   look_at_clock();
+  node_ = bdd_addref(node);
 }
 
 RouteSet RouteSet::all() {
@@ -137,6 +137,17 @@ RouteSet RouteSet::operator^(const RouteSet& other) const { return apply(other, 
 
 RouteSet RouteSet::with(BitField field, const std::vector<CodeRange>& ranges) {
   return RouteSet(ranges_below(field, ranges.data(), ranges.data() + ranges.size(), 0, 0));
+}
+
+RouteSet RouteSet::agreeing(const std::vector<int8_t>& bits) {
+  RouteSet routes = all();
+  for (size_t i = bits.size(); i-- > 0;) {
+    if (bits[i] == -1) continue;
+    BDD bit = bdd_ithvar(static_cast<int>(i));
+    routes = RouteSet(bits[i] == 1 ? bdd_ite(bit, routes.node_, kNone)
+                                   : bdd_ite(bit, kNone, routes.node_));
+  }
+  return routes;
 }
 
 bool RouteSet::holds_all(const std::vector<int8_t>& bits) const {

@@ -64,7 +64,10 @@ class RouteSet {
   /* Routes whose field has a code in one of the ranges, which ascend and do not overlap. */
   static RouteSet with(BitField field, const std::vector<CodeRange>& ranges);
 
-  /* Whether it holds every route that agrees with `bits`: 0, 1, or -1 for any. */
+  /* Routes whose bits are these: 0, 1, or -1 for any. */
+  static RouteSet agreeing(const std::vector<int8_t>& bits);
+
+  /* Whether it holds every route whose bits are these. */
   bool holds_all(const std::vector<int8_t>& bits) const;
   /* The lowest route, bit by bit; -1 where the bit does not matter. REQUIRES: not empty. */
   std::vector<int8_t> lowest(size_t bits) const;

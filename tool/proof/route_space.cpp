@@ -11,6 +11,7 @@
 #include "host/address_text.h"
 #include "host/output.h"
 #include "policy/pol_util.h"
+#include "tool/attribute_words.h"
 
 namespace polctl {
 
@@ -36,16 +37,34 @@ t_ipaddr address_of(const Value& value) {
   return address;
 }
 
+t_tloc_id tloc_of(const Value& value) {
+  const t_ipaddr address = address_of(value);
+  t_tloc_id tloc = {};
+  tloc.family = address.family;
+  std::copy(std::begin(address.addr.v6), std::end(address.addr.v6), tloc.addr.v6);
+  tloc.color = value.color;
+  tloc.encap = value.encap;
+  return tloc;
+}
+
 std::string value_text(Field field, const Value& value) {
   switch (field) {
     case Field::kPrefix:
       return fmt::format("{}/{}", address_text(address_of(value)), value.length);
     case Field::kTloc:
-      return fmt::format("{},{},{}", address_text(address_of(value)), value.color, value.encap);
+      return tloc_text(tloc_of(value));
     case Field::kOriginator:
       return address_text(address_of(value));
-    case Field::kOrigin:
-      return fmt::format("{},{}", static_cast<unsigned>(value.number), value.length);
+    case Field::kOrigin: {
+      const char* word = origin_word({static_cast<uint8_t>(value.number), value.length});
+      return word != nullptr && *word != 0
+                 ? word
+                 : fmt::format("{},{}", static_cast<unsigned>(value.number), value.length);
+    }
+    case Field::kCarrier: {
+      const char* word = word_of(Vocabulary::kCarrier, static_cast<uint32_t>(value.number));
+      return *word != 0 ? word : std::to_string(static_cast<uint32_t>(value.number));
+    }
     case Field::kType:
       return pol_util_match_type_str(static_cast<uint32_t>(value.number));
     default:
@@ -80,15 +99,24 @@ std::string route_json(const ShownRoute& route) {
         break;
       case Field::kTloc:
         if (value.absent) break;
-        line += fmt::format(",\"tloc\":{{\"address\":\"{}\",\"color\":{},\"encap\":{}}}",
-                            address_text(address_of(value)), value.color, value.encap);
+        line +=
+            fmt::format(",\"tloc\":{{\"address\":\"{}\",\"color\":{},\"encap\":{}}}",
+                        address_text(address_of(value)), json_word(Vocabulary::kColor, value.color),
+                        json_word(Vocabulary::kEncap, value.encap));
         break;
       case Field::kPrefix:
       case Field::kOriginator:
         if (!value.absent) line += fmt::format(",\"{}\":\"{}\"", field_word(field), text);
         break;
       case Field::kOrigin:
-        if (!value.absent) line += fmt::format(",\"origin\":[{}]", text);
+        if (value.absent) break;
+        line += text.find(',') == std::string::npos ? fmt::format(",\"origin\":\"{}\"", text)
+                                                    : fmt::format(",\"origin\":[{}]", text);
+        break;
+      case Field::kCarrier:
+        if (value.absent) break;
+        line +=
+            ",\"carrier\":" + json_word(Vocabulary::kCarrier, static_cast<uint32_t>(value.number));
         break;
       default:
         // The VPN is always there, and 0 unless it is named; of a service it has to be.
@@ -286,6 +314,7 @@ ShownRoute RouteSpace::show(const RouteSet& set) const {
     }
     if (matters && slot.field != Field::kType) route.matters.push_back(words(slot, code));
   }
+  route.bits = std::move(bits);
   if (route.groups.size() > POL_MAX_GROUP) {
     throw NotKnown(fmt::format("it would take a route with {} groups, and one has at most {}",
                                route.groups.size(), POL_MAX_GROUP));

@@ -28,8 +28,8 @@ namespace polctl {
 struct ShownRoute {
   std::array<Value, kFields> values; /* by Field; of groups those below */
   std::vector<uint32_t> groups;
-  std::vector<std::string>
-      matters; /* "prefix in list branch-lan", "tag 666": alike routes are alike */
+  std::vector<std::string> matters; /* "prefix in list branch-lan", "tag 666" */
+  std::vector<int8_t> bits;         /* of all routes that are alike in these */
 
   uint32_t type() const { return static_cast<uint32_t>(values[0].number); }
 };
@@ -55,6 +55,8 @@ class RouteSpace {
   /* A route of the set, which is not empty, in few words: of fields that do not matter it has as little
    * as can be. */
   ShownRoute show(const RouteSet& set) const;
+  /* All routes of that set that are alike in what matters. */
+  static RouteSet alike(const ShownRoute& route) { return RouteSet::agreeing(route.bits); }
 
   /* "prefix 317, tag 4": classes of the fields that are asked about. */
   std::string classes_text() const;

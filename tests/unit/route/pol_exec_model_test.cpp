@@ -454,6 +454,11 @@ class Twin {
     RC_ASSERT(std::tuple(actions[2], batch[2].matched, batch[2].applied, batch[2].vpn_count) ==
               std::tuple(action, query.matched, query.applied, query.vpn_count));
     RC_ASSERT(memcmp(&batch[2].attr_copy, &query.attr_copy, sizeof query.attr_copy) == 0);
+    t_pol_explain_step decisions[3];
+    pol_explain_batch(users_[direction - 1], batch, 3, decisions);
+    RC_ASSERT(std::tuple(decisions[2].action, decisions[2].is_default, decisions[2].set_flags) ==
+              std::tuple(decision.action, decision.is_default, decision.set_flags));
+    RC_ASSERT(!expected.sequence || decisions[2].sequence == decision.sequence);
     for (t_pol_route_query& one : batch) pol_post_execute(&one);
     pol_post_execute(&indexed);
     pol_post_execute(&query);
