@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "commands.h"
+#include "expect/announcer.h"
 #include "host/address_text.h"
 #include "host/event_log.h"
 #include "host/graph_model.h"
@@ -126,6 +127,7 @@ class Serving {
   }
 
   void run(Signals* signals) {
+    if (options_.announce) announcer_.emplace(options_.directions);
     routing_.follow(*source_.configured());
     routing_.take_called();
     uint16_t port = source_.live()->port;
@@ -188,6 +190,7 @@ class Serving {
     ConfigFeed::Batch batch = source_.live()->feed->read(0);
     if (!batch) return false;
     source_.live()->walk->take(batch.get());
+    announce();
     routing_.follow(*source_.configured());
     manager_.follow(*source_.configured());
     const CommitNote& commit = watch_.note(batch.get());
@@ -199,6 +202,14 @@ class Serving {
     tell_names();
     begin_fetch();
     return true;
+  }
+
+  // Before anything is answered by the new policy.
+  void announce() {
+    if (!announcer_) return;
+    for (const std::string& line : announcer_->changes()) {
+      tell(LogLevel::kInfo, "a commit changes answers", {{"change", line}}, "  " + line);
+    }
   }
 
   // What is named and not configured, when that has changed.
@@ -320,7 +331,12 @@ class Serving {
   }
   static int answer_one(const TestOptions& options, const std::string& input, Output* to) {
     if (options.direction > POL_DIR_OUT) throw InputError("polctl: error: an unknown direction");
-    return answer_test(options, input, to);
+    try {
+      return answer_test(options, input, to);
+    } catch (const InternalError& error) {
+      to->print("{}\n", error.what());
+      return kInternal;
+    }
   }
   static int answer_one(const DumpOptions& options, const std::string& /*input*/, Output* to) {
     std::vector<std::string> topics = dump_topics();
@@ -381,6 +397,7 @@ class Serving {
   WebSite site_;
   std::optional<HttpServer> web_;
   LiveServer server_;
+  std::optional<Announcer> announcer_;
   bool clients_ = false;
   Clock::time_point begun_;
   std::string document_;

@@ -134,6 +134,14 @@ void add_tlocs(CLI::App* command, std::string* tlocs) {
       ->type_name("FILE");
 }
 
+void add_limits(CLI::App* command, std::vector<std::string>* limits) {
+  command
+      ->add_option("--limit", *limits,
+                   "what a proof may take before the answer is \"not known\" (60s, 400MB)")
+      ->option_text("SECONDSs|MEGABYTESMB")
+      ->allow_extra_args(false);
+}
+
 void add_routes_format(CLI::App* command, std::string* format) {
   command
       ->add_option("--routes-format", *format,
@@ -215,6 +223,7 @@ void add_test(CLI::App& app, TestOptions* options) {
           "--json", [options] { options->format = "json"; }, "the same as --format json")
       ->excludes(format);
   command->add_flag("--explain", options->explain, "say of each failure every sequence tried");
+  add_limits(command, &options->limits);
   command->add_flag("--coverage", options->coverage, "say what was never reached");
   command->add_option("--routes", options->routes, "routes that reach too, for the coverage")
       ->type_name("FILE");
@@ -334,6 +343,8 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
       ->allow_extra_args(false);
   add_applied(command, &options->applied);
   add_tlocs(command, &options->tlocs);
+  command->add_flag("--announce", options->announce,
+                    "tell of each commit which kinds of routes it has answered otherwise");
   command
       ->add_option("--log", options->log,
                    "where events go, without it as lines to standard output: stderr, syslog, or "
@@ -348,14 +359,6 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
                     "print the options in force as such a file, and end");
   add_trace(command, &options->source);
   command->footer(kServeHelp);
-}
-
-void add_limits(CLI::App* command, std::vector<std::string>* limits) {
-  command
-      ->add_option("--limit", *limits,
-                   "what a proof may take before the answer is \"not known\" (60s, 400MB)")
-      ->option_text("SECONDSs|MEGABYTESMB")
-      ->allow_extra_args(false);
 }
 
 void add_search(CLI::App& app, SearchOptions* options) {
@@ -424,6 +427,8 @@ void add_watch(CLI::App& app, WatchOptions* options) {
       ->add_option("--change", options->change, "a configuration file to commit once all is loaded")
       ->type_name("FILE")
       ->allow_extra_args(false);
+  add_json(command, &options->json, "one JSON object a line for each commit");
+  command->add_flag("--reconnect", options->reconnect, "wait for an agent that goes away");
   command->footer(kWatchHelp);
 }
 

@@ -68,7 +68,8 @@ struct TestOptions {
   std::string format = "text"; /* or "json", "junit", "tap" */
   bool explain = false;
   bool coverage = false;
-  std::string routes; /* asked too, for the coverage; "": none */
+  std::vector<std::string> limits; /* bounds of each statement about all routes */
+  std::string routes;              /* asked too, for the coverage; "": none */
   std::string routes_name;
   std::string routes_format; /* as of eval */
 };
@@ -166,6 +167,7 @@ struct ServeOptions {
   std::vector<std::string> http_hosts;        /* names it is reached by besides */
   std::map<std::string, uint32_t> directions; /* by policy; inbound where none is given */
   std::string log; /* where events go, as service::log_target_of knows it; "": standard output */
+  bool announce = false;    /* tell of each commit which routes are answered otherwise */
   std::string options_file; /* where more options stand */
   bool print_config = false;
 };
@@ -207,9 +209,12 @@ struct WatchOptions {
   PolicyOptions source;
   std::vector<std::string> policies; /* control policies to use; none: all there are */
   std::vector<std::string> change;   /* configuration files to commit; none: wait for others' */
+  bool json = false;
+  bool reconnect = false; /* to an agent that went, rather than end */
 };
 
-/* Registers a user for each policy and shows what each commit has it told, and when. */
+/* Registers a user for each policy and shows each commit: what it changed, whom it had called back, and
+ * when. kFindings once the agent goes. */
 int run_watch(const WatchOptions& options, Output* out);
 
 /* A policy as a command's options say; who waits long is told. Throws InputError. */

@@ -49,7 +49,9 @@ what is expected of the answer. What is left out is not looked at:
    "expect":{"action":"accept", "sequence":60, "set":{"preference":300, "tag":null},
              "tlocs":[{"address":"172.16.1.1", "color":"mpls"}], "vpns":[[10,19]]}}
 A sequence of null is the default action, a tag or preference of null is not set.
-"kind":"membership" asks a membership policy.
+"kind":"membership" asks a membership policy. Or a line says what must never be,
+whatever the route; its conditions are those of "polctl help search":
+  {"policy":"branch", "never":{"action":"accept", "where":["type=route", "tag=666"]}}
 
 Reached is a sequence that decided, a clause that held, a list element that took a
 value. The routes of --routes are asked of every control policy. The exit status is
@@ -116,7 +118,8 @@ inline constexpr const char* kWatchHelp = R"(Examples:
 Registers a user for each control policy named, or for all. With --change the
 files are committed, and the batch of changes and every callback are shown with
 their time since the commit began. Without it every commit that others make is
-shown, until the agent ends.)";
+shown: number, time, who, what it changed as set-lines, whom it had called back.
+When the agent goes, the exit status is 1, unless --reconnect waits for it.)";
 
 inline constexpr const char* kGraphHelp = R"(Examples:
   polctl graph --config sdwan.xml

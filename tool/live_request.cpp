@@ -88,6 +88,7 @@ void members(Visitor* visitor, Options& options) {
     visitor->member("format", options.format);
     visitor->member("explain", options.explain);
     visitor->member("coverage", options.coverage);
+    visitor->member("limits", options.limits);
     visitor->member("routes", options.routes_name);
   } else {
     visitor->member("json", options.json);

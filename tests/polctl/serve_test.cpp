@@ -199,6 +199,47 @@ TEST_F(ServeTest, TellsItsServiceManagerAndLogsEveryEventInOneForm) {
   unlink(manager.sun_path);
 }
 
+// Whoever watches sees what others commit, is told that the agent went, and finds it again.
+TEST_F(ServeTest, IsWatchedUntilItGoes) {
+  int port = port_;
+  Running once(kPolctlPath, {"watch", "--agent=" + std::to_string(port)}, STDERR_FILENO);
+  Running again(kPolctlPath, {"watch", "--agent=" + std::to_string(port), "--json", "--reconnect"},
+                STDERR_FILENO);
+  EXPECT_NE(once.next_line().find("walked; 1 user registered"), std::string::npos);
+  usleep(500'000);  // the one that tells nothing at first
+  const std::string edit =
+      R"(<policy xmlns="urn:zenodra:policy"><lists><site-list><name>spokes</name>
+      <site><id>77</id></site></site-list></lists></policy>)";
+  commit(edit);
+  std::string told;
+  while (told.find("called back 1 time") == std::string::npos) {
+    std::string line = once.next_line();
+    ASSERT_NE(line, "") << told;
+    told += line + "\n";
+  }
+  EXPECT_NE(told.find("\n  + set policy lists site-list spokes site 77\n"), std::string::npos)
+      << told;
+  auto next = [&] { return nlohmann::json::parse(again.next_line(), nullptr, false); };
+  nlohmann::json line;
+  do line = next();
+  while (line.is_object() && line["lines"].dump().find("site 77") == std::string::npos);
+  ASSERT_TRUE(line.is_object());
+  EXPECT_EQ(line["calls"]["out"], 1);
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+  EXPECT_EQ(once.next_line(), "");
+  EXPECT_EQ(once.stop(0), 1);
+  server_ = std::make_unique<Running>(
+      kPolctlPath, std::vector<std::string>{"serve", "--port", std::to_string(port), "--socket",
+                                            socket_, "--config", kConfig});
+  server_->next_line();
+  usleep(1'500'000);
+  commit(edit);
+  do line = next();
+  while (line.is_object() && line["lines"].dump().find("site 77") == std::string::npos);
+  EXPECT_TRUE(line.is_object());
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+}
+
 class HttpTest : public ServeTest {
  protected:
   void SetUp() override {
@@ -404,6 +445,30 @@ TEST_F(ServeTest, TakesUpWhatIsConfiguredLater) {
       <name>gone</name></vpn-list></data-policy></policy>)");
   EXPECT_NE(ask({"document"}).err.find("not configured: vpn-list \"gone\""), std::string::npos);
   EXPECT_EQ(ask({"labels"}).status, 0);
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+}
+
+TEST_F(ServeTest, AnnouncesWhatACommitChanges) {
+  start({"--config", kConfig, "--announce", "--apply", "out:out"});
+  auto next_until = [this](const std::string& end) {
+    std::string all;
+    for (std::string line; all.find(end) == std::string::npos;) {
+      line = server_->next_line();
+      if (line.empty()) break;
+      all += line + "\n";
+    }
+    return all;
+  };
+  commit(R"(<policy xmlns="urn:zenodra:policy"><control-policy><name>out</name><sequence>
+      <number>1</number><match><type>route</type><tag>77</tag></match><action>
+      <action-value>accept</action-value></action></sequence></control-policy></policy>)");
+  // Labels that the worker writes are commits too.
+  std::string told = next_until("1 kind of routes answered differently");
+  EXPECT_NE(told.find("tag 77"), std::string::npos) << told;
+  commit(R"(<policy xmlns="urn:zenodra:policy"><lists><site-list><name>unused</name></site-list>
+      </lists></policy>)");
+  std::string unchanged = next_until("no route is answered differently");
+  EXPECT_NE(unchanged.find("no route is answered differently"), std::string::npos) << unchanged;
   EXPECT_EQ(server_->stop(SIGTERM), 0);
 }
 

@@ -14,6 +14,7 @@
 #include "tool/commands.h"
 #include "tool/importing/route_import.h"
 #include "tool/live_client.h"
+#include "tool/proof/condition.h"
 #include "tool/tloc_reader.h"
 
 namespace polctl {
@@ -67,7 +68,8 @@ int answer_test(const TestOptions& options, Output* out) {
   if (options.coverage) coverage.emplace();
   TestRun run;
   {
-    TestRunner runner(options.direction, coverage ? &*coverage : nullptr);
+    TestRunner runner(options.direction, read_bounds(options.limits),
+                      coverage ? &*coverage : nullptr);
     for (size_t i = 0; i < options.files.size(); ++i) {
       TestFile file(options.files[i], i < options.names.size() ? options.names[i] : "");
       runner.run(&file, &run);
@@ -105,7 +107,8 @@ int answer_test(TestOptions options, const std::string& input, Output* out) {
     bool is_test = files.size() <= options.names.size();
     (is_test ? options.files.emplace_back() : options.routes) = files.back()->path();
   }
-  options.source.config = {"running configuration"};  // what messages call the source
+  options.source.config = {"running configuration"};    // what messages call the source
+  options.limits.insert(options.limits.begin(), "5s");  // the host stands still meanwhile
   return answer_test(options, out);
 }
 

@@ -12,6 +12,7 @@ namespace polctl {
 
 namespace {
 
+constexpr const char* kExpected = "what is expected of the answer, or what is never to be";
 constexpr size_t kTestDepth = 3;  // "expect", its lists, what is in those
 constexpr const char* kBlanks = " \t";
 
@@ -160,6 +161,40 @@ class ExpectReader {
   int ends_ = 0;
 };
 
+void read_never(const JsonField& field, std::optional<Never>* never) {
+  if (field.name == "never") {
+    json_expect(field, JsonType::Object, "an object");
+    never->emplace();
+  } else if (field.name == "never.action") {
+    (*never)->action = read_either(field, "accept", "reject");
+  } else if (field.name == "never.sequence") {
+    read_number(field, &(*never)->sequence);
+  } else if (field.name == "never.where") {
+    json_expect(field, JsonType::Array, "an array of conditions");
+  } else if (field.name == "never.where[]") {
+    (*never)->where.push_back(json_text(field, "a condition in quotes"));
+  } else {
+    throw LineFaultError({field.name_column,
+                          fmt::format("unknown member {}", in_quotes(field.name)),
+                          "action, sequence or where"});
+  }
+}
+
+// A statement is about all routes: of one it says nothing.
+void require_statement(const TestCase& test, const JsonLine& route, const JsonField& never,
+                       const JsonField* expect) {
+  if (expect != nullptr) fail(*expect, "both \"never\" and \"expect\"", "one of them");
+  if (route.count > 0) {
+    const JsonField& first = route.fields.front();
+    throw LineFaultError({first.name_column,
+                          fmt::format("a member {} beside \"never\"", in_quotes(first.name)),
+                          "policy, kind, direction and name"});
+  }
+  if (!test.never->action && !test.never->sequence.looked_at && test.never->where.empty()) {
+    fail(never, "nothing is denied", "action, sequence or where");
+  }
+}
+
 const JsonField* find_field(const JsonLine& json, std::string_view name) {
   for (size_t i = 0; i < json.count; ++i) {
     if (json.fields[i].name == name) return &json.fields[i];
@@ -185,19 +220,20 @@ void TestFile::read(TestCase* test, t_pol_route_query* query, t_pol_route_attr* 
       test->direction = read_either(field, "in", "out");
     } else if (field.name == "expect" || field.name.starts_with("expect.")) {
       expect.read(field);
+    } else if (field.name == "never" || field.name.starts_with("never.")) {
+      read_never(field, &test->never);
     } else {
       if (route_.count == route_.fields.size()) route_.fields.emplace_back();
       route_.fields[route_.count++] = field;
     }
   }
-  read_route_fields(route_, query, attr);
+  const JsonField* what = find_field(all_, "expect");
+  if (!test->never) read_route_fields(route_, query, attr);
   if (test->policy.empty()) {
     throw LineFaultError({1, "no member \"policy\"", "the policy that is asked"});
   }
-  const JsonField* what = find_field(all_, "expect");
-  if (what == nullptr) {
-    throw LineFaultError({1, "no member \"expect\"", "what is expected of the answer"});
-  }
+  if (test->never) return require_statement(*test, route_, *find_field(all_, "never"), what);
+  if (what == nullptr) throw LineFaultError({1, "no member \"expect\" or \"never\"", kExpected});
   expect.finish(*what);
   bool of_vpn = query->match_type == POL_MATCH_SERVICE && query->prefix.addr.family == 0 &&
                 find_field(route_, "vpn") != nullptr;

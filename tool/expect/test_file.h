@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
  * test_file.h - what a policy is expected to say, from text: JSON Lines, each a route as RouteReader
- * takes it, with the policy that is asked and what is expected of the answer.
+ * takes it, with the policy that is asked and what is expected of the answer; or a policy and what it must
+ * never do.
  */
 #ifndef TOOL_EXPECT_TEST_FILE_H
 #define TOOL_EXPECT_TEST_FILE_H
@@ -42,6 +43,13 @@ struct Expected {
   std::optional<VpnRanges> vpns;
 };
 
+/* What must not be, whatever the route. */
+struct Never {
+  std::optional<uint32_t> action;
+  ExpectedNumber sequence; /* no value: the default action */
+  std::vector<std::string> where;
+};
+
 struct TestCase {
   uint64_t line = 0;
   std::string name; /* "": it has none */
@@ -49,6 +57,7 @@ struct TestCase {
   uint32_t kind = 0;      /* enum pol_kind */
   uint32_t direction = 0; /* enum pol_direction; NONE: it says none */
   Expected expected;
+  std::optional<Never> never; /* then nothing is expected, and there is no route */
 };
 
 class TestFile {

@@ -51,8 +51,9 @@ struct TestRunner::Question {
   }
 };
 
-TestRunner::TestRunner(uint32_t direction, Coverage* coverage)
+TestRunner::TestRunner(uint32_t direction, const Bounds& bounds, Coverage* coverage)
     : direction_(direction != POL_DIR_NONE ? direction : uint32_t{POL_DIR_IN}),
+      bounds_(bounds),
       coverage_(coverage),
       question_(std::make_unique<Question>()) {}
 
@@ -76,6 +77,45 @@ t_pol_user* TestRunner::user_of(const std::string& policy, uint32_t kind, uint32
   return user;
 }
 
+// Asks again, for what a failure is told with.
+void TestRunner::explain(t_pol_user* user, Verdict* verdict, TestResult* result) {
+  verdict->query = question_->prepared();
+  verdict->action = pol_explain(user, &question_->query, keep_step, verdict, &verdict->decision);
+  Output text(Output::kNoFile);
+  write_explanation(*verdict, &text, Palette(Output::kNoFile));
+  result->explanation = text.text();
+  Output json(Output::kNoFile);
+  write_json(*verdict, &json);
+  result->answer = json.text().substr(0, json.text().size() - 1);  // without its line end
+}
+
+void TestRunner::prove(const TestCase& test, const TestFile& file, t_pol_user* user,
+                       TestResult* result) {
+  if (!prover_) prover_.emplace(bounds_);
+  std::string text = "never " + never_text(*test.never);
+  result->title = !test.name.empty() ? test.name : test.policy + ", " + text;
+  std::optional<CounterExample> found =
+      prover_->disprove(test, file.place("never.where[]") + ": error: where");
+  if (!found) return;
+  bool known = !found->route.empty();
+  result->mismatches.push_back(
+      {"never",
+       {never_json(*test.never), text},
+       {known ? found->route : "null", known ? found->route : "no proof"}});
+  result->reason = found->what;
+  result->answer = "null";
+  if (!known) return;
+  JsonLine line;
+  split_json_line(found->route, &line);
+  t_pol_route_query* query = question_->cleared();
+  question_->attr = {};
+  query->attr = &question_->attr;
+  read_route_fields(line, query, &question_->attr);
+  Verdict verdict;
+  verdict.direction = test.direction;
+  explain(user, &verdict, result);
+}
+
 void TestRunner::judge(const TestCase& test, uint64_t index, t_pol_user* user, TestResult* result) {
   Verdict verdict;
   verdict.direction = test.direction;
@@ -85,18 +125,11 @@ void TestRunner::judge(const TestCase& test, uint64_t index, t_pol_user* user, T
   result->mismatches = mismatches_of(test.expected, verdict);
   result->title = !test.name.empty() ? test.name : test.policy + ", " + route_text_in_full(verdict);
   if (result->passed()) return;
-  question_->prepared();
-  pol_explain(user, &question_->query, keep_step, &verdict, &verdict.decision);
+  explain(user, &verdict, result);
   std::vector<uint32_t> sequences = policy_sequences(test.policy, test.kind);
   uint32_t wanted = test.expected.sequence.value.value_or(0);
   bool there = std::find(sequences.begin(), sequences.end(), wanted) != sequences.end();
   result->reason = reason_of(test.expected, there, verdict);
-  Output text(Output::kNoFile);
-  write_explanation(verdict, &text, Palette(Output::kNoFile));
-  result->explanation = text.text();
-  Output json(Output::kNoFile);
-  write_json(verdict, &json);
-  result->answer = json.text().substr(0, json.text().size() - 1);  // without its line end
 }
 
 void TestRunner::run(TestFile* file, TestRun* run) {
@@ -109,10 +142,14 @@ void TestRunner::run(TestFile* file, TestRun* run) {
     result.line = test.line;
     result.policy = test.policy;
     t_pol_user* user = user_of(test.policy, test.kind, test.direction);
-    judge(test, run->results.size(), user, &result);
+    if (test.never) {
+      prove(test, *file, user, &result);
+    } else {
+      judge(test, run->results.size(), user, &result);
+    }
     if (!result.passed()) ++run->failed;
     run->results.push_back(std::move(result));
-    if (coverage_ != nullptr) {
+    if (coverage_ != nullptr && !test.never) {
       coverage_->ask(test.policy, test.kind, user, question_->prepared());
     }
   }

@@ -98,10 +98,10 @@ BddTable::~BddTable() {
 
 size_t BddTable::nodes() { return static_cast<size_t>(bdd_getnodenum()); }
 
-RouteSet::RouteSet(int node) : node_(0) {
+RouteSet::RouteSet(int node) {
   if (g_table.full) give_up_for_nodes();
-  node_ = bdd_addref(node);
   look_at_clock();
+  node_ = bdd_addref(node);
 }
 
 RouteSet RouteSet::all() {

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/agent_link.h"
 #include "host/input_error.h"
 #include "host/setlines/config_lines.h"
 
@@ -33,20 +32,19 @@ std::vector<ConfigLines> read_entries(ConfigSession* session,
   return read;
 }
 
-CommitDetail difference(uint16_t port, int64_t from, int64_t number,
+CommitDetail difference(ConfigSession* session, int64_t from, int64_t number,
                         const std::vector<ChangedEntry>& entries) {
-  ConfigSession session(port);
   std::vector<ConfigLines> before;
   std::vector<ConfigLines> after;
   for (int attempt = 0;; ++attempt) {
     if (attempt == kAttempts) return no_lines("others commit too fast");
-    int64_t now = session.commit_id();
+    int64_t now = session->commit_id();
     // An agent that began anew counts from the beginning.
-    if (now < number || !session.look_back(now - number)) return no_lines(kTooOld);
-    after = read_entries(&session, entries);
-    if (!session.look_back(now - from)) return no_lines(kTooOld);
-    before = read_entries(&session, entries);
-    if (session.commit_id() == now) break;
+    if (now < number || !session->look_back(now - number)) return no_lines(kTooOld);
+    after = read_entries(session, entries);
+    if (!session->look_back(now - from)) return no_lines(kTooOld);
+    before = read_entries(session, entries);
+    if (session->commit_id() == now) break;
   }
   CommitDetail detail;
   for (size_t i = 0; i < before.size(); ++i) {
@@ -61,10 +59,10 @@ CommitDetail difference(uint16_t port, int64_t from, int64_t number,
 
 }  // namespace
 
-CommitDetail read_commit(uint16_t port, int64_t from, int64_t number,
+CommitDetail read_commit(ConfigSession* session, int64_t from, int64_t number,
                          const std::vector<ChangedEntry>& entries) {
   try {
-    return difference(port, from, number, entries);
+    return difference(session, from, number, entries);
   } catch (const InputError& error) {
     return no_lines(error.what());
   }
@@ -95,6 +93,15 @@ std::map<int64_t, CommitDetail> CommitReader::take() {
   return std::exchange(read_, {});
 }
 
+CommitDetail CommitReader::read(const Question& question) const {
+  try {
+    ConfigSession session(port_);
+    return read_commit(&session, question.from, question.number, question.entries);
+  } catch (const InputError& error) {
+    return no_lines(error.what());
+  }
+}
+
 void CommitReader::run() {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
@@ -103,7 +110,7 @@ void CommitReader::run() {
     Question question = std::move(asked_.front());
     asked_.pop_front();
     lock.unlock();
-    CommitDetail detail = read_commit(port_, question.from, question.number, question.entries);
+    CommitDetail detail = read(question);
     lock.lock();
     read_.insert_or_assign(question.number, std::move(detail));
     while (read_.size() > kAsked) read_.erase(read_.begin());

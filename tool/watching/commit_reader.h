@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "host/agent_link.h"
 #include "tool/watching/changed_entries.h"
 
 namespace polctl {
@@ -28,11 +29,11 @@ struct CommitDetail {
 };
 
 /* Reads the entries before and after the commit; beyond kEntriesRead of them a line says how many are
- * left out. `from` is the commit that the batch before told of: a batch may tell of several. Uses a
- * session of its own. Problems with the agent, and a commit that is not kept any more, are the
+ * left out. `from` is the commit that the batch before told of: a batch may tell of several. The
+ * session has no edits, and looks elsewhere afterwards. Problems with the agent, and a commit that is not kept any more, are the
  * detail's. */
 inline constexpr size_t kEntriesRead = 100;
-CommitDetail read_commit(uint16_t port, int64_t from, int64_t number,
+CommitDetail read_commit(ConfigSession* session, int64_t from, int64_t number,
                          const std::vector<ChangedEntry>& entries);
 
 /* Does so in a thread of its own, for a host that waits for nobody. */
@@ -55,6 +56,7 @@ class CommitReader {
     int64_t number;
     std::vector<ChangedEntry> entries;
   };
+  CommitDetail read(const Question& question) const;
   void run();
 
   const uint16_t port_;

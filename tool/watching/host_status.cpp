@@ -20,29 +20,6 @@ const CommitNote* last_commit(const HostStatus& status) {
   return status.commits->empty() ? nullptr : &status.commits->back();
 }
 
-std::string json_object(const CommitNote& commit) {
-  const CommitDetail none;
-  const CommitDetail& detail = commit.detail ? *commit.detail : none;
-  bool read = commit.detail.has_value() && detail.problem.empty();
-  return fmt::format(
-      R"({{"number":{},"time":"{}","user":{},"client":{},"comment":{},"changes":{},"changed":{},)"
-      R"("called":{},"lines":{}}})",
-      commit.number, time_text(commit.time), json_string(detail.user), json_string(detail.client),
-      json_string(detail.comment), commit.changes, json_array(commit.changed),
-      json_array(commit.called), read ? json_array(detail.lines) : "null");
-}
-
-// What it did, as lines if they are known.
-void write_commit(const CommitNote& commit, Output* out) {
-  out->print("commit {} at {}: {} change{}, called back: {}\n", commit.number,
-             time_text(commit.time), grouped(commit.changes), commit.changes == 1 ? "" : "s",
-             commit.called.empty() ? "nobody" : printable(joined(commit.called, ", ")));
-  bool read = commit.detail.has_value() && commit.detail->problem.empty();
-  for (const std::string& each : read ? commit.detail->lines : commit.changed) {
-    out->print("  {}\n", printable(each));
-  }
-}
-
 void line(Output* out, std::string_view what, const std::string& text) {
   out->print("{:<16}{}\n", what, text);
 }
@@ -111,7 +88,7 @@ void write_status_json(const HostStatus& status, Output* out) {
              pol_version(), time_text(status.started), status.agent_port, status.agent_inside,
              status.sessions < 0 ? "null" : std::to_string(status.sessions));
   out->print(R"("last_commit":{},"policies":{},"absent":{},"awaited":{},)",
-             commit == nullptr ? "null" : json_object(*commit), status.policies,
+             commit == nullptr ? "null" : commit_json(*commit), status.policies,
              json_array(status.absent), json_array(status.awaited));
   out->print(R"("document":{{"bytes":{},"fetching":{}}},"counted_since":"{}",)",
              status.document_bytes, status.fetching, time_text(status.counters->since()));
@@ -132,13 +109,44 @@ void write_status_json(const HostStatus& status, Output* out) {
   out->write("]}");
 }
 
+std::string commit_json(const CommitNote& commit) {
+  const CommitDetail none;
+  const CommitDetail& detail = commit.detail ? *commit.detail : none;
+  bool read = commit.detail.has_value() && detail.problem.empty();
+  return fmt::format(
+      R"({{"number":{},"time":"{}","user":{},"client":{},"comment":{},"changes":{},"changed":{},)"
+      R"("called":{},"lines":{}}})",
+      commit.number, time_text(commit.time), json_string(detail.user), json_string(detail.client),
+      json_string(detail.comment), commit.changes, json_array(commit.changed),
+      json_array(commit.called), read ? json_array(detail.lines) : "null");
+}
+
+void write_commit_text(const CommitNote& commit, Output* out) {
+  const CommitDetail none;
+  const CommitDetail& detail = commit.detail ? *commit.detail : none;
+  std::string who = detail.user;
+  if (!detail.client.empty()) who += " (" + detail.client + ")";
+  out->print("commit {} at {}{}: {} change{}\n", commit.number, time_text(commit.time),
+             who.empty() ? "" : " by " + printable(who), grouped(commit.changes),
+             commit.changes == 1 ? "" : "s");
+  if (!detail.comment.empty()) out->print("  comment: {}\n", printable(detail.comment));
+  bool read = commit.detail.has_value() && detail.problem.empty();
+  for (const std::string& each : read ? detail.lines : commit.changed) {
+    out->print("  {}\n", printable(each));
+  }
+}
+
 void write_commits_text(const std::deque<CommitNote>& commits, Output* out) {
-  for (const CommitNote& commit : commits) write_commit(commit, out);
+  for (const CommitNote& commit : commits) {
+    write_commit_text(commit, out);
+    out->print("  called back: {}\n",
+               commit.called.empty() ? "nobody" : printable(joined(commit.called, ", ")));
+  }
   if (commits.empty()) out->write("no commits since the start\n");
 }
 
 void write_commits_json(const std::deque<CommitNote>& commits, Output* out) {
-  for (const CommitNote& commit : commits) out->print("{}\n", json_object(commit));
+  for (const CommitNote& commit : commits) out->print("{}\n", commit_json(commit));
 }
 
 }  // namespace polctl

@@ -53,6 +53,10 @@ void write_status_text(const HostStatus& status, Output* out);
 /* One object, without a line's end. */
 void write_status_json(const HostStatus& status, Output* out);
 
+/* Who made it and what it changed, without who was called back. */
+void write_commit_text(const CommitNote& commit, Output* out);
+std::string commit_json(const CommitNote& commit);
+
 void write_commits_text(const std::deque<CommitNote>& commits, Output* out);
 /* One object a line. */
 void write_commits_json(const std::deque<CommitNote>& commits, Output* out);
