@@ -19,7 +19,6 @@ namespace polctl {
 
 namespace {
 
-constexpr uint32_t kTypes[] = {POL_MATCH_ROUTE, POL_MATCH_TLOC, POL_MATCH_SERVICE};
 constexpr size_t kMostRoutes = 1000;  // with --all
 
 struct Found {
@@ -65,7 +64,7 @@ class Search {
   void look_at(size_t i) {
     RouteSet decided = policy_.decided(i) & routes_;
     bool any = false;
-    for (uint32_t type : kTypes) {
+    for (uint32_t type : kRouteTypes) {
       Outcome outcome = outcome_of(policy_.sequence(i), type, direction_);
       const bool certain = options_.action == 0 || !outcome.if_resolved;
       if (certain && options_.action != 0 && options_.action != outcome.action) continue;

@@ -48,7 +48,7 @@ constexpr FieldRow kRows[] = {
     {"carrier", Field::kCarrier, UINT8_MAX, 0},
 };
 
-[[noreturn]] void fail(size_t offset, std::string what, std::string expected) {
+[[noreturn]] void refuse_at(size_t offset, std::string what, std::string expected) {
   throw LineFaultError({offset + 1, std::move(what), std::move(expected)});
 }
 
@@ -74,8 +74,9 @@ uint8_t word_or_number(const Given& given, Vocabulary words) {
   if (number_of(words, given.text, &number)) return static_cast<uint8_t>(number);
   auto value = number_in(given.text);
   if (!value || *value > UINT8_MAX) {
-    fail(given.offset, fmt::format("{} is no {}", in_quotes(given.text), vocabulary_name(words)),
-         joined(words_in(words), ", ") + " or a number up to 255");
+    refuse_at(given.offset,
+              fmt::format("{} is no {}", in_quotes(given.text), vocabulary_name(words)),
+              joined(words_in(words), ", ") + " or a number up to 255");
   }
   return static_cast<uint8_t>(*value);
 }
@@ -87,19 +88,20 @@ void read_numbers(const Given& given, const FieldRow& row, Atom* atom) {
   std::string expected = fmt::format("a number up to {}, two with - between them{}", row.highest,
                                      row.field == Field::kVpn ? "" : ", or absent");
   if (!low || !high) {
-    fail(given.offset, fmt::format("{} is no value of {}", in_quotes(given.text), row.name),
-         expected);
+    refuse_at(given.offset, fmt::format("{} is no value of {}", in_quotes(given.text), row.name),
+              expected);
   }
   if (*low > row.highest || *high > row.highest) {
-    fail(given.offset, fmt::format("{} is out of range", in_quotes(given.text)), expected);
+    refuse_at(given.offset, fmt::format("{} is out of range", in_quotes(given.text)), expected);
   }
   if (*low > *high) {
-    fail(given.offset, fmt::format("{} is the wrong way round", in_quotes(given.text)), expected);
+    refuse_at(given.offset, fmt::format("{} is the wrong way round", in_quotes(given.text)),
+              expected);
   }
   // A group is there or not: no route is asked for one of a range.
   if (row.field == Field::kGroup && *low != *high) {
-    fail(given.offset, fmt::format("{} is no single group", in_quotes(given.text)),
-         "a number up to 4294967295");
+    refuse_at(given.offset, fmt::format("{} is no single group", in_quotes(given.text)),
+              "a number up to 4294967295");
   }
   atom->kind = *low == *high ? Atom::Kind::kValue : Atom::Kind::kNumbers;
   atom->value.number = *low;
@@ -112,15 +114,15 @@ void read_prefix(const Given& given, Atom* atom) {
   t_ipprefix prefix = {};
   LineFault fault;
   if (!parse_prefix(given.text.substr(0, dash), &prefix, &fault)) {
-    fail(given.offset + fault.column - 1, fault.what,
-         fault.expected + ", as 10.0.0.0/8 or 10.0.0.0/8-24");
+    refuse_at(given.offset + fault.column - 1, fault.what,
+              fault.expected + ", as 10.0.0.0/8 or 10.0.0.0/8-24");
   }
   const unsigned width = prefix.addr.family == KEL_AF_INET ? 32 : 128;
   std::optional<uint64_t> longest = prefix.len;
   if (dash != std::string_view::npos) longest = number_in(given.text.substr(dash + 1));
   if (!longest || *longest < prefix.len || *longest > width) {
-    fail(given.offset + dash + 1, "no length up to which prefixes are meant",
-         fmt::format("{} to {}", prefix.len, width));
+    refuse_at(given.offset + dash + 1, "no length up to which prefixes are meant",
+              fmt::format("{} to {}", prefix.len, width));
   }
   atom->kind = Atom::Kind::kPrefixes;
   Value base = value_of(prefix.addr);
@@ -134,7 +136,7 @@ t_ipaddr read_address(const Given& given) {
   t_ipaddr address = {};
   LineFault fault;
   if (!parse_address(given.text, &address, &fault)) {
-    fail(given.offset + fault.column - 1, fault.what, fault.expected);
+    refuse_at(given.offset + fault.column - 1, fault.what, fault.expected);
   }
   return address;
 }
@@ -143,7 +145,7 @@ void read_tloc(const Given& given, Atom* atom) {
   size_t first = given.text.find(',');
   size_t second = first == std::string_view::npos ? first : given.text.find(',', first + 1);
   if (second == std::string_view::npos) {
-    fail(given.offset, "no whole TLOC", "ADDRESS,COLOR,ENCAPSULATION, or absent");
+    refuse_at(given.offset, "no whole TLOC", "ADDRESS,COLOR,ENCAPSULATION, or absent");
   }
   atom->kind = Atom::Kind::kValue;
   atom->value = value_of(read_address({given.text.substr(0, first), given.offset}));
@@ -163,8 +165,8 @@ void read_origin(const Given& given, Atom* atom) {
   if (protocol && subtype && *protocol <= UINT8_MAX && *subtype <= UINT8_MAX) {
     origin = {static_cast<uint8_t>(*protocol), static_cast<uint8_t>(*subtype)};
   } else if (!origin_of(given.text, &origin)) {
-    fail(given.offset, fmt::format("{} is no origin", in_quotes(given.text)),
-         joined(origin_words(), ", ") + ", PROTOCOL/SUB-TYPE, or absent");
+    refuse_at(given.offset, fmt::format("{} is no origin", in_quotes(given.text)),
+              joined(origin_words(), ", ") + ", PROTOCOL/SUB-TYPE, or absent");
   }
   atom->value.number = origin.protocol;
   atom->value.length = origin.subtype;
@@ -176,8 +178,8 @@ void read_type(const Given& given, Atom* atom) {
     if (given.text == pol_util_match_type_str(type)) atom->value.number = type;
   }
   if (atom->value.number == 0) {
-    fail(given.offset, fmt::format("{} is no type", in_quotes(given.text)),
-         "route, tloc or service");
+    refuse_at(given.offset, fmt::format("{} is no type", in_quotes(given.text)),
+              "route, tloc or service");
   }
 }
 
@@ -190,11 +192,11 @@ void read_list(const Given& given, const FieldRow& row, const Model& model, Atom
   for (const ListModel& list : model.lists()) {
     if (list.type == row.list) names.push_back(list.name);
   }
-  fail(given.offset,
-       fmt::format("there is no {} {}{}", row.name, in_quotes(name), near_hint(name, names)),
-       names.empty()        ? "one that is configured"
-       : names.size() <= 10 ? "one of " + joined(names, ", ")
-                            : fmt::format("one of {} lists", names.size()));
+  refuse_at(given.offset,
+            fmt::format("there is no {} {}{}", row.name, in_quotes(name), near_hint(name, names)),
+            names.empty()        ? "one that is configured"
+            : names.size() <= 10 ? "one of " + joined(names, ", ")
+                                 : fmt::format("one of {} lists", names.size()));
 }
 
 const FieldRow& row_of(std::string_view name, size_t offset) {
@@ -203,8 +205,8 @@ const FieldRow& row_of(std::string_view name, size_t offset) {
     if (name == row.name) return row;
     names.emplace_back(row.name);
   }
-  fail(offset, fmt::format("unknown field {}{}", in_quotes(name), near_hint(name, names)),
-       joined(names, ", "));
+  refuse_at(offset, fmt::format("unknown field {}{}", in_quotes(name), near_hint(name, names)),
+            joined(names, ", "));
 }
 
 }  // namespace
@@ -216,7 +218,7 @@ Condition read_condition(std::string_view text, const Model& model) {
   if (condition.negated) at = std::min(text.find_first_not_of(' ', at + kNot.size()), text.size());
   size_t equals = text.find('=', at);
   if (equals == std::string_view::npos) {
-    fail(at, fmt::format("{} says nothing of a field", in_quotes(text)), "FIELD=VALUE");
+    refuse_at(at, fmt::format("{} says nothing of a field", in_quotes(text)), "FIELD=VALUE");
   }
   const FieldRow& row = row_of(text.substr(at, equals - at), at);
   Given given = {text.substr(equals + 1), equals + 1};

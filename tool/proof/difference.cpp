@@ -9,8 +9,6 @@ namespace polctl {
 
 namespace {
 
-constexpr uint32_t kTypes[] = {POL_MATCH_ROUTE, POL_MATCH_TLOC, POL_MATCH_SERVICE};
-
 struct Answers {
   Outcome was;
   Outcome is;
@@ -137,7 +135,7 @@ RouteSet in_question(RouteSpace* space, const PolicyProof& before, const PolicyP
   }
   const SequenceModel& was = before.sequence(before.size() - 1);
   const SequenceModel& is = after.sequence(after.size() - 1);
-  for (uint32_t type : kTypes) {
+  for (uint32_t type : kRouteTypes) {
     if (unlike(was, is, type, directions)) routes = routes | space->type(type);
   }
   return routes & before.universe();
@@ -153,7 +151,7 @@ bool plainly_equal(const PolicyProof& before, const PolicyProof& after,
     const SequenceModel& is = after.sequence(i);
     if (before.atoms(i) != after.atoms(i)) return false;
     if (!was.is_default() && was.is.match_type != is.is.match_type) return false;
-    for (uint32_t type : kTypes) {
+    for (uint32_t type : kRouteTypes) {
       if (!was.is_default() && was.is.match_type != type) continue;
       if (unlike(was, is, type, directions)) return false;
     }
@@ -169,7 +167,7 @@ std::vector<Difference> differences(RouteSpace* space, const PolicyProof& before
   std::vector<PolicyProof::Part> parts = after.split(routes);
   for (auto& [i, part] : before.split(std::move(routes))) {
     for (const auto& [j, other] : parts) {
-      for (uint32_t type : kTypes) {
+      for (uint32_t type : kRouteTypes) {
         const SequenceModel& was = before.sequence(i);
         const SequenceModel& is = after.sequence(j);
         if (!was.is_default() && was.is.match_type != type) continue;

@@ -24,6 +24,9 @@
 
 namespace polctl {
 
+/* The types that a query is of. */
+inline constexpr uint32_t kRouteTypes[] = {POL_MATCH_ROUTE, POL_MATCH_TLOC, POL_MATCH_SERVICE};
+
 /* A route to show: what it lacks is absent. */
 struct ShownRoute {
   std::array<Value, kFields> values; /* by Field; of groups those below */
