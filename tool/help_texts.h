@@ -118,7 +118,7 @@ inline constexpr const char* kWatchHelp = R"(Examples:
 Registers a user for each control policy named, or for all. With --change the
 files are committed, and the batch of changes and every callback are shown with
 their time since the commit began. Without it every commit that others make is
-shown: number, time, who, what it changed as set-lines, whom it had called back.
+shown: number, time, what it changed as set-lines, whom it had called back.
 When the agent goes, the exit status is 1, unless --reconnect waits for it.)";
 
 inline constexpr const char* kGraphHelp = R"(Examples:
