@@ -2,9 +2,9 @@
 //
 // In a file of its own, so that a test of the time limits puts another clock in its place at the
 // link.
-#include <chrono>
+#include "agent/clock.h"
 
-#include "agent/session.h"
+#include <chrono>
 
 int64_t agent::now_ms() {
   using std::chrono::duration_cast;

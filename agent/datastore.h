@@ -28,7 +28,8 @@ struct Datastores {
   Journal journal;
   std::deque<Version> versions;  // oldest first; the last is running
   NodeRef operational;
-  ListPool pool;  // of the versions' lists
+  int64_t confirm_by = 0;  // milliseconds of the steady clock; 0: nothing waits to be confirmed
+  ListPool pool;           // of the versions' lists
 
   const NodeRef& running() const { return versions.back().root; }
   uint64_t commit_id() const { return versions.back().commit; }
@@ -46,10 +47,18 @@ void datastores_tidy(Datastores& stores);
 const NodeRef* datastore_root(const Datastores& stores, int datastore);
 
 // Brings what turned `base` into `edited` into running or operational, or refuses it with the paths
-// of conflicts. For running this is a commit: checked, written to disk, its record handed out;
-// `record` is null if nothing changed.
+// of conflicts. For running this is a commit with that note, but for its time: checked, written to
+// disk, its record handed out; `record` is null if nothing changed, and then what the note says of
+// those that wait to be confirmed is not done either.
 Result datastore_apply(Datastores& stores, int datastore, const NodeRef& base,
-                       const NodeRef& edited, CommitRef* record);
+                       const NodeRef& edited, const CommitNote& note, CommitRef* record);
+
+// Does what a note says of those that wait to be confirmed, without a commit.
+Result datastore_confirm(Datastores& stores, CommitNote note);
+
+// Takes back what waited to be confirmed: its changes alone where that goes, else running becomes
+// what it was before. To be called once `confirm_by` is over.
+Result datastore_take_back(Datastores& stores, CommitRef* record);
 
 // Whether a commit of what turned `base` into `edited` would be taken.
 Result datastore_validate(const Datastores& stores, const NodeRef& base, const NodeRef& edited);

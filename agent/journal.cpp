@@ -93,7 +93,7 @@ std::string written_anew(const Schema& schema, const std::deque<Version>& versio
   for (size_t i = first + 1; i < versions.size() && bytes.size() <= limit; ++i) {
     std::vector<Change> changes;
     changes_between(versions[i - 1].root, versions[i].root, &changes);
-    std::string commit = journal_commit(versions[i].commit, changes);
+    std::string commit = journal_commit(versions[i].commit, changes, versions[i].note);
     sizes->commit_sizes.push_back(commit.size());
     bytes += commit;
   }
@@ -168,10 +168,18 @@ Result journal_open(Journal& journal, const Schema& schema,
   journal.size = content.good_size;
   journal.base_size = content.base_size;
   journal.commit_sizes = std::move(content.commit_sizes);
-  return content.end == End::kTorn ? cut_tail(journal, content, bytes.size()) : Result{};
+  if (content.end == End::kTorn) result = cut_tail(journal, content, bytes.size());
+  if (!result.ok() || !content.is_old) return result;
+  // Whoever reads that format would take records with notes for damage.
+  service::log_line(service::LogLevel::kNotice, "the journal of an older format is written anew",
+                    {{"file", journal.dir.path(kRunning)}, {"commit", versions->back().commit}});
+  return journal_rewrite(journal, schema, *versions);
 }
 
-Result journal_append(Journal& journal, uint64_t commit, const std::vector<Change>& changes) {
+namespace {
+
+// Adds a record that belongs to `commit`.
+Result append_record(Journal& journal, uint64_t commit, const std::string& bytes) {
   if (journal.dir.handle < 0) return {};
   const std::string name = journal.dir.path(kRunning);
   if (journal.broken) {
@@ -179,14 +187,11 @@ Result journal_append(Journal& journal, uint64_t commit, const std::vector<Chang
     service::log_line(service::LogLevel::kNotice, "the running configuration can be written again",
                       {{"file", name}});
   }
-  std::string bytes = journal_commit(commit, changes);
   if (journal.size + bytes.size() > journal.limit) {
     return failed(YARROW_ERR_TOOBIG, outgrown(journal));
   }
   if (file_write(journal.file, bytes) && fdatasync(journal.file) == 0) {
     journal.size += bytes.size();
-    journal.commit_sizes.push_back(bytes.size());
-    if (journal.commit_sizes.size() > kMaxRollback) journal.commit_sizes.pop_front();
     return {};
   }
   Result result = os_failure(name);
@@ -199,6 +204,23 @@ Result journal_append(Journal& journal, uint64_t commit, const std::vector<Chang
   service::log_burst(journal.failures, service::LogLevel::kError, what,
                      {{"commit", commit}, {"reason", result.reason}});
   return result;
+}
+
+}  // namespace
+
+Result journal_append(Journal& journal, uint64_t commit, const std::vector<Change>& changes,
+                      const CommitNote& note) {
+  if (journal.dir.handle < 0) return {};
+  const std::string bytes = journal_commit(commit, changes, note);
+  Result result = append_record(journal, commit, bytes);
+  if (!result.ok()) return result;
+  journal.commit_sizes.push_back(bytes.size());
+  if (journal.commit_sizes.size() > kMaxRollback) journal.commit_sizes.pop_front();
+  return {};
+}
+
+Result journal_confirm(Journal& journal, uint64_t commit, const CommitNote& note) {
+  return append_record(journal, commit, journal_confirmation(commit, note));
 }
 
 bool journal_wants_rewrite(const Journal& journal) {
@@ -217,7 +239,9 @@ Result journal_rewrite(Journal& journal, const Schema& schema,
   uint64_t half = journal.limit / 2;
   std::string bytes = written_anew(schema, versions, 0, half, &fresh);
   if (bytes.size() > half) {
-    bytes = written_anew(schema, versions, versions.size() - 1, half, &fresh);
+    size_t waiting = versions_waiting(versions);
+    bytes = written_anew(schema, versions, waiting > 0 ? waiting - 1 : versions.size() - 1, half,
+                         &fresh);
   }
   Result result = bytes.size() <= journal.limit
                       ? state_file_replace(journal.dir, kRunning, bytes, &fresh.file)

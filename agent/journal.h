@@ -57,13 +57,17 @@ Result journal_open(Journal& journal, const Schema& schema,
                     std::deque<Version>* versions);
 
 // Puts a commit on disk. On failure nothing of it is there.
-Result journal_append(Journal& journal, uint64_t commit, const std::vector<Change>& changes);
+Result journal_append(Journal& journal, uint64_t commit, const std::vector<Change>& changes,
+                      const CommitNote& note = {});
+
+// The same of what becomes of those that wait to be confirmed, after this commit.
+Result journal_confirm(Journal& journal, uint64_t commit, const CommitNote& note);
 
 // Whether the file has grown so much that it is worth writing anew.
 bool journal_wants_rewrite(const Journal& journal);
 
-// Writes the file anew with these versions; with the last one alone where all would take half of
-// the limit. On failure the old file stays, and is not tried again before it has grown.
+// Writes the file anew with these versions; where all would take half of the limit with the last one
+// alone, or, as long as one waits to be confirmed, from the one before that on. On failure the old file stays, and is not tried again before it has grown.
 Result journal_rewrite(Journal& journal, const Schema& schema, const std::deque<Version>& versions);
 
 // What a start would find in the directory, as a line for the operator; nothing is written. Not ok

@@ -109,6 +109,13 @@ void answer_hello(Server& server, Connection& connection, std::string_view body)
   connection.deadline = closing ? now_ms() + kFarewellTime : 0;
 }
 
+void publish_commits(Server& server) {
+  while (!server.agent.unpublished.empty()) {
+    subscription_publish(server, server.agent.unpublished.front());
+    server.agent.unpublished.pop_front();
+  }
+}
+
 void answer_request(Server& server, Connection& connection, std::string_view body) {
   if (connection.kind == SocketKind::kSubscription || connection.kind == SocketKind::kStream) {
     connection.dead = true;  // such a socket has nothing to say
@@ -121,10 +128,7 @@ void answer_request(Server& server, Connection& connection, std::string_view bod
                                            request, in, content)
                           : failed(YARROW_ERR_PROTOCOL, "an empty request");
   // Subscribers first: whoever learns that a commit is done can find its batch under way.
-  while (!server.agent.unpublished.empty()) {
-    subscription_publish(server, server.agent.unpublished.front());
-    server.agent.unpublished.pop_front();
-  }
+  publish_commits(server);
   if (content.size() > yarrow::kMaxFrame - kFrameHead) {
     result = failed(YARROW_ERR_TOOBIG, "the answer is too big");
   }
@@ -280,6 +284,13 @@ void accept_some(Server& server, int listener) {
   }
 }
 
+void take_back_overdue(Server& server) {
+  const int64_t confirm_by = server.agent.stores.confirm_by;
+  if (confirm_by == 0 || now_ms() < confirm_by) return;
+  session_take_back(server.agent);
+  publish_commits(server);
+}
+
 // Waits for something to do; false when the server is to end.
 bool wait_for_work(Server& server, bool at_once, std::vector<pollfd>& watched) {
   watched.clear();
@@ -308,6 +319,7 @@ Server::~Server() {
 void server_run(Server& server) {
   std::vector<pollfd> watched;
   bool more = false;
+  take_back_overdue(server);  // of before the start, before anybody is served
   while (wait_for_work(server, more, watched)) {
     more = false;
     size_t index = 3;
@@ -326,6 +338,7 @@ void server_run(Server& server) {
              (!connection.pending.empty() && connection.out.empty());
     }
     drop_dead(server);
+    take_back_overdue(server);
     if ((watched[1].revents & POLLIN) != 0) accept_some(server, server.listener);
     if ((watched[2].revents & POLLIN) != 0) accept_some(server, server.path.listener);
     datastores_tidy(

@@ -2,6 +2,7 @@
 #include "agent/session.h"
 
 #include <algorithm>
+#include <ctime>
 
 #include "agent/edits.h"
 #include "agent/keypath.h"
@@ -25,6 +26,8 @@ constexpr int64_t kStreamWait = 60'000;
 constexpr size_t kMaxLoading = 2 * size_t{yarrow::kMaxLoadText};  // unfinished, of all sessions
 constexpr int64_t kLoadPause = 10'000;  // after which an unfinished load gives way to another
 constexpr size_t kMaxName = 127;
+constexpr size_t kMaxComment = 1000;
+constexpr uint32_t kMaxMinutes = 7 * 24 * 60;  // that a commit may wait to be confirmed
 constexpr size_t kSchemaChunk = 512u << 10;
 
 Result no_session() { return failed(YARROW_ERR_PROTOCOL, "no user session"); }
@@ -78,7 +81,7 @@ Result limit_reached(Agent& agent, const Session& session, const char* limit) {
   return failed(YARROW_ERR_TOOBIG, limit);
 }
 
-Result start_session(Session& session, Reader& in) {
+Result start_session(Agent& agent, Session& session, Reader& in) {
   if (session.started) return failed(YARROW_ERR_ALREADY, "the socket has its user session");
   session.user = in.text(kMaxName);
   session.context = in.text(kMaxName);
@@ -86,6 +89,8 @@ Result start_session(Session& session, Reader& in) {
   session.source = in.text(kMaxName);
   if (!in.ok() || session.user.empty()) return failed(YARROW_ERR_PROTOCOL, "no user");
   session.started = true;
+  agent.sessions[session.id] = {session.user,   session.context, session.client_id,
+                                session.source, time(nullptr),   false};
   return {};
 }
 
@@ -191,8 +196,16 @@ void publish(Agent& agent, const Session& session, const CommitRef& record, cons
                      {"client", session.client_id},
                      {"context", session.context},
                      {"source", session.source},
-                     {"changes", record->changes.size()}});
+                     {"changes", record->changes.size()},
+                     {"comment", agent.stores.versions.back().note.comment}});
   agent.unpublished.push_back(record);
+}
+
+CommitNote note_of(const Session& session) {
+  CommitNote note;
+  note.user = session.user;
+  note.client = session.client_id;
+  return note;
 }
 
 Result apply(Agent& agent, Session& session, Transaction& trans, bool keep_open) {
@@ -204,7 +217,8 @@ Result apply(Agent& agent, Session& session, Transaction& trans, bool keep_open)
     if (result.ok()) set_candidate(agent, session, target);
   } else {
     CommitRef record;
-    result = datastore_apply(agent.stores, trans.datastore, trans.base, trans.root, &record);
+    result = datastore_apply(agent.stores, trans.datastore, trans.base, trans.root,
+                             note_of(session), &record);
     if (trans.datastore == MAAPI_RUNNING) publish(agent, session, record, result);
   }
   if (!result.ok()) return result;
@@ -224,7 +238,7 @@ Result validate(const Agent& agent, Session& session, const Transaction& trans) 
   return result.ok() ? datastore_validate(agent.stores, base, target) : result;
 }
 
-Result commit(Agent& agent, Session& session) {
+Result commit(Agent& agent, Session& session, const CommitNote& note, CommitRef* record) {
   for (int datastore : {MAAPI_CANDIDATE, MAAPI_RUNNING}) {
     Result result = check_lock(agent, session, datastore);
     if (!result.ok()) return result;
@@ -233,11 +247,75 @@ Result commit(Agent& agent, Session& session) {
   const Candidate candidate = std::move(session.candidate);
   session.candidate = {};
   if (!candidate.base) return {};
-  CommitRef record;
   Result result =
-      datastore_apply(agent.stores, MAAPI_RUNNING, candidate.base, candidate.root, &record);
-  publish(agent, session, record, result);
+      datastore_apply(agent.stores, MAAPI_RUNNING, candidate.base, candidate.root, note, record);
+  publish(agent, session, *record, result);
   return result;
+}
+
+// A commit as an operator makes it: with a comment, to be confirmed or confirming, and refused without
+// the edits being lost.
+Result commit_noted(Agent& agent, Session& session, Reader& in, Writer& out) {
+  CommitNote note = note_of(session);
+  std::string_view comment = in.text(kMaxComment);
+  uint32_t minutes = in.u32();
+  if (!in.ok() || minutes > kMaxMinutes) {
+    return failed(YARROW_ERR_BADVALUE, "a comment or a time too long (expected 1000 bytes and " +
+                                           std::to_string(kMaxMinutes) + " minutes at most)");
+  }
+  note.comment = comment;
+  note.confirm = minutes > 0 ? Confirm::kUntil : Confirm::kConfirms;
+  note.deadline = minutes > 0 ? time(nullptr) + int64_t{60} * minutes : 0;
+  const Candidate kept = session.candidate;
+  CommitRef record;
+  Result result = commit(agent, session, note, &record);
+  if (result.ok() && !record && versions_waiting(agent.stores.versions) > 0) {
+    result = datastore_confirm(agent.stores, note);
+    if (result.ok()) {
+      service::log_line(service::LogLevel::kInfo,
+                        minutes > 0 ? "commits wait longer" : "commits are confirmed",
+                        {{"commit", agent.stores.commit_id()}, {"user", session.user}});
+    }
+  }
+  if (!result.ok()) session.candidate = kept;
+  out.u64(record ? record->commit : 0);
+  return result;
+}
+
+void tell_commits(const Agent& agent, Writer& out) {
+  const std::deque<Version>& versions = agent.stores.versions;
+  const size_t waiting = versions_waiting(versions);
+  const int64_t left = waiting > 0 ? agent.stores.confirm_by - now_ms() : 0;
+  out.u64(waiting > 0 ? versions[waiting].commit : 0);
+  out.u64(static_cast<uint64_t>(std::max<int64_t>(left, 0) + 999) / 1000);
+  const size_t count = std::min(versions.size(), kMaxRollback + 1);
+  out.u32(static_cast<uint32_t>(count));
+  for (size_t i = 1; i <= count; ++i) {
+    const Version& version = versions[versions.size() - i];
+    out.u64(version.commit);
+    out.u64(static_cast<uint64_t>(version.note.time));
+    out.text(version.note.user);
+    out.text(version.note.client);
+    out.text(version.note.comment);
+  }
+}
+
+void tell_sessions(const Agent& agent, const Session& session, Writer& out) {
+  out.u32(static_cast<uint32_t>(agent.sessions.size()));
+  for (const auto& [id, note] : agent.sessions) {
+    const bool locks = std::any_of(agent.locks.begin(), agent.locks.end(),
+                                   [id = id](const auto& lock) { return lock.second == id; });
+    out.u64(id);
+    out.u64(static_cast<uint64_t>(note.since));
+    out.text(note.user);
+    out.text(note.context);
+    out.text(note.client_id);
+    out.text(note.source);
+    uint32_t flags = note.has_edits ? MAAPI_SESSION_EDITS : 0;
+    if (locks) flags |= MAAPI_SESSION_LOCKS;
+    if (id == session.id) flags |= MAAPI_SESSION_OWN;
+    out.u32(flags);
+  }
 }
 
 Result roll_back(const Agent& agent, Session& session, unsigned back) {
@@ -418,7 +496,7 @@ Result answer_in_transaction(Agent& agent, Session& session, Request request, Re
 }
 
 Result answer_maapi(Agent& agent, Session& session, Request request, Reader& in, Writer& out) {
-  if (request == Request::kStartSession) return start_session(session, in);
+  if (request == Request::kStartSession) return start_session(agent, session, in);
   if (!session.started) return no_session();
   switch (request) {
     case Request::kEndSession: {
@@ -430,8 +508,18 @@ Result answer_maapi(Agent& agent, Session& session, Request request, Reader& in,
     }
     case Request::kStartTrans:
       return start_transaction(agent, session, in, out);
-    case Request::kCommit:
-      return commit(agent, session);
+    case Request::kCommit: {
+      CommitRef record;
+      return commit(agent, session, note_of(session), &record);
+    }
+    case Request::kCommitNoted:
+      return commit_noted(agent, session, in, out);
+    case Request::kCommits:
+      tell_commits(agent, out);
+      return {};
+    case Request::kSessions:
+      tell_sessions(agent, session, out);
+      return {};
     case Request::kCandidateValidate: {
       const NodeRef& root = candidate_root(agent, session);
       const Candidate& candidate = session.candidate;
@@ -513,6 +601,9 @@ Result session_answer(Agent& agent, Session& session, SocketKind kind, Request r
     out.u64(agent.stores.commit_id());
   } else if (kind == SocketKind::kMaapi) {
     result = answer_maapi(agent, session, request, in, out);
+    if (auto note = agent.sessions.find(session.id); note != agent.sessions.end()) {
+      note->second.has_edits = session.candidate.base != nullptr;
+    }
   } else {
     result = answer_cdb(agent, session, request, in, out);
   }
@@ -525,6 +616,22 @@ void session_end(Agent& agent, const Session& session) {
   std::erase_if(agent.streams,
                 [&](const auto& stream) { return stream.second.owner == session.id; });
   agent.loads.erase(session.id);
+  agent.sessions.erase(session.id);
+}
+
+void session_take_back(Agent& agent) {
+  CommitRef record;
+  Result result = datastore_take_back(agent.stores, &record);
+  if (!result.ok()) {
+    service::log_burst(agent.refusals, service::LogLevel::kError,
+                       "commits that were not confirmed cannot be taken back yet",
+                       {{"commit", agent.stores.commit_id()}, {"reason", result.reason}});
+    return;
+  }
+  service::log_line(service::LogLevel::kWarning, "commits that were not confirmed are taken back",
+                    {{"commit", agent.stores.commit_id()},
+                     {"comment", agent.stores.versions.back().note.comment}});
+  if (record) agent.unpublished.push_back(record);
 }
 
 std::string stream_text(Agent& agent, int id) {

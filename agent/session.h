@@ -8,6 +8,7 @@
 #include <map>
 #include <string>
 
+#include "agent/clock.h"
 #include "agent/datastore.h"
 #include "platform/service/log.h"
 #include "platform/yarrow/wire.h"
@@ -57,18 +58,24 @@ struct SavedStream {
   int64_t deadline = 0;  // milliseconds of the steady clock
 };
 
+// A session as others are told of it.
+struct SessionNote {
+  std::string user, context, client_id, source;
+  int64_t since = 0;  // seconds of the wall clock
+  bool has_edits = false;
+};
+
 struct Agent {
   std::unique_ptr<Schema> schema;
   Datastores stores;
-  std::map<int, uint64_t> locks;   // datastore to connection
-  std::map<uint64_t, Load> loads;  // unfinished, by connection
+  std::map<int, uint64_t> locks;             // datastore to connection
+  std::map<uint64_t, Load> loads;            // unfinished, by connection
+  std::map<uint64_t, SessionNote> sessions;  // by connection
   std::map<int, SavedStream> streams;
   int next_stream = 1;
   std::deque<CommitRef> unpublished;  // commits that subscribers are still to be told
   service::LogBurst refusals, limits;
 };
-
-int64_t now_ms();
 
 // Answers one request; what is written to `out` after success is the answer's content.
 Result session_answer(Agent& agent, Session& session, yarrow::SocketKind kind,
@@ -76,6 +83,10 @@ Result session_answer(Agent& agent, Session& session, yarrow::SocketKind kind,
 
 // Lets go of all that a closing connection held.
 void session_end(Agent& agent, const Session& session);
+
+// Takes back what was to be confirmed by now. Fails, and is to be tried again, when that cannot be
+// written.
+void session_take_back(Agent& agent);
 
 // The text of a stream, for its reader; it is made once.
 std::string stream_text(Agent& agent, int id);

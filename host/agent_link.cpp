@@ -203,6 +203,13 @@ void set_worker_port(uint16_t port) {
   setenv(YARROW_PORT_VARIABLE, std::to_string(port).c_str(), 1);
 }
 
+std::vector<ConfigFault> agent_faults() {
+  std::vector<ConfigFault> faults;
+  each_reason(agent_problem(),
+              [&](std::string_view reason) { faults.push_back(fault_of(reason)); });
+  return faults;
+}
+
 std::string fault_line(const ConfigFault& fault, const char* severity) {
   std::string text = fault.file.empty() ? "polctl" : printable(fault.file);
   if (fault.line > 0) text += fmt::format(":{}", fault.line);

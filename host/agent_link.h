@@ -78,6 +78,9 @@ struct ConfigFault {
   std::string expected; /* empty: nothing else fits */
 };
 
+/* What the calling thread's last call to the agent was refused for, reason by reason. */
+std::vector<ConfigFault> agent_faults();
+
 /* "FILE:LINE:COLUMN: error: PATH: WHAT" */
 std::string fault_line(const ConfigFault& fault, const char* severity);
 

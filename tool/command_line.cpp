@@ -439,8 +439,21 @@ void add_show(CLI::App& app, ShowOptions* options) {
       ->option_text(" ");
   command->add_option("NAME", options->name, "the policy's name")->option_text(" ");
   add_live(command, &options->source);
+  add_agent(command, &options->source);
   add_json(command, &options->json, "one JSON object a line");
   command->footer(kShowHelp);
+}
+
+void add_shell(CLI::App& app, ShellOptions* options) {
+  CLI::App* command =
+      app.add_subcommand("shell", "Look at a running agent's configuration, change it");
+  command->add_option("FILE", options->file, "commands, a line each; - is standard input")
+      ->option_text(" ");
+  add_agent(command, &options->source);
+  add_live(command, &options->source);
+  command->add_flag("--keep-going", options->keep_going,
+                    "tell what is wrong with the lines after a wrong one too");
+  command->footer(kShellHelp);
 }
 
 void add_report(CLI::App& app, ReportOptions* options) {
@@ -511,7 +524,7 @@ void settle_source(const CLI::App* command, PolicyOptions* options) {
   if (given("--live") && !named) options->live = default_socket();
   int sources = (options->policy_file.empty() ? 0 : 1) + (options->config.empty() ? 0 : 1) +
                 (options->agent ? 1 : 0) + (options->live.empty() ? 0 : 1);
-  bool needs_none = command->get_name() == "serve";
+  bool needs_none = command->get_name() == "serve" || command->get_name() == "shell";
   if (sources == 1 || (sources == 0 && needs_none)) return;
   std::vector<std::string> known;
   for (const char* name : {"--policy-file", "--config", "--agent", "--live"}) {
@@ -606,6 +619,7 @@ struct Parser {
     add_watch(app, &line.watch);
     add_show(app, &line.show);
     add_clear(app, &line.clear);
+    add_shell(app, &line.shell);
     add_report(app, &line.report);
     add_serve(app, &line.serve, &port, &apply);
     // Last: a command begins with what its parent ends with.
@@ -688,6 +702,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
                        {"watch", &line.watch.source, false},
                        {"show", &line.show.source, false},
                        {"clear", &line.clear.source, false},
+                       {"shell", &line.shell.source, false},
                        {"report", &line.report.source, false},
                        {"serve", &line.serve.source, false}};
   for (const auto& each : sources) {
@@ -701,6 +716,10 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
   if (line.command == "diff") settle_diff(command, &line.diff);
   if (line.command == "test") settle_test(line.test);
   if (line.command == "serve") settle_serve(parser.port, parser.apply, &line.serve);
+  if (line.command == "show" && line.show.source.agent && line.show.what != "policy" &&
+      line.show.what != "lists") {
+    fail("an agent alone has no " + line.show.what, "--live, or show policy and lists");
+  }
   if (line.command == "show" && (line.show.what == "policy") == line.show.name.empty()) {
     fail(
         line.show.name.empty() ? "no policy is named" : "unknown word " + in_quotes(line.show.name),

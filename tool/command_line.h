@@ -33,6 +33,7 @@ struct CommandLine {
   LabelsOptions labels;
   SearchOptions search;
   ServeOptions serve;
+  ShellOptions shell;
   ShowOptions show;
   ClearOptions clear;
   ReportOptions report;

@@ -133,7 +133,7 @@ int run_labels(LabelsOptions options, Output* out);
 int answer_labels(const LabelsOptions& options, ConfigSession* session, Output* out);
 
 struct ShowOptions {
-  PolicyOptions source;        /* a running host alone: nobody else has what it counted */
+  PolicyOptions source;        /* a running host; "policy" and "lists" of an agent too, uncounted */
   std::string what = "status"; /* or "policy", "lists", "commits" */
   std::string name;            /* of the policy */
   bool json = false;
@@ -204,6 +204,24 @@ struct ConvertOptions {
 
 /* Writes policy or configuration in another form, or says what that form cannot say. */
 int run_convert(const ConvertOptions& options, Output* out);
+
+struct CommandRow;
+
+struct ShellOptions {
+  PolicyOptions source;           /* a running agent, or a running host and its agent */
+  std::string file;               /* of commands; "": standard input */
+  bool keep_going = false;        /* tell what is wrong with later lines of a script too */
+  std::vector<std::string> words; /* one command alone */
+  bool interactive = false;       /* standard input is not the script */
+  const std::vector<CommandRow>* commands = nullptr; /* the tool's */
+};
+
+/* An operator's shell at an agent, a script for it, or one of its commands. */
+int run_shell(const ShellOptions& options, Output* out);
+
+/* Whether the words are a command of the shell's, which the command line does not know; its source, if
+ * they name one, is taken out of them. */
+bool take_shell_words(std::vector<std::string> words, ShellOptions* options);
 
 struct WatchOptions {
   PolicyOptions source;

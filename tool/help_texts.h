@@ -148,6 +148,18 @@ what they decided of the routes that the host was asked about. lists: elements
 and users. commits: the last 50 with what they changed. "polctl clear counters
 --live" counts from 0 again.)";
 
+inline constexpr const char* kShellHelp = R"(Examples:
+  polctl shell
+  polctl shell --agent=3011 commands.txt
+  polctl show configuration --format set
+  polctl set policy control-policy branch default-action accept
+  polctl commit
+
+On a terminal with editing, history and completion; ? tells what may come next. A
+script is tried first and stops at its first wrong line: nothing of it is then
+committed. Each command may be given alone: show, save, and with a commit behind
+them set, delete, copy, load and rollback; "commit" confirms what waits for it.)";
+
 inline constexpr const char* kServeHelp = R"(Examples:
   polctl serve --config sdwan.xml --tlocs tlocs.jsonl &
   polctl labels --live

@@ -12,8 +12,15 @@
 namespace {
 
 int run(const std::vector<std::string>& words) {
-  polctl::CommandLine line = polctl::read_command_line(words);
   polctl::Output out;
+  const std::vector<polctl::CommandRow> commands = polctl::command_table();
+  polctl::CommandLine line;
+  if (polctl::take_shell_words(words, &line.shell)) {
+    line.command = "shell";
+  } else {
+    line = polctl::read_command_line(words);
+  }
+  line.shell.commands = &commands;
   if (line.command == "check") return polctl::run_check(line.check, &out);
   if (line.command == "convert") return polctl::run_convert(line.convert, &out);
   if (line.command == "diff") return polctl::run_diff(line.diff, &out);
@@ -24,6 +31,7 @@ int run(const std::vector<std::string>& words) {
   if (line.command == "labels") return polctl::run_labels(line.labels, &out);
   if (line.command == "search") return polctl::run_search(line.search, &out);
   if (line.command == "serve") return polctl::run_serve(line.serve, &out);
+  if (line.command == "shell") return polctl::run_shell(line.shell, &out);
   if (line.command == "test") return polctl::run_test(line.test, &out);
   if (line.command == "show") return polctl::run_show(line.show, &out);
   if (line.command == "report") return polctl::run_report(line.report, &out);

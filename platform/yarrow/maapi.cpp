@@ -204,6 +204,67 @@ int maapi_apply_trans(int sock, int trans, int keep_open) {
 
 int maapi_candidate_commit(int sock) { return call_plain(sock, Request::kCommit, Writer()); }
 
+int64_t maapi_candidate_commit_noted(int sock, const char* comment, unsigned minutes) {
+  Writer out;
+  out.text(comment != nullptr ? comment : "");
+  out.u32(minutes);
+  std::string content;
+  if (call(sock, Request::kCommitNoted, out, &content) != YARROW_OK) return YARROW_ERR;
+  yarrow::Reader in(content);
+  uint64_t number = in.u64();
+  if (!in.ok()) return yarrow::fail(YARROW_ERR_PROTOCOL, "an answer cut short");
+  return static_cast<int64_t>(number);
+}
+
+int maapi_commits(int sock, maapi_visit_commit visit, void* state, int64_t* waiting,
+                  int64_t* seconds) {
+  std::string content;
+  if (call(sock, Request::kCommits, Writer(), &content) != YARROW_OK) return YARROW_ERR;
+  yarrow::Reader in(content);
+  int64_t first = static_cast<int64_t>(in.u64());
+  int64_t left = static_cast<int64_t>(in.u64());
+  bool more = visit != nullptr;
+  for (uint32_t count = in.u32(); count > 0 && in.ok(); --count) {
+    t_maapi_commit commit = {};
+    commit.number = static_cast<int64_t>(in.u64());
+    commit.time = static_cast<int64_t>(in.u64());
+    const std::string user(in.text());
+    const std::string client(in.text());
+    const std::string comment(in.text());
+    commit.user = user.c_str();
+    commit.client_id = client.c_str();
+    commit.comment = comment.c_str();
+    if (in.ok() && more) more = visit(&commit, state) == 0;
+  }
+  if (!in.ok()) return yarrow::fail(YARROW_ERR_PROTOCOL, "an answer cut short");
+  if (waiting != nullptr) *waiting = first;
+  if (seconds != nullptr) *seconds = left;
+  return YARROW_OK;
+}
+
+int maapi_sessions(int sock, maapi_visit_session visit, void* state) {
+  std::string content;
+  if (call(sock, Request::kSessions, Writer(), &content) != YARROW_OK) return YARROW_ERR;
+  yarrow::Reader in(content);
+  bool more = visit != nullptr;
+  for (uint32_t count = in.u32(); count > 0 && in.ok(); --count) {
+    t_maapi_session session = {};
+    session.id = static_cast<int64_t>(in.u64());
+    session.since = static_cast<int64_t>(in.u64());
+    const std::string user(in.text());
+    const std::string context(in.text());
+    const std::string client(in.text());
+    const std::string source(in.text());
+    session.user = user.c_str();
+    session.context = context.c_str();
+    session.client_id = client.c_str();
+    session.source = source.c_str();
+    session.flags = in.u32();
+    if (in.ok() && more) more = visit(&session, state) == 0;
+  }
+  return in.ok() ? YARROW_OK : yarrow::fail(YARROW_ERR_PROTOCOL, "an answer cut short");
+}
+
 int maapi_candidate_validate(int sock) {
   return call_plain(sock, Request::kCandidateValidate, Writer());
 }

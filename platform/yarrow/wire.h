@@ -57,6 +57,9 @@ enum class Request : uint8_t {
   kSchema,
   kCdbStart,
   kCdbEnd,
+  kCommitNoted,
+  kCommits,
+  kSessions,
 };
 
 enum class PushKind : uint8_t {

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "agent/session.h"
+#include "agent/yarrow_agent.h"
 #include "support.h"
 #include "support/golden.h"
 
@@ -259,6 +260,93 @@ TEST(RollbackTest, AnyOfTheLastFiftyConfigurationsComesBackAlsoAfterARestart) {
   EXPECT_EQ(subscriber.next(), "3 /policy/app-id@1 [n] id=10\n")
       << "a rollback is told like any edit";
   EXPECT_EQ(maapi_commit_id(session.fd()), 61);
+}
+
+// "3 2 2 yarrowd: ...": the last commit, who waits, how many are kept, who made the last and why.
+std::string commits(const Session& session) {
+  std::string text;
+  int64_t waiting = -1;
+  auto visit = [](const t_maapi_commit* commit, void* state) {
+    *static_cast<std::string*>(state) =
+        std::to_string(commit->number) + " " + commit->user + " \"" + commit->comment + "\"";
+    return 1;
+  };
+  EXPECT_EQ(why(maapi_commits(session.fd(), visit, &text, &waiting, nullptr)), "ok");
+  return text + (waiting > 0 ? " waits since " + std::to_string(waiting) : "");
+}
+
+// In a process of its own an agent's clock could not be put on.
+TEST(ConfirmTest, WhatIsNotConfirmedIsTakenBackAndNothingElse) {
+  const std::string before = "<policer><name>p</name><rate>1</rate><burst>1</burst></policer>";
+  const std::string tried =
+      "<app-id><name>try</name></app-id><policer><name>p</name><rate>2</rate></policer>";
+  const struct {
+    const char* name;
+    const char* others;  // committed while it waits
+    bool confirm, restart;
+    std::string expected;
+    const char* last;
+  } kCases[] = {
+      {"it is taken back alone", "<app-id><name>other</name></app-id>", false, false,
+       "<app-id><name>other</name></app-id>" + before,
+       "4 yarrowd \"commit 2 was not confirmed in time\""},
+      {"after a restart too", "", false, true, before,
+       "3 yarrowd \"commit 2 was not confirmed in time\""},
+      {"with what others made of it",
+       "<policer xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" nc:operation=\"delete\">"
+       "<name>p</name></policer>",
+       false, false, before, "4 yarrowd \"commit 2 was not confirmed in time\""},
+      {"unless it is confirmed", "", true, false,
+       "<app-id><name>try</name></app-id><policer><name>p</name><rate>2</rate><burst>1</burst></"
+       "policer>",
+       "2 system \"a try\""},
+  };
+  service::log_to(service::LogTarget::kOff, "");
+  for (const auto& row : kCases) {
+    SCOPED_TRACE(row.name);
+    TempDirectory directory;
+    agent::Options options;
+    options.directory = directory.path() + "/state";
+    std::string error;
+    auto start = [&] {
+      std::shared_ptr<agent::Handle> handle = agent::start(options, &error);
+      EXPECT_TRUE(handle) << error;
+      agent::run_in_thread(*handle);
+      return handle;
+    };
+    std::shared_ptr<agent::Handle> agent = start();
+    auto session = std::make_unique<Session>(agent::port(*agent));
+    ASSERT_EQ(why(session->commit(policy(before))), "ok");
+    ASSERT_EQ(why(session->load(policy(tried))), "ok");
+    ASSERT_EQ(maapi_candidate_commit_noted(session->fd(), "a try", 10), 2);
+    EXPECT_EQ(commits(*session), "2 system \"a try\" waits since 2");
+    Session other(agent::port(*agent));
+    if (*row.others != '\0') {
+      ASSERT_EQ(why(other.commit(policy(row.others))), "ok");
+      EXPECT_NE(commits(other).find("waits since 2"), std::string::npos) << "others do not confirm";
+    }
+    if (row.confirm) {
+      EXPECT_EQ(maapi_candidate_commit_noted(session->fd(), nullptr, 0), 0);
+    }
+    if (row.restart) {
+      agent::stop(*agent);
+      session.reset();
+      agent = nullptr;
+      agent = start();
+      session = std::make_unique<Session>(agent::port(*agent));
+      EXPECT_EQ(commits(*session), "2 system \"a try\" waits since 2");
+    }
+    __atomic_store_n(&g_clock_ahead, 9 * 60'000, __ATOMIC_RELAXED);
+    usleep(1'200'000);  // the agent's tick
+    EXPECT_EQ(commits(*session).find("yarrowd"), std::string::npos) << "before its time";
+    __atomic_store_n(&g_clock_ahead, 11 * 60'000, __ATOMIC_RELAXED);
+    for (int i = 0; i < 100 && commits(*session) != row.last; ++i) usleep(50'000);
+    EXPECT_EQ(commits(*session), row.last);
+    EXPECT_NE(session->save("/policy").find(policy(row.expected)), std::string::npos)
+        << session->save("/policy");
+    agent::stop(*agent);
+    __atomic_store_n(&g_clock_ahead, 0, __ATOMIC_RELAXED);
+  }
 }
 
 }  // namespace

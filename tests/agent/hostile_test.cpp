@@ -242,8 +242,6 @@ TEST(HostileTest, WhatASubscriberLagsBehindIsToldAsOne) {
   EXPECT_EQ(told, kCommits) << "each entry once";
 }
 
-int64_t g_clock_ahead = 0;  // milliseconds
-
 struct LocalAgent {
   explicit LocalAgent(const std::string& path = "", const std::string& group = "") {
     agent::Options options;
@@ -260,6 +258,8 @@ struct LocalAgent {
 
 }  // namespace
 }  // namespace test
+
+int64_t test::g_clock_ahead = 0;
 
 // NOLINTBEGIN: names of the linker's
 extern "C" {

@@ -157,12 +157,68 @@ TEST_F(JournalTest, RecordsThatAreWholeButNotInTheirPlaceAreDamage) {
       {"two damaged records at the end",
        base + part(0, 4).replace(part(0, 3).size() + 20, 1, "!") + part(4, 5).replace(20, 1, "!"),
        "damaged after 3"},
-      {"another format", "yarrow running 2\n" + whole.substr(17), "foreign"},
+      {"another format", "yarrow running 3\n" + whole.substr(17), "foreign"},
       {"a file of zeros", zeros, "foreign"},
       {"nothing", "", "foreign"},
   };
   for (const auto& [name, bytes, expected] : kCases) {
     EXPECT_EQ(outcome(journal_read(*schema_, bytes)), expected) << name;
+  }
+}
+
+// A file of the format without notes is read as what it holds, and goes on as one of this format.
+TEST_F(JournalTest, AFileOfTheOlderFormatIsReadAndWrittenAnew) {
+  std::vector<size_t> ends;
+  const std::string whole = five_commits(&ends);
+  const std::string expected = saved();
+  constexpr size_t kFirstLine = 17, kHead = 8, kKindAndCommit = 9, kEmptyNote = 29;
+  std::string old = "yarrow running 1\n";
+  for (size_t i = 0, at = kFirstLine; i < ends.size(); at = ends[i++]) {
+    yarrow::Writer record;
+    const std::string body = whole.substr(at, ends[i] - at);
+    record.raw(body.data(), kHead + kKindAndCommit);
+    record.raw(body.data() + kHead + kKindAndCommit + kEmptyNote,
+               body.size() - kHead - kKindAndCommit - kEmptyNote);
+    agent::journal_seal(record);
+    old += record.bytes();
+  }
+  std::ofstream(file_, std::ios::binary) << old;
+  for (int restart = 0; restart < 2; ++restart) {
+    agent::Journal journal;
+    ASSERT_EQ(open(journal).reason, "");
+    EXPECT_EQ(saved(), expected);
+    EXPECT_EQ(file_text(file_).substr(0, kFirstLine), "yarrow running 2\n");
+  }
+  EXPECT_EQ(outcome(journal_read(*schema_, old.substr(0, old.size() - 1))), "torn after 4");
+}
+
+// An agent that dies before the time is over takes back at its next start what was not confirmed.
+TEST_F(JournalTest, WhatWasNotConfirmedWhileTheAgentWasDeadIsTakenBackAtTheStart) {
+  for (int64_t late : {-3'000, 1}) {
+    agent::CommitNote note;
+    note.time = time(nullptr) - 3'600;
+    note.comment = "a try";
+    note.confirm = agent::Confirm::kUntil;
+    note.deadline = time(nullptr) - late;
+    std::filesystem::remove_all(name_);
+    {
+      agent::Journal journal;
+      ASSERT_EQ(open(journal).reason, "");
+      for (int i = 0; i < 2; ++i) {
+        std::vector<agent::Change> changes;
+        changes_between(versions_.back().root, wide(i), &changes);
+        ASSERT_EQ(
+            journal_append(journal, i + 1u, changes, i == 1 ? note : agent::CommitNote{}).reason,
+            "");
+        versions_.push_back({i + 1u, wide(i)});
+      }
+    }
+    AgentProcess process(name_);
+    Session session(process.port());
+    EXPECT_EQ(session.save("/"), xml_save(wide(late > 0 ? 0 : 1), {}));
+    process.kill_hard();
+    AgentProcess again(name_);
+    EXPECT_EQ(Session(again.port()).save("/"), xml_save(wide(late > 0 ? 0 : 1), {}));
   }
 }
 

@@ -36,6 +36,8 @@ class TempDirectory {
   std::string path_;
 };
 
+extern int64_t g_clock_ahead;  // milliseconds that an agent of this process's clock goes ahead
+
 std::string file_text(const std::string& name);
 
 class AgentProcess {

@@ -50,6 +50,10 @@ std::string record_of(uint64_t commit, std::string_view* lines) {
   out.u64(0);
   out.u8('C');
   out.u64(commit);
+  out.u64(0);  // a note that says nothing
+  for (int text = 0; text < 3; ++text) out.text("");
+  out.u8(0);
+  out.u64(0);
   size_t changes_at = out.size();
   uint32_t changes = 0;
   out.u32(0);
@@ -85,7 +89,7 @@ void check(const agent::Schema& schema, std::string_view file) {
   for (size_t i = 1; i < content.versions.size(); ++i) {
     std::vector<agent::Change> changes;
     changes_between(content.versions[i - 1].root, content.versions[i].root, &changes);
-    anew += agent::journal_commit(content.versions[i].commit, changes);
+    anew += agent::journal_commit(content.versions[i].commit, changes, content.versions[i].note);
   }
   JournalContent again = journal_read(schema, anew);
   if (again.end != JournalContent::End::kWhole || text_of(again) != expected) abort();

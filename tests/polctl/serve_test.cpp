@@ -94,6 +94,18 @@ class ServeTest : public testing::Test {
   std::unique_ptr<Running> server_;
 };
 
+TEST_F(ServeTest, AShellAsksTheHostAndChangesTheConfigurationOfItsAgent) {
+  Outcome shell = ask({"shell"},
+                      "configure\nset policy control-policy fresh default-action accept\ncommit\n"
+                      "exit\nshow policy fresh\nshow labels\nshow status\n");
+  EXPECT_EQ(shell.err, "");
+  for (const char* said : {"control-policy fresh", "vpn-label", "worker"}) {
+    EXPECT_NE(shell.out.find(said), std::string::npos) << said << " in " << shell.out;
+  }
+  EXPECT_NE(ask({"show", "configuration", "policy", "control-policy"}).out.find("fresh"),
+            std::string::npos);
+}
+
 TEST_F(ServeTest, AnswersAsTheCommandsDoAndFollowsCommits) {
   for (const char* command : {"labels", "document"}) {
     Outcome live = ask({command});

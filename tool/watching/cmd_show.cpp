@@ -1,12 +1,39 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // polctl show, polctl clear. Only a host that runs has what they are about.
+#include "host/input_error.h"
+#include "policy_view.h"
 #include "tool/commands.h"
 #include "tool/live_client.h"
 
 namespace polctl {
 
+namespace {
+
+// What the library makes of an agent's configuration; nobody counts.
+int show_here(const ShowOptions& options, Output* out) {
+  PolicySource source = load_policy(options.source);
+  Graph graph = read_graph(source.configured());
+  if (options.what == "lists") {
+    write_lists(graph, options.json, out);
+  } else {
+    for (size_t policy : policies_named(graph, options.name)) {
+      if (options.json) {
+        write_policy_json(graph, policy, nullptr, out);
+        out->write("\n");
+      } else {
+        write_policy_text(graph, policy, nullptr, out);
+      }
+    }
+  }
+  out->flush();
+  return kDone;
+}
+
+}  // namespace
+
 int run_show(const ShowOptions& options, Output* out) {
+  if (options.source.live.empty()) return show_here(options, out);
   return ask_live(options.source.live, {options}, out);
 }
 

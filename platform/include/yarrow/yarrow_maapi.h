@@ -116,6 +116,51 @@ int maapi_apply_trans(int sock, int trans, int keep_open);
  * again. */
 int maapi_candidate_commit(int sock);
 
+/* A commit as an operator makes it. It is noted with a comment of at most 1000 bytes (null: none). With
+ * `minutes`, at most 10080, it is taken back unless it is confirmed before they are over, whatever
+ * becomes of this session or of the agent's process; with 0 it confirms all that wait, also when
+ * there is nothing to commit. Refused, it leaves the candidate's edits. Returns the commit's number, 0
+ * if nothing changed. Commits made otherwise neither confirm nor are taken back with what they follow,
+ * unless that goes only together. */
+int64_t maapi_candidate_commit_noted(int sock, const char* comment, unsigned minutes);
+
+/* A commit that rollback reaches, and who made it. Texts live for the call only. */
+typedef struct t_maapi_commit {
+  int64_t number;
+  int64_t time; /* seconds since 1970; 0: not known */
+  const char* user;
+  const char* client_id;
+  const char* comment;
+} t_maapi_commit;
+
+/* Calls `visit` for the commits, the latest first, the last being what rollback reaches furthest back,
+ * until it returns other than 0. `waiting` takes the number of the first that waits to be confirmed (0:
+ * none), `seconds` the time that it has left; both may be null. */
+typedef int (*maapi_visit_commit)(const t_maapi_commit* commit, void* state);
+int maapi_commits(int sock, maapi_visit_commit visit, void* state, int64_t* waiting,
+                  int64_t* seconds);
+
+enum {
+  MAAPI_SESSION_EDITS = 0x1, /* its candidate is not running */
+  MAAPI_SESSION_LOCKS = 0x2, /* it holds a lock */
+  MAAPI_SESSION_OWN = 0x4    /* the caller's */
+};
+
+/* A user session of the agent. Texts live for the call only. */
+typedef struct t_maapi_session {
+  int64_t id;
+  int64_t since; /* seconds since 1970 */
+  const char* user;
+  const char* context;
+  const char* client_id;
+  const char* source;
+  uint32_t flags; /* MAAPI_SESSION_* */
+} t_maapi_session;
+
+/* Calls `visit` for each session, the oldest first, until it returns other than 0. */
+typedef int (*maapi_visit_session)(const t_maapi_session* session, void* state);
+int maapi_sessions(int sock, maapi_visit_session visit, void* state);
+
 /* Checks the candidate as a commit would, without one. */
 int maapi_candidate_validate(int sock);
 
