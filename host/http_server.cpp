@@ -141,7 +141,7 @@ std::string plain(std::string_view request) {
 
 class HttpServer::Engine : public httplib::Server {
  public:
-  Engine(const std::string& content_policy, HttpServer::Handler handler) {
+  Engine(const std::string& content_policy, const HttpServer::Handler& handler) {
     set_default_headers({{"Content-Security-Policy", content_policy},
                          {"X-Content-Type-Options", "nosniff"},
                          {"X-Frame-Options", "DENY"},
@@ -199,8 +199,8 @@ class HttpServer::Engine : public httplib::Server {
   std::set<std::string> hosts_;
 };
 
-HttpServer::HttpServer(const HttpOptions& options, Handler handler)
-    : engine_(std::make_unique<Engine>(options.content_policy, std::move(handler))) {
+HttpServer::HttpServer(const HttpOptions& options, const Handler& handler)
+    : engine_(std::make_unique<Engine>(options.content_policy, handler)) {
   if (options.listen.find('/') != std::string::npos) {
     file_.emplace(options.listen);
     listener_ = file_->listener();

@@ -47,7 +47,7 @@ class HttpServer : public PolledServer {
 
   /* What the handler throws as InputError is the reason of a 400. Throws InputError when it cannot
    * listen there, or may not. */
-  HttpServer(const HttpOptions& options, Handler handler);
+  HttpServer(const HttpOptions& options, const Handler& handler);
   ~HttpServer() override;
 
   /* Where it listens, as a browser takes it; of a path the path. */
