@@ -67,7 +67,7 @@ void fill_lists() {
     pol_pfx_list_entry_add(g_pol_ctx_p, name, &record);
     uint32_t low = below(6);
     pol_site_list_add_entry(g_pol_ctx_p, name, low, low + below(3) - (one_in(9) ? 1 : 0));
-    pol_vpn_list_add_entry(g_pol_ctx_p, name, below(5), one_in(6) ? UINT64_MAX : below(6));
+    pol_vpn_list_add_entry(g_pol_ctx_p, name, below(5), one_in(6) ? UINT32_MAX : below(6));
     t_tloc_id tloc = some_tloc();
     pol_tloc_list_add_entry(g_pol_ctx_p, name, &tloc, 0);
     pol_color_list_add_entry(g_pol_ctx_p, name, static_cast<uint16_t>(one_in(9) ? 256 : below(3)));
