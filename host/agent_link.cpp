@@ -283,6 +283,21 @@ int64_t ConfigSession::commit_id() {
   return number;
 }
 
+CommitMaker ConfigSession::maker_of(int64_t number) {
+  struct Search {
+    int64_t number;
+    CommitMaker found;
+  } search = {number, {}};
+  auto visit = [](const t_maapi_commit* commit, void* state) {
+    auto* sought = static_cast<Search*>(state);
+    if (commit->number != sought->number) return 0;
+    sought->found = {commit->user, commit->client_id, commit->comment};
+    return 1;
+  };
+  if (maapi_commits(sock_, visit, &search, nullptr, nullptr) != YARROW_OK) fail("no commits");
+  return search.found;
+}
+
 bool ConfigSession::look_back(int64_t back) {
   if (maapi_candidate_reset(sock_) != YARROW_OK) fail("no candidate");
   datastore_ = MAAPI_CANDIDATE;

@@ -84,6 +84,13 @@ std::vector<ConfigFault> agent_faults();
 /* "FILE:LINE:COLUMN: error: PATH: WHAT" */
 std::string fault_line(const ConfigFault& fault, const char* severity);
 
+/* As the agent noted them at a commit. */
+struct CommitMaker {
+  std::string user;
+  std::string client;
+  std::string comment;
+};
+
 /* A session that edits the candidate. */
 class ConfigSession {
  public:
@@ -102,6 +109,9 @@ class ConfigSession {
 
   /* The number of the agent's last commit. Throws InputError. */
   int64_t commit_id();
+
+  /* Who made a commit and why; nothing where the agent does not keep it. Throws InputError. */
+  CommitMaker maker_of(int64_t number);
 
   /* From now on `save` tells of the configuration as it was `back` commits ago; edits of this session
    * are gone. A commit that comes meanwhile moves what it tells of: see commit_id. False when the

@@ -636,7 +636,7 @@ OptionRow row_of(const CLI::Option& option) {
   row.required = option.get_required();
   bool flag = option.get_expected_max() == 0;
   std::string type = option.get_type_name();  // "TEXT:{in,out}" where words are checked
-  std::string told = option.get_option_text();
+  const std::string& told = option.get_option_text();
   row.value = told == " " || told == "..." ? "" : !told.empty() ? told : flag ? "" : type;
   size_t open = type.find('{');
   size_t close = type.find('}');

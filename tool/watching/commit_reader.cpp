@@ -62,7 +62,12 @@ CommitDetail difference(ConfigSession* session, int64_t from, int64_t number,
 CommitDetail read_commit(ConfigSession* session, int64_t from, int64_t number,
                          const std::vector<ChangedEntry>& entries) {
   try {
-    return difference(session, from, number, entries);
+    CommitDetail detail = difference(session, from, number, entries);
+    CommitMaker maker = session->maker_of(number);
+    detail.user = std::move(maker.user);
+    detail.client = std::move(maker.client);
+    detail.comment = std::move(maker.comment);
+    return detail;
   } catch (const InputError& error) {
     return no_lines(error.what());
   }
