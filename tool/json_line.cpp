@@ -233,6 +233,7 @@ std::string json_string(std::string_view text) {
 
 std::string json_array(const std::vector<std::string>& texts) {
   std::vector<std::string> quoted;
+  quoted.reserve(texts.size());
   for (const std::string& text : texts) quoted.push_back(json_string(text));
   return "[" + joined(quoted, ",") + "]";
 }
