@@ -46,6 +46,7 @@ struct Value {
   uint8_t encap = 0;
   Wide number = 0; /* an address: its bits as a number, without those beyond a prefix's length */
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): it looks into what the compiler writes
   auto operator<=>(const Value&) const = default;
 };
 
@@ -58,6 +59,7 @@ struct PrefixRange {
   uint8_t low = 0;
   uint8_t high = 0;
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): it looks into what the compiler writes
   auto operator<=>(const PrefixRange&) const = default;
 };
 
@@ -80,6 +82,7 @@ struct Atom {
   PrefixRange prefixes;
   const ListModel* list = nullptr;
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): it looks into what the compiler writes
   auto operator<=>(const Atom&) const = default;
 };
 
