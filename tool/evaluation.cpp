@@ -13,15 +13,12 @@
 
 namespace polctl {
 
-namespace {
-
-constexpr uint32_t kReleaseVpnArray = 3;  // the execution kind that does
-
-// Called by the library: running out of memory ends the process here rather than pass through it.
 void keep_step(const t_pol_explain_step* step, void* arg) noexcept {
   std::string reason = step->reason != nullptr ? step->reason : "";
   static_cast<Verdict*>(arg)->steps.push_back({*step, std::move(reason)});
 }
+
+namespace {
 
 // A membership policy matches on VPNs of services: anything else would be answered by the default
 // action, whatever it is.

@@ -20,6 +20,13 @@
 
 namespace polctl {
 
+/* The kind of execution that frees what an answer holds of VPNs. */
+inline constexpr uint32_t kReleaseVpnArray = 3;
+
+/* Keeps a step of an explanation in the Verdict `arg`. Called by the library: running out of memory ends
+ * the process here rather than pass through it. */
+void keep_step(const t_pol_explain_step* step, void* arg) noexcept;
+
 /* What a command makes of the verdicts on some routes in a row: on any thread, but on one. */
 class Part {
  public:

@@ -79,6 +79,10 @@ class ServeTest : public testing::Test {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = polctl::socket_address(socket_);
     EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return exchanged(fd, bytes);
+  }
+
+  static std::string exchanged(int fd, const std::string& bytes) {
     send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     std::string answer;
     char block[4096];
@@ -270,17 +274,7 @@ class HttpTest : public ServeTest {
   }
 
   // All that is answered to these bytes.
-  std::string http(const std::string& bytes) const {
-    int fd = connected();
-    send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    std::string answer;
-    char block[4096];
-    for (ssize_t got = 0; (got = recv(fd, block, sizeof block, 0)) > 0;) {
-      answer.append(block, static_cast<size_t>(got));
-    }
-    close(fd);
-    return answer;
-  }
+  std::string http(const std::string& bytes) const { return exchanged(connected(), bytes); }
   std::string get(const std::string& target) const {
     return http("GET " + target + " HTTP/1.1\r\n" + host_ + "\r\n");
   }

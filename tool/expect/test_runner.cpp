@@ -10,20 +10,9 @@
 #include "host/tloc_resolver.h"
 #include "kel/string.h"
 #include "policy/pol_user.h"
+#include "tool/evaluation.h"
 
 namespace polctl {
-
-namespace {
-
-constexpr uint32_t kReleaseVpnArray = 3;  // the execution kind that does
-
-// Called by the library: running out of memory ends the process here rather than pass through it.
-void keep_step(const t_pol_explain_step* step, void* arg) noexcept {
-  std::string reason = step->reason != nullptr ? step->reason : "";
-  static_cast<Verdict*>(arg)->steps.push_back({*step, std::move(reason)});
-}
-
-}  // namespace
 
 // A query and all that it points to. It is asked anew each time: VPN ranges would go on gathering.
 struct TestRunner::Question {
