@@ -24,7 +24,7 @@ function(policy_unity)
     endforeach()
     set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_MODE GROUP)
     # g++ takes an included source's own types for a header's; and where texts are put together it
-    # raises false alarms when it inlines as much as here (12). The developer's build has both on.
+    # raises false alarms when it inlines as much as here (12). The developer's build has them on.
     target_compile_options(${target} PRIVATE
       $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-subobject-linkage;-Wno-restrict;-Wno-stringop-overflow>)
   endforeach()
