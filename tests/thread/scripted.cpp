@@ -133,9 +133,9 @@ int maapi_apply_trans(int sock, int, int) {
 int maapi_delete(int sock, int, const char* format, ...) {
   KEEP_PATH(format);
   if (outcome("maapi_delete", sock) != YARROW_OK) return YARROW_ERR;
-  size_t list = path.find("kel-tloc-pref-list{");
-  if (list == std::string::npos) return YARROW_OK;
-  if (atoi(path.c_str() + path.rfind('{') + 1) < g_state.positions) return YARROW_OK;
+  const bool of_list = path.find("kel-tloc-pref-list{") != std::string::npos;
+  if (!of_list && !path.ends_with("/vpn-label")) return YARROW_OK;
+  if (of_list && atoi(path.c_str() + path.rfind('{') + 1) < g_state.positions) return YARROW_OK;
   t_errno = YARROW_ERR_NOEXISTS;
   return YARROW_ERR;
 }

@@ -16,7 +16,7 @@ struct State {
   int fail_step = 0;             // the n-th traced call (from 1) fails; 0 for none
   std::string stream;            // what streams deliver
   std::set<std::string> schema;  // the paths that it knows
-  int positions = 0;             // that a sequence's TLOC list holds
+  int positions = 0;             // that a sequence's TLOC list holds; a label it never has
   int apply_result = 0;          // of the next
   int apply_times = 0;           // calls of maapi_apply_trans
   bool real_waits = false;       // waits end at once unless they are real
