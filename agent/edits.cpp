@@ -104,13 +104,14 @@ Result run_operation(const Path& top, const XmlOperation& operation, const NodeR
   if (is_item && node) {
     exists = std::find(node->texts.begin(), node->texts.end(), operation.item) != node->texts.end();
   }
-  std::string line = "line " + std::to_string(operation.line) + ": ";
   if (operation.kind == XmlOperationKind::kCreate) {
     if (!exists) return {};
-    return failed(YARROW_ERR_ALREADY, line + path_text(path) + ": exists already");
+    return failed(YARROW_ERR_ALREADY,
+                  xml_place_text(operation.place) + path_text(path) + ": exists already");
   }
   if (operation.kind == XmlOperationKind::kDelete && !exists) {
-    return failed(YARROW_ERR_NOEXISTS, line + path_text(path) + ": no such node");
+    return failed(YARROW_ERR_NOEXISTS,
+                  xml_place_text(operation.place) + path_text(path) + ": no such node");
   }
   if (!is_item) {
     *root = with_node(*root, path, nullptr);

@@ -140,8 +140,11 @@ std::string foreign(std::string_view bytes) {
   if (bytes.empty()) return "it is empty";
   if (!bytes.starts_with(kMagicOfAnyFormat)) return "it is not a running configuration";
   std::string_view line = bytes.substr(0, std::min(bytes.find('\n'), size_t{40}));
-  return "its format is \"" + std::string(line) + "\"; this agent reads \"" +
-         std::string(kMagic.substr(0, kMagic.size() - 1)) + '"';
+  auto without_newline = [](std::string_view magic) {
+    return '"' + std::string(magic.substr(0, magic.size() - 1)) + '"';
+  };
+  return "its format is \"" + std::string(line) + "\"; this agent reads " +
+         without_newline(kMagicWithoutNotes) + " and " + without_newline(kMagic);
 }
 
 }  // namespace

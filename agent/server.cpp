@@ -28,6 +28,7 @@ using yarrow::Writer;
 constexpr size_t kMaxConnections = 256;
 constexpr size_t kReadSize = 256u << 10;
 constexpr size_t kMaxUnsent = 16u << 20;
+constexpr size_t kMaxIdleBuffer = 1u << 20;
 constexpr int64_t kFrameTime = 30'000;
 constexpr int64_t kHelloTime = 10'000;
 constexpr int64_t kFarewellTime = 60'000;  // without progress
@@ -51,6 +52,11 @@ std::string status_frame(const Result& result, std::string_view content) {
   }
   frame.patch_u32(0, static_cast<uint32_t>(frame.size() - kFrameHead));
   return std::move(frame.bytes());
+}
+
+// What one big frame or answer needed is not kept for the rest of a connection's life.
+void trim(std::string& buffer) {
+  if (buffer.size() < kReadSize && buffer.capacity() > kMaxIdleBuffer) buffer.shrink_to_fit();
 }
 
 void add_status(Connection& connection, const Result& result, std::string_view content) {
@@ -135,6 +141,25 @@ void answer_request(Server& server, Connection& connection, std::string_view bod
   add_status(connection, result, content.view());
 }
 
+void log_closed(Server& server, const Connection& connection, const char* reason) {
+  service::log_burst(server.closed, service::LogLevel::kWarning, "a connection is closed",
+                     {{"reason", reason},
+                      {"user", connection.session.user},
+                      {"client", connection.session.client_id}});
+}
+
+// What a connection took too long for.
+const char* lateness(const Connection& connection) {
+  switch (connection.state) {
+    case Connection::State::kHello:
+      return "no hello in time";
+    case Connection::State::kClosing:
+      return "nobody read the rest in time";
+    default:
+      return "no whole frame in time";
+  }
+}
+
 // Answers the next whole frame of the input; false when there is none yet.
 bool answer_next(Server& server, Connection& connection) {
   if (connection.state == Connection::State::kClosing || connection.dead) return false;
@@ -142,6 +167,7 @@ bool answer_next(Server& server, Connection& connection) {
   uint32_t length = Reader(connection.in).u32();
   if (length > yarrow::kMaxFrame) {
     add_status(connection, failed(YARROW_ERR_TOOBIG, "a frame too big"), {});
+    log_closed(server, connection, "a frame too big");
     connection.state = Connection::State::kClosing;
     return false;
   }
@@ -153,6 +179,7 @@ bool answer_next(Server& server, Connection& connection) {
     answer_request(server, connection, body);
   }
   connection.in.erase(0, kFrameHead + length);
+  trim(connection.in);
   if (connection.state != Connection::State::kClosing) {
     connection.deadline = connection.in.empty() ? 0 : now_ms() + kFrameTime;
   }
@@ -192,6 +219,7 @@ void write_some(Agent& agent, Connection& connection) {
       connection.deadline = now_ms() + kFarewellTime;
   }
   connection.out.clear();
+  trim(connection.out);
   connection.out_sent = 0;
   if (connection.state != Connection::State::kClosing) return;
   if (auto stream = agent.streams.find(connection.stream); stream != agent.streams.end()) {
@@ -216,6 +244,7 @@ void drop_dead(Server& server) {
       ++at;
       continue;
     }
+    if (late && !at->dead) log_closed(server, *at, lateness(*at));
     let_go(server, *at);
     at = server.connections.erase(at);
   }

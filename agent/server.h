@@ -50,7 +50,7 @@ struct Server {
   int peer_table = -1;       // kept, so that a lack of descriptors lets nobody in
   int64_t accept_after = 0;  // no descriptor was left: not before then
   std::vector<uid_t> allowed_uids;
-  service::LogBurst refused, crowded, starved;
+  service::LogBurst refused, crowded, starved, closed;
   uint64_t next_id = 1;
   std::list<Connection> connections;
 

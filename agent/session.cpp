@@ -75,9 +75,13 @@ int datastore_of_cdb(int number) {
   }
 }
 
-Result limit_reached(Agent& agent, const Session& session, const char* limit) {
+void log_limit(Agent& agent, const Session& session, const char* limit) {
   service::log_burst(agent.limits, service::LogLevel::kWarning, "a session reaches a limit",
                      {{"limit", limit}, {"user", session.user}, {"client", session.client_id}});
+}
+
+Result limit_reached(Agent& agent, const Session& session, const char* limit) {
+  log_limit(agent, session, limit);
   return failed(YARROW_ERR_TOOBIG, limit);
 }
 
@@ -367,6 +371,7 @@ Result save(Agent& agent, const Session& session, const Transaction& trans, Read
   if (static_cast<size_t>(pending) >= kMaxStreamsEach) {
     // The oldest gives way: a reader that never came is not to end the session's saving.
     agent.streams.erase(std::find_if(agent.streams.begin(), agent.streams.end(), own));
+    log_limit(agent, session, "too many streams: the oldest is given up");
   }
   SavedStream stream;
   stream.owner = session.id;

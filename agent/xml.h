@@ -29,9 +29,18 @@ struct XmlRules {
 // (RFC 6241, section 7.2).
 enum class XmlOperationKind : uint8_t { kMerge, kReplace, kCreate, kDelete, kRemove };
 
+// In a text; column 0: somewhere in the line.
+struct XmlPlace {
+  int line = 0;
+  int column = 0;
+};
+
+// "line 5:7: ", as reasons begin.
+std::string xml_place_text(XmlPlace place);
+
 struct XmlOperation {
   XmlOperationKind kind = XmlOperationKind::kMerge;
-  int line = 0;
+  XmlPlace place;
   Path path;         // from the node below which the document belongs
   std::string item;  // of a leaf-list
 };

@@ -87,7 +87,7 @@ const char* Pass::attribute(std::string_view name, std::string_view value, size_
 }
 
 const char* Pass::start_tag() {
-  std::string_view tag = text.substr(at + 1, kXmlMaxTagBytes);
+  std::string_view tag = text.substr(at + 1, kXmlMaxTagBytes - 1);
   size_t end = tag.find_first_of(" \t\r\n/>");
   names.add(tag.substr(0, end));
   size_t attributes = 0;
@@ -123,7 +123,7 @@ const char* Pass::start_tag() {
       name_end = i + 1;
     }
   }
-  if (tag.size() == kXmlMaxTagBytes) return "a tag of more than 16384 bytes";
+  if (tag.size() == kXmlMaxTagBytes - 1) return "a tag of more than 16384 bytes";
   at = text.size();  // cut short: the parser will say so
   return nullptr;
 }

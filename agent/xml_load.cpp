@@ -25,20 +25,14 @@ namespace {
 
 using Operations = std::vector<XmlOperation>;
 
-constexpr size_t kMaxDepth = 40;
+constexpr size_t kMaxDepth = 40;  // elements in elements
 constexpr std::string_view kOperationNamespace = "urn:ietf:params:xml:ns:netconf:base:1.0";
 
 bool deletes(XmlOperationKind kind) {
   return kind == XmlOperationKind::kDelete || kind == XmlOperationKind::kRemove;
 }
 
-// Where a start tag stands; column 0 is not known.
-struct Place {
-  int line = 0;
-  int column = 0;
-};
-
-bool before(const Place& a, const Place& b) {
+bool before(const XmlPlace& a, const XmlPlace& b) {
   return std::tie(a.line, a.column) < std::tie(b.line, b.column);
 }
 
@@ -46,7 +40,7 @@ bool before(const Place& a, const Place& b) {
 // stand a second time.
 struct Part {
   const SchemaNode* schema = nullptr;
-  Place place;
+  XmlPlace place;
   XmlOperationKind operation = XmlOperationKind::kMerge;
   std::string text;  // of a leaf or item
   NodeRef entry;
@@ -76,11 +70,11 @@ void Parts::add(Parts&& inside) {
 
 struct Element {
   const SchemaNode* schema = nullptr;
-  Place place;
+  XmlPlace place;
   XmlOperationKind operation = XmlOperationKind::kMerge;
   bool deleted = false;  // with an element around it
   bool too_long = false;
-  bool spoiled = false;  // a key is refused: it cannot be put anywhere
+  bool spoiled = false;  // refused already: a key that is, or an element inside a leaf
   std::string text;      // of a leaf
   Keys keys;             // of an entry; they may come late
   uint32_t keys_seen = 0;
@@ -88,7 +82,7 @@ struct Element {
 };
 
 struct Fault {
-  Place place;
+  XmlPlace place;
   std::string reason;
 };
 
@@ -107,12 +101,13 @@ struct Loader {
   size_t fault_count = 0;
 
   Loader(const Schema& by, const XmlRules& under) : schema(by), rules(under) {}
-  void fault(Place place, std::string reason);
-  Place tag_place() const;
+  void fault(XmlPlace place, std::string reason);
+  size_t depth() const { return stack.size() - 1 + skipping; }  // of the element that is open
+  XmlPlace tag_place() const;
   std::string path() const;
   void start(std::string_view name, const char* name_space, int attributes, const xmlChar** values);
-  void open(const SchemaNode& child, Place place, XmlOperationKind operation);
-  bool read_operation(Place place, int attributes, const xmlChar** values, std::string_view name,
+  void open(const SchemaNode& child, XmlPlace place, XmlOperationKind operation);
+  bool read_operation(XmlPlace place, int attributes, const xmlChar** values, std::string_view name,
                       XmlOperationKind* operation);
   void end();
   void end_leaf(Element& element);
@@ -126,13 +121,13 @@ struct Loader {
   void stands_twice(const Part& first, const Part& again);
 };
 
-void Loader::fault(Place place, std::string reason) {
+void Loader::fault(XmlPlace place, std::string reason) {
   if (++fault_count <= kMaxFaults) faults.push_back({place, std::move(reason)});
 }
 
 // Of the start tag that the parser has just read but for its end. One that goes over several lines is
 // at the last of them, in no column.
-Place Loader::tag_place() const {
+XmlPlace Loader::tag_place() const {
   const xmlParserInput& input = *parser->input;
   const xmlChar* at = input.cur;
   while (at > input.base && *at != '<' && *at != '\n') --at;
@@ -154,7 +149,7 @@ std::string Loader::path() const {
 }
 
 // False, with a fault, for attributes other than one operation.
-bool Loader::read_operation(Place place, int attributes, const xmlChar** values,
+bool Loader::read_operation(XmlPlace place, int attributes, const xmlChar** values,
                             std::string_view name, XmlOperationKind* operation) {
   static constexpr std::pair<std::string_view, XmlOperationKind> kWords[] = {
       {"merge", XmlOperationKind::kMerge},   {"replace", XmlOperationKind::kReplace},
@@ -188,7 +183,7 @@ bool Loader::read_operation(Place place, int attributes, const xmlChar** values,
   return true;
 }
 
-void Loader::open(const SchemaNode& child, Place place, XmlOperationKind operation) {
+void Loader::open(const SchemaNode& child, XmlPlace place, XmlOperationKind operation) {
   if (stack.size() == 1) named.push_back(&child);
   Element element;
   element.schema = &child;
@@ -197,16 +192,17 @@ void Loader::open(const SchemaNode& child, Place place, XmlOperationKind operati
   element.deleted = stack.back().deleted || deletes(operation);
   element.keys.resize(child.key_count);
   stack.push_back(std::move(element));
-  if (stack.size() > kMaxDepth) xmlStopParser(parser);
+  if (depth() > kMaxDepth) xmlStopParser(parser);
 }
 
 void Loader::start(std::string_view name, const char* name_space, int attributes,
                    const xmlChar** values) {
   if (skipping > 0) {
-    if (++skipping + stack.size() > kMaxDepth) xmlStopParser(parser);
+    ++skipping;
+    if (depth() > kMaxDepth) xmlStopParser(parser);
     return;
   }
-  const Place place = tag_place();
+  const XmlPlace place = tag_place();
   bool is_root = !seen_root;
   seen_root = true;
   if (is_root && name == "config" && name_space != nullptr &&
@@ -234,6 +230,7 @@ void Loader::start(std::string_view name, const char* name_space, int attributes
     open(*child, place, operation);
     return;
   }
+  stack.back().spoiled = stack.back().spoiled || stack.back().schema->is_leaf();
   skipping = 1;
 }
 
@@ -260,7 +257,8 @@ void Loader::end_leaf(Element& element) {
   const SchemaNode& leaf = *element.schema;
   Element& parent = stack.back();
   if (parent.deleted && !leaf.is_key) return;
-  bool needs_value = !deletes(element.operation) || leaf.kind == YARROW_NODE_LEAF_LIST;
+  const bool needs_value =
+      !element.spoiled && (!deletes(element.operation) || leaf.kind == YARROW_NODE_LEAF_LIST);
   std::string canonical;
   std::string reason;
   if (element.too_long) {
@@ -272,8 +270,8 @@ void Loader::end_leaf(Element& element) {
     if (again) reason.clear();
     if (again) schema_canonical(schema, leaf, inner, &canonical, &reason);
   }
-  if (!reason.empty()) {
-    fault(element.place, path() + "/" + leaf.name + ": " + reason);
+  if (element.spoiled || !reason.empty()) {
+    if (!element.spoiled) fault(element.place, path() + "/" + leaf.name + ": " + reason);
     if (leaf.is_key) {
       parent.keys_seen |= 1u << leaf.index;
       parent.spoiled = true;
@@ -338,7 +336,7 @@ void Loader::build(Parts& all, Node& node, Operations* operations) {
         node.children.push_back(make_leaf(leaf, {std::move(first->text)}));
       }
       if (first->operation != XmlOperationKind::kMerge) {
-        operations->push_back({first->operation, first->place.line, {{&leaf, {}}}, {}});
+        operations->push_back({first->operation, first->place, {{&leaf, {}}}, {}});
       }
     }
   }
@@ -369,7 +367,7 @@ void Loader::build_leaf_list(std::vector<Part>::iterator first, std::vector<Part
     sorted.push_back(&*part);
     if (!deletes(part->operation)) texts.push_back(part->text);
     if (part->operation != XmlOperationKind::kMerge) {
-      operations->push_back({part->operation, part->place.line, {{&leaf, {}}}, part->text});
+      operations->push_back({part->operation, part->place, {{&leaf, {}}}, part->text});
     }
   }
   std::stable_sort(sorted.begin(), sorted.end(),
@@ -396,7 +394,7 @@ void Loader::build_list(std::vector<Part>::iterator first, std::vector<Part>::it
     if (part != first && !by_keys(*(part - 1), *part)) stands_twice(*(part - 1), *part);
     const Step step{&list, part->entry->texts};
     if (part->operation != XmlOperationKind::kMerge) {
-      operations->push_back({part->operation, part->place.line, {step}, {}});
+      operations->push_back({part->operation, part->place, {step}, {}});
     }
     for (XmlOperation& one : part->operations) {
       one.path.insert(one.path.begin(), step);
@@ -433,7 +431,7 @@ void Loader::end() {
     end_entry(element);
   } else if (!stack[stack.size() - 2].deleted) {
     if (element.operation != XmlOperationKind::kMerge) {
-      around.operations.push_back({element.operation, element.place.line, {{&schema, {}}}, {}});
+      around.operations.push_back({element.operation, element.place, {{&schema, {}}}, {}});
     }
     element.parts.schema = &schema;
     if (!element.deleted) around.add(std::move(element.parts));
@@ -500,9 +498,9 @@ void parse(Loader& loader, std::string_view text) {
   parser->userData = &loader;
   xmlCtxtUseOptions(parser, XML_PARSE_NONET | XML_PARSE_HUGE);
   int status = xmlParseDocument(parser);
-  size_t depth = loader.stack.size() + loader.skipping;
-  if (depth > kMaxDepth)
+  if (loader.depth() > kMaxDepth) {
     loader.fault({xmlSAX2GetLineNumber(parser), 0}, "elements nested too deep");
+  }
   if (status != 0 && loader.fault_count == 0) loader.fault({1, 1}, "cannot be parsed");
   parser->sax = own_handler;
   if (parser->myDoc != nullptr) xmlFreeDoc(parser->myDoc);
@@ -515,15 +513,21 @@ std::string fault_lines(Loader& loader) {
   std::string text;
   for (const Fault& fault : loader.faults) {
     if (!text.empty()) text += '\n';
-    text += "line " + std::to_string(fault.place.line);
-    if (fault.place.column > 0) text += ":" + std::to_string(fault.place.column);
-    text += ": " + fault.reason;
+    text += xml_place_text(fault.place) + fault.reason;
   }
-  if (loader.fault_count > kMaxFaults) text += "\nand more";
+  if (loader.fault_count > kMaxFaults) {
+    text += "\nand " + std::to_string(loader.fault_count - kMaxFaults) + " more";
+  }
   return text;
 }
 
 }  // namespace
+
+std::string xml_place_text(XmlPlace place) {
+  std::string text = "line " + std::to_string(place.line);
+  if (place.column > 0) text += ":" + std::to_string(place.column);
+  return text + ": ";
+}
 
 Result xml_load(const Schema& schema, std::string_view text, const SchemaNode& top_schema,
                 const XmlRules& rules, XmlContent* content) {

@@ -80,6 +80,18 @@ void add_hint(ConfigFault* fault) {
   if (is_name) fault->expected.clear();
 }
 
+// How many "and 7 more" says; 0 for any other words.
+uint64_t more_of(std::string_view text) {
+  constexpr std::string_view kAnd = "and ";
+  uint64_t more = 0;
+  if (!text.starts_with(kAnd)) return 0;
+  const auto [end, error] =
+      std::from_chars(text.data() + kAnd.size(), text.data() + text.size(), more);
+  const bool whole =
+      error == std::errc() && text.substr(static_cast<size_t>(end - text.data())) == " more";
+  return whole ? more : 0;
+}
+
 // "line 5:7: /policy/...: reason", "/policy/...: reason" or a reason alone.
 ConfigFault fault_of(std::string_view text) {
   ConfigFault fault;
@@ -110,6 +122,7 @@ ConfigFault fault_of(std::string_view text) {
   }
   fault.what = text;
   add_hint(&fault);
+  fault.more = more_of(fault.what);
   return fault;
 }
 

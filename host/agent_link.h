@@ -76,6 +76,7 @@ struct ConfigFault {
   std::string path; /* of the node in the configuration; empty when the text cannot be parsed */
   std::string what;
   std::string expected; /* empty: nothing else fits */
+  uint64_t more = 0;    /* not 0: the agent names no more, and these are left; `what` says so */
 };
 
 /* What the calling thread's last call to the agent was refused for, reason by reason. */

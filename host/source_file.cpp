@@ -107,6 +107,7 @@ std::string other_kind(std::string_view content) {
   for (const auto& kind : kKinds) {
     if (content.starts_with(kind.begin)) return kind.what;
   }
+  if (content.find('\0') != std::string_view::npos) return "it is no text: it holds NUL bytes";
   std::string_view line = first_line(content);
   LineFault fault;
   t_ipprefix prefix = {};

@@ -107,6 +107,10 @@ void check_configuration(const SourceFiles& files, uint32_t direction, FindingWr
     if (file != last) writer->begin_file(file < files.size() ? &files[file] : nullptr);
     last = file;
     const ConfigFault& fault = each.fault;
+    if (fault.more > 0) {
+      writer->add_untold(fault.more);
+      continue;
+    }
     writer->add(
         {fault.line, fault.column, each.is_error, true, fault.path, fault.what, fault.expected});
   }

@@ -245,7 +245,7 @@ class Differences {
       }
       out_->print("{}{} of {} route{} differ\n", differ_ > 0 ? "\n" : "", grouped(differ_),
                   grouped(routes_), routes_ == 1 ? "" : "s");
-      if (!note.empty()) out_->print("\n{}", note);
+      if (!note.empty()) out_->print("\n{}", folded(note, palette_.width(), 0));
     }
     out_->flush();
   }

@@ -96,7 +96,7 @@ class Answers {
     } else if (!options_.json && !options_.explain) {
       table_.print(out_, palette_);
     }
-    if (!options_.json && !note.empty()) out_->print("\n{}", note);
+    if (!options_.json && !note.empty()) out_->print("\n{}", folded(note, palette_.width(), 0));
     out_->flush();
   }
 

@@ -13,7 +13,7 @@ namespace polctl {
 
 namespace {
 
-constexpr size_t kSourceShown = 160;  // bytes of a line
+constexpr size_t kSourceShown = 160;  // bytes of a line, where no terminal is narrower
 constexpr size_t kBefore = 100;       // of these before the column, so that a caret stays in sight
 
 const char* severity_word(const Finding& finding) { return finding.is_error ? "error" : "warning"; }
@@ -44,6 +44,11 @@ void FindingWriter::add(const Finding& finding) {
   }
 }
 
+void FindingWriter::add_untold(uint64_t errors) {
+  errors_ += errors;
+  untold_ += errors;
+}
+
 void FindingWriter::write_json(const Finding& finding) {
   std::string path = finding.has_path ? "\"path\":" + json_string(finding.path) + "," : "";
   out_.print(
@@ -58,12 +63,19 @@ void FindingWriter::write_text(const Finding& finding) {
   std::string where = file_ != nullptr ? printable(file_->name()) : "polctl";
   if (finding.line > 0) where += fmt::format(":{}", finding.line);
   if (finding.column > 0) where += fmt::format(":{}", finding.column);
-  Colour colour = finding.is_error ? Colour::Red : Colour::Yellow;
-  out_.print("{}: {}: ", where, palette_.paint(colour, severity_word(finding)));
-  if (!finding.path.empty()) out_.print("{}: ", printable(finding.path));
-  out_.write(printable(finding.what));
-  if (!finding.expected.empty()) out_.print(" (expected {})", printable(finding.expected));
-  out_.write("\n");
+  where += ": ";
+  const std::string_view severity = severity_word(finding);
+  std::string rest = ": ";
+  if (!finding.path.empty()) rest += printable(finding.path) + ": ";
+  rest += printable(finding.what);
+  if (!finding.expected.empty()) rest += fmt::format(" (expected {})", printable(finding.expected));
+  std::string line = folded(where + std::string(severity) + rest, palette_.width(), 0);
+  // A long file's name may have been broken before the word, which then keeps its colour.
+  if (line.compare(where.size(), severity.size(), severity) == 0) {
+    Colour colour = finding.is_error ? Colour::Red : Colour::Yellow;
+    line.replace(where.size(), severity.size(), palette_.paint(colour, severity));
+  }
+  out_.print("{}\n", line);
   if (finding.column > 0) write_source(finding);
 }
 
@@ -76,8 +88,12 @@ void FindingWriter::write_source(const Finding& finding) {
   }
   size_t column = finding.column - 1;
   if (lines_->line() != finding.line || column > line_.size()) return;
-  size_t begin = column > kBefore ? column - kBefore : 0;
-  std::string shown(line_.substr(begin, kSourceShown));
+  const size_t room = palette_.width() == 0   ? kSourceShown
+                      : palette_.width() > 24 ? palette_.width() - 4
+                                              : 20;
+  const size_t before = std::min(kBefore, room * 5 / 8);
+  size_t begin = column > before ? column - before : 0;
+  std::string shown(line_.substr(begin, room));
   std::string below;
   for (size_t i = 0; i < shown.size(); ++i) {
     bool plain = shown[i] == '\t' || (shown[i] >= ' ' && shown[i] <= '~');
@@ -94,6 +110,9 @@ void FindingWriter::finish(const std::string& files) {
       fmt::print(stderr, "polctl: note: {} more findings are left out (--all tells them)\n",
                  grouped(left_out_));
     }
+    if (untold_ > 0) {
+      fmt::print(stderr, "polctl: note: {} more errors are counted, not told\n", grouped(untold_));
+    }
     return;
   }
   std::string counts = errors_ + warnings_ == 0
@@ -102,6 +121,7 @@ void FindingWriter::finish(const std::string& files) {
   if (left_out_ > 0) {
     counts += fmt::format(" ({} of them not shown; --all shows them)", grouped(left_out_));
   }
+  if (untold_ > 0) counts += fmt::format(" ({} of them counted, not told)", grouped(untold_));
   out_.print("{}: {}\n", printable(files), counts);
   out_.flush();
 }

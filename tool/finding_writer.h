@@ -42,6 +42,8 @@ class FindingWriter {
    * file must live as long. Throws InputError. */
   void begin_file(const SourceFile* file);
   void add(const Finding& finding);
+  /* As many errors more, of which nobody knows what they are. */
+  void add_untold(uint64_t errors);
   /* The counts, in a line of their own unless programs read. */
   void finish(const std::string& files);
 
@@ -62,6 +64,7 @@ class FindingWriter {
   std::string_view line_;
   uint64_t in_file_ = 0;
   uint64_t left_out_ = 0;
+  uint64_t untold_ = 0;
   uint64_t errors_ = 0;
   uint64_t warnings_ = 0;
 };

@@ -54,7 +54,7 @@ size_t columns_of(std::string_view text) {
 
 }  // namespace
 
-Palette::Palette(int fd) : on_(wants_colour(fd)) {}
+Palette::Palette(int fd) : on_(wants_colour(fd)), width_(terminal_width(fd)) {}
 
 std::string Palette::paint(Colour colour, std::string_view text) const {
   if (!on_ || colour == Colour::Plain) return std::string(text);
@@ -96,6 +96,17 @@ std::vector<std::string> pieces(std::string_view line, size_t first, size_t next
 }
 
 }  // namespace
+
+std::string folded(std::string_view line, size_t width, size_t indent) {
+  if (width == 0) return std::string(line);
+  const size_t room = width > indent + 20 ? width - indent : 20;
+  std::string result;
+  for (const std::string& piece : pieces(line, room, room, 0)) {
+    if (!result.empty()) result += '\n' + std::string(indent, ' ');
+    result += piece;
+  }
+  return result;
+}
 
 std::string wrapped(const std::string& text) {
   constexpr size_t kUsualWidth = 80;

@@ -27,10 +27,13 @@ class Palette {
   explicit Palette(int fd);
   /* Tells whether it colours at all. */
   bool on() const { return on_; }
+  /* The terminal's columns; 0: it is none. */
+  size_t width() const { return width_; }
   std::string paint(Colour colour, std::string_view text) const;
 
  private:
   bool on_;
+  size_t width_;
 };
 
 Colour action_colour(uint32_t action);
@@ -41,6 +44,10 @@ size_t terminal_width(int fd);
 /* The text with lines that are longer than standard output's terminal, or 80 columns, broken at blanks;
  * what is broken off keeps the line's indentation. */
 std::string wrapped(const std::string& text);
+
+/* A line that begins in the column `indent` of a terminal as wide as `width`: broken as above where it is
+ * too long, and going on in that column. `width` 0: as it is. */
+std::string folded(std::string_view line, size_t width, size_t indent);
 
 /* Columns as wide as their widest cell, two blanks between them. On a terminal that is too narrow for
  * that a row is a paragraph, a line a cell. */

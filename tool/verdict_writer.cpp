@@ -277,21 +277,24 @@ void write_explanation(const Verdict& verdict, Output* out, const Palette& palet
     named = each.step.sequence;
     out->print("  {:<{}}", name, kNameWidth);
     if (each.step.decided == 0) {
-      out->print("{}: {} ({})\n", held ? "yes" : "no", printable(each.reason),
-                 clause_word(each.step.clause));
+      const std::string why = fmt::format("{}: {} ({})", held ? "yes" : "no",
+                                          printable(each.reason), clause_word(each.step.clause));
+      out->print("{}\n", folded(why, palette.width(), kIndent));
       continue;
     }
-    out->write(
-        palette.paint(action_colour(each.step.action), pol_util_action_str(each.step.action)));
+    const std::string action = pol_util_action_str(each.step.action);
     std::string sets = sets_text(*verdict.query);
+    std::string decision = action;
     if (!each.reason.empty()) {
-      out->print(": {}", printable(each.reason));
+      decision += ": " + printable(each.reason);
     } else if (each.step.action == POL_ACCEPT && !sets.empty()) {
-      out->print(", sets {}", sets);
+      decision += ", sets " + sets;
     }
-    out->write("\n");
+    out->print("{}{}\n", palette.paint(action_colour(each.step.action), action),
+               folded(decision, palette.width(), kIndent).substr(action.size()));
     for (const Idle& idle : idle_sets(verdict)) {
-      out->print("{:{}}not set: {}: {}\n", "", kIndent, idle.word, idle.why);
+      const std::string why = fmt::format("not set: {}: {}", idle.word, idle.why);
+      out->print("{:{}}{}\n", "", kIndent, folded(why, palette.width(), kIndent));
     }
   }
 }

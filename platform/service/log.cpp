@@ -81,9 +81,10 @@ void emit(LogLevel level, std::string_view what, std::initializer_list<LogField>
     return;
   }
   uint64_t lost = g_lost.exchange(0);
-  bool told = lost == 0 ||
-              write_line(log_format(target, LogLevel::kWarning,
-                                    "nobody read the log: lines are missing", {{"lines", lost}}));
+  bool told = lost == 0 || write_line(log_format(
+                               target, LogLevel::kWarning,
+                               "lines are missing: the log was not read, or could not be written",
+                               {{"lines", lost}}));
   if (!told || !write_line(std::move(line))) g_lost += told ? 1 : lost + 1;
 }
 

@@ -58,7 +58,8 @@ class FileState {
     uint32_t match_type = 0;
     uint32_t match_flags = 0;
     uint32_t action = POL_REJECT;
-    std::map<TextOp, TextPlace> sets = {};  // what it sets, and where that stands
+    std::map<TextOp, TextPlace> sets = {};       // what it sets, and where that stands
+    std::map<uint32_t, TextPlace> matches = {};  // the same of match clauses, by their flags
   };
   struct Policy {
     bool forwarding = false;
@@ -77,6 +78,8 @@ class FileState {
                    const TextPlace* places);
   void take_list(const TextStep& step, const char* name, TextPlace place);
   void take_element(const TextStep& step, const char* element);
+  void warn_replaced(TextPlace place, TextPlace earlier);
+  void warn_of_value(const TextStep& step, const char* value, TextPlace place);
   void warn_not_made(TextPlace place, const std::string& what);
   void warn_of_lists();
   void warn_of_sequences(const std::string& name, const Policy& policy);

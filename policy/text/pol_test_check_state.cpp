@@ -110,7 +110,9 @@ void FileState::take(const TextStep& step, const TextWords& words, const TextPla
     case TextOp::kElement:
       return take_element(step, value);
     default:
-      return take_clause(step, words.at(step.keyword), value, places);
+      take_clause(step, words.at(step.keyword), value, places);
+      if (valid && sequence_ != nullptr) warn_of_value(step, value, places[step.value]);
+      return;
   }
 }
 
@@ -181,7 +183,10 @@ void FileState::take_sequence(const TextStep& step, const char* number, TextPlac
 
 void FileState::take_match(const TextStep& step, const char* type, TextPlace place) {
   const uint32_t match_type = text_word_value(*step.row->value[0], type);
-  if (step.deletes || sequence_->match_type != match_type) sequence_->match_flags = 0;
+  if (step.deletes || sequence_->match_type != match_type) {
+    sequence_->match_flags = 0;
+    sequence_->matches.clear();
+  }
   if (step.deletes) return;
   sequence_->match_type = match_type;
   const bool known = text_is(type, "packet", 0);
@@ -195,9 +200,25 @@ void FileState::take_match(const TextStep& step, const char* type, TextPlace pla
 void FileState::take_set(const TextStep& step, TextPlace place) {
   if (step.deletes) {
     sequence_->sets.erase(step.row->op);
-  } else {
-    sequence_->sets.emplace(step.row->op, place);
+    return;
   }
+  const auto [set, is_new] = sequence_->sets.emplace(step.row->op, place);
+  if (!is_new) warn_replaced(place, std::exchange(set->second, place));
+}
+
+// Sequences that are not followed share one record, which tells nothing of any of them.
+void FileState::warn_replaced(TextPlace place, TextPlace earlier) {
+  if (sequence_ == &untracked_) return;
+  warn(place, "the sequence has this already (line " + std::to_string(earlier.line) +
+                  "): what stands there is in force no more");
+}
+
+// Numbers that the grammar takes, and that nothing can have.
+void FileState::warn_of_value(const TextStep& step, const char* value, TextPlace place) {
+  const bool is_vpn = step.row->op == TextOp::kMatchVpnId || step.row->op == TextOp::kSetVpnId;
+  if (!is_vpn || step.deletes || text_number(value) <= UINT16_MAX) return;
+  warn(place, "VPN " + std::string(value) + " is beyond those that configuration knows",
+       "a VPN from 0 to 65535");
 }
 
 void FileState::take_clause(const TextStep& step, const char* keyword, const char* value,
@@ -208,8 +229,14 @@ void FileState::take_clause(const TextStep& step, const char* keyword, const cha
     take_set(step, places[step.keyword]);
   } else if (step.deletes) {
     sequence_->match_flags &= ~step.row->clears;
+    sequence_->matches.erase(step.row->clears);
   } else if ((step.row->sets & kDecidingFlags) == 0) {
     warn(places[step.keyword], text_quoted(keyword) + " has no effect: no route is tested for it");
+  } else {
+    const auto [match, is_new] = sequence_->matches.emplace(step.row->sets, places[step.keyword]);
+    if (!is_new) {
+      warn_replaced(places[step.keyword], std::exchange(match->second, places[step.keyword]));
+    }
   }
   if (step.deletes) return;
   sequence_->match_flags |= step.row->sets;

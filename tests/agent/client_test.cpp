@@ -89,19 +89,47 @@ TEST_F(ClientTest, PathsThatDoNotFitTheSchemaAreNamed) {
     all += path + "\n    " + why(maapi_delete(fd_, trans, "%s", path.c_str())) + "\n";
   }
   expect_golden("changes/paths.ok", all);
-  EXPECT_EQ(why(maapi_delete(fd_, trans, "/policy/policer{%s}", std::string(5000, 'x').c_str())),
-            "too big: a path too long");
-  EXPECT_EQ(why(maapi_set_elem_text(fd_, trans, std::string(4096, 'x').c_str(),
-                                    "/policy/app-id{a}/name")),
-            "too big: a value too long");
-  std::vector<t_yarrow_value> items(1025);
-  for (t_yarrow_value& item : items) item.type = C_XMLTAG;
-  t_yarrow_value list = {};
-  list.type = C_LIST;
-  list.val.list = {static_cast<uint32_t>(items.size()), items.data()};
-  EXPECT_EQ(why(maapi_set_elem(fd_, trans, &list, "%s/vpn-list{V}/preferred-color",
-                               "/policy/app-route-policy{D}")),
-            "too big: /policy/app-route-policy/vpn-list/preferred-color: too many items");
+}
+
+// What is at its limit is refused for another reason, if at all.
+TEST_F(ClientTest, WhatIsBeyondItsLimitIsToldAsThat) {
+  int trans = session_.begin();
+  auto path_of = [&](size_t bytes) {
+    const std::string path = "/policy/policer{" + std::string(bytes - 17, 'x') + "}";
+    return why(maapi_exists(fd_, trans, "%s", path.c_str()));
+  };
+  auto value_of = [&](size_t bytes) {
+    return why(maapi_set_elem_text(fd_, trans, std::string(bytes, 'x').c_str(),
+                                   "/policy/app-id{a}/description"));
+  };
+  auto items_of = [&](size_t count) {
+    std::vector<t_yarrow_value> items(count);
+    for (t_yarrow_value& item : items) item.type = C_XMLTAG;
+    t_yarrow_value list = {};
+    list.type = C_LIST;
+    list.val.list = {static_cast<uint32_t>(items.size()), items.data()};
+    return why(maapi_set_elem(fd_, trans, &list, "%s/vpn-list{V}/preferred-color",
+                              "/policy/app-route-policy{D}"));
+  };
+  auto comment_of = [&](size_t bytes) {
+    return why(maapi_candidate_commit_noted(fd_, std::string(bytes, 'x').c_str(), 0));
+  };
+  auto minutes_of = [&](size_t minutes) {
+    return why(maapi_candidate_commit_noted(fd_, "", static_cast<uint32_t>(minutes)));
+  };
+  const struct {
+    std::function<std::string(size_t)> ask;
+    size_t limit;
+    const char* beyond;
+  } kLimits[] = {{path_of, 4095, "too big: a path too long"},
+                 {value_of, 4095, "too big: a value too long"},
+                 {items_of, 1024, "too many items"},
+                 {comment_of, 1000, "a comment or a time too long"},
+                 {minutes_of, 10'080, "a comment or a time too long"}};
+  for (const auto& [ask, limit, beyond] : kLimits) {
+    EXPECT_EQ(ask(limit).find(beyond), std::string::npos) << ask(limit);
+    EXPECT_NE(ask(limit + 1).find(beyond), std::string::npos) << ask(limit + 1);
+  }
 }
 
 // The cache cuts saved text at these marks.
@@ -231,7 +259,21 @@ TEST(ConnectTest, ACallForTheUsualAddressTakesTheUnixSocketThatIsNamed) {
   EXPECT_EQ(maapi_commit_id(other.fd()), 1);
 }
 
+// The seconds that a call on the socket may take: its own receive limit, which the client gave it.
+time_t seconds_of(int fd) {
+  timeval limit = {};
+  socklen_t size = sizeof limit;
+  EXPECT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, &size), 0);
+  return limit.tv_sec;
+}
+
 TEST(ConnectTest, AHungAgentIsLeftOnceTheTimeIsOver) {
+  {
+    FalseAgent agent({good_status()});
+    Socket socket(agent.port());
+    ASSERT_EQ(why(maapi_connect(socket.fd(), socket.addr(), socket.addr_len())), "ok");
+    EXPECT_EQ(seconds_of(socket.fd()), 60) << "unless the environment says otherwise";
+  }
   const Environment with(YARROW_TIMEOUT_VARIABLE, "1");
   using Clock = std::chrono::steady_clock;
   {
@@ -246,6 +288,7 @@ TEST(ConnectTest, AHungAgentIsLeftOnceTheTimeIsOver) {
   FalseAgent slow({good_status(), std::string("\0", 1), std::string("\0", 1)});
   Socket socket(slow.port());
   ASSERT_EQ(why(maapi_connect(socket.fd(), socket.addr(), socket.addr_len())), "ok");
+  EXPECT_EQ(seconds_of(socket.fd()), 1);
   std::thread prods([&] {
     for (int i = 0; i < 30; ++i) {
       usleep(50'000);

@@ -65,6 +65,11 @@ TEST_F(CommitTest, AFaultyFloodIsAnsweredWithABoundedList) {
   EXPECT_NE(reasons.find("and 3900 more"), std::string::npos)
       << reasons.substr(reasons.size() - 40);
   EXPECT_EQ(std::count(reasons.begin(), reasons.end(), '\n'), 100);
+  many.clear();
+  for (int i = 0; i < 2000; ++i) many += "<app-id><name>n</name><id>x</id></app-id>";
+  EXPECT_EQ(session_.load(policy(many)), YARROW_ERR);
+  reasons = yarrow_lasterr();
+  EXPECT_TRUE(reasons.ends_with("\nand 3899 more")) << reasons.substr(reasons.size() - 40);
 }
 
 // Sessions by name, in one agent: "NAME COMMAND ARGUMENTS" a line.

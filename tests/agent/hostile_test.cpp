@@ -46,6 +46,7 @@ std::string hello(SocketKind kind) {
 // The status of the frame that a connection is sent, and whether it is closed after it.
 struct Ending {
   uint32_t error = 0;
+  size_t bytes = 0;
   bool closed = false;
 };
 Ending ending_of(int fd, int timeout_ms = 5'000) {
@@ -56,7 +57,8 @@ Ending ending_of(int fd, int timeout_ms = 5'000) {
   char answer[4096];
   ssize_t got = recv(fd, answer, sizeof answer, 0);
   if (got >= 8) ending.error = yarrow::Reader(std::string_view(answer + 4, 4)).u32();
-  while (got > 0) got = recv(fd, answer, sizeof answer, 0);
+  for (; got > 0; got = recv(fd, answer, sizeof answer, 0))
+    ending.bytes += static_cast<size_t>(got);
   ending.closed = got == 0 || errno == ECONNRESET;
   ending.closed = ending.closed && std::chrono::steady_clock::now() < end;
   return ending;
@@ -90,12 +92,22 @@ TEST(HostileTest, AFrameBeyondTheLimitIsAnsweredAndClosedAndTheAgentsEndIsSeenBy
   AgentProcess agent;
   Session witness(agent.port());
   Subscriber subscriber(agent.port(), "/policy");
-  Socket socket(agent.port());
-  ASSERT_EQ(connect(socket.fd(), socket.addr(), socket.addr_len()), 0);
-  send_raw(socket.fd(), std::string("\x7f\xff\xff\xff", 4));
-  const Ending ending = ending_of(socket.fd());
-  EXPECT_EQ(ending.error, uint32_t{YARROW_ERR_TOOBIG});
-  EXPECT_TRUE(ending.closed);
+  for (uint32_t size : {yarrow::kMaxFrame, yarrow::kMaxFrame + 1, 0x7fffffffu}) {
+    Socket socket(agent.port());
+    ASSERT_EQ(connect(socket.fd(), socket.addr(), socket.addr_len()), 0);
+    Writer length;
+    length.u32(size);
+    send_raw(socket.fd(), length.bytes());
+    const std::string body(size == yarrow::kMaxFrame ? size : 0, 'x');
+    EXPECT_EQ(send(socket.fd(), body.data(), body.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(body.size()));
+    const Ending ending = ending_of(socket.fd());
+    EXPECT_EQ(ending.error,
+              uint32_t{size > yarrow::kMaxFrame ? YARROW_ERR_TOOBIG : YARROW_ERR_PROTOCOL});
+    EXPECT_TRUE(ending.closed);
+  }
+  EXPECT_NE(agent.log().find("a connection is closed reason=\"a frame too big\""),
+            std::string::npos);
   EXPECT_EQ(maapi_commit_id(witness.fd()), 0);
   EXPECT_EQ(agent.terminate(), 0);
   EXPECT_EQ(subscriber.next(), "closed");
@@ -170,11 +182,16 @@ TEST(HostileTest, TransactionsAndStreamsOfOneSessionAreBounded) {
   EXPECT_EQ(yarrow_stream_connect(orphan.fd(), orphan.addr(), orphan.addr_len(), unread, 0),
             YARROW_ERR)
       << "it went with its connection";
-  for (int i = 0; i < 100; ++i) {
+  EXPECT_NE(agent.log().find("limit=\"too many streams: the oldest is given up\""),
+            std::string::npos);
+  const Session third(agent.port());
+  int open = 0;
+  do {
     status =
-        maapi_start_trans_flags2(session.fd(), MAAPI_CANDIDATE, MAAPI_READ, 0, 0, nullptr, nullptr);
-  }
+        maapi_start_trans_flags2(third.fd(), MAAPI_CANDIDATE, MAAPI_READ, 0, 0, nullptr, nullptr);
+  } while (status >= 0 && ++open < 100);
   EXPECT_EQ(why(status), "too big: too many transactions");
+  EXPECT_EQ(open, 16);
 }
 
 std::string read_stream(const Session& session, int id) {
@@ -283,6 +300,8 @@ TEST(HostileTest, WhoLingersIsLetGoOnceHisTimeIsOver) {
   }
   ASSERT_EQ(why(session.load(policy(much))).substr(0, 200), "ok");
   int trans = session.begin();
+  const int read = maapi_save_config(session.fd(), trans, YARROW_CONFIG_XML, "/policy");
+  ASSERT_EQ(read_stream(session, read), "ok");
   int unread = maapi_save_config(session.fd(), trans, YARROW_CONFIG_XML, "/policy");
   int half_read = maapi_save_config(session.fd(), trans, YARROW_CONFIG_XML, "/policy");
   Socket silent(agent.port());
@@ -312,7 +331,13 @@ TEST(HostileTest, WhoLingersIsLetGoOnceHisTimeIsOver) {
     EXPECT_EQ(maapi_commit_id(session.fd()), 0);
   }
   EXPECT_EQ(read_stream(session, unread), "no such node: no such stream");
-  EXPECT_FALSE(why(maapi_save_config_result(session.fd(), half_read)) == "ok");
+  EXPECT_EQ(why(maapi_save_config_result(session.fd(), read)), "no such node: no such stream")
+      << "a result that nobody asked for";
+  EXPECT_EQ(why(maapi_save_config_result(session.fd(), half_read)),
+            "not connected: the stream was not read to its end");
+  const Ending cut = ending_of(reader.fd());
+  EXPECT_TRUE(cut.closed);
+  EXPECT_LT(cut.bytes, much.size()) << "what the kernel held of it";
   __atomic_store_n(&g_clock_ahead, 0, __ATOMIC_RELAXED);
 }
 
