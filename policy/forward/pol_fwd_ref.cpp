@@ -144,7 +144,7 @@ t_pol_fwd_user* fwd_ref_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name
   if (fwd_ref_names(*entry, ref, name)) return entry->fwd.user;
   entry->*ref.flags |= ref.flag;
   if (!fwd_ref_replace(ctx, entry, ref, name)) return nullptr;
-  *changed = 1;
+  mark_changed(changed);
   pol_block_users_add_to_chg_list(ctx, entry->block);
   return entry->fwd.user;
 }
@@ -153,7 +153,7 @@ void fwd_ref_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed, const 
   if (ctx == nullptr || entry == nullptr) return;
   fwd_check(*entry);
   if (!fwd_ref_drop(ctx, entry, ref)) return;
-  *changed = 1;
+  mark_changed(changed);
   pol_block_users_add_to_chg_list(ctx, entry->block);
 }
 

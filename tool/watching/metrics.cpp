@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The host's counters in the OpenMetrics text format. Names and units stay as they are: collectors
-// keep them for years.
+// The host's counters in the OpenMetrics text format. Names and units stay as they are: what was
+// collected under them is kept by them.
 #include <fmt/format.h>
 
 #include "host/address_text.h"
