@@ -97,22 +97,33 @@ class Trial {
 
   // What most sequences are passed over for is tested in the caller's loop.
   [[gnu::always_inline]] bool matches() {
+    constexpr uint32_t kFirst = POL_MATCH_F_TAG | POL_MATCH_F_PREF;
+    return first_match() && ((entry_.match_flags & ~kFirst) == 0 || rest_matches());
+  }
+  // For a sequence that is known to fail: tests what has a bit in `matched`, and what comes before that.
+  void leave_matched() {
+    constexpr uint32_t kUnreported = kIndexLists | POL_MATCH_F_TAG | POL_MATCH_F_PREF;
+    if ((entry_.match_flags & ~kUnreported) != 0) {
+      (void)matches();
+    } else {
+      (void)first_match();
+    }
+  }
+  uint32_t matched() const { return matched_; }
+
+ private:
+  [[gnu::always_inline]] bool first_match() {
     if (match_.type != query_.match_type || match_.type < POL_MATCH_ROUTE ||
         match_.type > POL_MATCH_SERVICE) {
       observer_.type_differs(entry_);
       return false;
     }
-    constexpr uint32_t kFirst = POL_MATCH_F_TAG | POL_MATCH_F_PREF;
     return holds<POL_MATCH_F_TAG>(
                [this] { return present(POL_ATTR_TAG) && attr_.tag == match_.tag; }) &&
-           holds<POL_MATCH_F_PREF>([this] {
-             return present(POL_ATTR_PREF) && attr_.preference == match_.preference;
-           }) &&
-           ((entry_.match_flags & ~kFirst) == 0 || rest_matches());
+           holds<POL_MATCH_F_PREF>(
+               [this] { return present(POL_ATTR_PREF) && attr_.preference == match_.preference; });
   }
-  uint32_t matched() const { return matched_; }
 
- private:
   [[gnu::noinline]] bool rest_matches() {
     return holds<POL_MATCH_F_DOMAIN>(
                [this] { return present(POL_ATTR_DOMAIN) && attr_.domain == match_.domain; }) &&
@@ -195,24 +206,25 @@ const t_pol_entry* find_decider(const t_pol_block& block, const t_pol_route_attr
   return decider;
 }
 
-// The same by the policy's index.
+// The same by the policy's index. False when it cannot tell.
 template <class Observer>
-[[gnu::noinline]] const t_pol_entry* find_candidate(const PolicyIndex& index,
-                                                    const t_pol_route_attr& attr,
-                                                    t_pol_route_query* query, Observer& observer) {
+[[gnu::noinline]] bool find_candidate(const PolicyIndex& index, const t_pol_route_attr& attr,
+                                      t_pol_route_query* query, Observer& observer,
+                                      const t_pol_entry** decider) {
   Candidates candidates(index, *query, attr);
-  const t_pol_entry* entry = nullptr;
-  while ((entry = candidates.next()) != nullptr) {
+  if (!candidates.find()) return false;
+  while (const t_pol_entry* entry = candidates.next()) {
     Trial<Observer> trial(*entry, attr, *query, observer);
     if (!trial.matches()) continue;
     query->matched = trial.matched();
-    return entry;
+    *decider = entry;
+    return true;
   }
   // A walk would have tried the last sequence last.
-  Trial<Observer> last(*index.entries[index.count - 1], attr, *query, observer);
-  (void)last.matches();
+  Trial<Observer> last(*index.nodes[index.count - 1].entry, attr, *query, observer);
+  last.leave_matched();
   query->matched = last.matched();
-  return nullptr;
+  return true;
 }
 
 template <class Observer>
@@ -224,9 +236,7 @@ uint32_t exec_route(t_pol_user* user, t_pol_route_query* query, Observer& observ
 
   const PolicyIndex* index = Observer::kHearsAll ? nullptr : block->index;
   const t_pol_entry* decider = nullptr;
-  if (index != nullptr && candidates_usable(*index, *query, attr)) {
-    decider = find_candidate(*index, attr, query, observer);
-  } else {
+  if (index == nullptr || !find_candidate(*index, attr, query, observer, &decider)) {
     decider = find_decider(*block, attr, query, observer);
   }
   const bool by_default = decider == nullptr;
