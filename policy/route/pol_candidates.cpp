@@ -140,41 +140,56 @@ unsigned Candidates::lists_of(uint32_t clause, uint64_t* keys) const {
   return count;
 }
 
-bool Candidates::add(uint64_t key) {
-  if (count_ == kMostHeads) return false;
+inline void Candidates::add(uint64_t key) {
   const uint32_t head = index_.head_of(key);
   heads_[count_] = head;
   count_ += head != 0 ? 1 : 0;
-  return true;
+  least_ = std::min(least_, head - 1);
 }
 
 bool Candidates::find() {
   if (!index_.fresh || !values()) return false;
-  const uint64_t of_type = index_key_of_type(query_.match_type);
-  uint64_t several[kMostKeys];
-  unsigned several_count = 0;
-  uint32_t asked = 0;
-  for (unsigned i = 0; i < index_.shape_count; ++i) {
-    const IndexShape& shape = index_.shapes[i];
-    if ((shape.values & ~have_) != 0) continue;
-    uint64_t key = of_type;
-    for (uint32_t left = shape.values; left != 0; left &= left - 1) {
-      key += value_keys_[std::countr_zero(left)];
+  uint64_t keys[PolicyIndex::kMostShapes];
+  const IndexShape* shape = index_.shapes;
+  const IndexShape* end = shape + index_.shape_count;
+  for (; shape != end && shape->several == 0; ++shape) {
+    if ((shape->values & ~have_) == 0) add(key_of_values(*shape));
+  }
+  while (shape != end) {
+    const uint32_t clause = shape->several;
+    unsigned key_count = 0;
+    for (; shape != end && shape->several == clause; ++shape) {
+      if ((shape->values & ~have_) == 0) keys[key_count++] = key_of_values(*shape);
     }
-    if (shape.several == 0) {
-      if (!add(key)) return false;
-      continue;
-    }
-    if (asked != shape.several) {
-      asked = shape.several;
-      several_count = several_of(asked, several);
-      if (several_count > kMostKeys) return false;
-    }
-    for (unsigned k = 0; k < several_count; ++k) {
-      if (!add(key + several[k])) return false;
+    if (key_count == 0) continue;
+    uint64_t several[kMostKeys];
+    const unsigned several_count = several_of(clause, several);
+    if (several_count > kMostKeys || count_ + key_count * several_count > kMostHeads) return false;
+    for (unsigned i = 0; i < several_count; ++i) {
+      for (unsigned k = 0; k < key_count; ++k) add(keys[k] + several[i]);
     }
   }
   return true;
+}
+
+uint64_t Candidates::key_of_values(const IndexShape& shape) const {
+  uint64_t key = index_key_of_type(query_.match_type);
+  for (uint32_t left = shape.values; left != 0; left &= left - 1) {
+    key += value_keys_[std::countr_zero(left)];
+  }
+  return key;
+}
+
+const t_pol_entry* Candidates::next() {
+  if (least_ == kNone) return nullptr;
+  const IndexNode& node = index_.nodes[least_];
+  uint32_t least = kNone;
+  for (unsigned i = 0; i < count_; ++i) {
+    if (heads_[i] == least_ + 1) heads_[i] = node.next;
+    least = std::min(least, heads_[i] - 1);
+  }
+  least_ = least;
+  return node.entry;
 }
 
 }  // namespace pol

@@ -25,35 +25,29 @@ class Candidates {
   // route, or a value is of an address family at which comparing it would have to fail an assertion.
   bool find();
   // The next one that may match, by number; null when there is none.
-  const t_pol_entry* next() {
-    if (count_ == 0) return nullptr;
-    unsigned least = 0;
-    for (unsigned i = 1; i < count_; ++i) {
-      if (heads_[i] < heads_[least]) least = i;
-    }
-    const IndexNode& node = index_.nodes[heads_[least] - 1];
-    heads_[least] = node.next != 0 ? node.next : heads_[--count_];
-    return node.entry;
-  }
+  const t_pol_entry* next();
 
  private:
   static constexpr unsigned kMostKeys = 64;
   static constexpr unsigned kMostHeads = 128;
   static constexpr unsigned kTooMany = kMostKeys + 1;
+  static constexpr uint32_t kNone = UINT32_MAX;
 
   bool values();
   unsigned several_of(uint32_t clause, uint64_t* keys) const;
   unsigned lists_of(uint32_t clause, uint64_t* keys) const;
-  bool add(uint64_t key);
+  uint64_t key_of_values(const IndexShape& shape) const;
+  void add(uint64_t key);
 
   const PolicyIndex& index_;
   const t_pol_route_query& query_;
   const t_pol_route_attr& attr_;
   const t_tloc_id* tloc_;
-  uint32_t have_;  // clauses of one value for which the route has it
+  uint32_t have_;           // clauses of one value for which the route has it
+  uint32_t least_ = kNone;  // of the heads, from 0: which is next
   unsigned count_ = 0;
   uint64_t value_keys_[32];     // of these, by the place of a clause's bit
-  uint32_t heads_[kMostHeads];  // of chains, from which the next ones come
+  uint32_t heads_[kMostHeads];  // of chains; 0: at its end
 };
 
 }  // namespace pol
