@@ -190,11 +190,14 @@ void each_key(const t_pol_entry& entry, Visit visit) {
   }
 }
 
-// Enters sequences, the last one first.
+// Enters sequences, the last one first, after all were surveyed.
 class IndexBuilder {
  public:
   IndexBuilder(t_pol_ctx* ctx, PolicyIndex* index, const Survey& survey, Tally* tally)
       : ctx_(ctx), index_(index), survey_(survey), tally_(tally) {}
+
+  // What is asked for the sake of one sequence is asked for all.
+  void survey(const t_pol_entry& entry) { asked_ |= telling_clause(entry); }
 
   void enter(uint32_t place) {
     const t_pol_entry& entry = *index_->nodes[place].entry;
@@ -218,16 +221,17 @@ class IndexBuilder {
   }
 
  private:
-  // The clause that fewest others share the key with; of equal ones the one that is asked for anyway.
+  // The clause that makes the sequence's key one of few; 0 where its values do. Of equal ones it is the one
+  // that most sequences have, so that few families of lists are asked.
   uint32_t telling_clause(const t_pol_entry& entry) {
     uint32_t best = 0;
     uint32_t fewest = 0;
-    uint32_t of_values = 0;
+    bool few = false;
     each_key(entry, [&](uint64_t key, uint32_t clause) {
-      const uint32_t alike = tally_->of(key);
+      const uint32_t alike = std::max(tally_->of(key), kFewAlike);
       if (clause == 0) {
-        of_values = alike;
-      } else if (of_values > kFewAlike &&
+        few = alike == kFewAlike;
+      } else if ((!few || (clause & asked_) != 0) &&
                  (best == 0 || alike < fewest || (alike == fewest && with(clause) > with(best)))) {
         fewest = alike;
         best = clause;
@@ -311,6 +315,7 @@ class IndexBuilder {
   PolicyIndex* index_;
   const Survey& survey_;
   Tally* tally_;
+  uint32_t asked_ = 0;  // clauses of several values
 };
 
 PolicyIndex* index_alloc(uint32_t count) {
@@ -354,6 +359,9 @@ PolicyIndex* index_make(t_pol_ctx* ctx, const t_pol_block& block) {
     if (can_match(entry)) each_key(entry, [&tally](uint64_t key, uint32_t) { ++tally.of(key); });
   }
   IndexBuilder builder(ctx, index, survey, &tally);
+  for (const t_pol_entry& entry : block.in_order) {
+    if (can_match(entry)) builder.survey(entry);
+  }
   while (place-- > 0) builder.enter(place);
   builder.finish();
   index->fresh = true;
