@@ -208,9 +208,7 @@ class IndexBuilder {
     if ((shape.several & kIndexLists) != 0) {
       note_list(shape.several, list_named(entry.match, shape.several));
     }
-    uint32_t* head = head_of(key);
-    index_->nodes[place].next = *head;
-    *head = place + 1;
+    chain(key, place);
   }
 
   void finish() {
@@ -266,15 +264,18 @@ class IndexBuilder {
     return std::popcount(shape.values) + (shape.several != 0 ? 1 : 0);
   }
 
-  // Where the key's chain starts, made if need be.
-  uint32_t* head_of(uint64_t key) {
+  // Puts a place before those that the key has.
+  void chain(uint64_t key, uint32_t place) {
     const uint64_t hash = PolicyIndex::hash(key);
     const auto print = static_cast<uint32_t>(hash);
     for (uint64_t at = hash >> index_->shift;; at = (at + 1) & (~uint64_t{0} >> index_->shift)) {
       IndexBucket* bucket = &index_->buckets[at];
       for (unsigned i = 0; i < IndexBucket::kSize; ++i) {
-        if (bucket->heads[i] == 0) bucket->prints[i] = print;
-        if (bucket->prints[i] == print) return &bucket->heads[i];
+        if (bucket->heads[i] != 0 && bucket->prints[i] != print) continue;
+        bucket->prints[i] = print;
+        index_->nodes[place].next = bucket->heads[i];
+        bucket->heads[i] = place + 1;
+        return;
       }
     }
   }
@@ -320,14 +321,13 @@ class IndexBuilder {
 
 PolicyIndex* index_alloc(uint32_t count) {
   const size_t buckets = std::bit_ceil(size_t{count} / 2 + 2);
-  const size_t nodes = count * sizeof(IndexNode);
-  auto* memory = static_cast<char*>(
-      pol_calloc(1, sizeof(PolicyIndex) + nodes + buckets * sizeof(IndexBucket), MEM_UNCOUNTED));
+  const size_t head = sizeof(PolicyIndex) + buckets * sizeof(IndexBucket);
+  auto* memory = static_cast<char*>(pol_calloc(1, head + count * sizeof(IndexNode), MEM_UNCOUNTED));
   if (memory == nullptr) return nullptr;
   auto* index = reinterpret_cast<PolicyIndex*>(memory);
   index->count = count;
-  index->nodes = reinterpret_cast<IndexNode*>(memory + sizeof(PolicyIndex));
-  index->buckets = reinterpret_cast<IndexBucket*>(memory + sizeof(PolicyIndex) + nodes);
+  index->buckets = reinterpret_cast<IndexBucket*>(memory + sizeof(PolicyIndex));
+  index->nodes = reinterpret_cast<IndexNode*>(memory + head);
   index->shift = static_cast<uint8_t>(64 - std::countr_zero(buckets));
   return index;
 }

@@ -62,12 +62,13 @@ struct IndexLists {
   const NamedHead* lists[kFew];
 };
 
-// Four keys that a look-up compares without a branch.
+// Four keys that a look-up compares at once.
 struct IndexBucket {
   static constexpr unsigned kSize = 4;
+  using Four = uint32_t __attribute__((vector_size(16)));
 
-  uint32_t prints[kSize];  // of the keys' hashes
-  uint32_t heads[kSize];   // places in `nodes`, from 1; 0: free, as those behind it
+  Four prints;  // of the keys' hashes
+  Four heads;   // places in `nodes`, from 1; 0: free, as those behind it
 };
 
 struct IndexNode {
@@ -76,7 +77,7 @@ struct IndexNode {
 };
 
 // Followed by its arrays, all in one piece of memory.
-struct PolicyIndex {
+struct alignas(IndexBucket) PolicyIndex {
   static constexpr unsigned kFamilies = 5;
   // Those beyond the first 16 have at most one clause each.
   static constexpr unsigned kMostShapes = 16 + 17;
@@ -97,13 +98,14 @@ struct PolicyIndex {
   uint32_t head_of(uint64_t key) const {
     const uint64_t mixed = hash(key);
     const auto print = static_cast<uint32_t>(mixed);
+    const IndexBucket::Four prints = {print, print, print, print};
     for (uint64_t at = mixed >> shift;; at = (at + 1) & (~uint64_t{0} >> shift)) {
       const IndexBucket& bucket = buckets[at];
-      uint32_t head = 0;
-      for (unsigned i = 0; i < IndexBucket::kSize; ++i) {
-        head |= bucket.heads[i] & -static_cast<uint32_t>(bucket.prints[i] == print);
-      }
-      if (head != 0 || bucket.heads[IndexBucket::kSize - 1] == 0) return head;
+      using Two = uint64_t __attribute__((vector_size(16)));
+      const Two same = reinterpret_cast<Two>((bucket.prints == prints) & bucket.heads);
+      const uint64_t both = same[0] | same[1];
+      const auto head = static_cast<uint32_t>(both | both >> 32);
+      if (bucket.heads[IndexBucket::kSize - 1] == 0 || head != 0) return head;
     }
   }
   static uint64_t hash(uint64_t key) { return (key ^ key >> 32) * kOdd; }

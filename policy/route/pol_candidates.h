@@ -8,6 +8,7 @@
 #pragma once
 
 #include "core/pol_policy_index.h"
+#include "lists/list_directory.h"
 #include "policy/pol_exec.h"
 
 namespace pol {
@@ -25,28 +26,43 @@ class Candidates {
   // route, or a value is of an address family at which comparing it would have to fail an assertion.
   bool find();
   // The next one that may match, by number; null when there is none.
-  const t_pol_entry* next();
+  const t_pol_entry* next() {
+    if (least_ == kNone) return nullptr;
+    const t_pol_entry* entry = index_.nodes[least_].entry;
+    advance();
+    return entry;
+  }
 
  private:
-  static constexpr unsigned kMostKeys = 64;
+  static constexpr unsigned kMostValues = 64;
   static constexpr unsigned kMostHeads = 128;
-  static constexpr unsigned kTooMany = kMostKeys + 1;
   static constexpr uint32_t kNone = UINT32_MAX;
 
+  // Of shapes with the same clause of several values, what their single values give.
+  struct Keys {
+    uint32_t clause;
+    unsigned count;
+    uint64_t keys[PolicyIndex::kMostShapes];
+  };
+
   bool values();
-  unsigned several_of(uint32_t clause, uint64_t* keys) const;
-  unsigned lists_of(uint32_t clause, uint64_t* keys) const;
   uint64_t key_of_values(const IndexShape& shape) const;
   void add(uint64_t key);
+  template <class Value>
+  bool add_each(const Keys& keys, const Value* values, unsigned count);
+  template <class Value, class Holds>
+  bool add_lists(const Keys& keys, const ListDirectory& directory, const Value& value, Holds holds);
+  bool add_several(const Keys& keys);
+  void advance();
 
   const PolicyIndex& index_;
   const t_pol_route_query& query_;
   const t_pol_route_attr& attr_;
-  const t_tloc_id* tloc_;
-  uint32_t have_;           // clauses of one value for which the route has it
+  const t_tloc_id* tloc_ = nullptr;
+  uint32_t have_ = 0;       // clauses of one value for which the route has it, as far as shapes ask
   uint32_t least_ = kNone;  // of the heads, from 0: which is next
   unsigned count_ = 0;
-  uint64_t value_keys_[32];     // of these, by the place of a clause's bit
+  uint64_t value_keys_[32];     // of these clauses, by the place of the bit
   uint32_t heads_[kMostHeads];  // of chains; 0: at its end
 };
 
