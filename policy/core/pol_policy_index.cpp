@@ -266,9 +266,8 @@ class IndexBuilder {
 
   // Puts a place before those that the key has.
   void chain(uint64_t key, uint32_t place) {
-    const uint64_t hash = PolicyIndex::hash(key);
-    const auto print = static_cast<uint32_t>(hash);
-    for (uint64_t at = hash >> index_->shift;; at = (at + 1) & (~uint64_t{0} >> index_->shift)) {
+    const uint32_t print = PolicyIndex::print_of(key);
+    for (uint64_t at = key >> index_->shift;; at = (at + 1) & (~uint64_t{0} >> index_->shift)) {
       IndexBucket* bucket = &index_->buckets[at];
       for (unsigned i = 0; i < IndexBucket::kSize; ++i) {
         if (bucket->heads[i] != 0 && bucket->prints[i] != print) continue;

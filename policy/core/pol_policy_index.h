@@ -67,7 +67,7 @@ struct IndexBucket {
   static constexpr unsigned kSize = 4;
   using Four = uint32_t __attribute__((vector_size(16)));
 
-  Four prints;  // of the keys' hashes
+  Four prints;  // of the keys
   Four heads;   // places in `nodes`, from 1; 0: free, as those behind it
 };
 
@@ -83,7 +83,7 @@ struct alignas(IndexBucket) PolicyIndex {
   static constexpr unsigned kMostShapes = 16 + 17;
 
   bool fresh;
-  uint8_t shift;  // of a hash: what is left is a place in `buckets`
+  uint8_t shift;  // of a key: what is left is a place in `buckets`
   uint8_t shape_count;
   uint32_t clauses;  // match_flags of all sequences together
   uint32_t values;   // of all shapes together
@@ -96,10 +96,9 @@ struct alignas(IndexBucket) PolicyIndex {
 
   // What a key's sequences are chained from; 0: there are none.
   uint32_t head_of(uint64_t key) const {
-    const uint64_t mixed = hash(key);
-    const auto print = static_cast<uint32_t>(mixed);
+    const uint32_t print = print_of(key);
     const IndexBucket::Four prints = {print, print, print, print};
-    for (uint64_t at = mixed >> shift;; at = (at + 1) & (~uint64_t{0} >> shift)) {
+    for (uint64_t at = key >> shift;; at = (at + 1) & (~uint64_t{0} >> shift)) {
       const IndexBucket& bucket = buckets[at];
       using Two = uint64_t __attribute__((vector_size(16)));
       const Two same = reinterpret_cast<Two>((bucket.prints == prints) & bucket.heads);
@@ -108,7 +107,8 @@ struct alignas(IndexBucket) PolicyIndex {
       if (bucket.heads[IndexBucket::kSize - 1] == 0 || head != 0) return head;
     }
   }
-  static uint64_t hash(uint64_t key) { return (key ^ key >> 32) * kOdd; }
+  // A key's upper bits name its bucket.
+  static uint32_t print_of(uint64_t key) { return static_cast<uint32_t>(key >> 8); }
 
   static constexpr uint64_t kOdd = 0x9e3779b97f4a7c15;
 };

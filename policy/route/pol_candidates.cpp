@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <type_traits>
 
 #include "core/pol_context_internal.h"
 #include "route/pol_exec_rules.h"
@@ -99,6 +100,12 @@ template <class Value, class Holds>
   if (family->generation != 0) {
     if (directory.broken || family->generation != directory.generation) return false;
     count = directory_ask(directory, value, found, kMostValues);
+    if constexpr (std::is_same_v<Value, t_ipprefix>) {
+      // The rules are likely to ask it next.
+      for (unsigned i = 0; i < std::min(count, kMostValues); ++i) {
+        __builtin_prefetch(&reinterpret_cast<const t_pfx_list*>(found[i])->index);
+      }
+    }
   } else {
     for (unsigned i = 0; i < family->count; ++i) {
       found[count] = family->lists[i];

@@ -124,16 +124,33 @@ class Trial {
                [this] { return present(POL_ATTR_PREF) && attr_.preference == match_.preference; });
   }
 
+  // In groups, because most sequences have few clauses.
   [[gnu::noinline]] bool rest_matches() {
+    constexpr uint32_t kVpns =
+        POL_MATCH_F_DOMAIN | POL_MATCH_F_GROUP | POL_MATCH_F_VPN_ID | POL_MATCH_F_VPN_LIST;
+    constexpr uint32_t kSites =
+        POL_MATCH_F_TLOC | POL_MATCH_F_TLOC_LIST | POL_MATCH_F_SITE | POL_MATCH_F_SITE_LIST;
+    constexpr uint32_t kOthers = POL_MATCH_F_ORIGIN | POL_MATCH_F_ORIGINATOR | POL_MATCH_F_CARRIER |
+                                 POL_MATCH_F_COLOR | POL_MATCH_F_COLOR_LIST;
+    return (!has(kVpns) || vpns_match()) && (!has(kSites) || sites_match()) &&
+           holds<POL_MATCH_F_PFX_LIST>([this] {
+             return match_pfx_list(list_of<t_pfx_list>(match_.pfx_list), query_.prefix);
+           }) &&
+           (!has(kOthers) || others_match());
+  }
+
+  bool vpns_match() {
     return holds<POL_MATCH_F_DOMAIN>(
                [this] { return present(POL_ATTR_DOMAIN) && attr_.domain == match_.domain; }) &&
            holds<POL_MATCH_F_GROUP>(
                [this] { return present(POL_ATTR_GROUP) && match_group(attr_, match_.group); }) &&
            holds<POL_MATCH_F_VPN_ID>([this] { return query_.vpn == match_.vpn_id; }) &&
-           holds<POL_MATCH_F_VPN_LIST>([this] {
-             return match_vpn_list(list_of<t_vpn_list>(match_.vpn_list), query_.vpn);
-           }) &&
-           holds<POL_MATCH_F_TLOC>(
+           holds<POL_MATCH_F_VPN_LIST>(
+               [this] { return match_vpn_list(list_of<t_vpn_list>(match_.vpn_list), query_.vpn); });
+  }
+
+  bool sites_match() {
+    return holds<POL_MATCH_F_TLOC>(
                [this] { return tloc() != nullptr && tloc_equal(*tloc(), match_.tloc); }) &&
            holds<POL_MATCH_F_TLOC_LIST>([this] {
              return tloc() != nullptr &&
@@ -144,11 +161,11 @@ class Trial {
            holds<POL_MATCH_F_SITE_LIST>([this] {
              return pol_exec_match_site_id_to_site_list(list_of<t_site_list>(match_.site_list),
                                                         attr_.site) != 0;
-           }) &&
-           holds<POL_MATCH_F_PFX_LIST>([this] {
-             return match_pfx_list(list_of<t_pfx_list>(match_.pfx_list), query_.prefix);
-           }) &&
-           holds<POL_MATCH_F_ORIGIN>(
+           });
+  }
+
+  bool others_match() {
+    return holds<POL_MATCH_F_ORIGIN>(
                [this] { return present(POL_ATTR_ORIGIN) && match_origin(match_, attr_); }) &&
            holds<POL_MATCH_F_ORIGINATOR>([this] {
              return present(POL_ATTR_ORIGINATOR) &&
@@ -179,6 +196,7 @@ class Trial {
     return true;
   }
 
+  bool has(uint32_t clauses) const { return (entry_.match_flags & clauses) != 0; }
   bool present(uint32_t bit) const { return (attr_.present & bit) != 0; }
   const t_tloc_id* tloc() const { return tloc_source(entry_, query_, attr_); }
 
