@@ -12,7 +12,6 @@
 #include "base/pol_memory.h"
 #include "base/pol_name.h"
 #include "core/pol_context_internal.h"
-#include "exchange/pol_xml_text_internal.h"
 #include "policy/pol_dump.h"
 #include "policy/pol_fwd_document.h"
 
@@ -115,8 +114,8 @@ int unlock(t_pol_ctx* ctx) {
   return error;
 }
 
-// Hands on an object's text, if there is one, to what appends it; the text may be replaced as soon as
-// the cache is unlocked.
+// Hands on an object's text, if there is one, to what appends it; the text may be replaced as soon
+// as the cache is unlocked.
 template <class Append>
 uint32_t append_text(int32_t type, const char* name, Append append) {
   t_pol_ctx* ctx = g_pol_ctx_p;
