@@ -187,6 +187,38 @@ TEST(ToolTest, ColourIsForTerminalsThatWantIt) {
   EXPECT_EQ(run_polctl(invocation).out.find('\033'), std::string::npos);
 }
 
+TEST(ToolTest, NothingOverflowsANarrowTerminal) {
+  for (const char* line :
+       {"check config_warnings.xml", "check faulty.txt", "check config_faulty.xml",
+        "diff config.xml config_new.xml --routes config_routes.jsonl",
+        "eval --config config.xml --policy branch --routes config_routes.jsonl",
+        "eval --config config.xml --policy branch --routes config_routes.jsonl --explain"}) {
+    Invocation invocation;
+    std::istringstream words(line);
+    for (std::string word; words >> word;) invocation.args.push_back(word);
+    invocation.terminal = true;
+    invocation.env = {"COLUMNS=60", "NO_COLOR=1"};
+    const Outcome outcome = run_polctl(invocation);
+    EXPECT_LT(outcome.status, 2) << outcome.out;
+    std::istringstream said(outcome.out);
+    size_t lines = 0;
+    for (std::string one; std::getline(said, one); ++lines) {
+      if (one.ends_with('\r')) one.pop_back();
+      EXPECT_LE(one.size(), 60u) << line << "\n" << one;
+    }
+    EXPECT_GT(lines, 3u);
+  }
+}
+
+TEST(ToolTest, WhatTheAgentDoesNotTellIsCounted) {
+  Invocation invocation = {{"check", "--all", "-"}, ""};
+  for (int i = 0; i < 150; ++i) {
+    invocation.input += "set policy app-id a" + std::to_string(i) + " id x\n";
+  }
+  const std::string counted = "<stdin>: 150 errors, 0 warnings (50 of them counted, not told)\n";
+  EXPECT_TRUE(run_polctl(invocation).out.ends_with(counted)) << run_polctl(invocation).out;
+}
+
 TEST(ToolTest, ABarIsShownForSlowWorkOnTerminalsAndTakenAway) {
   Invocation invocation = eval(kPolicyFile, {});
   invocation.input = many_prefixes(40000);
