@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "config_findings.h"
 #include "finding_writer.h"
+#include "host/address_text.h"
 #include "host/agent_link.h"
 #include "host/config_feed.h"
 #include "host/input_error.h"
