@@ -242,6 +242,14 @@ void settle_test(const TestOptions& options) {
   if (options.files.empty() && options.routes.empty()) fail("no tests are given", "a file");
 }
 
+void add_limits(CLI::App* command, std::vector<std::string>* limits) {
+  command
+      ->add_option("--limit", *limits,
+                   "what a proof may take before the answer is \"not known\" (60s, 400MB)")
+      ->option_text("SECONDSs|MEGABYTESMB")
+      ->allow_extra_args(false);
+}
+
 void add_check(CLI::App& app, CheckOptions* options) {
   CLI::App* command = app.add_subcommand("check", "Say what is wrong with configuration or policy");
   command
@@ -253,6 +261,10 @@ void add_check(CLI::App& app, CheckOptions* options) {
   add_direction(command, &options->direction,
                 "in which policies are applied: tells what they set in vain");
   add_json(command, &options->json, "report one JSON object a line");
+  command->add_flag_callback(
+      "--no-proofs", [options] { options->proofs = false; },
+      "only what a look at single sequences and members tells");
+  add_limits(command, &options->limits);
   command->add_flag("--strict", options->strict, "exit with status 1 for warnings too");
   command->add_flag("--all", options->all, "show every finding, not 100 a file");
   command->footer(kCheckHelp);

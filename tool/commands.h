@@ -85,8 +85,10 @@ struct CheckOptions {
   std::vector<std::string> files; /* configuration, merged in order, or one policy file; or none */
   uint32_t direction = POL_DIR_NONE; /* in which policies are applied; NONE: not known */
   bool json = false;
-  bool strict = false; /* warnings count as errors do */
-  bool all = false;    /* however many findings */
+  bool strict = false;             /* warnings count as errors do */
+  bool proofs = true;              /* what only a look at every route there can be tells, too */
+  std::vector<std::string> limits; /* of memory and time, for that */
+  bool all = false;                /* however many findings */
 };
 
 /* Says what is wrong with a policy file or with configuration. kFindings when there are errors. */

@@ -95,4 +95,24 @@ void Verifier::require(const ShownRoute& route, const SequenceModel& decider) co
   }
 }
 
+std::string Verifier::answers(const std::string& lines) const {
+  MemoryFile file(lines);
+  RouteReader reader(file.path(), "routes");
+  auto query = std::make_unique<t_pol_route_query>();
+  auto attr = std::make_unique<t_pol_route_attr>();
+  std::string text;
+  while (true) {
+    pol_pre_execute(query.get(), 3);
+    if (!reader.next(query.get(), attr.get())) return text;
+    const uint32_t action = pol_execute(users_->resolving, query.get());
+    text += fmt::format("{} {}", action, action == POL_ACCEPT ? query->applied : 0);
+    if (action == POL_ACCEPT) {
+      text += fmt::format(" {} {} {}", query->attr_copy.tag, query->attr_copy.preference,
+                          query->vpn_count);
+    }
+    text += '\n';
+    pol_post_execute(query.get());
+  }
+}
+
 }  // namespace polctl
