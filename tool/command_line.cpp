@@ -242,14 +242,6 @@ void settle_test(const TestOptions& options) {
   if (options.files.empty() && options.routes.empty()) fail("no tests are given", "a file");
 }
 
-void add_limits(CLI::App* command, std::vector<std::string>* limits) {
-  command
-      ->add_option("--limit", *limits,
-                   "what a proof may take before the answer is \"not known\" (60s, 400MB)")
-      ->option_text("SECONDSs|MEGABYTESMB")
-      ->allow_extra_args(false);
-}
-
 void add_check(CLI::App& app, CheckOptions* options) {
   CLI::App* command = app.add_subcommand("check", "Say what is wrong with configuration or policy");
   command
