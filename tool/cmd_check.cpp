@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 #include <string>
 #include <tuple>
 
@@ -16,8 +17,10 @@
 #include "host/agent_link.h"
 #include "host/config_feed.h"
 #include "host/input_error.h"
+#include "host/setlines/config_lines.h"
 #include "host/source_file.h"
 #include "host/xml_places.h"
+#include "live_client.h"
 #include "policy/pol_test.h"
 #include "proof/condition.h"
 #include "proof/finding_places.h"
@@ -55,6 +58,11 @@ std::vector<ProofFinding> proofs_of(const CheckOptions& options, const PolicyOpt
   return proof_findings(model, options.direction, read_bounds(options.limits), unknown);
 }
 
+// A default action that nobody wrote says nothing in vain.
+bool unwritten(const ProofFinding& finding, bool place_found) {
+  return finding.subject == ProofFinding::Subject::kDefault && !place_found;
+}
+
 void check_policy_file(const SourceFile& file, const CheckOptions& options, FindingWriter* writer,
                        std::vector<std::string>* unknown) {
   Report report;
@@ -67,12 +75,14 @@ void check_policy_file(const SourceFile& file, const CheckOptions& options, Find
   bool faulty = std::any_of(report.findings.begin(), report.findings.end(), is_error);
   if (options.proofs && !faulty) {
     PolicyOptions source;
-    source.policy_file = options.policy_file.empty() ? options.files.front() : options.policy_file;
+    source.policy_file = file.path();
     TextPlaces places(file);
-    for (const ProofFinding& finding : proofs_of(options, source, unknown)) {
+    for (ProofFinding& finding : proofs_of(options, source, unknown)) {
       TextPlace place = places.find(finding);
-      report.findings.push_back({place.line, place.column, false, false, "",
-                                 policy_file_words(finding) + ": " + finding.what, ""});
+      if (unwritten(finding, place.exact)) continue;
+      std::string what = policy_file_words(finding) + ": " + finding.what;
+      report.findings.push_back({place.line, place.column, false, false, "", std::move(what), "",
+                                 std::move(finding.route)});
     }
     std::stable_sort(report.findings.begin(), report.findings.end(),
                      [](const Finding& a, const Finding& b) {
@@ -86,6 +96,7 @@ void check_policy_file(const SourceFile& file, const CheckOptions& options, Find
 struct Found {
   ConfigFault fault;
   bool is_error;
+  std::string route = {}; /* that shows it */
 };
 
 std::vector<Found> effects_of(const SourceFiles& files, uint16_t port, uint32_t direction) {
@@ -132,13 +143,13 @@ void check_configuration(const SourceFiles& files, const CheckOptions& options,
   auto is_error = [](const Found& each) { return each.is_error; };
   if (options.proofs && std::none_of(found.begin(), found.end(), is_error)) {
     PolicyOptions source;
-    source.config = options.files;
+    for (const SourceFile& file : files) source.config.push_back(file.path());
     XmlPlaces places(files);
     for (ProofFinding& finding : proofs_of(options, source, unknown)) {
-      Found each = {{}, false};
+      Found each = {{}, false, std::move(finding.route)};
       each.fault.path = configuration_path(finding);
       each.fault.what = std::move(finding.what);
-      places.find(each.fault.path, &each.fault);
+      if (unwritten(finding, places.find(each.fault.path, &each.fault))) continue;
       found.push_back(std::move(each));
     }
   }
@@ -155,22 +166,50 @@ void check_configuration(const SourceFiles& files, const CheckOptions& options,
     if (file != last) writer->begin_file(file < files.size() ? &files[file] : nullptr);
     last = file;
     const ConfigFault& fault = each.fault;
-    writer->add(
-        {fault.line, fault.column, each.is_error, true, fault.path, fault.what, fault.expected});
+    writer->add({fault.line, fault.column, each.is_error, true, fault.path, fault.what,
+                 fault.expected, each.route});
   }
 }
+
+// A running agent's configuration as set-lines, which then is what findings point into.
+class RunningConfiguration {
+ public:
+  explicit RunningConfiguration(const PolicyOptions& source)
+      : text_(lines_of(ConfigSession(running_agent_port(source.agent_port)).save("/"))) {}
+
+  SourceFile file() const { return {text_.path(), "configuration", "running configuration"}; }
+
+ private:
+  static std::string lines_of(const std::string& xml) {
+    std::vector<std::string> lines = set_lines(config_lines(xml));
+    return lines.empty() ? "<policy xmlns=\"urn:zenodra:policy\"/>" : joined(lines, "\n") + "\n";
+  }
+
+  MemoryFile text_;
+};
 
 }  // namespace
 
 int run_check(const CheckOptions& options, Output* out) {
+  std::optional<RunningConfiguration> running;
   SourceFiles files;
+  if (options.source.agent || !options.source.live.empty()) {
+    running.emplace(with_agent_of_host(options.source));
+    files.push_back(running->file());
+  }
   for (const std::string& given : options.files) {
     files.emplace_back(given, "configuration or a policy file");
   }
-  if (!options.policy_file.empty()) files.push_back(open_policy_file(options.policy_file));
+  for (const std::string& given : options.source.config) {
+    files.emplace_back(given, "a configuration file");
+  }
+  if (!options.source.policy_file.empty()) {
+    files.push_back(open_policy_file(options.source.policy_file));
+  }
   FindingWriter writer({options.json, options.all}, out);
   std::vector<std::string> unknown;
-  if (files.size() == 1 && files.front().kind() == SourceKind::kPolicyFile) {
+  bool any_kind = options.source.config.empty();
+  if (any_kind && files.size() == 1 && files.front().kind() == SourceKind::kPolicyFile) {
     check_policy_file(files.front(), options, &writer, &unknown);
   } else {
     require_configuration(files);

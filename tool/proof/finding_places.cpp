@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include <cstdlib>
+
 #include "host/address_text.h"
 #include "policy/pol_test.h"
 #include "tool/config_findings.h"
@@ -35,7 +37,9 @@ std::string text_of(const ProofFinding& finding) {
 
 // As the library reads the element, whatever its spelling.
 std::string element_key(uint32_t type, const std::string& word) {
-  if (type != POL_GRAPH_PREFIX_LIST) return word;
+  if (type != POL_GRAPH_PREFIX_LIST) {
+    return std::to_string(strtoul(word.c_str(), nullptr, 10));
+  }
   t_ipprefix prefix = {};
   prefix.addr.family = KEL_AF_INET;
   pol_test_pfx_str_to_pfx(word.c_str(), &prefix);
@@ -84,7 +88,7 @@ TextPlaces::TextPlaces(const SourceFile& file) {
     }
     auto note = [&](std::vector<std::string> key, size_t word) {
       places_.try_emplace(std::move(key),
-                          TextPlace{static_cast<uint32_t>(lines.line()), columns[word]});
+                          TextPlace{static_cast<uint32_t>(lines.line()), columns[word], true});
     };
     if (words.size() < 2 || words[0].starts_with('#')) continue;
     note({words[0], words[1]}, 1);
@@ -111,8 +115,12 @@ TextPlace TextPlaces::find(const ProofFinding& finding) const {
     key.push_back(std::to_string(finding.sequence));
   }
   auto found = places_.find(key);
-  if (found == places_.end() && key.size() > 2) found = places_.find({key[0], key[1]});
-  return found != places_.end() ? found->second : TextPlace{};
+  if (found != places_.end()) return found->second;
+  found = places_.find({key[0], key[1]});
+  if (found == places_.end()) return {};
+  TextPlace place = found->second;
+  place.exact = false;
+  return place;
 }
 
 }  // namespace polctl

@@ -24,6 +24,7 @@ std::string policy_file_words(const ProofFinding& finding);
 struct TextPlace {
   uint32_t line = 0;
   uint32_t column = 0;
+  bool exact = true; /* else of the policy or list that it is part of */
 };
 
 /* Where a policy file first names its policies, sequences, default actions and list elements. */

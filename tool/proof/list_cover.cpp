@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "field_classes.h"
@@ -16,43 +17,59 @@ namespace {
 FieldClasses classes_by_element(const ListModel& list) {
   FieldClasses classes;
   ClassMaker maker(list.elements.size(), &classes);
-  for (uint8_t family : {uint8_t{4}, uint8_t{6}}) {
+  std::vector<uint32_t> without_prefix;
+  ClassMaker::Sum sum;
+  for (uint8_t family : {uint8_t{4}, uint8_t{6}, uint8_t{0}}) {
     std::vector<PrefixBox> boxes;
     for (uint32_t i = 0; i < list.elements.size(); ++i) {
       auto box = box_of(list.elements[i].prefix, family, i);
-      if (box) boxes.push_back(*box);
+      if (!box) continue;
+      if (family != 0) {
+        boxes.push_back(*box);
+      } else {
+        without_prefix.push_back(i);
+        sum.flip(i);
+      }
     }
-    sweep_prefixes(std::move(boxes), family, &maker);
+    if (family != 0) sweep_prefixes(std::move(boxes), family, &maker);
   }
+  maker.point(sum, {.absent = true}, [&] { return without_prefix; });
   return classes;
 }
 
+// From the last element to the first: one goes whose classes others hold too.
 std::vector<Covered> covered_prefixes(const ListModel& list) {
   const FieldClasses classes = classes_by_element(list);
-  std::vector<uint32_t> holders(classes.members.size());
-  std::vector<std::vector<uint32_t>> elements(classes.members.size());
-  for (uint32_t i = 0; i < list.elements.size(); ++i) {
-    for (uint32_t each : classes.of_atoms[i]) {
-      ++holders[each];
-      elements[each].push_back(i);
-    }
+  const size_t count = list.elements.size();
+  std::vector<std::vector<uint32_t>> holders(classes.members.size());
+  for (uint32_t i = 0; i < count; ++i) {
+    for (uint32_t each : classes.of_atoms[i]) holders[each].push_back(i);
   }
   std::vector<Covered> covered;
-  std::vector<bool> gone(list.elements.size());
-  for (uint32_t i = static_cast<uint32_t>(list.elements.size()); i-- > 0;) {
+  std::vector<bool> gone(count);
+  std::vector<size_t> named_for(count, SIZE_MAX);
+  // Of those that are still there; what is gone need not be looked at again.
+  auto another = [&](uint32_t held, uint32_t than) -> std::optional<uint32_t> {
+    std::vector<uint32_t>& all = holders[held];
+    while (!all.empty() && gone[all.back()]) all.pop_back();
+    auto other = std::find_if(all.begin(), all.end(),
+                              [&](uint32_t each) { return each != than && !gone[each]; });
+    if (other == all.end()) return std::nullopt;
+    return *other;
+  };
+  for (uint32_t i = static_cast<uint32_t>(count); i-- > 0;) {
     const std::vector<uint32_t>& own = classes.of_atoms[i];
-    auto shared = [&](uint32_t each) { return holders[each] > 1; };
-    if (own.empty() || !std::all_of(own.begin(), own.end(), shared)) continue;
-    gone[i] = true;
     Covered found = {i, {}};
-    for (uint32_t each : own) {
-      --holders[each];
-      auto stays = [&](uint32_t other) { return !gone[other]; };
-      auto by = std::find_if(elements[each].begin(), elements[each].end(), stays);
-      if (std::find(found.by.begin(), found.by.end(), *by) == found.by.end()) {
-        found.by.push_back(*by);
-      }
+    bool shared = !own.empty();
+    for (size_t at = 0; shared && at < own.size(); ++at) {
+      std::optional<uint32_t> other = another(own[at], i);
+      shared = other.has_value();
+      if (!shared || named_for[*other] == i) continue;
+      named_for[*other] = i;
+      found.by.push_back(*other);
     }
+    if (!shared) continue;
+    gone[i] = true;
     covered.push_back(std::move(found));
   }
   std::reverse(covered.begin(), covered.end());
@@ -60,36 +77,38 @@ std::vector<Covered> covered_prefixes(const ListModel& list) {
 }
 
 // By low end, the longest first: a range lies in the last one kept, or reaches beyond it. Of those kept
-// both ends ascend, and one can go between two that meet.
+// both ends ascend, and one goes between two that meet.
 std::vector<Covered> covered_ranges(const ListModel& list) {
+  auto at = [&](size_t i) -> const t_pol_content_element& { return list.elements[i]; };
   std::vector<size_t> order;
   for (size_t i = 0; i < list.elements.size(); ++i) {
-    if (list.elements[i].low <= list.elements[i].high) order.push_back(i);
+    if (at(i).low <= at(i).high) order.push_back(i);
   }
-  auto at = [&](size_t i) -> const t_pol_content_element& { return list.elements[i]; };
   std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
     return at(a).low != at(b).low ? at(a).low < at(b).low : at(a).high > at(b).high;
   });
-  std::vector<Covered> covered;
+  std::vector<size_t> gone;
   std::vector<size_t> kept;
   for (size_t i : order) {
     if (!kept.empty() && at(kept.back()).high >= at(i).high) {
-      covered.push_back({i, {kept.back()}});
-    } else {
-      kept.push_back(i);
+      gone.push_back(i);
+      continue;
     }
-  }
-  for (size_t i = 1; i + 1 < kept.size();) {
-    bool meet = at(kept[i - 1]).high + 1 >= at(kept[i + 1]).low;
-    if (meet) {
-      covered.push_back({kept[i], {kept[i - 1], kept[i + 1]}});
-      kept.erase(kept.begin() + static_cast<ptrdiff_t>(i));
-    } else {
-      ++i;
+    const size_t count = kept.size();
+    if (count > 1 && at(kept[count - 2]).high + 1 >= at(i).low) {
+      gone.push_back(kept.back());
+      kept.pop_back();
     }
+    kept.push_back(i);
   }
-  std::sort(covered.begin(), covered.end(),
-            [](const Covered& a, const Covered& b) { return a.element < b.element; });
+  std::sort(gone.begin(), gone.end());
+  std::vector<Covered> covered;
+  for (size_t i : gone) {
+    covered.push_back({i, {}});
+    auto by = std::partition_point(kept.begin(), kept.end(),
+                                   [&](size_t each) { return at(each).high < at(i).low; });
+    for (; by != kept.end() && at(*by).low <= at(i).high; ++by) covered.back().by.push_back(*by);
+  }
   return covered;
 }
 
