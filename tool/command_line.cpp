@@ -351,6 +351,12 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
   command->add_option("--apply", *apply, "use this policy inbound (as without) or outbound")
       ->option_text("NAME:in|out")
       ->allow_extra_args(false);
+  command
+      ->add_option("--routes", options->routes,
+                   "routes of the routing daemon: decided at the start and whenever a policy of "
+                   "--apply, without any every control policy, calls back")
+      ->type_name("FILE");
+  add_routes_format(command, &options->routes_format);
   add_applied(command, &options->applied);
   add_tlocs(command, &options->tlocs);
   command->add_flag("--announce", options->announce,

@@ -168,9 +168,11 @@ struct ServeOptions {
   std::string http;                           /* where the page is served; "": nowhere */
   std::vector<std::string> http_hosts;        /* names it is reached by besides */
   std::map<std::string, uint32_t> directions; /* by policy; inbound where none is given */
-  std::string log; /* where events go, as service::log_target_of knows it; "": standard output */
-  bool announce = false;    /* tell of each commit which routes are answered otherwise */
-  std::string options_file; /* where more options stand */
+  std::string log;    /* where events go, as service::log_target_of knows it; "": standard output */
+  std::string routes; /* of the routing daemon; "": it has none */
+  std::string routes_format; /* as of eval */
+  bool announce = false;     /* tell of each commit which routes are answered otherwise */
+  std::string options_file;  /* where more options stand */
   bool print_config = false;
 };
 

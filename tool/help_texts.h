@@ -169,9 +169,10 @@ inline constexpr const char* kServeHelp = R"(Examples:
   polctl labels --live
   polctl watch --agent --change edit.xml
 
-Follows every commit that is made at the agent. SIGHUP reads the TLOCs again;
-SIGINT and SIGTERM end it. Each control and membership policy is used inbound
-unless --apply NAME:out says otherwise.)";
+Follows every commit that is made at the agent. SIGHUP reads TLOCs and routes
+again; SIGINT and SIGTERM end it. Each control and membership policy is used
+inbound unless --apply NAME:out says otherwise. Routes are decided at the start
+and again whenever a policy calls back: what changed is told and counted.)";
 
 }  // namespace polctl
 

@@ -20,17 +20,6 @@
  * the accept into a reject, unless the route's own TLOC is kept (ultimate TLOC above 1); where it
  * does not act, the accept stands.
  *
- * Set clauses act by the query's match type and by the direction that the user registered with; one
- * that does not is passed over without a word.
- *
- *   clause                 acts on a query of    and in direction
- *   tag, preference        route, tloc           any
- *   tloc                   route                 any
- *   vpn id, vpn list       route                 in
- *   tloc list, service     route                 out
- *
- * A TLOC, TLOC list or service that acts and resolves to nothing turns the accept into a reject.
- *
  * Threads  evaluation only reads policy: any number of threads may evaluate, each with its own
  * query, as long as nothing changes policy meanwhile.
  */

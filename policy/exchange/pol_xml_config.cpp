@@ -12,7 +12,6 @@
 #include "base/pol_memory.h"
 #include "base/pol_name.h"
 #include "core/pol_context_internal.h"
-#include "exchange/pol_xml_text_internal.h"
 #include "policy/pol_dump.h"
 #include "policy/pol_fwd_document.h"
 

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "exchange/pol_xml_text_internal.h"
 #include "kel/avl.h"
 #include "policy/pol_xml_config.h"
 
@@ -34,5 +35,8 @@ t_pol_fetch_time xml_fetch_time(int32_t type, const char* name);
 // object that is gone from the cache is passed over. False without memory: it has no text then.
 [[nodiscard]] bool xml_config_store(t_pol_ctx* ctx, int32_t type, const char* name,
                                     std::string_view text, time_t start);
+
+// Appends what the cache has of an object, if anything. POL_ELOCK when the cache cannot be locked.
+[[nodiscard]] uint32_t xml_config_append(int32_t type, const char* name, XmlText* text);
 
 }  // namespace pol

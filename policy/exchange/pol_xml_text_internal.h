@@ -20,7 +20,4 @@ struct XmlText {
 [[nodiscard]] uint32_t xml_text_append(XmlText* text, std::string_view more);
 void xml_text_free(XmlText* text);
 
-// Appends what the cache has of an object, if anything. POL_ELOCK when the cache cannot be locked.
-[[nodiscard]] uint32_t xml_config_append(int32_t type, const char* name, XmlText* text);
-
 }  // namespace pol

@@ -107,6 +107,7 @@ bool work_queue(t_pol_yarrow_thread* thread, unsigned queue) {
     t_pol_thread_queue_item* item = thread->queues[queue].front();
     unlock(thread, queue);
     if (item == nullptr) return true;
+    if (item->exit != 0) return false;  // it came since the look
     // It stays on the queue meanwhile: the host may ask whether all is done.
     if (!work_or_drop(thread, queue, item)) continue;
     if (!lock(thread, queue)) return true;

@@ -11,7 +11,7 @@
 
 #include "base/pol_log.h"
 #include "base/pol_memory.h"
-#include "exchange/pol_xml_text_internal.h"
+#include "exchange/pol_xml_config_internal.h"
 #include "forward/pol_fwd_block_internal.h"
 #include "forward/pol_fwd_document_internal.h"
 #include "forward/pol_fwd_ref.h"

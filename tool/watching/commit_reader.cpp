@@ -107,11 +107,37 @@ CommitDetail CommitReader::read(const Question& question) const {
   }
 }
 
+int64_t CommitReader::sessions() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  counted_.reset();
+  counts_ = true;
+  changed_.notify_one();
+  answered_.wait_for(lock, kPatience, [this] { return counted_.has_value(); });
+  return counted_.value_or(-1);
+}
+
+int64_t CommitReader::count_sessions() const {
+  try {
+    return ConfigSession(port_).other_sessions();
+  } catch (const InputError&) {
+    return -1;
+  }
+}
+
 void CommitReader::run() {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return over_ || !asked_.empty(); });
+    changed_.wait(lock, [this] { return over_ || counts_ || !asked_.empty(); });
     if (over_) return;
+    if (counts_) {
+      counts_ = false;
+      lock.unlock();
+      int64_t count = count_sessions();
+      lock.lock();
+      counted_ = count;
+      answered_.notify_all();
+      continue;
+    }
     Question question = std::move(asked_.front());
     asked_.pop_front();
     lock.unlock();

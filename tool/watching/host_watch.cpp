@@ -48,7 +48,9 @@ HostStatus HostWatch::status() {
   HostStatus status;
   status.agent_port = source_.live()->port;
   status.agent_inside = source_.live()->agent != nullptr;
+  status.sessions = reader_.sessions();
   status.started = started_;
+  status.routes = told.routes;
   status.policies = routing_->users();
   status.absent = told.absent;
   status.awaited = told.awaited;
