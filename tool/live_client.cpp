@@ -109,7 +109,8 @@ PolicyOptions with_agent_of_host(PolicyOptions source) {
   std::string_view text = said.text();
   size_t at = text.find(kPort);
   if (at == std::string_view::npos) {
-    throw InputError(source.live + ": error: an answer that makes no sense (expected a polctl host)");
+    throw InputError(source.live +
+                     ": error: an answer that makes no sense (expected a polctl host)");
   }
   text.remove_prefix(at + kPort.size());
   source.agent = true;
