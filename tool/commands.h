@@ -219,6 +219,7 @@ struct ShellOptions {
   std::string file;               /* of commands; "": standard input */
   bool keep_going = false;        /* tell what is wrong with later lines of a script too */
   std::vector<std::string> words; /* one command alone */
+  bool announce = false;          /* each commit tells which kinds of routes it answers otherwise */
   bool interactive = false;       /* standard input is not the script */
   const std::vector<CommandRow>* commands = nullptr; /* the tool's */
 };

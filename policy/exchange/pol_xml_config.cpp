@@ -114,8 +114,8 @@ int unlock(t_pol_ctx* ctx) {
   return error;
 }
 
-// Hands on an object's text, if there is one, to what appends it; the text may be replaced as soon as
-// the cache is unlocked.
+// Hands on an object's text, if there is one, to what appends it; the text may be replaced as soon
+// as the cache is unlocked.
 template <class Append>
 uint32_t append_text(int32_t type, const char* name, Append append) {
   t_pol_ctx* ctx = g_pol_ctx_p;

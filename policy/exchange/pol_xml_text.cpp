@@ -42,8 +42,8 @@ void pol::xml_text_free(XmlText* text) {
   *text = {};
 }
 
-// A buffer that was grown has no room left, so each later append grows it again: kept on purpose, for
-// a caller to see in `room`.
+// A buffer that was grown has no room left, so each later append grows it again: kept on purpose,
+// for a caller to see in `room`.
 uint32_t pol_fwd_policy_append(const char* text, int32_t size, char** buffer, uint32_t* room) {
   if (text == nullptr || size < 0 || buffer == nullptr || room == nullptr) return POL_OK;
   auto added = static_cast<uint32_t>(size);

@@ -163,6 +163,7 @@ TEST_F(ServeTest, CountsWhatItDecidesUntilItIsCleared) {
   const std::string tagged = R"({"type":"route","prefix":"10.0.0.0/8","tag":5})";
   ask({"eval", "--policy", "counted"}, tagged + "\n" + tagged + "\n10.0.0.0/8\nnonsense\n");
   ask({"eval", "--policy", "counted", "--direction", "out"}, tagged + "\n");
+  ask({"labels"});  // until they are written: data policies are shown with theirs
   std::string said;
   auto show = [&](std::vector<std::string> words) {
     words.insert(words.begin(), "show");

@@ -107,35 +107,48 @@ CommitDetail CommitReader::read(const Question& question) const {
   }
 }
 
-int64_t CommitReader::sessions() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  counted_.reset();
-  counts_ = true;
-  changed_.notify_one();
-  answered_.wait_for(lock, kPatience, [this] { return counted_.has_value(); });
-  return counted_.value_or(-1);
+int64_t CommitReader::sessions() { return glance("")->sessions; }
+
+ConfiguredPolicies CommitReader::configured(const std::string& policy) {
+  return std::move(glance(policy)->configured);
 }
 
-int64_t CommitReader::count_sessions() const {
+// What comes too late nobody looks at any more.
+std::shared_ptr<CommitReader::Glance> CommitReader::glance(const std::string& policy) {
+  auto asked = std::make_shared<Glance>();
+  asked->policy = policy;
+  std::unique_lock<std::mutex> lock(mutex_);
+  wanted_ = asked;
+  changed_.notify_one();
+  bool over = looked_.wait_for(lock, kPatience, [&] { return asked->over; });
+  return over ? asked : std::make_shared<Glance>();
+}
+
+void CommitReader::look(Glance* glance) const {
   try {
-    return ConfigSession(port_).other_sessions();
+    ConfigSession session(port_);
+    if (glance->policy.empty()) {
+      glance->sessions = session.other_sessions();
+    } else {
+      glance->configured = read_configured(&session, glance->policy);
+    }
   } catch (const InputError&) {
-    return -1;
+    // Not known.
   }
 }
 
 void CommitReader::run() {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return over_ || counts_ || !asked_.empty(); });
+    changed_.wait(lock, [this] { return over_ || wanted_ || !asked_.empty(); });
     if (over_) return;
-    if (counts_) {
-      counts_ = false;
+    if (wanted_) {
+      std::shared_ptr<Glance> wanted = std::exchange(wanted_, nullptr);
       lock.unlock();
-      int64_t count = count_sessions();
+      look(wanted.get());
       lock.lock();
-      counted_ = count;
-      answered_.notify_all();
+      wanted->over = true;
+      looked_.notify_all();
       continue;
     }
     Question question = std::move(asked_.front());

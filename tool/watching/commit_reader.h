@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
  * commit_reader.h - what a commit changed, as set-lines old and new, from the agent's own history: it
- * keeps the configurations that rollback reaches. And how many sessions it has.
+ * keeps the configurations that rollback reaches. And, for who looks and waits a little, how it is now.
  */
 #ifndef TOOL_WATCHING_COMMIT_READER_H
 #define TOOL_WATCHING_COMMIT_READER_H
@@ -11,14 +11,15 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "host/agent_link.h"
 #include "tool/watching/changed_entries.h"
+#include "tool/watching/configured_policy.h"
 
 namespace polctl {
 
@@ -53,6 +54,8 @@ class CommitReader {
 
   /* The agent's sessions but for this reader's; -1 where that is not known in time. */
   int64_t sessions();
+  /* The policies of that name as they run; none where that is not known in time. */
+  ConfiguredPolicies configured(const std::string& policy);
 
  private:
   static constexpr auto kPatience = std::chrono::milliseconds(200);
@@ -63,7 +66,15 @@ class CommitReader {
     std::vector<ChangedEntry> entries;
   };
   CommitDetail read(const Question& question) const;
-  int64_t count_sessions() const;
+
+  struct Glance {
+    std::string policy; /* "": the sessions are counted */
+    bool over = false;
+    int64_t sessions = -1;
+    ConfiguredPolicies configured;
+  };
+  std::shared_ptr<Glance> glance(const std::string& policy);
+  void look(Glance* glance) const;
   void run();
 
   const uint16_t port_;
@@ -72,9 +83,8 @@ class CommitReader {
   bool over_ = false;
   std::deque<Question> asked_;
   std::map<int64_t, CommitDetail> read_;
-  bool counts_ = false; /* the sessions are asked for */
-  std::optional<int64_t> counted_;
-  std::condition_variable answered_;
+  std::shared_ptr<Glance> wanted_; /* null: nobody waits for one */
+  std::condition_variable looked_;
   std::thread thread_;
 };
 
