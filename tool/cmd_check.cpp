@@ -191,6 +191,7 @@ class RunningConfiguration {
 }  // namespace
 
 int run_check(const CheckOptions& options, Output* out) {
+  read_bounds(options.limits);  // what is wrong with them is told first
   std::optional<RunningConfiguration> running;
   SourceFiles files;
   if (options.source.agent || !options.source.live.empty()) {
