@@ -18,7 +18,7 @@ namespace polctl {
 namespace {
 
 using Group = std::vector<const PolicyModel*>;
-using Answers = std::vector<std::string>; /* by route */
+using AnswerTexts = std::vector<std::string>; /* by route */
 
 class EqualPolicies {
  public:
@@ -27,7 +27,7 @@ class EqualPolicies {
       : directions_(directions), bounds_(bounds), findings_(*findings), unknown_(*unknown) {}
 
   void find(const Model& model, const std::vector<std::string>& routes) {
-    std::map<std::pair<uint32_t, Answers>, Group> alike;
+    std::map<std::pair<uint32_t, AnswerTexts>, Group> alike;
     for (const PolicyModel& policy : model.policies()) {
       alike[{policy.kind, answers(policy, routes)}].push_back(&policy);
     }
@@ -41,8 +41,8 @@ class EqualPolicies {
   }
 
  private:
-  Answers answers(const PolicyModel& policy, const std::vector<std::string>& routes) const {
-    Answers all(routes.size());
+  AnswerTexts answers(const PolicyModel& policy, const std::vector<std::string>& routes) const {
+    AnswerTexts all(routes.size());
     const std::string lines = joined(routes, "\n");
     for (uint32_t direction : directions_) {
       std::string text = Verifier(policy.name, policy.kind, direction).answers(lines);
@@ -61,10 +61,10 @@ class EqualPolicies {
   void compare_with_first(const Group& group, std::vector<Group>* open) {
     const PolicyModel& first = *group.front();
     std::vector<std::string> routes;
-    Answers expected;
+    AnswerTexts expected;
     std::map<std::pair<size_t, std::string>, Group> unlike;
     auto told_apart = [&](const PolicyModel& policy) {
-      Answers given = answers(policy, routes);
+      AnswerTexts given = answers(policy, routes);
       for (size_t i = 0; i < given.size(); ++i) {
         if (given[i] == expected[i]) continue;
         unlike[{i, given[i]}].push_back(&policy);

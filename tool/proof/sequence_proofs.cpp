@@ -19,9 +19,9 @@ namespace polctl {
 namespace {
 
 // The answers of a policy's sequences as numbers: equal ones answer alike, whatever the direction.
-class Answers {
+class AnswerNumbers {
  public:
-  Answers(const PolicyProof& policy, const std::vector<uint32_t>& directions)
+  AnswerNumbers(const PolicyProof& policy, const std::vector<uint32_t>& directions)
       : policy_(policy), directions_(directions), known_(policy.size()) {}
 
   bool alike(size_t i, size_t j, uint32_t type) { return number(i, type) == number(j, type); }
@@ -193,7 +193,7 @@ class SequenceProofs {
 
   RouteSpace space_;
   PolicyProof policy_;
-  Answers answers_;
+  AnswerNumbers answers_;
   Verifier verifier_;
   std::vector<ProofFinding>& findings_;
   bool default_needed_ = false;
