@@ -56,6 +56,7 @@ struct TrieCell {
 static_assert(sizeof(TrieCell) == 24);
 
 constexpr unsigned kTrieStride = 6;
+constexpr unsigned kTrieDepth = 128 / kTrieStride + 1;  // nodes on a path, at most
 constexpr uint32_t kTrieLeaf = 0x80000000;
 constexpr uint32_t kTrieSkip = 0xc0000000;
 
@@ -173,17 +174,35 @@ template <class Count, class Bits>
   }
 }
 
+// A node on a path, and its bit that leads on.
+struct TrieStep {
+  TrieCell* node;
+  uint64_t bit;
+};
+
+// The way to a value that was found: good for its removal until any value comes or goes.
+struct TriePath {
+  TrieStep steps[kTrieDepth];
+  unsigned depth;
+  TrieStep last;
+  bool leaf;  // the last bit is one of `below`
+};
+
 template <class Bits>
 class PrefixTrie {
  public:
   const TrieCell* root() const { return &root_; }
   bool empty() const { return (root_.prefixes | root_.below) == 0; }
   // The value's cell; it moves when values come and go.
-  TrieCell* find(Bits key, unsigned length) const;
+  TrieCell* find(Bits key, unsigned length) const {
+    TriePath path;
+    return find(key, length, &path);
+  }
+  // Tells the way, too.
+  TrieCell* find(Bits key, unsigned length, TriePath* path) const;
   // The value's cell, made with no value if need be; null when memory runs out, and nothing changed.
   [[nodiscard]] TrieCell* find_or_add(Arena* arena, Bits key, unsigned length);
-  // REQUIRES: the prefix has a value.
-  void remove(Arena* arena, Bits key, unsigned length);
+  void remove(Arena* arena, const TriePath& path);
   // Calls `visit(cell)` for every value; as deep as the trie.
   template <class Visit>
   void each(Visit visit) const {

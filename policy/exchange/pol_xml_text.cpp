@@ -25,7 +25,8 @@ uint32_t pol::xml_text_init(XmlText* text) {
 uint32_t pol::xml_text_append(XmlText* text, std::string_view more) {
   size_t length = text->length + more.size();
   if (length > text->room) {
-    size_t room = std::max(length, text->room * 2);
+    // A text alone fills most of the room: what follows it closes it and is short.
+    size_t room = std::max(length + kInitialRoom, text->room * 2);
     auto* grown = static_cast<char*>(pol_realloc(text->bytes, room + 1));
     if (grown == nullptr) return POL_ENOMEM;
     text->bytes = grown;
@@ -40,6 +41,19 @@ uint32_t pol::xml_text_append(XmlText* text, std::string_view more) {
 void pol::xml_text_free(XmlText* text) {
   pol_free(text->bytes, MEM_PEER_XML);
   *text = {};
+}
+
+uint32_t pol::xml_pieces_init(XmlPieces* pieces) {
+  *pieces = {};
+  pieces->items = static_cast<const t_pol_xml_config**>(pol_malloc(kInitialRoom, MEM_PEER_XML));
+  if (pieces->items == nullptr) return POL_ENOMEM;
+  pieces->room = kInitialRoom / sizeof *pieces->items;
+  return POL_OK;
+}
+
+void pol::xml_pieces_free(XmlPieces* pieces) {
+  pol_free(pieces->items, MEM_PEER_XML);
+  *pieces = {};
 }
 
 // A buffer that was grown has no room left, so each later append grows it again: on purpose, callers
