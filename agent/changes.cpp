@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/changes.h"
 
+#include <algorithm>
+#include <span>
+
 #include "agent/keypath.h"
 #include "agent/values.h"
 
@@ -130,30 +133,68 @@ Path change_path(const Change& change) {
   return path;
 }
 
-NodeRef changes_apply(NodeRef root, const std::vector<Change>& changes) {
+namespace {
+
+// The entry with a change's leaves laid over what it was; null where it goes.
+NodeRef changed_entry(const NodeRef& before, const Change& change) {
+  if (change.op == YARROW_DELETED) return nullptr;
+  NodeRef entry = before;
+  if (!entry) {
+    auto fresh = std::make_shared<Node>();
+    fresh->schema = change.schema;
+    fresh->texts = change.keys.back();
+    entry = fresh;
+  }
+  for (const LeafChange& leaf : change.leaves) {
+    if (leaf.kind != LeafChange::Kind::kLeaf) continue;
+    entry = with_node(entry, steps_below(change.schema, leaf.schema), leaf.leaf);
+  }
+  return entry;
+}
+
+// Whether `next` is of an entry of the same list, further on in it.
+bool follows_in_list(const Change& change, const Change& next) {
+  return next.schema == change.schema && next.op != YARROW_VALUE_SET &&
+         std::equal(next.keys.begin(), next.keys.end() - 1, change.keys.begin(),
+                    change.keys.end() - 1) &&
+         compare_keys(*change.schema, change.keys.back(), next.keys.back()) < 0;
+}
+
+// Changes of entries of one list, in key order, are laid into its map at once: a base, which is
+// little else, is built as fast as it is read.
+NodeRef entries_apply(const NodeRef& root, std::span<const Change> changes) {
+  Path path = change_path(changes.front());
+  path.back().keys.clear();
+  const NodeRef list = find_node(root, path);
+  std::vector<EntryChange> laid;
+  laid.reserve(changes.size());
   for (const Change& change : changes) {
     if (is_mere_passage(change)) continue;
-    Path path = change_path(change);
-    if (change.op == YARROW_DELETED) {
-      root = with_node(root, path, nullptr);
-      continue;
-    }
+    const NodeRef before = list ? map_find(list->entries, change.keys.back()) : nullptr;
+    const NodeRef after = changed_entry(before, change);
+    if (before != after) laid.push_back({before, after});
+  }
+  if (laid.empty()) return root;
+  auto made = std::make_shared<Node>();
+  made->schema = changes.front().schema;
+  made->entries = map_change(list ? list->entries : nullptr, laid);
+  return with_node(root, path, made->entries ? made : nullptr);
+}
+
+}  // namespace
+
+NodeRef changes_apply(NodeRef root, const std::vector<Change>& changes) {
+  for (size_t i = 0; i < changes.size();) {
+    const size_t first = i++;
+    const Change& change = changes[first];
     if (change.op == YARROW_VALUE_SET) {
-      for (const LeafChange& leaf : change.leaves) root = with_node(root, path, leaf.leaf);
+      for (const LeafChange& leaf : change.leaves) {
+        root = with_node(root, change_path(change), leaf.leaf);
+      }
       continue;
     }
-    NodeRef entry = find_node(root, path);
-    if (!entry) {
-      auto fresh = std::make_shared<Node>();
-      fresh->schema = change.schema;
-      fresh->texts = path.back().keys;
-      entry = fresh;
-    }
-    for (const LeafChange& leaf : change.leaves) {
-      if (leaf.kind != LeafChange::Kind::kLeaf) continue;
-      entry = with_node(entry, steps_below(change.schema, leaf.schema), leaf.leaf);
-    }
-    root = with_node(root, path, entry);
+    while (i < changes.size() && follows_in_list(changes[i - 1], changes[i])) ++i;
+    root = entries_apply(root, std::span(changes).subspan(first, i - first));
   }
   return root;
 }

@@ -298,6 +298,16 @@ CommitMaker ConfigSession::maker_of(int64_t number) {
   return search.found;
 }
 
+int64_t ConfigSession::other_sessions() {
+  int64_t others = 0;
+  auto visit = [](const t_maapi_session* session, void* state) {
+    if ((session->flags & MAAPI_SESSION_OWN) == 0) ++*static_cast<int64_t*>(state);
+    return 0;
+  };
+  if (maapi_sessions(sock_, visit, &others) != YARROW_OK) fail("no sessions");
+  return others;
+}
+
 bool ConfigSession::look_back(int64_t back) {
   if (maapi_candidate_reset(sock_) != YARROW_OK) fail("no candidate");
   datastore_ = MAAPI_CANDIDATE;

@@ -113,6 +113,9 @@ class ConfigSession {
   /* Who made a commit and why; nothing where the agent does not keep it. Throws InputError. */
   CommitMaker maker_of(int64_t number);
 
+  /* How many others the agent has. Throws InputError. */
+  int64_t other_sessions();
+
   /* From now on `save` tells of the configuration as it was `back` commits ago; edits of this session
    * are gone. A commit that comes meanwhile moves what it tells of: see commit_id. False when the
    * agent keeps no such configuration. Throws InputError. */

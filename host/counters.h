@@ -73,9 +73,11 @@ struct HostCounts {
   uint64_t changes = 0;           /* in these commits */
   uint64_t routing_callbacks = 0; /* of control and membership policies */
   uint64_t forwarding_callbacks = 0;
-  uint64_t requests = 0; /* over the host's socket */
-  uint64_t refused = 0;  /* of these, answered with what is wrong */
-  Timed documents;       /* built, whether they differ or not */
+  uint64_t requests = 0;        /* over the host's socket */
+  uint64_t refused = 0;         /* of these, answered with what is wrong */
+  Timed documents;              /* built, whether they differ or not */
+  Timed rounds;                 /* a policy deciding all routes of the routing daemon */
+  uint64_t answers_changed = 0; /* in these */
 };
 
 class Counters {

@@ -134,6 +134,10 @@ MemoryFile::~MemoryFile() { close(fd_); }
 
 std::string MemoryFile::path() const { return fmt::format("/proc/self/fd/{}", fd_); }
 
+std::string MemoryFile::path_outside() const {
+  return fmt::format("/proc/{}/fd/{}", getpid(), fd_);
+}
+
 SourceFile::SourceFile(const std::string& given, const char* expected)
     : name_(name_of(given)), path_(given) {
   // Read once, however often it is named: a command that asks twice has seen to it that it may.

@@ -27,6 +27,8 @@ class MemoryFile {
   MemoryFile(const MemoryFile&) = delete;
   MemoryFile& operator=(const MemoryFile&) = delete;
   std::string path() const;
+  /* For another process of the same user. */
+  std::string path_outside() const;
 
  private:
   int fd_;

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "commands.h"
+#include "deciding/route_table.h"
 #include "expect/announcer.h"
 #include "host/address_text.h"
 #include "host/event_log.h"
@@ -113,6 +114,7 @@ class Serving {
       : options_(options),
         source_(options.source),
         routing_(options.directions),
+        routes_(options.routes, options.routes_format, options.directions),
         manager_(checked(options.applied), *source_.configured()),
         watch_(source_, &routing_, &manager_),
         site_(&watch_),
@@ -146,6 +148,7 @@ class Serving {
            fmt::format("policy {} is not configured yet", in_quotes(policy)));
     }
     tell_names();
+    decide_routes({});
     begin_fetch();
     service::notify_ready(fmt::format("follows the agent at port {}", port));
     std::vector<pollfd> polls;
@@ -159,7 +162,7 @@ class Serving {
       if (poll(polls.data(), polls.size(), timeout) < 0 && errno != EINTR) {
         throw InputError("polctl: error: cannot wait for work");
       }
-      if (polls[0].revents != 0 && signals->take_hangup()) read_tlocs_again();
+      if (polls[0].revents != 0 && signals->take_hangup()) read_again();
       if (signals->ends()) break;
       if (polls[1].revents != 0 && !take_batch()) {
         throw InputError("agent: error: it has closed (expected it to go on)");
@@ -199,9 +202,30 @@ class Serving {
          {{"changes", commit.changes}, {"called_back", called}},
          fmt::format("commit: {} change{}; called back: {}", grouped(commit.changes),
                      commit.changes == 1 ? "" : "s", called));
+    decide_routes(commit.called);
     tell_names();
     begin_fetch();
     return true;
+  }
+
+  void decide_routes(const std::vector<std::string>& called) {
+    watch_.told.routes = routes_.routes();
+    for (const RouteTable::Round& round :
+         routes_.decide(*source_.configured(), called, &watch_.counters)) {
+      HostCounts& counts = watch_.counters.host;
+      counts.rounds.add(round.ms);
+      counts.answers_changed += round.changed;
+      tell(LogLevel::kInfo, "a policy has decided the routes",
+           {{"policy", round.policy},
+            {"routes", routes_.routes()},
+            {"accepted", round.accepted},
+            {"changed", round.changed}},
+           fmt::format("routes: {} of {} accepted by {}{}", grouped(round.accepted),
+                       grouped(routes_.routes()), printable(round.policy),
+                       round.first ? ""
+                                   : fmt::format(", {} answer{} changed", grouped(round.changed),
+                                                 round.changed == 1 ? "" : "s")));
+    }
   }
 
   // Before anything is answered by the new policy.
@@ -230,12 +254,32 @@ class Serving {
     watch_.told.awaited = std::move(awaited);
   }
 
-  void read_tlocs_again() {
-    if (options_.tlocs.empty()) {
+  void read_again() {
+    if (options_.tlocs.empty() && !routes_.any()) {
       tell(LogLevel::kNotice, "SIGHUP: there is nothing to read again", {},
-           "hangup: there is nothing to read again (no --tlocs)");
+           "hangup: there is nothing to read again (no --tlocs, no --routes)");
       return;
     }
+    if (!options_.tlocs.empty()) read_tlocs_again();
+    if (routes_.any()) read_routes_again();
+    decide_routes({});
+  }
+
+  void read_routes_again() {
+    routes_.forget();
+    try {
+      routes_.read_again();
+      tell(LogLevel::kNotice, "SIGHUP: routes are read again",
+           {{"routes", routes_.routes()}, {"file", options_.routes}},
+           fmt::format("hangup: {} routes read from {}", grouped(routes_.routes()),
+                       options_.routes));
+    } catch (const InputError& error) {
+      tell(LogLevel::kError, "SIGHUP: the routes stay as they were", {{"reason", error.what()}},
+           fmt::format("hangup: the routes stay as they were: {}", error.what()));
+    }
+  }
+
+  void read_tlocs_again() {
     try {
       size_t count = load_resolvable_tlocs(options_.tlocs);
       source_.live()->walk->resolve_again();
@@ -392,6 +436,7 @@ class Serving {
   // Users leave before the context goes: in this order, from the last to the first.
   PolicySource source_;
   RoutingDaemon routing_;
+  RouteTable routes_;
   ForwardingManager manager_;
   HostWatch watch_;
   WebSite site_;

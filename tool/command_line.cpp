@@ -14,6 +14,7 @@
 #include "live_client.h"
 #include "manual/manual.h"
 #include "options_text.h"
+#include "shell/verbs.h"
 #include "terminal.h"
 #include "yarrow/yarrow_types.h"
 
@@ -315,6 +316,11 @@ void add_labels(CLI::App& app, LabelsOptions* options) {
   command->footer("Example:\n  polctl labels --config sdwan.xml --tlocs tlocs.jsonl");
 }
 
+void add_announce(CLI::App* command, bool* announce) {
+  command->add_flag("--announce", *announce,
+                    "tell of each commit which kinds of routes it has answered otherwise");
+}
+
 void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
                std::vector<std::string>* apply) {
   CLI::App* command =
@@ -341,10 +347,15 @@ void add_serve(CLI::App& app, ServeOptions* options, std::string* port,
   command->add_option("--apply", *apply, "use this policy inbound (as without) or outbound")
       ->option_text("NAME:in|out")
       ->allow_extra_args(false);
+  command
+      ->add_option("--routes", options->routes,
+                   "routes of the routing daemon: decided at the start and whenever a policy of "
+                   "--apply, without any every control policy, calls back")
+      ->type_name("FILE");
+  add_routes_format(command, &options->routes_format);
   add_applied(command, &options->applied);
   add_tlocs(command, &options->tlocs);
-  command->add_flag("--announce", options->announce,
-                    "tell of each commit which kinds of routes it has answered otherwise");
+  add_announce(command, &options->announce);
   command
       ->add_option("--log", options->log,
                    "where events go, without it as lines to standard output: stderr, syslog, or "
@@ -433,9 +444,11 @@ void add_watch(CLI::App& app, WatchOptions* options) {
 }
 
 void add_show(CLI::App& app, ShowOptions* options) {
-  CLI::App* command = app.add_subcommand("show", "Show how a running host is");
-  command->add_option("WHAT", options->what, "status (default), policy, lists or commits")
-      ->check(CLI::IsMember({"status", "policy", "lists", "commits"}))
+  CLI::App* command = app.add_subcommand("show", "Show how an agent or a running host is");
+  std::vector<std::string> words;
+  for (const Shown& shown : shown_words()) words.emplace_back(shown.word);
+  command->add_option("WHAT", options->what, joined(words, ", ") + " (default)")
+      ->check(CLI::IsMember(words))
       ->option_text(" ");
   command->add_option("NAME", options->name, "the policy's name")->option_text(" ");
   add_live(command, &options->source);
@@ -453,7 +466,22 @@ void add_shell(CLI::App& app, ShellOptions* options) {
   add_live(command, &options->source);
   command->add_flag("--keep-going", options->keep_going,
                     "tell what is wrong with the lines after a wrong one too");
-  command->footer(kShellHelp);
+  add_announce(command, &options->announce);
+  command->footer(std::string(kShellHelp) + "\n\nCommands:\n" + verbs_text());
+}
+
+// The shell's commands that may be given alone: known here for help and what is made of it. They are
+// read by the shell itself, whose words are no options.
+void add_verbs(CLI::App& app, ShellOptions* options) {
+  for (const Verb& verb : shell_verbs()) {
+    if (!verb.alone) continue;
+    CLI::App* command = app.add_subcommand(verb.name, verb.does);
+    command->add_option("WORDS", options->words, verb.usage)->option_text("...");
+    add_agent(command, &options->source);
+    add_live(command, &options->source);
+    add_announce(command, &options->announce);
+    command->footer(verb.notes);
+  }
 }
 
 void add_report(CLI::App& app, ReportOptions* options) {
@@ -525,6 +553,11 @@ void settle_source(const CLI::App* command, PolicyOptions* options) {
   int sources = (options->policy_file.empty() ? 0 : 1) + (options->config.empty() ? 0 : 1) +
                 (options->agent ? 1 : 0) + (options->live.empty() ? 0 : 1);
   bool needs_none = command->get_name() == "serve" || command->get_name() == "shell";
+  // As the shell's commands.
+  if (sources == 0 && command->get_name() == "show") {
+    options->agent = true;
+    return;
+  }
   if (sources == 1 || (sources == 0 && needs_none)) return;
   std::vector<std::string> known;
   for (const char* name : {"--policy-file", "--config", "--agent", "--live"}) {
@@ -596,6 +629,18 @@ void settle_serve(const std::string& port, const std::vector<std::string>& apply
   }
 }
 
+void settle_show(const ShowOptions& options) {
+  Shown::By by = find_shown(options.what)->by;
+  if (by == Shown::By::kShell || (by == Shown::By::kHostFirst && options.source.live.empty())) {
+    fail("show " + options.what + " of an agent has no such options",
+         "\"polctl show " + options.what + "\", or --live");
+  }
+  if ((options.what == "policy") == options.name.empty()) {
+    fail(options.name.empty() ? "no policy is named" : "unknown word " + in_quotes(options.name),
+         "show policy NAME, or a word alone");
+  }
+}
+
 // What the parser fills in, and what only it and the checks after it know.
 struct Parser {
   CLI::App app = CLI::App("Asks the policy library what a policy does.", "polctl");
@@ -620,6 +665,7 @@ struct Parser {
     add_show(app, &line.show);
     add_clear(app, &line.clear);
     add_shell(app, &line.shell);
+    add_verbs(app, &line.shell);
     add_report(app, &line.report);
     add_serve(app, &line.serve, &port, &apply);
     // Last: a command begins with what its parent ends with.
@@ -716,15 +762,7 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
   if (line.command == "diff") settle_diff(command, &line.diff);
   if (line.command == "test") settle_test(line.test);
   if (line.command == "serve") settle_serve(parser.port, parser.apply, &line.serve);
-  if (line.command == "show" && line.show.source.agent && line.show.what != "policy" &&
-      line.show.what != "lists") {
-    fail("an agent alone has no " + line.show.what, "--live, or show policy and lists");
-  }
-  if (line.command == "show" && (line.show.what == "policy") == line.show.name.empty()) {
-    fail(
-        line.show.name.empty() ? "no policy is named" : "unknown word " + in_quotes(line.show.name),
-        "show policy NAME, or a word alone");
-  }
+  if (line.command == "show") settle_show(line.show);
   if (line.command == "check" && line.check.files.empty() == line.check.policy_file.empty()) {
     line.check.files.empty()
         ? fail("nothing to check", "a file")

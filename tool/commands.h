@@ -166,9 +166,11 @@ struct ServeOptions {
   std::string http;                           /* where the page is served; "": nowhere */
   std::vector<std::string> http_hosts;        /* names it is reached by besides */
   std::map<std::string, uint32_t> directions; /* by policy; inbound where none is given */
-  std::string log; /* where events go, as service::log_target_of knows it; "": standard output */
-  bool announce = false;    /* tell of each commit which routes are answered otherwise */
-  std::string options_file; /* where more options stand */
+  std::string log;    /* where events go, as service::log_target_of knows it; "": standard output */
+  std::string routes; /* of the routing daemon; "": it has none */
+  std::string routes_format; /* as of eval */
+  bool announce = false;     /* tell of each commit which routes are answered otherwise */
+  std::string options_file;  /* where more options stand */
   bool print_config = false;
 };
 
@@ -212,6 +214,7 @@ struct ShellOptions {
   std::string file;               /* of commands; "": standard input */
   bool keep_going = false;        /* tell what is wrong with later lines of a script too */
   std::vector<std::string> words; /* one command alone */
+  bool announce = false;          /* each commit tells which kinds of routes it answers otherwise */
   bool interactive = false;       /* standard input is not the script */
   const std::vector<CommandRow>* commands = nullptr; /* the tool's */
 };

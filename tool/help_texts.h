@@ -139,14 +139,16 @@ Without the name of a policy, the only one of each kind is applied, a data polic
 in both directions. With --live the running host's own are.)";
 
 inline constexpr const char* kShowHelp = R"(Examples:
+  polctl show configuration policy lists --format set
+  polctl show policy branch
   polctl show --live
-  polctl show policy branch --live
   polctl show lists --live --json
 
-status: agent, last commit, worker, what was counted. policy: its sequences with
-what they decided of the routes that the host was asked about. lists: elements
-and users. commits: the last 50 with what they changed. "polctl clear counters
---live" counts from 0 again.)";
+Without --live an agent is asked. Of a running host, status: agent, last commit,
+worker, what was counted; policy: its sequences as configured, and what each
+decided; lists: elements and users; commits: the last 50 with what they changed.
+"polctl clear counters --live" counts from 0 again.
+  show configuration [PATH] [| compare [N]] [--format tree|set|xml|json])";
 
 inline constexpr const char* kShellHelp = R"(Examples:
   polctl shell
@@ -165,9 +167,10 @@ inline constexpr const char* kServeHelp = R"(Examples:
   polctl labels --live
   polctl watch --agent --change edit.xml
 
-Follows every commit that is made at the agent. SIGHUP reads the TLOCs again;
-SIGINT and SIGTERM end it. Each control and membership policy is used inbound
-unless --apply NAME:out says otherwise.)";
+Follows every commit that is made at the agent. SIGHUP reads TLOCs and routes
+again; SIGINT and SIGTERM end it. Each control and membership policy is used
+inbound unless --apply NAME:out says otherwise. Routes are decided at the start
+and again whenever a policy calls back: what changed is told and counted.)";
 
 }  // namespace polctl
 

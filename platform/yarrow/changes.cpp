@@ -214,22 +214,27 @@ int read_batch(int sock, t_yarrow_batch& batch) {
 }  // namespace
 
 int yarrow_sub_connect(int sock, const struct sockaddr* addr, socklen_t addr_len, const char* path,
-                       unsigned flags) {
+                       unsigned flags) try {
   if (path == nullptr) return yarrow::fail(YARROW_ERR_BADPATH, "no path");
   if (yarrow_load_schemas(addr, addr_len) != YARROW_OK) return YARROW_ERR;
   Writer out;
   out.text(path);
   out.u32(flags);
   return yarrow::connect_socket(sock, addr, addr_len, yarrow::SocketKind::kSubscription, out);
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int yarrow_sub_read(int sock, int timeout_ms, t_yarrow_batch** batch) {
+int yarrow_sub_read(int sock, int timeout_ms, t_yarrow_batch** batch) try {
   int status = wait_readable(sock, timeout_ms);
   if (status != 1) return status;
+  yarrow::Exchange exchange(sock);
   auto made = std::make_unique<t_yarrow_batch>();
   status = read_batch(sock, *made);
   if (status == 1) *batch = made.release();
-  return status;
+  return exchange.done(status);
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
 void yarrow_batch_free(t_yarrow_batch* batch) { delete batch; }

@@ -73,6 +73,13 @@ int fail(int error, std::string_view reason) {
   return YARROW_ERR;
 }
 
+// Allocates nothing: so short a text lies in the string itself.
+int fail_no_memory() {
+  t_error = YARROW_ERR_OS;
+  t_reason = "out of memory";
+  return YARROW_ERR;
+}
+
 int fail_os(std::string_view what) {
   int error = errno;
   return fail(YARROW_ERR_OS, std::string(what) + ": " + std::generic_category().message(error));
@@ -139,9 +146,10 @@ int call(int sock, Request request, const Writer& arguments, std::string* conten
   body.u8(static_cast<uint8_t>(request));
   body.raw(arguments.view().data(), arguments.size());
   const TimeLimit limit = TimeLimit::of_socket(sock);
-  if (send_frame(sock, body.bytes(), limit) != YARROW_OK) return YARROW_ERR;
-  if (read_frame(sock, content, limit) != YARROW_OK) return YARROW_ERR;
-  return take_status(content);
+  Exchange exchange(sock);
+  if (send_frame(sock, body.bytes(), limit) != YARROW_OK) return exchange.done(YARROW_ERR);
+  if (read_frame(sock, content, limit) != YARROW_OK) return exchange.done(YARROW_ERR);
+  return exchange.done(take_status(content));
 }
 
 int call_plain(int sock, Request request, const Writer& arguments) {
@@ -165,7 +173,12 @@ bool add_path(Writer& out, const char* format, va_list args) {
     fail(YARROW_ERR_TOOBIG, "a path too long");
     return false;
   }
-  out.text(std::string_view(path, static_cast<size_t>(length)));
+  try {
+    out.text(std::string_view(path, static_cast<size_t>(length)));
+  } catch (const std::bad_alloc&) {
+    fail_no_memory();
+    return false;
+  }
   return true;
 }
 

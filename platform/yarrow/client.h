@@ -5,9 +5,11 @@
 #define YARROW_CLIENT_H
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdarg>
+#include <new>
 #include <string>
 
 #include "platform/yarrow/wire.h"
@@ -18,6 +20,44 @@ namespace yarrow {
 // Sets the thread's error and returns YARROW_ERR.
 int fail(int error, std::string_view reason);
 int fail_os(std::string_view what);
+
+// For the handler that every exported function has which may allocate: no exception passes the C
+// interface, memory that cannot be had is an error like another.
+int fail_no_memory();
+
+// Ends a connection unless the exchange on it is done: an answer that is left on it would be taken
+// for the next call's.
+class Exchange {
+ public:
+  explicit Exchange(int sock) : sock_(sock) {}
+  Exchange(const Exchange&) = delete;
+  Exchange& operator=(const Exchange&) = delete;
+  ~Exchange() {
+    if (sock_ >= 0) shutdown(sock_, SHUT_RDWR);
+  }
+  int done(int status) {
+    sock_ = -1;
+    return status;
+  }
+
+ private:
+  int sock_;
+};
+
+// A descriptor that is closed at the end of its block.
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (number_ >= 0) close(number_);
+  }
+  int get() const { return number_; }
+
+ private:
+  int number_;
+};
 
 // The time that is left of one call. It begins with the socket's own receive time limit, which the
 // connect calls set; 0 there is no limit.
@@ -50,7 +90,8 @@ int call(int sock, Request request, const Writer& arguments, std::string* conten
 int call_plain(int sock, Request request, const Writer& arguments);
 int call_number(int sock, Request request, const Writer& arguments);
 
-// Appends a formatted path as a text. False, with the error set, if it is too long.
+// Appends a formatted path as a text. False, with the error set, if it is too long or memory is
+// short: throws nothing, so that its callers reach their va_end.
 bool add_path(Writer& out, const char* format, va_list args);
 
 // Appends a typed value. False, with the error set, for a type that is not known.

@@ -131,14 +131,11 @@ int connect_as_unix(int sock, const Target& target) {
   int flags = fcntl(sock, F_GETFD);
   int status = fcntl(sock, F_GETFL);
   if (flags < 0 || status < 0) return fail_os("connect");
-  int fresh = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | (status & O_NONBLOCK), 0);
-  if (fresh < 0) return fail_os("socket");
-  int result = connect_to(fresh, target);
-  if (result == YARROW_OK && dup3(fresh, sock, (flags & FD_CLOEXEC) != 0 ? O_CLOEXEC : 0) < 0) {
-    result = fail_os("dup3");
-  }
-  close(fresh);
-  return result;
+  const Descriptor fresh(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | (status & O_NONBLOCK), 0));
+  if (fresh.get() < 0) return fail_os("socket");
+  if (connect_to(fresh.get(), target) != YARROW_OK) return YARROW_ERR;
+  bool taken = dup3(fresh.get(), sock, (flags & FD_CLOEXEC) != 0 ? O_CLOEXEC : 0) >= 0;
+  return taken ? YARROW_OK : fail_os("dup3");
 }
 
 int connect_target(int sock, const Target& target) {
@@ -171,10 +168,10 @@ int read_refusal(int sock) {
 
 // Whether the agent that was reached is root's, the process's user's or that of the one allowed.
 int check_owner(int sock) {
-  int table = -1;
-  if (family_of(sock) != AF_UNIX && (table = peer_table_open()) < 0) return fail_os("sock_diag");
-  Peer peer = peer_of_connected(table, sock);
-  if (table >= 0) close(table);
+  const bool in_table = family_of(sock) != AF_UNIX;
+  const Descriptor table(in_table ? peer_table_open() : -1);
+  if (in_table && table.get() < 0) return fail_os("sock_diag");
+  const Peer peer = peer_of_connected(table.get(), sock);
   if (!peer.known) {
     fail(YARROW_ERR_ACCESS, "whose agent it is cannot be told: " + peer.why);
     return read_refusal(sock);
@@ -200,6 +197,7 @@ int connect_socket(int sock, const struct sockaddr* addr, socklen_t addr_len, So
   target.size = addr_len;
   if (reach(sock, target) != YARROW_OK) return YARROW_ERR;
   if (check_owner(sock) != YARROW_OK) return YARROW_ERR;
+  Exchange exchange(sock);
   int on = 1;
   if (family_of(sock) != AF_UNIX) setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   Writer hello;
@@ -208,9 +206,11 @@ int connect_socket(int sock, const struct sockaddr* addr, socklen_t addr_len, So
   hello.raw(arguments.view().data(), arguments.size());
   std::string body;
   const TimeLimit limit = TimeLimit::of_socket(sock);
-  if (send_frame(sock, hello.bytes(), limit) != YARROW_OK) return read_refusal(sock);
-  if (read_frame(sock, &body, limit) != YARROW_OK) return YARROW_ERR;
-  return take_status(&body);
+  if (send_frame(sock, hello.bytes(), limit) != YARROW_OK) {
+    return exchange.done(read_refusal(sock));
+  }
+  if (read_frame(sock, &body, limit) != YARROW_OK) return exchange.done(YARROW_ERR);
+  return exchange.done(take_status(&body));
 }
 
 }  // namespace yarrow

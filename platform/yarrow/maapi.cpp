@@ -48,29 +48,30 @@ int load_text(int sock, int trans, unsigned flags, std::string_view text, const 
 }
 
 int read_file(const char* name, std::string* text) {
-  int file = open(name, O_RDONLY | O_CLOEXEC);
-  if (file < 0) return yarrow::fail_os(name);
+  const yarrow::Descriptor file(open(name, O_RDONLY | O_CLOEXEC));
+  if (file.get() < 0) return yarrow::fail_os(name);
   char block[1 << 16];
   ssize_t got = 0;
-  while ((got = read(file, block, sizeof block)) != 0 && text->size() <= yarrow::kMaxLoadText) {
+  while ((got = read(file.get(), block, sizeof block)) != 0 &&
+         text->size() <= yarrow::kMaxLoadText) {
     if (got > 0) text->append(block, static_cast<size_t>(got));
     if (got < 0 && errno != EINTR) break;
   }
-  int status = got < 0 ? yarrow::fail_os(name) : YARROW_OK;
-  close(file);
-  return status;
+  return got < 0 ? yarrow::fail_os(name) : YARROW_OK;
 }
 
 }  // namespace
 
-int maapi_connect(int sock, const struct sockaddr* addr, socklen_t addr_len) {
+int maapi_connect(int sock, const struct sockaddr* addr, socklen_t addr_len) try {
   return yarrow::connect_socket(sock, addr, addr_len, SocketKind::kMaapi, Writer());
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
 int maapi_close(int sock) { return close(sock) == 0 ? YARROW_OK : yarrow::fail_os("close"); }
 
 int maapi_start_user_session3(int sock, const char* user, const char* context,
-                              const struct sockaddr* source, const char* client_id) {
+                              const struct sockaddr* source, const char* client_id) try {
   char host[NI_MAXHOST] = "";
   socklen_t length = source != nullptr && source->sa_family == AF_INET6 ? sizeof(sockaddr_in6)
                                                                         : sizeof(sockaddr_in);
@@ -83,43 +84,57 @@ int maapi_start_user_session3(int sock, const char* user, const char* context,
   out.text(name_of(client_id));
   out.text(name_of(host));
   return call_plain(sock, Request::kStartSession, out);
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_end_user_session(int sock) { return call_plain(sock, Request::kEndSession, Writer()); }
+int maapi_end_user_session(int sock) try {
+  return call_plain(sock, Request::kEndSession, Writer());
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
+}
 
 int maapi_start_trans_flags2(int sock, int datastore, int mode, int user_session, unsigned flags,
-                             const char* label, const char* client_id) {
+                             const char* label, const char* client_id) try {
   if (user_session != 0 || flags != 0 || label != nullptr || client_id != nullptr) {
     return yarrow::fail(YARROW_ERR_PROTOCOL, "an argument that is to be 0 is not");
   }
   Writer out = with_number(datastore);
   out.u32(static_cast<uint32_t>(mode));
   return call_number(sock, Request::kStartTrans, out);
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_finish_trans(int sock, int trans) {
+int maapi_finish_trans(int sock, int trans) try {
   return call_plain(sock, Request::kFinishTrans, on_transaction(trans));
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_exists(int sock, int trans, const char* format, ...) {
+int maapi_exists(int sock, int trans, const char* format, ...) try {
   Writer out = on_transaction(trans);
   va_list args;
   va_start(args, format);
   bool good = yarrow::add_path(out, format, args);
   va_end(args);
   return good ? call_number(sock, Request::kExists, out) : YARROW_ERR;
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_num_instances(int sock, int trans, const char* format, ...) {
+int maapi_num_instances(int sock, int trans, const char* format, ...) try {
   Writer out = on_transaction(trans);
   va_list args;
   va_start(args, format);
   bool good = yarrow::add_path(out, format, args);
   va_end(args);
   return good ? call_number(sock, Request::kNumInstances, out) : YARROW_ERR;
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_get_elem_text(int sock, int trans, char* text, size_t size, const char* format, ...) {
+int maapi_get_elem_text(int sock, int trans, char* text, size_t size, const char* format, ...) try {
   Writer out = on_transaction(trans);
   va_list args;
   va_start(args, format);
@@ -132,9 +147,11 @@ int maapi_get_elem_text(int sock, int trans, char* text, size_t size, const char
   value.copy(text, value.size());
   text[value.size()] = '\0';
   return static_cast<int>(value.size());
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_set_elem(int sock, int trans, const t_yarrow_value* value, const char* format, ...) {
+int maapi_set_elem(int sock, int trans, const t_yarrow_value* value, const char* format, ...) try {
   if (value == nullptr) return yarrow::fail(YARROW_ERR_BADVALUE, "no value");
   Writer out = on_transaction(trans);
   va_list args;
@@ -143,9 +160,11 @@ int maapi_set_elem(int sock, int trans, const t_yarrow_value* value, const char*
   va_end(args);
   good = good && yarrow::add_value(out, *value);
   return good ? call_plain(sock, Request::kSetValue, out) : YARROW_ERR;
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_set_elem_text(int sock, int trans, const char* text, const char* format, ...) {
+int maapi_set_elem_text(int sock, int trans, const char* text, const char* format, ...) try {
   if (text == nullptr) return yarrow::fail(YARROW_ERR_BADVALUE, "no value");
   Writer out = on_transaction(trans);
   va_list args;
@@ -157,19 +176,23 @@ int maapi_set_elem_text(int sock, int trans, const char* text, const char* forma
   if (length > yarrow::kMaxValueText) return yarrow::fail(YARROW_ERR_TOOBIG, "a value too long");
   out.text(std::string_view(text, length));
   return call_plain(sock, Request::kSetText, out);
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_create(int sock, int trans, const char* format, ...) {
+int maapi_create(int sock, int trans, const char* format, ...) try {
   Writer out = on_transaction(trans);
   va_list args;
   va_start(args, format);
   bool good = yarrow::add_path(out, format, args);
   va_end(args);
   return good ? call_plain(sock, Request::kCreate, out) : YARROW_ERR;
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
 int maapi_set_object(int sock, int trans, const t_yarrow_value* values, int count,
-                     const char* format, ...) {
+                     const char* format, ...) try {
   if (count < 0 || (values == nullptr && count > 0)) {
     return yarrow::fail(YARROW_ERR_BADVALUE, "no values");
   }
@@ -181,30 +204,42 @@ int maapi_set_object(int sock, int trans, const t_yarrow_value* values, int coun
   out.u32(static_cast<uint32_t>(count));
   for (int i = 0; good && i < count; ++i) good = yarrow::add_value(out, values[i]);
   return good ? call_plain(sock, Request::kSetObject, out) : YARROW_ERR;
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_delete(int sock, int trans, const char* format, ...) {
+int maapi_delete(int sock, int trans, const char* format, ...) try {
   Writer out = on_transaction(trans);
   va_list args;
   va_start(args, format);
   bool good = yarrow::add_path(out, format, args);
   va_end(args);
   return good ? call_plain(sock, Request::kDelete, out) : YARROW_ERR;
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_validate_trans(int sock, int trans) {
+int maapi_validate_trans(int sock, int trans) try {
   return call_plain(sock, Request::kValidate, on_transaction(trans));
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_apply_trans(int sock, int trans, int keep_open) {
+int maapi_apply_trans(int sock, int trans, int keep_open) try {
   Writer out = on_transaction(trans);
   out.u8(keep_open != 0 ? 1 : 0);
   return call_plain(sock, Request::kApply, out);
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_candidate_commit(int sock) { return call_plain(sock, Request::kCommit, Writer()); }
+int maapi_candidate_commit(int sock) try {
+  return call_plain(sock, Request::kCommit, Writer());
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
+}
 
-int64_t maapi_candidate_commit_noted(int sock, const char* comment, unsigned minutes) {
+int64_t maapi_candidate_commit_noted(int sock, const char* comment, unsigned minutes) try {
   Writer out;
   out.text(comment != nullptr ? comment : "");
   out.u32(minutes);
@@ -214,10 +249,12 @@ int64_t maapi_candidate_commit_noted(int sock, const char* comment, unsigned min
   uint64_t number = in.u64();
   if (!in.ok()) return yarrow::fail(YARROW_ERR_PROTOCOL, "an answer cut short");
   return static_cast<int64_t>(number);
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
 int maapi_commits(int sock, maapi_visit_commit visit, void* state, int64_t* waiting,
-                  int64_t* seconds) {
+                  int64_t* seconds) try {
   std::string content;
   if (call(sock, Request::kCommits, Writer(), &content) != YARROW_OK) return YARROW_ERR;
   yarrow::Reader in(content);
@@ -240,9 +277,11 @@ int maapi_commits(int sock, maapi_visit_commit visit, void* state, int64_t* wait
   if (waiting != nullptr) *waiting = first;
   if (seconds != nullptr) *seconds = left;
   return YARROW_OK;
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_sessions(int sock, maapi_visit_session visit, void* state) {
+int maapi_sessions(int sock, maapi_visit_session visit, void* state) try {
   std::string content;
   if (call(sock, Request::kSessions, Writer(), &content) != YARROW_OK) return YARROW_ERR;
   yarrow::Reader in(content);
@@ -263,38 +302,54 @@ int maapi_sessions(int sock, maapi_visit_session visit, void* state) {
     if (in.ok() && more) more = visit(&session, state) == 0;
   }
   return in.ok() ? YARROW_OK : yarrow::fail(YARROW_ERR_PROTOCOL, "an answer cut short");
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_candidate_validate(int sock) {
+int maapi_candidate_validate(int sock) try {
   return call_plain(sock, Request::kCandidateValidate, Writer());
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_candidate_reset(int sock) { return call_plain(sock, Request::kCandidateReset, Writer()); }
+int maapi_candidate_reset(int sock) try {
+  return call_plain(sock, Request::kCandidateReset, Writer());
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
+}
 
-int maapi_load_rollback(int sock, unsigned back) {
+int maapi_load_rollback(int sock, unsigned back) try {
   Writer out;
   out.u32(back);
   return call_plain(sock, Request::kRollback, out);
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int64_t maapi_commit_id(int sock) {
+int64_t maapi_commit_id(int sock) try {
   std::string content;
   if (call(sock, Request::kCommitId, Writer(), &content) != YARROW_OK) return YARROW_ERR;
   yarrow::Reader in(content);
   uint64_t number = in.u64();
   if (!in.ok()) return yarrow::fail(YARROW_ERR_PROTOCOL, "an answer cut short");
   return static_cast<int64_t>(number);
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_lock(int sock, int datastore) {
+int maapi_lock(int sock, int datastore) try {
   return call_plain(sock, Request::kLock, with_number(datastore));
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_unlock(int sock, int datastore) {
+int maapi_unlock(int sock, int datastore) try {
   return call_plain(sock, Request::kUnlock, with_number(datastore));
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_save_config(int sock, int trans, unsigned flags, const char* format, ...) {
+int maapi_save_config(int sock, int trans, unsigned flags, const char* format, ...) try {
   Writer out = on_transaction(trans);
   out.u32(flags);
   va_list args;
@@ -302,29 +357,37 @@ int maapi_save_config(int sock, int trans, unsigned flags, const char* format, .
   bool good = yarrow::add_path(out, format, args);
   va_end(args);
   return good ? call_number(sock, Request::kSave, out) : YARROW_ERR;
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
 int yarrow_stream_connect(int sock, const struct sockaddr* addr, socklen_t addr_len, int id,
-                          int flags) {
+                          int flags) try {
   if (flags != 0) return yarrow::fail(YARROW_ERR_PROTOCOL, "no such flags");
   return yarrow::connect_socket(sock, addr, addr_len, SocketKind::kStream, with_number(id));
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_save_config_result(int sock, int id) {
+int maapi_save_config_result(int sock, int id) try {
   return call_plain(sock, Request::kSaveResult, with_number(id));
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-int maapi_load_config(int sock, int trans, unsigned flags, const char* file_name) {
+int maapi_load_config(int sock, int trans, unsigned flags, const char* file_name) try {
   std::string text;
   if (file_name == nullptr) return yarrow::fail(YARROW_ERR_OS, "no file");
   if (read_file(file_name, &text) != YARROW_OK) return YARROW_ERR;
   Writer path;
   path.text("");
   return load_text(sock, trans, flags, text, path);
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
 int maapi_load_config_cmds(int sock, int trans, unsigned flags, const char* text,
-                           const char* format, ...) {
+                           const char* format, ...) try {
   if (text == nullptr) return yarrow::fail(YARROW_ERR_MALFORMED, "no text");
   Writer path;
   va_list args;
@@ -332,4 +395,6 @@ int maapi_load_config_cmds(int sock, int trans, unsigned flags, const char* text
   bool good = yarrow::add_path(path, format, args);
   va_end(args);
   return good ? load_text(sock, trans, flags, text, path) : YARROW_ERR;
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }

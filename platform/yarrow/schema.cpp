@@ -91,20 +91,24 @@ const t_yarrow_cs_node* find_node(const t_yarrow_cs_node* start, std::string_vie
 
 }  // namespace
 
-int yarrow_load_schemas(const struct sockaddr* addr, socklen_t addr_len) {
+int yarrow_load_schemas(const struct sockaddr* addr, socklen_t addr_len) try {
   const std::lock_guard<std::mutex> guard(g_lock);
   if (g_schema.load(std::memory_order_acquire) != nullptr) return YARROW_OK;
-  int sock = socket(addr != nullptr ? addr->sa_family : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (sock < 0) return yarrow::fail_os("socket");
+  const yarrow::Descriptor sock(
+      socket(addr != nullptr ? addr->sa_family : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (sock.get() < 0) return yarrow::fail_os("socket");
   auto schema = std::make_unique<LoadedSchema>();
-  int status = yarrow::connect_socket(sock, addr, addr_len, yarrow::SocketKind::kMaapi, Writer());
-  if (status == YARROW_OK) status = yarrow::fetch_schema(sock, *schema);
-  close(sock);
+  int status =
+      yarrow::connect_socket(sock.get(), addr, addr_len, yarrow::SocketKind::kMaapi, Writer());
+  if (status == YARROW_OK) status = yarrow::fetch_schema(sock.get(), *schema);
   if (status == YARROW_OK) g_schema.store(schema.release(), std::memory_order_release);
   return status;
+} catch (const std::bad_alloc&) {
+  return yarrow::fail_no_memory();
 }
 
-const t_yarrow_cs_node* yarrow_cs_node_cd(const t_yarrow_cs_node* start, const char* format, ...) {
+const t_yarrow_cs_node* yarrow_cs_node_cd(const t_yarrow_cs_node* start, const char* format,
+                                          ...) try {
   if (g_schema.load(std::memory_order_acquire) == nullptr) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
@@ -129,6 +133,9 @@ const t_yarrow_cs_node* yarrow_cs_node_cd(const t_yarrow_cs_node* start, const c
   const t_yarrow_cs_node* found = find_node(start, path);
   if (found == nullptr) yarrow::fail(YARROW_ERR_BADPATH, "no such path");
   return found;
+} catch (const std::bad_alloc&) {
+  yarrow::fail_no_memory();
+  return nullptr;
 }
 
 namespace yarrow {

@@ -7,8 +7,7 @@
 
 namespace pol {
 
-// Kept away from the sanitizers: the fault is wanted, and it must come as the signal that hosts
-// know.
+// Kept away from the sanitizers: the fault is wanted, and comes as the same signal in every build.
 __attribute__((no_sanitize("address", "undefined", "thread"))) void crash(const char* broken,
                                                                           Caller from) {
   static constexpr char kLine[] = "%s[%d]: [POL] Broken invariant, ending the process: %s\n";

@@ -11,8 +11,8 @@ const bool g_cpu_counts = __builtin_cpu_supports("popcnt") != 0;
 
 namespace {
 
-// How many cells an array holds, by class. What an array no longer needs is given back in place, without
-// memory for a smaller one.
+// How many cells an array holds, by class. What an array no longer needs is given back in place,
+// without memory for a smaller one.
 constexpr uint8_t kSizes[] = {1, 2, 3, 4, 6, 8, 12, 16, 24, 32, 48, 64, 96, 128};
 static_assert(std::size(kSizes) <= Arena::kClasses);
 
@@ -125,7 +125,8 @@ void make_leaf(TrieCell* cell, uint64_t key, unsigned bits) {
   cell->key = cut(key, bits);
 }
 
-// Makes the cell lead to `node` over `bits` that all below has in common. False when memory runs out.
+// Makes the cell lead to `node` over `bits` that all below has in common. False when memory runs
+// out.
 bool lead_to(Arena* arena, TrieCell* cell, uint64_t key, unsigned bits, const TrieCell& node) {
   if (bits == 0) {
     *cell = node;

@@ -217,8 +217,8 @@ void RangeSet::forget_pages() {
   height_ = 0;
 }
 
-// Parts the full pages on the range's way. Where memory for that cannot be had, what was parted stays so, and
-// all that was in the set stays in it.
+// Parts the full pages on the range's way. Where memory for that cannot be had, what was parted
+// stays so, and all that was in the set stays in it.
 bool RangeSet::make_room(uint64_t low, uint64_t high) {
   if (root_->count == kRoom && !raise_root()) return false;
   const RangeKey key = {low, high};

@@ -4,15 +4,15 @@
 // id.
 //
 // Beside the queue stands a B-tree of the ranges by (low, high), whose inner pages know the highest
-// `high` of each page below. Pages have the bounds of what they lead to side by side, so that a descent
-// reads few cache lines; adding or removing one range touches one path. A few ranges are walked and have
-// no pages. Ranges with low above high are kept and hold nothing. Pages are uncounted memory. A set of
-// all zero bytes is empty.
+// `high` of each page below. Pages have the bounds of what they lead to side by side, so that a
+// descent reads few cache lines; adding or removing one range touches one path. A few ranges are
+// walked and have no pages. Ranges with low above high are kept and hold nothing. Pages are
+// uncounted memory. A set of all zero bytes is empty.
 //
 // Invariants
 //   1. No two ranges have the same (low, high).
-//   2. Within a page items ascend by (low, high); an inner page's item is at or below all of the page that
-//      it leads to, and above all of the pages before.
+//   2. Within a page items ascend by (low, high); an inner page's item is at or below all of the
+//      page that it leads to, and above all of the pages before.
 //   3. No page is empty.
 #pragma once
 
@@ -31,7 +31,8 @@ struct RangeNode {
 struct RangePage {
   static constexpr unsigned kRoom = 16;
 
-  // How many of its items start at or below `id`. All of `low` is looked at, without a branch to guess.
+  // How many of its items start at or below `id`. All of `low` is looked at, without a branch to
+  // guess.
   unsigned starting(uint64_t id) const {
     unsigned n = 0;
     for (uint64_t start : low) n += start <= id ? 1 : 0;
@@ -54,7 +55,8 @@ struct RangeInnerPage {
 
 // Where a range is or would be put, until the set changes.
 struct RangePlace {
-  // On average a page has three items at the least: no two thin ones that fit in one stand side by side.
+  // On average a page has three items at the least: no two thin ones that fit in one stand side by
+  // side.
   static constexpr unsigned kMaxHeight = 24;
   struct Step {
     RangePage* page;
@@ -75,15 +77,16 @@ class RangeSet {
   const Queue& in_order() const { return in_order_; }
   bool empty() const { return in_order_.empty(); }
   RangeNode* find(uint64_t low, uint64_t high) const;
-  // Looks for a range, and where it is not there makes room for it. False when there is no memory for that.
+  // Looks for a range, and where it is not there makes room for it. False when there is no memory
+  // for that.
   [[nodiscard]] bool find_place(uint64_t low, uint64_t high, RangePlace* place);
   // REQUIRES: the place of the range, which is not there.
   void add(RangeNode* node, const RangePlace& place);
   // The range, taken out; null when it is not in the set.
   RangeNode* take(uint64_t low, uint64_t high);
 
-  // Of what starts at or below `id` in a page, all but the last item lie there whole, so one holds it exactly
-  // when the greatest end does.
+  // Of what starts at or below `id` in a page, all but the last item lie there whole, so one holds
+  // it exactly when the greatest end does.
   bool holds(uint64_t id) const {
     const RangePage* page = root_;
     if (page == nullptr) return walk(id) != nullptr;

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// record_pool.h - the records of one list, counted one by one in the memory table but cut from larger
-// pieces of memory (base/arena.h). Records of a list may be of two types, one the other's first member. A
-// pool of all zero bytes is empty; it owns its memory until the last record is given back.
+// record_pool.h - the records of one list, counted one by one in the memory table but cut from
+// larger pieces of memory (base/arena.h). Records of a list may be of two types, one the other's
+// first member. A pool of all zero bytes is empty; it owns its memory until the last record is
+// given back.
 #pragma once
 
 #include <cstring>

@@ -69,13 +69,6 @@ void block_delete(t_pol_ctx* ctx, t_pol_block* block) {
 
 namespace pol {
 
-void entry_reset(t_pol_entry* entry, t_pol_block* block) {
-  entry->block = block;
-  entry->action = POL_REJECT;
-  match_reset(entry);
-  set_reset(entry);
-}
-
 void block_leave_tree(t_pol_ctx* ctx, t_pol_block* block) {
   if (block->in_tree == 0) return;
   block->in_tree = 0;

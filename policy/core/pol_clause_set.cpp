@@ -184,6 +184,13 @@ void set_reset(t_pol_entry* entry) {
   entry->set_flags = 0;
 }
 
+void entry_reset(t_pol_entry* entry, t_pol_block* block) {
+  entry->block = block;
+  entry->action = POL_REJECT;
+  match_reset(entry);
+  set_reset(entry);
+}
+
 namespace {
 
 template <class Area, size_t N>

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The life of the context, counted memory and its report.
+// The life of the context, the memory table and its report.
 #include "core/pol_context_internal.h"
 
 #include <malloc.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "base/pol_memory.h"
@@ -75,8 +74,6 @@ static_assert(sizeof(t_pol_tloc_result_entry) == 40);
 
 namespace {
 
-bool counted(uint32_t type) { return type >= 1 && type < POL_MEM_TYPES; }
-
 using InitModule = uint32_t (*)(t_pol_ctx*);
 
 // Named lists that the agent keeps text of register with the XML cache by the global context, so
@@ -99,41 +96,6 @@ constexpr InitModule kInit[] = {
 };
 
 }  // namespace
-
-namespace pol {
-
-void count_allocation(uint32_t type) {
-  if (!counted(type)) return;
-  t_pol_mem_info& row = g_pol_mem_info[type];
-  uint64_t allocs = __atomic_add_fetch(&row.allocs, 1, __ATOMIC_RELAXED);
-  uint64_t frees = __atomic_load_n(&row.frees, __ATOMIC_RELAXED);
-  // Another thread may have freed since: a count below zero is no peak.
-  uint64_t current = allocs > frees ? allocs - frees : 0;
-  uint64_t peak = __atomic_load_n(&row.peak, __ATOMIC_RELAXED);
-  while (current > peak && !__atomic_compare_exchange_n(&row.peak, &peak, current, true,
-                                                        __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
-  }
-}
-
-void count_free(uint32_t type) {
-  if (counted(type)) __atomic_add_fetch(&g_pol_mem_info[type].frees, 1, __ATOMIC_RELAXED);
-}
-
-// The table may be read on any thread meanwhile.
-void count_record(MemType type) {
-  t_pol_mem_info& row = g_pol_mem_info[type];
-  const uint64_t allocs = row.allocs + 1;
-  __atomic_store_n(&row.allocs, allocs, __ATOMIC_RELAXED);
-  const uint64_t current = allocs > row.frees ? allocs - row.frees : 0;
-  if (current > row.peak) __atomic_store_n(&row.peak, current, __ATOMIC_RELAXED);
-}
-
-void count_record_freed(MemType type) {
-  t_pol_mem_info& row = g_pol_mem_info[type];
-  __atomic_store_n(&row.frees, row.frees + 1, __ATOMIC_RELAXED);
-}
-
-}  // namespace pol
 
 const char* pol_version() { return POL_VERSION; }
 
@@ -174,24 +136,6 @@ void pol_destroy() {
   pol_user_destroy(ctx);
   if (ended) pol_free(ctx, pol::MEM_CONTEXT);
   g_pol_ctx_p = nullptr;
-}
-
-void* pol_malloc(size_t size, uint32_t type) {
-  pol::count_allocation(type);
-  return malloc(size);
-}
-
-void* pol_calloc(size_t count, size_t size, uint32_t type) {
-  pol::count_allocation(type);
-  return calloc(count, size);
-}
-
-void* pol_realloc(void* memory, size_t size) { return realloc(memory, size); }
-
-void pol_free(void* memory, uint32_t type) {
-  if (memory == nullptr) return;
-  pol::count_free(type);
-  free(memory);
 }
 
 void pol_debug_set(uint32_t level) {

@@ -4,6 +4,7 @@
 #include "policy/pol_graph.h"
 
 #include "core/pol_context_internal.h"
+#include "lists/pol_fwd_roles.h"
 
 namespace {
 
@@ -12,12 +13,6 @@ using pol::UserQueue;
 
 constexpr uint32_t kKinds[] = {POL_KIND_ROUTE, POL_KIND_DATA, POL_KIND_PERF_ROUTE,
                                POL_KIND_MEMBERSHIP, POL_KIND_CFLOWD};
-
-constexpr const char* kAppRoles[] = {"application", "DNS application", "SaaS application"};
-constexpr const char* kPrefixRoles[] = {"source", "destination"};
-constexpr const char* kSlaRoles[] = {"SLA class"};
-constexpr const char* kPolicerRoles[] = {"policer"};
-constexpr const char* kAppIdRoles[] = {"application id"};
 
 class GraphWalk {
  public:
@@ -77,12 +72,12 @@ class GraphWalk {
     });
     each(ctx_->color_lists, [this](const t_color_list& list) { used(&list, list.users, "match"); });
     each(ctx_->pfx_lists, [this](const t_pfx_list& list) { used(&list, list.users, "match"); });
-    objects(ctx_->app_lists, kAppRoles);
-    objects(ctx_->fwd_pfx_lists, kPrefixRoles);
-    objects(ctx_->fwd_pfx6_lists, kPrefixRoles);
-    objects(ctx_->sla_classes, kSlaRoles);
-    objects(ctx_->policers, kPolicerRoles);
-    objects(ctx_->app_ids, kAppIdRoles);
+    objects(ctx_->app_lists, pol::kAppListRoles);
+    objects(ctx_->fwd_pfx_lists, pol::kFwdPfxRoles);
+    objects(ctx_->fwd_pfx6_lists, pol::kFwdPfx6Roles);
+    objects(ctx_->sla_classes, pol::kSlaClassRoles);
+    objects(ctx_->policers, pol::kPolicerRoles);
+    objects(ctx_->app_ids, pol::kAppIdRoles);
     for (uint32_t kind : kKinds) {
       each(ctx_->blocks[kind - 1], [this](const t_pol_block& block) {
         for (const t_pol_user& user : block.users) edge(&user, &block, "user");
@@ -166,9 +161,9 @@ class GraphWalk {
   }
 
   template <class List, size_t N>
-  void objects(const NamedTree<List>& tree, const char* const (&roles)[N]) const {
+  void objects(const NamedTree<List>& tree, const pol::FwdRole (&roles)[N]) const {
     each(tree, [&](const List& list) {
-      for (size_t role = 0; role < N; ++role) used(&list, list.users[role], roles[role]);
+      for (size_t role = 0; role < N; ++role) used(&list, list.users[role], roles[role].graph_word);
     });
   }
 

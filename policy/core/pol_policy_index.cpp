@@ -2,9 +2,11 @@
 #include "core/pol_policy_index.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "base/pol_memory.h"
+#include "core/pol_clause_internal.h"
 #include "core/pol_context_internal.h"
 
 namespace pol {
@@ -18,225 +20,98 @@ constexpr uint32_t kWalkedWeight = 40;
 constexpr uint32_t kWeight = 3;
 constexpr uint32_t kWeightOfLists = 5;
 
-// The bit of each kind's clause; INDEX_TYPE has none.
-constexpr uint32_t kClauses[INDEX_KINDS] = {0,
-                                            POL_MATCH_F_TAG,
-                                            POL_MATCH_F_PREF,
-                                            POL_MATCH_F_DOMAIN,
-                                            POL_MATCH_F_VPN_ID,
-                                            POL_MATCH_F_SITE,
-                                            POL_MATCH_F_CARRIER,
-                                            POL_MATCH_F_COLOR,
-                                            POL_MATCH_F_TLOC,
-                                            POL_MATCH_F_ORIGIN,
-                                            POL_MATCH_F_ORIGINATOR,
-                                            POL_MATCH_F_GROUP,
-                                            POL_MATCH_F_VPN_LIST,
-                                            POL_MATCH_F_SITE_LIST,
-                                            POL_MATCH_F_TLOC_LIST,
-                                            POL_MATCH_F_COLOR_LIST,
-                                            POL_MATCH_F_PFX_LIST};
+// So many sequences under a key of single values need no list in it.
+constexpr uint32_t kFewAlike = 2;
+constexpr unsigned kFreeShapes = 16;
 
-constexpr uint32_t kListClauses = POL_MATCH_F_VPN_LIST | POL_MATCH_F_SITE_LIST |
-                                  POL_MATCH_F_TLOC_LIST | POL_MATCH_F_COLOR_LIST |
-                                  POL_MATCH_F_PFX_LIST;
-
-const t_pol_clause_user* list_user(const t_pol_match& match, IndexKind kind) {
-  switch (kind) {
-    case INDEX_VPN_LIST:
-      return &match.vpn_list;
-    case INDEX_SITE_LIST:
-      return &match.site_list;
-    case INDEX_TLOC_LIST:
-      return &match.tloc_list;
-    case INDEX_COLOR_LIST:
-      return &match.color_list;
-    case INDEX_PFX_LIST:
-      return &match.pfx_list;
-    default:
-      return nullptr;
-  }
-}
-
-ListDirectory* directory_of(t_pol_ctx* ctx, IndexKind kind) {
-  switch (kind) {
-    case INDEX_VPN_LIST:
+ListDirectory* directory_of(t_pol_ctx* ctx, uint32_t clause) {
+  switch (clause) {
+    case POL_MATCH_F_VPN_LIST:
       return &ctx->directories.vpn;
-    case INDEX_SITE_LIST:
+    case POL_MATCH_F_SITE_LIST:
       return &ctx->directories.site;
-    case INDEX_TLOC_LIST:
+    case POL_MATCH_F_TLOC_LIST:
       return &ctx->directories.tloc;
-    case INDEX_COLOR_LIST:
+    case POL_MATCH_F_COLOR_LIST:
       return &ctx->directories.color;
     default:
       return &ctx->directories.pfx;
   }
 }
 
-bool has_clause(const t_pol_entry& entry, IndexKind kind) {
-  return kind == INDEX_TYPE || (entry.match_flags & kClauses[kind]) != 0;
+NamedHead* list_named(const t_pol_match& match, uint32_t clause) {
+  for (const auto& each : kMatchLists) {
+    if (each.bit == clause) return (match.*each.user).list;
+  }
+  return nullptr;
 }
 
-// The keys under which a sequence that has the clause is found: at most two, none when it never holds.
-unsigned keys_of(const t_pol_entry& entry, IndexKind kind, uint64_t keys[2]) {
-  const t_pol_match& match = entry.match;
-  unsigned count = 1;
-  switch (kind) {
-    case INDEX_TYPE:
-      keys[0] = match.type;
-      break;
-    case INDEX_TAG:
-      keys[0] = match.tag;
-      break;
-    case INDEX_PREFERENCE:
-      keys[0] = match.preference;
-      break;
-    case INDEX_DOMAIN:
-      keys[0] = match.domain;
-      break;
-    case INDEX_VPN_ID:
-      keys[0] = match.vpn_id;
-      break;
-    case INDEX_SITE:
-      keys[0] = match.site;
-      break;
-    case INDEX_CARRIER:
-      keys[0] = match.carrier;
-      break;
-    case INDEX_COLOR:
-      keys[0] = match.color;
-      break;
-    case INDEX_TLOC:
-      keys[0] = tloc_hash(match.tloc);
-      break;
-    case INDEX_ORIGIN:
-      keys[0] = index_origin_key(match.origin_protocol, match.origin_subtype);
-      keys[1] = index_origin_key(match.origin_subtype);
-      count = 2;
-      break;
-    case INDEX_ORIGINATOR:
-      keys[0] = index_key(match.originator);
-      break;
-    case INDEX_GROUP:
-      keys[0] = match.group;
-      break;
-    default: {
-      const NamedHead* list = list_user(match, kind)->list;
-      keys[0] = reinterpret_cast<uintptr_t>(list);
-      if (list == nullptr) count = 0;
-    }
+// What a clause of a sequence gives to its key.
+uint64_t key_of(const t_pol_match& match, uint32_t clause) {
+  switch (clause) {
+    case POL_MATCH_F_TAG:
+      return index_key_of(clause, match.tag);
+    case POL_MATCH_F_PREF:
+      return index_key_of(clause, match.preference);
+    case POL_MATCH_F_DOMAIN:
+      return index_key_of(clause, match.domain);
+    case POL_MATCH_F_VPN_ID:
+      return index_key_of(clause, match.vpn_id);
+    case POL_MATCH_F_SITE:
+      return index_key_of(clause, match.site);
+    case POL_MATCH_F_CARRIER:
+      return index_key_of(clause, match.carrier);
+    case POL_MATCH_F_COLOR:
+      return index_key_of(clause, match.color);
+    case POL_MATCH_F_TLOC:
+      return index_key_of(clause, tloc_hash(match.tloc));
+    case POL_MATCH_F_ORIGINATOR:
+      return index_key_of(clause, index_hash(match.originator));
+    case POL_MATCH_F_GROUP:
+      return index_key_of(clause, match.group);
+    case POL_MATCH_F_ORIGIN:
+      // Of some routes the protocol is not compared.
+      return index_key_of(clause, match.origin_subtype);
+    default:
+      return index_key_of(clause, list_named(match, clause));
   }
-  return count;
 }
 
-template <class T>
-T* zeroed(size_t count) {
-  return static_cast<T*>(pol_calloc(count, sizeof(T), MEM_UNCOUNTED));
+uint64_t key_of_values(const t_pol_match& match, uint32_t clauses) {
+  uint64_t key = index_key_of_type(match.type);
+  for (; clauses != 0; clauses &= clauses - 1) key += key_of(match, clauses & (~clauses + 1));
+  return key;
 }
 
-// Makes one field; sequences are given last first, so that a chain's first word is its lowest.
-class FieldBuilder {
- public:
-  FieldBuilder(IndexField* field, uint32_t words, uint32_t with) : field_(field) {
-    uint32_t slots = 4;
-    const uint32_t keys = field->kind == INDEX_ORIGIN ? 2 * with : with;
-    while (slots < keys + keys / 4 + 1) slots *= 2;
-    field->mask = slots - 1;
-    field->slots = zeroed<IndexSlot>(slots);
-    done_ = field->slots != nullptr;
-    if (field->without == 0) return;
-    field->any = zeroed<uint64_t>(words + (words + 63) / 64);
-    done_ = done_ && field->any != nullptr;
-    if (done_) field->any_words = field->any + words;
-  }
-
-  void add(const t_pol_entry& entry, uint32_t place) {
-    if (!done_) return;
-    const uint32_t at = place / 64;
-    const uint64_t bit = uint64_t{1} << place % 64;
-    if (!has_clause(entry, field_->kind)) {
-      field_->any[at] |= bit;
-      field_->any_words[at / 64] |= uint64_t{1} << at % 64;
-      return;
-    }
-    uint64_t keys[2];
-    for (unsigned i = 0, count = keys_of(entry, field_->kind, keys); i < count; ++i) {
-      add_key(keys[i], at, bit);
+// Whether the sequence can match: not of a type that no query has, nor by a list that could not be had.
+bool can_match(const t_pol_entry& entry) {
+  if (entry.match.type < POL_MATCH_ROUTE || entry.match.type > POL_MATCH_SERVICE) return false;
+  for (const auto& each : kMatchLists) {
+    if ((entry.match_flags & each.bit) != 0 && (entry.match.*each.user).list == nullptr) {
+      return false;
     }
   }
+  return true;
+}
 
-  // False when memory ran out.
-  bool finish() {
-    if (done_ && used_ != 0 && used_ < room_) {
-      void* smaller = pol_realloc(field_->more, used_ * sizeof(IndexWord));
-      if (smaller != nullptr) field_->more = static_cast<IndexWord*>(smaller);
-    }
-    return done_;
-  }
-
- private:
-  void add_key(uint64_t key, uint32_t at, uint64_t bit) {
-    uint32_t i = IndexField::hash(key) & field_->mask;
-    while (field_->slots[i].first.bits != 0 && field_->slots[i].key != key) {
-      i = (i + 1) & field_->mask;
-    }
-    IndexSlot* slot = &field_->slots[i];
-    if (slot->first.bits == 0) {
-      *slot = {key, {bit, at, 0}};
-      note_list(key);
-    } else if (slot->first.at == at) {
-      slot->first.bits |= bit;
-    } else if (make_room()) {
-      field_->more[used_++] = slot->first;
-      slot->first = {bit, at, used_};
-    }
-  }
-
-  void note_list(uint64_t key) {
-    if (field_->kind < INDEX_VPN_LIST || field_->list_count > IndexField::kFewLists) return;
-    if (field_->list_count < IndexField::kFewLists) {
-      field_->lists[field_->list_count] = reinterpret_cast<const NamedHead*>(key);
-    }
-    ++field_->list_count;
-  }
-
-  bool make_room() {
-    if (used_ < room_) return true;
-    const uint32_t room = room_ == 0 ? 16 : room_ * 2;
-    auto* grown =
-        static_cast<IndexWord*>(room_ == 0 ? pol_malloc(room * sizeof(IndexWord), MEM_UNCOUNTED)
-                                           : pol_realloc(field_->more, room * sizeof(IndexWord)));
-    done_ = grown != nullptr;
-    if (!done_) return false;
-    field_->more = grown;
-    room_ = room;
-    return true;
-  }
-
-  IndexField* field_;
-  uint32_t used_ = 0;
-  uint32_t room_ = 0;
-  bool done_ = true;
-};
-
-void enter_elements(ListDirectory* directory, const NamedHead* head, IndexKind kind) {
-  switch (kind) {
-    case INDEX_VPN_LIST:
+void enter_elements(ListDirectory* directory, const NamedHead* head, uint32_t clause) {
+  switch (clause) {
+    case POL_MATCH_F_VPN_LIST:
       for (const RangeNode& node : reinterpret_cast<const t_vpn_list*>(head)->entries.in_order()) {
         directory_range(directory, *head, node.low, node.high, true);
       }
       break;
-    case INDEX_SITE_LIST:
+    case POL_MATCH_F_SITE_LIST:
       for (const RangeNode& node : reinterpret_cast<const t_site_list*>(head)->entries.in_order()) {
         directory_range(directory, *head, node.low, node.high, true);
       }
       break;
-    case INDEX_TLOC_LIST:
+    case POL_MATCH_F_TLOC_LIST:
       for (const t_tloc_entry& entry : reinterpret_cast<const t_tloc_list*>(head)->entries) {
         directory_tloc(directory, *head, entry.tloc, true);
       }
       break;
-    case INDEX_COLOR_LIST:
+    case POL_MATCH_F_COLOR_LIST:
       for (const t_color_entry& entry : reinterpret_cast<const t_color_list*>(head)->entries) {
         directory_color(directory, *head, entry.color, true);
       }
@@ -248,44 +123,12 @@ void enter_elements(ListDirectory* directory, const NamedHead* head, IndexKind k
   }
 }
 
-void enrol_lists(t_pol_ctx* ctx, IndexField* field) {
-  ListDirectory* directory = directory_of(ctx, field->kind);
-  // What others had enrolled is lost to them until their next change.
-  if (directory->broken) directory_clear(directory);
-  for (uint32_t i = 0; i <= field->mask; ++i) {
-    if (field->slots[i].first.bits == 0) continue;
-    auto* list = reinterpret_cast<NamedHead*>(field->slots[i].key);
-    if (directory_has(*directory, *list)) continue;
-    directory_enrol(directory, list);
-    enter_elements(directory, list, field->kind);
-  }
-  field->generation = directory->generation;
-  ++directory->users;
-}
-
-void index_free(t_pol_ctx* ctx, PolicyIndex* index) {
-  if (index == nullptr) return;
-  for (unsigned i = 0; i < index->field_count; ++i) {
-    IndexField& field = index->fields[i];
-    pol_free(field.any, MEM_UNCOUNTED);
-    pol_free(field.slots, MEM_UNCOUNTED);
-    pol_free(field.more, MEM_UNCOUNTED);
-    if (field.generation == 0) continue;
-    ListDirectory* directory = directory_of(ctx, field.kind);
-    if (field.generation == directory->generation && --directory->users == 0) {
-      directory_clear(directory);
-    }
-  }
-  pol_free(index->entries, MEM_UNCOUNTED);
-  pol_free(index, MEM_UNCOUNTED);
-}
-
 // What a policy's sequences are like before its index is made.
 struct Survey {
   uint32_t count = 0;
   uint32_t clauses = 0;
-  uint32_t type = 0;  // of all sequences; 0 once two differ
-  uint32_t with[INDEX_KINDS] = {};
+  uint32_t with[32] = {};  // sequences, by the place of a clause's bit
+  uint32_t keys = 0;       // that sequences may stand under, counted for each
   uint32_t weight = 0;
   bool left_over = false;  // a clause that stays on a list which it is no user of
 };
@@ -293,72 +136,240 @@ struct Survey {
 Survey survey_of(const t_pol_block& block) {
   Survey survey;
   for (const t_pol_entry& entry : block.in_order) {
-    const uint32_t type = entry.match.type;
-    if (survey.count++ == 0) survey.type = type;
-    if (survey.type != type) survey.type = 0;
-    survey.clauses |= entry.match_flags;
-    const bool lists = (entry.match_flags & kListClauses) != 0;
-    const bool values = (entry.match_flags & ~kListClauses) != 0;
-    survey.weight += lists && !values ? kWeightOfLists : kWeight;
-    for (unsigned kind = 0; kind < INDEX_KINDS; ++kind) {
-      if (!has_clause(entry, static_cast<IndexKind>(kind))) continue;
-      ++survey.with[kind];
-      const t_pol_clause_user* user = list_user(entry.match, static_cast<IndexKind>(kind));
-      survey.left_over |= user != nullptr && is_stale(*user);
+    const uint32_t flags = entry.match_flags;
+    ++survey.count;
+    survey.clauses |= flags;
+    const bool lists_alone = (flags & kIndexLists) != 0 && (flags & ~kIndexLists) == 0;
+    survey.weight += lists_alone ? kWeightOfLists : kWeight;
+    for (uint32_t left = flags; left != 0; left &= left - 1) ++survey.with[std::countr_zero(left)];
+    survey.keys += 1 + static_cast<uint32_t>(std::popcount(flags & kIndexSeveral));
+    for (const auto& each : kMatchLists) {
+      survey.left_over |= (flags & each.bit) != 0 && is_stale(entry.match.*each.user);
     }
   }
   return survey;
 }
 
+// How many sequences might stand under a key.
+class Tally {
+ public:
+  explicit Tally(uint32_t keys) {
+    mask_ = std::bit_ceil(keys + keys / 2 + 1) - 1;
+    slots_ = static_cast<Slot*>(pol_calloc(size_t{mask_} + 1, sizeof(Slot), MEM_UNCOUNTED));
+  }
+  Tally(const Tally&) = delete;
+  Tally& operator=(const Tally&) = delete;
+  ~Tally() { pol_free(slots_, MEM_UNCOUNTED); }
+
+  bool made() const { return slots_ != nullptr; }
+  uint32_t& of(uint64_t key) {
+    auto at = static_cast<uint32_t>(key * PolicyIndex::kOdd >> 32) & mask_;
+    while (slots_[at].count != 0 && slots_[at].key != key) at = (at + 1) & mask_;
+    slots_[at].key = key;
+    return slots_[at].count;
+  }
+
+ private:
+  struct Slot {
+    uint64_t key;
+    uint32_t count;  // 0: free
+  };
+
+  Slot* slots_;
+  uint32_t mask_;
+};
+
+// Every key that the sequence may stand under: of its values, and of these with each further clause.
+template <class Visit>
+void each_key(const t_pol_entry& entry, Visit visit) {
+  const uint64_t values = key_of_values(entry.match, entry.match_flags & kIndexValues);
+  visit(values, 0u);
+  for (uint32_t left = entry.match_flags & kIndexSeveral; left != 0; left &= left - 1) {
+    const uint32_t clause = left & (~left + 1);
+    visit(values + key_of(entry.match, clause), clause);
+  }
+}
+
+// Enters sequences, the last one first, after all were surveyed.
+class IndexBuilder {
+ public:
+  IndexBuilder(t_pol_ctx* ctx, PolicyIndex* index, const Survey& survey, Tally* tally)
+      : ctx_(ctx), index_(index), survey_(survey), tally_(tally) {}
+
+  // What is asked for the sake of one sequence is asked for all.
+  void survey(const t_pol_entry& entry) { asked_ |= telling_clause(entry); }
+
+  void enter(uint32_t place) {
+    const t_pol_entry& entry = *index_->nodes[place].entry;
+    if (!can_match(entry)) return;
+    const IndexShape shape = fitting_shape(entry);
+    uint64_t key = key_of_values(entry.match, shape.values);
+    if (shape.several != 0) key += key_of(entry.match, shape.several);
+    if ((shape.several & kIndexLists) != 0) {
+      note_list(shape.several, list_named(entry.match, shape.several));
+    }
+    chain(key, place);
+  }
+
+  void finish() {
+    std::stable_sort(
+        index_->shapes, index_->shapes + index_->shape_count,
+        [](const IndexShape& a, const IndexShape& b) { return a.several < b.several; });
+    for (unsigned i = 0; i < index_->shape_count; ++i) index_->values |= index_->shapes[i].values;
+  }
+
+ private:
+  // The clause that makes the sequence's key one of few; 0 where its values do. Of equal ones it is the one
+  // that most sequences have, so that few families of lists are asked.
+  uint32_t telling_clause(const t_pol_entry& entry) {
+    uint32_t best = 0;
+    uint32_t fewest = 0;
+    bool few = false;
+    each_key(entry, [&](uint64_t key, uint32_t clause) {
+      const uint32_t alike = std::max(tally_->of(key), kFewAlike);
+      if (clause == 0) {
+        few = alike == kFewAlike;
+      } else if ((!few || (clause & asked_) != 0) &&
+                 (best == 0 || alike < fewest || (alike == fewest && with(clause) > with(best)))) {
+        fewest = alike;
+        best = clause;
+      }
+    });
+    return best;
+  }
+
+  uint32_t with(uint32_t clause) const {
+    return clause != 0 ? survey_.with[std::countr_zero(clause)] : 0;
+  }
+
+  IndexShape fitting_shape(const t_pol_entry& entry) {
+    IndexShape wanted = {entry.match_flags & kIndexValues, telling_clause(entry)};
+    IndexShape* nearest = nullptr;
+    for (unsigned i = 0; i < index_->shape_count; ++i) {
+      IndexShape* shape = &index_->shapes[i];
+      if (shape->values == wanted.values && shape->several == wanted.several) return *shape;
+      if (((shape->values | shape->several) & ~entry.match_flags) != 0) continue;
+      if (nearest == nullptr || clauses_of(*shape) > clauses_of(*nearest)) nearest = shape;
+    }
+    if (index_->shape_count >= kFreeShapes) {
+      if (nearest != nullptr && clauses_of(*nearest) != 0) return *nearest;
+      // A shape of one clause, or of none.
+      wanted.values = wanted.several != 0 ? 0 : wanted.values & (~wanted.values + 1);
+      if (nearest != nullptr && clauses_of(wanted) == 0) return *nearest;
+    }
+    return index_->shapes[index_->shape_count++] = wanted;
+  }
+
+  static int clauses_of(const IndexShape& shape) {
+    return std::popcount(shape.values) + (shape.several != 0 ? 1 : 0);
+  }
+
+  // Puts a place before those that the key has.
+  void chain(uint64_t key, uint32_t place) {
+    const uint32_t print = PolicyIndex::print_of(key);
+    for (uint64_t at = key >> index_->shift;; at = (at + 1) & (~uint64_t{0} >> index_->shift)) {
+      IndexBucket* bucket = &index_->buckets[at];
+      for (unsigned i = 0; i < IndexBucket::kSize; ++i) {
+        if (bucket->heads[i] != 0 && bucket->prints[i] != print) continue;
+        bucket->prints[i] = print;
+        index_->nodes[place].next = bucket->heads[i];
+        bucket->heads[i] = place + 1;
+        return;
+      }
+    }
+  }
+
+  void note_list(uint32_t clause, NamedHead* list) {
+    IndexLists* family = index_->families;
+    while (family->clause != 0 && family->clause != clause) ++family;
+    family->clause = clause;
+    const NamedHead** end = family->lists + std::min(family->count, IndexLists::kFew);
+    if (family->count <= IndexLists::kFew) {
+      if (std::find(family->lists, end, list) != end) return;
+      if (family->count++ < IndexLists::kFew) {
+        *end = list;
+        return;
+      }
+      use_directory(family);
+    }
+    enrol(clause, list);
+  }
+
+  void use_directory(IndexLists* family) {
+    ListDirectory* directory = directory_of(ctx_, family->clause);
+    // What others had enrolled is lost to them until their next change.
+    if (directory->broken) directory_clear(directory);
+    for (const NamedHead* list : family->lists) enrol(family->clause, const_cast<NamedHead*>(list));
+    family->generation = directory->generation;
+    ++directory->users;
+  }
+
+  void enrol(uint32_t clause, NamedHead* list) {
+    ListDirectory* directory = directory_of(ctx_, clause);
+    if (directory_has(*directory, *list)) return;
+    directory_enrol(directory, list);
+    enter_elements(directory, list, clause);
+  }
+
+  t_pol_ctx* ctx_;
+  PolicyIndex* index_;
+  const Survey& survey_;
+  Tally* tally_;
+  uint32_t asked_ = 0;  // clauses of several values
+};
+
+PolicyIndex* index_alloc(uint32_t count) {
+  const size_t buckets = std::bit_ceil(size_t{count} / 2 + 2);
+  const size_t head = sizeof(PolicyIndex) + buckets * sizeof(IndexBucket);
+  auto* memory = static_cast<char*>(pol_calloc(1, head + count * sizeof(IndexNode), MEM_UNCOUNTED));
+  if (memory == nullptr) return nullptr;
+  auto* index = reinterpret_cast<PolicyIndex*>(memory);
+  index->count = count;
+  index->buckets = reinterpret_cast<IndexBucket*>(memory + sizeof(PolicyIndex));
+  index->nodes = reinterpret_cast<IndexNode*>(memory + head);
+  index->shift = static_cast<uint8_t>(64 - std::countr_zero(buckets));
+  return index;
+}
+
+void index_free(t_pol_ctx* ctx, PolicyIndex* index) {
+  if (index == nullptr) return;
+  for (const IndexLists& family : index->families) {
+    if (family.generation == 0) continue;
+    ListDirectory* directory = directory_of(ctx, family.clause);
+    if (family.generation == directory->generation && --directory->users == 0) {
+      directory_clear(directory);
+    }
+  }
+  pol_free(index, MEM_UNCOUNTED);
+}
+
 PolicyIndex* index_make(t_pol_ctx* ctx, const t_pol_block& block) {
   const Survey survey = survey_of(block);
   if (survey.count <= kWalked || survey.weight <= kWalkedWeight || survey.left_over) return nullptr;
-  IndexKind kinds[INDEX_KINDS];
-  uint8_t used = 0;
-  for (unsigned kind = 0; kind < INDEX_KINDS; ++kind) {
-    if (kind == INDEX_TYPE && survey.type != 0) continue;
-    if (survey.with[kind] != 0) kinds[used++] = static_cast<IndexKind>(kind);
-  }
-  std::sort(kinds, kinds + used, [&survey](IndexKind a, IndexKind b) {
-    if ((a >= INDEX_VPN_LIST) != (b >= INDEX_VPN_LIST)) return b >= INDEX_VPN_LIST;
-    if (survey.with[a] != survey.with[b]) return survey.with[a] > survey.with[b];
-    return a < b;
-  });
-  auto* index = static_cast<PolicyIndex*>(
-      pol_calloc(1, sizeof(PolicyIndex) + used * sizeof(IndexField), MEM_UNCOUNTED));
+  Tally tally(survey.keys);
+  if (!tally.made()) return nullptr;
+  PolicyIndex* index = index_alloc(survey.count);
   if (index == nullptr) return nullptr;
   index->directories = &ctx->directories;
   index->clauses = survey.clauses;
-  index->type = static_cast<uint8_t>(survey.type);
-  index->count = survey.count;
-  index->words = (survey.count + 63) / 64;
-  index->entries =
-      static_cast<t_pol_entry**>(pol_calloc(survey.count, sizeof(void*), MEM_UNCOUNTED));
-  bool done = index->entries != nullptr;
-  if (done) {
-    uint32_t place = 0;
-    for (t_pol_entry& entry : block.in_order) index->entries[place++] = &entry;
+  uint32_t place = 0;
+  for (t_pol_entry& entry : block.in_order) {
+    index->nodes[place++].entry = &entry;
+    if (can_match(entry)) each_key(entry, [&tally](uint64_t key, uint32_t) { ++tally.of(key); });
   }
-  for (unsigned i = 0; done && i < used; ++i) {
-    IndexField* field = &index->fields[index->field_count++];
-    field->kind = kinds[i];
-    field->without = survey.count - survey.with[kinds[i]];
-    FieldBuilder builder(field, index->words, survey.with[kinds[i]]);
-    for (uint32_t place = survey.count; place-- > 0;) builder.add(*index->entries[place], place);
-    done = builder.finish();
-    if (done && field->list_count > IndexField::kFewLists) enrol_lists(ctx, field);
+  IndexBuilder builder(ctx, index, survey, &tally);
+  for (const t_pol_entry& entry : block.in_order) {
+    if (can_match(entry)) builder.survey(entry);
   }
-  if (!done) {
-    index_free(ctx, index);
-    return nullptr;
-  }
+  while (place-- > 0) builder.enter(place);
+  builder.finish();
   index->fresh = true;
   return index;
 }
 
 }  // namespace
 
-uint64_t index_key(const t_ipaddr& address) {
+uint32_t index_hash(const t_ipaddr& address) {
   t_tloc_id tloc = {};
   tloc.family = address.family;
   if (address.family == KEL_AF_INET) {

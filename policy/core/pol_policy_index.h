@@ -2,11 +2,13 @@
 //
 // pol_policy_index.h - what lets evaluation pass over the sequences of a policy that cannot match.
 //
-// A policy of more than a few sequences has an index: for each kind of clause that it uses, the
-// sequences without such a clause, and a table from values (lists: from lists) to the sequences that
-// ask for them. A route's values each lead to the sequences that they do not rule out; what is left of
-// all of them is tried by the rules (route/pol_candidates.h). An index rules out and nothing else: a hash
-// may stand for a value, and a list that may hold a value for one that does.
+// A policy of more than a few sequences has an index: a table in which each sequence stands once, under
+// values that it asks for all together. Its single values (tag, preference and so on) are the key; where
+// too many sequences share them, one clause more is in it of which a route has several values: a list, a
+// group or the origin. Which clauses are in the key is a shape, and a policy has few of them. A route's
+// values give one key a shape, and one more for each list that holds the route; what stands under these
+// keys is tried by the rules, lowest number first (route/pol_candidates.h). An index rules out and nothing
+// else: what a key leaves out is the rules' to test, and a hash stands for the key.
 //
 // Lists keep no place in the index for their elements: a policy of few lists asks each list, one of many
 // has its lists enrolled in the context's directory of their family. So elements come and go without
@@ -17,16 +19,15 @@
 // first user. Where memory runs out there is no index until the policy's next change. All memory is
 // uncounted.
 //
-// Sets of sequences are by place in the order of numbers, 64 in a word. A table's set is a chain of its
-// words that are not zero, lowest first, so that memory grows with the clauses and not with values times
-// sequences.
-//
 // Invariants
-//   1. An index that is not stale has the sequences of its policy's queue, in order.
+//   1. An index that is not stale has the sequences of its policy's queue, in order, and in the table those
+//      that can match at all.
 //   2. Every list in it is one that a clause of the policy is registered on, so it outlives a fresh
 //      index. No index is made while a clause is left over on a list (NamedHead::stale).
+//   3. A key's chain has its sequences by ascending number.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 
 #include "core/pol_block_internal.h"
@@ -35,82 +36,92 @@ namespace pol {
 
 struct Directories;
 
-enum IndexKind : uint8_t {
-  INDEX_TYPE,
-  INDEX_TAG,
-  INDEX_PREFERENCE,
-  INDEX_DOMAIN,
-  INDEX_VPN_ID,
-  INDEX_SITE,
-  INDEX_CARRIER,
-  INDEX_COLOR,
-  INDEX_TLOC,
-  INDEX_ORIGIN,
-  INDEX_ORIGINATOR,
-  INDEX_GROUP,
-  INDEX_VPN_LIST,  // from here on lists
-  INDEX_SITE_LIST,
-  INDEX_TLOC_LIST,
-  INDEX_COLOR_LIST,
-  INDEX_PFX_LIST,
-  INDEX_KINDS,
+// Clauses of which a route has one value, and those of which it has several.
+constexpr uint32_t kIndexValues = POL_MATCH_F_TAG | POL_MATCH_F_PREF | POL_MATCH_F_DOMAIN |
+                                  POL_MATCH_F_VPN_ID | POL_MATCH_F_TLOC | POL_MATCH_F_SITE |
+                                  POL_MATCH_F_ORIGINATOR | POL_MATCH_F_CARRIER | POL_MATCH_F_COLOR;
+constexpr uint32_t kIndexLists = POL_MATCH_F_VPN_LIST | POL_MATCH_F_TLOC_LIST |
+                                 POL_MATCH_F_SITE_LIST | POL_MATCH_F_PFX_LIST |
+                                 POL_MATCH_F_COLOR_LIST;
+constexpr uint32_t kIndexSeveral = kIndexLists | POL_MATCH_F_GROUP | POL_MATCH_F_ORIGIN;
+
+// The clauses in a key.
+struct IndexShape {
+  uint32_t values;   // of kIndexValues
+  uint32_t several;  // one of kIndexSeveral, or 0
 };
 
-struct IndexWord {
-  uint64_t bits;  // never 0
-  uint32_t at;    // which 64 sequences
-  uint32_t next;  // in IndexField::more, from 1; 0: the last
+// The lists of one family that stand in keys.
+struct IndexLists {
+  // A policy of so few asks each.
+  static constexpr uint32_t kFew = 3;
+
+  uint32_t clause;      // POL_MATCH_F_*_LIST
+  uint32_t count;       // of `lists`; more than kFew: they are in the directory
+  uint32_t generation;  // of the directory
+  const NamedHead* lists[kFew];
 };
 
-struct IndexSlot {
-  uint64_t key;
-  IndexWord first;  // bits 0: free
+// Four keys that a look-up compares at once.
+struct IndexBucket {
+  static constexpr unsigned kSize = 4;
+  using Four = uint32_t __attribute__((vector_size(16)));
+
+  Four prints;  // of the keys
+  Four heads;   // places in `nodes`, from 1; 0: free, as those behind it
 };
 
-struct IndexField {
-  // A policy of so few lists asks each.
-  static constexpr unsigned kFewLists = 3;
+struct IndexNode {
+  t_pol_entry* entry;
+  uint32_t next;  // as `head`; 0: the last
+};
 
-  IndexKind kind;
-  uint8_t list_count;   // of `lists`
-  uint32_t generation;  // of the directory that has the lists; 0: each is asked
-  uint32_t mask;        // of `slots`
-  uint32_t without;     // sequences that have no such clause
-  uint64_t* any;        // these, a bit each; null when there are none
-  uint64_t* any_words;  // a bit for each word of `any` that is not zero
-  IndexSlot* slots;     // open addressing
-  IndexWord* more;
-  const NamedHead* lists[kFewLists];
+// Followed by its arrays, all in one piece of memory.
+struct alignas(IndexBucket) PolicyIndex {
+  static constexpr unsigned kFamilies = 5;
+  // Those beyond the first 16 have at most one clause each.
+  static constexpr unsigned kMostShapes = 16 + 17;
 
-  const IndexWord* find(uint64_t key) const {
-    for (uint32_t i = hash(key) & mask;; i = (i + 1) & mask) {
-      if (slots[i].first.bits == 0) return nullptr;
-      if (slots[i].key == key) return &slots[i].first;
+  bool fresh;
+  uint8_t shift;  // of a key: what is left is a place in `buckets`
+  uint8_t shape_count;
+  uint32_t clauses;  // match_flags of all sequences together
+  uint32_t values;   // of all shapes together
+  uint32_t count;
+  IndexNode* nodes;      // by order of sequences
+  IndexBucket* buckets;  // a full one goes on in the next
+  const Directories* directories;
+  IndexLists families[kFamilies];
+  IndexShape shapes[kMostShapes];  // those of the same `several` side by side, without it first
+
+  // What a key's sequences are chained from; 0: there are none.
+  uint32_t head_of(uint64_t key) const {
+    const uint32_t print = print_of(key);
+    const IndexBucket::Four prints = {print, print, print, print};
+    for (uint64_t at = key >> shift;; at = (at + 1) & (~uint64_t{0} >> shift)) {
+      const IndexBucket& bucket = buckets[at];
+      using Two = uint64_t __attribute__((vector_size(16)));
+      const Two same = reinterpret_cast<Two>((bucket.prints == prints) & bucket.heads);
+      const uint64_t both = same[0] | same[1];
+      const auto head = static_cast<uint32_t>(both | both >> 32);
+      if (bucket.heads[IndexBucket::kSize - 1] == 0 || head != 0) return head;
     }
   }
-  static uint32_t hash(uint64_t key) {
-    return static_cast<uint32_t>((key * 0x9e3779b97f4a7c15) >> 32);
-  }
+  // A key's upper bits name its bucket.
+  static uint32_t print_of(uint64_t key) { return static_cast<uint32_t>(key >> 8); }
+
+  static constexpr uint64_t kOdd = 0x9e3779b97f4a7c15;
 };
 
-struct PolicyIndex {
-  bool fresh;
-  uint8_t field_count;
-  uint8_t type;  // the match type of all sequences; 0: they have several
-  uint32_t words;
-  uint32_t clauses;  // match_flags of all sequences together
-  uint32_t count;
-  t_pol_entry** entries;
-  const Directories* directories;
-  IndexField fields[1];  // field_count: values first, then lists, the more telling ones first
-};
-
-uint64_t index_key(const t_ipaddr& address);
-inline uint64_t index_origin_key(uint8_t protocol, uint8_t subtype) {
-  return 0x10000u | unsigned{protocol} << 8 | subtype;
+// A key is the sum of what its parts give: the match type and the clauses.
+inline uint64_t index_key_of_type(uint32_t type) { return (type + 1) * PolicyIndex::kOdd; }
+inline uint64_t index_key_of(uint32_t clause, uint64_t value) {
+  return std::rotl((value + clause) * PolicyIndex::kOdd, __builtin_ctz(clause));
 }
-// Of routes of protocol 4, for which the sequence's is not compared.
-inline uint64_t index_origin_key(uint8_t subtype) { return 0x20000u | subtype; }
+inline uint64_t index_key_of(uint32_t clause, const NamedHead* list) {
+  return index_key_of(clause, reinterpret_cast<uintptr_t>(list));
+}
+uint32_t index_hash(const t_ipaddr& address);
 
 // What notes a change, policy_index_stale, stands where lists can call it, too (lists/named_list.h).
 // Makes the policy's index if it waits for that.

@@ -10,8 +10,8 @@
 enum pol_user_flag : uint8_t { POL_USER_QUEUED = 0x1 };
 
 // Invariants
-//   1. A user with a policy stands among that policy's users, and either on the change list or among
-//      those of the policy that are not queued.
+//   1. A user with a policy stands among that policy's users, and either on the change list or
+//      among those of the policy that are not queued.
 //   2. `place` grows along a policy's users.
 struct t_pol_user {
   uint32_t kind;  // first: a handle whose first word is 0 is none

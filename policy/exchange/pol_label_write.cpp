@@ -116,8 +116,10 @@ bool write_tlocs(const Edit& edit, const t_pol_label_set& labels) {
   return true;
 }
 
+// One that was never written need not go.
 bool delete_label(const Edit& edit) {
   if (maapi_delete(edit.sock, edit.trans, "%s/vpn-label", edit.set) == YARROW_OK) return true;
+  if (yarrow_errno == YARROW_ERR_NOEXISTS) return true;
   POL_LOG("vpn-label %s/vpn-label delete failed - %s(%d)-%s\n", edit.set, POL_AGENT_REASON);
   return false;
 }

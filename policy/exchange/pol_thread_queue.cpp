@@ -43,11 +43,15 @@ void thread_unlink(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_que
 
 void thread_count(uint64_t* count) { __atomic_add_fetch(count, 1, __ATOMIC_RELAXED); }
 
-// Linux says that a pipe takes more only while a whole page of it is free: room for the bytes of all
-// who were told so at once, so that no write waits for a worker that may never read again.
+// Linux says that a pipe takes more only while a whole page of it is free: room for the bytes of
+// all who were told so at once, so that no write waits for a worker that may never read again.
 bool thread_wake(const t_pol_yarrow_thread* thread) {
   pollfd end = {thread->write_fd, POLLOUT, 0};
-  return poll(&end, 1, 0) == 0 || write(thread->write_fd, "1", 1) == 1;
+  int ready = -1;
+  do {
+    ready = poll(&end, 1, 0);  // a signal ends it even so, and says nothing of the pipe
+  } while (ready < 0 && errno == EINTR);
+  return ready == 0 || write(thread->write_fd, "1", 1) == 1;
 }
 
 void thread_push(t_pol_yarrow_thread* thread, ThreadQueue queue, t_pol_thread_queue_item* item) {

@@ -12,7 +12,6 @@
 #include "base/pol_memory.h"
 #include "base/pol_name.h"
 #include "core/pol_context_internal.h"
-#include "exchange/pol_xml_text_internal.h"
 #include "policy/pol_dump.h"
 #include "policy/pol_fwd_document.h"
 
@@ -115,8 +114,8 @@ int unlock(t_pol_ctx* ctx) {
   return error;
 }
 
-// Hands on an object's text, if there is one, to what appends it; the text may be replaced as soon as
-// the cache is unlocked.
+// Hands on an object's text, if there is one, to what appends it; the text may be replaced as soon
+// as the cache is unlocked.
 template <class Append>
 uint32_t append_text(int32_t type, const char* name, Append append) {
   t_pol_ctx* ctx = g_pol_ctx_p;
@@ -143,7 +142,8 @@ bool pieces_grow(pol::XmlPieces* pieces) {
   return true;
 }
 
-// Shows the texts to `look`, several while the cache is locked, yet never so long that the worker waits.
+// Shows the texts to `look`, several while the cache is locked, yet never so long that the worker
+// waits.
 template <class Look>
 uint32_t each_text(const pol::XmlPieces& pieces, Look look) {
   constexpr size_t kAtOnce = 64 * 1024;
@@ -152,6 +152,8 @@ uint32_t each_text(const pol::XmlPieces& pieces, Look look) {
   for (size_t i = 0; i < pieces.count;) {
     if (!lock(ctx)) return POL_ELOCK;
     for (size_t cost = 0; i < pieces.count && cost < kAtOnce; ++i) {
+      constexpr size_t kAhead = 8;
+      __builtin_prefetch(&pieces.items[std::min(i + kAhead, pieces.count - 1)]->text);
       const t_pol_xml_config& config = *pieces.items[i];
       if (config.text != nullptr) look(std::string_view(config.text, config.size));
       cost += kTextCost + config.size;
@@ -252,6 +254,21 @@ uint32_t pol_xml_config_get_str(int32_t type, const char* name, char** buffer, u
 uint32_t pol::xml_config_append(int32_t type, const char* name, XmlText* text) {
   return append_text(type, name,
                      [=](std::string_view more) { return xml_text_append(text, more); });
+}
+
+uint32_t pol::xml_pieces_init(XmlPieces* pieces) {
+  constexpr size_t kInitialRoom = 256;
+  *pieces = {};
+  pieces->items = static_cast<const t_pol_xml_config**>(
+      pol_malloc(kInitialRoom * sizeof *pieces->items, MEM_PEER_XML));
+  if (pieces->items == nullptr) return POL_ENOMEM;
+  pieces->room = kInitialRoom;
+  return POL_OK;
+}
+
+void pol::xml_pieces_free(XmlPieces* pieces) {
+  pol_free(pieces->items, MEM_PEER_XML);
+  *pieces = {};
 }
 
 uint32_t pol::xml_pieces_append(int32_t type, const char* name, XmlRef* known, XmlPieces* pieces) {

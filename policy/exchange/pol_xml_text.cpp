@@ -43,21 +43,8 @@ void pol::xml_text_free(XmlText* text) {
   *text = {};
 }
 
-uint32_t pol::xml_pieces_init(XmlPieces* pieces) {
-  *pieces = {};
-  pieces->items = static_cast<const t_pol_xml_config**>(pol_malloc(kInitialRoom, MEM_PEER_XML));
-  if (pieces->items == nullptr) return POL_ENOMEM;
-  pieces->room = kInitialRoom / sizeof *pieces->items;
-  return POL_OK;
-}
-
-void pol::xml_pieces_free(XmlPieces* pieces) {
-  pol_free(pieces->items, MEM_PEER_XML);
-  *pieces = {};
-}
-
-// A buffer that was grown has no room left, so each later append grows it again: on purpose, callers
-// outside go by the room.
+// A buffer that was grown has no room left, so each later append grows it again: kept on purpose,
+// for a caller to see in `room`.
 uint32_t pol_fwd_policy_append(const char* text, int32_t size, char** buffer, uint32_t* room) {
   if (text == nullptr || size < 0 || buffer == nullptr || room == nullptr) return POL_OK;
   auto added = static_cast<uint32_t>(size);

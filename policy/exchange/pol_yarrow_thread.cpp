@@ -107,6 +107,7 @@ bool work_queue(t_pol_yarrow_thread* thread, unsigned queue) {
     t_pol_thread_queue_item* item = thread->queues[queue].front();
     unlock(thread, queue);
     if (item == nullptr) return true;
+    if (item->exit != 0) return false;  // it came since the look
     // It stays on the queue meanwhile: the host may ask whether all is done.
     if (!work_or_drop(thread, queue, item)) continue;
     if (!lock(thread, queue)) return true;
@@ -215,8 +216,8 @@ uint32_t init_events(t_pol_yarrow_thread* thread) {
   return POL_OK;
 }
 
-// The host's signals stay with the host's threads, but not those of the worker's own faults: blocked,
-// they would end the process past every handler that the host has for them.
+// The host's signals stay with the host's threads, but not those of the worker's own faults:
+// blocked, they would end the process past every handler that the host has for them.
 void start(t_pol_yarrow_thread* thread) {
   sigset_t blocked;
   sigset_t before;

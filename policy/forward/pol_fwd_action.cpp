@@ -155,7 +155,7 @@ t_pol_fwd_user* pol_fwd_entry_set_tloc_list_add(t_pol_ctx* ctx, t_pol_entry* ent
   t_pol_fwd_user* user = pol::fwd_user(*entry);
   if (pol::fwd_ref_names(*entry, pol::kFwdTlocList, name)) return user;
   if (!pol::fwd_ref_replace(ctx, entry, pol::kFwdTlocList, name)) return nullptr;
-  *changed = 1;
+  pol::mark_changed(changed);
   entry->block->sets |= POL_SETS_FWD_TLOC_LIST;
   entry->set_flags |= POL_FWD_SET_F_TLOC_LIST;
   pol_fwd_upd_set_internal_tloc_list(ctx, user, pol::list_of<t_tloc_list>(user->tloc_list));
@@ -167,7 +167,7 @@ void pol_fwd_entry_set_tloc_list_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint
   if (ctx == nullptr || entry == nullptr) return;
   pol::fwd_check(*entry);
   if (!pol::fwd_ref_drop(ctx, entry, pol::kFwdTlocList)) return;
-  *changed = 1;
+  pol::mark_changed(changed);
   entry->block->sets &= ~POL_SETS_FWD_TLOC_LIST;
   pol::fwd_tlocs_clear(entry);
   pol_block_users_add_to_chg_list(ctx, entry->block);

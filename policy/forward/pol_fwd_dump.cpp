@@ -108,6 +108,7 @@ void dump_set(const t_pol_entry& entry, const pol::FwdRef& ref, const char* word
 }  // namespace
 
 void pol_dump_fwd_entry(t_pol_entry* entry, t_cli_user_ctx* cli) {
+  if (entry == nullptr) return;
   pol::fwd_check(*entry);
   char text[kText] = "";
   maapi_cli_printf(cli, "\n    Entry %d (%p) (%s 0x%x)", static_cast<int>(entry->sequence),
@@ -126,10 +127,12 @@ void pol_dump_fwd_entry(t_pol_entry* entry, t_cli_user_ctx* cli) {
 }
 
 void pol_dump_fwd_vpn_entry(t_pol_fwd_vpn_entry* vpn, t_cli_user_ctx* cli) {
+  if (vpn == nullptr) return;
+  // A host may have taken the record off its list itself.
+  const char* list = vpn->vpn_list != nullptr ? vpn->vpn_list->head.name : nullptr;
   maapi_cli_printf(cli, "\n  vpn: %s (%p), (list: %p)", vpn->name, static_cast<void*>(vpn),
                    static_cast<void*>(vpn->vpn_list));
-  dump_fetch_time("VPN-list yarrow",
-                  pol::xml_fetch_time(POL_XML_VPN_LIST, vpn->vpn_list->head.name), cli);
+  dump_fetch_time("VPN-list yarrow", pol::xml_fetch_time(POL_XML_VPN_LIST, list), cli);
   for (t_pol_entry* entry = vpn->entries.first(); entry != nullptr;
        entry = vpn->entries.next(entry)) {
     pol_dump_fwd_entry(entry, cli);
@@ -137,6 +140,7 @@ void pol_dump_fwd_vpn_entry(t_pol_fwd_vpn_entry* vpn, t_cli_user_ctx* cli) {
 }
 
 void pol_dump_fwd_block(t_pol_block* block, t_cli_user_ctx* cli) {
+  if (block == nullptr) return;
   maapi_cli_printf(cli, "\nPolicy: %s type: %s (%p)", block->name, pol_util_type_str(block->kind),
                    static_cast<void*>(block));
   if (pol::is_forwarding(block->kind)) {

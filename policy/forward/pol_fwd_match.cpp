@@ -102,7 +102,7 @@ t_pol_fwd_user* pol_fwd_entry_sla_class_add(t_pol_ctx* ctx, t_pol_entry* entry, 
     if (user == nullptr) return nullptr;
   } else if (entry->fwd.sla_option != option || entry->fwd.sla_value != value) {
     // On purpose: nobody is queued here; the operation by path does so for what it changed.
-    *changed = 1;
+    pol::mark_changed(changed);
   }
   entry->fwd.sla_option = option;
   entry->fwd.sla_value = value;
@@ -114,7 +114,7 @@ void pol_fwd_entry_sla_class_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t*
     return;
   }
   entry->fwd.sla_option = 0;  // on purpose without the value, which stays
-  *changed = 1;
+  pol::mark_changed(changed);
   pol_block_users_add_to_chg_list(ctx, entry->block);
 }
 

@@ -2,6 +2,8 @@
 // The roles in which a sequence names an object, and what is done with a role.
 #include "forward/pol_fwd_ref.h"
 
+#include <algorithm>
+
 #include "base/pol_crash.h"
 #include "base/pol_name.h"
 #include "forward/pol_fwd_block_internal.h"
@@ -49,40 +51,55 @@ constexpr auto kAction = &t_pol_entry::set_flags;
 namespace pol {
 
 // clang-format off
-const FwdRef kFwdSrcPfx = {
+constexpr FwdRef kFwdSrcPfx = {
     POL_FWD_MATCH_F_SRC_PFX, kMatch, POL_XML_DATA_PREFIX_LIST, &t_pol_fwd_user::src_pfx,
     add<pol_fwd_pfx_list_user_add, kSrc>, remove<t_fwd_pfx_list, pol_fwd_pfx_list_user_remove, kSrc>};
-const FwdRef kFwdDstPfx = {
+constexpr FwdRef kFwdDstPfx = {
     POL_FWD_MATCH_F_DST_PFX, kMatch, POL_XML_DATA_PREFIX_LIST, &t_pol_fwd_user::dst_pfx,
     add<pol_fwd_pfx_list_user_add, kDst>, remove<t_fwd_pfx_list, pol_fwd_pfx_list_user_remove, kDst>};
-const FwdRef kFwdSrcPfx6 = {
+constexpr FwdRef kFwdSrcPfx6 = {
     POL_FWD_MATCH_F_SRC_PFX6, kMatch, POL_XML_DATA_IPV6_PREFIX_LIST, &t_pol_fwd_user::src_pfx6,
     add<pol_fwd_pfx6_list_user_add, kSrc>, remove<t_fwd_pfx_list, pol_fwd_pfx6_list_user_remove, kSrc>};
-const FwdRef kFwdDstPfx6 = {
+constexpr FwdRef kFwdDstPfx6 = {
     POL_FWD_MATCH_F_DST_PFX6, kMatch, POL_XML_DATA_IPV6_PREFIX_LIST, &t_pol_fwd_user::dst_pfx6,
     add<pol_fwd_pfx6_list_user_add, kDst>, remove<t_fwd_pfx_list, pol_fwd_pfx6_list_user_remove, kDst>};
-const FwdRef kFwdAppId = {
+constexpr FwdRef kFwdAppId = {
     POL_FWD_MATCH_F_APP_ID, kMatch, 0, &t_pol_fwd_user::app_id,
     add<pol_fwd_app_id_user_add>, remove<t_fwd_app_id, pol_fwd_app_id_user_remove>};
-const FwdRef kFwdAppList = {
+constexpr FwdRef kFwdAppList = {
     POL_FWD_MATCH_F_APP_LIST, kMatch, POL_XML_APP_LIST, &t_pol_fwd_user::app_list,
     add<pol_app_list_user_add>, remove<t_app_list, pol_app_list_user_remove>};
-const FwdRef kFwdDnsAppList = {
+constexpr FwdRef kFwdDnsAppList = {
     POL_FWD_MATCH_F_DNS_APP_LIST, kMatch, POL_XML_APP_LIST, &t_pol_fwd_user::dns_app_list,
     add<pol_dns_app_list_user_add>, remove<t_app_list, pol_dns_app_list_user_remove>};
-const FwdRef kFwdSaasAppList = {
+constexpr FwdRef kFwdSaasAppList = {
     POL_FWD_MATCH_F_SAAS_APP_LIST, kMatch, POL_XML_APP_LIST, &t_pol_fwd_user::saas_app_list,
     add<pol_saas_app_list_user_add>, remove<t_app_list, pol_saas_app_list_user_remove>};
-const FwdRef kFwdSlaClass = {
+constexpr FwdRef kFwdSlaClass = {
     POL_FWD_SET_F_SLA_CLASS, kAction, POL_XML_SLA_CLASS, &t_pol_fwd_user::sla_class,
     add<pol_fwd_sla_class_user_add>, remove<t_fwd_sla_class, pol_fwd_sla_class_user_remove>};
-const FwdRef kFwdPolicer = {
+constexpr FwdRef kFwdPolicer = {
     POL_FWD_SET_F_POLICER, kAction, POL_XML_POLICER, &t_pol_fwd_user::policer,
     add<pol_fwd_policer_user_add>, remove<t_fwd_policer, pol_fwd_policer_user_remove>};
-const FwdRef kFwdTlocList = {
+constexpr FwdRef kFwdTlocList = {
     POL_FWD_SET_F_TLOC_LIST, kAction, POL_XML_TLOC_LIST, &t_pol_fwd_user::tloc_list,
     add_tloc_list, remove_tloc_list};
 // clang-format on
+
+namespace {
+
+template <size_t N>
+constexpr bool each_has_one_ref(const FwdRole (&roles)[N]) {
+  return std::ranges::all_of(roles, [](const FwdRole& role) {
+    return std::ranges::count_if(kFwdRefs,
+                                 [&](const FwdRef* ref) { return ref->user == role.user; }) == 1;
+  });
+}
+static_assert(each_has_one_ref(kAppListRoles) && each_has_one_ref(kFwdPfxRoles) &&
+              each_has_one_ref(kFwdPfx6Roles) && each_has_one_ref(kAppIdRoles) &&
+              each_has_one_ref(kSlaClassRoles) && each_has_one_ref(kPolicerRoles));
+
+}  // namespace
 
 bool fwd_ref_names(const t_pol_entry& entry, const FwdRef& ref, const char* name) {
   const NamedHead* object = fwd_object(entry, ref);
@@ -127,7 +144,7 @@ t_pol_fwd_user* fwd_ref_add(t_pol_ctx* ctx, t_pol_entry* entry, const char* name
   if (fwd_ref_names(*entry, ref, name)) return entry->fwd.user;
   entry->*ref.flags |= ref.flag;
   if (!fwd_ref_replace(ctx, entry, ref, name)) return nullptr;
-  *changed = 1;
+  mark_changed(changed);
   pol_block_users_add_to_chg_list(ctx, entry->block);
   return entry->fwd.user;
 }
@@ -136,7 +153,7 @@ void fwd_ref_delete(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed, const 
   if (ctx == nullptr || entry == nullptr) return;
   fwd_check(*entry);
   if (!fwd_ref_drop(ctx, entry, ref)) return;
-  *changed = 1;
+  mark_changed(changed);
   pol_block_users_add_to_chg_list(ctx, entry->block);
 }
 

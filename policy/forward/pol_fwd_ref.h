@@ -7,11 +7,11 @@
 // could not be had (NamedHead.stale), and none once the old one is freed.
 #pragma once
 
-#include <cstddef>
 #include <iterator>
 
 #include "base/pol_crash.h"
 #include "forward/pol_fwd_block_internal.h"
+#include "lists/pol_fwd_roles.h"
 #include "policy/pol_fwd_match.h"
 
 namespace pol {
@@ -41,9 +41,7 @@ extern const FwdRef kFwdTlocList;
 inline constexpr const FwdRef* kFwdRefs[] = {
     &kFwdSrcPfx,     &kFwdDstPfx,      &kFwdSrcPfx6,  &kFwdDstPfx6, &kFwdAppId,   &kFwdAppList,
     &kFwdDnsAppList, &kFwdSaasAppList, &kFwdSlaClass, &kFwdPolicer, &kFwdTlocList};
-inline constexpr size_t kFwdRoles = std::size(kFwdRefs);
-static_assert(offsetof(t_pol_fwd_user, entry) == kFwdRoles * sizeof(t_pol_clause_user),
-              "every registration is a role's");
+static_assert(std::size(kFwdRefs) == kFwdRoles);
 
 // Ends the process unless the entry is a sequence of a forwarding policy: others have clauses where
 // it has its roles, and so has a default action.

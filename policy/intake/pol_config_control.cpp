@@ -69,19 +69,48 @@ uint32_t read_policy(t_pol_ctx* ctx, uint32_t op, const char* name, uint32_t kin
   return finish(ctx, changed);
 }
 
-// False when the sequence is new and cannot be made; null in `entry` when it is not there.
-bool reported_entry(t_pol_ctx* ctx, uint32_t op, t_pol_block* block, const char* name,
-                    uint16_t sequence, const char* what, t_pol_entry** entry, uint8_t* changed,
-                    pol::Caller reader = pol::Caller::here()) {
-  if (op != POL_CFG_CREATED) {
-    *entry = pol_entry_find(ctx, block, sequence, nullptr);
-    return true;
+// What the readers of both kinds do with a report of a sequence before they read its leaves.
+struct SequenceReport {
+  t_pol_entry* entry = nullptr;  // null when it is not there
+  uint8_t changed = 0;
+  bool done = false;  // the reader ends with `status`
+  uint32_t status = 0;
+};
+
+struct SequenceKind {
+  uint32_t kind;
+  const char* title;
+  const char* word;
+};
+constexpr SequenceKind kControl = {POL_KIND_ROUTE, "Control", "control"};
+constexpr SequenceKind kMembership = {POL_KIND_MEMBERSHIP, "Membership", "membership"};
+
+SequenceReport begin_sequence(t_pol_ctx* ctx, uint32_t op, const pol_cfg_value* keys,
+                              const pol::Leaves& leaves, const SequenceKind& kind,
+                              pol::Caller reader = pol::Caller::here()) {
+  const char* name = pol::Keys(keys).text(0);
+  const uint16_t sequence = pol::Keys(keys).sequence(1);
+  t_pol_block* block = pol_block_find(ctx, name, kind.kind, nullptr);
+  POL_LOG_FROM(reader, "%s Policy: %s, seq: %d oper:%d, num_values:%u\n", kind.title, name,
+               sequence, static_cast<int>(op), leaves.count());
+  SequenceReport report;
+  if (op == POL_CFG_DELETED) {
+    pol_entry_find_and_delete(ctx, block, sequence, &report.changed);
+    report.done = true;
+    report.status = finish(ctx, report.changed);
+    return report;
   }
-  *entry = pol_entry_find_or_create(ctx, block, sequence, changed);
-  if (*entry != nullptr) return true;
-  POL_LOG_FROM(reader, "Failed to create %s policy entry - pol: %s, seq: %d\n", what, name,
+  if (op != POL_CFG_CREATED) {
+    report.entry = pol_entry_find(ctx, block, sequence, nullptr);
+    return report;
+  }
+  report.entry = pol_entry_find_or_create(ctx, block, sequence, &report.changed);
+  if (report.entry != nullptr) return report;
+  POL_LOG_FROM(reader, "Failed to create %s policy entry - pol: %s, seq: %d\n", kind.word, name,
                sequence);
-  return false;
+  report.done = true;
+  report.status = kFailed;
+  return report;
 }
 
 // A clause that goes with its leaf, and one that names a list.
@@ -390,68 +419,50 @@ uint32_t pol_config_membership_policy_seq_read(void* /*host*/, t_pol_ctx* ctx, u
                                                uint8_t level, const pol_cfg_value* keys,
                                                uint32_t num, const pol_cfg_tag_value* values) {
   pol::check_level(level, kLevelSequence);
-  const char* name = pol::Keys(keys).text(0);
-  const uint16_t sequence = pol::Keys(keys).sequence(1);
   const pol::Leaves leaves(values, num);
-  t_pol_block* block = pol_block_find(ctx, name, POL_KIND_MEMBERSHIP, nullptr);
-  POL_LOG("Membership Policy: %s, seq: %d oper:%d, num_values:%u\n", name, sequence,
-          static_cast<int>(op), leaves.count());
-  uint8_t changed = 0;
-  if (op == POL_CFG_DELETED) {
-    pol_entry_find_and_delete(ctx, block, sequence, &changed);
-    return finish(ctx, changed);
+  SequenceReport report = begin_sequence(ctx, op, keys, leaves, kMembership);
+  if (report.done) return report.status;
+  t_pol_entry* entry = report.entry;
+  uint8_t* changed = &report.changed;
+  if (op == POL_CFG_CREATED) {
+    pol_entry_match_add(ctx, entry->block, entry, POL_MATCH_SERVICE, changed);
   }
-  t_pol_entry* entry = nullptr;
-  if (!reported_entry(ctx, op, block, name, sequence, "membership", &entry, &changed)) {
-    return kFailed;
-  }
-  if (op == POL_CFG_CREATED) pol_entry_match_add(ctx, block, entry, POL_MATCH_SERVICE, &changed);
   for (uint32_t i = 0; i < leaves.count(); ++i) {
     const pol::Leaf leaf = leaves[i];
     pol::log_leaf(i, leaf);
     switch (leaf.tag()) {
       case POL_TAG_VPN_LIST:
         take_list<pol_entry_match_vpn_list_add, pol_entry_match_vpn_list_delete>(ctx, entry, leaf,
-                                                                                 &changed);
+                                                                                 changed);
         break;
       case POL_TAG_VPN:
         take_number<pol_entry_match_vpn_id_add, pol_entry_match_vpn_id_delete>(ctx, entry, leaf,
-                                                                               &changed);
+                                                                               changed);
         break;
       case POL_TAG_ACTION_VALUE:
-        set_action(ctx, entry, leaf, &changed);
+        set_action(ctx, entry, leaf, changed);
         break;
       default:
         break;
     }
   }
-  return finish(ctx, changed);
+  return finish(ctx, report.changed);
 }
 
 uint32_t pol_config_control_policy_seq_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op,
                                             uint8_t level, const pol_cfg_value* keys, uint32_t num,
                                             const pol_cfg_tag_value* values) {
   pol::check_level(level, kLevelSequence);
-  const char* name = pol::Keys(keys).text(0);
-  const uint16_t sequence = pol::Keys(keys).sequence(1);
   const pol::Leaves leaves(values, num);
-  t_pol_block* block = pol_block_find(ctx, name, POL_KIND_ROUTE, nullptr);
-  POL_LOG("Control Policy: %s, seq: %d oper:%d, num_values:%u\n", name, sequence,
-          static_cast<int>(op), leaves.count());
-  uint8_t changed = 0;
-  if (op == POL_CFG_DELETED) {
-    pol_entry_find_and_delete(ctx, block, sequence, &changed);
-    return finish(ctx, changed);
-  }
-  t_pol_entry* entry = nullptr;
-  if (!reported_entry(ctx, op, block, name, sequence, "control", &entry, &changed)) return kFailed;
-  RouteActionLeaves action(ctx, entry, &changed);
+  SequenceReport report = begin_sequence(ctx, op, keys, leaves, kControl);
+  if (report.done) return report.status;
+  RouteActionLeaves action(ctx, report.entry, &report.changed);
   for (uint32_t i = 0; i < leaves.count(); ++i) {
     pol::log_leaf(i, leaves[i]);
     action.take(leaves[i]);
   }
   action.apply();
-  return finish(ctx, changed);
+  return finish(ctx, report.changed);
 }
 
 uint32_t pol_config_control_policy_match_read(void* /*host*/, t_pol_ctx* ctx, uint32_t op,

@@ -129,54 +129,51 @@ void free_table(const TrieCell& cell) {
   if (cell.info.flag == kTable) pol_free(cell.value, MEM_UNCOUNTED);
 }
 
-// Gathers what a descent meets.
-struct Gather {
-  const NamedHead** found;
-  unsigned most;
-  uint8_t length;
-  unsigned count = 0;
+// What a place says beyond what is found already: the new number, or more than `most`.
+unsigned gather_table(const Table& table, uint8_t length, const NamedHead** found, unsigned count,
+                      unsigned most) {
+  if (table.count > kMostAtPlace) return most + 1;
+  for (uint32_t i = 0; i < table.count; ++i) {
+    const Item& item = table.items[i];
+    if (length < item.low || item.high < length) continue;
+    if (count == most) return most + 1;
+    found[count++] = item.list;
+  }
+  return count;
+}
 
-  bool take(const NamedHead* list, uint8_t low, uint8_t high) {
-    if (length < low || high < length) return false;
+template <class Count, class Bits>
+[[gnu::always_inline]] inline unsigned gather(const TrieCell* root, Bits key, uint8_t length,
+                                              const NamedHead** found, unsigned most) {
+  unsigned count = 0;
+  trie_visit<Count>(root, key, length, [&](const TrieCell& cell) {
+    if (cell.info.flag == kTable) {
+      count = gather_table(*static_cast<const Table*>(cell.value), length, found, count, most);
+      return count > most;
+    }
+    if (length < cell.info.low || cell.info.high < length) return false;
     if (count == most) {
       ++count;
       return true;
     }
-    found[count++] = list;
+    found[count++] = static_cast<const NamedHead*>(cell.value);
     return false;
-  }
-
-  bool operator()(const TrieCell& cell) {
-    if (cell.info.flag != kTable) {
-      return take(static_cast<NamedHead*>(cell.value), cell.info.low, cell.info.high);
-    }
-    const auto* table = static_cast<const Table*>(cell.value);
-    if (table->count > kMostAtPlace) {
-      count = most + 1;
-      return true;
-    }
-    for (uint32_t i = 0; i < table->count; ++i) {
-      const Item& item = table->items[i];
-      if (take(item.list, item.low, item.high)) return true;
-    }
-    return false;
-  }
-};
-
-template <class Bits>
-[[gnu::target("popcnt")]] void gather_by_instruction(const TrieCell* root, Bits key,
-                                                     unsigned length, Gather* gather) {
-  trie_visit<CountByInstruction>(root, key, length, *gather);
+  });
+  return count;
 }
 
 template <class Bits>
-unsigned ask(const TrieCell* root, Bits key, unsigned length, Gather* gather) {
-  if (g_cpu_counts) {
-    gather_by_instruction(root, key, length, gather);
-  } else {
-    trie_visit<CountByTricks>(root, key, length, *gather);
-  }
-  return gather->count;
+[[gnu::target("popcnt")]] unsigned gather_by_instruction(const TrieCell* root, Bits key,
+                                                         uint8_t length, const NamedHead** found,
+                                                         unsigned most) {
+  return gather<CountByInstruction>(root, key, length, found, most);
+}
+
+template <class Bits>
+[[gnu::always_inline]] inline unsigned ask(const PrefixTrie<Bits>& trie, Bits key, uint8_t length,
+                                           const NamedHead** found, unsigned most) {
+  if (g_cpu_counts) return gather_by_instruction(trie.root(), key, length, found, most);
+  return gather<CountByTricks>(trie.root(), key, length, found, most);
 }
 
 }  // namespace
@@ -241,17 +238,15 @@ void directory_prefix(ListDirectory* directory, const NamedHead& list, const t_p
 
 unsigned directory_ask(const ListDirectory& directory, uint32_t id, const NamedHead** found,
                        unsigned most) {
-  Gather gather = {found, most, kIdBits};
-  return ask(directory.narrow.root(), id_key(id), kIdBits, &gather);
+  return ask(directory.narrow, id_key(id), uint8_t{kIdBits}, found, most);
 }
 
 unsigned directory_ask(const ListDirectory& directory, const t_ipprefix& prefix,
                        const NamedHead** found, unsigned most) {
-  Gather gather = {found, most, prefix.len};
   if (prefix.addr.family == KEL_AF_INET) {
-    return ask(directory.narrow.root(), pfx_bits_v4(prefix.addr), prefix.len, &gather);
+    return ask(directory.narrow, pfx_bits_v4(prefix.addr), prefix.len, found, most);
   }
-  return ask(directory.wide.root(), pfx_bits_v6(prefix.addr), prefix.len, &gather);
+  return ask(directory.wide, pfx_bits_v6(prefix.addr), prefix.len, found, most);
 }
 
 uint32_t tloc_hash(const t_tloc_id& tloc) {

@@ -38,7 +38,8 @@ struct t_pol_clause_user {
 
 namespace pol {
 
-// What is known of an object's record in the XML cache, until any record goes (t_pol_ctx::xml_generation).
+// What is known of an object's record in the XML cache, until any record goes
+// (t_pol_ctx::xml_generation).
 struct XmlRef {
   const t_pol_xml_config* config;
   uint64_t generation;
@@ -64,12 +65,13 @@ inline int named_compare(const void* key, const void* node) {
       strncmp(static_cast<const char*>(key), static_cast<const char*>(node), POL_LIST_NAME_SIZE));
 }
 
-// Changes come list by list: the list that was asked for last is known without a descent. Zeroed memory
-// before it is created.
+// Changes come list by list: the list that was asked for last is known without a descent. Zeroed
+// memory before it is created.
 template <class List>
 class NamedTree : public AvlTree<List> {
  public:
-  // Null when there is none; then `where` is where it would stand, and `key` its name as lists keep it.
+  // Null when there is none; then `where` is where it would stand, and `key` its name as lists keep
+  // it.
   List* find_named(const char* name, char (&key)[POL_LIST_NAME_SIZE], avl_index* where) {
     if (last_ != nullptr && strncmp(name, last_->head.name, POL_LIST_NAME_SIZE - 1) == 0) {
       return last_;
@@ -166,8 +168,8 @@ inline bool is_stale(const t_pol_clause_user& user) {
   return user.list != nullptr && user.queue == &user.list->stale;
 }
 
-// Notes that a sequence of the policy, or its match clauses, change: its index may name lists that they
-// leave (core/pol_policy_index.h).
+// Notes that a sequence of the policy, or its match clauses, change: its index may name lists that
+// they leave (core/pol_policy_index.h).
 void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block);
 
 // A user of one list, in one role, at a time: it leaves any other.

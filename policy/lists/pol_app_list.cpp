@@ -13,9 +13,7 @@ struct AppFacts {
   static constexpr int32_t kXmlType = POL_XML_APP_LIST;
   static constexpr const char* kTitle = "\n              APP LISTS    ";
   static constexpr const char* kWord = "app-list";
-  static constexpr pol::FwdRole kRoles[] = {{&t_pol_fwd_user::app_list, "APP LIST"},
-                                            {&t_pol_fwd_user::dns_app_list, "DNS APP LIST"},
-                                            {&t_pol_fwd_user::saas_app_list, "SAAS APP LIST"}};
+  static constexpr auto& kRoles = pol::kAppListRoles;
 };
 using AppLists = pol::FwdObjectList<AppFacts>;
 

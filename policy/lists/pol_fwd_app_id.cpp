@@ -13,7 +13,7 @@ struct AppIdFacts {
   static constexpr int32_t kXmlType = 0;
   static constexpr const char* kTitle = "\n     FORWARDING APP IDS         ";
   static constexpr const char* kWord = "app-id";
-  static constexpr pol::FwdRole kRoles[] = {{&t_pol_fwd_user::app_id, "APP ID"}};
+  static constexpr auto& kRoles = pol::kAppIdRoles;
 };
 using AppIds = pol::FwdObjectList<AppIdFacts>;
 

@@ -9,7 +9,8 @@
 //   kTree       its tree in the context
 //   kMemory     its memory type
 //   kXmlType    enum pol_xml_type of its text; 0 when the agent has none
-//   kTitle, kWord, kRoles   what its dump says; kRoles in the order of Node::users
+//   kTitle, kWord   what its dump says
+//   kRoles      in which roles it is used, of pol_fwd_roles.h
 #pragma once
 
 #include <iterator>
@@ -18,15 +19,10 @@
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
 #include "lists/named_list.h"
+#include "lists/pol_fwd_roles.h"
 #include "policy/pol_xml_config.h"
 
 namespace pol {
-
-// A way in which a sequence uses an object.
-struct FwdRole {
-  t_pol_clause_user t_pol_fwd_user::*user;
-  const char* word;
-};
 
 template <class Facts>
 struct FwdObjectList {
@@ -85,7 +81,7 @@ struct FwdObjectList {
     }
     for (size_t role = 0; role < std::size(node->users); ++role) {
       for (const t_pol_clause_user& user : node->users[role]) {
-        maapi_cli_printf(cli, "\n  %s User: %s", Facts::kRoles[role].word,
+        maapi_cli_printf(cli, "\n  %s User: %s", Facts::kRoles[role].dump_word,
                          user.block != nullptr ? user.block->name : "<none>");
       }
     }
@@ -97,8 +93,6 @@ struct FwdObjectList {
   }
 
  private:
-  static_assert(std::size(decltype(Node::users){}) == std::size(Facts::kRoles));
-
   static NamedTree<Node>& tree(t_pol_ctx* ctx) { return ctx->*Facts::kTree; }
 
   static bool unused(const Node& node) {

@@ -13,8 +13,7 @@ struct PfxFacts {
   static constexpr int32_t kXmlType = POL_XML_DATA_PREFIX_LIST;
   static constexpr const char* kTitle = "\n        FORWARDING PREFIX LISTS    ";
   static constexpr const char* kWord = "fwd-prefix-list";
-  static constexpr pol::FwdRole kRoles[] = {{&t_pol_fwd_user::src_pfx, "SRC LIST"},
-                                            {&t_pol_fwd_user::dst_pfx, "DST LIST"}};
+  static constexpr auto& kRoles = pol::kFwdPfxRoles;
 };
 using PfxLists = pol::FwdObjectList<PfxFacts>;
 
@@ -25,8 +24,7 @@ struct Pfx6Facts {
   static constexpr int32_t kXmlType = POL_XML_DATA_IPV6_PREFIX_LIST;
   static constexpr const char* kTitle = "\n  FORWARDING PREFIX6 LISTS    ";
   static constexpr const char* kWord = "fwd-prefix6-list";
-  static constexpr pol::FwdRole kRoles[] = {{&t_pol_fwd_user::src_pfx6, "SRC LIST"},
-                                            {&t_pol_fwd_user::dst_pfx6, "DST LIST"}};
+  static constexpr auto& kRoles = pol::kFwdPfx6Roles;
 };
 using Pfx6Lists = pol::FwdObjectList<Pfx6Facts>;
 

@@ -13,7 +13,7 @@ struct PolicerFacts {
   static constexpr int32_t kXmlType = POL_XML_POLICER;
   static constexpr const char* kTitle = "\n          FORWARDING POLICERS      ";
   static constexpr const char* kWord = "fwd-policer";
-  static constexpr pol::FwdRole kRoles[] = {{&t_pol_fwd_user::policer, "Policer"}};
+  static constexpr auto& kRoles = pol::kPolicerRoles;
 };
 using Policers = pol::FwdObjectList<PolicerFacts>;
 

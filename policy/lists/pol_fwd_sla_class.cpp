@@ -13,7 +13,7 @@ struct SlaClassFacts {
   static constexpr int32_t kXmlType = POL_XML_SLA_CLASS;
   static constexpr const char* kTitle = "\n     SLA CLASSES         ";
   static constexpr const char* kWord = "sla-class";
-  static constexpr pol::FwdRole kRoles[] = {{&t_pol_fwd_user::sla_class, "SLA CLASS"}};
+  static constexpr auto& kRoles = pol::kSlaClassRoles;
 };
 using SlaClasses = pol::FwdObjectList<SlaClassFacts>;
 

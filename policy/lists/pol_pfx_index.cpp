@@ -37,8 +37,8 @@ bool has_prefix(const t_pfx_entry& element, const t_ipprefix& prefix) {
   return memcmp(v6_of(element), prefix.addr.addr.v6, sizeof prefix.addr.addr.v6) == 0;
 }
 
-// Orders prefixes, host bits included. Meeting an element of the same family that is neither IPv4 nor IPv6 is
-// a broken invariant; a look-up in the tree meets one whenever there is one.
+// Orders prefixes, host bits included. Meeting an element of the same family that is neither IPv4
+// nor IPv6 is a broken invariant; a look-up in the tree meets one whenever there is one.
 int other_compare(const void* key, const void* node) {
   const t_ipprefix& a = *static_cast<const t_ipprefix*>(key);
   const t_pfx_entry& b = *static_cast<const Other*>(node)->element;
@@ -451,8 +451,8 @@ bool PfxIndex::change(t_pfx_entry* element, const t_pol_pfx_record& how) {
   return true;
 }
 
-// From the elements that take every family to the tries, or back. The new place is taken before the old one
-// is given up, so that running out of memory changes nothing.
+// From the elements that take every family to the tries, or back. The new place is taken before the
+// old one is given up, so that running out of memory changes nothing.
 bool PfxIndex::move(t_pfx_entry* element, bool was_any, Interval old, Interval lengths) {
   const t_ipaddr address = pfx_address(*element);
   const bool trie = is_indexed(address.family);

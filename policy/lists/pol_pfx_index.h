@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// pol_pfx_index.h - finds an element of a prefix list by its prefix, and says whether any element matches a
-// prefix, without walking them.
+// pol_pfx_index.h - finds an element of a prefix list by its prefix, and says whether any element
+// matches a prefix, without walking them.
 //
-// What an element asks of a prefix that lies in it is an interval of lengths, whatever the operator. So the
-// index is a trie (base/prefix_trie.h) with the element and its interval at its place. Elements that share a
-// place (they differ in host bits only) are counted length by length.
+// What an element asks of a prefix that lies in it is an interval of lengths, whatever the
+// operator. So the index is a trie (base/prefix_trie.h) with the element and its interval at its
+// place. Elements that share a place (they differ in host bits only) are counted length by length.
 //
-// The trie finds an element by its prefix, too, where it is the first at its place. All others are in a tree
-// by prefix: later ones at a shared place, those that take every family, and those of families without a
-// trie. Adding or removing an element touches one path and allocates uncounted memory. An index of all zero
-// bytes is empty.
+// The trie finds an element by its prefix, too, where it is the first at its place. All others are
+// in a tree by prefix: later ones at a shared place, those that take every family, and those of
+// families without a trie. Adding or removing an element touches one path and allocates uncounted
+// memory. An index of all zero bytes is empty.
 //
 // Invariant: an element is in `others_` exactly when it is not the first of a place in a trie.
 #pragma once
@@ -22,7 +22,8 @@
 #include "base/tail_queue.h"
 #include "policy/pol_types.h"
 
-// Small, because a list may hold 100,000: what is not IPv4 is a t_pfx_entry_wide. Filled by pfx_entry_fill.
+// Small, because a list may hold 100,000: what is not IPv4 is a t_pfx_entry_wide. Filled by
+// pfx_entry_fill.
 struct t_pfx_entry {
   pol::TailLink<t_pfx_entry> link;
   uint8_t len;
@@ -74,12 +75,12 @@ void pfx_fetch(const TrieCell* v4, const TrieCell* v6, const t_ipprefix* const* 
 
 class PfxIndex {
  public:
-  // The element with that address and length. Meeting one of the prefix's own family that is neither IPv4 nor
-  // IPv6 fails an assertion.
+  // The element with that address and length. Meeting one of the prefix's own family that is
+  // neither IPv4 nor IPv6 fails an assertion.
   t_pfx_entry* find(const t_ipprefix& prefix) const;
-  // In one descent, the prefix's element, or a place kept for it; neither where it has no place of its own:
-  // an element is added then. A place that is kept is settled or given up before all else. False when memory
-  // runs out.
+  // In one descent, the prefix's element, or a place kept for it; neither where it has no place of
+  // its own: an element is added then. A place that is kept is settled or given up before all else.
+  // False when memory runs out.
   struct Kept {
     t_pfx_entry* element;
     TrieCell* place;

@@ -46,8 +46,8 @@ t_pfx_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
                                    created);
 }
 
-// A new element at the place that the index keeps for it, if any; null and nothing changed when memory runs
-// out.
+// A new element at the place that the index keeps for it, if any; null and nothing changed when
+// memory runs out.
 t_pfx_entry* entry_create(t_pol_ctx* ctx, t_pfx_list* list, const t_pol_pfx_record& record,
                           pol::TrieCell* place) {
   const bool wide = pol::pfx_is_wide(record.prefix);

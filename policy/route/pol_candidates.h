@@ -2,21 +2,16 @@
 //
 // pol_candidates.h - the sequences of a policy that its index does not rule out for a route.
 //
-// Each kind of clause that the policy uses gives a set of sequences: those without the clause and those
-// that ask for the route's value. The sets are intersected a word of 64 sequences at a time, and the sets
-// of lists, which cost a look-up in a trie, are asked for only where several sequences are left. Nothing
-// is written but to the caller's stack.
+// A route's values give one key for each shape of the index, and one more for each list, group or origin in
+// a shape that has one. What stands under the keys is given lowest number first. Nothing is written but to
+// the caller's stack.
 #pragma once
 
 #include "core/pol_policy_index.h"
+#include "lists/list_directory.h"
 #include "policy/pol_exec.h"
 
 namespace pol {
-
-// Whether the index may be used: it is fresh, and no value is of an address family at which comparing
-// it would have to fail an assertion.
-bool candidates_usable(const PolicyIndex& index, const t_pol_route_query& query,
-                       const t_pol_route_attr& attr);
 
 // Has the memory fetched in which a policy of many sequences finds its candidates for these queries, at
 // most PfxIndex::kFetched.
@@ -24,54 +19,51 @@ void candidates_fetch(const PolicyIndex& index, const t_pol_route_query* queries
 
 class Candidates {
  public:
-  Candidates(const PolicyIndex& index, const t_pol_route_query& query,
-             const t_pol_route_attr& attr);
+  Candidates(const PolicyIndex& index, const t_pol_route_query& query, const t_pol_route_attr& attr)
+      : index_(index), query_(query), attr_(attr) {}
 
+  // Looks the route's keys up. False where the index cannot tell: it is stale, too many lists hold the
+  // route, or a value is of an address family at which comparing it would have to fail an assertion.
+  bool find();
   // The next one that may match, by number; null when there is none.
-  const t_pol_entry* next();
+  const t_pol_entry* next() {
+    if (least_ == kNone) return nullptr;
+    const t_pol_entry* entry = index_.nodes[least_].entry;
+    advance();
+    return entry;
+  }
 
  private:
-  struct Cursor {
-    uint64_t bits;
-    uint32_t at;
-    uint32_t next;
-  };
-  struct Set {
-    const IndexField* field;
-    const uint64_t* any;
-    Cursor* cursors;
-    uint32_t count;
-    uint32_t at;       // the word that `bits` are of; the cursors stand there or beyond
-    uint32_t next_at;  // where a cursor stands beyond it; kNone when none does
-    uint64_t bits;
-  };
-  // More values than that of one route rule nothing out.
-  static constexpr unsigned kMostValues = 24;
-  static constexpr unsigned kMostCursors = 64;
+  static constexpr unsigned kMostValues = 64;
+  static constexpr unsigned kMostHeads = 128;
   static constexpr uint32_t kNone = UINT32_MAX;
 
-  bool ask_next_field();
-  bool values_of(const IndexField& field);
-  bool lists_of(const IndexField& field);
-  void add_value(const IndexField& field, uint64_t key);
-  bool add_lists(const IndexField& field, const NamedHead* const* lists, unsigned count);
-  bool seek();
-  void move_to(Set* set, uint32_t at) const;
-  uint64_t word_of(Set* set, uint32_t at) const;
-  uint32_t word_after(const Set& set, uint32_t at) const;
+  // Of shapes with the same clause of several values, what their single values give.
+  struct Keys {
+    uint32_t clause;
+    unsigned count;
+    uint64_t keys[PolicyIndex::kMostShapes];
+  };
+
+  bool values();
+  uint64_t key_of_values(const IndexShape& shape) const;
+  void add(uint64_t key);
+  template <class Value>
+  bool add_each(const Keys& keys, const Value* values, unsigned count);
+  template <class Value, class Holds>
+  bool add_lists(const Keys& keys, const ListDirectory& directory, const Value& value, Holds holds);
+  bool add_several(const Keys& keys);
+  void advance();
 
   const PolicyIndex& index_;
   const t_pol_route_query& query_;
   const t_pol_route_attr& attr_;
-  const t_tloc_id* tloc_;
-  uint64_t word_ = 0;  // left of the 64 sequences at `at_`
-  uint32_t at_ = 0;
-  unsigned asked_ = 0;  // fields
-  unsigned given_ = 0;  // candidates
-  unsigned set_count_ = 0;
-  unsigned cursor_count_ = 0;
-  Set sets_[INDEX_KINDS];
-  Cursor cursors_[kMostCursors];
+  const t_tloc_id* tloc_ = nullptr;
+  uint32_t have_ = 0;       // clauses of one value for which the route has it, as far as shapes ask
+  uint32_t least_ = kNone;  // of the heads, from 0: which is next
+  unsigned count_ = 0;
+  uint64_t value_keys_[32];     // of these clauses, by the place of the bit
+  uint32_t heads_[kMostHeads];  // of chains; 0: at its end
 };
 
 }  // namespace pol

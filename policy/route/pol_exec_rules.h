@@ -97,32 +97,60 @@ class Trial {
 
   // What most sequences are passed over for is tested in the caller's loop.
   [[gnu::always_inline]] bool matches() {
+    constexpr uint32_t kFirst = POL_MATCH_F_TAG | POL_MATCH_F_PREF;
+    return first_match() && ((entry_.match_flags & ~kFirst) == 0 || rest_matches());
+  }
+  // For a sequence that is known to fail: tests what has a bit in `matched`, and what comes before that.
+  void leave_matched() {
+    constexpr uint32_t kUnreported = kIndexLists | POL_MATCH_F_TAG | POL_MATCH_F_PREF;
+    if ((entry_.match_flags & ~kUnreported) != 0) {
+      (void)matches();
+    } else {
+      (void)first_match();
+    }
+  }
+  uint32_t matched() const { return matched_; }
+
+ private:
+  [[gnu::always_inline]] bool first_match() {
     if (match_.type != query_.match_type || match_.type < POL_MATCH_ROUTE ||
         match_.type > POL_MATCH_SERVICE) {
       observer_.type_differs(entry_);
       return false;
     }
-    constexpr uint32_t kFirst = POL_MATCH_F_TAG | POL_MATCH_F_PREF;
     return holds<POL_MATCH_F_TAG>(
                [this] { return present(POL_ATTR_TAG) && attr_.tag == match_.tag; }) &&
-           holds<POL_MATCH_F_PREF>([this] {
-             return present(POL_ATTR_PREF) && attr_.preference == match_.preference;
-           }) &&
-           ((entry_.match_flags & ~kFirst) == 0 || rest_matches());
+           holds<POL_MATCH_F_PREF>(
+               [this] { return present(POL_ATTR_PREF) && attr_.preference == match_.preference; });
   }
-  uint32_t matched() const { return matched_; }
 
- private:
+  // In groups, because most sequences have few clauses.
   [[gnu::noinline]] bool rest_matches() {
+    constexpr uint32_t kVpns =
+        POL_MATCH_F_DOMAIN | POL_MATCH_F_GROUP | POL_MATCH_F_VPN_ID | POL_MATCH_F_VPN_LIST;
+    constexpr uint32_t kSites =
+        POL_MATCH_F_TLOC | POL_MATCH_F_TLOC_LIST | POL_MATCH_F_SITE | POL_MATCH_F_SITE_LIST;
+    constexpr uint32_t kOthers = POL_MATCH_F_ORIGIN | POL_MATCH_F_ORIGINATOR | POL_MATCH_F_CARRIER |
+                                 POL_MATCH_F_COLOR | POL_MATCH_F_COLOR_LIST;
+    return (!has(kVpns) || vpns_match()) && (!has(kSites) || sites_match()) &&
+           holds<POL_MATCH_F_PFX_LIST>([this] {
+             return match_pfx_list(list_of<t_pfx_list>(match_.pfx_list), query_.prefix);
+           }) &&
+           (!has(kOthers) || others_match());
+  }
+
+  bool vpns_match() {
     return holds<POL_MATCH_F_DOMAIN>(
                [this] { return present(POL_ATTR_DOMAIN) && attr_.domain == match_.domain; }) &&
            holds<POL_MATCH_F_GROUP>(
                [this] { return present(POL_ATTR_GROUP) && match_group(attr_, match_.group); }) &&
            holds<POL_MATCH_F_VPN_ID>([this] { return query_.vpn == match_.vpn_id; }) &&
-           holds<POL_MATCH_F_VPN_LIST>([this] {
-             return match_vpn_list(list_of<t_vpn_list>(match_.vpn_list), query_.vpn);
-           }) &&
-           holds<POL_MATCH_F_TLOC>(
+           holds<POL_MATCH_F_VPN_LIST>(
+               [this] { return match_vpn_list(list_of<t_vpn_list>(match_.vpn_list), query_.vpn); });
+  }
+
+  bool sites_match() {
+    return holds<POL_MATCH_F_TLOC>(
                [this] { return tloc() != nullptr && tloc_equal(*tloc(), match_.tloc); }) &&
            holds<POL_MATCH_F_TLOC_LIST>([this] {
              return tloc() != nullptr &&
@@ -133,11 +161,11 @@ class Trial {
            holds<POL_MATCH_F_SITE_LIST>([this] {
              return pol_exec_match_site_id_to_site_list(list_of<t_site_list>(match_.site_list),
                                                         attr_.site) != 0;
-           }) &&
-           holds<POL_MATCH_F_PFX_LIST>([this] {
-             return match_pfx_list(list_of<t_pfx_list>(match_.pfx_list), query_.prefix);
-           }) &&
-           holds<POL_MATCH_F_ORIGIN>(
+           });
+  }
+
+  bool others_match() {
+    return holds<POL_MATCH_F_ORIGIN>(
                [this] { return present(POL_ATTR_ORIGIN) && match_origin(match_, attr_); }) &&
            holds<POL_MATCH_F_ORIGINATOR>([this] {
              return present(POL_ATTR_ORIGINATOR) &&
@@ -168,6 +196,7 @@ class Trial {
     return true;
   }
 
+  bool has(uint32_t clauses) const { return (entry_.match_flags & clauses) != 0; }
   bool present(uint32_t bit) const { return (attr_.present & bit) != 0; }
   const t_tloc_id* tloc() const { return tloc_source(entry_, query_, attr_); }
 
@@ -195,24 +224,25 @@ const t_pol_entry* find_decider(const t_pol_block& block, const t_pol_route_attr
   return decider;
 }
 
-// The same by the policy's index.
+// The same by the policy's index. False when it cannot tell.
 template <class Observer>
-[[gnu::noinline]] const t_pol_entry* find_candidate(const PolicyIndex& index,
-                                                    const t_pol_route_attr& attr,
-                                                    t_pol_route_query* query, Observer& observer) {
+[[gnu::noinline]] bool find_candidate(const PolicyIndex& index, const t_pol_route_attr& attr,
+                                      t_pol_route_query* query, Observer& observer,
+                                      const t_pol_entry** decider) {
   Candidates candidates(index, *query, attr);
-  const t_pol_entry* entry = nullptr;
-  while ((entry = candidates.next()) != nullptr) {
+  if (!candidates.find()) return false;
+  while (const t_pol_entry* entry = candidates.next()) {
     Trial<Observer> trial(*entry, attr, *query, observer);
     if (!trial.matches()) continue;
     query->matched = trial.matched();
-    return entry;
+    *decider = entry;
+    return true;
   }
   // A walk would have tried the last sequence last.
-  Trial<Observer> last(*index.entries[index.count - 1], attr, *query, observer);
-  (void)last.matches();
+  Trial<Observer> last(*index.nodes[index.count - 1].entry, attr, *query, observer);
+  last.leave_matched();
   query->matched = last.matched();
-  return nullptr;
+  return true;
 }
 
 template <class Observer>
@@ -224,9 +254,7 @@ uint32_t exec_route(t_pol_user* user, t_pol_route_query* query, Observer& observ
 
   const PolicyIndex* index = Observer::kHearsAll ? nullptr : block->index;
   const t_pol_entry* decider = nullptr;
-  if (index != nullptr && candidates_usable(*index, *query, attr)) {
-    decider = find_candidate(*index, attr, query, observer);
-  } else {
+  if (index == nullptr || !find_candidate(*index, attr, query, observer, &decider)) {
     decider = find_decider(*block, attr, query, observer);
   }
   const bool by_default = decider == nullptr;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include "kel/ipaddr.h"
 #include "kel/tloc.h"
@@ -36,6 +37,38 @@ const t_pfx_entry* taking_element(const t_pfx_list& list, const t_ipprefix& pref
 }
 
 namespace {
+
+// The configuration's words; a number without one stands for itself.
+using Words = char[32];
+
+const char* origin_words(uint8_t protocol, uint8_t subtype, Words& words) {
+  static constexpr struct {
+    uint8_t protocol;
+    uint8_t subtype;
+    const char* word;
+  } kOrigins[] = {{2, 0, "connected"},       {1, 0, "static"},         {4, 2, "ospf-inter-area"},
+                  {4, 1, "ospf-intra-area"}, {4, 3, "ospf-external1"}, {4, 4, "ospf-external2"},
+                  {3, 1, "bgp-internal"},    {3, 2, "bgp-external"},   {5, 0, "service"},
+                  {8, 0, "aggregate"},       {9, 1, "nat-inside"},     {9, 2, "nat-outside"}};
+  for (const auto& row : kOrigins) {
+    if (row.protocol == protocol && row.subtype == subtype) return row.word;
+  }
+  snprintf(words, sizeof words, "%u/%u", unsigned{protocol}, unsigned{subtype});
+  return words;
+}
+
+const char* carrier_words(uint8_t carrier, Words& words) {
+  if (carrier == 0) return "default";
+  snprintf(words, sizeof words, carrier <= 8 ? "carrier%u" : "%u", unsigned{carrier});
+  return words;
+}
+
+const char* color_words(uint32_t color, Words& words) {
+  const char* word = kel_util_tloc_color_name(color);
+  if (strcmp(word, "unknown") != 0) return word;
+  snprintf(words, sizeof words, "%u", color);
+  return words;
+}
 
 // Notes what decided, and nothing else.
 class DecisionObserver {
@@ -144,6 +177,8 @@ void ReasonObserver::describe(const t_pol_entry& entry, uint32_t clause) {
   const t_pol_match& match = entry.match;
   char what[128];
   char address[64];
+  Words is;
+  Words wanted;
   switch (clause) {
     case POL_MATCH_F_TAG:
       return number("tag", POL_ATTR_TAG, attr_.tag, match.tag);
@@ -154,7 +189,9 @@ void ReasonObserver::describe(const t_pol_entry& entry, uint32_t clause) {
     case POL_MATCH_F_SITE:
       return number("site", POL_ATTR_SITE, attr_.site, match.site);
     case POL_MATCH_F_CARRIER:
-      return number("carrier", POL_ATTR_CARRIER, attr_.carrier, match.carrier);
+      if (!present(POL_ATTR_CARRIER)) return say("it carries no carrier");
+      return say("carrier is %s, not %s", carrier_words(attr_.carrier, is),
+                 carrier_words(match.carrier, wanted));
     case POL_MATCH_F_GROUP:
       if (!present(POL_ATTR_GROUP) || attr_.group_count == 0) return say("it carries no group");
       return say("none of its groups is %u", match.group);
@@ -178,9 +215,9 @@ void ReasonObserver::describe(const t_pol_entry& entry, uint32_t clause) {
                         is_empty<t_pfx_list>(match.pfx_list));
     case POL_MATCH_F_ORIGIN:
       if (!present(POL_ATTR_ORIGIN)) return say("it carries no origin");
-      return say("origin is %u %u, not %u %u", unsigned{attr_.origin_protocol},
-                 unsigned{attr_.origin_subtype}, unsigned{match.origin_protocol},
-                 unsigned{match.origin_subtype});
+      return say("origin is %s, not %s",
+                 origin_words(attr_.origin_protocol, attr_.origin_subtype, is),
+                 origin_words(match.origin_protocol, match.origin_subtype, wanted));
     case POL_MATCH_F_ORIGINATOR:
       if (!present(POL_ATTR_ORIGINATOR)) return say("it carries no originator");
       snprintf(what, sizeof what, "%s", ipaddr_print(&attr_.originator, address, sizeof address));
@@ -198,21 +235,21 @@ void ReasonObserver::describe_tloc(const t_pol_entry& entry, uint32_t clause) {
   char is[96];
   char wanted[96];
   char what[128];
-  tloc_id_print_short(tloc, is, sizeof is);
+  Words color;
+  Words other;
+  tloc_id_print(tloc, is, sizeof is);
   switch (clause) {
     case POL_MATCH_F_TLOC:
-      return say("TLOC is %s, not %s", is, tloc_id_print_short(&match.tloc, wanted, sizeof wanted));
+      return say("TLOC is %s, not %s", is, tloc_id_print(&match.tloc, wanted, sizeof wanted));
     case POL_MATCH_F_TLOC_LIST:
       snprintf(what, sizeof what, "TLOC %s", is);
       return no_element(what, "element", "tloc-list", match.tloc_list,
                         is_empty<t_tloc_list>(match.tloc_list));
     case POL_MATCH_F_COLOR:
-      return say("color is %u (%s), not %u (%s)", unsigned{tloc->color},
-                 kel_util_tloc_color_name(tloc->color), unsigned{match.color},
-                 kel_util_tloc_color_name(match.color));
+      return say("color is %s, not %s", color_words(tloc->color, color),
+                 color_words(match.color, other));
     case POL_MATCH_F_COLOR_LIST:
-      snprintf(what, sizeof what, "color %u (%s)", unsigned{tloc->color},
-               kel_util_tloc_color_name(tloc->color));
+      snprintf(what, sizeof what, "color %s", color_words(tloc->color, color));
       return no_element(what, "element", "color-list", match.color_list,
                         is_empty<t_color_list>(match.color_list));
     default:
@@ -267,6 +304,7 @@ void ReasonObserver::describe_held(const t_pol_entry& entry, uint32_t clause) {
   const t_pol_match& match = entry.match;
   char what[128];
   char where[192];
+  Words words;
   switch (clause) {
     case POL_MATCH_F_TAG:
       return say("tag is %u", attr_.tag);
@@ -279,7 +317,7 @@ void ReasonObserver::describe_held(const t_pol_entry& entry, uint32_t clause) {
     case POL_MATCH_F_SITE:
       return say("site is %u", attr_.site);
     case POL_MATCH_F_CARRIER:
-      return say("carrier is %u", unsigned{attr_.carrier});
+      return say("carrier is %s", carrier_words(attr_.carrier, words));
     case POL_MATCH_F_VPN_ID:
       return say("VPN is %lu", query_.vpn);
     case POL_MATCH_F_VPN_LIST: {
@@ -306,8 +344,7 @@ void ReasonObserver::describe_held(const t_pol_entry& entry, uint32_t clause) {
                  where, match.pfx_list.list->name);
     }
     case POL_MATCH_F_ORIGIN:
-      return say("origin is %u %u", unsigned{attr_.origin_protocol},
-                 unsigned{attr_.origin_subtype});
+      return say("origin is %s", origin_words(attr_.origin_protocol, attr_.origin_subtype, words));
     case POL_MATCH_F_ORIGINATOR:
       return say("originator is %s", ipaddr_print(&attr_.originator, what, sizeof what));
     default:
@@ -318,18 +355,18 @@ void ReasonObserver::describe_held(const t_pol_entry& entry, uint32_t clause) {
 void ReasonObserver::describe_held_tloc(const t_pol_entry& entry, uint32_t clause) {
   const t_tloc_id& tloc = *tloc_source(entry, query_, attr_);
   char is[96];
-  tloc_id_print_short(&tloc, is, sizeof is);
-  const char* color = kel_util_tloc_color_name(tloc.color);
+  Words words;
+  tloc_id_print(&tloc, is, sizeof is);
+  const char* color = color_words(tloc.color, words);
   switch (clause) {
     case POL_MATCH_F_TLOC:
       return say("TLOC is %s", is);
     case POL_MATCH_F_TLOC_LIST:
       return say("TLOC %s is in tloc-list %s", is, entry.match.tloc_list.list->name);
     case POL_MATCH_F_COLOR:
-      return say("color is %u (%s)", unsigned{tloc.color}, color);
+      return say("color is %s", color);
     default:
-      return say("color %u (%s) is in color-list %s", unsigned{tloc.color}, color,
-                 entry.match.color_list.list->name);
+      return say("color %s is in color-list %s", color, entry.match.color_list.list->name);
   }
 }
 

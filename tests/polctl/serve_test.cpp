@@ -93,6 +93,17 @@ class ServeTest : public testing::Test {
     return answer;
   }
 
+  // The server's lines up to the first that holds a text, or to its end.
+  std::string next_until(const std::string& end) {
+    std::string all;
+    for (std::string line; all.find(end) == std::string::npos;) {
+      line = server_->next_line();
+      if (line.empty()) break;
+      all += line + "\n";
+    }
+    return all;
+  }
+
   std::string socket_;
   uint16_t port_ = 0;
   std::unique_ptr<Running> server_;
@@ -152,6 +163,7 @@ TEST_F(ServeTest, CountsWhatItDecidesUntilItIsCleared) {
   const std::string tagged = R"({"type":"route","prefix":"10.0.0.0/8","tag":5})";
   ask({"eval", "--policy", "counted"}, tagged + "\n" + tagged + "\n10.0.0.0/8\nnonsense\n");
   ask({"eval", "--policy", "counted", "--direction", "out"}, tagged + "\n");
+  ask({"labels"});  // until they are written: data policies are shown with theirs
   std::string said;
   auto show = [&](std::vector<std::string> words) {
     words.insert(words.begin(), "show");
@@ -361,11 +373,11 @@ TEST_F(HttpTest, MetricsAreAsTheyWere) {
   std::string told = answer.substr(answer.find("\r\n\r\n") + 4);
   told = std::regex_replace(told, std::regex("(_created|_seconds_sum|_seconds_count|_bytes) .*"),
                             "$1 #");
-  told = std::regex_replace(
-      told,
-      std::regex(
-          "(polctl_(worker_requests|callbacks|commits|changes)_total.*|commit_number) [0-9]+"),
-      "$1 #");
+  told = std::regex_replace(told,
+                            std::regex("(polctl_(worker_requests|callbacks|commits|changes)_total.*"
+                                       "|commit_number|agent_sessions) "
+                                       "[0-9]+"),
+                            "$1 #");
   told = std::regex_replace(told, std::regex("version=\"[^\"]*\""), "version=\"#\"");
   expect_golden("polctl/serve_metrics.txt", told);
   EXPECT_EQ(server_->stop(SIGTERM), 0);
@@ -454,17 +466,59 @@ TEST_F(ServeTest, TakesUpWhatIsConfiguredLater) {
   EXPECT_EQ(server_->stop(SIGTERM), 0);
 }
 
+TEST_F(ServeTest, TheRoutingDaemonDecidesAnewWhatItsPolicyCallsBackFor) {
+  const std::string routes = temporary_file("10.1.0.0/16\n10.2.0.0/16\n# none\n11.0.0.0/8\n");
+  start({"--config", kConfig, "--routes", routes, "--apply", "edge:in"});
+  auto policy = [](const char* sequence) {
+    return std::string(
+               R"(<policy xmlns="urn:zenodra:policy"><lists><prefix-list><name>a</name><prefix>
+        <prefix>10.0.0.0/8</prefix><le>32</le></prefix></prefix-list></lists><control-policy>
+        <name>edge</name><sequence><number>10</number>)") +
+           sequence + "</sequence></control-policy></policy>";
+  };
+  struct {
+    const char* commit; /* of sequence 10 */
+    const char* told;
+  } const steps[] = {
+      {"<match><type>route</type><prefix-list>a</prefix-list></match><action><action-value>accept"
+       "</action-value></action>",
+       "routes: 2 of 3 accepted by edge"},
+      {"<action><set><preference>7</preference></set></action>",
+       "routes: 2 of 3 accepted by edge, 2 answers changed"},
+      {"<action><set><tloc-list>hubs</tloc-list></set></action>",  // outbound alone
+       "routes: 2 of 3 accepted by edge, 0 answers changed"},
+      {"<match><type>route</type><tag>5</tag></match>",
+       "routes: 0 of 3 accepted by edge, 2 answers changed"},
+  };
+  for (const auto& step : steps) {
+    commit(policy(step.commit));
+    EXPECT_NE(next_until("accepted by edge").find(std::string(step.told) + "\n"), std::string::npos)
+        << step.told;
+  }
+  // Nobody is called back for a list that nobody uses, nor asked by a file that is wrong.
+  commit(R"(<policy xmlns="urn:zenodra:policy"><lists><site-list><name>s</name></site-list></lists>
+      </policy>)");
+  std::ofstream(routes) << "10.1.0.0/16\n10.2.0.0\n";
+  kill(server_->pid(), SIGHUP);
+  EXPECT_NE(next_until("hangup").find("the routes stay as they were: " + routes + ":2:"),
+            std::string::npos);
+  EXPECT_NE(next_until("accepted by").find("0 of 3 accepted by edge, 0 answers changed"),
+            std::string::npos);
+  std::ofstream(routes) << "11.0.0.0/8\n";
+  kill(server_->pid(), SIGHUP);
+  next_until("0 of 1 accepted by edge\n");
+  const std::string status = ask({"show", "--json"}).out;
+  EXPECT_NE(status.find("\"answers_changed\":4,\"rounds\":6,"), std::string::npos) << status;
+  EXPECT_NE(status.find("\"routes\":1,"), std::string::npos) << status;
+  EXPECT_NE(
+      ask({"show", "policy", "edge", "--json"})
+          .out.find(R"("sequence":10,"vpn-list":null,"action":"accept","accepted":6,"rejected":0)"),
+      std::string::npos);
+  EXPECT_EQ(server_->stop(SIGTERM), 0);
+}
+
 TEST_F(ServeTest, AnnouncesWhatACommitChanges) {
   start({"--config", kConfig, "--announce", "--apply", "out:out"});
-  auto next_until = [this](const std::string& end) {
-    std::string all;
-    for (std::string line; all.find(end) == std::string::npos;) {
-      line = server_->next_line();
-      if (line.empty()) break;
-      all += line + "\n";
-    }
-    return all;
-  };
   commit(R"(<policy xmlns="urn:zenodra:policy"><control-policy><name>out</name><sequence>
       <number>1</number><match><type>route</type><tag>77</tag></match><action>
       <action-value>accept</action-value></action></sequence></control-policy></policy>)");

@@ -183,6 +183,23 @@ TEST_F(QueuesTest, AnExitOvertakesWhatIsPending) {
   init();
 }
 
+// Wherever in its round the worker is when it comes.
+TEST_F(QueuesTest, AnExitIsTakenForNoRequest) {
+  for (int look = 0; look < 10; ++look) {
+    scripted::hold("pthread_spin_unlock", look);
+    push(pol::QUEUE_FETCH);
+    scripted::wait_until_held();
+    std::thread destroyer(pol_destroy);
+    while (__atomic_load_n(&ctx->thread.lengths[pol::QUEUE_LABEL_SET], __ATOMIC_RELAXED) < 3) {
+      std::this_thread::yield();
+    }
+    scripted::release();
+    destroyer.join();
+    EXPECT_EQ(scripted::calls("maapi_set_elem"), 0) << "at look " << look;
+    init();
+  }
+}
+
 TEST_F(QueuesTest, AnExitEndsEveryWaitAtOnce) {
   struct {
     pol::ThreadQueue queue;

@@ -42,15 +42,18 @@ bool fails(const char* name) {
   return fails_by_name(name);
 }
 
+void keep_while_held(const char* name, std::unique_lock<std::recursive_mutex>* hold) {
+  if (g_state.held != name || g_state.held_skip-- > 0) return;
+  g_state.reached = true;
+  g_changed.notify_all();
+  g_changed.wait(*hold, [] { return g_state.held.empty(); });
+}
+
 // Also traces the call, and keeps it while it is held.
 bool traced_fails(const char* name) {
   std::unique_lock<std::recursive_mutex> hold(g_lock);
   g_state.trace += std::string(name) + " ";
-  if (g_state.held == name) {
-    g_state.reached = true;
-    g_changed.notify_all();
-    g_changed.wait(hold, [] { return g_state.held.empty(); });
-  }
+  keep_while_held(name, &hold);
   t_errno = scripted::kError;
   return ++g_state.step == g_state.fail_step || fails_by_name(name);
 }
@@ -130,9 +133,9 @@ int maapi_apply_trans(int sock, int, int) {
 int maapi_delete(int sock, int, const char* format, ...) {
   KEEP_PATH(format);
   if (outcome("maapi_delete", sock) != YARROW_OK) return YARROW_ERR;
-  size_t list = path.find("kel-tloc-pref-list{");
-  if (list == std::string::npos) return YARROW_OK;
-  if (atoi(path.c_str() + path.rfind('{') + 1) < g_state.positions) return YARROW_OK;
+  const bool of_list = path.find("kel-tloc-pref-list{") != std::string::npos;
+  if (!of_list && !path.ends_with("/vpn-label")) return YARROW_OK;
+  if (of_list && atoi(path.c_str() + path.rfind('{') + 1) < g_state.positions) return YARROW_OK;
   t_errno = YARROW_ERR_NOEXISTS;
   return YARROW_ERR;
 }
@@ -249,6 +252,12 @@ int __real_pthread_spin_unlock(pthread_spinlock_t* lock);
 int __wrap_pthread_spin_unlock(pthread_spinlock_t* lock) {
   --seams::spinlocks_held;
   const int status = __real_pthread_spin_unlock(lock);
+  char thread[16] = "";
+  pthread_getname_np(pthread_self(), thread, sizeof thread);
+  if (strcmp(thread, "pol-yarrow") == 0) {
+    std::unique_lock<std::recursive_mutex> hold(g_lock);
+    keep_while_held("pthread_spin_unlock", &hold);
+  }
   return fails("pthread_spin_unlock") ? EPERM : status;
 }
 FAILS_WHEN_TOLD(int, pthread_spin_destroy, (pthread_spinlock_t * lock), (lock),
@@ -272,9 +281,10 @@ int occurrences(const std::string& text, const std::string& part) {
   return count;
 }
 int calls(const std::string& name) { return occurrences(state()->trace, " " + name + " "); }
-void hold(const char* name) {
+void hold(const char* name, int skip) {
   std::lock_guard<std::recursive_mutex> hold(g_lock);
   g_state.held = name;
+  g_state.held_skip = skip;
   g_state.reached = false;
 }
 void wait_until_held() {

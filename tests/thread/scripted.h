@@ -16,7 +16,7 @@ struct State {
   int fail_step = 0;             // the n-th traced call (from 1) fails; 0 for none
   std::string stream;            // what streams deliver
   std::set<std::string> schema;  // the paths that it knows
-  int positions = 0;             // that a sequence's TLOC list holds
+  int positions = 0;             // that a sequence's TLOC list holds; a label it never has
   int apply_result = 0;          // of the next
   int apply_times = 0;           // calls of maapi_apply_trans
   bool real_waits = false;       // waits end at once unless they are real
@@ -32,6 +32,7 @@ struct State {
   int fail_skip = 0;
   int fail_times = 0;
   std::string held;
+  int held_skip = 0;
   bool reached = false;
 };
 
@@ -53,8 +54,9 @@ void fail_call(const char* name, int skip, int times);
 
 int calls(const std::string& name);  // that were traced
 
-// A call of this name does not return before release().
-void hold(const char* name);
+// After `skip` calls of this name, which is a traced one or the worker's pthread_spin_unlock, one does
+// not return before release().
+void hold(const char* name, int skip = 0);
 void wait_until_held();
 void release();
 

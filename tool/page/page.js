@@ -60,6 +60,9 @@ function showStatus(status) {
     tile('commits', grouped(counts.commits), count(counts.changes, 'change'));
     tile('callbacks', grouped(counts.routing_callbacks + counts.forwarding_callbacks),
          `${grouped(counts.routing_callbacks)} for routing`);
+    if (status.routes) {
+      tile('routes', grouped(status.routes), `${count(counts.answers_changed, 'answer')} changed`);
+    }
     tile('document', count(status.document.bytes, 'byte'),
          status.document.fetching ? 'the next is being fetched' : `last in ${counts.document_ms.last.toFixed(1)} ms`);
     tile('agent sessions', status.agent.sessions === null ? 'not known' : grouped(status.agent.sessions));
@@ -228,9 +231,10 @@ async function policyDetail(node) {
     cells.push((each.match || []).join(', '), (each.set || []).join(', '));
     return cells;
   };
-  const rows = policy.sequences.map((each) => row(String(each.sequence), each));
+  const rows = policy.sequences.map((each) => row(String(each.sequence ?? 'default'), each));
   if (policy.default) rows.push(row('default', policy.default));
-  const parts = [make('div', {class: 'scroll'}, make('table', null, ...table(heading, rows)))];
+  const parts = policy.settings.map((setting) => make('p', null, setting));
+  if (rows.length) parts.push(make('div', {class: 'scroll'}, make('table', null, ...table(heading, rows))));
   for (const name of policy.undefined) parts.push(make('p', {class: 'error'}, `undefined: ${name}`));
   return parts;
 }

@@ -163,29 +163,31 @@ int run_shell(const ShellOptions& options, Output* out) {
 }
 
 bool take_shell_words(std::vector<std::string> words, ShellOptions* options) {
-  constexpr const char* kAlone[] = {"set", "delete", "copy", "load", "save", "commit", "rollback"};
-  constexpr const char* kShown[] = {"configuration", "sessions", "users", "memory", "labels"};
-  constexpr const char* kShownOfHost[] = {"commits", "status"};  // of an agent too
-  auto among = [](const auto& names, const std::string& word) {
-    return std::any_of(std::begin(names), std::end(names),
-                       [&](const char* each) { return word == each; });
-  };
   auto is_live = [](const std::string& word) {
     return word == "--live" || word.starts_with("--live=");
   };
-  if (words.empty()) return false;
-  bool live = std::any_of(words.begin(), words.end(), is_live);
-  bool shows = words.size() > 1 && words[0] == "show" &&
-               (among(kShown, words[1]) || (!live && among(kShownOfHost, words[1])));
-  if (!shows && !among(kAlone, words[0])) return false;
+  auto is_source = [&](const std::string& word) {
+    return is_live(word) || word == "--agent" || word.starts_with("--agent=");
+  };
+  const Verb* verb = words.empty() ? nullptr : find_verb(words[0]);
+  bool helps = std::find(words.begin(), words.end(), "--help") != words.end();
+  if (verb == nullptr || helps || words[0] == "help") return false;
   std::vector<std::string> sources;
-  std::copy_if(words.begin(), words.end(), std::back_inserter(sources),
-               [&](const std::string& word) {
-                 return is_live(word) || word == "--agent" || word.starts_with("--agent=");
-               });
+  std::copy_if(words.begin(), words.end(), std::back_inserter(sources), is_source);
+  std::erase_if(words, is_source);
+  if (words[0] == "show") {
+    bool live = !sources.empty() && is_live(sources.front());
+    const Shown* shown = find_shown(words.size() > 1 ? words[1] : "status");
+    bool own = shown != nullptr &&
+               (shown->by == Shown::By::kShell || (shown->by == Shown::By::kHostFirst && !live));
+    if (!own) return false;
+    if (words.size() == 1) words.emplace_back("status");
+  } else if (!verb->alone) {
+    throw InputError("polctl: error: " + in_quotes(words[0]) +
+                     " is a command within the shell (expected \"polctl shell\")");
+  }
   if (sources.size() > 1) throw InputError("polctl: error: more than one source (expected one)");
   for (const std::string& word : sources) {
-    std::erase(words, word);
     std::string value = word.find('=') != std::string::npos ? word.substr(word.find('=') + 1) : "";
     if (is_live(word)) {
       options->source.live = value.empty() ? default_socket() : value;
@@ -193,6 +195,7 @@ bool take_shell_words(std::vector<std::string> words, ShellOptions* options) {
       options->source.agent_port = value;
     }
   }
+  options->announce = std::erase(words, "--announce") > 0;
   options->words = std::move(words);
   return true;
 }

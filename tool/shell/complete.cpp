@@ -16,20 +16,6 @@ using agent::TreeNode;
 
 constexpr size_t kMostNames = 200;  // that completion offers of one list
 
-// What "show" takes beside a path of the candidate.
-constexpr struct {
-  const char* word;
-  const char* help;
-} kShown[] = {{"configuration", "what runs, or the candidate; | compare tells what differs"},
-              {"commits", "the commits that rollback reaches"},
-              {"sessions", "who is connected to the agent"},
-              {"policy", "a policy's sequences, its users, what is undefined, what was counted"},
-              {"lists", "the lists and objects, and who uses them"},
-              {"users", "the users that the library knows"},
-              {"memory", "the memory of the library"},
-              {"labels", "the labels written into data policies"},
-              {"status", "the agent, and the host if one is asked"}};
-
 std::vector<Candidate> beginning_with(const std::string& last, std::vector<Candidate> all) {
   std::vector<Candidate> found;
   for (Candidate& each : all) {
@@ -139,8 +125,8 @@ std::vector<Candidate> Shell::path_candidates(const SetPath& from, const Words& 
 std::vector<Candidate> Shell::candidates(const Words& before, const std::string& last) const {
   std::vector<Candidate> found;
   if (before.empty()) {
-    for (const Command& command : commands()) {
-      if (!command.changes || configuring_) found.push_back({command.name, command.help});
+    for (const Verb& verb : shell_verbs()) {
+      if (!verb.changes || configuring_) found.push_back({verb.name, verb.does});
     }
     for (const CommandRow& row : *options_.commands) {
       if (outside(row.name) != nullptr) found.push_back({row.name, row.does});
@@ -152,7 +138,7 @@ std::vector<Candidate> Shell::candidates(const Words& before, const std::string&
   if (name == "show") {
     bool configuration = !rest.empty() && rest[0].text == "configuration";
     if (rest.empty()) {
-      for (const auto& row : kShown) found.push_back({row.word, row.help});
+      for (const Shown& row : shown_words()) found.push_back({row.word, row.does});
       found = beginning_with(last, std::move(found));
       if (!configuring_) return found;
     } else if (rest[0].text == "policy" && !configuring_ && rest.size() == 1) {
@@ -176,15 +162,15 @@ std::vector<Candidate> Shell::candidates(const Words& before, const std::string&
     }
     return beginning_with(last, std::move(found));
   }
-  const Command* command = find(name);
-  if (command == nullptr) return found;
-  if (command->act == &Shell::copy) {
+  const Verb* verb = find(name);
+  if (verb == nullptr) return found;
+  if (name == "copy") {
     for (size_t i = rest.size(); i-- > 0;) {
       if (rest[i].text == "to")
         rest.erase(rest.begin(), rest.begin() + static_cast<ptrdiff_t>(i) + 1);
     }
   }
-  std::string next = command->next;
+  std::string next = verb->next;
   if (next == "<PATH>") return path_candidates(at_, rest, last);
   std::istringstream words(next);
   for (std::string word; rest.empty() && words >> word;) found.push_back({word, ""});

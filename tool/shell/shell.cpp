@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <map>
 
 #include "host/address_text.h"
 #include "host/input_error.h"
@@ -53,53 +54,43 @@ Shell::Shell(const ShellOptions& options, Output* out, MoreLines more_lines)
 
 Shell::~Shell() = default;
 
-const std::vector<Shell::Command>& Shell::commands() {
-  static const std::vector<Command> kCommands = {
-      {"show", "look at configuration, commits, sessions, policies, ...", false, &Shell::show, ""},
-      {"configure", "begin to change: a candidate of your own", false, &Shell::configure,
-       "exclusive"},
-      {"set", "set a leaf, or make an entry", true, &Shell::set, "<PATH>"},
-      {"delete", "delete a leaf, an entry, or all below a node", true, &Shell::erase, "<PATH>"},
-      {"copy", "copy an entry with all it holds: copy sequence 10 to sequence 20", true,
-       &Shell::copy, "<PATH>"},
-      {"edit", "go to a node, from which the words of other commands are read", true, &Shell::edit,
-       "<PATH>"},
-      {"up", "go to the node around", true, &Shell::up, ""},
-      {"top", "go to the root", true, &Shell::top, ""},
-      {"load", "merge a file into the candidate, or replace it", true, &Shell::load,
-       "merge replace"},
-      {"save", "write the configuration to a file", false, &Shell::save, "<FILE>"},
-      {"validate", "would a commit be taken?", true, &Shell::validate, ""},
-      {"commit", "make the candidate running; confirm commits that wait for it", true,
-       &Shell::commit, "comment confirmed"},
-      {"rollback", "make the candidate what was running N commits ago", true, &Shell::rollback,
-       "<N>"},
-      {"discard", "forget the candidate's edits", true, &Shell::discard, ""},
-      {"exit", "go up, stop changing, or leave the shell", false, &Shell::exit, ""},
-      {"quit", "leave the shell", false, &Shell::exit, ""},
-      {"help", "tell the commands, or more of one", false, &Shell::help, ""},
-  };
-  return kCommands;
+Shell::Act Shell::act_of(const Verb& verb) {
+  static const std::map<std::string_view, Act> kActs = {{"show", &Shell::show},
+                                                        {"configure", &Shell::configure},
+                                                        {"set", &Shell::set},
+                                                        {"delete", &Shell::erase},
+                                                        {"copy", &Shell::copy},
+                                                        {"edit", &Shell::edit},
+                                                        {"up", &Shell::up},
+                                                        {"top", &Shell::top},
+                                                        {"load", &Shell::load},
+                                                        {"save", &Shell::save},
+                                                        {"validate", &Shell::validate},
+                                                        {"commit", &Shell::commit},
+                                                        {"rollback", &Shell::rollback},
+                                                        {"discard", &Shell::discard},
+                                                        {"exit", &Shell::exit},
+                                                        {"quit", &Shell::exit},
+                                                        {"help", &Shell::help}};
+  return kActs.at(verb.name);
 }
 
-const Shell::Command* Shell::find(const std::string& word) const {
-  for (const Command& command : commands()) {
-    if (word == command.name && (!command.changes || configuring_)) return &command;
-  }
-  return nullptr;
+const Verb* Shell::find(const std::string& word) const {
+  const Verb* verb = find_verb(word);
+  return verb != nullptr && (!verb->changes || configuring_) ? verb : nullptr;
 }
 
 const CommandRow* Shell::outside(const std::string& word) const {
   for (const CommandRow& row : *options_.commands) {
-    if (row.name == word && word != "shell" && word != "show") return &row;
+    if (row.name == word && word != "shell" && find_verb(word) == nullptr) return &row;
   }
   return nullptr;
 }
 
 std::vector<std::string> Shell::known_words() const {
   std::vector<std::string> names;
-  for (const Command& command : commands()) {
-    if (!command.changes || configuring_) names.emplace_back(command.name);
+  for (const Verb& verb : shell_verbs()) {
+    if (!verb.changes || configuring_) names.emplace_back(verb.name);
   }
   for (const CommandRow& row : *options_.commands) {
     if (outside(row.name) != nullptr) names.push_back(row.name);
@@ -118,8 +109,8 @@ void Shell::run(std::string_view line) { run_words(split_words(line)); }
 void Shell::run_words(const Words& words) {
   if (words.empty()) return;
   const std::string& name = words[0].text;
-  if (const Command* command = find(name)) {
-    (this->*command->act)(words);
+  if (const Verb* verb = find(name)) {
+    (this->*act_of(*verb))(words);
     return;
   }
   if (outside(name) != nullptr) {
@@ -128,11 +119,9 @@ void Shell::run_words(const Words& words) {
     run_outside_command(std::move(plain));
     return;
   }
-  for (const Command& command : commands()) {
-    if (name == command.name) {
-      throw LineFaultError(
-          {words[0].column, in_quotes(name) + " changes configuration", "\"configure\" before it"});
-    }
+  if (find_verb(name) != nullptr) {
+    throw LineFaultError(
+        {words[0].column, in_quotes(name) + " changes configuration", "\"configure\" before it"});
   }
   std::vector<std::string> near = near_words(name, known_words());
   std::string what = "unknown word " + in_quotes(name);

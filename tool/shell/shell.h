@@ -21,6 +21,7 @@
 #include "host/setlines/config_lines.h"
 #include "host/setlines/set_words.h"
 #include "tool/commands.h"
+#include "verbs.h"
 
 namespace polctl {
 
@@ -56,17 +57,11 @@ class Shell {
   /* Tries the lines that follow without committing and without other commands; then all is as it was. */
   void rehearse(bool on);
 
-  struct Command {
-    const char* name;
-    const char* help;
-    bool changes; /* after `configure` alone */
-    void (Shell::*act)(const Words& words);
-    const char* next; /* what follows, for completion: words, or <PATH>, <FILE>, ... */
-  };
-
  private:
-  static const std::vector<Command>& commands();
-  const Command* find(const std::string& word) const;
+  using Act = void (Shell::*)(const Words& words);
+  static Act act_of(const Verb& verb);
+  /* Null: none, or not before `configure`. */
+  const Verb* find(const std::string& word) const;
   const CommandRow* outside(const std::string& word) const;
   std::vector<std::string> known_words() const;
   void require_end(const Words& words, size_t at) const;
@@ -87,6 +82,7 @@ class Shell {
   void rollback(const Words& words);
   void discard(const Words& words);
   void exit(const Words& words);
+  void announce(const std::string& before, const std::string& after);
   void take_line(const std::string& line, const Words& words);
   void leave_candidate();
   bool has_edits() const;

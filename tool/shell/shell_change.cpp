@@ -15,6 +15,7 @@
 #include "host/input_error.h"
 #include "host/setlines/set_document.h"
 #include "host/source_file.h"
+#include "outside.h"
 #include "shell.h"
 
 namespace polctl {
@@ -258,6 +259,9 @@ void Shell::commit(const Words& words) {
   size_t at = 1;
   unsigned minutes = 0;
   std::string comment;
+  bool announces = at < words.size() && words[at].text == "--announce";
+  if (announces) ++at;
+  announces = announces || options_.announce;
   if (at < words.size() && words[at].text == "confirmed") {
     if (++at == words.size()) missing(words, "for how many minutes it waits", "1 to 10080");
     minutes = number_of(words[at++], 1, kMaxMinutes);
@@ -273,6 +277,12 @@ void Shell::commit(const Words& words) {
   }
   std::optional<CallbackProbe> probe;
   if (has_edits()) probe.emplace(source_);
+  std::string before;
+  std::string after;
+  if (announces) {
+    before = session_->xml(MAAPI_RUNNING, "/");
+    after = session_->xml(MAAPI_CANDIDATE, "/");
+  }
   const bool waited = session_->commits().waiting > 0;
   std::vector<ConfigFault> faults;
   int64_t number = session_->commit(comment, minutes, &faults);
@@ -296,6 +306,18 @@ void Shell::commit(const Words& words) {
     out_->write(names.empty() ? "  calls nobody back\n"
                               : "  calls back the users of " + joined(names, ", ") + "\n");
   }
+  if (announces) announce(before, after);
+}
+
+// What the exhaustive comparison says; where it ends without an answer it says so itself.
+void Shell::announce(const std::string& before, const std::string& after) {
+  auto file = [](const std::string& xml) {
+    return MemoryFile(xml.empty() ? R"(<config xmlns="urn:norvik:config:1.0"/>)" : xml);
+  };
+  const MemoryFile old_file = file(before);
+  const MemoryFile new_file = file(after);
+  out_->flush();
+  run_outside({"diff", old_file.path_outside(), new_file.path_outside()}, false);
 }
 
 void Shell::rollback(const Words& words) {

@@ -68,9 +68,11 @@ void Shell::show(const Words& words) {
                           : "--live=" + options_.source.live);
   } else {
     const SetWord& at = words.size() > 1 ? words[1] : words[0];
+    std::vector<std::string> names;
+    for (const Shown& each : shown_words()) names.emplace_back(each.word);
     throw LineFaultError(
         {at.column, words.size() > 1 ? "unknown word " + in_quotes(what) : "show what is missing",
-         "configuration, commits, sessions, policy, lists, users, memory, labels or status"});
+         joined(names, ", ")});
   }
   outside.insert(outside.end(), rest.begin(), rest.end());
   run_outside_command(std::move(outside));
@@ -204,15 +206,15 @@ void Shell::help(const Words& words) {
     if (const CommandRow* row = outside(words[1].text)) {
       return run_outside_command({"help", row->name});
     }
-    const Command* command = nullptr;
-    for (const Command& each : commands()) {
-      if (words[1].text == each.name) command = &each;
-    }
-    if (command == nullptr) {
+    const Verb* verb = find_verb(words[1].text);
+    if (verb == nullptr) {
       throw LineFaultError({words[1].column, "unknown word " + in_quotes(words[1].text),
                             joined(known_words(), ", ")});
     }
-    if (!rehearses_) out_->print("{} {} - {}\n", command->name, command->next, command->help);
+    if (!rehearses_) {
+      out_->print("{}{}{}\n  {}\n", verb->name, *verb->usage != '\0' ? " " : "", verb->usage,
+                  verb->does);
+    }
     return;
   }
   if (rehearses_) return;

@@ -17,6 +17,7 @@
 #include "tool/watching/answers.h"
 #include "tool/watching/policy_view.h"
 #include "tool/watching/web_site.h"
+#include "yarrow/yarrow_types.h"
 
 namespace polctl {
 
@@ -76,11 +77,21 @@ int run_report(const ReportOptions& options, Output* out) {
   }
   // A running agent is asked before the process is kept from it; one of our own may be reached.
   std::string findings;
-  if (from.agent) findings = findings_json(running_agent_port(from.agent_port));
+  ConfiguredPolicies configured;
+  if (from.agent) {
+    const uint16_t port = running_agent_port(from.agent_port);
+    if (port != YARROW_PORT) from.agent_port = std::to_string(port);
+    findings = findings_json(port);
+    ConfigSession session(port);
+    configured = read_configured(&session, "");
+  }
   if (!from.policy_file.empty()) findings = findings_in_file(from.policy_file);
   from.worker = !from.config.empty();
   PolicySource source = load_policy(from);
-  if (findings.empty()) findings = findings_json(source.live()->port);
+  if (findings.empty()) {
+    findings = findings_json(source.live()->port);
+    configured = read_configured(source.live()->session.get(), "");
+  }
   Graph graph = read_graph(source.configured());
   std::map<std::string, std::string> answers;
   answers["/api/status"] = status_of(options.source, graph);
@@ -90,7 +101,7 @@ int run_report(const ReportOptions& options, Output* out) {
     if (node.type != POL_GRAPH_POLICY) continue;
     answers["/api/policy?name=" + encoded(node.name)] = as_array(printed([&](Output* to) {
       for (size_t policy : policies_named(graph, node.name)) {
-        write_policy_json(graph, policy, nullptr, to);
+        write_policy_json(graph, policy, nullptr, known_of(configured, graph.nodes[policy]), to);
         to->write("\n");
       }
     }));

@@ -107,11 +107,50 @@ CommitDetail CommitReader::read(const Question& question) const {
   }
 }
 
+int64_t CommitReader::sessions() { return glance("")->sessions; }
+
+ConfiguredPolicies CommitReader::configured(const std::string& policy) {
+  return std::move(glance(policy)->configured);
+}
+
+// What comes too late nobody looks at any more.
+std::shared_ptr<CommitReader::Glance> CommitReader::glance(const std::string& policy) {
+  auto asked = std::make_shared<Glance>();
+  asked->policy = policy;
+  std::unique_lock<std::mutex> lock(mutex_);
+  wanted_ = asked;
+  changed_.notify_one();
+  bool over = looked_.wait_for(lock, kPatience, [&] { return asked->over; });
+  return over ? asked : std::make_shared<Glance>();
+}
+
+void CommitReader::look(Glance* glance) const {
+  try {
+    ConfigSession session(port_);
+    if (glance->policy.empty()) {
+      glance->sessions = session.other_sessions();
+    } else {
+      glance->configured = read_configured(&session, glance->policy);
+    }
+  } catch (const InputError&) {
+    // Not known.
+  }
+}
+
 void CommitReader::run() {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return over_ || !asked_.empty(); });
+    changed_.wait(lock, [this] { return over_ || wanted_ || !asked_.empty(); });
     if (over_) return;
+    if (wanted_) {
+      std::shared_ptr<Glance> wanted = std::exchange(wanted_, nullptr);
+      lock.unlock();
+      look(wanted.get());
+      lock.lock();
+      wanted->over = true;
+      looked_.notify_all();
+      continue;
+    }
     Question question = std::move(asked_.front());
     asked_.pop_front();
     lock.unlock();

@@ -20,6 +20,17 @@ const CommitNote* last_commit(const HostStatus& status) {
   return status.commits->empty() ? nullptr : &status.commits->back();
 }
 
+std::string timed_text(const Timed& timed) {
+  if (timed.count == 0) return "none";
+  return fmt::format("{}, last {:.1f} ms, mean {:.1f} ms, most {:.1f} ms", grouped(timed.count),
+                     timed.last_ms, timed.sum_ms / static_cast<double>(timed.count), timed.most_ms);
+}
+
+std::string timed_json(const char* count, const char* times, const Timed& timed) {
+  return fmt::format(R"("{}":{},"{}":{{"last":{:.3f},"sum":{:.3f},"most":{:.3f}}})", count,
+                     timed.count, times, timed.last_ms, timed.sum_ms, timed.most_ms);
+}
+
 void line(Output* out, std::string_view what, const std::string& text) {
   out->print("{:<16}{}\n", what, text);
 }
@@ -34,14 +45,18 @@ void write_status_text(const HostStatus& status, Output* out) {
   const HostCounts& counts = status.counters->host;
   line(out, "polctl", fmt::format("{}, since {}", pol_version(), time_text(status.started)));
   line(out, "agent",
-       fmt::format("port {}, {}", status.agent_port,
-                   status.agent_inside ? "in this process" : "a process of its own"));
+       fmt::format("port {}, {}{}", status.agent_port,
+                   status.agent_inside ? "in this process" : "a process of its own",
+                   status.sessions < 0    ? ", sessions not known"
+                   : status.sessions == 1 ? ", 1 session"
+                                          : fmt::format(", {} sessions", status.sessions)));
   const CommitNote* commit = last_commit(status);
   line(out, "last commit",
        commit == nullptr ? "none since the start"
                          : fmt::format("{} at {}, {} changes", commit->number,
                                        time_text(commit->time), grouped(commit->changes)));
   line(out, "policies", fmt::format("{} control and membership policies in use", status.policies));
+  if (status.routes > 0) line(out, "routes", grouped(status.routes));
   for (const std::string& name : status.absent) line(out, "not configured", printable(name));
   for (const std::string& name : status.awaited) line(out, "waited for", printable(name));
   line(out, "document",
@@ -53,13 +68,11 @@ void write_status_text(const HostStatus& status, Output* out) {
   line(out, "callbacks",
        fmt::format("{} for routing, {} for forwarding", grouped(counts.routing_callbacks),
                    grouped(counts.forwarding_callbacks)));
-  const Timed& documents = counts.documents;
-  line(out, "documents",
-       documents.count == 0 ? "none"
-                            : fmt::format("{}, last {:.1f} ms, mean {:.1f} ms, most {:.1f} ms",
-                                          grouped(documents.count), documents.last_ms,
-                                          documents.sum_ms / static_cast<double>(documents.count),
-                                          documents.most_ms));
+  if (status.routes > 0) {
+    line(out, "routes decided", timed_text(counts.rounds));
+    line(out, "answers changed", grouped(counts.answers_changed));
+  }
+  line(out, "documents", timed_text(counts.documents));
   line(out, "requests",
        fmt::format("{}, {} refused", grouped(counts.requests), grouped(counts.refused)));
   out->write("\n");
@@ -87,18 +100,18 @@ void write_status_json(const HostStatus& status, Output* out) {
   out->print(R"({{"version":"{}","started":"{}","agent":{{"port":{},"inside":{},"sessions":{}}},)",
              pol_version(), time_text(status.started), status.agent_port, status.agent_inside,
              status.sessions < 0 ? "null" : std::to_string(status.sessions));
-  out->print(R"("last_commit":{},"policies":{},"absent":{},"awaited":{},)",
-             commit == nullptr ? "null" : commit_json(*commit), status.policies,
+  out->print(R"("last_commit":{},"policies":{},"routes":{},"absent":{},"awaited":{},)",
+             commit == nullptr ? "null" : commit_json(*commit), status.policies, status.routes,
              json_array(status.absent), json_array(status.awaited));
   out->print(R"("document":{{"bytes":{},"fetching":{}}},"counted_since":"{}",)",
              status.document_bytes, status.fetching, time_text(status.counters->since()));
   out->print(
       R"("counts":{{"commits":{},"changes":{},"routing_callbacks":{},"forwarding_callbacks":{},)"
-      R"("requests":{},"refused":{},"documents":{},"document_ms":{{"last":{:.3f},"sum":{:.3f},)"
-      R"("most":{:.3f}}}}},"worker":[)",
+      R"("requests":{},"refused":{},"answers_changed":{},)",
       counts.commits, counts.changes, counts.routing_callbacks, counts.forwarding_callbacks,
-      counts.requests, counts.refused, counts.documents.count, counts.documents.last_ms,
-      counts.documents.sum_ms, counts.documents.most_ms);
+      counts.requests, counts.refused, counts.answers_changed);
+  out->print(R"({},{}}},"worker":[)", timed_json("rounds", "round_ms", counts.rounds),
+             timed_json("documents", "document_ms", counts.documents));
   for (unsigned i = 0; i < POL_WORKER_QUEUES; ++i) {
     const t_pol_worker_queue& queue = status.queues[i];
     out->print(

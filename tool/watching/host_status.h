@@ -45,6 +45,7 @@ struct HostStatus {
   t_pol_worker_queue queues[POL_WORKER_QUEUES] = {};
   bool fetching = false; /* the worker is not done with the last commit */
   uint64_t document_bytes = 0;
+  uint64_t routes = 0; /* that the routing daemon has its policies decide */
   const Counters* counters = nullptr;
   const std::deque<CommitNote>* commits = nullptr; /* the last ones, the newest last */
 };

@@ -48,7 +48,9 @@ HostStatus HostWatch::status() {
   HostStatus status;
   status.agent_port = source_.live()->port;
   status.agent_inside = source_.live()->agent != nullptr;
+  status.sessions = reader_.sessions();
   status.started = started_;
+  status.routes = told.routes;
   status.policies = routing_->users();
   status.absent = told.absent;
   status.awaited = told.awaited;
@@ -81,9 +83,12 @@ void HostWatch::show(const ShowOptions& options, Output* out) {
   } else if (options.what == "lists") {
     write_lists(graph, options.json, out);
   } else if (options.what == "policy") {
-    for (size_t policy : policies_named(graph, options.name)) {
-      options.json ? write_policy_json(graph, policy, &counters, out)
-                   : write_policy_text(graph, policy, &counters, out);
+    const std::vector<size_t> policies = policies_named(graph, options.name);
+    const ConfiguredPolicies configured = reader_.configured(options.name);
+    for (size_t policy : policies) {
+      const ConfiguredPolicy& known = known_of(configured, graph.nodes[policy]);
+      options.json ? write_policy_json(graph, policy, &counters, known, out)
+                   : write_policy_text(graph, policy, &counters, known, out);
       if (options.json) out->write("\n");
     }
   } else {

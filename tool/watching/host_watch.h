@@ -33,6 +33,7 @@ class HostWatch {
     std::vector<std::string> awaited;
     bool fetching = false;
     uint64_t document_bytes = 0;
+    uint64_t routes = 0; /* that the routing daemon has */
   };
   Told told;
   Counters counters;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The host's counters in the OpenMetrics text format. Names and units stay as they are: collectors
-// keep them for years.
+// The host's counters in the OpenMetrics text format. Names and units stay as they are: what was
+// collected under them is kept by them.
 #include <fmt/format.h>
 
 #include "host/address_text.h"
@@ -155,6 +155,19 @@ void write_metrics(const HostStatus& status, const Graph& graph, Output* out) {
                  "Documents built, from the commit on, fetches included.", "seconds");
   metrics.sample("_count", "", counts.documents.count);
   metrics.sample("_sum", "", fmt::format("{:.6f}", counts.documents.sum_ms / 1000.0));
+  if (status.routes > 0) {
+    metrics.gauge("polctl_routes", "Routes of the routing daemon.", status.routes);
+    metrics.family("polctl_route_rounds_seconds", "summary",
+                   "Rounds in which a policy decides all routes.", "seconds");
+    metrics.sample("_count", "", counts.rounds.count);
+    metrics.sample("_sum", "", fmt::format("{:.6f}", counts.rounds.sum_ms / 1000.0));
+    metrics.counter("polctl_changed_answers", "Answers that a round changed.",
+                    counts.answers_changed);
+  }
+  if (status.sessions >= 0) {
+    metrics.gauge("polctl_agent_sessions", "Sessions that the agent has.",
+                  static_cast<uint64_t>(status.sessions));
+  }
   metrics.gauge("polctl_document_bytes", "Size of the forwarding manager's document.",
                 status.document_bytes, "bytes");
   metrics.gauge("polctl_commit_number", "The last commit followed; 0: none since the start.",

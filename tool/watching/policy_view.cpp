@@ -94,8 +94,62 @@ std::vector<const GraphNode*> users_of(const Graph& graph, size_t policy) {
   return users;
 }
 
-std::string count_text(bool counted, uint64_t count) {
-  return counted ? grouped(count) : std::string();
+// A sequence, or a default action, with what is known of it.
+struct PolicyRow {
+  std::string vpn_list; /* "": none */
+  int64_t number = ConfiguredPolicy::kDefault;
+  std::string action;
+  std::vector<std::string> match;
+  std::vector<std::string> set;
+  Decided decided;
+
+  bool is_default() const { return number == ConfiguredPolicy::kDefault; }
+  std::string number_text() const { return is_default() ? "default" : std::to_string(number); }
+};
+
+// As configured, where that is known: with values, in the configuration's words.
+PolicyRow row_of(const GraphNode& node, const Clauses& clauses, int64_t number,
+                 const char* vpn_list, const ConfiguredPolicy& configured) {
+  PolicyRow row;
+  if (vpn_list != nullptr) row.vpn_list = vpn_list;
+  row.number = number;
+  row.action = graph_action(node);
+  const ConfiguredSequence* known = configured.find(row.vpn_list, number);
+  row.match = known != nullptr ? known->match : clauses.match;
+  row.set = known != nullptr ? known->set : clauses.set;
+  return row;
+}
+
+std::vector<PolicyRow> rows_of(const Graph& graph, size_t policy, const ClauseTable& clauses,
+                               const Counters* counters, const ConfiguredPolicy& configured) {
+  const GraphNode& head = graph.nodes[policy];
+  std::vector<PolicyRow> rows;
+  if (!decides(head) && !configured.sequences.empty()) {
+    for (const auto& [place, sequence] : configured.sequences) {
+      rows.push_back(
+          {place.first, place.second, sequence.action, sequence.match, sequence.set, {}});
+    }
+    return rows;
+  }
+  each_sequence(graph, policy, [&](size_t at, const char* vpn_list) {
+    const GraphNode& node = graph.nodes[at];
+    rows.push_back(row_of(node, clauses.of(at), node.sequence, vpn_list, configured));
+  });
+  if (!decides(head)) return rows;
+  rows.push_back(row_of(head, clauses.of(policy), ConfiguredPolicy::kDefault, nullptr, configured));
+  if (counters == nullptr) return rows;
+  const Decisions decisions = counters->of({head.kind, head.name});
+  for (PolicyRow& row : rows) {
+    row.decided = row.is_default() ? decisions.by_default()
+                                   : decisions.by_sequence(static_cast<uint32_t>(row.number));
+  }
+  return rows;
+}
+
+Colour colour_of(const std::string& action) {
+  return action == "accept"   ? action_colour(POL_ACCEPT)
+         : action == "reject" ? action_colour(POL_REJECT)
+                              : Colour::Plain;
 }
 
 std::string decided_json(bool counted, const Decided& decided) {
@@ -123,45 +177,38 @@ std::vector<size_t> policies_named(const Graph& graph, const std::string& name) 
                                near.empty() ? "" : ", did you mean " + near.front() + "?"));
 }
 
-void write_policy_text(const Graph& graph, size_t policy, const Counters* counters, Output* out) {
+void write_policy_text(const Graph& graph, size_t policy, const Counters* counters,
+                       const ConfiguredPolicy& configured, Output* out) {
   const GraphNode& head = graph.nodes[policy];
-  const bool counted = counters != nullptr && decides(head);
-  const Decisions decisions = counted ? counters->of({head.kind, head.name}) : Decisions();
   ClauseTable clauses(graph);
   out->print("{} {}{}\n", graph_word(head), printable(head.name),
              head.state == GraphState::kUndefined ? " (undefined)"
              : head.state == GraphState::kUnused  ? " (unused)"
                                                   : "");
+  for (const std::string& setting : configured.settings) out->print("{}\n", printable(setting));
   // Policies that are asked about routes have counts, the others their sequences in VPN lists.
   const bool routes = decides(head);
-  Table table(routes ? "rlrrll" : "lrlll",
-              routes ? std::vector<Table::Cell>{{"sequence"},
-                                                {"action"},
-                                                {"accepted"},
-                                                {"rejected"},
-                                                {"match"},
-                                                {"set"}}
-                     : std::vector<Table::Cell>{
-                           {"vpn-list"}, {"sequence"}, {"action"}, {"match"}, {"set"}});
-  auto add = [&](size_t at, const char* vpn_list, const std::string& number,
-                 const Decided& decided) {
-    const GraphNode& node = graph.nodes[at];
+  std::vector<Table::Cell> heading = {{"sequence"}, {"action"}};
+  if (!routes) heading.insert(heading.begin(), Table::Cell{"vpn-list"});
+  if (routes) heading.insert(heading.end(), {{"accepted"}, {"rejected"}});
+  heading.insert(heading.end(), {{"match"}, {"set"}});
+  Table table(routes ? "rlrrll" : "lrlll", heading);
+  const std::vector<PolicyRow> rows = rows_of(graph, policy, clauses, counters, configured);
+  for (const PolicyRow& each : rows) {
     std::vector<Table::Cell> row;
-    if (!routes) row.push_back({vpn_list != nullptr ? printable(vpn_list) : ""});
-    row.push_back({number});
-    row.push_back({graph_action(node), action_colour(node.action)});
-    if (routes) row.push_back({count_text(counted, decided.accepted)});
-    if (routes) row.push_back({count_text(counted, decided.rejected)});
-    row.push_back({printable(joined(clauses.of(at).match, ", "))});
-    row.push_back({printable(joined(clauses.of(at).set, ", "))});
+    if (!routes) row.push_back({printable(each.vpn_list)});
+    row.push_back({each.number_text()});
+    row.push_back({each.action, colour_of(each.action)});
+    if (routes) {
+      const bool counted = counters != nullptr;
+      row.push_back({counted ? grouped(each.decided.accepted) : ""});
+      row.push_back({counted ? grouped(each.decided.rejected) : ""});
+    }
+    row.push_back({printable(joined(each.match, ", "))});
+    row.push_back({printable(joined(each.set, ", "))});
     table.add(std::move(row));
-  };
-  each_sequence(graph, policy, [&](size_t at, const char* vpn_list) {
-    uint32_t sequence = graph.nodes[at].sequence;
-    add(at, vpn_list, std::to_string(sequence), decisions.by_sequence(sequence));
-  });
-  if (routes) add(policy, nullptr, "default", decisions.by_default());
-  table.print(out, Palette(out->fd()));
+  }
+  if (!rows.empty()) table.print(out, Palette(out->fd()));
   for (const GraphNode* user : users_of(graph, policy)) {
     bool both = user->direction == POL_DIR_NONE;
     out->print("used by {}{}\n", printable(user->name),
@@ -172,36 +219,35 @@ void write_policy_text(const Graph& graph, size_t policy, const Counters* counte
   }
 }
 
-void write_policy_json(const Graph& graph, size_t policy, const Counters* counters, Output* out) {
+void write_policy_json(const Graph& graph, size_t policy, const Counters* counters,
+                       const ConfiguredPolicy& configured, Output* out) {
   const GraphNode& head = graph.nodes[policy];
   const bool counted = counters != nullptr && decides(head);
-  const Decisions decisions = counted ? counters->of({head.kind, head.name}) : Decisions();
   ClauseTable clauses(graph);
-  out->print(R"({{"kind":"{}","name":{},"state":"{}","sequences":[)", graph_word(head),
-             json_string(head.name), graph_state_word(head.state));
-  const char* separator = "";
-  each_sequence(graph, policy, [&](size_t at, const char* vpn_list) {
-    const GraphNode& node = graph.nodes[at];
-    out->print(R"({}{{"sequence":{},"vpn-list":{},"action":{},{},"match":{},"set":{}}})", separator,
-               node.sequence, vpn_list != nullptr ? json_string(vpn_list) : "null",
-               json_string(graph_action(node)),
-               decided_json(counted, decisions.by_sequence(node.sequence)),
-               json_array(clauses.of(at).match), json_array(clauses.of(at).set));
-    separator = ",";
-  });
-  out->write(R"(],"default":)");
-  if (decides(head)) {
-    out->print(R"({{"action":{},{},"set":{}}})", json_string(graph_action(head)),
-               decided_json(counted, decisions.by_default()), json_array(clauses.of(policy).set));
-  } else {
-    out->write("null");
+  std::vector<std::string> sequences;
+  std::string by_default = "null";
+  for (const PolicyRow& row : rows_of(graph, policy, clauses, counters, configured)) {
+    std::string rest =
+        fmt::format(R"("action":{},{},"match":{},"set":{}}})", json_string(row.action),
+                    decided_json(counted, row.decided), json_array(row.match), json_array(row.set));
+    if (row.is_default() && decides(head)) {
+      by_default = "{" + rest;
+      continue;
+    }
+    sequences.push_back(fmt::format(R"({{"sequence":{},"vpn-list":{},)",
+                                    row.is_default() ? "null" : std::to_string(row.number),
+                                    row.vpn_list.empty() ? "null" : json_string(row.vpn_list)) +
+                        rest);
   }
   std::vector<std::string> users;
   for (const GraphNode* user : users_of(graph, policy)) {
     users.push_back(fmt::format(R"({{"name":{},"direction":"{}"}})", json_string(user->name),
                                 pol_util_dir_str(user->direction)));
   }
-  out->print(R"(,"users":[{}],"undefined":{}}})", joined(users, ","),
+  out->print(R"({{"kind":"{}","name":{},"state":"{}","settings":{},"sequences":[{}],"default":{},)",
+             graph_word(head), json_string(head.name), graph_state_word(head.state),
+             json_array(configured.settings), joined(sequences, ","), by_default);
+  out->print(R"("users":[{}],"undefined":{}}})", joined(users, ","),
              json_array(undefined_in(graph, clauses, policy)));
 }
 

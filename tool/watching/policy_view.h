@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * policy_view.h - one policy as the library holds it: its sequences with what they name and how often
+ * policy_view.h - one policy as it is configured and as the library holds it: its sequences with what they name and how often
  * they decided, its users, and what it names that is not there; and lists with who uses them.
  */
 #ifndef TOOL_WATCHING_POLICY_VIEW_H
@@ -12,6 +12,7 @@
 #include "host/counters.h"
 #include "host/graph_model.h"
 #include "host/output.h"
+#include "tool/watching/configured_policy.h"
 
 namespace polctl {
 
@@ -22,10 +23,13 @@ bool decides(const GraphNode& node);
  * there is none. */
 std::vector<size_t> policies_named(const Graph& graph, const std::string& name);
 
-/* `counters` null: nobody counts. */
-void write_policy_text(const Graph& graph, size_t policy, const Counters* counters, Output* out);
+/* `counters` null: nobody counts. What `configured` does not have is told from the graph, by clauses
+ * without their values. */
+void write_policy_text(const Graph& graph, size_t policy, const Counters* counters,
+                       const ConfiguredPolicy& configured, Output* out);
 /* One object, without a line's end. */
-void write_policy_json(const Graph& graph, size_t policy, const Counters* counters, Output* out);
+void write_policy_json(const Graph& graph, size_t policy, const Counters* counters,
+                       const ConfiguredPolicy& configured, Output* out);
 
 /* Every list and object: elements where the library knows them, users, state. JSON: one a line. */
 void write_lists(const Graph& graph, bool json, Output* out);

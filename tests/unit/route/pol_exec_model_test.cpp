@@ -151,6 +151,9 @@ bool equals(const Asked& a, uint32_t v) {
 
 using Attr = t_pol_route_attr;
 
+// Of each code the protocol and sub-type.
+constexpr uint8_t kOrigins[][2] = {{2, 0}, {1, 0}, {4, 2}, {4, 1}, {4, 3}, {4, 4}, {3, 1}, {3, 2}};
+
 // In the order in which they are tested.
 const Clause kClauses[] = {
     CLAUSE(tag)(POL_MATCH_F_TAG, 3, equals<POL_ATTR_TAG, &Attr::tag>),
@@ -181,6 +184,16 @@ const Clause kClauses[] = {
                          return element_takes(element, a.query.prefix);
                        });
                      }),
+    CLAUSE(origin)(POL_MATCH_F_ORIGIN, std::size(kOrigins),
+                   [](const Asked& a, uint32_t v) {
+                     const auto [protocol, subtype] = kOrigins[v];
+                     const uint8_t is = a.attr.origin_subtype;
+                     if (!a.has(POL_ATTR_ORIGIN)) return false;
+                     if (a.attr.origin_protocol != 4) {
+                       return a.attr.origin_protocol == protocol && is == subtype;
+                     }
+                     return is == subtype || ((subtype == 3 || subtype == 4) && is == subtype + 2);
+                   }),
     CLAUSE(originator)(POL_MATCH_F_ORIGINATOR, 3,
                        [](const Asked& a, uint32_t v) {
                          return a.has(POL_ATTR_ORIGINATOR) &&
@@ -380,6 +393,8 @@ class Twin {
     for (uint32_t* member : {&attr.tag, &attr.preference, &attr.domain}) *member = pick(3);
     attr.reserved[7] = 7;  // carried along
     attr.originator = some_address(pick(3), 1);
+    attr.origin_protocol = static_cast<uint8_t>(1 + pick(4));
+    attr.origin_subtype = static_cast<uint8_t>(pick(7));
     attr.site = pick(70);
     attr.carrier = static_cast<uint8_t>(pick(2));
     attr.group_count = pick(3);

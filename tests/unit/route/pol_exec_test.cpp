@@ -67,6 +67,30 @@ TEST_F(ExecTest, VpnArrayGoesOnFillingAndStopsAtItsEnd) {
   EXPECT_EQ(current(pol::MEM_SET_VPN_LIST), 1u);
 }
 
+// More lists hold the route than an index follows.
+TEST_F(ExecTest, TheOneOfManyListsThatDecidesIsFound) {
+  const t_pol_pfx_record any = {POL_PFX_LE, {}, 0, 32};
+  for (uint32_t i = 1; i <= 100; ++i) {
+    const std::string list = "l" + std::to_string(i);
+    t_pol_entry* one = entry(block("p"), 100 + i);
+    pol_pfx_list_entry_add(ctx, list.c_str(), &any);
+    pol_site_list_add_entry(ctx, list.c_str(), i, i);
+    pol_entry_match_pfx_list_add(ctx, one, list.c_str(), &changed);
+    pol_entry_match_site_list_add(ctx, one, list.c_str(), &changed);
+  }
+  pol_entry_match_tag_add(ctx, e, 1, &changed);
+  pol_user_chg_list_notify_all(ctx);
+  t_pol_route_attr attr = {};
+  query.attr = &attr;
+  query.prefix.addr.family = KEL_AF_INET;
+  t_pol_explain_step decision;
+  for (uint32_t site : {1u, 99u}) {
+    attr.site = site;
+    EXPECT_EQ(pol_explain(out, &query, nullptr, nullptr, &decision), POL_ACCEPT);
+    EXPECT_EQ(decision.sequence, 100 + site);
+  }
+}
+
 TEST_F(ExecTest, ExplainTellsTheDecisionThatSettingComesTo) {
   const t_tloc_id tloc = tloc4(1);
   pol_entry_set_tloc_add(ctx, e, &tloc, &changed);
