@@ -204,7 +204,10 @@ TEST(ToolTest, NothingOverflowsANarrowTerminal) {
     size_t lines = 0;
     for (std::string one; std::getline(said, one); ++lines) {
       if (one.ends_with('\r')) one.pop_back();
-      EXPECT_LE(one.size(), 60u) << line << "\n" << one;
+      // A route is to be copied, and so is not broken.
+      if (!one.starts_with("    such as {")) {
+        EXPECT_LE(one.size(), 60u) << line << "\n" << one;
+      }
     }
     EXPECT_GT(lines, 3u);
   }
