@@ -2,9 +2,9 @@
  *
  * pol_app_list.h - application lists: named sets of applications and application families.
  *
- * The library keeps no content, only who uses the list, so that a change of it reaches their policies.
- * One is made by its first mention, a change or a use, and goes with its last user, or with its
- * configuration while nobody uses it.
+ * The library keeps no content, only who uses the list, so that a change of it reaches their
+ * policies. One is made by its first mention, a change or a use, and goes with its last user, or
+ * with its configuration while nobody uses it.
  *
  * Status  0 done; 1 no memory (nothing changed); 7 null object or record, or no user of it; 15 no
  *         context.
@@ -25,8 +25,8 @@ POL_API uint32_t pol_app_list_entry_change(t_pol_ctx* ctx, const char* name);
 /* On purpose: one that is used stays as it is, and nobody is told. */
 POL_API uint32_t pol_app_list_cfg_del(t_pol_ctx* ctx, const char* name);
 
-/* Three ways to use a list; a sequence may hold one list in several. The DNS and SaaS removes free a
- * record that outlived its sequence (pol_fwd_block.h) when it is on no list any more. */
+/* Three ways to use a list; a sequence may hold one list in several. The DNS and SaaS removes free
+ * a record that outlived its sequence (pol_fwd_block.h) when it is on no list any more. */
 POL_API t_app_list* pol_app_list_user_add(t_pol_ctx* ctx, const char* name, t_pol_fwd_user* user);
 POL_API uint32_t pol_app_list_user_remove(t_pol_ctx* ctx, t_app_list* node, t_pol_fwd_user* user);
 POL_API t_app_list* pol_dns_app_list_user_add(t_pol_ctx* ctx, const char* name,

@@ -10,8 +10,8 @@
  * Changed  `changed` is set to 1 when something really changed and never cleared, so that a caller
  *          can gather it over several calls and notify once (pol_user_chg_list_notify_all). Every
  *          change queues the users of the policy.
- * Misuse   a null context, policy, sequence or name is answered with null or does nothing, and so is an
- *          action or match type without a meaning; `changed` may be null.
+ * Misuse   a null context, policy, sequence or name is answered with null or does nothing, and so
+ *          is an action or match type without a meaning; `changed` may be null.
  * Threads  none of its own: the host serialises every call on one context.
  */
 #ifndef POLICY_POL_BLOCK_H

@@ -143,8 +143,8 @@ POL_API uint32_t pol_config_cflowd_collector_read(void* host, t_pol_ctx* ctx, ui
 
 /* Data and app-route policies. On purpose these take their arguments in an order of their own, the
  * kind of policy first: POL_KIND_DATA or POL_KIND_PERF_ROUTE, another ends the process. Keys: name;
- * name, VPN list; name, VPN list, sequence. A deleted policy notifies nobody. SLA settings in a data
- * policy end the process. */
+ * name, VPN list; name, VPN list, sequence. A deleted policy notifies nobody. SLA settings in a
+ * data policy end the process. */
 POL_API uint32_t pol_config_fwd_read(uint32_t type, void* host, t_pol_ctx* ctx, uint32_t op,
                                      uint8_t level, const pol_cfg_value* keys, uint16_t num,
                                      const pol_cfg_tag_value* values);
@@ -153,8 +153,8 @@ POL_API uint32_t pol_config_fwd_vpn_list_read(uint32_t type, void* host, t_pol_c
                                               uint16_t num, const pol_cfg_tag_value* values);
 
 /* A sequence has one VPN, TLOC and TLOC list; those given for its service take their places. Parts
- * of a TLOC or service that a report leaves out stay as they are; a TLOC goes with its address. What
- * makes its encapsulation binding lasts over reports until it is told as gone. */
+ * of a TLOC or service that a report leaves out stay as they are; a TLOC goes with its address.
+ * What makes its encapsulation binding lasts over reports until it is told as gone. */
 POL_API uint32_t pol_config_fwd_seq_read(uint32_t type, void* host, t_pol_ctx* ctx, uint32_t op,
                                          uint8_t level, const pol_cfg_value* keys, uint16_t num,
                                          const pol_cfg_tag_value* values);

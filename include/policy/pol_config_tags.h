@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * pol_config_tags.h - the leaves and containers of the "zenodra-policy" schema that readers know, by
- * the numbers that the agent's schema gives them.
+ * pol_config_tags.h - the leaves and containers of the "zenodra-policy" schema that readers know,
+ * by the numbers that the agent's schema gives them.
  *
  * A macro is the node's name. What pol_cfg_tag_value.tag holds is one of these, or the number of a
  * node that only the fetched text is made of.

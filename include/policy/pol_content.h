@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * pol_content.h - what route and membership policies and their lists say, value by value: for tools that
- * reason about policy instead of asking it route by route.
+ * pol_content.h - what route and membership policies and their lists say, value by value: for tools
+ * that reason about policy instead of asking it route by route.
  *
  * Order    lists first, by type, then name, each with its elements in the order in which they were
  *          added; then the policies by kind and name, each with its sequences by number and its

@@ -15,7 +15,7 @@
 #define POL_VERSION "1.0.0"
 #define POL_MEM_TYPES 33
 
-/* The version of the library that was loaded, as POL_VERSION is that of the one compiled against. */
+/* The version of the loaded library, as POL_VERSION is that of the one compiled against. */
 POL_API const char* pol_version(void);
 
 /* One row of the memory table; the row's index is the memory type. */
@@ -36,10 +36,10 @@ POL_DATA t_pol_mem_info g_pol_mem_info[POL_MEM_TYPES];
 /* The context, null before pol_init and after pol_destroy. */
 POL_DATA t_pol_ctx* g_pol_ctx_p;
 
-/* 0 logs nothing but the words of a text policy file, ranges of lists that cannot be read, a reported
- * application list or the cache's lock that cannot be made, and failures of the show data and of the
- * filter; above 0 trace and errors; from 3 and 4 on the agent and XML traces. A line is one call of
- * syslog, at local7.debug. */
+/* 0 logs nothing but the words of a text policy file, ranges of lists that cannot be read, a
+ * reported application list or the cache's lock that cannot be made, and failures of the show data
+ * and of the filter; above 0 trace and errors; from 3 and 4 on the agent and XML traces. A line is
+ * one call of syslog, at local7.debug. */
 POL_DATA int32_t g_pol_dbg_level;
 
 /* Scratch space in which log statements print TLOCs; shared by all of them. */
@@ -52,10 +52,10 @@ POL_DATA char g_polbuf1[512];
 POL_API t_pol_ctx* pol_init(const t_pol_callbacks* callbacks);
 
 /* Frees every policy, list and user, ends the worker, then frees the context. Nobody is called
- * back. Every user is gone with it: until the next pol_init, pol_unregister still takes a handle and
- * only sets it to null; any other use of one, and any use after the next pol_init, is use of freed
- * memory. List users stay allocated, without their list; pol_list_unregister does nothing with
- * them. Requests to the agent that are pending are dropped; the call waits
+ * back. Every user is gone with it: until the next pol_init, pol_unregister still takes a handle
+ * and only sets it to null; any other use of one, and any use after the next pol_init, is use of
+ * freed memory. List users stay allocated, without their list; pol_list_unregister does nothing
+ * with them. Requests to the agent that are pending are dropped; the call waits
  * for the agent's answer to the one in hand. */
 POL_API void pol_destroy(void);
 

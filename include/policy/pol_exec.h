@@ -16,9 +16,9 @@
  * TLOC list  route             -     sets  -
  * service    route             -     sets  -
  *
- * A service query sets nothing. A TLOC, TLOC list or service that acts and resolves to no TLOC turns
- * the accept into a reject, unless the route's own TLOC is kept (ultimate TLOC above 1); where it
- * does not act, the accept stands.
+ * A service query sets nothing. A TLOC, TLOC list or service that acts and resolves to no TLOC
+ * turns the accept into a reject, unless the route's own TLOC is kept (ultimate TLOC above 1);
+ * where it does not act, the accept stands.
  *
  * Threads  evaluation only reads policy: any number of threads may evaluate, each with its own
  * query, as long as nothing changes policy meanwhile.
@@ -40,10 +40,10 @@ POL_API uint32_t pol_execute(t_pol_user* user, t_pol_route_query* query);
  * null. */
 POL_API uint32_t pol_exec_route(t_pol_user* user, t_pol_route_query* query);
 
-/* An addition to the interface: as many calls of pol_execute, in order, with the answers in `actions`,
- * in less time: what the next queries need from memory is fetched while others are evaluated. The
- * resolution callback is called in the order of the queries. Rejects all for a null user; does nothing
- * without queries or without `actions`. */
+/* An addition to the interface: as many calls of pol_execute, in order, with the answers in
+ * `actions`, in less time: what the next queries need from memory is fetched while others are
+ * evaluated. The resolution callback is called in the order of the queries. Rejects all for a null
+ * user; does nothing without queries or without `actions`. */
 POL_API void pol_execute_batch(t_pol_user* user, t_pol_route_query* queries, uint32_t count,
                                uint32_t* actions);
 

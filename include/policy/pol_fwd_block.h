@@ -19,8 +19,8 @@ struct avl_tree; /* the platform's, which the library keeps policies in */
 POL_API uint32_t pol_fwd_block_init(t_pol_ctx* ctx, t_pol_block* block);
 
 /* Deletes the policy and takes it out of its tree, should it still stand there; `tree` and
- * `remove_from_tree` say nothing that it does not know itself. With users it stays, empty, until the
- * last of them goes; they are queued. */
+ * `remove_from_tree` say nothing that it does not know itself. With users it stays, empty, until
+ * the last of them goes; they are queued. */
 POL_API void pol_fwd_block_delete(t_pol_ctx* ctx, struct avl_tree* tree, t_pol_block* block,
                                   uint8_t remove_from_tree);
 

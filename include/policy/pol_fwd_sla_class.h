@@ -2,9 +2,9 @@
  *
  * pol_fwd_sla_class.h - SLA classes: named bounds of loss, latency and jitter.
  *
- * The library keeps no content, only who uses the class, so that a change of it reaches their policies.
- * One is made by its first mention, a change or a use, and goes with its last user, or with its
- * configuration while nobody uses it.
+ * The library keeps no content, only who uses the class, so that a change of it reaches their
+ * policies. One is made by its first mention, a change or a use, and goes with its last user, or
+ * with its configuration while nobody uses it.
  *
  * Status  0 done; 1 no memory (nothing changed); 7 null object or record, or no user of it; 15 no
  *         context.

@@ -9,8 +9,8 @@
  * elements.
  *
  * Order    all nodes before all edges. Nodes: lists and objects by type, then name; policies by
- *          kind and name, each followed by its VPN lists and sequences; users by kind, direction and
- *          name. Edges: by the object that they lead to, as they were registered.
+ *          kind and name, each followed by its VPN lists and sequences; users by kind, direction
+ *          and name. Edges: by the object that they lead to, as they were registered.
  * Pointers in a node or edge are valid during the call that hands it over; ids during the walk.
  * Threads  none of its own: the host serialises every call on one context. A visitor only reads.
  */

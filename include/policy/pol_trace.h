@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * pol_trace.h - what evaluation tests on its way to a decision, clause by clause: for tools that count.
- * pol_explain says the same to people.
+ * pol_trace.h - what evaluation tests on its way to a decision, clause by clause: for tools that
+ * count. pol_explain says the same to people.
  *
  * Threads  as of evaluation (pol_exec.h).
  */
@@ -22,8 +22,8 @@ typedef struct t_pol_trace_step {
 
 typedef void (*t_pol_trace_cb)(const t_pol_trace_step* step, void* arg);
 
-/* pol_execute by the same rules. `step` is called for each clause that is tested, in the order of testing,
- * and for what decides; not for a sequence of another match type. Null does without. */
+/* pol_execute by the same rules. `step` is called for each clause that is tested, in the order of
+ * testing, and for what decides; not for a sequence of another match type. Null does without. */
 POL_API uint32_t pol_trace(t_pol_user* user, t_pol_route_query* query, t_pol_trace_cb step,
                            void* arg);
 

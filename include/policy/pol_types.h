@@ -258,8 +258,8 @@ typedef struct t_pol_registration {
 typedef struct t_pol_list_user t_pol_list_user;
 
 /* Tells an outside component that its list changed, on the host's thread, at once and before the
- * policies that use the list are told. It may change any list, this one too, and policy, register and
- * unregister, itself too. It must not call pol_destroy. */
+ * policies that use the list are told. It may change any list, this one too, and policy, register
+ * and unregister, itself too. It must not call pol_destroy. */
 typedef void (*t_pol_list_change_cb)(t_pol_list_user* user, void* arg);
 
 /* An outside component registered on a site list: what pol_list_register returns. The host reads

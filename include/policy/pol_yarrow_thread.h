@@ -2,10 +2,11 @@
  *
  * pol_yarrow_thread.h - the worker thread that talks to the management agent.
  *
- * The host's threads never wait for the agent: what needs it is queued, and the worker, "pol-yarrow",
- * fetches changed objects into the XML cache and writes labels into data policies. It connects at
- * its first request, once: an agent that is not there then is not asked again in the thread's life.
- * A request that fails is tried five times, 5 seconds apart, and holds up its queue meanwhile.
+ * The host's threads never wait for the agent: what needs it is queued, and the worker,
+ * "pol-yarrow", fetches changed objects into the XML cache and writes labels into data policies. It
+ * connects at its first request, once: an agent that is not there then is not asked again in the
+ * thread's life. A request that fails is tried five times, 5 seconds apart, and holds up its queue
+ * meanwhile.
  */
 #ifndef POLICY_POL_YARROW_THREAD_H
 #define POLICY_POL_YARROW_THREAD_H
@@ -15,8 +16,8 @@
 /* 1 for good from the first request to a worker on, whether or not the agent could be reached. */
 POL_DATA uint8_t g_pol_yarrow_thread_maapi_connected;
 
-/* Starts the worker for the XML cache of g_pol_ctx_p. 0; POL_ESPINLOCK, POL_EPIPE or POL_EEVENT when
- * one of these cannot be had. */
+/* Starts the worker for the XML cache of g_pol_ctx_p. 0; POL_ESPINLOCK, POL_EPIPE or POL_EEVENT
+ * when one of these cannot be had. */
 POL_API uint32_t pol_yarrow_thread_init(t_pol_yarrow_thread* thread);
 
 /* Ends the worker and frees the requests it did not come to; waits for the agent's answer to the
@@ -34,9 +35,9 @@ typedef struct t_pol_worker_queue {
   uint32_t waiting;  /* now, the one that is worked on among them */
 } t_pol_worker_queue;
 
-/* An addition to the interface: fills `queues`, POL_WORKER_QUEUES of them, in the order in which the
- * worker takes them. Takes no lock: the numbers of one queue may be a request apart. 0; POL_EINVAL,
- * POL_ENOCTX. */
+/* An addition to the interface: fills `queues`, POL_WORKER_QUEUES of them, in the order in which
+ * the worker takes them. Takes no lock: the numbers of one queue may be a request apart. 0;
+ * POL_EINVAL, POL_ENOCTX. */
 POL_API uint32_t pol_yarrow_thread_queues(t_pol_ctx* ctx, t_pol_worker_queue* queues);
 
 /* A dump of pol_dump.h: which of the queues hold requests at the moment. */

@@ -91,7 +91,8 @@ struct t_pol_entry {
 };
 
 // A sequence of a forwarding policy, in one piece with what the objects that it names know it by.
-// Those may know it longer than the policy: then `entry` is gone and `user` is left (pol_fwd_block.cpp).
+// Those may know it longer than the policy: then `entry` is gone and `user` is left
+// (pol_fwd_block.cpp).
 struct t_pol_fwd_entry {
   t_pol_entry entry;
   t_pol_fwd_user user;
@@ -153,7 +154,8 @@ inline bool is_forwarding(uint32_t kind) {
   return kind == POL_KIND_DATA || kind == POL_KIND_PERF_ROUTE;
 }
 
-// Whether the sequence has forwarding clauses. A default action has none, whatever the policy's kind.
+// Whether the sequence has forwarding clauses. A default action has none, whatever the policy's
+// kind.
 inline bool is_forwarding(const t_pol_entry& entry) {
   return entry.block != nullptr && is_forwarding(entry.block->kind) &&
          &entry != &entry.block->default_action;

@@ -11,8 +11,8 @@
 
 namespace pol {
 
-// Empty an area of a sequence that no list knows through it (any more): no clauses, everything bound
-// to the sequence's policy.
+// Empty an area of a sequence that no list knows through it (any more): no clauses, everything
+// bound to the sequence's policy.
 void match_reset(t_pol_entry* entry);
 void set_reset(t_pol_entry* entry);
 

@@ -10,8 +10,8 @@
 enum pol_user_flag : uint8_t { POL_USER_QUEUED = 0x1 };
 
 // Invariants
-//   1. A user with a policy stands among that policy's users, and either on the change list or among
-//      those of the policy that are not queued.
+//   1. A user with a policy stands among that policy's users, and either on the change list or
+//      among those of the policy that are not queued.
 //   2. `place` grows along a policy's users.
 struct t_pol_user {
   uint32_t kind;  // first: a handle whose first word is 0 is none
@@ -42,7 +42,11 @@ class UnqueuedUsers {
  public:
   void create();
   void destroy() { by_place_.destroy(); }
-  t_pol_user* first() const { return by_place_.first(); }
+  // Takes the first out; all others are taken before any is added or removed.
+  t_pol_user* drain() {
+    void* cookie = nullptr;
+    return by_place_.drain(&cookie);
+  }
   void add(t_pol_user* user);
   void remove(t_pol_user* user) { by_place_.remove(user); }
 

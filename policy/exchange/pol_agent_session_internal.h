@@ -34,7 +34,8 @@ int agent_socket();
 // Room for any name of the library, quoted, as a key of an agent's path.
 inline constexpr size_t kKeySize = 1024 + 3;
 
-// Writes a name as a key: as it is, or in quotes when it holds what ends or splits keys. Cut to fit.
+// Writes a name as a key: as it is, or in quotes when it holds what ends or splits keys. Cut to
+// fit.
 void agent_key(char (&key)[kKeySize], const char* name);
 
 }  // namespace pol

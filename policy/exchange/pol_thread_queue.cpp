@@ -43,8 +43,8 @@ void thread_unlink(t_pol_yarrow_thread* thread, unsigned queue, t_pol_thread_que
 
 void thread_count(uint64_t* count) { __atomic_add_fetch(count, 1, __ATOMIC_RELAXED); }
 
-// Linux says that a pipe takes more only while a whole page of it is free: room for the bytes of all
-// who were told so at once, so that no write waits for a worker that may never read again.
+// Linux says that a pipe takes more only while a whole page of it is free: room for the bytes of
+// all who were told so at once, so that no write waits for a worker that may never read again.
 bool thread_wake(const t_pol_yarrow_thread* thread) {
   pollfd end = {thread->write_fd, POLLOUT, 0};
   int ready = -1;

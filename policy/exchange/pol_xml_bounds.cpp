@@ -9,8 +9,8 @@ namespace {
 
 using std::string_view;
 
-// Takes a comment, CDATA section or instruction off the front of what follows a '<', if it is one. One
-// that does not end is the rest of the text, which the parser then refuses.
+// Takes a comment, CDATA section or instruction off the front of what follows a '<', if it is one.
+// One that does not end is the rest of the text, which the parser then refuses.
 bool skip_other(string_view* text) {
   static constexpr struct {
     string_view open;
@@ -114,7 +114,8 @@ bool pol::xml_tags_bounded(string_view text) {
 }
 
 void pol::xml_parser_bound(xmlParserCtxt* parser) {
-  // Or it goes on behind a fault, where quotes no longer part what the tags' bounds took them to part.
+  // Or it goes on behind a fault, where quotes no longer part what the tags' bounds took them to
+  // part.
   parser->sax->serror = [](void* at, auto* error) {
     if (error->level == XML_ERR_FATAL) stop(at);
   };

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The compatibility filter. One walk from the root down finds the paths that the schema does not
-// know; then one query a path takes the elements out, wherever in the document they stand. The schema
-// is asked for whole paths, and for each different one once: it is the device's, and what a look-up
-// costs there is not known here.
+// know; then one query a path takes the elements out, wherever in the document they stand. The
+// schema is asked for whole paths, and for each different one once: it is the device's, and what a
+// look-up costs there is not known here.
 //
 // The parser is never cleaned up here, on purpose: that would tear down libxml2 for the whole
 // process, under a host or another thread that is using it. A document leaves nothing behind.
@@ -53,8 +53,8 @@ struct Walk {
   size_t lengths[kMaxPaths];
   char paths[kMaxPaths][kMaxPath];
 
-  // The path to the element that is looked at: where the path of each step above ends, and the id of
-  // its answer.
+  // The path to the element that is looked at: where the path of each step above ends, and the id
+  // of its answer.
   char path[kMaxPath];
   size_t ends[kMaxDepth + 1];
   uint32_t ids[kMaxDepth + 1];

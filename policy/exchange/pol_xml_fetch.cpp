@@ -29,8 +29,8 @@ char* receive_text(int sock, const char* path, size_t* length) {
   bool short_of = false;
   while (text != nullptr) {
     ssize_t got = recv(sock, text + filled, room - filled, MSG_WAITALL);
-    // What came short was the stream's last, or waited the socket's time limit out: one that goes on
-    // after that comes in drops, and could hold the caller for ever.
+    // What came short was the stream's last, or waited the socket's time limit out: one that goes
+    // on after that comes in drops, and could hold the caller for ever.
     if (got < 0 || (got > 0 && short_of)) {
       POL_LOG("Error fetching data from yarrow, path: %s\n", path);
       POL_LOG("Bailing out\n");

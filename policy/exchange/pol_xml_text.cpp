@@ -25,7 +25,8 @@ uint32_t pol::xml_text_init(XmlText* text) {
 uint32_t pol::xml_text_append(XmlText* text, std::string_view more) {
   size_t length = text->length + more.size();
   if (length > text->room) {
-    size_t room = std::max(length, text->room * 2);
+    // A text alone fills most of the room: what follows it closes it and is short.
+    size_t room = std::max(length + kInitialRoom, text->room * 2);
     auto* grown = static_cast<char*>(pol_realloc(text->bytes, room + 1));
     if (grown == nullptr) return POL_ENOMEM;
     text->bytes = grown;
@@ -42,8 +43,8 @@ void pol::xml_text_free(XmlText* text) {
   *text = {};
 }
 
-// A buffer that was grown has no room left, so each later append grows it again: kept on purpose, for
-// a caller to see in `room`.
+// A buffer that was grown has no room left, so each later append grows it again: kept on purpose,
+// for a caller to see in `room`.
 uint32_t pol_fwd_policy_append(const char* text, int32_t size, char** buffer, uint32_t* room) {
   if (text == nullptr || size < 0 || buffer == nullptr || room == nullptr) return POL_OK;
   auto added = static_cast<uint32_t>(size);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// pol_xml_text_internal.h - a text that grows by doubling, so that appending costs what is appended.
+// pol_xml_text_internal.h - a text that grows by doubling, so that appending costs what is
+// appended.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +16,8 @@ struct XmlText {
   size_t room;  // in all, without the NUL
 };
 
-// Each is POL_OK or POL_ENOMEM, which leaves the text as it was. A text of all zero bytes may be freed.
+// Each is POL_OK or POL_ENOMEM, which leaves the text as it was. A text of all zero bytes may be
+// freed.
 [[nodiscard]] uint32_t xml_text_init(XmlText* text);
 [[nodiscard]] uint32_t xml_text_append(XmlText* text, std::string_view more);
 void xml_text_free(XmlText* text);

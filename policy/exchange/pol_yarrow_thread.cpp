@@ -216,8 +216,8 @@ uint32_t init_events(t_pol_yarrow_thread* thread) {
   return POL_OK;
 }
 
-// The host's signals stay with the host's threads, but not those of the worker's own faults: blocked,
-// they would end the process past every handler that the host has for them.
+// The host's signals stay with the host's threads, but not those of the worker's own faults:
+// blocked, they would end the process past every handler that the host has for them.
 void start(t_pol_yarrow_thread* thread) {
   sigset_t blocked;
   sigset_t before;

@@ -7,8 +7,8 @@
 
 namespace pol {
 
-// Wakes the worker; never waits for it. A full pipe wakes it as well. False, with errno, when the pipe
-// cannot be written.
+// Wakes the worker; never waits for it. A full pipe wakes it as well. False, with errno, when the
+// pipe cannot be written.
 [[nodiscard]] bool thread_wake(const t_pol_yarrow_thread* thread);
 
 // Appends a request, which the worker owns from now on, and wakes the worker. When the queue cannot

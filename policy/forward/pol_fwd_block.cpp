@@ -41,8 +41,8 @@ t_pol_fwd_vpn_entry* vpn_find(t_pol_block* block, const char* name, avl_index* w
   return block->fwd_vpns.find(key, where);
 }
 
-// On purpose: what DNS and SaaS application lists know of the sequence stays with them, bound to the
-// block while that lives and to nothing afterwards; and with it the sequence's record.
+// On purpose: what DNS and SaaS application lists know of the sequence stays with them, bound to
+// the block while that lives and to nothing afterwards; and with it the sequence's record.
 void entry_release(t_pol_block* block, t_pol_fwd_user* user) {
   for (t_pol_clause_user* role : {&user->dns_app_list, &user->saas_app_list}) {
     if (!is_stale(*role)) continue;

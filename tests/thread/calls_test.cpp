@@ -242,6 +242,48 @@ TEST_F(CallsTest, AnObjectThatIsGoneStoresNothing) {
             std::string::npos);
 }
 
+// Its lock's failures are answered, and told to who debugs; one that cannot be made is always told.
+TEST_F(CallsTest, TheCacheDoesWithoutItsLock) {
+  char* buffer = nullptr;
+  uint32_t room = 0;
+  auto text = [&] { return pol_xml_config_get_str(POL_XML_VPN_LIST, "v", &buffer, &room); };
+  auto made = [] { return pol_xml_config_find_or_create(POL_XML_VPN_LIST, "v"); };
+  auto records = [this] { return current(pol::MEM_POLICY_CONFIG); };
+  const std::string locking = "Lock error on xml config tree (error:35)\n";
+  const std::string unlocking = "Unlock error on xml config tree (error:1)\n";
+  const struct {
+    const char* failing;
+    std::string line;
+    std::function<bool()> call;
+  } rows[] = {
+      {"pthread_spin_init", "Failed to init spinlock for XML config (error 11)\n",
+       [&] { return pol_xml_config_init(ctx) == POL_ESPINLOCK; }},
+      {"none", "", [&] { return pol_xml_config_init(ctx) == POL_OK; }},
+      {"pthread_spin_lock", locking, [&] { return made() == nullptr; }},
+      {"pthread_spin_unlock", unlocking, [&] { return made() != nullptr; }},
+      {"pthread_spin_lock", locking, [&] { return text() == POL_ELOCK; }},
+      {"pthread_spin_unlock", unlocking, [&] { return text() == EPERM; }},
+      {"pthread_spin_lock", locking,
+       [&] { return pol_xml_config_find_and_delete(POL_XML_VPN_LIST, "v"), records() == 1; }},
+      {"pthread_spin_lock", locking,
+       [&] { return pol_xml_config_deinit(ctx) == 0 && records() == 1; }},
+      {"pthread_spin_destroy", "Failed to destroy spinlock for XML config (error 16)\n",
+       [&] { return pol_xml_config_deinit(ctx) == EBUSY && records() == 0; }},
+  };
+  for (uint32_t level : {1U, 0U}) {
+    pol_debug_set(level);
+    for (const auto& row : rows) {
+      seams::take_log();
+      scripted::fail_call(row.failing, 0, 1);
+      EXPECT_TRUE(row.call()) << row.failing << row.line;
+      const std::string log = seams::take_log();
+      const bool told = level > 0 || strcmp(row.failing, "pthread_spin_init") == 0;
+      EXPECT_EQ(log.empty() ? "" : log.substr(log.find("[POL] ") + 6), told ? row.line : "");
+    }
+  }
+  EXPECT_EQ(pol_xml_config_init(ctx), POL_OK);
+}
+
 // As a device's own client answers: whole paths only.
 TEST_F(CallsTest, TheFilterAsksForEachWholePathOnce) {
   const std::string p = "/zenodra-policy:";
