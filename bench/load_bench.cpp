@@ -222,87 +222,175 @@ void index_bytes(benchmark::State& state) {
   pol_unregister(&rig.user);
 }
 
-// The largest sizes, made and unmade once: nothing may grow faster than they do.
-void scale(benchmark::State& state, const std::function<void()>& make,
-           const std::function<void()>& unmake) {
+// The largest sizes, loaded, used and torn down once: nothing may grow faster than they do. A
+// size's figures are nanoseconds an element, and a use.
+void scale(benchmark::State& state, size_t count, const std::function<void()>& load, size_t uses,
+           const std::function<void()>& use, const std::function<void()>& tear_down) {
+  double load_time = 0;
+  double use_time = 0;
+  double down_time = 0;
   for (auto step : state) {
-    state.SetIterationTime(seconds([&] {
-      make();
-      unmake();
-    }));
+    load_time = seconds(load);
+    use_time = seconds(use);
+    down_time = seconds(tear_down);
+    state.SetIterationTime(load_time + use_time + down_time);
   }
+  state.counters["load"] = load_time * 1e9 / static_cast<double>(count);
+  state.counters["use"] = use_time * 1e9 / static_cast<double>(uses);
+  state.counters["down"] = down_time * 1e9 / static_cast<double>(count);
+}
+
+constexpr size_t kUses = 10000;
+
+void execute(t_pol_user* user, t_pol_route_query* query) {
+  if (pol_execute(user, query) != POL_ACCEPT) abort();
+  pol_post_execute(query);
+}
+
+// `number`-th of many names.
+void name_user(t_pol_registration* record, const char* policy, size_t number) {
+  *record = {};
+  ("scale-" + std::to_string(number)).copy(record->user_name, POL_NAME_SIZE - 1);
+  std::string(policy).copy(record->policy_name, POL_NAME_SIZE - 1);
+  record->kind = POL_KIND_ROUTE;
+  record->direction = POL_DIR_OUT;
+}
+
+t_pol_block* find_policy(const char* name) {
+  return pol_block_find(context(), name, POL_KIND_ROUTE, nullptr);
+}
+
+void delete_policy(const char* name) {
+  uint8_t changed = 0;
+  pol_block_find_and_delete(context(), name, POL_KIND_ROUTE, &changed);
 }
 
 void scale_prefixes(benchmark::State& state, size_t count) {
   const auto elements = make_elements(count, Spread::kRandom, 6);
+  Rig rig("scale");
+  uint8_t changed = 0;
+  pol_entry_match_pfx_list_add(context(), rig.add_sequence(1), kList, &changed);
+  rig.tell();
+  const t_pol_route_attr attr = attributes();
+  t_pol_route_query query = query_for(&attr);
   scale(
-      state, [&] { add_to_list(kList, elements); },
+      state, count, [&] { add_to_list(kList, elements); }, kUses,
+      [&] {
+        for (size_t i = 0; i < kUses; ++i) {
+          const t_pol_pfx_record& element = elements[i * 7919 % count];
+          query.prefix = element.prefix;
+          query.prefix.len = std::max(query.prefix.len, element.min);
+          execute(rig.user, &query);
+        }
+      },
       [&] {
         for (const auto& element : elements) pol_pfx_list_del_entry(context(), kList, &element);
         pol_pfx_list_cfg_del(context(), kList);
       });
+  pol_unregister(&rig.user);
+  delete_policy("scale");
 }
 
 void scale_sequences(benchmark::State& state, size_t count) {
   Rig rig("scale");
-  uint8_t changed = 0;
+  t_pol_route_attr attr = attributes();
+  t_pol_route_query query = query_for(&attr);
   scale(
-      state,
+      state, count,
       [&] {
+        uint8_t changed = 0;
         for (uint32_t i = 1; i <= count; ++i) {
           pol_entry_match_tag_add(context(), rig.add_sequence(i), i, &changed);
         }
         rig.tell();
       },
-      [&] { pol_block_find_and_delete(context(), "scale", POL_KIND_ROUTE, &changed); });
+      kUses,
+      [&] {
+        for (size_t i = 0; i < kUses; ++i) {
+          attr.tag = static_cast<uint32_t>(i * 7919 % count + 1);
+          execute(rig.user, &query);
+        }
+      },
+      [&] { delete_policy("scale"); });
   pol_unregister(&rig.user);
 }
 
+// Each of ten sequences, with a user.
 void scale_policies(benchmark::State& state, size_t count) {
-  uint8_t changed = 0;
+  std::vector<t_pol_user*> users(count);
   const auto name = [](size_t i) { return "scale-" + std::to_string(i); };
+  const t_pol_route_attr attr = attributes();
+  t_pol_route_query query = query_for(&attr);
   scale(
-      state,
+      state, count,
       [&] {
         for (size_t i = 0; i < count; ++i) {
-          t_pol_block* policy =
-              pol_block_find_or_create(context(), name(i).c_str(), POL_KIND_ROUTE, &changed);
+          const std::string policy_name = name(i);
+          t_pol_registration record;
+          name_user(&record, policy_name.c_str(), i);
+          users[i] = pol_register(&record);
+          t_pol_block* policy = find_policy(policy_name.c_str());
+          uint8_t changed = 0;
           for (uint32_t number = 1; number <= 10; ++number) {
             t_pol_entry* entry = pol_entry_find_or_create(context(), policy, number, &changed);
+            pol_entry_match_add(context(), policy, entry, POL_MATCH_ROUTE, &changed);
+            pol_entry_action_add(context(), entry, POL_ACCEPT, &changed);
             pol_entry_match_tag_add(context(), entry, number, &changed);
           }
         }
         pol_user_chg_list_notify_all(context());
       },
+      kUses,
       [&] {
-        for (size_t i = 0; i < count; ++i) {
-          pol_block_find_and_delete(context(), name(i).c_str(), POL_KIND_ROUTE, &changed);
-        }
-      });
-}
-
-void scale_users(benchmark::State& state, size_t count) {
-  std::vector<t_pol_user*> users(count);
-  uint8_t changed = 0;
-  scale(
-      state,
-      [&] {
-        for (size_t i = 0; i < count; ++i) {
-          t_pol_registration record = {};
-          ("scale-" + std::to_string(i)).copy(record.user_name, POL_NAME_SIZE - 1);
-          std::string("scale").copy(record.policy_name, POL_NAME_SIZE - 1);
-          record.kind = POL_KIND_ROUTE;
-          record.direction = POL_DIR_OUT;
-          users[i] = pol_register(&record);
-        }
-        t_pol_block* policy = pol_block_find(context(), "scale", POL_KIND_ROUTE, nullptr);
-        pol_entry_find_or_create(context(), policy, 1, &changed);
-        pol_user_chg_list_notify_all(context());
+        for (size_t i = 0; i < kUses; ++i) execute(users[i % count], &query);
       },
       [&] {
         for (t_pol_user*& user : users) pol_unregister(&user);
-        pol_block_find_and_delete(context(), "scale", POL_KIND_ROUTE, &changed);
+        for (size_t i = 0; i < count; ++i) delete_policy(name(i).c_str());
       });
+}
+
+// Of one policy. A use is one user told; where the callback changes the policy, all are queued
+// again.
+void scale_users(benchmark::State& state, size_t count, bool callback_changes) {
+  std::vector<t_pol_user*> users(count);
+  Rig rig("scale");
+  t_pol_entry* entry = rig.add_sequence(1);
+  uint32_t tag = 0;
+  const auto change = [&] {
+    uint8_t changed = 0;
+    pol_entry_match_tag_add(context(), entry, ++tag, &changed);
+  };
+  const std::function<void()> again = change;
+  scale(
+      state, count,
+      [&] {
+        for (size_t i = 0; i < count; ++i) {
+          t_pol_registration record;
+          name_user(&record, "scale", i);
+          record.change = count_call;
+          if (callback_changes) {
+            record.user_arg = reinterpret_cast<uint64_t>(&again);
+            record.change = [](t_pol_user*, uint64_t arg) {
+              ++told;
+              (*reinterpret_cast<const std::function<void()>*>(arg))();
+            };
+          }
+          users[i] = pol_register(&record);
+        }
+      },
+      count,
+      [&] {
+        const uint64_t before = told;
+        change();
+        pol_user_chg_list_notify_all(context());
+        if (told - before != count) state.SkipWithError("not every user was told once");
+      },
+      [&] {
+        for (t_pol_user*& user : users) pol_unregister(&user);
+        delete_policy("scale");
+      });
+  pol_unregister(&rig.user);
 }
 
 void country_bytes(benchmark::State& state) {
@@ -388,13 +476,19 @@ void register_loads() {
     for (size_t count : sizes) {
       benchmark::RegisterBenchmark((name + std::to_string(count)).c_str(), work, count)
           ->UseManualTime()
-          ->Iterations(1);
+          ->Iterations(1)
+          ->Repetitions(3);
     }
   };
   grows("scale/prefixes/", scale_prefixes, {10000, 100000, 1000000});
   grows("scale/sequences/", scale_sequences, {1000, 10000, 100000});
   grows("scale/policies/", scale_policies, {100, 1000, 10000});
-  grows("scale/users/", scale_users, {1000, 10000, 100000});
+  const auto quiet = [](benchmark::State& state, size_t count) {
+    scale_users(state, count, false);
+  };
+  const auto busy = [](benchmark::State& state, size_t count) { scale_users(state, count, true); };
+  grows("scale/users/", quiet, {1000, 10000, 100000});
+  grows("scale/changers/", busy, {400, 4000, 40000});
   for (size_t users : {100u, 1000u, 10000u}) {
     benchmark::RegisterBenchmark(("W6/" + std::to_string(users)).c_str(), batch, users, 10000u)
         ->UseManualTime();

@@ -16,7 +16,8 @@ struct Row {
   const char* beside;  // the clause by a plain walk, without the floor; null: none
 };
 
-// Whole pol_execute, a route. Bars are multiples of the floor: where these figures were set it was 6.5 ns.
+// Whole pol_execute, a route. Bars are multiples of the floor: where these figures were set it was
+// 6.5 ns.
 constexpr double kFloor = 6.5;
 
 constexpr Row kEvaluations[] = {
@@ -43,7 +44,7 @@ constexpr Row kEvaluations[] = {
     {"W3   20 sequences, 2-3 clauses", "W3", 55, nullptr},
 };
 
-// A whole load, so many elements; the bars are milliseconds.
+// A whole load, so many elements; the bars are milliseconds, of a machine at rest.
 struct LoadRow {
   const char* title;
   const char* name;
@@ -56,12 +57,23 @@ constexpr LoadRow kLoads[] = {
     {"W4   prefixes, delete", "W4/prefixes/delete/", {1000, 10000, 100000}, 0},
     {"W4   site ranges, add", "W4/sites/add/", {1000, 10000, 100000}, 100},
     {"W4   site ranges, delete", "W4/sites/delete/", {1000, 10000, 100000}, 0},
-    {"made and unmade: prefixes", "scale/prefixes/", {10000, 100000, 1000000}, 0},
-    {"made and unmade: sequences", "scale/sequences/", {1000, 10000, 100000}, 0},
-    {"made and unmade: policies of 10", "scale/policies/", {100, 1000, 10000}, 0},
-    {"made and unmade: users", "scale/users/", {1000, 10000, 100000}, 0},
     {"W4   sequences, add", "W4/sequences/add/", {10, 100, 1000}, 0},
     {"W4   sequences, delete", "W4/sequences/delete/", {10, 100, 1000}, 0},
+};
+
+// Loaded, used and torn down, at three sizes.
+struct ScaleRow {
+  const char* title;
+  const char* name;
+  int sizes[3];
+};
+
+constexpr ScaleRow kScales[] = {
+    {"prefixes of a list; a route", "scale/prefixes/", {10000, 100000, 1000000}},
+    {"sequences of tags; a route", "scale/sequences/", {1000, 10000, 100000}},
+    {"policies of 10; a route", "scale/policies/", {100, 1000, 10000}},
+    {"users of a policy; one told", "scale/users/", {1000, 10000, 100000}},
+    {"users that change it; one told", "scale/changers/", {400, 4000, 40000}},
 };
 
 constexpr Row kBytes[] = {
@@ -172,6 +184,30 @@ int print_loads(const Figures& figures) {
   return missed;
 }
 
+// Each size with its ratio to the one before: 1 where time grows as the size does.
+void print_scales(const Figures& figures) {
+  constexpr const char* kPhases[] = {"/load", "/use", "/down"};
+  if (!find(figures, "scale/users/1000/load")) return;
+  printf("\n%-32s%10s%20s%20s%20s\n", "growth, ns and ratio", "size", "load, each", "use",
+         "tear down, each");
+  for (const ScaleRow& row : kScales) {
+    const char* title = row.title;
+    std::optional<double> before[3];
+    for (int size : row.sizes) {
+      printf("%-32s%10d", title, size);
+      title = "";
+      for (int i = 0; i < 3; ++i) {
+        auto now = find(figures, row.name + std::to_string(size) + kPhases[i]);
+        printf("%12.1f", now.value_or(0));
+        if (before[i] && now) printf("%7.2fx", *now / *before[i]);
+        if (!before[i]) printf("%8s", "");
+        before[i] = now;
+      }
+      printf("\n");
+    }
+  }
+}
+
 // Beside each figure the same work in the standard library's containers (the floor), and for both
 // how much more a sequence costs among 10,000 than among 1,000, which leaves the caches.
 void print_forwarding(const Figures& figures) {
@@ -227,6 +263,9 @@ void Collector::ReportRuns(const std::vector<Run>& runs) {
     if (run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") continue;
     figures_[run.run_name.function_name] = figure_of(run);
     figures_[run.run_name.function_name + "/cpu"] = run.GetAdjustedCPUTime();
+    for (const auto& [name, counter] : run.counters) {
+      figures_[run.run_name.function_name + "/" + name] = counter.value;
+    }
     if (isatty(STDERR_FILENO) != 0) fprintf(stderr, "\r%zu figures", figures_.size());
   }
 }
@@ -236,6 +275,7 @@ int print_table(const Figures& figures) {
   int missed = print_evaluations(figures);
   missed += print_growths(figures);
   missed += print_loads(figures);
+  print_scales(figures);
   print_forwarding(figures);
   missed += print_bytes(figures);
   return missed;

@@ -36,6 +36,7 @@ void Output::write_out(std::string_view text) {
 }
 
 void Output::flush() {
+  if (fd_ == kNoFile) return;
   write_out(text());
   buffer_.clear();
 }

@@ -138,8 +138,8 @@ std::string MemoryFile::path_outside() const {
   return fmt::format("/proc/{}/fd/{}", getpid(), fd_);
 }
 
-SourceFile::SourceFile(const std::string& given, const char* expected)
-    : name_(name_of(given)), path_(given) {
+SourceFile::SourceFile(const std::string& given, const char* expected, const std::string& name)
+    : name_(name.empty() ? name_of(given) : name), path_(given) {
   // Read once, however often it is named: a command that asks twice has seen to it that it may.
   static std::shared_ptr<MemoryFile> standard_input;
   if (given == "-" && standard_input) path_ = standard_input->path();

@@ -41,8 +41,9 @@ struct SetDocument;
 class SourceFile {
  public:
   /* `expected` says what it should be, for messages. Throws InputError when it cannot be read, is too
-   * large, or by its first bytes is something else: compressed, routes. */
-  SourceFile(const std::string& given, const char* expected);
+   * large, or by its first bytes is something else: compressed, routes. Messages call it `name` unless
+   * that is "". */
+  SourceFile(const std::string& given, const char* expected, const std::string& name = "");
 
   const std::string& name() const { return name_; } /* for messages: "<stdin>" for "-" */
   const std::string& path() const { return path_; } /* to be opened */

@@ -156,7 +156,7 @@ XmlPlaces::XmlPlaces(const SourceFiles& files) {
   }
 }
 
-void XmlPlaces::find(const std::string& path, ConfigFault* fault) {
+bool XmlPlaces::find(const std::string& path, ConfigFault* fault) {
   std::vector<Step> steps = steps_of(path);
   size_t deepest = 0;
   for (File& each : files_) {
@@ -172,6 +172,7 @@ void XmlPlaces::find(const std::string& path, ConfigFault* fault) {
     fault->line = place.line;
     fault->column = place.column;
   }
+  return deepest == steps.size();
 }
 
 }  // namespace polctl

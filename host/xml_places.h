@@ -24,8 +24,8 @@ class XmlPlaces {
 
   /* The place of a path as the agent writes it, "/policy/lists/site-list{A}/site{5}": in the last
    * file that holds it. A node that stands nowhere is at the place of the nearest node around it
-   * that does. Nothing is changed when not even its top does. */
-  void find(const std::string& path, ConfigFault* fault);
+   * that does. Nothing is changed when not even its top does. Whether the node itself stands there. */
+  bool find(const std::string& path, ConfigFault* fault);
 
  private:
   struct FreeDoc {

@@ -19,6 +19,7 @@
 #include "host/source_file.h"
 #include "importing/route_import.h"
 #include "json_line.h"
+#include "live_client.h"
 #include "policy/pol_util.h"
 #include "proof/proof_diff.h"
 #include "set_rules.h"
@@ -107,11 +108,13 @@ struct KeptPart : Part {
   std::vector<Kept> answers;
 };
 
-std::vector<Kept> answers_of(const std::string& file, LinePieces* routes,
-                             const DiffOptions& options, uint32_t* sets, Output* out) {
-  PolicySource source = load_policy(source_of(file, options.force));
-  Evaluation evaluation(chosen_policy(options, file), POL_KIND_ROUTE, options.direction);
-  *sets = policy_sets(chosen_policy(options, file));
+std::vector<Kept> old_answers(LinePieces* routes, const DiffOptions& options, uint32_t* sets,
+                              Output* out) {
+  const PolicyOptions old = old_source(options);
+  PolicySource source = load_policy(old);
+  const std::string policy = chosen_policy(options, source_name(old));
+  Evaluation evaluation(policy, POL_KIND_ROUTE, options.direction);
+  *sets = policy_sets(policy);
   std::vector<Kept> answers;
   Progress progress("Asking the old policy", true);
   auto take = [&](Part* part) {
@@ -286,6 +289,11 @@ PolicyOptions source_of(const std::string& file, bool force) {
   return options;
 }
 
+PolicyOptions old_source(const DiffOptions& options) {
+  if (!options.old_file.empty()) return source_of(options.old_file, options.force);
+  return with_agent_of_host(options.source);
+}
+
 int run_diff(const DiffOptions& options, Output* out) {
   if (options.routes.empty()) return run_proof_diff(options, out);
   // They are asked twice.
@@ -303,7 +311,7 @@ int run_diff(const DiffOptions& options, Output* out) {
   uint32_t old_sets = 0;
   {
     LinePieces routes(routes_path, routes_name);
-    before = answers_of(options.old_file, &routes, options, &old_sets, out);
+    before = old_answers(&routes, options, &old_sets, out);
   }
   PolicySource source = load_policy(source_of(options.new_file, options.force));
   Evaluation evaluation(chosen_policy(options, options.new_file), POL_KIND_ROUTE,

@@ -192,8 +192,8 @@ class Serving {
   bool take_batch() {
     ConfigFeed::Batch batch = source_.live()->feed->read(0);
     if (!batch) return false;
+    announce(batch.get());
     source_.live()->walk->take(batch.get());
-    announce();
     routing_.follow(*source_.configured());
     manager_.follow(*source_.configured());
     const CommitNote& commit = watch_.note(batch.get());
@@ -228,10 +228,11 @@ class Serving {
     }
   }
 
-  // Before anything is answered by the new policy.
-  void announce() {
+  // Before the library takes it.
+  void announce(const t_yarrow_batch* batch) {
     if (!announcer_) return;
-    for (const std::string& line : announcer_->changes()) {
+    auto take = [&] { source_.live()->walk->take(batch); };
+    for (const std::string& line : announcer_->changes(take)) {
       tell(LogLevel::kInfo, "a commit changes answers", {{"change", line}}, "  " + line);
     }
   }

@@ -249,11 +249,21 @@ void add_check(CLI::App& app, CheckOptions* options) {
       ->add_option("FILE", options->files,
                    "configuration files, merged in order; or one policy file; - is standard input")
       ->option_text("...");
-  command->add_option("--policy-file", options->policy_file, "the text policy file to check")
+  command->add_option("--policy-file", options->source.policy_file, "the text policy file to check")
       ->type_name("FILE");
+  add_config(command, &options->source);
+  add_agent(command, &options->source);
+  command
+      ->add_flag("--live", options->source.live,
+                 "check what a running \"polctl serve\" has for configuration")
+      ->option_text("[=SOCKET]");
   add_direction(command, &options->direction,
                 "in which policies are applied: tells what they set in vain");
   add_json(command, &options->json, "report one JSON object a line");
+  command->add_flag_callback(
+      "--no-proofs", [options] { options->proofs = false; },
+      "only what a look at single sequences and members tells");
+  add_limits(command, &options->limits);
   command->add_flag("--strict", options->strict, "exit with status 1 for warnings too");
   command->add_flag("--all", options->all, "show every finding, not 100 a file");
   command->footer(kCheckHelp);
@@ -417,7 +427,15 @@ void add_diff(CLI::App& app, DiffOptions* options) {
       ->add_option("--policy", options->policy,
                    "the policy's name; without, all of them, or with --routes the only one")
       ->type_name("NAME");
+  command
+      ->add_option("--policy-file", options->source.policy_file, "a policy file, in place of OLD")
+      ->type_name("FILE");
+  add_config(command, &options->source);
   add_agent(command, &options->source);
+  command
+      ->add_flag("--live", options->source.live,
+                 "what a running \"polctl serve\" has, in place of OLD")
+      ->option_text("[=SOCKET]");
   add_limits(command, &options->limits);
   add_direction(command, &options->direction, kDirectionHelp);
   add_tlocs(command, &options->tlocs);
@@ -541,7 +559,8 @@ std::string hint(const std::string& word, const std::vector<std::string>& known)
   fail(error.what(), "what \"" + name + " --help\" tells");
 }
 
-void settle_source(const CLI::App* command, PolicyOptions* options) {
+// How many sources are given.
+int settle_sources(const CLI::App* command, PolicyOptions* options) {
   auto given = [command](const char* name) {
     const CLI::Option* option = command->get_option_no_throw(name);
     return option != nullptr && option->count() > 0;
@@ -550,8 +569,12 @@ void settle_source(const CLI::App* command, PolicyOptions* options) {
   if (options->agent_port == kFlagGiven) options->agent_port.clear();
   bool named = !options->live.empty() && options->live != kFlagGiven;
   if (given("--live") && !named) options->live = default_socket();
-  int sources = (options->policy_file.empty() ? 0 : 1) + (options->config.empty() ? 0 : 1) +
-                (options->agent ? 1 : 0) + (options->live.empty() ? 0 : 1);
+  return (options->policy_file.empty() ? 0 : 1) + (options->config.empty() ? 0 : 1) +
+         (options->agent ? 1 : 0) + (options->live.empty() ? 0 : 1);
+}
+
+void settle_source(const CLI::App* command, PolicyOptions* options) {
+  int sources = settle_sources(command, options);
   bool needs_none = command->get_name() == "serve" || command->get_name() == "shell";
   // As the shell's commands.
   if (sources == 0 && command->get_name() == "show") {
@@ -587,9 +610,12 @@ void require_one_input(const CommandLine& line) {
     files.push_back(line.test.source.policy_file);
     files.push_back(line.test.routes);
   } else if (line.command == "diff") {
-    files = {line.diff.old_file, line.diff.new_file, line.diff.routes};
+    files = line.diff.source.config;
+    files.insert(files.end(), {line.diff.old_file, line.diff.new_file, line.diff.routes,
+                               line.diff.source.policy_file});
   } else if (line.command == "check") {
     files = line.check.files;
+    files.insert(files.end(), line.check.source.config.begin(), line.check.source.config.end());
   }
   if (std::count(files.begin(), files.end(), "-") > 1) {
     fail("standard input is to be read twice", "- for one of the files");
@@ -597,19 +623,26 @@ void require_one_input(const CommandLine& line) {
 }
 
 void settle_diff(const CLI::App* command, DiffOptions* options) {
-  PolicyOptions& source = options->source;
-  source.agent = command->get_option("--agent")->count() > 0;
-  if (source.agent_port == kFlagGiven) source.agent_port.clear();
-  if (source.agent) {
-    if (options->old_file.empty() || !options->new_file.empty()) {
-      fail(options->new_file.empty() ? "there is nothing to compare with" : "policy is given twice",
-           "--agent, whose policy is the old one, and NEW");
-    }
-    if (!options->routes.empty()) fail("--agent and --routes", "--routes with two files");
-    std::swap(options->old_file, options->new_file);
-  } else if (options->new_file.empty()) {
-    fail("there is nothing to compare", "OLD and NEW, or --agent and NEW");
+  const int sources = settle_sources(command, &options->source);
+  if (sources == 0 && options->new_file.empty()) {
+    fail("there is nothing to compare", "OLD and NEW, or a source of the old policy and NEW");
   }
+  options->source.force = options->force;
+  if (sources == 0) return;
+  if (sources > 1 || !options->new_file.empty()) {
+    fail("policy is given twice",
+         "OLD and NEW, or one of --policy-file, --config, --agent and "
+         "--live for the old policy, and NEW");
+  }
+  if (options->old_file.empty()) fail("there is nothing to compare with", "NEW");
+  std::swap(options->old_file, options->new_file);
+}
+
+void settle_check(const CLI::App* command, CheckOptions* options) {
+  const int sources = settle_sources(command, &options->source);
+  if (sources + (options->files.empty() ? 0 : 1) == 1) return;
+  fail(sources == 0 ? "nothing to check" : "policy is given twice",
+       "files, or one of --policy-file, --config, --agent and --live");
 }
 
 void settle_serve(const std::string& port, const std::vector<std::string>& apply,
@@ -760,14 +793,10 @@ CommandLine read_words(const std::vector<std::string>& words, bool takes_file) {
   require_here(line.document.source, line.document.applied.any(), "policies applied");
   require_one_input(line);
   if (line.command == "diff") settle_diff(command, &line.diff);
+  if (line.command == "check") settle_check(command, &line.check);
   if (line.command == "test") settle_test(line.test);
   if (line.command == "serve") settle_serve(parser.port, parser.apply, &line.serve);
   if (line.command == "show") settle_show(line.show);
-  if (line.command == "check" && line.check.files.empty() == line.check.policy_file.empty()) {
-    line.check.files.empty()
-        ? fail("nothing to check", "a file")
-        : fail("policy is given twice", "configuration files or --policy-file");
-  }
   if (line.serve.print_config) {
     GivenOptions all = line.given;
     if (!line.serve.source.agent) all["--port"] = {std::to_string(line.serve.source.listen)};

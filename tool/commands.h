@@ -81,12 +81,14 @@ int answer_test(const TestOptions& options, Output* out);
 int answer_test(TestOptions options, const std::string& input, Output* out);
 
 struct CheckOptions {
-  std::string policy_file;
+  PolicyOptions source;           /* of a running agent or host its configuration; or none */
   std::vector<std::string> files; /* configuration, merged in order, or one policy file; or none */
   uint32_t direction = POL_DIR_NONE; /* in which policies are applied; NONE: not known */
   bool json = false;
-  bool strict = false; /* warnings count as errors do */
-  bool all = false;    /* however many findings */
+  bool strict = false;             /* warnings count as errors do */
+  bool proofs = true;              /* what only a look at every route there can be tells, too */
+  std::vector<std::string> limits; /* of memory and time, for that */
+  bool all = false;                /* however many findings */
 };
 
 /* Says what is wrong with a policy file or with configuration. kFindings when there are errors. */
@@ -178,14 +180,15 @@ struct ServeOptions {
 int run_serve(ServeOptions options, Output* out);
 
 struct DiffOptions {
-  std::string old_file; /* each a policy file or configuration, as its content tells */
+  std::string
+      old_file; /* each a policy file or configuration, as its content tells; "": `source` */
   std::string new_file;
   std::string policy;                /* empty: the only route policy there is in both */
   uint32_t direction = POL_DIR_NONE; /* as of eval */
   std::string routes;                /* empty: of every route there can be */
   std::string routes_format;         /* as of eval */
   std::vector<std::string> limits;   /* of memory and time, without routes */
-  PolicyOptions source;              /* an agent has the old policy, in place of a file */
+  PolicyOptions source;              /* of the old policy, in place of a file */
   bool force = false;                /* take policy files that have errors */
   std::string tlocs;
   bool json = false;
@@ -196,8 +199,10 @@ struct DiffOptions {
  * answered differently. */
 int run_diff(const DiffOptions& options, Output* out);
 
-/* How a file is loaded that is either, as its content tells. Throws InputError. */
+/* How a file is loaded that is either, as its content tells; and the old policy of a diff. Throw
+ * InputError. */
 PolicyOptions source_of(const std::string& file, bool force);
+PolicyOptions old_source(const DiffOptions& options);
 
 struct ConvertOptions {
   std::string file;

@@ -47,11 +47,13 @@ void FindingWriter::add(const Finding& finding) {
 void FindingWriter::write_json(const Finding& finding) {
   std::string path = finding.has_path ? "\"path\":" + json_string(finding.path) + "," : "";
   out_.print(
-      "{{\"file\":{},\"line\":{},\"column\":{},{}\"severity\":\"{}\",\"what\":{},\"expected\":{}}}"
+      "{{\"file\":{},\"line\":{},\"column\":{},{}\"severity\":\"{}\",\"what\":{},\"expected\":{}{}}"
+      "}"
       "\n",
       json_string(file_ != nullptr ? file_->name() : ""), finding.line, finding.column, path,
       severity_word(finding), json_string(finding.what),
-      finding.expected.empty() ? "null" : json_string(finding.expected));
+      finding.expected.empty() ? "null" : json_string(finding.expected),
+      finding.route.empty() ? "" : ",\"route\":" + finding.route);
 }
 
 void FindingWriter::write_text(const Finding& finding) {
@@ -65,6 +67,7 @@ void FindingWriter::write_text(const Finding& finding) {
   if (!finding.expected.empty()) out_.print(" (expected {})", printable(finding.expected));
   out_.write("\n");
   if (finding.column > 0) write_source(finding);
+  if (!finding.route.empty()) out_.print("    such as {}\n", finding.route);
 }
 
 // The line, or the part of it around the column, and a caret below. Bytes that could upset a terminal

@@ -23,7 +23,8 @@ struct Finding {
   bool has_path = false; /* in configuration */
   std::string path;
   std::string what;
-  std::string expected; /* empty: nothing else fits */
+  std::string expected;   /* empty: nothing else fits */
+  std::string route = {}; /* that shows it, in JSON; empty: none */
 };
 
 struct FindingOptions {

@@ -60,10 +60,14 @@ value. The routes of --routes are asked of every control policy. The exit status
 inline constexpr const char* kCheckHelp = R"(Examples:
   polctl check sdwan.xml country-lists.xml
   polctl check --policy-file branch.txt --json
+  polctl check --live
 
 Reports every error and every warning, each with its place: line and column, and
-the path in configuration. The exit status is 1 when there are errors; with
---strict for warnings too. In which direction a policy is applied configuration
+the path in configuration. Where there are no errors, what every route there can
+be would tell is proved: sequences that never decide or could go, list elements
+that others cover, defaults that no route reaches, equal policies; --no-proofs
+does without. The exit status is 1 when there are errors; with --strict for
+warnings too. In which direction a policy is applied configuration
 does not say: --direction tells, and what is then set in vain is warned of.)";
 
 inline constexpr const char* kConvertHelp = R"(Examples:

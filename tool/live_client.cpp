@@ -99,6 +99,26 @@ int ask_live(const std::string& socket, const LiveRequest& request, Output* out)
   return static_cast<int>(head.status);
 }
 
+PolicyOptions with_agent_of_host(PolicyOptions source) {
+  if (source.live.empty()) return source;
+  ShowOptions status;
+  status.json = true;
+  Output said(Output::kNoFile);
+  ask_live(source.live, {status, ""}, &said);
+  constexpr std::string_view kPort = "\"port\":";
+  std::string_view text = said.text();
+  size_t at = text.find(kPort);
+  if (at == std::string_view::npos) {
+    throw InputError(source.live +
+                     ": error: an answer that makes no sense (expected a polctl host)");
+  }
+  text.remove_prefix(at + kPort.size());
+  source.agent = true;
+  source.agent_port = text.substr(0, text.find_first_not_of("0123456789"));
+  source.live.clear();
+  return source;
+}
+
 std::string default_socket() {
   const char* directory = getenv("XDG_RUNTIME_DIR");
   if (directory != nullptr && *directory == '/') return std::string(directory) + "/polctl.sock";

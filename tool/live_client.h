@@ -16,6 +16,9 @@ namespace polctl {
  * words where it refuses. */
 int ask_live(const std::string& socket, const LiveRequest& request, Output* out);
 
+/* The source as it is, or in the place of a running host the agent that it follows. Throws InputError. */
+PolicyOptions with_agent_of_host(PolicyOptions source);
+
 /* The socket that is used unless one is named: in XDG_RUNTIME_DIR, or in /tmp with the user's id. */
 std::string default_socket();
 

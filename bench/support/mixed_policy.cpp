@@ -3,6 +3,7 @@
 
 #include <map>
 #include <string>
+#include <tuple>
 
 #include "support/elements.h"
 
@@ -53,13 +54,22 @@ void add_clauses(t_pol_entry* entry, uint32_t number, const std::string& list) {
   }
 }
 
-std::unique_ptr<MixedPolicy> make(uint32_t sequences, bool mixed) {
-  const std::string name = (mixed ? "W2m-" : "W2p-") + std::to_string(sequences);
+size_t uneven_size(uint32_t number) {
+  const uint32_t at = number % 100;
+  if (at == 50) return 100'000;
+  if (at % 25 == 4) return 10'000;
+  return at % 20 < 3 ? 1000 : kElements;
+}
+
+std::unique_ptr<MixedPolicy> make(uint32_t sequences, bool mixed, bool uneven) {
+  const std::string name =
+      (mixed ? "W2m-" : "W2p-") + std::string(uneven ? "u" : "") + std::to_string(sequences);
   auto policy = std::make_unique<MixedPolicy>(name);
   std::vector<std::vector<t_ipprefix>> hits;
   for (uint32_t number = 0; number < sequences; ++number) {
     const std::string list = name + "-" + std::to_string(number);
-    const auto elements = make_elements(kElements, Spread::kRandom, 10000 + number);
+    const size_t count = uneven ? uneven_size(number) : kElements;
+    const auto elements = make_elements(count, Spread::kRandom, 10000 + number);
     add_to_list(list, elements);
     t_pol_entry* entry = policy->rig.add_sequence(number + 1);
     uint8_t changed = 0;
@@ -109,10 +119,10 @@ void each_question(benchmark::State& state, const MixedPolicy& policy, Evaluate 
 
 }  // namespace
 
-MixedPolicy& MixedPolicy::get(uint32_t sequences, bool mixed) {
-  static std::map<std::pair<uint32_t, bool>, std::unique_ptr<MixedPolicy>> policies;
-  auto& policy = policies[{sequences, mixed}];
-  if (policy == nullptr) policy = make(sequences, mixed);
+MixedPolicy& MixedPolicy::get(uint32_t sequences, bool mixed, bool uneven) {
+  static std::map<std::tuple<uint32_t, bool, bool>, std::unique_ptr<MixedPolicy>> policies;
+  auto& policy = policies[{sequences, mixed, uneven}];
+  if (policy == nullptr) policy = make(sequences, mixed, uneven);
   return *policy;
 }
 

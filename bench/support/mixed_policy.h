@@ -24,8 +24,9 @@ struct MixedPolicy {
     uint32_t vpn;
   };
 
-  // Made on first use. Not `mixed`: the prefix list is the only clause.
-  static MixedPolicy& get(uint32_t sequences, bool mixed);
+  // Made on first use. Not `mixed`: the prefix list is the only clause. Lists have 50 elements; `uneven`
+  // 50 to 100,000: of a hundred one, four of 10,000, fifteen of 1,000.
+  static MixedPolicy& get(uint32_t sequences, bool mixed, bool uneven = false);
 
   explicit MixedPolicy(const std::string& name) : rig(name) {}
 

@@ -14,14 +14,14 @@ constexpr size_t kLargestPiece = 64 * 1024 - 16;  // with the allocator's header
 }  // namespace
 
 bool Arena::grow(size_t size) {
-  size_t bytes = kFirstPiece;
-  if (pieces_ != nullptr) bytes = std::min(pieces_->size * 2, kLargestPiece);
+  // A part of what is in use, so that little lies idle.
+  size_t bytes = std::clamp(bytes_ / 8, kFirstPiece, kLargestPiece);
   bytes = std::max(bytes, size + sizeof(Piece));
   auto* piece = static_cast<Piece*>(pol_malloc(bytes, MEM_UNCOUNTED));
   if (piece == nullptr) return false;
   piece->before = pieces_;
-  piece->size = bytes;
   pieces_ = piece;
+  bytes_ += bytes;
   // What was left of the piece before is lost until all is released: less than one block.
   next_ = reinterpret_cast<char*>(piece + 1);
   end_ = reinterpret_cast<char*>(piece) + bytes;

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace pol {
 
@@ -19,19 +20,29 @@ class Arena {
   // A block of that class, not cleared; null when memory runs out. REQUIRES: one size a class, a
   // multiple of 8.
   [[nodiscard]] void* take(unsigned size_class, size_t size) {
-    if (Free* block = free_[size_class]) {
-      free_[size_class] = block->next;
-      return block;
-    }
-    if (size > static_cast<size_t>(end_ - next_) && !grow(size)) return nullptr;
-    void* block = next_;
-    next_ += size;
-    return block;
+    if ((given_ >> size_class & 1) != 0) return take_given(size_class);
+    return take_new(size);
   }
   void give(void* block, unsigned size_class) {
     auto* free = static_cast<Free*>(block);
     free->next = free_[size_class];
     free_[size_class] = free;
+    given_ |= 1u << size_class;
+  }
+  // The classes of which blocks were given back and not taken since, as bits.
+  uint32_t given() const { return given_; }
+  // REQUIRES: such a block.
+  [[nodiscard]] void* take_given(unsigned size_class) {
+    Free* block = free_[size_class];
+    free_[size_class] = block->next;
+    if (block->next == nullptr) given_ &= ~(1u << size_class);
+    return block;
+  }
+  [[nodiscard]] void* take_new(size_t size) {
+    if (size > static_cast<size_t>(end_ - next_) && !grow(size)) return nullptr;
+    void* block = next_;
+    next_ += size;
+    return block;
   }
   // Frees everything at once.
   void release();
@@ -42,7 +53,6 @@ class Arena {
   };
   struct Piece {
     Piece* before;
-    size_t size;
   };
 
   bool grow(size_t size);
@@ -51,6 +61,8 @@ class Arena {
   Piece* pieces_;
   char* next_;
   char* end_;
+  size_t bytes_;  // of all pieces
+  uint32_t given_;
 };
 
 }  // namespace pol

@@ -28,6 +28,20 @@ void count_free(uint32_t type) {
   if (counted(type)) __atomic_add_fetch(&g_pol_mem_info[type].frees, 1, __ATOMIC_RELAXED);
 }
 
+// The table may be read on any thread meanwhile.
+void count_record(MemType type) {
+  t_pol_mem_info& row = g_pol_mem_info[type];
+  const uint64_t allocs = row.allocs + 1;
+  __atomic_store_n(&row.allocs, allocs, __ATOMIC_RELAXED);
+  const uint64_t current = allocs > row.frees ? allocs - row.frees : 0;
+  if (current > row.peak) __atomic_store_n(&row.peak, current, __ATOMIC_RELAXED);
+}
+
+void count_record_freed(MemType type) {
+  t_pol_mem_info& row = g_pol_mem_info[type];
+  __atomic_store_n(&row.frees, row.frees + 1, __ATOMIC_RELAXED);
+}
+
 }  // namespace pol
 
 void* pol_malloc(size_t size, uint32_t type) {

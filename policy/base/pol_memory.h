@@ -48,6 +48,11 @@ enum MemType : uint32_t {
 void count_allocation(uint32_t type);
 void count_free(uint32_t type);
 
+// The same for records that only calls on the context make and free, which the host serialises:
+// without the locked instructions, each of which waits for every store before it.
+void count_record(MemType type);
+void count_record_freed(MemType type);
+
 // A zero-filled record, or null.
 template <class T>
 [[nodiscard]] T* alloc(MemType type) {

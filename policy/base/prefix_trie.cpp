@@ -11,8 +11,8 @@ const bool g_cpu_counts = __builtin_cpu_supports("popcnt") != 0;
 
 namespace {
 
-// How many cells an array holds, by class. Each step is a class too, so that what an array no longer
-// needs is given back in place, without memory for a smaller one.
+// How many cells an array holds, by class. What an array no longer needs is given back in place,
+// without memory for a smaller one.
 constexpr uint8_t kSizes[] = {1, 2, 3, 4, 6, 8, 12, 16, 24, 32, 48, 64, 96, 128};
 static_assert(std::size(kSizes) <= Arena::kClasses);
 
@@ -26,15 +26,33 @@ constexpr std::array<uint8_t, 129> kClassOf = [] {
   return classes;
 }();
 
-constexpr unsigned kMaxDepth = 128 / kTrieStride + 1;
 constexpr unsigned kMaxSkip = 64 / kTrieStride * kTrieStride;
 
 inline unsigned count_bits(uint64_t v) { return CountByTricks::of(v); }
 inline unsigned rank(uint64_t map, uint64_t bit) { return count_bits(map & (bit - 1)); }
 
+// Gives cells back as blocks of as few classes as they make.
+void give_cells(Arena* arena, TrieCell* cells, unsigned count) {
+  while (count > 0) {
+    unsigned size_class = kClassOf[count];
+    if (kSizes[size_class] > count) --size_class;
+    arena->give(cells, size_class);
+    cells += kSizes[size_class];
+    count -= kSizes[size_class];
+  }
+}
+
+// Of the smallest block given back that is large enough: arrays that grew leave many.
 TrieCell* take_cells(Arena* arena, unsigned count) {
   const unsigned size_class = kClassOf[count];
-  return static_cast<TrieCell*>(arena->take(size_class, kSizes[size_class] * sizeof(TrieCell)));
+  const uint32_t fitting = arena->given() >> size_class;
+  if (fitting == 0) {
+    return static_cast<TrieCell*>(arena->take_new(kSizes[size_class] * sizeof(TrieCell)));
+  }
+  const unsigned found = size_class + static_cast<unsigned>(__builtin_ctz(fitting));
+  auto* cells = static_cast<TrieCell*>(arena->take_given(found));
+  give_cells(arena, cells + kSizes[size_class], kSizes[found] - kSizes[size_class]);
+  return cells;
 }
 
 unsigned cells_of(const TrieCell& node) {
@@ -87,7 +105,7 @@ void close_cell(Arena* arena, TrieCell* node, uint64_t* map, uint64_t bit) {
   memmove(node->cells + at, node->cells + at + 1, (count - at - 1) * sizeof *node->cells);
   const unsigned had = kSizes[kClassOf[count]];
   const unsigned keeps = count > 1 ? kSizes[kClassOf[count - 1]] : 0;
-  if (keeps != had) arena->give(node->cells + keeps, kClassOf[had - keeps]);
+  if (keeps != had) give_cells(arena, node->cells + keeps, had - keeps);
   if (keeps == 0) node->cells = nullptr;
 }
 
@@ -107,7 +125,8 @@ void make_leaf(TrieCell* cell, uint64_t key, unsigned bits) {
   cell->key = cut(key, bits);
 }
 
-// Makes the cell lead to `node` over `bits` that all below has in common. False when memory runs out.
+// Makes the cell lead to `node` over `bits` that all below has in common. False when memory runs
+// out.
 bool lead_to(Arena* arena, TrieCell* cell, uint64_t key, unsigned bits, const TrieCell& node) {
   if (bits == 0) {
     *cell = node;
@@ -183,15 +202,10 @@ bool part_skip(Arena* arena, TrieCell* cell, unsigned common) {
   return true;
 }
 
-// A node other than the root as its parent knows it.
-struct Step {
-  TrieCell* parent;
-  uint64_t turn;  // bit of the cell in the parent that leads to the node
-
-  TrieCell* cell() const {
-    return parent->cells + count_bits(parent->prefixes) + rank(parent->below, turn);
-  }
-};
+// The cell that leads from the step's node on.
+TrieCell* cell_of(const TrieStep& step) {
+  return step.node->cells + count_bits(step.node->prefixes) + rank(step.node->below, step.bit);
+}
 
 // Makes a cell that leads to one value alone a leaf, where the bits on its way fit.
 bool fold(Arena* arena, TrieCell* cell) {
@@ -222,116 +236,133 @@ bool fold(Arena* arena, TrieCell* cell) {
 }
 
 // Takes away what a removal left empty, and folds what it left alone.
-void tidy(Arena* arena, const Step* steps, unsigned depth) {
+void tidy(Arena* arena, const TrieStep* steps, unsigned depth) {
   for (; depth > 0; --depth) {
-    const Step& step = steps[depth - 1];
-    TrieCell* cell = step.cell();
+    const TrieStep& step = steps[depth - 1];
+    TrieCell* cell = cell_of(step);
     if (cell->info.kind == kTrieLeaf) continue;
     TrieCell* node = node_behind(cell);
     if (cells_of(*node) == 0) {
       if (node != cell) arena->give(node, kClassOf[1]);
-      close_cell(arena, step.parent, &step.parent->below, step.turn);
+      close_cell(arena, step.node, &step.node->below, step.bit);
     } else if (!fold(arena, cell)) {
       return;
     }
   }
 }
 
-}  // namespace
-
+// Where a descent stands: at a node, so many of the key's bits left.
 template <class Bits>
-TrieCell* PrefixTrie<Bits>::find(Bits key, unsigned length) const {
-  const TrieCell* node = &root_;
-  for (;;) {
-    if (length < kTrieStride) {
-      const uint64_t place = place_of(key, length);
-      if ((node->prefixes & place) == 0) return nullptr;
-      return node->cells + rank(node->prefixes, place);
-    }
-    const TrieCell* cell = trie_below<CountByTricks>(node, key);
-    if (cell == nullptr) return nullptr;
-    key <<= kTrieStride;
-    length -= kTrieStride;
-    node = cell;
-    if ((cell->info.kind & kTrieLeaf) == 0) continue;
-    const unsigned bits = cell->info.bits;
-    if (length < bits || trie_differs(*cell, top_bits(key))) return nullptr;
-    if (cell->info.kind == kTrieLeaf) return length == bits ? const_cast<TrieCell*>(cell) : nullptr;
+struct Place {
+  TrieCell* node;
+  Bits key;
+  unsigned length;
+
+  void pass(unsigned bits) {
     key <<= bits;
     length -= bits;
-    node = cell->cells;
+  }
+};
+
+// Goes down to the prefix's value; or, when there is none, to the last node on its path, and null.
+template <class Count, class Bits>
+[[gnu::always_inline]] inline TrieCell* descend(Place<Bits>* place, TriePath* path) {
+  path->depth = 0;
+  for (;;) {
+    TrieCell* node = place->node;
+    if (place->length < kTrieStride) {
+      const uint64_t bit = place_of(place->key, place->length);
+      path->last = {node, bit};
+      path->leaf = false;
+      if ((node->prefixes & bit) == 0) return nullptr;
+      return node->cells + Count::of(node->prefixes & (bit - 1));
+    }
+    const TrieStep step = {node, turn_of(place->key)};
+    if ((node->below & step.bit) == 0) return nullptr;
+    TrieCell* cell =
+        node->cells + Count::of(node->prefixes) + Count::of(node->below & (step.bit - 1));
+    const Bits key = place->key << kTrieStride;
+    const unsigned length = place->length - kTrieStride;
+    unsigned bits = 0;
+    if ((cell->info.kind & kTrieLeaf) != 0) {
+      bits = cell->info.bits;
+      if (length < bits || trie_differs(*cell, top_bits(key))) return nullptr;
+      if (cell->info.kind == kTrieLeaf) {
+        path->last = step;
+        path->leaf = true;
+        return length == bits ? cell : nullptr;
+      }
+    }
+    path->steps[path->depth++] = step;
+    *place = {bits != 0 ? cell->cells : cell, key << bits, length - bits};
   }
 }
 
 template <class Bits>
+[[gnu::target("popcnt")]] TrieCell* descend_by_instruction(Place<Bits>* place, TriePath* path) {
+  return descend<CountByInstruction>(place, path);
+}
+
+template <class Bits>
+TrieCell* descend_any(Place<Bits>* place, TriePath* path) {
+  return g_cpu_counts ? descend_by_instruction(place, path) : descend<CountByTricks>(place, path);
+}
+
+}  // namespace
+
+// Who may not change the trie changes none of what the path leads to.
+template <class Bits>
+TrieCell* PrefixTrie<Bits>::find(Bits key, unsigned length, TriePath* path) const {
+  Place<Bits> place = {const_cast<TrieCell*>(&root_), key, length};
+  return descend_any(&place, path);
+}
+
+template <class Bits>
 TrieCell* PrefixTrie<Bits>::find_or_add(Arena* arena, Bits key, unsigned length) {
-  TrieCell* node = &root_;
-  Step steps[kMaxDepth];
-  unsigned depth = 0;
+  Place<Bits> at = {&root_, key, length};
+  TriePath path;
+  if (TrieCell* found = descend_any(&at, &path)) return found;
   for (;;) {
-    if (length < kTrieStride) {
-      const uint64_t place = place_of(key, length);
-      if ((node->prefixes & place) != 0) return node->cells + rank(node->prefixes, place);
-      if (TrieCell* cell = add_value(arena, node, place)) return cell;
+    if (at.length < kTrieStride) {
+      const uint64_t place = place_of(at.key, at.length);
+      if ((at.node->prefixes & place) != 0) return at.node->cells + rank(at.node->prefixes, place);
+      if (TrieCell* cell = add_value(arena, at.node, place)) return cell;
       break;
     }
-    const uint64_t turn = turn_of(key);
-    const bool found = (node->below & turn) != 0;
-    const Step step = {node, turn};
-    TrieCell* cell = found ? step.cell() : add_below(arena, node, turn);
+    const TrieStep step = {at.node, turn_of(at.key)};
+    const bool found = (at.node->below & step.bit) != 0;
+    TrieCell* cell = found ? cell_of(step) : add_below(arena, at.node, step.bit);
     if (cell == nullptr) break;
-    steps[depth++] = step;
-    key <<= kTrieStride;
-    length -= kTrieStride;
-    const uint64_t top = top_bits(key);
+    path.steps[path.depth++] = step;
+    at.pass(kTrieStride);
+    const uint64_t top = top_bits(at.key);
     if (!found) {
-      if (length <= 64) {
-        make_leaf(cell, top, length);
+      if (at.length <= 64) {
+        make_leaf(cell, top, at.length);
         return cell;
       }
       if (!lead_to(arena, cell, top, kMaxSkip, {})) break;
     } else if (cell->info.kind == kTrieLeaf) {
       const unsigned bits = cell->info.bits;
-      if (length == bits && !trie_differs(*cell, top)) return cell;
-      if (!open_leaf(arena, cell, common_bits(cell->key, top, std::min(bits, length)))) break;
+      if (at.length == bits && !trie_differs(*cell, top)) return cell;
+      if (!open_leaf(arena, cell, common_bits(cell->key, top, std::min(bits, at.length)))) break;
     } else if (cell->info.kind == kTrieSkip &&
-               (length < cell->info.bits || trie_differs(*cell, top))) {
-      const unsigned most = std::min(unsigned{cell->info.bits}, length);
+               (at.length < cell->info.bits || trie_differs(*cell, top))) {
+      const unsigned most = std::min(unsigned{cell->info.bits}, at.length);
       if (!part_skip(arena, cell, common_bits(cell->key, top, most))) break;
     }
-    if (cell->info.kind == kTrieSkip) {
-      key <<= cell->info.bits;
-      length -= cell->info.bits;
-    }
-    node = node_behind(cell);
+    if (cell->info.kind == kTrieSkip) at.pass(cell->info.bits);
+    at.node = node_behind(cell);
   }
-  tidy(arena, steps, depth);
+  tidy(arena, path.steps, path.depth);
   return nullptr;
 }
 
 template <class Bits>
-void PrefixTrie<Bits>::remove(Arena* arena, Bits key, unsigned length) {
-  TrieCell* node = &root_;
-  Step steps[kMaxDepth];
-  unsigned depth = 0;
-  while (length >= kTrieStride) {
-    const Step step = {node, turn_of(key)};
-    TrieCell* cell = step.cell();
-    key <<= kTrieStride;
-    length -= kTrieStride;
-    if (cell->info.kind == kTrieLeaf) {
-      close_cell(arena, node, &node->below, step.turn);
-      return tidy(arena, steps, depth);
-    }
-    steps[depth++] = step;
-    if (cell->info.kind == kTrieSkip) {
-      key <<= cell->info.bits;
-      length -= cell->info.bits;
-    }
-    node = node_behind(cell);
-  }
-  close_cell(arena, node, &node->prefixes, place_of(key, length));
-  tidy(arena, steps, depth);
+void PrefixTrie<Bits>::remove(Arena* arena, const TriePath& path) {
+  TrieCell* node = path.last.node;
+  close_cell(arena, node, path.leaf ? &node->below : &node->prefixes, path.last.bit);
+  tidy(arena, path.steps, path.depth);
 }
 
 template class PrefixTrie<uint64_t>;

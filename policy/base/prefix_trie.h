@@ -5,12 +5,12 @@
 // A multibit trie: six bits of the key a node. A node is one cell of 24 bytes: two bitmaps and an
 // array of cells, packed by them; first the values whose prefixes end within the node's six bits,
 // then what lies below, by its next six bits. What lies below is a node, or a leaf (a value and the
-// bits that lead on to it, where it is alone), or a skip (bits that all below have in common, and the
-// node behind them). So a descent reads one cell every six bits, most values cost one cell, and adding
-// or removing one touches one path.
+// bits that lead on to it, where it is alone), or a skip (bits that all below have in common, and
+// the node behind them). So a descent reads one cell every six bits, most values cost one cell, and
+// adding or removing one touches one path.
 //
-// A value has a range of lengths, low to high: what it is good for is the caller's, but a prefix shorter
-// than `low` is never told of it. REQUIRES: low is not below the prefix's own length.
+// A value has a range of lengths, low to high: what it is good for is the caller's, but a prefix
+// shorter than `low` is never told of it. REQUIRES: low is not below the prefix's own length.
 //
 // A trie of all zero bytes is empty. Keys stand at the top of their word: 32 bits in 64, or 128.
 //
@@ -56,6 +56,7 @@ struct TrieCell {
 static_assert(sizeof(TrieCell) == 24);
 
 constexpr unsigned kTrieStride = 6;
+constexpr unsigned kTrieDepth = 128 / kTrieStride + 1;  // nodes on a path, at most
 constexpr uint32_t kTrieLeaf = 0x80000000;
 constexpr uint32_t kTrieSkip = 0xc0000000;
 
@@ -70,7 +71,8 @@ constexpr std::array<uint64_t, 64> kTriePaths = [] {
   return paths;
 }();
 
-// Bit tricks instead of the builtin: the baseline CPU has no such instruction, the builtin is a call.
+// Bit tricks instead of the builtin: the baseline CPU has no such instruction, the builtin is a
+// call.
 struct CountByTricks {
   static unsigned of(uint64_t v) {
     v -= (v >> 1) & 0x5555555555555555u;
@@ -108,7 +110,8 @@ template <class Count, class Bits>
   return node->cells + Count::of(node->prefixes) + Count::of(node->below & (bit - 1));
 }
 
-// Calls `visit(cell)` for the values on the path of key/length, shortest first, until one returns true.
+// Calls `visit(cell)` for the values on the path of key/length, shortest first, until one returns
+// true.
 template <class Count, class Bits, class Visit>
 [[gnu::always_inline]] inline bool trie_visit(const TrieCell* node, Bits key, unsigned length,
                                               Visit&& visit) {
@@ -173,17 +176,36 @@ template <class Count, class Bits>
   }
 }
 
+// A node on a path, and its bit that leads on.
+struct TrieStep {
+  TrieCell* node;
+  uint64_t bit;
+};
+
+// The way to a value that was found: good for its removal until any value comes or goes.
+struct TriePath {
+  TrieStep steps[kTrieDepth];
+  unsigned depth;
+  TrieStep last;
+  bool leaf;  // the last bit is one of `below`
+};
+
 template <class Bits>
 class PrefixTrie {
  public:
   const TrieCell* root() const { return &root_; }
   bool empty() const { return (root_.prefixes | root_.below) == 0; }
   // The value's cell; it moves when values come and go.
-  TrieCell* find(Bits key, unsigned length) const;
-  // The value's cell, made with no value if need be; null when memory runs out, and nothing changed.
+  TrieCell* find(Bits key, unsigned length) const {
+    TriePath path;
+    return find(key, length, &path);
+  }
+  // Tells the way, too.
+  TrieCell* find(Bits key, unsigned length, TriePath* path) const;
+  // The value's cell, made with no value if need be; null when memory runs out, and nothing
+  // changed.
   [[nodiscard]] TrieCell* find_or_add(Arena* arena, Bits key, unsigned length);
-  // REQUIRES: the prefix has a value.
-  void remove(Arena* arena, Bits key, unsigned length);
+  void remove(Arena* arena, const TriePath& path);
   // Calls `visit(cell)` for every value; as deep as the trie.
   template <class Visit>
   void each(Visit visit) const {

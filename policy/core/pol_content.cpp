@@ -21,7 +21,7 @@ void fill(const t_color_entry& from, Element* to) { to->color = from.color; }
 
 void fill(const t_pfx_entry& from, Element* to) {
   to->prefix.op = from.op;
-  to->prefix.prefix.addr = from.addr;
+  to->prefix.prefix.addr = pol::pfx_address(from);
   to->prefix.prefix.len = from.len;
   to->prefix.min = from.min;
   to->prefix.max = from.max;

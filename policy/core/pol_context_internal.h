@@ -51,6 +51,7 @@ struct t_pol_ctx {
   pol::AvlTree<t_pol_xml_config> xml_configs;
   pthread_spinlock_t xml_lock;
   uint8_t xml_lock_made;
+  uint64_t xml_generation;  // of the cache's records: one more for each that goes
   t_pol_yarrow_thread thread;
 
   pol::AvlTree<t_pol_user> users;

@@ -51,9 +51,22 @@ void leave_block(t_pol_ctx* ctx, t_pol_user* user) {
   user->block = nullptr;
 }
 
+void queue(t_pol_ctx* ctx, t_pol_user* user) {
+  ctx->change_list.push_back(user);
+  user->flags |= POL_USER_QUEUED;
+  user->batch = ctx->batch;
+}
+
+void unqueue(t_pol_ctx* ctx, t_pol_user* user) {
+  if ((user->flags & POL_USER_QUEUED) == 0) return;
+  ctx->change_list.remove(user);
+  user->flags &= static_cast<uint8_t>(~POL_USER_QUEUED);
+  if (user->block != nullptr) user->block->unqueued.add(user);
+}
+
 // The caller has made sure that no other callback runs.
 void call_back(t_pol_ctx* ctx, t_pol_user* user) {
-  pol_user_chg_list_delete(ctx, user);
+  unqueue(ctx, user);
   if (user->change == nullptr) return;
   ctx->flags |= POL_CTX_NOTIFYING;
   user->change(user, user->user_arg);
@@ -193,21 +206,16 @@ void pol_block_user_delete(t_pol_ctx* ctx, t_pol_block* block, t_pol_user* user)
 void pol_user_chg_list_add(t_pol_ctx* ctx, t_pol_user* user) {
   if (ctx == nullptr || user == nullptr || (user->flags & POL_USER_QUEUED) != 0) return;
   if (user->block != nullptr) user->block->unqueued.remove(user);
-  ctx->change_list.push_back(user);
-  user->flags |= POL_USER_QUEUED;
-  user->batch = ctx->batch;
+  queue(ctx, user);
 }
 
 void pol_user_chg_list_delete(t_pol_ctx* ctx, t_pol_user* user) {
-  if (ctx == nullptr || user == nullptr || (user->flags & POL_USER_QUEUED) == 0) return;
-  ctx->change_list.remove(user);
-  user->flags &= static_cast<uint8_t>(~POL_USER_QUEUED);
-  if (user->block != nullptr) user->block->unqueued.add(user);
+  if (ctx != nullptr && user != nullptr) unqueue(ctx, user);
 }
 
 void pol_block_users_add_to_chg_list(t_pol_ctx* ctx, t_pol_block* block) {
   if (ctx == nullptr || block == nullptr || pol::destroying(ctx)) return;
-  while (t_pol_user* user = block->unqueued.first()) pol_user_chg_list_add(ctx, user);
+  while (t_pol_user* user = block->unqueued.drain()) queue(ctx, user);
 }
 
 void pol_user_chg_list_notify_all(t_pol_ctx* ctx) {

@@ -42,7 +42,11 @@ class UnqueuedUsers {
  public:
   void create();
   void destroy() { by_place_.destroy(); }
-  t_pol_user* first() const { return by_place_.first(); }
+  // Takes the first out; all others are taken before any is added or removed.
+  t_pol_user* drain() {
+    void* cookie = nullptr;
+    return by_place_.drain(&cookie);
+  }
   void add(t_pol_user* user);
   void remove(t_pol_user* user) { by_place_.remove(user); }
 

@@ -132,6 +132,38 @@ uint32_t append_text(int32_t type, const char* name, Append append) {
   return status != POL_OK ? status : static_cast<uint32_t>(error);
 }
 
+bool pieces_grow(pol::XmlPieces* pieces) {
+  const size_t room = pieces->room * 2;
+  auto* grown = static_cast<const t_pol_xml_config**>(
+      pol_realloc(pieces->items, room * sizeof *pieces->items));
+  if (grown == nullptr) return false;
+  pieces->items = grown;
+  pieces->room = room;
+  return true;
+}
+
+// Shows the texts to `look`, several while the cache is locked, yet never so long that the worker
+// waits.
+template <class Look>
+uint32_t each_text(const pol::XmlPieces& pieces, Look look) {
+  constexpr size_t kAtOnce = 64 * 1024;
+  constexpr size_t kTextCost = 64;
+  t_pol_ctx* ctx = g_pol_ctx_p;
+  for (size_t i = 0; i < pieces.count;) {
+    if (!lock(ctx)) return POL_ELOCK;
+    for (size_t cost = 0; i < pieces.count && cost < kAtOnce; ++i) {
+      constexpr size_t kAhead = 8;
+      __builtin_prefetch(&pieces.items[std::min(i + kAhead, pieces.count - 1)]->text);
+      const t_pol_xml_config& config = *pieces.items[i];
+      if (config.text != nullptr) look(std::string_view(config.text, config.size));
+      cost += kTextCost + config.size;
+    }
+    const int error = unlock(ctx);
+    if (error != 0) return static_cast<uint32_t>(error);
+  }
+  return POL_OK;
+}
+
 }  // namespace
 
 t_pol_fetch_time pol::xml_fetch_time(int32_t type, const char* name) {
@@ -207,6 +239,7 @@ void pol_xml_config_find_and_delete(int32_t type, const char* name) {
   t_pol_xml_config* config = ctx->xml_configs.find(&key);
   if (config != nullptr) {
     ctx->xml_configs.remove(config);
+    ++ctx->xml_generation;
     free_config(config);
   }
   unlock(ctx);
@@ -221,6 +254,57 @@ uint32_t pol_xml_config_get_str(int32_t type, const char* name, char** buffer, u
 uint32_t pol::xml_config_append(int32_t type, const char* name, XmlText* text) {
   return append_text(type, name,
                      [=](std::string_view more) { return xml_text_append(text, more); });
+}
+
+uint32_t pol::xml_pieces_init(XmlPieces* pieces) {
+  constexpr size_t kInitialRoom = 256;
+  *pieces = {};
+  pieces->items = static_cast<const t_pol_xml_config**>(
+      pol_malloc(kInitialRoom * sizeof *pieces->items, MEM_PEER_XML));
+  if (pieces->items == nullptr) return POL_ENOMEM;
+  pieces->room = kInitialRoom;
+  return POL_OK;
+}
+
+void pol::xml_pieces_free(XmlPieces* pieces) {
+  pol_free(pieces->items, MEM_PEER_XML);
+  *pieces = {};
+}
+
+uint32_t pol::xml_pieces_append(int32_t type, const char* name, XmlRef* known, XmlPieces* pieces) {
+  t_pol_ctx* ctx = g_pol_ctx_p;
+  if (ctx == nullptr) return POL_OK;
+  POL_LOG_AT(3, "Get xml config for policy %s of type %d\n", name, type);
+  if (known->config == nullptr || known->generation != ctx->xml_generation) {
+    const XmlKey key = key_of(type, name);
+    if (!lock(ctx)) return POL_ELOCK;
+    *known = {ctx->xml_configs.find(&key), ctx->xml_generation};
+    const int error = unlock(ctx);
+    if (error != 0) return static_cast<uint32_t>(error);
+  }
+  if (known->config == nullptr) return POL_OK;
+  if (pieces->count == pieces->room && !pieces_grow(pieces)) {
+    POL_LOG("Could not append policy (error:%d)\n", 0);
+    return POL_ENOMEM;
+  }
+  pieces->items[pieces->count++] = known->config;
+  return POL_OK;
+}
+
+uint32_t pol::xml_pieces_length(const XmlPieces& pieces, size_t* length) {
+  *length = 0;
+  return each_text(pieces, [=](std::string_view text) { *length += text.size(); });
+}
+
+uint32_t pol::xml_pieces_copy(const XmlPieces& pieces, char* to, size_t length, bool* same) {
+  size_t at = 0;
+  const uint32_t status = each_text(pieces, [&](std::string_view text) {
+    if (text.size() <= length && at <= length - text.size())
+      memcpy(to + at, text.data(), text.size());
+    at += text.size();
+  });
+  *same = at == length;
+  return status;
 }
 
 int pol_dump_xml_config_all(t_cli_user_ctx* cli, uint32_t /*ignored*/, int /*argc*/,

@@ -8,6 +8,7 @@
 
 #include "exchange/pol_xml_text_internal.h"
 #include "kel/avl.h"
+#include "lists/named_list.h"
 #include "policy/pol_xml_config.h"
 
 // When an object's text was last fetched from the agent, times of day; all 0 before the first time.
@@ -38,5 +39,25 @@ t_pol_fetch_time xml_fetch_time(int32_t type, const char* name);
 
 // Appends what the cache has of an object, if anything. POL_ELOCK when the cache cannot be locked.
 [[nodiscard]] uint32_t xml_config_append(int32_t type, const char* name, XmlText* text);
+
+// Objects whose texts are copied one after another once their length is known. Records of the cache
+// come and go by calls on the context only; a text may be replaced by the worker at any time.
+struct XmlPieces {
+  const t_pol_xml_config** items;
+  size_t count;
+  size_t room;
+};
+
+// As for texts.
+[[nodiscard]] uint32_t xml_pieces_init(XmlPieces* pieces);
+void xml_pieces_free(XmlPieces* pieces);
+// As xml_config_append; `known` keeps the object's record for the next time.
+[[nodiscard]] uint32_t xml_pieces_append(int32_t type, const char* name, XmlRef* known,
+                                         XmlPieces* pieces);
+[[nodiscard]] uint32_t xml_pieces_length(const XmlPieces& pieces, size_t* length);
+// Copies all texts to `to`, which has room for so many bytes. False in `same` when they have
+// another length by now.
+[[nodiscard]] uint32_t xml_pieces_copy(const XmlPieces& pieces, char* to, size_t length,
+                                       bool* same);
 
 }  // namespace pol

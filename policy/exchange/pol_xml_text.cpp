@@ -25,7 +25,8 @@ uint32_t pol::xml_text_init(XmlText* text) {
 uint32_t pol::xml_text_append(XmlText* text, std::string_view more) {
   size_t length = text->length + more.size();
   if (length > text->room) {
-    size_t room = std::max(length, text->room * 2);
+    // A text alone fills most of the room: what follows it closes it and is short.
+    size_t room = std::max(length + kInitialRoom, text->room * 2);
     auto* grown = static_cast<char*>(pol_realloc(text->bytes, room + 1));
     if (grown == nullptr) return POL_ENOMEM;
     text->bytes = grown;

@@ -1,8 +1,8 @@
-// SPDX-License-Identifier: Apache-2.0
-// The forwarding manager's document. Policies and the objects that they name grow in two texts of
-// their own, because a policy is followed by its objects only after all policies. An object whose
-// text is in the document is marked: whether a sequence names something new is then to be seen at
-// the object, without a look-up, and however long names are, no two objects are taken for one.
+// SPDX-License-Identifier: Apache-2.0 The forwarding manager's document. Policies' texts grow
+// first; the objects that they name, whose texts are most of it and follow all policies, are
+// gathered meanwhile and copied once, into the whole. An object whose text is in the document is
+// marked: whether a sequence names something new is then to be seen at the object, without a
+// look-up, and however long names are, no two objects are taken for one.
 #include "policy/pol_fwd_document.h"
 
 #include <cstring>
@@ -34,7 +34,7 @@ using MarkQueue = TailQueue<t_list_name_entry, &t_list_name_entry::link>;
 
 struct Assembly {
   XmlText policies;
-  XmlText lists;
+  XmlPieces lists;
   MarkQueue marked;  // the objects that `lists` has
 };
 
@@ -55,7 +55,7 @@ static_assert(std::size(kNamed) + 1 == kFwdRoles, "the agent has no text of an a
 
 [[nodiscard]] uint32_t assembly_init(Assembly* assembly) {
   uint32_t status = xml_text_init(&assembly->policies);
-  return status == POL_OK ? xml_text_init(&assembly->lists) : status;
+  return status == POL_OK ? xml_pieces_init(&assembly->lists) : status;
 }
 
 void assembly_free(Assembly* assembly) {
@@ -64,7 +64,7 @@ void assembly_free(Assembly* assembly) {
     pol_free(entry, MEM_LIST_NAME);
   }
   xml_text_free(&assembly->policies);
-  xml_text_free(&assembly->lists);
+  xml_pieces_free(&assembly->lists);
 }
 
 [[nodiscard]] uint32_t add_object(Assembly* assembly, int32_t type, NamedHead* object) {
@@ -74,11 +74,18 @@ void assembly_free(Assembly* assembly) {
   entry->object = object;
   object->in_document = true;
   assembly->marked.push_back(entry);
-  uint32_t status = xml_config_append(type, object->name, &assembly->lists);
+  uint32_t status = xml_pieces_append(type, object->name, &object->xml, &assembly->lists);
   if (status != POL_OK) {
     POL_LOG("Error getting list xml string (error:%d)\n", static_cast<int>(status));
   }
   return status;
+}
+
+// Has the memory fetched that the sequence's turn will read: of many sequences little is cached.
+void fetch_roles(const t_pol_entry& entry) {
+  constexpr size_t kLine = 64;
+  const auto* roles = reinterpret_cast<const char*>(fwd_user(entry));
+  for (size_t at = 0; at < sizeof(t_pol_fwd_user); at += kLine) __builtin_prefetch(roles + at);
 }
 
 [[nodiscard]] uint32_t add_vpn_list(Assembly* assembly, const t_pol_fwd_vpn_entry* vpn) {
@@ -88,7 +95,10 @@ void assembly_free(Assembly* assembly) {
     status = add_object(assembly, POL_XML_VPN_LIST, &list->head);
   }
   const t_pol_entry* entry = vpn->entries.first();
-  for (; entry != nullptr && status == POL_OK; entry = vpn->entries.next(entry)) {
+  const t_pol_entry* next = nullptr;
+  for (; entry != nullptr && status == POL_OK; entry = next) {
+    next = vpn->entries.next(entry);
+    if (next != nullptr) fetch_roles(*next);
     for (const Named& named : kNamed) {
       NamedHead* object = fwd_object(*entry, named.ref);
       if (object == nullptr) continue;
@@ -164,26 +174,35 @@ char* put(char* at, string_view text) {
   return at + text.size();
 }
 
+// Again should the worker replace a text by one of another length meanwhile.
 [[nodiscard]] uint32_t finish(const Assembly& assembly, uint32_t* length, char** text) {
-  const bool lists = assembly.lists.length > 0;
-  const string_view open = lists ? "<lists>" : "";
-  const string_view close = lists ? "</lists>" : "";
-  const size_t whole =
-      assembly.policies.length + open.size() + assembly.lists.length + close.size();
-  char* made = nullptr;
-  if (whole < UINT32_MAX) made = static_cast<char*>(pol_malloc(whole + 1, MEM_PEER_XML));
-  if (made == nullptr) {
-    POL_LOG("Error allocating memory for policy XML config of %d bytes\n",
-            static_cast<int>(whole + 1));
-    return POL_ENOMEM;
+  for (;;) {
+    size_t listed = 0;
+    uint32_t status = xml_pieces_length(assembly.lists, &listed);
+    if (status != POL_OK) return status;
+    const string_view open = listed > 0 ? "<lists>" : "";
+    const string_view close = listed > 0 ? "</lists>" : "";
+    const size_t whole = assembly.policies.length + open.size() + listed + close.size();
+    char* made = nullptr;
+    if (whole < UINT32_MAX) made = static_cast<char*>(pol_malloc(whole + 1, MEM_PEER_XML));
+    if (made == nullptr) {
+      POL_LOG("Error allocating memory for policy XML config of %d bytes\n",
+              static_cast<int>(whole + 1));
+      return POL_ENOMEM;
+    }
+    char* at = put(made, {assembly.policies.bytes, assembly.policies.length});
+    at = put(at, open);
+    bool same = false;
+    status = xml_pieces_copy(assembly.lists, at, listed, &same);
+    if (status == POL_OK && same) {
+      *put(at + listed, close) = '\0';
+      *length = static_cast<uint32_t>(whole);
+      *text = made;
+      return POL_OK;
+    }
+    pol_free(made, MEM_PEER_XML);
+    if (status != POL_OK) return status;
   }
-  char* at = put(made, {assembly.policies.bytes, assembly.policies.length});
-  at = put(at, open);
-  at = put(at, {assembly.lists.bytes, assembly.lists.length});
-  *put(at, close) = '\0';
-  *length = static_cast<uint32_t>(whole);
-  *text = made;
-  return POL_OK;
 }
 
 }  // namespace

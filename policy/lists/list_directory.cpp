@@ -91,7 +91,8 @@ bool enter(Arena* arena, PrefixTrie<Bits>* trie, Bits key, unsigned length, Inte
 
 template <class Bits>
 void leave(Arena* arena, PrefixTrie<Bits>* trie, Bits key, unsigned length, const NamedHead& list) {
-  const TrieCell* cell = trie->find(key, length);
+  TriePath path;
+  const TrieCell* cell = trie->find(key, length, &path);
   if (cell == nullptr) return;
   if (cell->info.flag == kTable) {
     if (!table_remove(static_cast<Table*>(cell->value), &list)) return;
@@ -99,7 +100,7 @@ void leave(Arena* arena, PrefixTrie<Bits>* trie, Bits key, unsigned length, cons
   } else if (cell->value != &list) {
     return;
   }
-  trie->remove(arena, key, length);
+  trie->remove(arena, path);
 }
 
 template <class Bits>
@@ -224,12 +225,13 @@ void directory_prefix(ListDirectory* directory, const NamedHead& list, const t_p
   if (lengths.low > lengths.high) return;
   const bool any = pfx_takes_every_family(element);
   const unsigned length = element.len;
-  if (any || element.addr.family == KEL_AF_INET) {
-    const uint64_t key = any ? 0 : pfx_bits_v4(element.addr);
+  const t_ipaddr address = pfx_address(element);
+  if (any || address.family == KEL_AF_INET) {
+    const uint64_t key = any ? 0 : pfx_bits_v4(address);
     change(directory, &directory->narrow, key, std::min(length, 32u), lengths, list, enters);
   }
-  if (any || element.addr.family == KEL_AF_INET6) {
-    const Bits128 key = any ? 0 : pfx_bits_v6(element.addr);
+  if (any || address.family == KEL_AF_INET6) {
+    const Bits128 key = any ? 0 : pfx_bits_v6(address);
     change(directory, &directory->wide, key, std::min(length, 128u), lengths, list, enters);
   }
 }

@@ -38,6 +38,13 @@ struct t_pol_clause_user {
 
 namespace pol {
 
+// What is known of an object's record in the XML cache, until any record goes
+// (t_pol_ctx::xml_generation).
+struct XmlRef {
+  const t_pol_xml_config* config;
+  uint64_t generation;
+};
+
 struct UserQueue : TailQueue<t_pol_clause_user, &t_pol_clause_user::link> {};
 
 struct NamedHead {
@@ -46,6 +53,7 @@ struct NamedHead {
   // On purpose: a clause whose new list could not be had still refers to the one that it left,
   // without being its user, until one of the two goes.
   UserQueue stale;
+  XmlRef xml;
   uint32_t enrolled;  // generation of the family's directory that has its elements; 0: none
   bool in_document;   // only while a document is put together: it has the object's text
   // Frees the list unless elements or users hold it.
@@ -57,8 +65,34 @@ inline int named_compare(const void* key, const void* node) {
       strncmp(static_cast<const char*>(key), static_cast<const char*>(node), POL_LIST_NAME_SIZE));
 }
 
+// Changes come list by list: the list that was asked for last is known without a descent. Zeroed
+// memory before it is created.
 template <class List>
-using NamedTree = AvlTree<List>;
+class NamedTree : public AvlTree<List> {
+ public:
+  // Null when there is none; then `where` is where it would stand, and `key` its name as lists keep
+  // it.
+  List* find_named(const char* name, char (&key)[POL_LIST_NAME_SIZE], avl_index* where) {
+    if (last_ != nullptr && strncmp(name, last_->head.name, POL_LIST_NAME_SIZE - 1) == 0) {
+      return last_;
+    }
+    copy_name(key, name);
+    List* list = this->find(key, where);
+    if (list != nullptr) last_ = list;
+    return list;
+  }
+  void remove(List* list) {
+    if (last_ == list) last_ = nullptr;
+    AvlTree<List>::remove(list);
+  }
+  List* drain(void** cookie) {
+    last_ = nullptr;
+    return AvlTree<List>::drain(cookie);
+  }
+
+ private:
+  List* last_;
+};
 
 template <class List>
 uint32_t named_init(t_pol_ctx* ctx, NamedTree<List> t_pol_ctx::*tree) {
@@ -79,15 +113,14 @@ uint32_t named_deinit(t_pol_ctx* ctx, NamedTree<List> t_pol_ctx::*tree,
 }
 
 template <class List>
-List* named_find(const NamedTree<List>& tree, const char* name) {
+List* named_find(NamedTree<List>& tree, const char* name) {
   char key[POL_LIST_NAME_SIZE];
-  copy_name(key, name);
-  return tree.find(key);
+  return tree.find_named(name, key, nullptr);
 }
 
 // For a host's arguments: null without a context or a name.
 template <class List>
-List* named_find(const t_pol_ctx* ctx, NamedTree<List> t_pol_ctx::*tree, const char* name) {
+List* named_find(t_pol_ctx* ctx, NamedTree<List> t_pol_ctx::*tree, const char* name) {
   return ctx != nullptr && name != nullptr ? named_find(ctx->*tree, name) : nullptr;
 }
 
@@ -98,9 +131,8 @@ template <class List>
                                          uint8_t* created) {
   static_assert(offsetof(List, head) == 0);
   char key[POL_LIST_NAME_SIZE];
-  copy_name(key, name);
   avl_index where = 0;
-  List* list = tree.find(key, &where);
+  List* list = tree.find_named(name, key, &where);
   if (list != nullptr) return list;
   list = alloc<List>(type);
   if (list == nullptr) return nullptr;
@@ -136,8 +168,8 @@ inline bool is_stale(const t_pol_clause_user& user) {
   return user.list != nullptr && user.queue == &user.list->stale;
 }
 
-// Notes that a sequence of the policy, or its match clauses, change: its index may name lists that they
-// leave (core/pol_policy_index.h).
+// Notes that a sequence of the policy, or its match clauses, change: its index may name lists that
+// they leave (core/pol_policy_index.h).
 void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block);
 
 // A user of one list, in one role, at a time: it leaves any other.

@@ -103,7 +103,7 @@ struct t_color_list {
 
 struct t_pfx_list {
   pol::NamedHead head;
-  pol::RecordPool<t_pfx_entry, pol::MEM_PFX_ENTRY> records;
+  pol::RecordPool<t_pfx_entry, pol::MEM_PFX_ENTRY, t_pfx_entry_wide> records;
   pol::TailQueue<t_pfx_entry, &t_pfx_entry::link> entries;
   pol::PfxIndex index;
   pol::UserQueue users;

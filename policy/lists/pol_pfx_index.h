@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// pol_pfx_index.h - finds an element of a prefix list by its prefix, and says whether any element matches a
-// prefix, without walking them.
+// pol_pfx_index.h - finds an element of a prefix list by its prefix, and says whether any element
+// matches a prefix, without walking them.
 //
-// What an element asks of a prefix that lies in it is an interval of lengths, whatever the operator. So the
-// index is a trie (base/prefix_trie.h) with the element and its interval at its place. Elements that share a
-// place (they differ in host bits only) are counted length by length.
+// What an element asks of a prefix that lies in it is an interval of lengths, whatever the
+// operator. So the index is a trie (base/prefix_trie.h) with the element and its interval at its
+// place. Elements that share a place (they differ in host bits only) are counted length by length.
 //
-// The trie finds an element by its prefix, too, where it is the first at its place. All others are in a tree
-// by prefix: later ones at a shared place, those that take every family, and those of families without a
-// trie. Adding or removing an element touches one path and allocates uncounted memory. An index of all zero
-// bytes is empty.
+// The trie finds an element by its prefix, too, where it is the first at its place. All others are
+// in a tree by prefix: later ones at a shared place, those that take every family, and those of
+// families without a trie. Adding or removing an element touches one path and allocates uncounted
+// memory. An index of all zero bytes is empty.
 //
 // Invariant: an element is in `others_` exactly when it is not the first of a place in a trie.
 #pragma once
@@ -22,14 +22,24 @@
 #include "base/tail_queue.h"
 #include "policy/pol_types.h"
 
-// 40 bytes, because a list may hold 100,000: the prefix lies without its padding.
+// Small, because a list may hold 100,000: what is not IPv4 is a t_pfx_entry_wide. Filled by
+// pfx_entry_fill.
 struct t_pfx_entry {
   pol::TailLink<t_pfx_entry> link;
-  t_ipaddr addr;
   uint8_t len;
-  uint8_t op;  // enum pol_pfx_op; 255 for what lies beyond, which is all alike
+  uint8_t op : 7;    // enum pol_pfx_op; 127 for what lies beyond, which is all alike
+  uint8_t wide : 1;  // a t_pfx_entry_wide
   uint8_t min;
   uint8_t max;
+  union {
+    uint32_t v4;      // of one that is not wide
+    uint32_t family;  // of a wide one
+  };
+};
+
+struct t_pfx_entry_wide {
+  t_pfx_entry entry;
+  uint8_t v6[16];
 };
 
 namespace pol {
@@ -39,6 +49,11 @@ struct Interval {
   uint8_t low;
   uint8_t high;
 };
+
+inline bool pfx_is_wide(const t_ipprefix& prefix) { return prefix.addr.family != KEL_AF_INET; }
+t_ipaddr pfx_address(const t_pfx_entry& element);
+// REQUIRES: a t_pfx_entry_wide for a prefix that is wide.
+void pfx_entry_fill(t_pfx_entry* element, const t_pol_pfx_record& record);
 
 // The lengths that the element takes among prefixes that lie in it: none is below its own.
 Interval pfx_lengths_of(const t_pfx_entry& element);
@@ -60,13 +75,25 @@ void pfx_fetch(const TrieCell* v4, const TrieCell* v6, const t_ipprefix* const* 
 
 class PfxIndex {
  public:
-  // The element with that address and length. Meeting one of the prefix's own family that is neither IPv4 nor
-  // IPv6 fails an assertion.
+  // The element with that address and length. Meeting one of the prefix's own family that is
+  // neither IPv4 nor IPv6 fails an assertion.
   t_pfx_entry* find(const t_ipprefix& prefix) const;
+  // In one descent, the prefix's element, or a place kept for it; neither where it has no place of
+  // its own: an element is added then. A place that is kept is settled or given up before all else.
+  // False when memory runs out.
+  struct Kept {
+    t_pfx_entry* element;
+    TrieCell* place;
+  };
+  [[nodiscard]] bool find_or_keep(const t_ipprefix& prefix, Kept* kept);
+  void settle(TrieCell* place, t_pfx_entry* element);
+  void give_up(const t_ipprefix& prefix);
   // False when memory runs out; then nothing changed. REQUIRES: no element has its prefix.
   [[nodiscard]] bool add(t_pfx_entry* element);
   // REQUIRES: `element` was added.
   void remove(t_pfx_entry* element);
+  // The element with that address and length, removed; null when there is none.
+  t_pfx_entry* take(const t_ipprefix& prefix);
   // Gives an element that was added the operator and bounds of `how`; false as add.
   [[nodiscard]] bool change(t_pfx_entry* element, const t_pol_pfx_record& how);
   bool matches(const t_ipprefix& prefix) const;
@@ -92,9 +119,13 @@ class PfxIndex {
   };
 
  private:
-  TrieCell* cell_find(const t_ipaddr& addr, unsigned length) const;
+  TrieCell* cell_find(const t_ipaddr& addr, unsigned length) const {
+    TriePath path;
+    return cell_find(addr, length, &path);
+  }
+  TrieCell* cell_find(const t_ipaddr& addr, unsigned length, TriePath* path) const;
   TrieCell* cell_find_or_add(const t_ipaddr& addr, unsigned length);
-  void cell_remove(const t_ipaddr& addr, unsigned length);
+  void cell_remove(uint32_t family, const TriePath& path);
   bool add_other(t_pfx_entry* element);
   void remove_other(const t_pfx_entry* element);
   // An element that changes places is `listed` in others_ already, or stays so.
@@ -102,7 +133,9 @@ class PfxIndex {
   void leave_any(const t_pfx_entry* element, Interval lengths, bool stays_listed);
   bool enter_trie(t_pfx_entry* element, Interval lengths, bool listed);
   void leave_trie(const t_pfx_entry* element, Interval lengths, bool stays_listed);
-  t_pfx_entry* first_at(const t_ipaddr& addr, uint8_t length) const;
+  bool move(t_pfx_entry* element, bool was_any, Interval old, Interval lengths);
+  t_pfx_entry* find_at(const TrieCell& cell, const t_ipprefix& prefix) const;
+  t_pfx_entry* find_other(const t_ipprefix& prefix) const;
 
   Arena arena_;
   PrefixTrie<uint64_t> v4_;

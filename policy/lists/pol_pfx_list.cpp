@@ -4,9 +4,7 @@
 // step.
 #include "policy/pol_pfx_list.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <cstring>
 
 #include "base/pol_crash.h"
 #include "core/pol_context_internal.h"
@@ -20,7 +18,7 @@ void free_entries(t_pol_ctx* ctx, t_pfx_list* list) {
   list->index.clear();
   while (t_pfx_entry* entry = list->entries.pop_front()) {
     pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
-    list->records.give(entry);
+    list->records.give(entry, entry->wide != 0);
   }
   if (!list->entries.empty()) pol::crash("elements are left in a prefix list that was emptied");
 }
@@ -48,34 +46,34 @@ t_pfx_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
                                    created);
 }
 
-// The element, and through `list` its list, which is told even when no element has the prefix.
-t_pfx_entry* find_entry(t_pol_ctx* ctx, const char* name, const t_pol_pfx_record& record,
-                        t_pfx_list** list) {
-  *list = pol::named_find(ctx->pfx_lists, name);
-  return *list != nullptr ? (*list)->index.find(record.prefix) : nullptr;
-}
-
-// A new element with its place in the index, or null and nothing changed.
-t_pfx_entry* entry_create(t_pol_ctx* ctx, t_pfx_list* list, const t_pol_pfx_record& record) {
-  auto* entry = list->records.make();
-  if (entry == nullptr) return nullptr;
-  entry->addr.family = record.prefix.addr.family;
-  if (record.prefix.addr.family == KEL_AF_INET) {
-    entry->addr.addr.v4 = record.prefix.addr.addr.v4;
-  } else {
-    memcpy(entry->addr.addr.v6, record.prefix.addr.addr.v6, sizeof entry->addr.addr.v6);
+// A new element at the place that the index keeps for it, if any; null and nothing changed when
+// memory runs out.
+t_pfx_entry* entry_create(t_pol_ctx* ctx, t_pfx_list* list, const t_pol_pfx_record& record,
+                          pol::TrieCell* place) {
+  const bool wide = pol::pfx_is_wide(record.prefix);
+  auto* entry = list->records.make(wide);
+  if (entry == nullptr) {
+    if (place != nullptr) list->index.give_up(record.prefix);
+    return nullptr;
   }
-  entry->len = record.prefix.len;
-  entry->op = static_cast<uint8_t>(std::min<uint32_t>(record.op, UINT8_MAX));
-  entry->min = record.min;
-  entry->max = record.max;
-  if (!list->index.add(entry)) {
-    list->records.give(entry);
+  pol::pfx_entry_fill(entry, record);
+  if (place != nullptr) {
+    list->index.settle(place, entry);
+  } else if (!list->index.add(entry)) {
+    list->records.give(entry, wide);
     return nullptr;
   }
   list->entries.push_back(entry);
   pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, true);
   return entry;
+}
+
+bool entry_change(t_pol_ctx* ctx, t_pfx_list* list, t_pfx_entry* entry,
+                  const t_pol_pfx_record& record) {
+  pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
+  const bool changed = list->index.change(entry, record);
+  pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, true);
+  return changed;
 }
 
 void tell_all(t_pol_ctx* ctx, const t_pfx_list& list) {
@@ -100,13 +98,11 @@ uint32_t pol_pfx_list_entry_add(t_pol_ctx* ctx, const char* name, const t_pol_pf
   uint8_t created = 0;
   t_pfx_list* list = find_or_create(ctx, name, &created);
   if (list == nullptr) return POL_ENOMEM;
-  t_pfx_entry* entry = list->index.find(record->prefix);
-  if (entry != nullptr) {
-    const t_pfx_entry before = *entry;
-    if (!list->index.change(entry, *record)) return POL_ENOMEM;
-    pol::directory_prefix(&ctx->directories.pfx, list->head, before, false);
-    pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, true);
-  } else if (entry_create(ctx, list, *record) == nullptr) {
+  pol::PfxIndex::Kept kept;
+  const bool room = list->index.find_or_keep(record->prefix, &kept);
+  if (kept.element != nullptr) {
+    if (!entry_change(ctx, list, kept.element, *record)) return POL_ENOMEM;
+  } else if (!room || entry_create(ctx, list, *record, kept.place) == nullptr) {
     if (created != 0) {
       if (!unused(*list)) pol::crash("a prefix list that was not made after all is in use");
       pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
@@ -119,13 +115,12 @@ uint32_t pol_pfx_list_entry_add(t_pol_ctx* ctx, const char* name, const t_pol_pf
 
 uint32_t pol_pfx_list_del_entry(t_pol_ctx* ctx, const char* name, const t_pol_pfx_record* record) {
   if (ctx == nullptr || name == nullptr || record == nullptr) return POL_OK;
-  t_pfx_list* list = nullptr;
-  t_pfx_entry* entry = find_entry(ctx, name, *record, &list);
+  t_pfx_list* list = pol::named_find(ctx->pfx_lists, name);
+  t_pfx_entry* entry = list != nullptr ? list->index.take(record->prefix) : nullptr;
   if (entry == nullptr) return POL_OK;
   pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
-  list->index.remove(entry);
   list->entries.remove(entry);
-  list->records.give(entry);
+  list->records.give(entry, entry->wide != 0);
   tell_all(ctx, *list);
   return POL_OK;
 }
@@ -157,7 +152,8 @@ void pol_dump_pfx_list(t_pfx_list* list, t_cli_user_ctx* cli) {
   for (const t_pfx_entry& entry : list->entries) {
     char address[128];
     char prefix[512];
-    snprintf(prefix, sizeof prefix, "%s/%u", ipaddr_print(&entry.addr, address, sizeof address),
+    const t_ipaddr addr = pol::pfx_address(entry);
+    snprintf(prefix, sizeof prefix, "%s/%u", ipaddr_print(&addr, address, sizeof address),
              unsigned{entry.len});
     maapi_cli_printf(cli, "\n  prefix %s %s min %d max %d", prefix, pol_util_pfx_op_str(entry.op),
                      int{entry.min}, int{entry.max});

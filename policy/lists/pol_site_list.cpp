@@ -41,14 +41,26 @@ t_site_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) 
                                    created);
 }
 
+// A range at the place found for it. False when memory runs out; then nothing changed.
+bool entry_add(t_site_list* list, uint32_t low, uint32_t high, const pol::RangePlace& place) {
+  auto* entry = list->records.make();
+  if (entry == nullptr) return false;
+  entry->range.low = low;
+  entry->range.high = high;
+  list->entries.add(&entry->range, place);
+  return true;
+}
+
 // The outside user is told first and may do anything to the list, even away with it; so the list is
 // looked up again for the policies.
 void tell_all(t_pol_ctx* ctx, t_site_list* list) {
-  char name[POL_LIST_NAME_SIZE];
-  pol::copy_name(name, list->head.name);
   t_pol_list_user* user = list->list_user;
-  if (user != nullptr && user->change != nullptr) user->change(user, user->arg);
-  list = pol::named_find(ctx->site_lists, name);
+  if (user != nullptr && user->change != nullptr) {
+    char name[POL_LIST_NAME_SIZE];
+    pol::copy_name(name, list->head.name);
+    user->change(user, user->arg);
+    list = pol::named_find(ctx->site_lists, name);
+  }
   if (list != nullptr) pol::mark_blocks(ctx, list->pol_users);
   pol_user_chg_list_notify_all(ctx);
 }
@@ -69,18 +81,16 @@ uint32_t pol_site_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
   uint8_t created = 0;
   t_site_list* list = find_or_create(ctx, name, &created);
   if (list == nullptr) return POL_ENOMEM;
-  if (list->entries.find(low, high) != nullptr) return POL_OK;
-  auto* entry = list->records.make();
-  if (entry == nullptr) {
+  pol::RangePlace place;
+  const bool room = list->entries.find_place(low, high, &place);
+  if (place.there != nullptr) return POL_OK;
+  if (!room || !entry_add(list, low, high, place)) {
     if (created != 0) {
       if (!unused(*list)) pol::crash("a site list that was not made after all is in use");
       pol::named_remove(ctx->site_lists, list, pol::MEM_SITE_LIST);
     }
     return POL_ENOMEM;
   }
-  entry->range.low = low;
-  entry->range.high = high;
-  list->entries.add(&entry->range);
   pol::directory_range(&ctx->directories.site, list->head, low, high, true);
   tell_all(ctx, list);
   return POL_OK;
@@ -93,12 +103,11 @@ t_site_entry* pol_site_list_find_entry(t_pol_ctx* ctx, const char* name, uint32_
 }
 
 uint32_t pol_site_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, uint32_t high) {
-  t_site_entry* entry = pol_site_list_find_entry(ctx, name, low, high);
-  if (entry == nullptr) return POL_OK;
-  t_site_list* list = pol::named_find(ctx->site_lists, name);
-  list->entries.remove(&entry->range);
+  t_site_list* list = pol::named_find(ctx, &t_pol_ctx::site_lists, name);
+  pol::RangeNode* range = list != nullptr ? list->entries.take(low, high) : nullptr;
+  if (range == nullptr) return POL_OK;
   pol::directory_range(&ctx->directories.site, list->head, low, high, false);
-  list->records.give(entry);
+  list->records.give(reinterpret_cast<t_site_entry*>(range));
   tell_all(ctx, list);
   return POL_OK;
 }

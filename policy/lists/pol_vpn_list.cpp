@@ -67,6 +67,16 @@ t_vpn_list* user_add(t_pol_ctx* ctx, const char* name, pol::UserQueue t_vpn_list
   return list;
 }
 
+// A range at the place found for it. False when memory runs out; then nothing changed.
+bool entry_add(t_vpn_list* list, uint32_t low, uint32_t high, const pol::RangePlace& place) {
+  auto* entry = list->records.make();
+  if (entry == nullptr) return false;
+  entry->range.low = low;
+  entry->range.high = high;
+  list->entries.add(&entry->range, place);
+  return true;
+}
+
 }  // namespace
 
 uint32_t pol_vpn_list_main_init(t_pol_ctx* ctx) {
@@ -83,16 +93,14 @@ uint32_t pol_vpn_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
   uint8_t created = 0;
   t_vpn_list* list = find_or_create(ctx, name, &created);
   if (list == nullptr) return POL_ENOMEM;
-  if (list->entries.find(low, high) != nullptr) return POL_OK;
+  pol::RangePlace place;
+  const bool room = list->entries.find_place(low, high, &place);
+  if (place.there != nullptr) return POL_OK;
   list->changed = 1;
-  auto* entry = list->records.make();
-  if (entry == nullptr) {
+  if (!room || !entry_add(list, low, high, place)) {
     if (created != 0) node_free(ctx, list, true);
     return POL_ENOMEM;
   }
-  entry->range.low = low;
-  entry->range.high = high;
-  list->entries.add(&entry->range);
   pol::directory_range(&ctx->directories.vpn, list->head, low, high, true);
   tell_all(ctx, *list);
   return POL_OK;
@@ -110,9 +118,8 @@ uint32_t pol_vpn_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
   if (list == nullptr) return POL_OK;
   list->changed =
       1;  // on purpose before the look-up: a missed delete still has the text fetched again
-  pol::RangeNode* range = list->entries.find(low, high);
+  pol::RangeNode* range = list->entries.take(low, high);
   if (range == nullptr) return POL_OK;
-  list->entries.remove(range);
   pol::directory_range(&ctx->directories.vpn, list->head, low, high, false);
   list->records.give(reinterpret_cast<t_pol_vpn_entry*>(range));
   tell_all(ctx, *list);

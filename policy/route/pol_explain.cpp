@@ -282,7 +282,8 @@ void element_words(const t_pfx_entry* element, char* words, size_t size) {
   words[0] = '\0';
   if (element == nullptr) return;
   char address[64];
-  ipaddr_print(&element->addr, address, sizeof address);
+  const t_ipaddr addr = pfx_address(*element);
+  ipaddr_print(&addr, address, sizeof address);
   const unsigned op = element->op;
   const bool one = op == 0 || op == POL_PFX_EQ || op == POL_PFX_NE;
   const bool two = op == POL_PFX_RANGE || op == POL_PFX_XRANGE;

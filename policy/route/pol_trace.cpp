@@ -89,7 +89,8 @@ class TraceObserver {
     const t_pfx_entry* element = taking_element(*list_of<t_pfx_list>(user), query_.prefix);
     if (element == nullptr) return;
     step->list = user.list;
-    step->element.prefix = {element->op, {element->addr, element->len}, element->min, element->max};
+    step->element.prefix = {
+        element->op, {pfx_address(*element), element->len}, element->min, element->max};
   }
 
   const t_pol_route_query& query_;

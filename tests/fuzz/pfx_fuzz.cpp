@@ -81,13 +81,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ByteReader in(data, size);
   pol::PfxIndex index = {};
   std::vector<t_pol_pfx_record> elements;
-  std::vector<std::unique_ptr<t_pfx_entry>> entries;  // the same, as the index knows them
+  std::vector<std::unique_ptr<t_pfx_entry_wide>> entries;  // the same, as the index knows them
   while (!in.done()) {
     const uint8_t what = in.byte();
     if (what % 4 == 0 && !elements.empty()) {
       const auto at = static_cast<std::ptrdiff_t>(in.byte() % elements.size());
       if (!is_known(elements[static_cast<size_t>(at)].prefix.addr.family)) continue;
-      index.remove(entries[static_cast<size_t>(at)].get());
+      t_pfx_entry* entry = &entries[static_cast<size_t>(at)]->entry;
+      if (what % 8 == 0) {
+        index.remove(entry);
+      } else if (index.take(elements[static_cast<size_t>(at)].prefix) != entry) {
+        std::abort();
+      }
       elements.erase(elements.begin() + at);
       entries.erase(entries.begin() + at);
     } else if (what % 4 == 1) {
@@ -99,21 +104,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       const bool known_family = is_known(element.prefix.addr.family);
       if (known_family) {
         const t_pfx_entry* found = index.find(element.prefix);
-        if (found != (at < elements.size() ? entries[at].get() : nullptr)) std::abort();
+        if (found != (at < elements.size() ? &entries[at]->entry : nullptr)) std::abort();
       }
       if (at < elements.size()) {
         if (!known_family) continue;
-        if (!index.change(entries[at].get(), element)) std::abort();
+        if (!index.change(&entries[at]->entry, element)) std::abort();
         elements[at] = element;
       } else if (elements.size() < kMaxElements &&
                  (known_family || !has_family(elements, element))) {
-        auto entry = std::make_unique<t_pfx_entry>();
-        entry->addr = element.prefix.addr;
-        entry->len = element.prefix.len;
-        entry->op = static_cast<uint8_t>(element.op);
-        entry->min = element.min;
-        entry->max = element.max;
-        if (!index.add(entry.get())) std::abort();
+        auto entry = std::make_unique<t_pfx_entry_wide>();
+        pol::pfx_entry_fill(&entry->entry, element);
+        pol::PfxIndex::Kept kept;
+        if (!index.find_or_keep(element.prefix, &kept) || kept.element != nullptr) std::abort();
+        if (kept.place != nullptr && what % 8 != 7) {
+          index.settle(kept.place, &entry->entry);
+        } else {
+          if (kept.place != nullptr) index.give_up(element.prefix);
+          if (!index.add(&entry->entry)) std::abort();
+        }
         entries.push_back(std::move(entry));
         elements.push_back(element);
       }

@@ -26,6 +26,25 @@ void check(bool good, const char* what) {
   std::abort();
 }
 
+// Unless it is there.
+void add(uint64_t low, uint64_t high, pol::RangeSet* set, std::deque<pol::RangeNode>* store,
+         std::vector<pol::RangeNode*>* elements) {
+  pol::RangeNode* there = nullptr;
+  for (pol::RangeNode* node : *elements) {
+    if (node->low == low && node->high == high) there = node;
+  }
+  check(set->find(low, high) == there, "find");
+  pol::RangePlace place;
+  check(set->find_place(low, high, &place) && place.there == there, "place");
+  if (there != nullptr) return;
+  pol::RangeNode& node = store->emplace_back();
+  node = {};
+  node.low = low;
+  node.high = high;
+  set->add(&node, place);
+  elements->push_back(&node);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -37,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t what = in.byte() % 4;
     if (what == 0 && !elements.empty()) {
       const size_t at = in.byte() % elements.size();
-      set.remove(elements[at]);
+      check(set.take(elements[at]->low, elements[at]->high) == elements[at], "take");
       elements.erase(elements.begin() + static_cast<std::ptrdiff_t>(at));
     } else if (what == 1) {
       const uint64_t id = read_id(&in);
@@ -46,21 +65,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         expected = expected || (node->low <= id && id <= node->high);
       }
       check(set.holds(id) == expected, "the set and the walk differ");
+      const pol::RangeNode* holding = set.holding(id);
+      check((holding != nullptr) == expected, "holding");
+      check(!expected || (holding->low <= id && id <= holding->high), "holds another");
     } else {
+      // One range, or a run of them that takes a tree of some height.
       const uint64_t low = read_id(&in);
       const uint64_t high = read_id(&in);
-      pol::RangeNode* there = nullptr;
-      for (pol::RangeNode* node : elements) {
-        if (node->low == low && node->high == high) there = node;
-      }
-      check(set.find(low, high) == there, "find");
-      if (there != nullptr) continue;
-      pol::RangeNode& node = store.emplace_back();
-      node = {};
-      node.low = low;
-      node.high = high;
-      set.add(&node);
-      elements.push_back(&node);
+      const unsigned run = what == 3 ? in.byte() : 1;
+      for (unsigned i = 0; i < run; ++i)
+        add(low + i * (high & 3), high - i, &set, &store, &elements);
     }
   }
   size_t at = 0;

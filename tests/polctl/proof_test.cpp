@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // The analysis against the library, in both directions: on random policies every random route must lie in
 // the set of the sequence that decides it, and every route that a set shows must be decided by its sequence.
-// Differences of two random policies are held against asking both about all routes of a small universe.
+// Differences and findings are held against asking about all routes, or prefixes, of a small world.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
 #include <memory>
 #include <optional>
 #include <random>
 
 #include "policy/policy.h"
 #include "tool/proof/difference.h"
+#include "tool/proof/proof_findings.h"
 
 namespace {
 
@@ -331,85 +334,114 @@ TEST_F(ProofTest, RoutesLieInTheSetsOfWhatDecidesThemAndSetsShowSuchRoutes) {
   EXPECT_GT(std::min(full, empty), 500 / kSlower);
 }
 
-// Policies over three tags, three sites, four prefixes and two types, of which most differ little.
+// A small world: three tags, five sites, five prefixes and two types, so that all routes can be asked about.
+constexpr uint32_t kAllRoutes = 3 * 5 * 5 * 2;
+
+void fill_nth(uint32_t n, Route* route) {
+  t_pol_route_attr& attr = route->attr;
+  route->query.attr = &attr;
+  attr.present = (n % 3 != 0 ? POL_ATTR_TAG : 0) | (n / 3 % 5 != 0 ? POL_ATTR_SITE : 0);
+  attr.tag = n % 3;
+  attr.site = n / 3 % 5;
+  route->query.prefix = {{KEL_AF_INET, {.v4 = (n / 15 % 5) << 24}}, 8};
+  route->query.match_type = static_cast<uint8_t>(1 + n / 75);
+}
+
+// Equal where what becomes of the route is.
+uint32_t answer_to(t_pol_user* user, Route* route) {
+  route->query.applied = 0;
+  if (pol_execute(user, &route->query) != POL_ACCEPT) return POL_REJECT;
+  bool tagged = (route->query.applied & POL_APPLIED_TAG) != 0;
+  return POL_ACCEPT + (tagged ? 16 + route->query.attr_copy.tag * 256 : 0);
+}
+
+std::vector<uint32_t> answers_of(const char* policy) {
+  t_pol_user* user = user_of(policy, POL_DIR_IN);
+  std::vector<uint32_t> answers;
+  for (uint32_t n = 0; n < kAllRoutes; ++n) {
+    Route route;
+    fill_nth(n, &route);
+    answers.push_back(answer_to(user, &route));
+  }
+  pol_unregister(&user);
+  return answers;
+}
+
+void fill_small_lists() {
+  for (uint32_t site = 0; site < 3; ++site) {
+    pol_site_list_add_entry(g_pol_ctx_p, site == 0 ? "S" : "T", site, site + 1);
+  }
+  for (uint32_t i = 0; i < 4; ++i) {
+    t_pol_pfx_record record = {};
+    record.op = i == 0 ? POL_PFX_LE : POL_PFX_EQ;
+    record.prefix = {{KEL_AF_INET, {.v4 = i << 24}}, static_cast<uint8_t>(i == 0 ? 6 : 8)};
+    record.max = 8;
+    pol_pfx_list_entry_add(g_pol_ctx_p, i % 2 == 0 ? "P" : "Q", &record);
+  }
+}
+
+// Of five sequences, the same of each seed; then so many of them are changed.
+t_pol_block* make_small_policy(const char* name, uint32_t seed, uint32_t edits) {
+  t_pol_ctx* ctx = g_pol_ctx_p;
+  uint8_t changed = 0;
+  g_random.seed(seed);
+  t_pol_block* block = pol_block_find_or_create(ctx, name, POL_KIND_ROUTE, &changed);
+  for (uint32_t i = 1; i <= 5; ++i) {
+    t_pol_entry* entry = pol_entry_find_or_create(ctx, block, i * 10 + edits, &changed);
+    pol_entry_match_add(ctx, block, entry, one_in(5) ? 2 : 1, &changed);
+    if (one_in(2)) pol_entry_match_tag_add(ctx, entry, 1 + below(2), &changed);
+    if (one_in(2)) pol_entry_match_site_list_add(ctx, entry, one_in(2) ? "S" : "T", &changed);
+    if (one_in(2)) pol_entry_match_pfx_list_add(ctx, entry, one_in(2) ? "P" : "Q", &changed);
+    pol_entry_action_add(ctx, entry, 1 + below(2), &changed);
+    if (one_in(2)) pol_entry_set_tag_add(ctx, entry, below(2), &changed);
+  }
+  for (uint32_t i = 0; i < edits; ++i) {
+    t_pol_entry* entry = pol_entry_find(ctx, block, (1 + (seed + i) % 5) * 10 + edits, nullptr);
+    switch ((seed / 5 + i) % 5) {
+      case 0:
+        pol_entry_find_and_delete(ctx, block, pol_entry_get_sequence(entry), &changed);
+        return block;
+      case 1:
+        pol_entry_match_tag_add(ctx, entry, 2, &changed);
+        break;
+      case 2:
+        pol_entry_match_site_list_add(ctx, entry, "T", &changed);
+        break;
+      case 3:
+        pol_entry_action_add(ctx, entry, POL_ACCEPT, &changed);
+        break;
+      default:
+        pol_entry_match_pfx_list_delete(ctx, entry, &changed);
+    }
+  }
+  return block;
+}
+
+void forget_policy(const char* name) {
+  uint8_t changed = 0;
+  pol_block_find_and_delete(g_pol_ctx_p, name, POL_KIND_ROUTE, &changed);
+}
+
 TEST_F(ProofTest, DifferencesAreThoseThatAskingAboutEveryRouteFinds) {
   size_t equal = 0;
-  t_pol_ctx* ctx = g_pol_ctx_p;
+  fill_small_lists();
   for (uint32_t round = 0; round < 400 / kSlower; ++round) {
     SCOPED_TRACE(round);
-    uint8_t changed = 0;
-    auto build = [&](const char* name, uint32_t edits) {
-      g_random.seed(round);
-      t_pol_block* block = pol_block_find_or_create(ctx, name, POL_KIND_ROUTE, &changed);
-      for (uint32_t i = 1; i <= 5; ++i) {
-        t_pol_entry* entry = pol_entry_find_or_create(ctx, block, i * 10 + edits, &changed);
-        pol_entry_match_add(ctx, block, entry, one_in(5) ? 2 : 1, &changed);
-        if (one_in(2)) pol_entry_match_tag_add(ctx, entry, 1 + below(2), &changed);
-        if (one_in(2)) pol_entry_match_site_list_add(ctx, entry, one_in(2) ? "S" : "T", &changed);
-        if (one_in(2)) pol_entry_match_pfx_list_add(ctx, entry, one_in(2) ? "P" : "Q", &changed);
-        pol_entry_action_add(ctx, entry, 1 + below(2), &changed);
-        if (one_in(2)) pol_entry_set_tag_add(ctx, entry, below(2), &changed);
-      }
-      for (uint32_t i = 0; i < edits; ++i) {
-        t_pol_entry* entry =
-            pol_entry_find(ctx, block, (1 + (round + i) % 5) * 10 + edits, nullptr);
-        switch ((round / 5 + i) % 5) {
-          case 0:
-            pol_entry_find_and_delete(ctx, block, pol_entry_get_sequence(entry), &changed);
-            return;
-          case 1:
-            pol_entry_match_tag_add(ctx, entry, 2, &changed);
-            break;
-          case 2:
-            pol_entry_match_site_list_add(ctx, entry, "T", &changed);
-            break;
-          case 3:
-            pol_entry_action_add(ctx, entry, POL_ACCEPT, &changed);
-            break;
-          default:
-            pol_entry_match_pfx_list_delete(ctx, entry, &changed);
-        }
-      }
-    };
-    for (uint32_t site = 0; site < 3; ++site) {
-      pol_site_list_add_entry(ctx, site == 0 ? "S" : "T", site, site + 1);
-    }
-    for (uint32_t i = 0; i < 4; ++i) {
-      t_pol_pfx_record record = {};
-      record.op = i == 0 ? POL_PFX_LE : POL_PFX_EQ;
-      record.prefix = {{KEL_AF_INET, {.v4 = i << 24}}, static_cast<uint8_t>(i == 0 ? 6 : 8)};
-      record.max = 8;
-      pol_pfx_list_entry_add(ctx, i % 2 == 0 ? "P" : "Q", &record);
-    }
-    build("a", 0);
-    build("b", round % 4);
-    pol_user_chg_list_notify_all(ctx);
+    make_small_policy("a", round, 0);
+    make_small_policy("b", round, round % 4);
+    pol_user_chg_list_notify_all(g_pol_ctx_p);
     Model model;
     model.read();
     RouteSpace space({});
     PolicyProof before(&space, *model.policy("a", POL_KIND_ROUTE));
     PolicyProof after(&space, *model.policy("b", POL_KIND_ROUTE));
-    t_pol_user* users[] = {user_of("a", POL_DIR_IN), user_of("b", POL_DIR_IN)};
+    const std::vector<uint32_t> answers[] = {answers_of("a"), answers_of("b")};
     std::vector<std::unique_ptr<Pinned>> unlike;
     std::vector<std::unique_ptr<Pinned>> alike;
-    for (uint32_t n = 0; n < 3 * 5 * 5 * 2; ++n) {
+    for (uint32_t n = 0; n < kAllRoutes; ++n) {
       Route route;
-      uint32_t answers[2];
-      for (int side = 0; side < 2; ++side) {
-        route.query.attr = &route.attr;
-        route.attr.present = (n % 3 != 0 ? POL_ATTR_TAG : 0) | (n / 3 % 5 != 0 ? POL_ATTR_SITE : 0);
-        route.attr.tag = n % 3;
-        route.attr.site = n / 3 % 5;
-        route.query.prefix = {{KEL_AF_INET, {.v4 = (n / 15 % 5) << 24}}, 8};
-        route.query.match_type = static_cast<uint8_t>(1 + n / 75);
-        route.query.applied = 0;
-        answers[side] = pol_execute(users[side], &route.query);
-        if (answers[side] == POL_ACCEPT) {
-          answers[side] += route.query.applied * 16 + route.query.attr_copy.tag * 256;
-          if ((route.query.applied & POL_APPLIED_TAG) == 0) answers[side] &= 0xff;
-        }
-      }
-      auto& to = answers[0] == answers[1] ? alike : unlike;
+      fill_nth(n, &route);
+      auto& to = answers[0][n] == answers[1][n] ? alike : unlike;
       to.push_back(std::make_unique<Pinned>(&space, route));
     }
     space.cut();
@@ -427,12 +459,226 @@ TEST_F(ProofTest, DifferencesAreThoseThatAskingAboutEveryRouteFinds) {
     }
     for (const auto& each : unlike) EXPECT_TRUE((each->set(&space) - all).empty());
     for (const auto& each : alike) EXPECT_TRUE((each->set(&space) & all).empty());
-    for (t_pol_user* user : users) pol_unregister(&user);
-    pol_block_find_and_delete(ctx, "a", POL_KIND_ROUTE, &changed);
-    pol_block_find_and_delete(ctx, "b", POL_KIND_ROUTE, &changed);
+    forget_policy("a");
+    forget_policy("b");
   }
   EXPECT_GT(equal, 50 / kSlower);
   EXPECT_LT(equal, 350u);
+}
+
+// Taken out from the last to the first, as they are told, and each put back that was needed.
+TEST_F(ProofTest, SequencesThatAreToldChangeNothingWhereTheyGoAndAllOthersDo) {
+  uint32_t told[3] = {};
+  fill_small_lists();
+  for (uint32_t round = 0; round < 400 / kSlower; ++round) {
+    SCOPED_TRACE(round);
+    t_pol_block* block = make_small_policy("a", round, 0);
+    pol_user_chg_list_notify_all(g_pol_ctx_p);
+    Model model;
+    model.read();
+    const PolicyModel& policy = *model.policy("a", POL_KIND_ROUTE);
+    std::vector<ProofFinding> found;
+    std::vector<std::string> routes;
+    sequence_proofs(policy, {POL_DIR_IN, POL_DIR_OUT}, {}, &found, &routes);
+    auto is_told = [&](uint32_t sequence, ProofFinding::Subject subject, const char* how) {
+      for (const ProofFinding& each : found) {
+        bool same = each.subject == subject && each.sequence == sequence;
+        if (same && each.what.starts_with(how)) return true;
+      }
+      return false;
+    };
+    std::vector<uint32_t> deciders;
+    bool to_default[2] = {};
+    t_pol_user* user = user_of("a", POL_DIR_IN);
+    for (uint32_t n = 0; n < kAllRoutes; ++n) {
+      Route route;
+      fill_nth(n, &route);
+      t_pol_explain_step decision = {};
+      pol_explain(user, &route.query, nullptr, nullptr, &decision);
+      deciders.push_back(decision.is_default != 0 ? 0 : decision.sequence);
+      if (decision.is_default != 0) to_default[n / 75] = true;
+    }
+    pol_unregister(&user);
+    const std::vector<uint32_t> answers = answers_of("a");
+    uint8_t changed = 0;
+    bool any[2] = {};
+    bool all[2] = {};  // an earlier one of the type has no clause: told where that is looked for
+    std::vector<uint32_t> decides;
+    for (size_t i = 0; i + 1 < policy.sequences.size(); ++i) {
+      const t_pol_content_sequence& is = policy.sequences[i].is;
+      const uint32_t type = is.match_type - 1;
+      bool never = std::count(deciders.begin(), deciders.end(), is.sequence) == 0;
+      bool expected = never && !all[type];
+      EXPECT_EQ(is_told(is.sequence, ProofFinding::Subject::kSequence, "never decides"), expected);
+      told[0] += expected;
+      any[type] = true;
+      all[type] = all[type] || is.match_flags == 0;
+      if (!never) decides.push_back(is.sequence);
+      if (never) pol_entry_find_and_delete(g_pol_ctx_p, block, is.sequence, &changed);
+    }
+    forget_policy("a");
+    std::vector<uint32_t> kept = decides;
+    for (size_t i = decides.size(); i-- > 0;) {
+      std::vector<uint32_t> without = kept;
+      std::erase(without, decides[i]);
+      t_pol_block* less = make_small_policy("a", round, 0);
+      for (uint32_t n = 10; n <= 50; n += 10) {
+        if (std::count(without.begin(), without.end(), n) > 0) continue;
+        pol_entry_find_and_delete(g_pol_ctx_p, less, n, &changed);
+      }
+      pol_user_chg_list_notify_all(g_pol_ctx_p);
+      bool goes = answers_of("a") == answers;
+      EXPECT_EQ(is_told(decides[i], ProofFinding::Subject::kSequence, "it could go"), goes);
+      told[1] += goes;
+      if (goes) kept = without;
+      forget_policy("a");
+    }
+    bool reached = (any[0] && to_default[0]) || (any[1] && to_default[1]);
+    bool default_told = is_told(0, ProofFinding::Subject::kDefault, "");
+    EXPECT_FALSE(default_told && reached);
+    EXPECT_TRUE(default_told != reached || kept.size() < decides.size());
+    told[2] += default_told;
+  }
+  for (uint32_t each : told) EXPECT_GT(each, 8 / kSlower);
+}
+
+TEST_F(ProofTest, PoliciesThatAreToldEqualAnswerEveryRouteAlikeAndNoOthersDo) {
+  fill_small_lists();
+  size_t told = 0;
+  for (uint32_t round = 0; round < 16 / kSlower; ++round) {
+    SCOPED_TRACE(round);
+    std::map<std::vector<uint32_t>, size_t> distinct;
+    std::vector<std::string> names;
+    for (uint32_t i = 0; i < 40; ++i) {
+      names.push_back(std::string(1, static_cast<char>('A' + i)));
+      make_small_policy(names.back().c_str(), round * 100 + i / 4, i % 4);
+    }
+    pol_user_chg_list_notify_all(g_pol_ctx_p);
+    for (const std::string& name : names) ++distinct[answers_of(name.c_str())];
+    Model model;
+    model.read();
+    std::vector<ProofFinding> found;
+    std::vector<std::string> unknown;
+    equal_policies(model, {}, {POL_DIR_IN, POL_DIR_OUT}, {}, &found, &unknown);
+    EXPECT_EQ(found.size(), names.size() - distinct.size());
+    told += found.size();
+    for (const ProofFinding& each : found) {
+      std::string other(1, each.what[each.what.find('"') + 1]);
+      EXPECT_EQ(answers_of(each.name.c_str()), answers_of(other.c_str()));
+    }
+    for (const std::string& name : names) forget_policy(name.c_str());
+  }
+  EXPECT_GT(told, 20 / kSlower);
+}
+
+t_ipprefix short_prefix(uint32_t bits, uint8_t length, bool six) {
+  t_ipprefix prefix = {};
+  prefix.addr.family = six ? KEL_AF_INET6 : KEL_AF_INET;
+  prefix.len = length;
+  if (six) {
+    prefix.addr.addr.v6[0] = static_cast<uint8_t>(bits);
+  } else {
+    prefix.addr.addr.v4 = bits << 24;
+  }
+  return prefix;
+}
+
+// What the list "A", with these elements alone, takes of all prefixes that its elements can tell apart.
+std::vector<bool> taken(t_pol_user* user, const ListModel& list, const std::vector<size_t>& which) {
+  pol_pfx_list_cfg_del(g_pol_ctx_p, "A");
+  for (size_t i : which) pol_pfx_list_entry_add(g_pol_ctx_p, "A", &list.elements[i].prefix);
+  pol_user_chg_list_notify_all(g_pol_ctx_p);
+  std::vector<bool> takes;
+  auto ask = [&](const t_ipprefix& prefix) {
+    Route route;
+    route.query.match_type = POL_MATCH_ROUTE;
+    route.query.prefix = prefix;
+    takes.push_back(pol_execute(user, &route.query) == POL_ACCEPT);
+  };
+  ask({});
+  for (uint8_t length = 0; length <= 6; ++length) {
+    for (uint32_t bits = 0; bits < 256; bits += 256u >> length) {
+      ask(short_prefix(bits, length, false));
+      ask(short_prefix(bits, length, true));
+    }
+  }
+  return takes;
+}
+
+TEST_F(ProofTest, ElementsThatAreToldChangeNothingWhereTheyGoAndAllOthersDo) {
+  uint8_t changed = 0;
+  t_pol_block* block = pol_block_find_or_create(g_pol_ctx_p, "p", POL_KIND_ROUTE, &changed);
+  t_pol_entry* entry = pol_entry_find_or_create(g_pol_ctx_p, block, 1, &changed);
+  pol_entry_match_add(g_pol_ctx_p, block, entry, POL_MATCH_ROUTE, &changed);
+  pol_entry_match_pfx_list_add(g_pol_ctx_p, entry, "A", &changed);
+  pol_entry_action_add(g_pol_ctx_p, entry, POL_ACCEPT, &changed);
+  t_pol_user* user = user_of("p", POL_DIR_IN);
+  size_t told = 0;
+  for (uint32_t round = 0; round < 300 / kSlower; ++round) {
+    SCOPED_TRACE(round);
+    g_random.seed(round);
+    pol_pfx_list_cfg_del(g_pol_ctx_p, "A");
+    ListModel ranges = {POL_GRAPH_SITE_LIST, "A", {}};
+    for (uint32_t i = 2 + below(9); i-- > 0;) {
+      t_pol_content_element each = {};
+      each.prefix = {below(10), short_prefix(below(256), static_cast<uint8_t>(below(4)), one_in(3)),
+                     static_cast<uint8_t>(below(6)), static_cast<uint8_t>(below(6))};
+      if (one_in(4)) each.prefix.prefix = {{KEL_AF_INET, {}}, 0};
+      pol_pfx_list_entry_add(g_pol_ctx_p, "A", &each.prefix);
+      each.low = 1 + below(12);
+      each.high = each.low + below(6) - (one_in(9) ? 1 : 0);
+      ranges.elements.push_back(each);
+    }
+    Model model;
+    model.read();
+    const ListModel& list = *model.list("A", POL_GRAPH_PREFIX_LIST);
+    std::vector<size_t> kept;
+    for (size_t i = 0; i < list.elements.size(); ++i) kept.push_back(i);
+    const std::vector<bool> all = taken(user, list, kept);
+    for (const Covered& each : covered_elements(list)) {
+      std::erase(kept, each.element);
+      std::vector<size_t> both = each.by;
+      const std::vector<bool> by = taken(user, list, each.by);
+      both.push_back(each.element);
+      EXPECT_EQ(taken(user, list, both), by);
+      ++told;
+    }
+    EXPECT_EQ(taken(user, list, kept), all);
+    for (size_t i : kept) {
+      std::vector<bool> nothing(all.size());
+      if (taken(user, list, {i}) == nothing) continue;  // it is told as such
+      std::vector<size_t> without = kept;
+      std::erase(without, i);
+      EXPECT_NE(taken(user, list, without), all) << element_text(list, list.elements[i]);
+    }
+
+    std::vector<int> holders(32);
+    auto count = [&](size_t i, int by) {
+      const t_pol_content_element& range = ranges.elements[i];
+      for (uint64_t site = range.low; site <= range.high && site < holders.size(); ++site) {
+        holders[site] += by;
+      }
+    };
+    for (size_t i = 0; i < ranges.elements.size(); ++i) count(i, 1);
+    const std::vector<int> before = holders;
+    std::vector<Covered> covered = covered_elements(ranges);
+    for (const Covered& each : covered) count(each.element, -1);
+    for (size_t site = 0; site < holders.size(); ++site) {
+      EXPECT_EQ(holders[site] > 0, before[site] > 0);
+    }
+    for (size_t i = 0; i < ranges.elements.size(); ++i) {
+      bool gone = std::any_of(covered.begin(), covered.end(),
+                              [&](const Covered& each) { return each.element == i; });
+      const t_pol_content_element& range = ranges.elements[i];
+      bool alone = range.low > range.high;  // which is told as such
+      for (uint64_t site = range.low; site <= range.high; ++site) {
+        alone = alone || holders[site] == 1;
+      }
+      EXPECT_TRUE(gone || alone);
+    }
+  }
+  pol_unregister(&user);
+  EXPECT_GT(told, 100 / kSlower);
 }
 
 }  // namespace

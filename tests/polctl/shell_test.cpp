@@ -131,7 +131,11 @@ TEST(ShellTest, TabCompletesAndAQuestionTellsWhatTheSchemaAndTheCandidateKnow) {
        "[policy control-policy p]"},
       {"set sequence 10 match route tag 5x\n", "\"5x\" is not a number"},
       {"show --format set\n", "sequence 10 match route site-list far"},
-      {"quit\n", "discarded"},
+      {"\x15"
+       "eval --policy \t",
+       "p "},
+      {"--direction ?", "out"},
+      {"\x15quit\n", "discarded"},
   };
   for (const auto& [keys, shown] : kSteps) {
     std::string text = terminal.type(keys, shown);

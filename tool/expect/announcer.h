@@ -1,35 +1,37 @@
 /* SPDX-License-Identifier: Apache-2.0
  *
- * announcer.h - what a commit changes for routes, told by a host before it answers by the new policy.
+ * announcer.h - what a commit changes for routes, told by a host before it takes the commit.
+ *
+ * The library holds one configuration: so the process is copied, the copy takes the commit and compares
+ * what it held with what it holds then. Nothing that it does reaches the host.
  */
 #ifndef TOOL_EXPECT_ANNOUNCER_H
 #define TOOL_EXPECT_ANNOUNCER_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
-
-#include "tool/proof/policy_model.h"
 
 namespace polctl {
 
 class Announcer {
  public:
-  /* `directions` are those in which policies are applied, inbound where none is given; they outlive this.
-   * Reads the process's context. */
-  explicit Announcer(const std::map<std::string, uint32_t>& directions);
+  /* `directions` are those in which policies are applied, inbound where none is given; they outlive this. */
+  explicit Announcer(const std::map<std::string, uint32_t>& directions) : directions_(directions) {}
 
-  /* After a batch was walked: every kind of route that is answered otherwise than before it, in lines.
-   * Takes kSeconds a policy at most, then says that the answer is not known. */
-  std::vector<std::string> changes();
+  /* Every kind of route that is answered otherwise once `take`, which the copy alone calls, has had the
+   * library take the commit; in lines. Takes kSeconds a policy at most and as long for the commit, then
+   * says that the answer is not known. */
+  std::vector<std::string> changes(const std::function<void()>& take) const;
 
   static constexpr int kSeconds = 5;
 
  private:
+  std::string told_by_copy(const std::function<void()>& take, int pipe) const;
+
   const std::map<std::string, uint32_t>& directions_;
-  std::unique_ptr<Model> last_;
 };
 
 }  // namespace polctl

@@ -13,8 +13,6 @@ namespace polctl {
 
 namespace {
 
-constexpr uint32_t kTypes[] = {POL_MATCH_ROUTE, POL_MATCH_TLOC, POL_MATCH_SERVICE};
-
 bool concerns(const Never& never, const SequenceModel& sequence) {
   if (!never.sequence.looked_at) return true;
   if (!never.sequence.value) return sequence.is_default();
@@ -45,7 +43,7 @@ std::optional<CounterExample> NeverProver::disprove(const TestCase& test,
     for (size_t i = 0; i < policy.size(); ++i) {
       const SequenceModel& sequence = policy.sequence(i);
       if (!concerns(never, sequence)) continue;
-      for (uint32_t type : kTypes) {
+      for (uint32_t type : kRouteTypes) {
         Outcome outcome = outcome_of(sequence, type, test.direction);
         bool certain = !never.action || !outcome.if_resolved;
         if (certain && never.action && *never.action != outcome.action) continue;

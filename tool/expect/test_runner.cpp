@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "host/address_text.h"
+#include "host/input_error.h"
 #include "host/policy_source.h"
 #include "host/tloc_resolver.h"
 #include "policy/pol_user.h"
@@ -71,6 +73,13 @@ void TestRunner::explain(t_pol_user* user, Verdict* verdict, TestResult* result)
 
 void TestRunner::prove(const TestCase& test, const TestFile& file, t_pol_user* user,
                        TestResult* result) {
+  const std::optional<uint32_t>& named = test.never->sequence.value;
+  std::vector<uint32_t> there = policy_sequences(test.policy, test.kind);
+  if (named && std::find(there.begin(), there.end(), *named) == there.end()) {
+    throw InputError(
+        fmt::format("{}: error: policy {} has no sequence {} (expected one that it has)",
+                    file.place("never.sequence"), in_quotes(test.policy), *named));
+  }
   if (!prover_) prover_.emplace(bounds_);
   std::string text = "never " + never_text(*test.never);
   result->title = !test.name.empty() ? test.name : test.policy + ", " + text;

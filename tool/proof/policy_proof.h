@@ -88,6 +88,10 @@ class Verifier {
   /* Throws InternalError unless the library decides the route by that sequence and to that outcome. */
   void require(const ShownRoute& route, const SequenceModel& decider) const;
 
+  /* What becomes of each of these routes, a line each, if every TLOC resolves: equal policies have equal
+   * texts. */
+  std::string answers(const std::string& lines) const;
+
  private:
   struct Users;
   std::string policy_;

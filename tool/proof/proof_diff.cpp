@@ -59,11 +59,6 @@ std::string one_sided(const char* only, const PolicyModel& policy) {
                      policy.name, only);
 }
 
-// Where the old policies come from; again, when they are asked for again.
-PolicyOptions old_source(const DiffOptions& options) {
-  return options.source.agent ? options.source : source_of(options.old_file, options.force);
-}
-
 }  // namespace
 
 ProofDiff compare(const Model& before, const Model& after, const std::string& policy,
@@ -150,10 +145,11 @@ void write_json(const ProofDiff& diff, Output* out) {
 
 int run_proof_diff(const DiffOptions& options, Output* out) {
   const Bounds bounds = read_bounds(options.limits);
+  const PolicyOptions old = old_source(options);  // again, when it is asked for again
   Model before;
   Model after;
   {
-    PolicySource source = load_policy(old_source(options));
+    PolicySource source = load_policy(old);
     before.read();
   }
   ProofDiff diff;
@@ -173,7 +169,7 @@ int run_proof_diff(const DiffOptions& options, Output* out) {
     verify_after(diff);
   }
   if (!diff.differences.empty()) {
-    PolicySource source = load_policy(old_source(options));
+    PolicySource source = load_policy(old);
     verify_before(diff);
   }
   if (options.json) {

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <unordered_set>
 #include <utility>
@@ -173,6 +174,42 @@ std::vector<int8_t> RouteSet::lowest(size_t bits) const {
     node = low != 0 ? low : bdd_high(node);
   }
   return route;
+}
+
+RouteSet RouteMap::cube(uint32_t number) const {
+  return RouteSet::with(field_, {{number, number}});
+}
+
+void RouteMap::put(const RouteSet& routes, uint32_t number) {
+  map_ = RouteSet(bdd_ite(routes.node_, cube(number).node_, map_.node_));
+}
+
+// Both diagrams at once: below the last bit of a route the map has the bits of its number.
+void RouteMap::numbers_of(const RouteSet& routes, const std::function<bool(uint32_t)>& take) const {
+  std::unordered_set<uint64_t> seen;
+  std::vector<std::pair<int, int>> open = {{routes.node_, map_.node_}};
+  auto level = [](int node) { return node > 1 ? bdd_var(node) : INT_MAX; };
+  while (!open.empty()) {
+    auto [set, map] = open.back();
+    open.pop_back();
+    if (set == 0 || !seen.insert(uint64_t(uint32_t(set)) << 32 | uint32_t(map)).second) continue;
+    look_at_clock();
+    const int bit = std::min(level(set), level(map));
+    if (bit < static_cast<int>(field_.first)) {
+      const bool asks = level(set) == bit;
+      const bool tells = level(map) == bit;
+      open.emplace_back(asks ? bdd_high(set) : set, tells ? bdd_high(map) : map);
+      open.emplace_back(asks ? bdd_low(set) : set, tells ? bdd_low(map) : map);
+      continue;
+    }
+    uint32_t number = 0;
+    for (unsigned i = 0; i < field_.count; ++i) {
+      const bool one = bdd_low(map) == 0;
+      number = number << 1 | static_cast<uint32_t>(one);
+      map = one ? bdd_high(map) : bdd_low(map);
+    }
+    if (!take(number)) return;
+  }
 }
 
 size_t RouteSet::nodes() const { return static_cast<size_t>(bdd_nodecount(node_)); }

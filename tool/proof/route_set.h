@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -75,10 +76,31 @@ class RouteSet {
 
  private:
   friend class BddTable;
+  friend class RouteMap;
   explicit RouteSet(int node); /* takes a result of the package */
   RouteSet apply(const RouteSet& other, int operation) const;
 
   int node_ = 0;
+};
+
+/* A number for each route, in nodes that maps and sets share. */
+class RouteMap {
+ public:
+  /* Of every route the same. REQUIRES: the field lies behind all bits of routes, and has at least one. */
+  RouteMap(BitField field, uint32_t number) : field_(field), map_(cube(number)) {}
+
+  /* The routes of the set have this number from now on. Throws NotKnown. */
+  void put(const RouteSet& routes, uint32_t number);
+
+  /* The numbers of the set's routes, some of them more than once, until `take` returns false. Throws
+   * NotKnown. */
+  void numbers_of(const RouteSet& routes, const std::function<bool(uint32_t)>& take) const;
+
+ private:
+  RouteSet cube(uint32_t number) const;
+
+  BitField field_;
+  RouteSet map_;
 };
 
 class BddTable {

@@ -168,7 +168,7 @@ size_t RouteSpace::add(Atom atom) {
   return found->second;
 }
 
-void RouteSpace::cut() {
+void RouteSpace::cut(size_t numbers) {
   std::vector<Slot*> order;
   for (Slot& slot : slots_) {
     std::vector<Atom> asked;
@@ -191,7 +191,8 @@ void RouteSpace::cut() {
       sets_[slots_[i].atoms[at]] = {i, at, false, {}};
     }
   }
-  table_ = std::make_unique<BddTable>(bits_, bounds_);
+  if (numbers > 0) numbers_ = {bits_, std::max(bits_for(numbers), 1u)};
+  table_ = std::make_unique<BddTable>(bits_ + numbers_.count, bounds_);
 }
 
 const RouteSet& RouteSpace::atom(size_t id) {

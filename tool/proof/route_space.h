@@ -49,8 +49,9 @@ class RouteSpace {
 
   /* The atom's id: equal ones have one, and so have lists with the same content. REQUIRES: not cut. */
   size_t add(Atom atom);
-  /* Throws NotKnown, as all that follows. */
-  void cut();
+  /* Throws NotKnown, as all that follows. `numbers`: how many a RouteMap of the space is to tell apart. */
+  void cut(size_t numbers = 0);
+  BitField numbers() const { return numbers_; }
 
   const RouteSet& atom(size_t id);
   const RouteSet& type(uint32_t match_type) { return atom(types_[match_type - 1]); }
@@ -85,7 +86,8 @@ class RouteSpace {
   std::map<Atom, size_t> ids_;
   std::multimap<std::pair<uint32_t, size_t>, const ListModel*> lists_; /* by type and size */
   std::vector<Slot> slots_;
-  unsigned bits_ = 0;
+  unsigned bits_ = 0; /* of a route */
+  BitField numbers_;
   std::array<size_t, 3> types_ = {};
   std::unique_ptr<BddTable> table_;
   struct Made {

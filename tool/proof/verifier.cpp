@@ -14,9 +14,17 @@ namespace polctl {
 
 namespace {
 
-void resolve_always(uint16_t, uint32_t, uint8_t, uint8_t, uint64_t, uint16_t,
-                    t_pol_tloc_result* result) noexcept {
-  if (result->count < POL_MAX_TLOC) result->entry[result->count++] = {};
+// What resolves is told apart by what was asked for.
+void resolve_always(uint16_t, uint32_t ipv4, uint8_t color, uint8_t encap, uint64_t vpn,
+                    uint16_t service, t_pol_tloc_result* result) noexcept {
+  if (result->count == POL_MAX_TLOC) return;
+  t_pol_tloc_result_entry& entry = result->entry[result->count++];
+  entry = {};
+  entry.tloc.addr.v4 = ipv4;
+  entry.tloc.color = color;
+  entry.tloc.encap = encap;
+  entry.label = service;
+  entry.preference = static_cast<uint32_t>(vpn);
 }
 
 t_pol_user* user_of(const std::string& policy, uint32_t kind, uint32_t direction,
@@ -83,6 +91,37 @@ void Verifier::require(const ShownRoute& route, const SequenceModel& decider) co
         "polctl: internal error: policy {}: the proof has it that {}, the library that {}, of {}",
         policy_, decision_text(decider.is_default(), decider.is.sequence, expected),
         decision_text(decision.is_default != 0, decision.sequence, action), line));
+  }
+}
+
+std::string Verifier::answers(const std::string& lines) const {
+  MemoryFile file(lines);
+  RouteReader reader(file.path(), "routes");
+  auto query = std::make_unique<t_pol_route_query>();
+  auto attr = std::make_unique<t_pol_route_attr>();
+  auto tlocs = std::make_unique<t_pol_tloc_result>();
+  std::string text;
+  while (true) {
+    pol_pre_execute(query.get(), 3);
+    if (!reader.next(query.get(), attr.get())) return text;
+    tlocs->count = 0;
+    query->tlocs = tlocs.get();
+    const uint32_t action = pol_execute(users_->resolving, query.get());
+    text += std::to_string(action);
+    if (action == POL_ACCEPT) {
+      text += fmt::format(" {} {} {}", query->applied, query->attr_copy.tag,
+                          query->attr_copy.preference);
+      for (uint32_t i = 0; i < query->vpn_count; ++i) {
+        text += fmt::format(" {}-{}", query->vpn_array[i].low, query->vpn_array[i].high);
+      }
+      for (uint32_t i = 0; i < tlocs->count; ++i) {
+        const t_pol_tloc_result_entry& each = tlocs->entry[i];
+        text += fmt::format(" {},{},{},{},{}", each.tloc.addr.v4, each.tloc.color, each.tloc.encap,
+                            each.label, each.preference);
+      }
+    }
+    text += '\n';
+    pol_post_execute(query.get());
   }
 }
 

@@ -122,6 +122,38 @@ std::vector<Candidate> Shell::path_candidates(const SetPath& from, const Words& 
   return beginning_with(last, std::move(found));
 }
 
+std::vector<Candidate> Shell::policy_candidates() const {
+  std::vector<Candidate> found;
+  for (const char* kind :
+       {"control-policy", "membership-policy", "data-policy", "app-route-policy"}) {
+    for (const std::string& each : entries(std::string("/policy/") + kind, kind)) {
+      found.push_back({quoted_word(each), kind});
+    }
+  }
+  return found;
+}
+
+// What another command of the tool takes: behind an option that has a value that, else options and words.
+std::vector<Candidate> Shell::option_candidates(const CommandRow& row,
+                                                const std::string& before) const {
+  std::vector<Candidate> found;
+  for (const OptionRow& option : row.options) {
+    bool valued = option.name == before && !option.value.empty() && option.value[0] != '[';
+    if (!valued) continue;
+    if (option.name == "--policy") return policy_candidates();
+    for (const std::string& word : option.choices) found.push_back({word, ""});
+    if (found.empty()) found.push_back({"<" + option.value + ">", option.help});
+    return found;
+  }
+  for (const OptionRow& option : row.options) {
+    if (option.name.starts_with("--")) found.push_back({option.name, option.help});
+    for (const std::string& word : option.choices) {
+      if (!option.name.starts_with("--")) found.push_back({word, ""});
+    }
+  }
+  return found;
+}
+
 std::vector<Candidate> Shell::candidates(const Words& before, const std::string& last) const {
   std::vector<Candidate> found;
   if (before.empty()) {
@@ -142,13 +174,7 @@ std::vector<Candidate> Shell::candidates(const Words& before, const std::string&
       found = beginning_with(last, std::move(found));
       if (!configuring_) return found;
     } else if (rest[0].text == "policy" && !configuring_ && rest.size() == 1) {
-      for (const char* kind :
-           {"control-policy", "membership-policy", "data-policy", "app-route-policy"}) {
-        for (const std::string& each : entries(std::string("/policy/") + kind, kind)) {
-          found.push_back({quoted_word(each), kind});
-        }
-      }
-      return beginning_with(last, std::move(found));
+      return beginning_with(last, policy_candidates());
     } else if (!configuration && !configuring_) {
       return found;
     }
@@ -157,10 +183,7 @@ std::vector<Candidate> Shell::candidates(const Words& before, const std::string&
     return found;
   }
   if (const CommandRow* row = outside(name)) {
-    for (const OptionRow& option : row->options) {
-      if (option.name.starts_with("--")) found.push_back({option.name, option.help});
-    }
-    return beginning_with(last, std::move(found));
+    return beginning_with(last, option_candidates(*row, rest.empty() ? "" : rest.back().text));
   }
   const Verb* verb = find(name);
   if (verb == nullptr) return found;
@@ -177,7 +200,10 @@ std::vector<Candidate> Shell::candidates(const Words& before, const std::string&
   if (name == "load" && rest.size() == 1) {
     found = {{"<FILE>", "XML, JSON or set-lines"}, {"terminal", "lines up to one with a . alone"}};
   }
-  if (name == "commit" && rest.size() == 1 && rest[0].text == "confirmed") {
+  if (name == "commit" && rest.size() == 1 && rest[0].text == "--announce") {
+    found = {{"comment", ""}, {"confirmed", ""}};
+  }
+  if (name == "commit" && !rest.empty() && rest.back().text == "confirmed") {
     found = {{"<MINUTES>", "after which it is taken back unless it is confirmed"}};
   }
   return beginning_with(last, std::move(found));

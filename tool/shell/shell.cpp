@@ -11,6 +11,7 @@
 #include "host/near_word.h"
 #include "outside.h"
 #include "tool/command_line.h"
+#include "tool/live_client.h"
 
 namespace polctl {
 
@@ -26,27 +27,14 @@ bool among(const char* const (&names)[kSize], const std::string& name) {
                      [&](const char* each) { return name == each; });
 }
 
-// The port of the agent that a running host follows.
-std::string agent_of_host(const std::string& live) {
-  std::string said;
-  int status = run_outside({"show", "status", "--json", "--live=" + live}, false, &said);
-  constexpr std::string_view kPort = "\"port\":";
-  size_t at = said.find(kPort);
-  if (status != 0 || at == std::string::npos) {
-    throw InputError("polctl: error: " + live +
-                     ": no host answers (expected a running \"polctl serve\")");
-  }
-  at += kPort.size();
-  return said.substr(at, said.find_first_not_of("0123456789", at) - at);
-}
-
 }  // namespace
 
 Shell::Shell(const ShellOptions& options, Output* out, MoreLines more_lines)
-    : options_(options), out_(out), more_lines_(std::move(more_lines)), source_(options.source) {
-  source_.live.clear();
+    : options_(options),
+      out_(out),
+      more_lines_(std::move(more_lines)),
+      source_(with_agent_of_host(options.source)) {
   source_.agent = true;
-  if (!options.source.live.empty()) source_.agent_port = agent_of_host(options.source.live);
   PolicyOptions asked = source_;
   session_ = std::make_unique<AgentSession>(running_agent_port(asked.agent_port));
   if (session_->port() != YARROW_PORT) source_.agent_port = std::to_string(session_->port());

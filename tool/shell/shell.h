@@ -99,6 +99,8 @@ class Shell {
   std::vector<std::string> with_source(std::vector<std::string> words) const;
   std::vector<Candidate> path_candidates(const SetPath& from, const Words& words,
                                          const std::string& last) const;
+  std::vector<Candidate> policy_candidates() const;
+  std::vector<Candidate> option_candidates(const CommandRow& row, const std::string& before) const;
   void add_value_candidates(const agent::TreeNode& leaf, std::vector<Candidate>* found) const;
   std::vector<std::string> entries(const std::string& list_path, const std::string& name) const;
 

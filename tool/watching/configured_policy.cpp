@@ -61,7 +61,11 @@ class Taker {
       std::vector<std::string>& parts = matches_ ? sequence_->match : sequence_->set;
       bool begins = depth == 2 || depth == part_depth_ || parts.empty();
       if (depth == 2) part_depth_ = 2;
-      begins ? parts.push_back(line.text) : void(parts.back() += " " + line.text);
+      if (begins) {
+        parts.push_back(line.text);
+      } else {
+        parts.back() += " " + line.text;
+      }
     }
   }
 

@@ -103,7 +103,7 @@ class MisuseTest : public PolicyTest {
   }
 
   template <class List>
-  static List* found(const pol::NamedTree<List>& tree) {
+  static List* found(pol::NamedTree<List>& tree) {
     return pol::named_find(tree, kName);
   }
 

@@ -150,18 +150,22 @@ TEST_F(DocumentTest, NamesOfAnyLengthAreToldApartByTheirLastCharacter) {
                                 in("data-ipv6-prefix-list", stem + "b")));
 }
 
-// Texts that outgrow every buffer, and a footer that does by itself.
+// Texts that outgrow every buffer, lists that outgrow the pieces, and a footer that does by itself.
 TEST_F(DocumentTest, AnyAllocationMayFailAndNothingIsLeftOver) {
-  t_pol_entry* entry = sequence("D", POL_KIND_DATA, "v", 10);
-  name(entry, pol::kFwdSrcPfx, POL_XML_DATA_PREFIX_LIST, "p");
-  const std::string list(9000, 'p');
-  cache(POL_XML_DATA_PREFIX_LIST, "p", list);
+  std::string lists;
+  for (uint32_t i = 0; i < 260; ++i) {
+    const std::string list = "p" + std::to_string(i);
+    name(sequence("D", POL_KIND_DATA, "v", 10 + i), pol::kFwdSrcPfx, POL_XML_DATA_PREFIX_LIST,
+         list);
+    lists += "<" + list + "/>";
+    cache(POL_XML_DATA_PREFIX_LIST, list, "<" + list + "/>");
+  }
   const std::string data(2040, 'd');
   const std::string app(30000, 'a');
   t_pol_user* d = applied("D", POL_KIND_DATA, POL_DIR_IN, POL_XML_DATA_POLICY, data);
   t_pol_user* a = applied("A", POL_KIND_PERF_ROUTE, POL_DIR_IN, POL_XML_APP_ROUTE_POLICY, app);
   const std::string whole = data + "<direction>from-service</direction></data-policy>" + app +
-                            "<lists><vpn-list>v</vpn-list>" + list + "</lists>";
+                            "<lists><vpn-list>v</vpn-list>" + lists + "</lists>";
   pol_debug_set(1);
   taken_log();
   std::set<std::string> logs;
