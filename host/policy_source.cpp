@@ -180,13 +180,15 @@ void throw_absent(const std::vector<std::string>& absent) {
 }
 
 t_pol_user* register_user(const std::string& name, const std::string& policy, uint32_t kind,
-                          uint32_t direction, t_pol_change_cb change, void* arg) {
+                          uint32_t direction, t_pol_change_cb change, void* arg,
+                          t_pol_resolve_cb resolve) {
   t_pol_registration record = {};
   strlcpy(record.user_name, name.c_str(), sizeof record.user_name);
   strlcpy(record.policy_name, policy.c_str(), sizeof record.policy_name);
   record.kind = kind;
   record.direction = direction;
   record.change = change;
+  record.resolve = resolve;
   record.user_arg = reinterpret_cast<uint64_t>(arg);
   t_pol_user* user = pol_register(&record);
   if (user == nullptr) throw InputError("polctl: error: cannot use the policy: no memory");

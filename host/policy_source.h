@@ -77,9 +77,10 @@ class PolicySource {
 /* Ends the command: the document would lack these. */
 [[noreturn]] void throw_absent(const std::vector<std::string>& absent);
 
-/* A handle of pol_register for the user's own callback, which may be null. Throws InputError. */
+/* A handle of pol_register for the user's own callbacks, which may be null. Throws InputError. */
 t_pol_user* register_user(const std::string& name, const std::string& policy, uint32_t kind,
-                          uint32_t direction, t_pol_change_cb change, void* arg);
+                          uint32_t direction, t_pol_change_cb change, void* arg,
+                          t_pol_resolve_cb resolve = nullptr);
 
 /* The names of the policies of one kind (enum pol_kind), in the library's order. */
 std::vector<std::string> policy_names(uint32_t kind);

@@ -281,7 +281,7 @@ PolicyOptions source_of(const std::string& file, bool force) {
   PolicyOptions options;
   options.force = force;
   SourceFile source(file, "a policy file or configuration");
-  if (source.kind() == SourceKind::kConfiguration) {
+  if (source.is_configuration()) {
     options.config = {file};
   } else {
     options.policy_file = file;

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "host/input_error.h"
+#include "host/policy_source.h"
 #include "host/tloc_resolver.h"
-#include "kel/string.h"
 #include "ordered_work.h"
 #include "policy/pol_user.h"
 #include "route_reader.h"
@@ -139,14 +139,7 @@ class Evaluation::Job : public OrderedWork::Job {
 
 Evaluation::Evaluation(const std::string& policy, uint32_t kind, uint32_t direction)
     : kind_(kind), direction_(direction != POL_DIR_NONE ? direction : uint32_t{POL_DIR_IN}) {
-  t_pol_registration record = {};
-  strlcpy(record.user_name, "polctl", sizeof record.user_name);
-  strlcpy(record.policy_name, policy.c_str(), sizeof record.policy_name);
-  record.kind = kind;
-  record.direction = direction_;
-  record.resolve = resolve_tloc;
-  user_ = pol_register(&record);
-  if (user_ == nullptr) throw InputError("polctl: error: cannot use the policy: no memory");
+  user_ = register_user("polctl", policy, kind, direction_, nullptr, nullptr, resolve_tloc);
 }
 
 Evaluation::~Evaluation() { pol_unregister(&user_); }

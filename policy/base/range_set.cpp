@@ -15,6 +15,9 @@ constexpr unsigned kWalked = 4;        // so many ranges have no pages
 constexpr unsigned kThin = kRoom / 4;  // so few items, and a page is merged with one beside it
 constexpr unsigned kMerged = kRoom / 4 * 3;  // where they make no more than this
 
+constexpr size_t kItemBytes = sizeof(uint64_t);  // in each array of a page
+static_assert(sizeof(void*) == kItemBytes);
+
 struct RangeKey {
   uint64_t low;
   uint64_t high;
@@ -60,7 +63,7 @@ uint64_t page_end(const RangePage* page, unsigned height) {
 void move_items(RangePage* to, unsigned to_at, RangePage* from, unsigned at, unsigned count,
                 unsigned height) {
   const auto move = [=](auto* target, const auto* source) {
-    memmove(target + to_at, source + at, count * sizeof *target);
+    memmove(target + to_at, source + at, count * kItemBytes);
   };
   move(to->low, from->low);
   move(to->high, from->high);

@@ -134,8 +134,8 @@ uint32_t append_text(int32_t type, const char* name, Append append) {
 
 bool pieces_grow(pol::XmlPieces* pieces) {
   const size_t room = pieces->room * 2;
-  auto* grown = static_cast<const t_pol_xml_config**>(
-      pol_realloc(pieces->items, room * sizeof *pieces->items));
+  auto* grown =
+      static_cast<const t_pol_xml_config**>(pol_realloc(pieces->items, room * sizeof(void*)));
   if (grown == nullptr) return false;
   pieces->items = grown;
   pieces->room = room;
@@ -259,8 +259,8 @@ uint32_t pol::xml_config_append(int32_t type, const char* name, XmlText* text) {
 uint32_t pol::xml_pieces_init(XmlPieces* pieces) {
   constexpr size_t kInitialRoom = 256;
   *pieces = {};
-  pieces->items = static_cast<const t_pol_xml_config**>(
-      pol_malloc(kInitialRoom * sizeof *pieces->items, MEM_PEER_XML));
+  pieces->items =
+      static_cast<const t_pol_xml_config**>(pol_malloc(kInitialRoom * sizeof(void*), MEM_PEER_XML));
   if (pieces->items == nullptr) return POL_ENOMEM;
   pieces->room = kInitialRoom;
   return POL_OK;

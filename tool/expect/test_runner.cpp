@@ -9,7 +9,6 @@
 #include "host/input_error.h"
 #include "host/policy_source.h"
 #include "host/tloc_resolver.h"
-#include "kel/string.h"
 #include "policy/pol_user.h"
 #include "tool/evaluation.h"
 
@@ -54,16 +53,9 @@ TestRunner::~TestRunner() {
 t_pol_user* TestRunner::user_of(const std::string& policy, uint32_t kind, uint32_t direction) {
   t_pol_user*& user = users_[{policy, kind, direction}];
   if (user != nullptr) return user;
-  t_pol_registration record = {};
   // One user of a name has one policy.
-  std::string name = fmt::format("polctl test {}", users_.size());
-  strlcpy(record.user_name, name.c_str(), sizeof record.user_name);
-  strlcpy(record.policy_name, policy.c_str(), sizeof record.policy_name);
-  record.kind = kind;
-  record.direction = direction;
-  record.resolve = resolve_tloc;
-  user = pol_register(&record);
-  if (user == nullptr) throw InputError("polctl: error: cannot use the policy: no memory");
+  const std::string name = fmt::format("polctl test {}", users_.size());
+  user = register_user(name, policy, kind, direction, nullptr, nullptr, resolve_tloc);
   return user;
 }
 

@@ -32,6 +32,7 @@ class EqualPolicies {
       alike[{policy.kind, answers(policy, routes)}].push_back(&policy);
     }
     std::vector<Group> open;
+    open.reserve(alike.size());
     for (auto& [answer, group] : alike) open.push_back(std::move(group));
     while (!open.empty()) {
       Group group = std::move(open.back());

@@ -3,9 +3,8 @@
 // Every route that is shown goes to the library first, in the words in which it is shown.
 #include <fmt/format.h>
 
-#include "host/input_error.h"
+#include "host/policy_source.h"
 #include "host/source_file.h"
-#include "kel/string.h"
 #include "policy/pol_exec.h"
 #include "policy/pol_user.h"
 #include "policy_proof.h"
@@ -31,16 +30,8 @@ void resolve_always(uint16_t, uint32_t ipv4, uint8_t color, uint8_t encap, uint6
 t_pol_user* user_of(const std::string& policy, uint32_t kind, uint32_t direction,
                     t_pol_resolve_cb resolve) {
   static uint64_t users = 0;  // their names tell them apart
-  t_pol_registration record = {};
-  strlcpy(record.user_name, fmt::format("polctl-proof-{}", ++users).c_str(),
-          sizeof record.user_name);
-  strlcpy(record.policy_name, policy.c_str(), sizeof record.policy_name);
-  record.kind = kind;
-  record.direction = direction;
-  record.resolve = resolve;
-  t_pol_user* user = pol_register(&record);
-  if (user == nullptr) throw InputError("polctl: error: cannot use the policy: no memory");
-  return user;
+  return register_user(fmt::format("polctl-proof-{}", ++users), policy, kind, direction, nullptr,
+                       nullptr, resolve);
 }
 
 std::string decision_text(bool is_default, uint32_t sequence, uint32_t action) {
