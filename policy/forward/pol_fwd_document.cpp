@@ -1,8 +1,9 @@
-// SPDX-License-Identifier: Apache-2.0 The forwarding manager's document. Policies' texts grow
-// first; the objects that they name, whose texts are most of it and follow all policies, are
-// gathered meanwhile and copied once, into the whole. An object whose text is in the document is
-// marked: whether a sequence names something new is then to be seen at the object, without a
-// look-up, and however long names are, no two objects are taken for one.
+// SPDX-License-Identifier: Apache-2.0
+// The forwarding manager's document. Policies' texts grow first; the objects that they name, whose
+// texts are most of it and follow all policies, are gathered meanwhile and copied once, into the
+// whole. An object whose text is in the document is marked: whether a sequence names something new
+// is then to be seen at the object, without a look-up, and however long names are, no two objects
+// are taken for one.
 #include "policy/pol_fwd_document.h"
 
 #include <cstring>
