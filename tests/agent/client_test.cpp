@@ -8,7 +8,10 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <functional>
 #include <map>
+#include <new>
 #include <sstream>
 #include <thread>
 
@@ -17,8 +20,36 @@
 #include "support.h"
 #include "support/golden.h"
 
+namespace {
+
+thread_local long t_allocations_left = -1;  // -1: as many as there are
+
+}  // namespace
+
+void* operator new(size_t size) {
+  if (t_allocations_left == 0) throw std::bad_alloc();
+  if (t_allocations_left > 0) --t_allocations_left;
+  if (void* memory = malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return t_allocations_left == 0 ? nullptr : malloc(size);
+}
+void operator delete(void* memory) noexcept { free(memory); }
+void operator delete(void* memory, size_t /*size*/) noexcept { free(memory); }
+
 namespace test {
 namespace {
+
+// Runs the body with no more than so many allocations by `new` in this thread; false when it used
+// them up, and perhaps wanted more.
+bool with_allocations(long count, const std::function<void()>& body) {
+  t_allocations_left = count;
+  body();
+  const bool enough = t_allocations_left != 0;
+  t_allocations_left = -1;
+  return enough;
+}
 
 class ClientTest : public ::testing::Test {
  protected:

@@ -11,34 +11,10 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <new>
 
 #include "support/paths.h"
 
-namespace {
-
-thread_local long t_allocations_left = -1;  // -1: as many as there are
-
-}  // namespace
-
-void* operator new(size_t size) {
-  if (t_allocations_left == 0) throw std::bad_alloc();
-  if (t_allocations_left > 0) --t_allocations_left;
-  if (void* memory = malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept { free(memory); }
-void operator delete(void* memory, size_t /*size*/) noexcept { free(memory); }
-
 namespace test {
-
-bool with_allocations(long count, const std::function<void()>& body) {
-  t_allocations_left = count;
-  body();
-  const bool enough = t_allocations_left != 0;
-  t_allocations_left = -1;
-  return enough;
-}
 
 namespace {
 

@@ -9,7 +9,6 @@
 #include <sys/types.h>
 
 #include <csignal>
-#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -36,10 +35,6 @@ class TempDirectory {
  private:
   std::string path_;
 };
-
-// Runs the body with no more than so many allocations by `new` in this thread; false when it used
-// them up, and perhaps wanted more.
-bool with_allocations(long count, const std::function<void()>& body);
 
 extern int64_t g_clock_ahead;  // milliseconds that an agent of this process's clock goes ahead
 
