@@ -121,9 +121,13 @@ Figures measure(int sequences) {
   Figures figures = {};
   {
     Editor editor(agent.port());
+    auto take_batch = [&] {
+      if (feed.next(kWaitMs, &walk) < 0) throw polctl::InputError("no batch");
+    };
+    take_batch();  // of what is there at first: nothing
     editor.load(configuration(sequences));
     editor.commit();
-    if (feed.next(kWaitMs, &walk) < 0) throw polctl::InputError("no batch");
+    take_batch();
     polctl::AppliedPolicies applied;
     applied.from_service = "P";
     polctl::ForwardingManager manager(applied, walk.configured());
@@ -134,9 +138,7 @@ Figures measure(int sequences) {
       const uint64_t calls = manager.calls();
       const Clock::time_point begin = Clock::now();
       editor.commit();
-      while (manager.calls() == calls) {
-        if (feed.next(kWaitMs, &walk) < 0) throw polctl::InputError("no batch");
-      }
+      while (manager.calls() == calls) take_batch();
       const Clock::time_point called = Clock::now();
       fetch_changed();
       const Clock::time_point there = Clock::now();
