@@ -22,9 +22,9 @@ namespace polctl {
 
 namespace {
 
-[[noreturn]] void fail(const char* what) {
+[[noreturn]] void fail(const char* what, const std::string& problem = agent_problem()) {
   throw InputError(
-      fmt::format("polctl: error: {}: {} (expected an agent that answers)", what, agent_problem()));
+      fmt::format("polctl: error: {}: {} (expected an agent that answers)", what, problem));
 }
 
 // Calls take(line) for each line of what the agent said.
@@ -328,21 +328,17 @@ bool ConfigSession::look_back(int64_t back) {
 }
 
 std::string ConfigSession::save(const std::string& path) {
-  int trans = maapi_start_trans_flags2(sock_, datastore_, MAAPI_READ, 0, 0, nullptr, nullptr);
-  if (trans < 0) fail("no transaction");
-  int id = maapi_save_config(sock_, trans, YARROW_CONFIG_XML, "%s", path.c_str());
-  bool nothing = id < 0 && yarrow_errno == YARROW_ERR_NOEXISTS;
-  std::string text;
-  if (id >= 0) text = read_stream(id);
-  if (id < 0 && !nothing) fail("no configuration");
-  maapi_finish_trans(sock_, trans);
+  std::string problem;
+  std::string text = saved_xml(sock_, port_, datastore_, path, &problem);
+  if (!problem.empty()) fail("no configuration", problem);
   return text;
 }
 
-std::string ConfigSession::read_stream(int id) const {
+namespace {
+
+bool read_stream(int sock, uint16_t port, int id, std::string* text) {
   int stream = agent_socket();
-  sockaddr_in address = agent_address(port_);
-  std::string text;
+  sockaddr_in address = agent_address(port);
   char block[65536];
   ssize_t got = yarrow_stream_connect(stream, reinterpret_cast<const sockaddr*>(&address),
                                       sizeof address, id, 0) == YARROW_OK
@@ -353,10 +349,23 @@ std::string ConfigSession::read_stream(int id) const {
     if (got < 0 && errno == EINTR)
       got = 1;
     else if (got > 0)
-      text.append(block, static_cast<size_t>(got));
+      text->append(block, static_cast<size_t>(got));
   }
   close(stream);
-  if (got < 0 || maapi_save_config_result(sock_, id) != YARROW_OK) fail("no configuration");
+  return got == 0 && maapi_save_config_result(sock, id) == YARROW_OK;
+}
+
+}  // namespace
+
+std::string saved_xml(int sock, uint16_t port, int datastore, const std::string& path,
+                      std::string* problem) {
+  std::string text;
+  int trans = maapi_start_trans_flags2(sock, datastore, MAAPI_READ, 0, 0, nullptr, nullptr);
+  int id =
+      trans < 0 ? trans : maapi_save_config(sock, trans, YARROW_CONFIG_XML, "%s", path.c_str());
+  const bool nothing = trans >= 0 && id < 0 && yarrow_errno == YARROW_ERR_NOEXISTS;
+  if (!nothing && (id < 0 || !read_stream(sock, port, id, &text))) *problem = agent_problem();
+  if (trans >= 0) maapi_finish_trans(sock, trans);
   return text;
 }
 

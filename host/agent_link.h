@@ -92,6 +92,11 @@ struct CommitMaker {
   std::string comment;
 };
 
+/* A datastore's content below a path as XML, over a session's socket at the agent of that port; "" for
+ * none. Where it cannot be had `problem` says why. */
+std::string saved_xml(int sock, uint16_t port, int datastore, const std::string& path,
+                      std::string* problem);
+
 /* A session that edits the candidate. */
 class ConfigSession {
  public:
@@ -126,8 +131,6 @@ class ConfigSession {
   std::string save(const std::string& path);
 
  private:
-  std::string read_stream(int id) const;
-
   int sock_;
   uint16_t port_;
   int datastore_; /* that `save` reads */

@@ -61,6 +61,17 @@ namespace pol {
 
 using TlocQueue = TailQueue<t_tloc_entry, &t_tloc_entry::link>;
 
+// Adds a range at the place found for it. False when memory runs out; then nothing changed.
+template <class List>
+bool range_add(List* list, uint32_t low, uint32_t high, const RangePlace& place) {
+  auto* entry = list->records.make();
+  if (entry == nullptr) return false;
+  entry->range.low = low;
+  entry->range.high = high;
+  list->entries.add(&entry->range, place);
+  return true;
+}
+
 // A TLOC as entries have it: padding and the part of the address that its family has no use for are
 // zero.
 inline t_tloc_id tloc_stored(const t_tloc_id& tloc) {

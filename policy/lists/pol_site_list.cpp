@@ -41,16 +41,6 @@ t_site_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) 
                                    created);
 }
 
-// A range at the place found for it. False when memory runs out; then nothing changed.
-bool entry_add(t_site_list* list, uint32_t low, uint32_t high, const pol::RangePlace& place) {
-  auto* entry = list->records.make();
-  if (entry == nullptr) return false;
-  entry->range.low = low;
-  entry->range.high = high;
-  list->entries.add(&entry->range, place);
-  return true;
-}
-
 // The outside user is told first and may do anything to the list, even away with it; so the list is
 // looked up again for the policies.
 void tell_all(t_pol_ctx* ctx, t_site_list* list) {
@@ -84,7 +74,7 @@ uint32_t pol_site_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
   pol::RangePlace place;
   const bool room = list->entries.find_place(low, high, &place);
   if (place.there != nullptr) return POL_OK;
-  if (!room || !entry_add(list, low, high, place)) {
+  if (!room || !pol::range_add(list, low, high, place)) {
     if (created != 0) {
       if (!unused(*list)) pol::crash("a site list that was not made after all is in use");
       pol::named_remove(ctx->site_lists, list, pol::MEM_SITE_LIST);

@@ -67,16 +67,6 @@ t_vpn_list* user_add(t_pol_ctx* ctx, const char* name, pol::UserQueue t_vpn_list
   return list;
 }
 
-// A range at the place found for it. False when memory runs out; then nothing changed.
-bool entry_add(t_vpn_list* list, uint32_t low, uint32_t high, const pol::RangePlace& place) {
-  auto* entry = list->records.make();
-  if (entry == nullptr) return false;
-  entry->range.low = low;
-  entry->range.high = high;
-  list->entries.add(&entry->range, place);
-  return true;
-}
-
 }  // namespace
 
 uint32_t pol_vpn_list_main_init(t_pol_ctx* ctx) {
@@ -97,7 +87,7 @@ uint32_t pol_vpn_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
   const bool room = list->entries.find_place(low, high, &place);
   if (place.there != nullptr) return POL_OK;
   list->changed = 1;
-  if (!room || !entry_add(list, low, high, place)) {
+  if (!room || !pol::range_add(list, low, high, place)) {
     if (created != 0) node_free(ctx, list, true);
     return POL_ENOMEM;
   }

@@ -3,7 +3,8 @@
  * announcer.h - what a commit changes for routes, told by a host before it takes the commit.
  *
  * The library holds one configuration: so the process is copied, the copy takes the commit and compares
- * what it held with what it holds then. Nothing that it does reaches the host.
+ * what it held with what it holds then. Nothing that it does reaches the host, but that the library's
+ * worker may be woken for nothing.
  */
 #ifndef TOOL_EXPECT_ANNOUNCER_H
 #define TOOL_EXPECT_ANNOUNCER_H

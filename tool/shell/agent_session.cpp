@@ -5,8 +5,6 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include "host/input_error.h"
 
 namespace polctl {
@@ -49,33 +47,9 @@ int AgentSession::begin(int datastore, int mode) const {
 }
 
 std::string AgentSession::xml(int datastore, const std::string& path) const {
-  int trans = begin(datastore, MAAPI_READ);
-  int id = maapi_save_config(sock_, trans, YARROW_CONFIG_XML, "%s", path.c_str());
-  bool nothing = id < 0 && yarrow_errno == YARROW_ERR_NOEXISTS;
-  if (id < 0 && !nothing) {
-    std::string problem = agent_problem();
-    maapi_finish_trans(sock_, trans);
-    throw InputError("no configuration: " + problem);
-  }
-  std::string text = nothing ? "" : read_stream(id);
-  maapi_finish_trans(sock_, trans);
-  return text;
-}
-
-std::string AgentSession::read_stream(int id) const {
-  int stream = agent_socket();
-  sockaddr_in address = agent_address(port_);
-  std::string text;
-  char block[65536];
-  bool good = yarrow_stream_connect(stream, reinterpret_cast<const sockaddr*>(&address),
-                                    sizeof address, id, 0) == YARROW_OK;
-  for (ssize_t got = good ? 1 : 0; got != 0;) {
-    got = recv(stream, block, sizeof block, 0);
-    if (got > 0) text.append(block, static_cast<size_t>(got));
-    if (got < 0 && errno != EINTR) break;
-  }
-  close(stream);
-  require(good ? maapi_save_config_result(sock_, id) : -1, "no configuration");
+  std::string problem;
+  std::string text = saved_xml(sock_, port_, datastore, path, &problem);
+  if (!problem.empty()) throw InputError("no configuration: " + problem);
   return text;
 }
 

@@ -66,7 +66,6 @@ class AgentSession {
  private:
   int begin(int datastore, int mode) const;
   std::vector<ConfigFault> apply(int trans, int status) const;
-  std::string read_stream(int id) const;
 
   int sock_;
   uint16_t port_;
