@@ -17,6 +17,7 @@ struct t_pol_match {
   uint32_t tag;
   uint32_t preference;
   uint32_t domain;
+  t_pol_clause_user pfx_list;  // of those of several words what evaluation reads most
   uint32_t group;
   uint32_t site;
   uint64_t vpn_id;
@@ -33,7 +34,6 @@ struct t_pol_match {
   t_ipaddr originator;
   t_pol_clause_user site_list;
   t_pol_clause_user tloc_list;
-  t_pol_clause_user pfx_list;
   t_pol_clause_user vpn_list;
   t_pol_clause_user color_list;
 };
@@ -79,13 +79,13 @@ struct t_pol_entry {
   uint32_t sequence;  // first: the tree's key
   uint32_t match_flags;
   pol::TailLink<t_pol_entry> order;
+  uint32_t set_flags;
+  uint32_t action;
   union {
     t_pol_match match;
     t_pol_fwd_clauses fwd;  // in the VPN lists of kinds data and perf route
   };
   t_pol_set set;
-  uint32_t set_flags;
-  uint32_t action;
   avl_node link;
   t_pol_block* block;
 };

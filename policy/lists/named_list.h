@@ -29,11 +29,11 @@ struct UserQueue;
 
 // What a sequence embeds for a clause that names a list.
 struct t_pol_clause_user {
+  pol::NamedHead* list;
+  pol::UserQueue* queue;
   pol::TailLink<t_pol_clause_user> link;
   t_pol_block* block;  // whose users are told
   t_pol_entry* entry;
-  pol::NamedHead* list;
-  pol::UserQueue* queue;
 };
 
 namespace pol {

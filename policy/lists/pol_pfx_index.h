@@ -137,11 +137,12 @@ class PfxIndex {
   t_pfx_entry* find_at(const TrieCell& cell, const t_ipprefix& prefix) const;
   t_pfx_entry* find_other(const t_ipprefix& prefix) const;
 
-  Arena arena_;
+  // What evaluation reads stands first, side by side.
   PrefixTrie<uint64_t> v4_;
   PrefixTrie<Bits128> v6_;
   Counts* any_;      // of elements that take every family
   bool has_others_;  // and so a tree that was made
+  Arena arena_;
   AvlTree<Other> others_;
 };
 
