@@ -7,7 +7,11 @@
 
 namespace pol {
 
+#ifdef __x86_64__
 const bool g_cpu_counts = __builtin_cpu_supports("popcnt") != 0;
+#else
+const bool g_cpu_counts = true;
+#endif
 
 namespace {
 
@@ -28,7 +32,9 @@ constexpr std::array<uint8_t, 129> kClassOf = [] {
 
 constexpr unsigned kMaxSkip = 64 / kTrieStride * kTrieStride;
 
-inline unsigned count_bits(uint64_t v) { return CountByTricks::of(v); }
+inline unsigned count_bits(uint64_t v) {
+  return g_cpu_counts ? CountByInstruction::of(v) : CountByTricks::of(v);
+}
 inline unsigned rank(uint64_t map, uint64_t bit) { return count_bits(map & (bit - 1)); }
 
 // Gives cells back as blocks of as few classes as they make.
@@ -299,13 +305,9 @@ template <class Count, class Bits>
 }
 
 template <class Bits>
-[[gnu::target("popcnt")]] TrieCell* descend_by_instruction(Place<Bits>* place, TriePath* path) {
-  return descend<CountByInstruction>(place, path);
-}
-
-template <class Bits>
 TrieCell* descend_any(Place<Bits>* place, TriePath* path) {
-  return g_cpu_counts ? descend_by_instruction(place, path) : descend<CountByTricks>(place, path);
+  return g_cpu_counts ? descend<CountByInstruction>(place, path)
+                      : descend<CountByTricks>(place, path);
 }
 
 }  // namespace

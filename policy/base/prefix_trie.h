@@ -71,8 +71,7 @@ constexpr std::array<uint64_t, 64> kTriePaths = [] {
   return paths;
 }();
 
-// Bit tricks instead of the builtin: the baseline CPU has no such instruction, the builtin is a
-// call.
+// Bit tricks instead of the builtin, which is a call where the baseline CPU has no such instruction.
 struct CountByTricks {
   static unsigned of(uint64_t v) {
     v -= (v >> 1) & 0x5555555555555555u;
@@ -82,9 +81,17 @@ struct CountByTricks {
   }
 };
 
-// For code compiled for CPUs that have it.
+// For CPUs that have it, in code that is compiled for all.
 struct CountByInstruction {
-  static unsigned of(uint64_t v) { return static_cast<unsigned>(__builtin_popcountll(v)); }
+  static unsigned of(uint64_t v) {
+#ifdef __x86_64__
+    uint64_t count;
+    __asm__("popcnt %1, %0" : "=r"(count) : "r"(v) : "cc");
+    return static_cast<unsigned>(count);
+#else
+    return static_cast<unsigned>(__builtin_popcountll(v));
+#endif
+  }
 };
 
 extern const bool g_cpu_counts;

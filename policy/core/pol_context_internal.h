@@ -11,26 +11,12 @@
 #include "core/pol_block_internal.h"
 #include "core/pol_thread_state.h"
 #include "core/pol_user_internal.h"
-#include "lists/list_directory.h"
 #include "lists/pol_list_internal.h"
 #include "policy/pol_context.h"
 
 enum pol_ctx_flag : uint32_t { POL_CTX_DESTROYING = 0x1, POL_CTX_NOTIFYING = 0x2 };
 
 struct t_pol_xml_config;
-
-namespace pol {
-
-// Which lists hold what, for the indexes of policies of many sequences.
-struct Directories {
-  ListDirectory pfx;
-  ListDirectory tloc;
-  ListDirectory site;
-  ListDirectory vpn;
-  ListDirectory color;
-};
-
-}  // namespace pol
 
 struct t_pol_ctx {
   uint32_t flags;                       // enum pol_ctx_flag
@@ -60,7 +46,6 @@ struct t_pol_ctx {
   uint64_t places;          // counts users that were given a policy
   t_pol_user* notify_next;  // the user that pol_block_user_notify_all goes to next
 
-  pol::Directories directories;
   pol::IndexQueue index_due;
 
   t_pol_service_resolve_cb resolve_service;

@@ -24,21 +24,6 @@ constexpr uint32_t kWeightOfLists = 5;
 constexpr uint32_t kFewAlike = 2;
 constexpr unsigned kFreeShapes = 16;
 
-ListDirectory* directory_of(t_pol_ctx* ctx, uint32_t clause) {
-  switch (clause) {
-    case POL_MATCH_F_VPN_LIST:
-      return &ctx->directories.vpn;
-    case POL_MATCH_F_SITE_LIST:
-      return &ctx->directories.site;
-    case POL_MATCH_F_TLOC_LIST:
-      return &ctx->directories.tloc;
-    case POL_MATCH_F_COLOR_LIST:
-      return &ctx->directories.color;
-    default:
-      return &ctx->directories.pfx;
-  }
-}
-
 NamedHead* list_named(const t_pol_match& match, uint32_t clause) {
   for (const auto& each : kMatchLists) {
     if (each.bit == clause) return (match.*each.user).list;
@@ -94,33 +79,45 @@ bool can_match(const t_pol_entry& entry) {
   return true;
 }
 
-void enter_elements(ListDirectory* directory, const NamedHead* head, uint32_t clause) {
+void enter_elements(const NamedHead& head, uint32_t clause) {
   switch (clause) {
     case POL_MATCH_F_VPN_LIST:
-      for (const RangeNode& node : reinterpret_cast<const t_vpn_list*>(head)->entries.in_order()) {
-        directory_range(directory, *head, node.low, node.high, true);
+      for (const RangeNode& node : reinterpret_cast<const t_vpn_list&>(head).entries.in_order()) {
+        directory_range(head, node.low, node.high, true);
       }
       break;
     case POL_MATCH_F_SITE_LIST:
-      for (const RangeNode& node : reinterpret_cast<const t_site_list*>(head)->entries.in_order()) {
-        directory_range(directory, *head, node.low, node.high, true);
+      for (const RangeNode& node : reinterpret_cast<const t_site_list&>(head).entries.in_order()) {
+        directory_range(head, node.low, node.high, true);
       }
       break;
     case POL_MATCH_F_TLOC_LIST:
-      for (const t_tloc_entry& entry : reinterpret_cast<const t_tloc_list*>(head)->entries) {
-        directory_tloc(directory, *head, entry.tloc, true);
+      for (const t_tloc_entry& entry : reinterpret_cast<const t_tloc_list&>(head).entries) {
+        directory_tloc(head, entry.tloc, true);
       }
       break;
     case POL_MATCH_F_COLOR_LIST:
-      for (const t_color_entry& entry : reinterpret_cast<const t_color_list*>(head)->entries) {
-        directory_color(directory, *head, entry.color, true);
+      for (const t_color_entry& entry : reinterpret_cast<const t_color_list&>(head).entries) {
+        directory_color(head, entry.color, true);
       }
       break;
     default:
-      for (const t_pfx_entry& entry : reinterpret_cast<const t_pfx_list*>(head)->entries) {
-        directory_prefix(directory, *head, entry, true);
+      for (const t_pfx_entry& entry : reinterpret_cast<const t_pfx_list&>(head).entries) {
+        directory_prefix(head, entry, true);
       }
   }
+}
+
+// Makes two directories one; the elements of the smaller move, so each moves seldom.
+void join(ListDirectory* a, ListDirectory* b, uint32_t clause) {
+  ListDirectory* larger = a->elements >= b->elements ? a : b;
+  ListDirectory* smaller = larger == a ? b : a;
+  while (NamedHead* list = smaller->lists.front()) {
+    directory_forget(list);
+    directory_enrol(larger, list);
+    enter_elements(*list, clause);
+  }
+  directory_replace(smaller, larger);
 }
 
 // What a policy's sequences are like before its index is made.
@@ -193,8 +190,8 @@ void each_key(const t_pol_entry& entry, Visit visit) {
 // Enters sequences, the last one first, after all were surveyed.
 class IndexBuilder {
  public:
-  IndexBuilder(t_pol_ctx* ctx, PolicyIndex* index, const Survey& survey, Tally* tally)
-      : ctx_(ctx), index_(index), survey_(survey), tally_(tally) {}
+  IndexBuilder(PolicyIndex* index, const Survey& survey, Tally* tally)
+      : index_(index), survey_(survey), tally_(tally) {}
 
   // What is asked for the sake of one sequence is asked for all.
   void survey(const t_pol_entry& entry) { asked_ |= telling_clause(entry); }
@@ -211,11 +208,13 @@ class IndexBuilder {
     chain(key, place);
   }
 
-  void finish() {
+  // False when memory ran out.
+  [[nodiscard]] bool finish() {
     std::stable_sort(
         index_->shapes, index_->shapes + index_->shape_count,
         [](const IndexShape& a, const IndexShape& b) { return a.several < b.several; });
     for (unsigned i = 0; i < index_->shape_count; ++i) index_->values |= index_->shapes[i].values;
+    return made_;
   }
 
  private:
@@ -283,39 +282,46 @@ class IndexBuilder {
     IndexLists* family = index_->families;
     while (family->clause != 0 && family->clause != clause) ++family;
     family->clause = clause;
-    const NamedHead** end = family->lists + std::min(family->count, IndexLists::kFew);
-    if (family->count <= IndexLists::kFew) {
+    if (family->few()) {
+      NamedHead** end = family->lists + family->count;
       if (std::find(family->lists, end, list) != end) return;
       if (family->count++ < IndexLists::kFew) {
         *end = list;
         return;
       }
-      use_directory(family);
+      for (NamedHead* each : family->lists) made_ = made_ && enrol(family, each);
     }
-    enrol(clause, list);
+    made_ = made_ && enrol(family, list);
   }
 
-  void use_directory(IndexLists* family) {
-    ListDirectory* directory = directory_of(ctx_, family->clause);
-    // What others had enrolled is lost to them until their next change.
-    if (directory->broken) directory_clear(directory);
-    for (const NamedHead* list : family->lists) enrol(family->clause, const_cast<NamedHead*>(list));
-    family->generation = directory->generation;
-    ++directory->users;
+  // False when memory runs out.
+  static bool enrol(IndexLists* family, NamedHead* list) {
+    ListDirectory* own = family->user.directory;
+    if (list->directory != own && list->directory != nullptr && list->directory->broken) {
+      // What others had enrolled is lost to them until their next change.
+      directory_dissolve(list->directory);
+    }
+    if (list->directory == nullptr) {
+      if (own == nullptr) {
+        own = directory_make();
+        if (own == nullptr) return false;
+        directory_use(own, &family->user);
+      }
+      directory_enrol(own, list);
+      enter_elements(*list, family->clause);
+    } else if (own == nullptr) {
+      directory_use(list->directory, &family->user);
+    } else if (list->directory != own) {
+      join(own, list->directory, family->clause);
+    }
+    return family->directory() != nullptr;
   }
 
-  void enrol(uint32_t clause, NamedHead* list) {
-    ListDirectory* directory = directory_of(ctx_, clause);
-    if (directory_has(*directory, *list)) return;
-    directory_enrol(directory, list);
-    enter_elements(directory, list, clause);
-  }
-
-  t_pol_ctx* ctx_;
   PolicyIndex* index_;
   const Survey& survey_;
   Tally* tally_;
   uint32_t asked_ = 0;  // clauses of several values
+  bool made_ = true;    // false: memory ran out
 };
 
 PolicyIndex* index_alloc(uint32_t count) {
@@ -331,40 +337,36 @@ PolicyIndex* index_alloc(uint32_t count) {
   return index;
 }
 
-void index_free(t_pol_ctx* ctx, PolicyIndex* index) {
+void index_free(PolicyIndex* index) {
   if (index == nullptr) return;
-  for (const IndexLists& family : index->families) {
-    if (family.generation == 0) continue;
-    ListDirectory* directory = directory_of(ctx, family.clause);
-    if (family.generation == directory->generation && --directory->users == 0) {
-      directory_clear(directory);
-    }
-  }
+  for (IndexLists& family : index->families) directory_let_go(&family.user);
   pol_free(index, MEM_UNCOUNTED);
 }
 
-PolicyIndex* index_make(t_pol_ctx* ctx, const t_pol_block& block) {
+PolicyIndex* index_make(const t_pol_block& block) {
   const Survey survey = survey_of(block);
   if (survey.count <= kWalked || survey.weight <= kWalkedWeight || survey.left_over) return nullptr;
   Tally tally(survey.keys);
   if (!tally.made()) return nullptr;
   PolicyIndex* index = index_alloc(survey.count);
   if (index == nullptr) return nullptr;
-  index->directories = &ctx->directories;
   index->clauses = survey.clauses;
   uint32_t place = 0;
   for (t_pol_entry& entry : block.in_order) {
     index->nodes[place++].entry = &entry;
     if (can_match(entry)) each_key(entry, [&tally](uint64_t key, uint32_t) { ++tally.of(key); });
   }
-  IndexBuilder builder(ctx, index, survey, &tally);
+  IndexBuilder builder(index, survey, &tally);
   for (const t_pol_entry& entry : block.in_order) {
     if (can_match(entry)) builder.survey(entry);
   }
   while (place-- > 0) builder.enter(place);
-  builder.finish();
-  index->fresh = true;
-  return index;
+  if (builder.finish()) {
+    index->fresh = true;
+    return index;
+  }
+  index_free(index);
+  return nullptr;
 }
 
 }  // namespace
@@ -391,9 +393,9 @@ void policy_index_refresh(t_pol_ctx* ctx, t_pol_block* block) {
   if (block->index_due == 0) return;
   block->index_due = 0;
   if (IndexQueue::linked(block)) ctx->index_due.remove(block);
-  PolicyIndex* made = index_make(ctx, *block);
+  PolicyIndex* made = index_make(*block);
   // After the new one is there, so that lists which both have stay enrolled.
-  index_free(ctx, block->index);
+  index_free(block->index);
   block->index = made;
 }
 
@@ -403,7 +405,7 @@ void policy_index_refresh_all(t_pol_ctx* ctx) {
 
 void policy_index_drop(t_pol_ctx* ctx, t_pol_block* block) {
   if (IndexQueue::linked(block)) ctx->index_due.remove(block);
-  index_free(ctx, block->index);
+  index_free(block->index);
   block->index = nullptr;
 }
 

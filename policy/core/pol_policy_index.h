@@ -11,8 +11,8 @@
 // else: what a key leaves out is the rules' to test, and a hash stands for the key.
 //
 // Lists keep no place in the index for their elements: a policy of few lists asks each list, one of many
-// has its lists enrolled in the context's directory of their family. So elements come and go without
-// touching an index.
+// has them enrolled in a directory (lists/list_directory.h), which it shares with the policies that share
+// lists with it. So elements come and go without touching an index.
 //
 // A change of a sequence or match clause makes the index stale, and evaluation walks until the batch
 // is told: then, before anybody is called back, it is made anew. A policy that nobody uses waits for its
@@ -31,10 +31,9 @@
 #include <cstdint>
 
 #include "core/pol_block_internal.h"
+#include "lists/list_directory.h"
 
 namespace pol {
-
-struct Directories;
 
 // Clauses of which a route has one value, and those of which it has several.
 constexpr uint32_t kIndexValues = POL_MATCH_F_TAG | POL_MATCH_F_PREF | POL_MATCH_F_DOMAIN |
@@ -56,10 +55,17 @@ struct IndexLists {
   // A policy of so few asks each.
   static constexpr uint32_t kFew = 3;
 
-  uint32_t clause;      // POL_MATCH_F_*_LIST
-  uint32_t count;       // of `lists`; more than kFew: they are in the directory
-  uint32_t generation;  // of the directory
-  const NamedHead* lists[kFew];
+  uint32_t clause;  // POL_MATCH_F_*_LIST
+  uint32_t count;   // of `lists`; more than kFew: they are in the directory
+  NamedHead* lists[kFew];
+  DirectoryUser user;
+
+  bool few() const { return count <= kFew; }
+  // Null where there is none that answers.
+  const ListDirectory* directory() const {
+    const ListDirectory* relied_on = user.directory;
+    return relied_on != nullptr && !relied_on->broken ? relied_on : nullptr;
+  }
 };
 
 // Four keys that a look-up compares at once.
@@ -90,7 +96,6 @@ struct alignas(IndexBucket) PolicyIndex {
   uint32_t count;
   IndexNode* nodes;      // by order of sequences
   IndexBucket* buckets;  // a full one goes on in the next
-  const Directories* directories;
   IndexLists families[kFamilies];
   IndexShape shapes[kMostShapes];  // those of the same `several` side by side, without it first
 

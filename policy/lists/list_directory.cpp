@@ -14,12 +14,6 @@ namespace {
 using Item = ListDirectory::Item;
 using Table = ListDirectory::Table;
 
-// The flag of a place with a table, else one list has it once.
-constexpr uint8_t kTable = 1;
-constexpr unsigned kIdBits = 32;
-// A place that so many lists share is not looked through: verifying their sequences is no dearer.
-constexpr uint32_t kMostAtPlace = 256;
-
 Item* item_at(Table* table, const NamedHead* list) {
   return std::lower_bound(table->items, table->items + table->count, list,
                           [](const Item& item, const NamedHead* key) { return item.list < key; });
@@ -59,7 +53,7 @@ bool table_remove(Table* table, const NamedHead* list) {
 
 // Makes a place that one list has once ready for more.
 bool cell_share(TrieCell* cell) {
-  if (cell->info.flag == kTable) return true;
+  if (cell->info.flag == kDirectoryTable) return true;
   constexpr uint32_t kRoom = 4;
   auto* table = static_cast<Table*>(pol_malloc(table_bytes(kRoom), MEM_UNCOUNTED));
   if (table == nullptr) return false;
@@ -67,7 +61,7 @@ bool cell_share(TrieCell* cell) {
   table->room = kRoom;
   table->items[0] = {static_cast<NamedHead*>(cell->value), 1, cell->info.low, cell->info.high};
   cell->value = table;
-  cell->info.flag = kTable;
+  cell->info.flag = kDirectoryTable;
   return true;
 }
 
@@ -94,7 +88,7 @@ void leave(Arena* arena, PrefixTrie<Bits>* trie, Bits key, unsigned length, cons
   TriePath path;
   const TrieCell* cell = trie->find(key, length, &path);
   if (cell == nullptr) return;
-  if (cell->info.flag == kTable) {
+  if (cell->info.flag == kDirectoryTable) {
     if (!table_remove(static_cast<Table*>(cell->value), &list)) return;
     pol_free(cell->value, MEM_UNCOUNTED);
   } else if (cell->value != &list) {
@@ -108,119 +102,87 @@ void change(ListDirectory* directory, PrefixTrie<Bits>* trie, Bits key, unsigned
             Interval lengths, const NamedHead& list, bool enters) {
   if (!enters) {
     leave(&directory->arena, trie, key, length, list);
-  } else if (!enter(&directory->arena, trie, key, length, lengths, list)) {
-    directory->broken = true;
+    --directory->elements;
+    return;
   }
+  ++directory->elements;
+  if (!enter(&directory->arena, trie, key, length, lengths, list)) directory->broken = true;
 }
 
-bool answers(const ListDirectory& directory, const NamedHead& list) {
-  return !directory.broken && directory_has(directory, list);
-}
+bool answers(const NamedHead& list) { return list.directory != nullptr && !list.directory->broken; }
 
-uint64_t id_key(uint64_t id) { return id << (64 - kIdBits); }
-
-void change_id(ListDirectory* directory, const NamedHead& list, uint64_t id, unsigned length,
-               bool enters) {
+void change_id(const NamedHead& list, uint64_t id, unsigned length, bool enters) {
   const Interval any = {static_cast<uint8_t>(length), 255};
-  change(directory, &directory->narrow, id_key(id), length, any, list, enters);
+  change(list.directory, &list.directory->narrow, directory_id_key(id), length, any, list, enters);
 }
 
 void free_table(const TrieCell& cell) {
-  if (cell.info.flag == kTable) pol_free(cell.value, MEM_UNCOUNTED);
-}
-
-// What a place says beyond what is found already: the new number, or more than `most`.
-unsigned gather_table(const Table& table, uint8_t length, const NamedHead** found, unsigned count,
-                      unsigned most) {
-  if (table.count > kMostAtPlace) return most + 1;
-  for (uint32_t i = 0; i < table.count; ++i) {
-    const Item& item = table.items[i];
-    if (length < item.low || item.high < length) continue;
-    if (count == most) return most + 1;
-    found[count++] = item.list;
-  }
-  return count;
-}
-
-template <class Count, class Bits>
-[[gnu::always_inline]] inline unsigned gather(const TrieCell* root, Bits key, uint8_t length,
-                                              const NamedHead** found, unsigned most) {
-  unsigned count = 0;
-  trie_visit<Count>(root, key, length, [&](const TrieCell& cell) {
-    if (cell.info.flag == kTable) {
-      count = gather_table(*static_cast<const Table*>(cell.value), length, found, count, most);
-      return count > most;
-    }
-    if (length < cell.info.low || cell.info.high < length) return false;
-    if (count == most) {
-      ++count;
-      return true;
-    }
-    found[count++] = static_cast<const NamedHead*>(cell.value);
-    return false;
-  });
-  return count;
-}
-
-template <class Bits>
-[[gnu::target("popcnt")]] unsigned gather_by_instruction(const TrieCell* root, Bits key,
-                                                         uint8_t length, const NamedHead** found,
-                                                         unsigned most) {
-  return gather<CountByInstruction>(root, key, length, found, most);
-}
-
-template <class Bits>
-[[gnu::always_inline]] inline unsigned ask(const PrefixTrie<Bits>& trie, Bits key, uint8_t length,
-                                           const NamedHead** found, unsigned most) {
-  if (g_cpu_counts) return gather_by_instruction(trie.root(), key, length, found, most);
-  return gather<CountByTricks>(trie.root(), key, length, found, most);
+  if (cell.info.flag == kDirectoryTable) pol_free(cell.value, MEM_UNCOUNTED);
 }
 
 }  // namespace
 
-bool directory_has(const ListDirectory& directory, const NamedHead& list) {
-  return list.enrolled != 0 && list.enrolled == directory.generation;
-}
+ListDirectory* directory_make() { return alloc<ListDirectory>(MEM_UNCOUNTED); }
 
 void directory_enrol(ListDirectory* directory, NamedHead* list) {
-  if (directory->generation == 0) directory->generation = 1;
-  list->enrolled = directory->generation;
+  directory->lists.push_back(list);
+  list->directory = directory;
 }
 
-void directory_clear(ListDirectory* directory) {
+void directory_forget(NamedHead* list) {
+  if (list->directory == nullptr) return;
+  list->directory->lists.remove(list);
+  list->directory = nullptr;
+}
+
+void directory_use(ListDirectory* directory, DirectoryUser* user) {
+  directory->users.push_back(user);
+  user->directory = directory;
+}
+
+void directory_let_go(DirectoryUser* user) {
+  ListDirectory* directory = user->directory;
+  if (directory == nullptr) return;
+  directory->users.remove(user);
+  user->directory = nullptr;
+  if (directory->users.empty()) directory_dissolve(directory);
+}
+
+void directory_replace(ListDirectory* directory, ListDirectory* by) {
+  while (DirectoryUser* user = directory->users.pop_front()) {
+    user->directory = nullptr;
+    if (by != nullptr) directory_use(by, user);
+  }
+  while (NamedHead* list = directory->lists.front()) directory_forget(list);
   directory->narrow.each(free_table);
   directory->wide.each(free_table);
-  directory->narrow.forget();
-  directory->wide.forget();
   directory->arena.release();
-  directory->broken = false;
-  directory->users = 0;  // who relied on it has another generation
-  if (++directory->generation == 0) directory->generation = 1;
+  pol_free(directory, MEM_UNCOUNTED);
 }
 
-void directory_range(ListDirectory* directory, const NamedHead& list, uint64_t low, uint64_t high,
-                     bool enters) {
-  if (!answers(*directory, list) || low > high) return;
+void directory_dissolve(ListDirectory* directory) { directory_replace(directory, nullptr); }
+
+void directory_range(const NamedHead& list, uint64_t low, uint64_t high, bool enters) {
+  if (!answers(list) || low > high) return;
   unsigned bits = 0;
-  while (bits < kIdBits && uint64_t{1} << bits < high - low + 1) ++bits;
+  while (bits < kDirectoryIdBits && uint64_t{1} << bits < high - low + 1) ++bits;
   const uint64_t first = low >> bits << bits;
   const uint64_t last = high >> bits << bits;
-  change_id(directory, list, first, kIdBits - bits, enters);
-  if (first != last) change_id(directory, list, last, kIdBits - bits, enters);
+  change_id(list, first, kDirectoryIdBits - bits, enters);
+  if (first != last) change_id(list, last, kDirectoryIdBits - bits, enters);
 }
 
-void directory_tloc(ListDirectory* directory, const NamedHead& list, const t_tloc_id& tloc,
-                    bool enters) {
-  if (answers(*directory, list)) change_id(directory, list, tloc_hash(tloc), kIdBits, enters);
+void directory_tloc(const NamedHead& list, const t_tloc_id& tloc, bool enters) {
+  if (answers(list)) change_id(list, tloc_hash(tloc), kDirectoryIdBits, enters);
 }
 
-void directory_color(ListDirectory* directory, const NamedHead& list, uint16_t color, bool enters) {
-  if (answers(*directory, list)) change_id(directory, list, color, kIdBits, enters);
+void directory_color(const NamedHead& list, uint16_t color, bool enters) {
+  if (answers(list)) change_id(list, color, kDirectoryIdBits, enters);
 }
 
-void directory_prefix(ListDirectory* directory, const NamedHead& list, const t_pfx_entry& element,
-                      bool enters) {
-  if (!answers(*directory, list)) return;
+void directory_prefix(const NamedHead& list, const t_pfx_entry& element, bool enters) {
+  if (!answers(list)) return;
+  ListDirectory* directory = list.directory;
   const Interval lengths = pfx_lengths_of(element);
   if (lengths.low > lengths.high) return;
   const bool any = pfx_takes_every_family(element);
@@ -236,17 +198,16 @@ void directory_prefix(ListDirectory* directory, const NamedHead& list, const t_p
   }
 }
 
-unsigned directory_ask(const ListDirectory& directory, uint32_t id, const NamedHead** found,
-                       unsigned most) {
-  return ask(directory.narrow, id_key(id), uint8_t{kIdBits}, found, most);
-}
-
-unsigned directory_ask(const ListDirectory& directory, const t_ipprefix& prefix,
-                       const NamedHead** found, unsigned most) {
-  if (prefix.addr.family == KEL_AF_INET) {
-    return ask(directory.narrow, pfx_bits_v4(prefix.addr), prefix.len, found, most);
+unsigned directory_gather_table(const ListDirectory::Table& table, uint8_t length,
+                                const NamedHead** found, unsigned count, unsigned most) {
+  if (table.count > kDirectoryMostAtPlace) return most + 1;
+  for (uint32_t i = 0; i < table.count; ++i) {
+    const Item& item = table.items[i];
+    if (length < item.low || item.high < length) continue;
+    if (count == most) return most + 1;
+    found[count++] = item.list;
   }
-  return ask(directory.wide, pfx_bits_v6(prefix.addr), prefix.len, found, most);
+  return count;
 }
 
 uint32_t tloc_hash(const t_tloc_id& tloc) {

@@ -5,34 +5,46 @@
 //
 // Policies of many sequences have the lists that they name enrolled (core/pol_policy_index.h); from then
 // on a list's elements are entered here as they come and leave as they go, each on one path of a trie.
-// The directory rules lists out and nothing else: it may name a list that does not hold the value, never
-// miss one that does. So a range of ids is entered as the one or two blocks of a power of two that cover
-// it, and a TLOC by 32 bits of hash.
+// A list is in one directory at most, so its elements are entered once, however many policies name
+// it; policies that share a list share the directory, and others do not pay for its size. The directory
+// rules lists out and nothing else: it may name a list that does not hold the value, never miss one that
+// does. So a range of ids is entered as the one or two blocks of a power of two that cover it, and a TLOC
+// by 32 bits of hash.
 //
-// Where memory for an element cannot be had the directory is `broken`: it answers for no list until
-// it was cleared. It is cleared when the last index lets go of it. All memory is uncounted. A directory
-// of all zero bytes is empty.
+// Where memory for an element cannot be had the directory is `broken` for good: it answers for no
+// list. It goes with the last index that relies on it. All memory is uncounted.
+//
+// Invariants
+//   1. A list in `lists`, and no other, has this as its `directory`.
+//   2. A user in `users`, and no other, has this as its `directory`.
 #pragma once
 
 #include <cstdint>
 
 #include "base/arena.h"
 #include "base/prefix_trie.h"
+#include "base/tail_queue.h"
+#include "lists/named_list.h"
 #include "policy/pol_types.h"
 
 struct t_pfx_entry;
 
 namespace pol {
 
-struct NamedHead;
+// What an index embeds for a directory that it relies on.
+struct DirectoryUser {
+  TailLink<DirectoryUser> link;
+  ListDirectory* directory;  // null: none, or it was dissolved
+};
 
 struct ListDirectory {
-  Arena arena;
   PrefixTrie<uint64_t> narrow;  // ids, hashes, IPv4 prefixes: 32 bits
   PrefixTrie<Bits128> wide;     // IPv6 prefixes
-  uint32_t generation;          // what NamedHead::enrolled holds while the list is in
-  uint32_t users;               // indexes that rely on it
   bool broken;
+  Arena arena;
+  TailQueue<NamedHead, &NamedHead::enrolled> lists;
+  TailQueue<DirectoryUser, &DirectoryUser::link> users;
+  uint64_t elements;  // entered, less those that left
 
   // A list that shares its place with others, or has it several times.
   struct Item {
@@ -48,29 +60,60 @@ struct ListDirectory {
   };
 };
 
-bool directory_has(const ListDirectory& directory, const NamedHead& list);
-// Marks the list as enrolled; its elements are the caller's to enter.
+// Null when memory runs out. The caller's, until somebody uses it.
+[[nodiscard]] ListDirectory* directory_make();
+// REQUIRES: the list, or the user, is in none. The list's elements are the caller's to enter.
 void directory_enrol(ListDirectory* directory, NamedHead* list);
-// Forgets all lists.
-void directory_clear(ListDirectory* directory);
+void directory_use(ListDirectory* directory, DirectoryUser* user);
+// Frees what nobody uses any more. Does nothing for a user of none.
+void directory_let_go(DirectoryUser* user);
+// Moves the users, frees the directory and leaves its lists in none.
+void directory_replace(ListDirectory* directory, ListDirectory* by);
+// The same without another: whoever relied on it relies on none.
+void directory_dissolve(ListDirectory* directory);
 
 // What the families call as elements come and go; nothing for a list that is not enrolled. `enters`
 // is false for an element that leaves.
-void directory_range(ListDirectory* directory, const NamedHead& list, uint64_t low, uint64_t high,
-                     bool enters);
-void directory_tloc(ListDirectory* directory, const NamedHead& list, const t_tloc_id& tloc,
-                    bool enters);
-void directory_color(ListDirectory* directory, const NamedHead& list, uint16_t color, bool enters);
-void directory_prefix(ListDirectory* directory, const NamedHead& list, const t_pfx_entry& element,
-                      bool enters);
+void directory_range(const NamedHead& list, uint64_t low, uint64_t high, bool enters);
+void directory_tloc(const NamedHead& list, const t_tloc_id& tloc, bool enters);
+void directory_color(const NamedHead& list, uint16_t color, bool enters);
+void directory_prefix(const NamedHead& list, const t_pfx_entry& element, bool enters);
+
+// A place that so many lists share is not looked through: verifying their sequences is no dearer.
+constexpr uint32_t kDirectoryMostAtPlace = 256;
+// The flag of a place with a table, else one list has it once.
+constexpr uint8_t kDirectoryTable = 1;
+
+// What of a table holds prefixes of a length, into `found`, which `count` has been found in already: the
+// new number, or more than `most`.
+unsigned directory_gather_table(const ListDirectory::Table& table, uint8_t length,
+                                const NamedHead** found, unsigned count, unsigned most);
 
 // The lists that may hold a value: at most `most` into `found`. Returns their number, or more than
-// `most` when there are more, or too many to look through.
-unsigned directory_ask(const ListDirectory& directory, uint32_t id, const NamedHead** found,
-                       unsigned most);
-// REQUIRES: IPv4 or IPv6.
-unsigned directory_ask(const ListDirectory& directory, const t_ipprefix& prefix,
-                       const NamedHead** found, unsigned most);
+// `most` when there are more, or too many to look through. Ids are 32 bits long.
+template <class Count, class Bits>
+[[gnu::always_inline]] inline unsigned directory_ask(const PrefixTrie<Bits>& trie, Bits key,
+                                                     uint8_t length, const NamedHead** found,
+                                                     unsigned most) {
+  unsigned count = 0;
+  trie_visit<Count>(trie.root(), key, length, [&](const TrieCell& cell) {
+    if (cell.info.flag == kDirectoryTable) [[unlikely]] {
+      const auto& table = *static_cast<const ListDirectory::Table*>(cell.value);
+      count = directory_gather_table(table, length, found, count, most);
+      return count > most;
+    }
+    if (length < cell.info.low || cell.info.high < length) return false;
+    if (count == most) {
+      ++count;
+      return true;
+    }
+    found[count++] = static_cast<const NamedHead*>(cell.value);
+    return false;
+  });
+  return count;
+}
+constexpr uint8_t kDirectoryIdBits = 32;
+inline uint64_t directory_id_key(uint64_t id) { return id << (64 - kDirectoryIdBits); }
 uint32_t tloc_hash(const t_tloc_id& tloc);
 
 }  // namespace pol

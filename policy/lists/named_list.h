@@ -23,6 +23,7 @@
 #include "policy/pol_user.h"
 
 namespace pol {
+struct ListDirectory;
 struct NamedHead;
 struct UserQueue;
 }  // namespace pol
@@ -54,8 +55,9 @@ struct NamedHead {
   // without being its user, until one of the two goes.
   UserQueue stale;
   XmlRef xml;
-  uint32_t enrolled;  // generation of the family's directory that has its elements; 0: none
-  bool in_document;   // only while a document is put together: it has the object's text
+  ListDirectory* directory;  // that has its elements; null: none
+  TailLink<NamedHead> enrolled;
+  bool in_document;  // only while a document is put together: it has the object's text
   // Frees the list unless elements or users hold it.
   void (*free_if_unused)(t_pol_ctx* ctx, NamedHead* list);
 };
@@ -143,9 +145,13 @@ template <class List>
   return list;
 }
 
+// Takes a list without elements out of its directory, if it is in one (lists/list_directory.h).
+void directory_forget(NamedHead* list);
+
 // Frees the node's memory once it is out of its tree. Clauses that still refer to it forget it.
 template <class List>
 void named_release(List* list, MemType type) {
+  directory_forget(&list->head);
   while (t_pol_clause_user* user = list->head.stale.pop_front()) {
     user->list = nullptr;
     user->queue = nullptr;

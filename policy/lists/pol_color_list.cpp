@@ -6,6 +6,7 @@
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
 #include "kel/tloc.h"
+#include "lists/list_directory.h"
 
 namespace {
 
@@ -16,15 +17,15 @@ int color_compare(const void* key, const void* node) {
 
 bool unused(const t_color_list& list) { return list.entries.empty() && list.users.empty(); }
 
-void entry_free(t_pol_ctx* ctx, t_color_list* list, t_color_entry* entry) {
-  pol::directory_color(&ctx->directories.color, list->head, entry->color, false);
+void entry_free(t_color_list* list, t_color_entry* entry) {
+  pol::directory_color(list->head, entry->color, false);
   list->by_color.remove(entry);
   list->entries.remove(entry);
   pol_free(entry, pol::MEM_COLOR_ENTRY);
 }
 
-void free_entries(t_pol_ctx* ctx, t_color_list* list) {
-  while (t_color_entry* entry = list->entries.front()) entry_free(ctx, list, entry);
+void free_entries(t_color_list* list) {
+  while (t_color_entry* entry = list->entries.front()) entry_free(list, entry);
   if (!list->entries.empty()) pol::crash("elements are left in a color list that was emptied");
 }
 
@@ -41,7 +42,7 @@ void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
 }
 
 void release(t_pol_ctx* ctx, t_color_list* list) {
-  free_entries(ctx, list);
+  free_entries(list);
   node_free(ctx, list, false);
 }
 
@@ -92,7 +93,7 @@ uint32_t pol_color_list_add_entry(t_pol_ctx* ctx, const char* name, uint16_t col
     entry->color = color;
     list->entries.push_back(entry);
     list->by_color.insert(entry, where);
-    pol::directory_color(&ctx->directories.color, list->head, entry->color, true);
+    pol::directory_color(list->head, entry->color, true);
   }
   tell_all(ctx, *list);
   return POL_OK;
@@ -102,7 +103,7 @@ uint32_t pol_color_list_del_entry(t_pol_ctx* ctx, const char* name, uint16_t col
   t_color_list* list = pol_color_list_find(ctx, name);
   t_color_entry* entry = list != nullptr ? list->by_color.find(&color) : nullptr;
   if (entry == nullptr) return POL_OK;
-  entry_free(ctx, list, entry);
+  entry_free(list, entry);
   tell_all(ctx, *list);
   return POL_OK;
 }
@@ -110,7 +111,7 @@ uint32_t pol_color_list_del_entry(t_pol_ctx* ctx, const char* name, uint16_t col
 uint32_t pol_color_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   t_color_list* list = pol_color_list_find(ctx, name);
   if (list == nullptr) return POL_OK;
-  free_entries(ctx, list);
+  free_entries(list);
   free_if_unused(ctx, &list->head);
   return POL_OK;
 }

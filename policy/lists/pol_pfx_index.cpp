@@ -116,11 +116,6 @@ template <class Count>
   return false;
 }
 
-[[gnu::target("popcnt")]] bool walk_by_instruction(const TrieCell* v4, const TrieCell* v6,
-                                                   const t_ipprefix& prefix) {
-  return walk_family<CountByInstruction>(v4, v6, prefix);
-}
-
 }  // namespace
 
 t_ipaddr pfx_address(const t_pfx_entry& element) {
@@ -219,12 +214,6 @@ struct Keys {
   }
 };
 
-[[gnu::target("popcnt")]] void fetch_by_instruction(const TrieCell* v4, const TrieCell* v6,
-                                                    Keys<uint64_t>* narrow, Keys<Bits128>* wide) {
-  trie_fetch<CountByInstruction>(v4, narrow->keys, narrow->lengths, narrow->count);
-  trie_fetch<CountByInstruction>(v6, wide->keys, wide->lengths, wide->count);
-}
-
 }  // namespace
 
 void pfx_fetch(const TrieCell* v4, const TrieCell* v6, const t_ipprefix* const* prefixes,
@@ -238,7 +227,8 @@ void pfx_fetch(const TrieCell* v4, const TrieCell* v6, const t_ipprefix* const* 
     if (prefix.addr.family == KEL_AF_INET) narrow.add(pfx_bits_v4(prefix.addr), prefix.len);
     if (prefix.addr.family == KEL_AF_INET6) wide.add(pfx_bits_v6(prefix.addr), prefix.len);
   }
-  fetch_by_instruction(v4, v6, &narrow, &wide);
+  trie_fetch<CountByInstruction>(v4, narrow.keys, narrow.lengths, narrow.count);
+  trie_fetch<CountByInstruction>(v6, wide.keys, wide.lengths, wide.count);
 }
 
 void PfxIndex::fetch(const t_ipprefix* const* prefixes, unsigned count) const {
@@ -470,7 +460,7 @@ bool PfxIndex::move(t_pfx_entry* element, bool was_any, Interval old, Interval l
 
 bool PfxIndex::matches(const t_ipprefix& prefix) const {
   if (any_ != nullptr && any_->holding[prefix.len] != 0) return true;
-  if (g_cpu_counts) return walk_by_instruction(v4_.root(), v6_.root(), prefix);
+  if (g_cpu_counts) return walk_family<CountByInstruction>(v4_.root(), v6_.root(), prefix);
   return walk_family<CountByTricks>(v4_.root(), v6_.root(), prefix);
 }
 

@@ -10,14 +10,15 @@
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
 #include "kel/ipaddr.h"
+#include "lists/list_directory.h"
 #include "policy/pol_util.h"
 
 namespace {
 
-void free_entries(t_pol_ctx* ctx, t_pfx_list* list) {
+void free_entries(t_pfx_list* list) {
   list->index.clear();
   while (t_pfx_entry* entry = list->entries.pop_front()) {
-    pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
+    pol::directory_prefix(list->head, *entry, false);
     list->records.give(entry, entry->wide != 0);
   }
   if (!list->entries.empty()) pol::crash("elements are left in a prefix list that was emptied");
@@ -30,8 +31,8 @@ void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
   if (unused(*list)) pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
 }
 
-void release(t_pol_ctx* ctx, t_pfx_list* list) {
-  free_entries(ctx, list);
+void release(t_pol_ctx* /*ctx*/, t_pfx_list* list) {
+  free_entries(list);
   if (!list->users.empty()) pol::crash("a policy still uses a prefix list that goes");
   pol::named_release(list, pol::MEM_PFX_LIST);
 }
@@ -48,8 +49,7 @@ t_pfx_list* find_or_create(t_pol_ctx* ctx, const char* name, uint8_t* created) {
 
 // A new element at the place that the index keeps for it, if any; null and nothing changed when
 // memory runs out.
-t_pfx_entry* entry_create(t_pol_ctx* ctx, t_pfx_list* list, const t_pol_pfx_record& record,
-                          pol::TrieCell* place) {
+t_pfx_entry* entry_create(t_pfx_list* list, const t_pol_pfx_record& record, pol::TrieCell* place) {
   const bool wide = pol::pfx_is_wide(record.prefix);
   auto* entry = list->records.make(wide);
   if (entry == nullptr) {
@@ -64,15 +64,14 @@ t_pfx_entry* entry_create(t_pol_ctx* ctx, t_pfx_list* list, const t_pol_pfx_reco
     return nullptr;
   }
   list->entries.push_back(entry);
-  pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, true);
+  pol::directory_prefix(list->head, *entry, true);
   return entry;
 }
 
-bool entry_change(t_pol_ctx* ctx, t_pfx_list* list, t_pfx_entry* entry,
-                  const t_pol_pfx_record& record) {
-  pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
+bool entry_change(t_pfx_list* list, t_pfx_entry* entry, const t_pol_pfx_record& record) {
+  pol::directory_prefix(list->head, *entry, false);
   const bool changed = list->index.change(entry, record);
-  pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, true);
+  pol::directory_prefix(list->head, *entry, true);
   return changed;
 }
 
@@ -101,8 +100,8 @@ uint32_t pol_pfx_list_entry_add(t_pol_ctx* ctx, const char* name, const t_pol_pf
   pol::PfxIndex::Kept kept;
   const bool room = list->index.find_or_keep(record->prefix, &kept);
   if (kept.element != nullptr) {
-    if (!entry_change(ctx, list, kept.element, *record)) return POL_ENOMEM;
-  } else if (!room || entry_create(ctx, list, *record, kept.place) == nullptr) {
+    if (!entry_change(list, kept.element, *record)) return POL_ENOMEM;
+  } else if (!room || entry_create(list, *record, kept.place) == nullptr) {
     if (created != 0) {
       if (!unused(*list)) pol::crash("a prefix list that was not made after all is in use");
       pol::named_remove(ctx->pfx_lists, list, pol::MEM_PFX_LIST);
@@ -118,7 +117,7 @@ uint32_t pol_pfx_list_del_entry(t_pol_ctx* ctx, const char* name, const t_pol_pf
   t_pfx_list* list = pol::named_find(ctx->pfx_lists, name);
   t_pfx_entry* entry = list != nullptr ? list->index.take(record->prefix) : nullptr;
   if (entry == nullptr) return POL_OK;
-  pol::directory_prefix(&ctx->directories.pfx, list->head, *entry, false);
+  pol::directory_prefix(list->head, *entry, false);
   list->entries.remove(entry);
   list->records.give(entry, entry->wide != 0);
   tell_all(ctx, *list);
@@ -128,7 +127,7 @@ uint32_t pol_pfx_list_del_entry(t_pol_ctx* ctx, const char* name, const t_pol_pf
 uint32_t pol_pfx_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   t_pfx_list* list = pol::named_find(ctx, &t_pol_ctx::pfx_lists, name);
   if (list == nullptr) return POL_OK;
-  free_entries(ctx, list);
+  free_entries(list);
   free_if_unused(ctx, &list->head);
   return POL_OK;
 }

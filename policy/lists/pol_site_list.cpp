@@ -6,6 +6,7 @@
 #include "base/pol_name.h"
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
+#include "lists/list_directory.h"
 #include "policy/pol_util.h"
 
 namespace {
@@ -14,9 +15,9 @@ bool unused(const t_site_list& list) {
   return list.entries.empty() && list.pol_users.empty() && list.list_user == nullptr;
 }
 
-void free_entries(t_pol_ctx* ctx, t_site_list* list) {
-  list->entries.clear([ctx, list](pol::RangeNode* node) {
-    pol::directory_range(&ctx->directories.site, list->head, node->low, node->high, false);
+void free_entries(t_site_list* list) {
+  list->entries.clear([list](pol::RangeNode* node) {
+    pol::directory_range(list->head, node->low, node->high, false);
     list->records.give(reinterpret_cast<t_site_entry*>(node));
   });
   if (!list->entries.empty()) pol::crash("elements are left in a site list that was emptied");
@@ -27,8 +28,8 @@ void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
   if (unused(*list)) pol::named_remove(ctx->site_lists, list, pol::MEM_SITE_LIST);
 }
 
-void release(t_pol_ctx* ctx, t_site_list* list) {
-  free_entries(ctx, list);
+void release(t_pol_ctx* /*ctx*/, t_site_list* list) {
+  free_entries(list);
   if (!list->pol_users.empty()) pol::crash("a policy still uses a site list that goes");
   // On purpose: the record is the registrant's to forget and stays; only its way to the list is
   // cut.
@@ -81,7 +82,7 @@ uint32_t pol_site_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
     }
     return POL_ENOMEM;
   }
-  pol::directory_range(&ctx->directories.site, list->head, low, high, true);
+  pol::directory_range(list->head, low, high, true);
   tell_all(ctx, list);
   return POL_OK;
 }
@@ -96,7 +97,7 @@ uint32_t pol_site_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
   t_site_list* list = pol::named_find(ctx, &t_pol_ctx::site_lists, name);
   pol::RangeNode* range = list != nullptr ? list->entries.take(low, high) : nullptr;
   if (range == nullptr) return POL_OK;
-  pol::directory_range(&ctx->directories.site, list->head, low, high, false);
+  pol::directory_range(list->head, low, high, false);
   list->records.give(reinterpret_cast<t_site_entry*>(range));
   tell_all(ctx, list);
   return POL_OK;
@@ -105,7 +106,7 @@ uint32_t pol_site_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low,
 uint32_t pol_site_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   t_site_list* list = pol::named_find(ctx, &t_pol_ctx::site_lists, name);
   if (list == nullptr) return POL_OK;
-  free_entries(ctx, list);
+  free_entries(list);
   free_if_unused(ctx, &list->head);
   return POL_OK;
 }

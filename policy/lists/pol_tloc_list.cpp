@@ -10,6 +10,7 @@
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
 #include "kel/tloc.h"
+#include "lists/list_directory.h"
 #include "policy/pol_fwd_action.h"
 #include "policy/pol_fwd_label.h"
 #include "policy/pol_xml_config.h"
@@ -37,15 +38,15 @@ bool unused(const t_tloc_list& list) {
   return list.entries.empty() && list.users.empty() && list.action_users.empty();
 }
 
-void entry_free(t_pol_ctx* ctx, t_tloc_list* list, t_tloc_entry* entry) {
-  pol::directory_tloc(&ctx->directories.tloc, list->head, entry->tloc, false);
+void entry_free(t_tloc_list* list, t_tloc_entry* entry) {
+  pol::directory_tloc(list->head, entry->tloc, false);
   list->by_tloc.remove(entry);
   list->entries.remove(entry);
   pol_free(entry, pol::MEM_TLOC_ENTRY);
 }
 
-void free_entries(t_pol_ctx* ctx, t_tloc_list* list) {
-  while (t_tloc_entry* entry = list->entries.front()) entry_free(ctx, list, entry);
+void free_entries(t_tloc_list* list) {
+  while (t_tloc_entry* entry = list->entries.front()) entry_free(list, entry);
   if (!list->entries.empty()) pol::crash("elements are left in a TLOC list that was emptied");
 }
 
@@ -63,7 +64,7 @@ void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
 }
 
 void release(t_pol_ctx* ctx, t_tloc_list* list) {
-  free_entries(ctx, list);
+  free_entries(list);
   node_free(ctx, list, false);
 }
 
@@ -153,7 +154,7 @@ uint32_t pol_tloc_list_add_entry(t_pol_ctx* ctx, const char* name, const t_tloc_
     entry->tloc = pol::tloc_stored(*tloc);
     list->entries.push_back(entry);
     list->by_tloc.insert(entry, where);
-    pol::directory_tloc(&ctx->directories.tloc, list->head, entry->tloc, true);
+    pol::directory_tloc(list->head, entry->tloc, true);
   }
   entry->preference = preference;
   // A list made by this very add has no actions whose labels could be pending.
@@ -169,7 +170,7 @@ uint32_t pol_tloc_list_del_entry(t_pol_ctx* ctx, const char* name, const t_tloc_
       1;  // on purpose before the look-up: a missed delete still has the text fetched again
   t_tloc_entry* entry = list->by_tloc.find(tloc);
   if (entry == nullptr) return POL_OK;
-  entry_free(ctx, list, entry);
+  entry_free(list, entry);
   list->label_pending = 1;
   tell_all(ctx, *list);
   return POL_OK;
@@ -178,7 +179,7 @@ uint32_t pol_tloc_list_del_entry(t_pol_ctx* ctx, const char* name, const t_tloc_
 uint32_t pol_tloc_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   t_tloc_list* list = pol_tloc_list_find(ctx, name);
   if (list == nullptr) return POL_OK;
-  free_entries(ctx, list);
+  free_entries(list);
   free_if_unused(ctx, &list->head);
   return POL_OK;
 }

@@ -5,6 +5,7 @@
 #include "base/pol_crash.h"
 #include "core/pol_context_internal.h"
 #include "core/pol_dump_internal.h"
+#include "lists/list_directory.h"
 #include "policy/pol_xml_config.h"
 
 namespace {
@@ -14,9 +15,9 @@ bool unused(const t_vpn_list& list) {
          list.fwd_pol_users.empty();
 }
 
-void free_entries(t_pol_ctx* ctx, t_vpn_list* list) {
-  list->entries.clear([ctx, list](pol::RangeNode* node) {
-    pol::directory_range(&ctx->directories.vpn, list->head, node->low, node->high, false);
+void free_entries(t_vpn_list* list) {
+  list->entries.clear([list](pol::RangeNode* node) {
+    pol::directory_range(list->head, node->low, node->high, false);
     list->records.give(reinterpret_cast<t_pol_vpn_entry*>(node));
   });
   if (!list->entries.empty()) pol::crash("elements are left in a VPN list that was emptied");
@@ -35,7 +36,7 @@ void free_if_unused(t_pol_ctx* ctx, pol::NamedHead* head) {
 }
 
 void release(t_pol_ctx* ctx, t_vpn_list* list) {
-  free_entries(ctx, list);
+  free_entries(list);
   node_free(ctx, list, false);
 }
 
@@ -91,7 +92,7 @@ uint32_t pol_vpn_list_add_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
     if (created != 0) node_free(ctx, list, true);
     return POL_ENOMEM;
   }
-  pol::directory_range(&ctx->directories.vpn, list->head, low, high, true);
+  pol::directory_range(list->head, low, high, true);
   tell_all(ctx, *list);
   return POL_OK;
 }
@@ -110,7 +111,7 @@ uint32_t pol_vpn_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
       1;  // on purpose before the look-up: a missed delete still has the text fetched again
   pol::RangeNode* range = list->entries.take(low, high);
   if (range == nullptr) return POL_OK;
-  pol::directory_range(&ctx->directories.vpn, list->head, low, high, false);
+  pol::directory_range(list->head, low, high, false);
   list->records.give(reinterpret_cast<t_pol_vpn_entry*>(range));
   tell_all(ctx, *list);
   return POL_OK;
@@ -119,7 +120,7 @@ uint32_t pol_vpn_list_del_entry(t_pol_ctx* ctx, const char* name, uint32_t low, 
 uint32_t pol_vpn_list_cfg_del(t_pol_ctx* ctx, const char* name) {
   t_vpn_list* list = pol::named_find(ctx, &t_pol_ctx::vpn_lists, name);
   if (list == nullptr) return POL_OK;
-  free_entries(ctx, list);
+  free_entries(list);
   free_if_unused(ctx, &list->head);
   return POL_OK;
 }

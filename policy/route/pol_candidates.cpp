@@ -25,10 +25,11 @@ void candidates_fetch(const PolicyIndex& index, const t_pol_route_query* queries
   for (unsigned i = 0; i < count; ++i) prefixes[i] = &queries[i].prefix;
   for (const IndexLists& family : index.families) {
     if (family.clause != POL_MATCH_F_PFX_LIST) continue;
-    if (family.generation != 0) {
-      const ListDirectory& directory = index.directories->pfx;
-      pfx_fetch(directory.narrow.root(), directory.wide.root(), prefixes, count);
-      continue;
+    if (!family.few()) {
+      const ListDirectory* directory = family.directory();
+      if (directory == nullptr) return;
+      pfx_fetch(directory->narrow.root(), directory->wide.root(), prefixes, count);
+      return;
     }
     for (unsigned i = 0; i < family.count; ++i) {
       reinterpret_cast<const t_pfx_list*>(family.lists[i])->index.fetch(prefixes, count);
@@ -37,7 +38,7 @@ void candidates_fetch(const PolicyIndex& index, const t_pol_route_query* queries
 }
 
 // Makes the keys of single values. False for a value that must not be compared.
-bool Candidates::values() {
+inline bool Candidates::values() {
   const uint32_t asked = index_.values;
   auto give = [this, asked](uint32_t clause, bool there, uint64_t value) {
     if ((asked & clause) == 0) return;
@@ -89,64 +90,90 @@ template <class Value>
 
 // The same with every list of a family that may hold the route's value. Asks each of few lists, or the
 // directory that has them.
-template <class Value, class Holds>
-[[gnu::always_inline]] inline bool Candidates::add_lists(const Keys& keys,
-                                                         const ListDirectory& directory,
-                                                         const Value& value, Holds holds) {
+template <class Ask, class Holds>
+[[gnu::always_inline]] inline bool Candidates::add_lists(const Keys& keys, Ask ask, Holds holds) {
   const IndexLists* family = index_.families;
   while (family->clause != keys.clause) ++family;
   const NamedHead* found[kMostValues];
   unsigned count = 0;
-  if (family->generation != 0) {
-    if (directory.broken || family->generation != directory.generation) return false;
-    count = directory_ask(directory, value, found, kMostValues);
-    if constexpr (std::is_same_v<Value, t_ipprefix>) {
-      // The rules are likely to ask it next.
-      for (unsigned i = 0; i < std::min(count, kMostValues); ++i) {
-        __builtin_prefetch(&reinterpret_cast<const t_pfx_list*>(found[i])->index);
-      }
-    }
-  } else {
+  if (family->few()) {
     for (unsigned i = 0; i < family->count; ++i) {
       found[count] = family->lists[i];
       count += holds(family->lists[i]) ? 1 : 0;
     }
+  } else {
+    const ListDirectory* directory = family->directory();
+    if (directory == nullptr) return false;
+    count = ask(*directory, found);
   }
   return add_each(keys, found, count);
 }
 
-// False where the index cannot tell.
-bool Candidates::add_several(const Keys& keys) {
-  const Directories& directories = *index_.directories;
-  switch (keys.clause) {
-    case POL_MATCH_F_PFX_LIST:
-      // What takes every family takes those without a trie, too.
-      if (!known(query_.prefix.addr.family)) return false;
-      return add_lists(keys, directories.pfx, query_.prefix, [this](const NamedHead* list) {
-        return match_pfx_list(reinterpret_cast<const t_pfx_list*>(list), query_.prefix);
+template <class Count>
+[[gnu::always_inline]] inline bool Candidates::add_prefix_lists(const Keys& keys) {
+  const t_ipprefix& prefix = query_.prefix;
+  // What takes every family takes those without a trie, too.
+  if (!known(prefix.addr.family)) return false;
+  return add_lists(
+      keys,
+      [&prefix](const ListDirectory& directory, const NamedHead** found) {
+        unsigned count = 0;
+        if (prefix.addr.family == KEL_AF_INET) [[likely]] {
+          count = directory_ask<Count>(directory.narrow, pfx_bits_v4(prefix.addr), prefix.len,
+                                       found, kMostValues);
+        } else {
+          count = directory_ask<Count>(directory.wide, pfx_bits_v6(prefix.addr), prefix.len, found,
+                                       kMostValues);
+        }
+        // The rules are likely to ask it next.
+        for (unsigned i = 0; i < std::min(count, kMostValues); ++i) {
+          __builtin_prefetch(&reinterpret_cast<const t_pfx_list*>(found[i])->index);
+        }
+        return count;
+      },
+      [&prefix](const NamedHead* list) {
+        return match_pfx_list(reinterpret_cast<const t_pfx_list*>(list), prefix);
       });
+}
+
+// The same with lists of ids.
+template <class Count, class Holds>
+[[gnu::always_inline]] inline bool Candidates::add_id_lists(const Keys& keys, uint32_t id,
+                                                            Holds holds) {
+  return add_lists(
+      keys,
+      [id](const ListDirectory& directory, const NamedHead** found) {
+        return directory_ask<Count>(directory.narrow, directory_id_key(id), kDirectoryIdBits, found,
+                                    kMostValues);
+      },
+      holds);
+}
+
+// False where the index cannot tell.
+template <class Count>
+bool Candidates::add_several(const Keys& keys) {
+  switch (keys.clause) {
     case POL_MATCH_F_VPN_LIST:
       // No list has larger ids.
       if (query_.vpn > UINT32_MAX) return true;
-      return add_lists(
-          keys, directories.vpn, static_cast<uint32_t>(query_.vpn), [this](const NamedHead* list) {
+      return add_id_lists<Count>(
+          keys, static_cast<uint32_t>(query_.vpn), [this](const NamedHead* list) {
             return match_vpn_list(reinterpret_cast<const t_vpn_list*>(list), query_.vpn);
           });
     case POL_MATCH_F_SITE_LIST:
-      return add_lists(keys, directories.site, attr_.site, [this](const NamedHead* list) {
+      return add_id_lists<Count>(keys, attr_.site, [this](const NamedHead* list) {
         return reinterpret_cast<const t_site_list*>(list)->entries.holds(attr_.site);
       });
     case POL_MATCH_F_TLOC_LIST:
       if (tloc_ == nullptr) return true;
-      return add_lists(keys, directories.tloc, tloc_hash(*tloc_), [this](const NamedHead* list) {
+      return add_id_lists<Count>(keys, tloc_hash(*tloc_), [this](const NamedHead* list) {
         return match_tloc_list(reinterpret_cast<const t_tloc_list*>(list), *tloc_);
       });
     case POL_MATCH_F_COLOR_LIST:
       if (tloc_ == nullptr) return true;
-      return add_lists(
-          keys, directories.color, uint32_t{tloc_->color}, [this](const NamedHead* list) {
-            return match_color_list(reinterpret_cast<const t_color_list*>(list), tloc_->color);
-          });
+      return add_id_lists<Count>(keys, tloc_->color, [this](const NamedHead* list) {
+        return match_color_list(reinterpret_cast<const t_color_list*>(list), tloc_->color);
+      });
     case POL_MATCH_F_GROUP:
       if ((attr_.present & POL_ATTR_GROUP) == 0) return true;
       return add_each(keys, attr_.group, std::min<uint32_t>(attr_.group_count, POL_MAX_GROUP));
@@ -161,7 +188,8 @@ bool Candidates::add_several(const Keys& keys) {
   }
 }
 
-bool Candidates::find() {
+template <class Count>
+[[gnu::always_inline]] inline bool Candidates::find_by() {
   if (!index_.fresh || !values()) return false;
   const IndexShape* shape = index_.shapes;
   const IndexShape* end = shape + index_.shape_count;
@@ -175,9 +203,15 @@ bool Candidates::find() {
     for (; shape != end && shape->several == keys.clause; ++shape) {
       if ((shape->values & ~have_) == 0) keys.keys[keys.count++] = key_of_values(*shape);
     }
-    if (keys.count != 0 && !add_several(keys)) return false;
+    if (keys.count == 0) continue;
+    const bool prefixes = keys.clause == POL_MATCH_F_PFX_LIST;
+    if (!(prefixes ? add_prefix_lists<Count>(keys) : add_several<Count>(keys))) return false;
   }
   return true;
+}
+
+bool Candidates::find() {
+  return g_cpu_counts ? find_by<CountByInstruction>() : find_by<CountByTricks>();
 }
 
 inline uint64_t Candidates::key_of_values(const IndexShape& shape) const {

@@ -8,7 +8,6 @@
 #pragma once
 
 #include "core/pol_policy_index.h"
-#include "lists/list_directory.h"
 #include "policy/pol_exec.h"
 
 namespace pol {
@@ -25,13 +24,10 @@ class Candidates {
   // Looks the route's keys up. False where the index cannot tell: it is stale, too many lists hold the
   // route, or a value is of an address family at which comparing it would have to fail an assertion.
   bool find();
-  // The next one that may match, by number; null when there is none.
-  const t_pol_entry* next() {
-    if (least_ == kNone) return nullptr;
-    const t_pol_entry* entry = index_.nodes[least_].entry;
-    advance();
-    return entry;
-  }
+  // By number, those that may match.
+  bool none() const { return least_ == kNone; }
+  const t_pol_entry& first() const { return *index_.nodes[least_].entry; }
+  void advance();
 
  private:
   static constexpr unsigned kMostValues = 64;
@@ -45,15 +41,21 @@ class Candidates {
     uint64_t keys[PolicyIndex::kMostShapes];
   };
 
+  template <class Count>
+  bool find_by();
   bool values();
   uint64_t key_of_values(const IndexShape& shape) const;
   void add(uint64_t key);
   template <class Value>
   bool add_each(const Keys& keys, const Value* values, unsigned count);
-  template <class Value, class Holds>
-  bool add_lists(const Keys& keys, const ListDirectory& directory, const Value& value, Holds holds);
+  template <class Ask, class Holds>
+  bool add_lists(const Keys& keys, Ask ask, Holds holds);
+  template <class Count>
+  bool add_prefix_lists(const Keys& keys);
+  template <class Count, class Holds>
+  bool add_id_lists(const Keys& keys, uint32_t id, Holds holds);
+  template <class Count>
   bool add_several(const Keys& keys);
-  void advance();
 
   const PolicyIndex& index_;
   const t_pol_route_query& query_;

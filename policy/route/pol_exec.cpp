@@ -219,7 +219,8 @@ void pol_pre_execute(t_pol_route_query* query, uint32_t kind) {
 uint32_t pol_execute(t_pol_user* user, t_pol_route_query* query) {
   if (user == nullptr || query == nullptr) return POL_REJECT;
   pol::copy_attributes(query);
-  return pol_exec_route(user, query);
+  pol::SilentObserver silent;
+  return pol::exec_route(user, query, silent);
 }
 
 uint32_t pol_exec_route(t_pol_user* user, t_pol_route_query* query) {

@@ -231,11 +231,12 @@ template <class Observer>
                                       const t_pol_entry** decider) {
   Candidates candidates(index, *query, attr);
   if (!candidates.find()) return false;
-  while (const t_pol_entry* entry = candidates.next()) {
-    Trial<Observer> trial(*entry, attr, *query, observer);
+  for (; !candidates.none(); candidates.advance()) {
+    const t_pol_entry& entry = candidates.first();
+    Trial<Observer> trial(entry, attr, *query, observer);
     if (!trial.matches()) continue;
     query->matched = trial.matched();
-    *decider = entry;
+    *decider = &entry;
     return true;
   }
   // A walk would have tried the last sequence last.
