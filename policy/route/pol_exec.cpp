@@ -30,10 +30,6 @@ bool match_color_list(const t_color_list* list, uint8_t color) {
   return list != nullptr && list->by_color.find(&key) != nullptr;
 }
 
-bool match_pfx_list(const t_pfx_list* list, const t_ipprefix& prefix) {
-  return list != nullptr && list->index.matches(prefix);
-}
-
 // Sub-types of protocol 4 pair up: 4 also takes 6, and 3 also takes 5; the entry's protocol is not
 // compared.
 bool match_origin(const t_pol_match& match, const t_pol_route_attr& attr) {

@@ -58,7 +58,9 @@ bool match_group(const t_pol_route_attr& attr, uint32_t group);
 bool match_vpn_list(const t_vpn_list* list, uint64_t vpn);
 bool match_tloc_list(const t_tloc_list* list, const t_tloc_id& tloc);
 bool match_color_list(const t_color_list* list, uint8_t color);
-bool match_pfx_list(const t_pfx_list* list, const t_ipprefix& prefix);
+inline bool match_pfx_list(const t_pfx_list* list, const t_ipprefix& prefix) {
+  return list != nullptr && list->index.matches(prefix);
+}
 bool match_origin(const t_pol_match& match, const t_pol_route_attr& attr);
 
 // Starts the query from the caller's attributes.
@@ -97,8 +99,9 @@ class Trial {
 
   // What most sequences are passed over for is tested in the caller's loop.
   [[gnu::always_inline]] bool matches() {
-    constexpr uint32_t kFirst = POL_MATCH_F_TAG | POL_MATCH_F_PREF;
-    return first_match() && ((entry_.match_flags & ~kFirst) == 0 || rest_matches());
+    if (!first_match()) return false;
+    const uint32_t rest = entry_.match_flags & ~(POL_MATCH_F_TAG | POL_MATCH_F_PREF);
+    return rest == 0 || (rest == POL_MATCH_F_PFX_LIST ? prefix_matches() : rest_matches());
   }
   // For a sequence that is known to fail: tests what has a bit in `matched`, and what comes before that.
   void leave_matched() {
@@ -133,10 +136,13 @@ class Trial {
     constexpr uint32_t kOthers = POL_MATCH_F_ORIGIN | POL_MATCH_F_ORIGINATOR | POL_MATCH_F_CARRIER |
                                  POL_MATCH_F_COLOR | POL_MATCH_F_COLOR_LIST;
     return (!has(kVpns) || vpns_match()) && (!has(kSites) || sites_match()) &&
-           holds<POL_MATCH_F_PFX_LIST>([this] {
-             return match_pfx_list(list_of<t_pfx_list>(match_.pfx_list), query_.prefix);
-           }) &&
-           (!has(kOthers) || others_match());
+           prefix_matches() && (!has(kOthers) || others_match());
+  }
+
+  [[gnu::always_inline]] bool prefix_matches() {
+    return holds<POL_MATCH_F_PFX_LIST>([this] {
+      return match_pfx_list(list_of<t_pfx_list>(match_.pfx_list), query_.prefix);
+    });
   }
 
   bool vpns_match() {
