@@ -29,6 +29,8 @@ class Arena {
     free_[size_class] = free;
     given_ |= 1u << size_class;
   }
+  // Of memory that it holds, in use or not.
+  size_t bytes() const { return bytes_; }
   // The classes of which blocks were given back and not taken since, as bits.
   uint32_t given() const { return given_; }
   // REQUIRES: such a block.

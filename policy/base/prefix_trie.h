@@ -152,6 +152,8 @@ template <class Count, class Bits>
 [[gnu::always_inline]] inline void trie_fetch(const TrieCell* root, Bits* keys, uint8_t* lengths,
                                               unsigned count) {
   constexpr unsigned kMost = 16;
+  // For all that compilers know, what only fetches has no effect and could go.
+  __asm__ volatile("");
   const TrieCell* nodes[kMost];
   for (unsigned i = 0; i < count; ++i) nodes[i] = root;
   for (unsigned left = count; left > 0;) {

@@ -28,7 +28,8 @@ void candidates_fetch(const PolicyIndex& index, const t_pol_route_query* queries
     if (!family.few()) {
       const ListDirectory* directory = family.directory();
       if (directory == nullptr) return;
-      pfx_fetch(directory->narrow.root(), directory->wide.root(), prefixes, count);
+      pfx_fetch(directory->arena, directory->narrow.root(), directory->wide.root(), prefixes,
+                count);
       return;
     }
     for (unsigned i = 0; i < family.count; ++i) {
