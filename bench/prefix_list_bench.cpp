@@ -3,6 +3,7 @@
 // spreads, and the real country lists; each beside the plain walk over the same elements.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 
@@ -65,9 +66,36 @@ void list_walked(benchmark::State& state, Spread spread, size_t count) {
   }
 }
 
-// The same in one call for many.
-void list_batch(benchmark::State& state, size_t count) {
-  const ListWork& work = list_work(Spread::kRandom, count);
+// What `count` elements are asked in arrays, one route for each: most memory is far from the processor
+// where there are many.
+struct ArrayWork {
+  Rig rig;
+  std::vector<t_ipprefix> routes;
+};
+
+const ArrayWork& array_work(size_t count) {
+  static std::map<size_t, std::unique_ptr<ArrayWork>> works;
+  auto& work = works[count];
+  if (work == nullptr) {
+    const std::string name = "batch-" + std::to_string(count);
+    work = std::make_unique<ArrayWork>(ArrayWork{Rig(name), {}});
+    const auto elements = make_elements(count, Spread::kRandom, 1);
+    add_to_list(name, elements);
+    match_list(&work->rig, 10, name);
+    work->rig.tell();
+    Random random(2);
+    for (size_t i = 0; i < count; ++i) {
+      const auto& element = elements[random.below(static_cast<uint32_t>(count))];
+      work->routes.push_back(element.prefix);
+      work->routes.back().len = std::max(element.prefix.len, element.min);
+    }
+  }
+  return *work;
+}
+
+// One call for an array, or for each of its queries.
+void list_array(benchmark::State& state, size_t count, bool batch) {
+  const ArrayWork& work = array_work(count);
   constexpr uint32_t kBatch = 64;
   const t_pol_route_attr attr = attributes();
   std::vector<t_pol_route_query> queries(kBatch, query_for(&attr));
@@ -75,24 +103,12 @@ void list_batch(benchmark::State& state, size_t count) {
   size_t at = 0;
   for (auto step : state) {
     for (t_pol_route_query& query : queries) query.prefix = work.routes[at++ % work.routes.size()];
-    pol_execute_batch(work.rig.user, queries.data(), kBatch, actions);
-    benchmark::DoNotOptimize(actions[0]);
-  }
-  state.counters["each"] = kBatch;
-}
-
-// What the batch is beside: as many queries, one call each.
-void list_one_by_one(benchmark::State& state, size_t count) {
-  const ListWork& work = list_work(Spread::kRandom, count);
-  constexpr uint32_t kBatch = 64;
-  const t_pol_route_attr attr = attributes();
-  std::vector<t_pol_route_query> queries(kBatch, query_for(&attr));
-  size_t at = 0;
-  for (auto step : state) {
-    for (t_pol_route_query& query : queries) query.prefix = work.routes[at++ % work.routes.size()];
-    for (t_pol_route_query& query : queries) {
-      benchmark::DoNotOptimize(pol_execute(work.rig.user, &query));
+    if (batch) {
+      pol_execute_batch(work.rig.user, queries.data(), kBatch, actions);
+    } else {
+      for (uint32_t i = 0; i < kBatch; ++i) actions[i] = pol_execute(work.rig.user, &queries[i]);
     }
+    benchmark::DoNotOptimize(actions[0]);
   }
   state.counters["each"] = kBatch;
 }
@@ -196,10 +212,10 @@ void register_prefix_lists() {
       benchmark::RegisterBenchmark(name.c_str(), list_walked, spread, count);
     }
   }
-  for (size_t count : {1000u, 100000u}) {
+  for (size_t count : {1000u, 100000u, 1000000u}) {
     const std::string name = "batch/" + std::to_string(count);
-    benchmark::RegisterBenchmark(name.c_str(), list_batch, count);
-    benchmark::RegisterBenchmark((name + "/one").c_str(), list_one_by_one, count);
+    benchmark::RegisterBenchmark(name.c_str(), list_array, count, true);
+    benchmark::RegisterBenchmark((name + "/one").c_str(), list_array, count, false);
   }
   benchmark::RegisterBenchmark("W1r", countries);
   benchmark::RegisterBenchmark("W1r/walk", countries_walked);
