@@ -105,6 +105,7 @@ struct Builder {
   bool add(SchemaNode& parent, const lysc_node* yang);
   bool add_children(SchemaNode& parent, const lysc_node* first);
   bool settle_tags();
+  void settle_conditions();
 };
 
 bool Builder::add_children(SchemaNode& parent, const lysc_node* first) {
@@ -200,6 +201,45 @@ bool Builder::settle_tags() {
   return true;
 }
 
+// The list whose entries the node is in, or is; null where it is in none.
+SchemaNode* list_around(SchemaNode* node) {
+  while (node != nullptr && node->kind != YARROW_NODE_LIST) {
+    node = const_cast<SchemaNode*>(node->parent);
+  }
+  return node;
+}
+
+void Builder::settle_conditions() {
+  std::map<const lysc_node*, SchemaNode*> nodes;
+  for (const auto& node : schema.all) {
+    nodes[node->yang] = node.get();
+    node->weighs_own = node->kind == YARROW_NODE_LIST;
+  }
+  for (const auto& node : schema.all) {
+    SchemaNode* list = list_around(node.get());
+    if (list == nullptr) continue;
+    const lysc_must* musts = lysc_node_musts(node->yang);
+    LY_ARRAY_COUNT_TYPE i = 0;
+    LY_ARRAY_FOR(musts, i) {
+      ly_set* atoms = nullptr;
+      if (lys_find_expr_atoms(node->yang, node->yang->module, musts[i].cond, musts[i].prefixes, 0,
+                              &atoms) != LY_SUCCESS) {
+        list->weighs_own = false;
+        continue;
+      }
+      for (uint32_t at = 0; at < atoms->count; ++at) {
+        auto found = nodes.find(atoms->snodes[at]);
+        if (found == nodes.end() || list_around(found->second) != list || found->second->is_key) {
+          list->weighs_own = false;
+        } else {
+          found->second->weighed = true;
+        }
+      }
+      ly_set_free(atoms, nullptr);
+    }
+  }
+}
+
 }  // namespace
 
 Schema::Schema() = default;
@@ -232,6 +272,7 @@ std::unique_ptr<Schema> schema_load(std::string* error) {
     *error = builder.error;
     return nullptr;
   }
+  builder.settle_conditions();
   return schema;
 }
 

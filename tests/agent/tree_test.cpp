@@ -5,11 +5,13 @@
 #include <chrono>
 #include <map>
 #include <random>
+#include <sstream>
 
 #include "agent/changes.h"
 #include "agent/keypath.h"
 #include "agent/list_pool.h"
 #include "agent/rebase.h"
+#include "agent/validate.h"
 #include "agent/xml.h"
 #include "agent/xml_bounds.h"
 #include "support.h"
@@ -301,6 +303,63 @@ TEST_F(TreeTest, TextBeyondItsBoundsIsRefusedBeforeItIsParsed) {
     agent::XmlContent content;
     const std::string reason = agent::xml_load(*schema_, text, schema_->root, {}, &content).reason;
     EXPECT_EQ(reason.find("nested too deep") != std::string::npos, levels > 40) << reason;
+  }
+}
+
+// Entries that look alike to their conditions are judged once: what is said of all together must be what
+// is said of each alone.
+TEST_F(TreeTest, ConditionsOfManyEntriesAreThoseOfEachAlone) {
+  static constexpr std::pair<const char*, const char*> kLeaves[] = {
+      {"/match{route}/vpn", "1"},
+      {"/match{route}/vpn-list", "V"},
+      {"/match{route}/site-id", "7"},
+      {"/match{route}/site-list", "S"},
+      {"/match{route}/color", "gold"},
+      {"/match{route}/color-list", "C"},
+      {"/match{route}/tag", "1"},
+      {"/match{route}/tag", "2"},
+      {"/match{route}/tloc-list", "T"},
+      {"/match{route}/tloc/address", "192.0.2.1"},
+      {"/match{route}/tloc/color", "gold"},
+      {"/action/set/tloc-list", "T"},
+      {"/action/set/tloc/address", "192.0.2.1"},
+      {"/action/set/tloc/color", "gold"},
+      {"/action/set/service/type", "FW"},
+      {"/action/set/service/vpn", "1"},
+  };
+  std::mt19937 random(9);
+  for (int round = 0; round < 20; ++round) {
+    NodeRef root = agent::empty_tree(*schema_);
+    const auto set = [&](const std::string& where, const std::string& text) {
+      const agent::Path at = path(where);
+      root = agent::with_node(root, at, agent::make_leaf(*at.back().schema, {text}));
+    };
+    for (int number = 0; number < 60; ++number) {
+      const std::string sequence = "/policy/control-policy{P}/sequence{" + std::to_string(number);
+      for (unsigned leaves = 1 + random() % 4; leaves > 0; --leaves) {
+        const auto& [leaf, text] = kLeaves[random() % std::size(kLeaves)];
+        set(sequence + "}" + leaf, text);
+      }
+      const std::string prefix =
+          "/policy/lists/prefix-list{P}/prefix{10.0." + std::to_string(number) + ".0/24}";
+      if (random() % 3 != 0) set(prefix + "/ge", std::to_string(24 + random() % 3));
+      if (random() % 3 != 0) set(prefix + "/le", random() % 4 == 0 ? "0" : "25");
+    }
+    std::vector<agent::Change> changes;
+    agent::changes_between(agent::empty_tree(*schema_), root, &changes);
+    agent::Faults alone;
+    for (const agent::Change& change : changes) {
+      const std::string reason = agent::validate_changes(*schema_, root, {change}).reason;
+      std::istringstream lines(reason);
+      for (std::string line; std::getline(lines, line);) {
+        const size_t split = line.find(": ");
+        alone.add(line.substr(0, split), line.substr(split + 2));
+      }
+    }
+    EXPECT_GT(alone.count, 10u);
+    EXPECT_LT(alone.count, changes.size());
+    EXPECT_EQ(agent::validate_changes(*schema_, root, changes).reason,
+              agent::faults_result(alone).reason);
   }
 }
 
