@@ -86,6 +86,13 @@ struct Fault {
   std::string reason;
 };
 
+// A value of a leaf, and what it is in canonical form.
+struct KnownValue {
+  std::string text;
+  std::string canonical;
+  bool known = false;
+};
+
 struct Loader {
   const Schema& schema;
   const XmlRules& rules;
@@ -93,14 +100,16 @@ struct Loader {
   std::vector<Element> stack;
   std::vector<const SchemaNode*> named;
   std::vector<const SchemaNode*>
-      building;         // the containers between the top of the stack and a part
-  size_t skipping = 0;  // depth inside an element that is passed over
+      building;                         // the containers between the top of the stack and a part
+  size_t skipping = 0;                  // depth inside an element that is passed over
+  std::vector<KnownValue> last_values;  // by leaf: entry after entry has the same, keys aside
   bool in_envelope = false;
   bool seen_root = false;
   std::vector<Fault> faults;
   size_t fault_count = 0;
 
-  Loader(const Schema& by, const XmlRules& under) : schema(by), rules(under) {}
+  Loader(const Schema& by, const XmlRules& under)
+      : schema(by), rules(under), last_values(by.all.size()) {}
   void fault(XmlPlace place, std::string reason);
   size_t depth() const { return stack.size() - 1 + skipping; }  // of the element that is open
   XmlPlace tag_place() const;
@@ -110,6 +119,8 @@ struct Loader {
   bool read_operation(XmlPlace place, int attributes, const xmlChar** values, std::string_view name,
                       XmlOperationKind* operation);
   void end();
+  bool canonical_of(const SchemaNode& leaf, const std::string& text, std::string* canonical,
+                    std::string* reason);
   void end_leaf(Element& element);
   void end_key(const Element& leaf, std::string text);
   void end_entry(Element& element);
@@ -253,6 +264,18 @@ void Loader::end_key(const Element& leaf, std::string text) {
   entry.keys[leaf.schema->index] = std::move(text);
 }
 
+bool Loader::canonical_of(const SchemaNode& leaf, const std::string& text, std::string* canonical,
+                          std::string* reason) {
+  KnownValue& last = last_values[leaf.id];
+  if (last.known && last.text == text) {
+    *canonical = last.canonical;
+    return true;
+  }
+  if (!schema_canonical(schema, leaf, text, canonical, reason)) return false;
+  if (!leaf.is_key) last = {text, *canonical, true};
+  return true;
+}
+
 void Loader::end_leaf(Element& element) {
   const SchemaNode& leaf = *element.schema;
   Element& parent = stack.back();
@@ -263,7 +286,7 @@ void Loader::end_leaf(Element& element) {
   std::string reason;
   if (element.too_long) {
     reason = "a value of more than " + std::to_string(yarrow::kMaxValueText) + " bytes";
-  } else if (needs_value && !schema_canonical(schema, leaf, element.text, &canonical, &reason)) {
+  } else if (needs_value && !canonical_of(leaf, element.text, &canonical, &reason)) {
     // What a type takes with blanks around it has them; other values were laid out for reading.
     std::string_view inner = trimmed(element.text);
     bool again = inner.size() != element.text.size();
