@@ -89,17 +89,56 @@ void fetch_roles(const t_pol_entry& entry) {
   for (size_t at = 0; at < sizeof(t_pol_fwd_user); at += kLine) __builtin_prefetch(roles + at);
 }
 
+// The same for the objects that it names.
+void fetch_objects(const t_pol_entry& entry) {
+  for (const Named& named : kNamed) {
+    const NamedHead* object = fwd_object(entry, named.ref);
+    if (object != nullptr) __builtin_prefetch(&object->xml);
+  }
+}
+
+// The sequences of a VPN list in order, and so many ahead of each what it needs.
+class Sequences {
+ public:
+  explicit Sequences(const pol::AvlTree<t_pol_entry>& entries) : entries_(entries) {
+    last_ = entries.first();
+    for (unsigned i = 0; i < kAhead; ++i) take(i);
+  }
+  // Null after the last.
+  const t_pol_entry* next() {
+    const unsigned at = at_++ % kAhead;
+    const t_pol_entry* entry = ahead_[at];
+    take(at);
+    if (const t_pol_entry* soon = ahead_[(at + kAhead / 2) % kAhead]) fetch_objects(*soon);
+    return entry;
+  }
+
+ private:
+  static constexpr unsigned kAhead = 4;
+
+  void take(unsigned at) {
+    ahead_[at] = last_;
+    if (last_ == nullptr) return;
+    fetch_roles(*last_);
+    last_ = entries_.next(last_);
+  }
+
+  const pol::AvlTree<t_pol_entry>& entries_;
+  const t_pol_entry* ahead_[kAhead];
+  const t_pol_entry* last_;  // not taken yet
+  unsigned at_ = 0;
+};
+
 [[nodiscard]] uint32_t add_vpn_list(Assembly* assembly, const t_pol_fwd_vpn_entry* vpn) {
   POL_LOG_AT(3, "Get vpn-list '%s'config\n", vpn->name);
   uint32_t status = POL_OK;
   if (t_vpn_list* list = vpn->vpn_list) {
     status = add_object(assembly, POL_XML_VPN_LIST, &list->head);
   }
-  const t_pol_entry* entry = vpn->entries.first();
-  const t_pol_entry* next = nullptr;
-  for (; entry != nullptr && status == POL_OK; entry = next) {
-    next = vpn->entries.next(entry);
-    if (next != nullptr) fetch_roles(*next);
+  Sequences sequences(vpn->entries);
+  while (status == POL_OK) {
+    const t_pol_entry* entry = sequences.next();
+    if (entry == nullptr) break;
     for (const Named& named : kNamed) {
       NamedHead* object = fwd_object(*entry, named.ref);
       if (object == nullptr) continue;
