@@ -12,6 +12,7 @@
 
 #include "base/pol_log.h"
 #include "base/pol_memory.h"
+#include "base/record_pool.h"
 #include "exchange/pol_xml_config_internal.h"
 #include "forward/pol_fwd_block_internal.h"
 #include "forward/pol_fwd_document_internal.h"
@@ -37,6 +38,7 @@ struct Assembly {
   XmlText policies;
   XmlPieces lists;
   MarkQueue marked;  // the objects that `lists` has
+  RecordPool<t_list_name_entry, MEM_LIST_NAME> marks;
 };
 
 // What a sequence names, in the order in which the document has it.
@@ -61,8 +63,10 @@ static_assert(std::size(kNamed) + 1 == kFwdRoles, "the agent has no text of an a
 
 void assembly_free(Assembly* assembly) {
   while (t_list_name_entry* entry = assembly->marked.pop_front()) {
+    if (assembly->marked.front() != nullptr)
+      __builtin_prefetch(&assembly->marked.front()->object->in_document);
     entry->object->in_document = false;
-    pol_free(entry, MEM_LIST_NAME);
+    assembly->marks.give(entry);
   }
   xml_text_free(&assembly->policies);
   xml_pieces_free(&assembly->lists);
@@ -70,7 +74,7 @@ void assembly_free(Assembly* assembly) {
 
 [[nodiscard]] uint32_t add_object(Assembly* assembly, int32_t type, NamedHead* object) {
   if (object->in_document) return POL_OK;
-  auto* entry = alloc<t_list_name_entry>(MEM_LIST_NAME);
+  auto* entry = assembly->marks.make();
   if (entry == nullptr) return POL_ENOMEM;
   entry->object = object;
   object->in_document = true;
@@ -82,72 +86,83 @@ void assembly_free(Assembly* assembly) {
   return status;
 }
 
-// Has the memory fetched that the sequence's turn will read: of many sequences little is cached.
-void fetch_roles(const t_pol_entry& entry) {
-  constexpr size_t kLine = 64;
-  const auto* roles = reinterpret_cast<const char*>(fwd_user(entry));
-  for (size_t at = 0; at < sizeof(t_pol_fwd_user); at += kLine) __builtin_prefetch(roles + at);
-}
-
-// The same for the objects that it names.
-void fetch_objects(const t_pol_entry& entry) {
-  for (const Named& named : kNamed) {
-    const NamedHead* object = fwd_object(entry, named.ref);
-    if (object != nullptr) __builtin_prefetch(&object->xml);
-  }
-}
-
-// The sequences of a VPN list in order, and so many ahead of each what it needs.
-class Sequences {
+// The sequences of a VPN list in order, with the objects that each names. Of many sequences little is
+// cached, so what a turn reads is fetched some turns before: first the roles, then the objects.
+class Turns {
  public:
-  explicit Sequences(const pol::AvlTree<t_pol_entry>& entries) : entries_(entries) {
-    last_ = entries.first();
-    for (unsigned i = 0; i < kAhead; ++i) take(i);
+  struct Turn {
+    const t_pol_entry* entry;  // null after the last
+    unsigned count;            // of `roles` and `objects`
+    const Named* roles[std::size(kNamed)];
+    NamedHead* objects[std::size(kNamed)];
+  };
+
+  explicit Turns(const AvlTree<t_pol_entry>& entries) : entries_(entries) {
+    const t_pol_fwd_user user = {};
+    for (size_t i = 0; i < std::size(kNamed); ++i) {
+      const auto* object = reinterpret_cast<const char*>(&(user.*kNamed[i].ref.user).list);
+      offsets_[i] = static_cast<uint32_t>(object - reinterpret_cast<const char*>(&user));
+    }
+    to_come_ = entries.first();
+    for (Turn& turn : turns_) come(&turn);
+    for (unsigned i = 0; i < kLooked; ++i) look(&turns_[i]);
   }
-  // Null after the last.
-  const t_pol_entry* next() {
-    const unsigned at = at_++ % kAhead;
-    const t_pol_entry* entry = ahead_[at];
-    take(at);
-    if (const t_pol_entry* soon = ahead_[(at + kAhead / 2) % kAhead]) fetch_objects(*soon);
-    return entry;
+  // Good until the next call.
+  const Turn& next() {
+    if (at_ != 0) come(&turns_[(at_ - 1) % kComing]);
+    look(&turns_[(at_ + kLooked) % kComing]);
+    return turns_[at_++ % kComing];
   }
 
  private:
-  static constexpr unsigned kAhead = 4;
+  static constexpr unsigned kComing = 8;
+  static constexpr unsigned kLooked = 2;
 
-  void take(unsigned at) {
-    ahead_[at] = last_;
-    if (last_ == nullptr) return;
-    fetch_roles(*last_);
-    last_ = entries_.next(last_);
+  void come(Turn* turn) {
+    turn->entry = to_come_;
+    if (to_come_ == nullptr) return;
+    constexpr size_t kLine = 64;
+    const auto* roles = reinterpret_cast<const char*>(fwd_user(*to_come_));
+    for (size_t at = 0; at < sizeof(t_pol_fwd_user); at += kLine) __builtin_prefetch(roles + at);
+    to_come_ = entries_.next(to_come_);
+  }
+  void look(Turn* turn) const {
+    turn->count = 0;
+    if (turn->entry == nullptr) return;
+    const auto* user = reinterpret_cast<const char*>(fwd_user(*turn->entry));
+    for (size_t i = 0; i < std::size(kNamed); ++i) {
+      NamedHead* object = *reinterpret_cast<NamedHead* const*>(user + offsets_[i]);
+      turn->roles[turn->count] = &kNamed[i];
+      turn->objects[turn->count] = object;
+      turn->count += object != nullptr ? 1 : 0;
+    }
+    for (unsigned i = 0; i < turn->count; ++i) __builtin_prefetch(&turn->objects[i]->xml);
   }
 
-  const pol::AvlTree<t_pol_entry>& entries_;
-  const t_pol_entry* ahead_[kAhead];
-  const t_pol_entry* last_;  // not taken yet
+  const AvlTree<t_pol_entry>& entries_;
+  uint32_t offsets_[std::size(kNamed)];  // of the roles' objects in t_pol_fwd_user
+  Turn turns_[kComing];
+  const t_pol_entry* to_come_;
   unsigned at_ = 0;
 };
 
 [[nodiscard]] uint32_t add_vpn_list(Assembly* assembly, const t_pol_fwd_vpn_entry* vpn) {
   POL_LOG_AT(3, "Get vpn-list '%s'config\n", vpn->name);
-  uint32_t status = POL_OK;
   if (t_vpn_list* list = vpn->vpn_list) {
-    status = add_object(assembly, POL_XML_VPN_LIST, &list->head);
+    const uint32_t status = add_object(assembly, POL_XML_VPN_LIST, &list->head);
+    if (status != POL_OK) return status;
   }
-  Sequences sequences(vpn->entries);
-  while (status == POL_OK) {
-    const t_pol_entry* entry = sequences.next();
-    if (entry == nullptr) break;
-    for (const Named& named : kNamed) {
-      NamedHead* object = fwd_object(*entry, named.ref);
-      if (object == nullptr) continue;
-      POL_LOG_AT(3, "Get %s '%s'config\n", named.word, object->name);
-      status = add_object(assembly, named.ref.xml_type, object);
-      if (status != POL_OK) break;
+  Turns turns(vpn->entries);
+  for (;;) {
+    const Turns::Turn& turn = turns.next();
+    if (turn.entry == nullptr) return POL_OK;
+    for (unsigned i = 0; i < turn.count; ++i) {
+      POL_LOG_AT(3, "Get %s '%s'config\n", turn.roles[i]->word, turn.objects[i]->name);
+      const int32_t type = turn.roles[i]->ref.xml_type;
+      const uint32_t status = add_object(assembly, type, turn.objects[i]);
+      if (status != POL_OK) return status;
     }
   }
-  return status;
 }
 
 [[nodiscard]] uint32_t add_policy(Assembly* assembly, const t_pol_block* block, pol_xml_type type,
