@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Evaluation against a model that walks everything. Random edits build lists and policy in both,
-// adds, overwrites and deletes mixed, some of them short of memory; after every few edits random routes
-// must come out alike, and each sequence passed over must have failed at the same clause. What the library
+// Evaluation against a model that walks everything. Random edits build lists and policies in both,
+// adds, overwrites and deletes mixed, some of them short of memory; policies share some lists and not
+// others, and now and then one is emptied. After every few edits random routes must come out alike, and each sequence passed over must have failed at the same clause. What the library
 // answers by its index is compared with its own walk, which pol_explain takes when it is to tell every step.
 #include <rapidcheck.h>
 
@@ -79,8 +79,11 @@ t_tloc_id some_tloc(uint32_t n) {
 
 using Range = std::pair<uint64_t, uint64_t>;
 
-constexpr uint32_t kLists = 6;
-constexpr const char* kNames[kLists] = {"A", "B", "C", "D", "E", "F"};
+constexpr uint32_t kPolicies = 3;
+constexpr uint32_t kListsOfPolicy = 6;
+constexpr uint32_t kLists = 14;
+constexpr const char* kNames[kLists] = {"A", "B", "C", "D", "E", "F", "G",
+                                        "H", "I", "J", "K", "L", "M", "N"};
 constexpr uint32_t kSequences = 150;
 
 struct Lists {
@@ -234,13 +237,18 @@ struct Verdict {
   Failures failures = {};
 };
 
-struct Model {
-  Lists lists;
+struct ModelPolicy {
   std::map<uint32_t, ModelEntry> entries;
   ModelEntry by_default;
+};
 
-  Verdict evaluate(const t_pol_route_query& query, uint32_t query_tloc, uint32_t route_tloc,
-                   uint32_t direction) const {
+struct Model {
+  Lists lists;
+  ModelPolicy policies[kPolicies];
+
+  Verdict evaluate(const ModelPolicy& policy, const t_pol_route_query& query, uint32_t query_tloc,
+                   uint32_t route_tloc, uint32_t direction) const {
+    const auto& [entries, by_default] = policy;
     const t_pol_route_attr& attr = *query.attr;
     Verdict verdict = {by_default.action, attr};
     const ModelEntry* decider = &by_default;
@@ -302,20 +310,23 @@ void change(std::vector<T>* list, const T& value, bool remove, Same same = {}) {
   }
 }
 
-// A policy in the library and its model, edited alike.
+// Policies in the library and their model, edited alike.
 class Twin {
  public:
   Twin() {
     t_pol_callbacks callbacks = {};
     ctx_ = pol_init(&callbacks);
-    for (uint32_t direction : {POL_DIR_IN, POL_DIR_OUT}) {
-      t_pol_registration record = {};
-      snprintf(record.policy_name, sizeof record.policy_name, "p");
-      record.kind = POL_KIND_ROUTE;
-      record.direction = direction;
-      users_[direction - 1] = pol_register(&record);
+    for (uint32_t policy = 0; policy < kPolicies; ++policy) {
+      for (uint32_t direction : {POL_DIR_IN, POL_DIR_OUT}) {
+        t_pol_registration record = {};
+        snprintf(record.user_name, sizeof record.user_name, "u%u", policy);
+        snprintf(record.policy_name, sizeof record.policy_name, "p%u", policy);
+        record.kind = POL_KIND_ROUTE;
+        record.direction = direction;
+        users_[policy][direction - 1] = pol_register(&record);
+        blocks_[policy] = pol_block_find(ctx_, record.policy_name, POL_KIND_ROUTE, nullptr);
+      }
     }
-    block_ = pol_block_find(ctx_, "p", POL_KIND_ROUTE, nullptr);
   }
   ~Twin() { pol_destroy(); }
   Twin(const Twin&) = delete;
@@ -375,6 +386,10 @@ class Twin {
           clear_list(n, b);
           break;
         }
+        if (a % 32 == 1) {
+          clear_policy(n % kPolicies);
+          break;
+        }
         [[fallthrough]];
       case 7:
         pol_user_chg_list_notify_all(ctx_);
@@ -413,13 +428,17 @@ class Twin {
     if (query.prefix.addr.family == KEL_AF_INET6 && pick(2) == 0) query.prefix.len += 95;
 
     const uint32_t direction = POL_DIR_IN + pick(2);
+    const uint32_t policy = pick(kPolicies);
+    t_pol_user* user = users_[policy][direction - 1];
+    const pol::PolicyIndex* index = blocks_[policy]->index;
     const t_pol_route_attr asked = attr;
     t_pol_route_query indexed = query;
     // Unlike but for the last: what one of a batch leaves behind is not the next one's.
     t_pol_route_query batch[3] = {query, query, query};
     batch[0].match_type = POL_MATCH_TLOC;
     batch[1].prefix.len /= 2;
-    const Verdict expected = model_.evaluate(query, query_tloc, route_tloc, direction);
+    const Verdict expected =
+        model_.evaluate(model_.policies[policy], query, query_tloc, route_tloc, direction);
     struct Told {
       Failures failures;
       uint32_t held = 0;
@@ -435,7 +454,7 @@ class Twin {
       }
     };
     t_pol_explain_step decision;
-    const uint32_t action = pol_explain(users_[direction - 1], &query, note, &told, &decision);
+    const uint32_t action = pol_explain(user, &query, note, &told, &decision);
     RC_ASSERT(std::tuple(action, decision.is_default != 0, query.applied, told.failures) ==
               std::tuple(expected.action, !expected.sequence, expected.applied, expected.failures));
     if (expected.sequence) {
@@ -450,12 +469,12 @@ class Twin {
       vpns.emplace_back(query.vpn_array[i].low, query.vpn_array[i].high);
     }
     RC_ASSERT(vpns == expected.vpns);
-    if (block_->index != nullptr && block_->index->fresh) {
+    if (index != nullptr && index->fresh) {
       ++by_index;
       if (expected.sequence) ++decided_by_index;
     }
-    compare_trace(users_[direction - 1], query, expected);
-    RC_ASSERT(pol_execute(users_[direction - 1], &indexed) == action);
+    compare_trace(user, query, expected);
+    RC_ASSERT(pol_execute(user, &indexed) == action);
     std::swap(indexed.vpn_array, query.vpn_array);
     const bool alike = memcmp(&indexed, &query, offsetof(t_pol_route_query, vpn_array)) == 0;
     std::swap(indexed.vpn_array, query.vpn_array);
@@ -465,12 +484,12 @@ class Twin {
         memcmp(indexed.vpn_array, query.vpn_array, query.vpn_count * sizeof *query.vpn_array) == 0;
     RC_ASSERT(alike_vpns);
     uint32_t actions[3];
-    pol_execute_batch(users_[direction - 1], batch, 3, actions);
+    pol_execute_batch(user, batch, 3, actions);
     RC_ASSERT(std::tuple(actions[2], batch[2].matched, batch[2].applied, batch[2].vpn_count) ==
               std::tuple(action, query.matched, query.applied, query.vpn_count));
     RC_ASSERT(memcmp(&batch[2].attr_copy, &query.attr_copy, sizeof query.attr_copy) == 0);
     t_pol_explain_step decisions[3];
-    pol_explain_batch(users_[direction - 1], batch, 3, decisions);
+    pol_explain_batch(user, batch, 3, decisions);
     RC_ASSERT(std::tuple(decisions[2].action, decisions[2].is_default, decisions[2].set_flags) ==
               std::tuple(decision.action, decision.is_default, decision.set_flags));
     RC_ASSERT(!expected.sequence || decisions[2].sequence == decision.sequence);
@@ -538,14 +557,14 @@ class Twin {
       queries[i].prefix.addr = some_address(static_cast<uint32_t>((*random)() % 54), 1);
       queries[i].prefix.len = static_cast<uint8_t>((*random)() % 33);
       t_pol_route_query query = queries[i];
-      expected.push_back(pol_execute(users_[1], &query));
+      expected.push_back(pol_execute(users_[i % kPolicies][1], &query));
     }
     std::atomic<uint32_t> differ = 0;
     std::vector<std::thread> threads;
     for (int n = 0; n < 8; ++n) {
       threads.emplace_back([&, own = queries]() mutable {
         for (size_t i = 0; i < own.size(); ++i) {
-          if (pol_execute(users_[1], &own[i]) != expected[i]) ++differ;
+          if (pol_execute(users_[i % kPolicies][1], &own[i]) != expected[i]) ++differ;
         }
       });
     }
@@ -571,28 +590,39 @@ class Twin {
     }
   }
 
+  void clear_policy(uint32_t policy) {
+    uint8_t changed = 0;
+    for (const auto& [sequence, entry] : model_.policies[policy].entries) {
+      pol_entry_find_and_delete(ctx_, blocks_[policy], sequence, &changed);
+    }
+    model_.policies[policy].entries.clear();
+  }
+
   void edit_entry(const Edit& e, bool remove) {
     const auto [ignored, list, a, b, c] = e;
-    const uint32_t sequence = list / kLists % kSequences * 10;
+    const uint32_t policy = list % kPolicies;
+    const uint32_t sequence = list / kPolicies % kSequences * 10;
+    t_pol_block* block = blocks_[policy];
+    auto& [entries, by_default] = model_.policies[policy];
     uint8_t changed = 0;
     if (sequence == 0) {
-      model_.by_default.action = 1 + b % 2;
-      model_.by_default.set_tag = c % 3;
-      pol_entry_action_add(ctx_, &block_->default_action, 1 + b % 2, &changed);
-      pol_entry_set_tag_add(ctx_, &block_->default_action, c % 3, &changed);
+      by_default.action = 1 + b % 2;
+      by_default.set_tag = c % 3;
+      pol_entry_action_add(ctx_, &block->default_action, 1 + b % 2, &changed);
+      pol_entry_set_tag_add(ctx_, &block->default_action, c % 3, &changed);
       return;
     }
     if (remove && a % 5 == 0) {
-      model_.entries.erase(sequence);
-      pol_entry_find_and_delete(ctx_, block_, sequence, &changed);
+      entries.erase(sequence);
+      pol_entry_find_and_delete(ctx_, block, sequence, &changed);
       return;
     }
-    const bool made = model_.entries.count(sequence) == 0;
-    t_pol_entry* entry = pol_entry_find_or_create(ctx_, block_, sequence, &changed);
-    ModelEntry& m = model_.entries[sequence];
+    const bool made = entries.count(sequence) == 0;
+    t_pol_entry* entry = pol_entry_find_or_create(ctx_, block, sequence, &changed);
+    ModelEntry& m = entries[sequence];
     if (made) {
       m.type = c % 8 < 6 ? 1 : c % 8 - 4;
-      pol_entry_match_add(ctx_, block_, entry, m.type, &changed);
+      pol_entry_match_add(ctx_, block, entry, m.type, &changed);
     }
     const uint32_t what = a % (std::size(kClauses) + 6);
     if (what < std::size(kClauses)) {
@@ -601,14 +631,17 @@ class Twin {
         m.clauses.erase(what);
         clause.del(ctx_, entry, &changed);
       } else {
-        m.clauses[what] = b % clause.values;
-        clause.add(ctx_, entry, b % clause.values, &changed);
+        uint32_t value = b % clause.values;
+        // Each policy shares a few of its lists with the next one.
+        if (!clause.reported) value = b % kListsOfPolicy + policy * (kListsOfPolicy - 2);
+        m.clauses[what] = value;
+        clause.add(ctx_, entry, value, &changed);
       }
     } else if (what < std::size(kClauses) + 3) {
       const uint32_t type = 1 + (b % 8 < 5 ? 0 : b % 8 - 4);
       if (m.type != type && m.type != 0) m.clauses.clear();
       m.type = type;
-      pol_entry_match_add(ctx_, block_, entry, type, &changed);
+      pol_entry_match_add(ctx_, block, entry, type, &changed);
     } else if (what < std::size(kClauses) + 5) {
       m.action = 1 + b % 2;
       pol_entry_action_add(ctx_, entry, m.action, &changed);
@@ -632,8 +665,8 @@ class Twin {
   }
 
   t_pol_ctx* ctx_ = nullptr;
-  t_pol_block* block_ = nullptr;
-  t_pol_user* users_[2] = {};
+  t_pol_block* blocks_[kPolicies] = {};
+  t_pol_user* users_[kPolicies][2] = {};
   Model model_;
 };
 
