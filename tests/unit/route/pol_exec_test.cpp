@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What evaluation does at the ends of its arrays, and what it answers besides an action.
+#include "core/pol_policy_index.h"
 #include "support/policy_fixture.h"
 
 namespace {
@@ -89,6 +90,32 @@ TEST_F(ExecTest, TheOneOfManyListsThatDecidesIsFound) {
     EXPECT_EQ(pol_explain(out, &query, nullptr, nullptr, &decision), POL_ACCEPT);
     EXPECT_EQ(decision.sequence, 100 + site);
   }
+}
+
+// Others need not pay for a policy's lists; those that share one share what is known of all.
+TEST_F(ExecTest, PoliciesShareADirectoryOnceTheyShareAList) {
+  const t_pol_pfx_record any = {POL_PFX_LE, {{KEL_AF_INET, {}}, 0}, 0, 32};
+  const auto fill = [&](const char* policy, uint32_t first) {
+    for (uint32_t i = 0; i < 10; ++i) {
+      const std::string list = "l" + std::to_string(first + i);
+      pol_pfx_list_entry_add(ctx, list.c_str(), &any);
+      pol_entry_match_pfx_list_add(ctx, entry(block(policy), 100 + i), list.c_str(), &changed);
+    }
+    pol_user_chg_list_notify_all(ctx);
+  };
+  const auto directory = [&](const char* policy) {
+    const pol::PolicyIndex* index = block(policy)->index;
+    return index != nullptr ? index->families[0].directory() : nullptr;
+  };
+  add_user("q", "q", nullptr, POL_DIR_IN);
+  fill("p", 1);
+  fill("q", 101);
+  EXPECT_NE(directory("p"), nullptr);
+  EXPECT_NE(directory("q"), nullptr);
+  EXPECT_NE(directory("p"), directory("q"));
+  fill("q", 5);
+  EXPECT_NE(directory("p"), nullptr);
+  EXPECT_EQ(directory("p"), directory("q"));
 }
 
 TEST_F(ExecTest, ExplainTellsTheDecisionThatSettingComesTo) {
