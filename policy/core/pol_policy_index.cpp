@@ -108,9 +108,9 @@ void enter_elements(const NamedHead& head, uint32_t clause) {
   }
 }
 
-// Makes two directories one; the elements of the smaller move, so each moves seldom.
+// Makes two directories one; what is in the smaller moves, so each thing moves seldom.
 void join(ListDirectory* a, ListDirectory* b, uint32_t clause) {
-  ListDirectory* larger = a->elements >= b->elements ? a : b;
+  ListDirectory* larger = a->load >= b->load ? a : b;
   ListDirectory* smaller = larger == a ? b : a;
   while (NamedHead* list = smaller->lists.front()) {
     directory_forget(list);

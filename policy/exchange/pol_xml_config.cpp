@@ -303,7 +303,9 @@ uint32_t pol::xml_pieces_copy(const XmlPieces& pieces, char* to, size_t length, 
     constexpr size_t kLine = 64;
     constexpr size_t kBegins = 6 * kLine;
     const char* next = pieces.items[std::min(i + 2, pieces.count - 1)]->text;
-    for (size_t line = 0; line < kBegins; line += kLine) __builtin_prefetch(next + line);
+    for (size_t line = 0; next != nullptr && line < kBegins; line += kLine) {
+      __builtin_prefetch(next + line);
+    }
     if (text.size() <= length && at <= length - text.size())
       memcpy(to + at, text.data(), text.size());
     at += text.size();

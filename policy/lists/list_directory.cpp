@@ -102,10 +102,10 @@ void change(ListDirectory* directory, PrefixTrie<Bits>* trie, Bits key, unsigned
             Interval lengths, const NamedHead& list, bool enters) {
   if (!enters) {
     leave(&directory->arena, trie, key, length, list);
-    --directory->elements;
+    --directory->load;
     return;
   }
-  ++directory->elements;
+  ++directory->load;
   if (!enter(&directory->arena, trie, key, length, lengths, list)) directory->broken = true;
 }
 
@@ -126,17 +126,20 @@ ListDirectory* directory_make() { return alloc<ListDirectory>(MEM_UNCOUNTED); }
 
 void directory_enrol(ListDirectory* directory, NamedHead* list) {
   directory->lists.push_back(list);
+  ++directory->load;
   list->directory = directory;
 }
 
 void directory_forget(NamedHead* list) {
   if (list->directory == nullptr) return;
   list->directory->lists.remove(list);
+  --list->directory->load;
   list->directory = nullptr;
 }
 
 void directory_use(ListDirectory* directory, DirectoryUser* user) {
   directory->users.push_back(user);
+  ++directory->load;
   user->directory = directory;
 }
 
@@ -144,6 +147,7 @@ void directory_let_go(DirectoryUser* user) {
   ListDirectory* directory = user->directory;
   if (directory == nullptr) return;
   directory->users.remove(user);
+  --directory->load;
   user->directory = nullptr;
   if (directory->users.empty()) directory_dissolve(directory);
 }

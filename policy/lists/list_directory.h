@@ -44,7 +44,7 @@ struct ListDirectory {
   Arena arena;
   TailQueue<NamedHead, &NamedHead::enrolled> lists;
   TailQueue<DirectoryUser, &DirectoryUser::link> users;
-  uint64_t elements;  // entered, less those that left
+  uint64_t load;  // what joining it to another moves: elements, lists and users
 
   // A list that shares its place with others, or has it several times.
   struct Item {

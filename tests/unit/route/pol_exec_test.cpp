@@ -95,10 +95,10 @@ TEST_F(ExecTest, TheOneOfManyListsThatDecidesIsFound) {
 // Others need not pay for a policy's lists; those that share one share what is known of all.
 TEST_F(ExecTest, PoliciesShareADirectoryOnceTheyShareAList) {
   const t_pol_pfx_record any = {POL_PFX_LE, {{KEL_AF_INET, {}}, 0}, 0, 32};
-  const auto fill = [&](const char* policy, uint32_t first) {
+  const auto fill = [&](const char* policy, uint32_t first, bool empty = false) {
     for (uint32_t i = 0; i < 10; ++i) {
       const std::string list = "l" + std::to_string(first + i);
-      pol_pfx_list_entry_add(ctx, list.c_str(), &any);
+      if (!empty) pol_pfx_list_entry_add(ctx, list.c_str(), &any);
       pol_entry_match_pfx_list_add(ctx, entry(block(policy), 100 + i), list.c_str(), &changed);
     }
     pol_user_chg_list_notify_all(ctx);
@@ -116,6 +116,15 @@ TEST_F(ExecTest, PoliciesShareADirectoryOnceTheyShareAList) {
   fill("q", 5);
   EXPECT_NE(directory("p"), nullptr);
   EXPECT_EQ(directory("p"), directory("q"));
+  // However many policies a directory has, it is the newcomer's that goes, even where no list has elements.
+  for (const char* policy : {"r", "s", "t"}) add_user(policy, policy, nullptr, POL_DIR_IN);
+  fill("r", 201, true);
+  fill("s", 210, true);
+  const pol::ListDirectory* shared = directory("r");
+  fill("t", 219, true);
+  EXPECT_NE(shared, nullptr);
+  EXPECT_EQ(directory("s"), shared);
+  EXPECT_EQ(directory("t"), shared);
 }
 
 TEST_F(ExecTest, ExplainTellsTheDecisionThatSettingComesTo) {
