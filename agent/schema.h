@@ -37,10 +37,10 @@ struct SchemaNode {
   bool is_key = false;
   bool holds_state = false;  // state data somewhere below
   bool mandatory = false;
-  bool constrained =
-      false;  // it, or a container or leaf in it outside further lists, has a constraint
-  bool weighed = false;      // a leaf: a "must" condition of its entry looks at it
-  bool weighs_own = false;   // a list: "must" conditions of its entries look at nothing outside them
+  // It, or a container or leaf in it outside further lists, has a constraint.
+  bool constrained = false;
+  bool weighed = false;     // a leaf: a "must" condition of its entry looks at it
+  bool weighs_own = false;  // a list: "must" conditions of its entries look at nothing outside them
   bool numeric_key = false;  // canonical texts of the type sort by length, then bytewise
   bool has_default = false;
   std::string default_text;

@@ -135,14 +135,13 @@ class Trial {
         POL_MATCH_F_TLOC | POL_MATCH_F_TLOC_LIST | POL_MATCH_F_SITE | POL_MATCH_F_SITE_LIST;
     constexpr uint32_t kOthers = POL_MATCH_F_ORIGIN | POL_MATCH_F_ORIGINATOR | POL_MATCH_F_CARRIER |
                                  POL_MATCH_F_COLOR | POL_MATCH_F_COLOR_LIST;
-    return (!has(kVpns) || vpns_match()) && (!has(kSites) || sites_match()) &&
-           prefix_matches() && (!has(kOthers) || others_match());
+    return (!has(kVpns) || vpns_match()) && (!has(kSites) || sites_match()) && prefix_matches() &&
+           (!has(kOthers) || others_match());
   }
 
   [[gnu::always_inline]] bool prefix_matches() {
-    return holds<POL_MATCH_F_PFX_LIST>([this] {
-      return match_pfx_list(list_of<t_pfx_list>(match_.pfx_list), query_.prefix);
-    });
+    return holds<POL_MATCH_F_PFX_LIST>(
+        [this] { return match_pfx_list(list_of<t_pfx_list>(match_.pfx_list), query_.prefix); });
   }
 
   bool vpns_match() {
