@@ -139,6 +139,9 @@ TEST_F(DocumentTest, NamesOfAnyLengthAreToldApartByTheirLastCharacter) {
   name(entry, pol::kFwdSrcPfx, POL_XML_DATA_PREFIX_LIST, stem + "a");
   name(entry, pol::kFwdDstPfx, POL_XML_DATA_PREFIX_LIST, stem + "b");
   name(entry, pol::kFwdSrcPfx6, POL_XML_DATA_IPV6_PREFIX_LIST, stem + "b");
+  // One of which no text has come yet adds nothing.
+  pol::fwd_ref_add(ctx, entry, "textless", &changed, pol::kFwdDstPfx6);
+  pol_xml_config_find_or_create(POL_XML_DATA_IPV6_PREFIX_LIST, "textless");
   t_pol_user* user = applied("D", POL_KIND_DATA, POL_DIR_IN, POL_XML_DATA_POLICY, "");
   auto in = [](const std::string& tag, const std::string& text) {
     return "<" + tag + ">" + text + "</" + tag + ">";
