@@ -14,52 +14,91 @@ namespace {
 using Item = ListDirectory::Item;
 using Table = ListDirectory::Table;
 
-Item* item_at(Table* table, const NamedHead* list) {
-  return std::lower_bound(table->items, table->items + table->count, list,
-                          [](const Item& item, const NamedHead* key) { return item.list < key; });
+constexpr uint32_t kFirstRoom = 4;
+
+uint32_t home_of(const Table& table, const NamedHead* list) {
+  constexpr uint64_t kOdd = 0x9e3779b97f4a7c15;
+  return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(list) * kOdd >> 32) & (table.room - 1);
 }
 
-size_t table_bytes(uint32_t room) { return sizeof(Table) + (room - 1) * sizeof(Item); }
+// The list's item, or the free one where it would stand.
+Item* item_at(Table* table, const NamedHead* list) {
+  uint32_t at = home_of(*table, list);
+  while (table->items[at].list != nullptr && table->items[at].list != list) {
+    at = (at + 1) & (table->room - 1);
+  }
+  return &table->items[at];
+}
+
+Table* table_make(uint32_t room) {
+  const size_t bytes = sizeof(Table) + (room - 1) * sizeof(Item);
+  auto* table = static_cast<Table*>(pol_calloc(1, bytes, MEM_UNCOUNTED));
+  if (table != nullptr) table->room = room;
+  return table;
+}
+
+// False when memory runs out; then nothing changed.
+bool table_resize(Table** table, uint32_t room) {
+  Table* made = table_make(room);
+  if (made == nullptr) return false;
+  for (uint32_t i = 0; i < (*table)->room; ++i) {
+    const Item& item = (*table)->items[i];
+    if (item.list != nullptr) *item_at(made, item.list) = item;
+  }
+  made->count = (*table)->count;
+  pol_free(*table, MEM_UNCOUNTED);
+  *table = made;
+  return true;
+}
 
 bool table_add(Table** table, const NamedHead* list, Interval lengths) {
   Item* item = item_at(*table, list);
-  Table* full = *table;
-  if (item != full->items + full->count && item->list == list) {
+  if (item->list != nullptr) {
     ++item->count;
     item->low = std::min(item->low, lengths.low);
     item->high = std::max(item->high, lengths.high);
     return true;
   }
-  const auto at = static_cast<size_t>(item - full->items);
-  if (full->count == full->room) {
-    auto* grown = static_cast<Table*>(pol_realloc(full, table_bytes(full->room * 2)));
-    if (grown == nullptr) return false;
-    grown->room *= 2;
-    *table = full = grown;
+  if ((*table)->count + 1 > (*table)->room / 4 * 3) {
+    if (!table_resize(table, (*table)->room * 2)) return false;
+    item = item_at(*table, list);
   }
-  memmove(full->items + at + 1, full->items + at, (full->count - at) * sizeof(Item));
-  full->items[at] = {list, 1, lengths.low, lengths.high};
-  ++full->count;
+  *item = {list, 1, lengths.low, lengths.high};
+  ++(*table)->count;
   return true;
 }
 
 // True when the table is empty now.
-bool table_remove(Table* table, const NamedHead* list) {
-  Item* item = item_at(table, list);
-  if (item == table->items + table->count || item->list != list || --item->count > 0) return false;
-  memmove(item, item + 1, static_cast<size_t>(table->items + --table->count - item) * sizeof(Item));
-  return table->count == 0;
+bool table_remove(Table** table, const NamedHead* list) {
+  Table* from = *table;
+  Item* item = item_at(from, list);
+  if (item->list == nullptr || --item->count > 0) return false;
+  // What a search would no longer come to behind the hole moves into it.
+  const uint32_t mask = from->room - 1;
+  auto hole = static_cast<uint32_t>(item - from->items);
+  for (uint32_t at = (hole + 1) & mask; from->items[at].list != nullptr; at = (at + 1) & mask) {
+    const uint32_t home = home_of(*from, from->items[at].list);
+    if (((at - home) & mask) < ((at - hole) & mask)) continue;
+    from->items[hole] = from->items[at];
+    hole = at;
+  }
+  from->items[hole] = {};
+  --from->count;
+  // As it is looked through whole. One too large for that stays so where there is no memory.
+  if (from->room > kFirstRoom && from->count < from->room / 8) {
+    (void)table_resize(table, from->room / 2);
+  }
+  return (*table)->count == 0;
 }
 
 // Makes a place that one list has once ready for more.
 bool cell_share(TrieCell* cell) {
   if (cell->info.flag == kDirectoryTable) return true;
-  constexpr uint32_t kRoom = 4;
-  auto* table = static_cast<Table*>(pol_malloc(table_bytes(kRoom), MEM_UNCOUNTED));
+  Table* table = table_make(kFirstRoom);
   if (table == nullptr) return false;
+  auto* list = static_cast<NamedHead*>(cell->value);
+  *item_at(table, list) = {list, 1, cell->info.low, cell->info.high};
   table->count = 1;
-  table->room = kRoom;
-  table->items[0] = {static_cast<NamedHead*>(cell->value), 1, cell->info.low, cell->info.high};
   cell->value = table;
   cell->info.flag = kDirectoryTable;
   return true;
@@ -86,11 +125,14 @@ bool enter(Arena* arena, PrefixTrie<Bits>* trie, Bits key, unsigned length, Inte
 template <class Bits>
 void leave(Arena* arena, PrefixTrie<Bits>* trie, Bits key, unsigned length, const NamedHead& list) {
   TriePath path;
-  const TrieCell* cell = trie->find(key, length, &path);
+  TrieCell* cell = trie->find(key, length, &path);
   if (cell == nullptr) return;
   if (cell->info.flag == kDirectoryTable) {
-    if (!table_remove(static_cast<Table*>(cell->value), &list)) return;
-    pol_free(cell->value, MEM_UNCOUNTED);
+    auto* table = static_cast<Table*>(cell->value);
+    const bool empty = table_remove(&table, &list);
+    cell->value = table;
+    if (!empty) return;
+    pol_free(table, MEM_UNCOUNTED);
   } else if (cell->value != &list) {
     return;
   }
@@ -204,10 +246,11 @@ void directory_prefix(const NamedHead& list, const t_pfx_entry& element, bool en
 
 unsigned directory_gather_table(const ListDirectory::Table& table, uint8_t length,
                                 const NamedHead** found, unsigned count, unsigned most) {
-  if (table.count > kDirectoryMostAtPlace) return most + 1;
-  for (uint32_t i = 0; i < table.count; ++i) {
+  if (table.count > kDirectoryMostAtPlace || table.room > 8 * kDirectoryMostAtPlace)
+    return most + 1;
+  for (uint32_t i = 0; i < table.room; ++i) {
     const Item& item = table.items[i];
-    if (length < item.low || item.high < length) continue;
+    if (item.list == nullptr || length < item.low || item.high < length) continue;
     if (count == most) return most + 1;
     found[count++] = item.list;
   }

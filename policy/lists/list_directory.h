@@ -53,10 +53,11 @@ struct ListDirectory {
     uint8_t low;  // what all its elements at this place take lies within
     uint8_t high;
   };
+  // Found by hash, so that no number of lists at one place makes the next one dear.
   struct Table {
     uint32_t count;
-    uint32_t room;
-    Item items[1];  // `count`, by address of the list
+    uint32_t room;  // a power of two, more than `count`
+    Item items[1];  // `room`, those without a list free
   };
 };
 
