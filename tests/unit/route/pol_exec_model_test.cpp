@@ -607,9 +607,13 @@ class Twin {
   void edit_entry(const Edit& e, bool remove) {
     const auto [ignored, list, a, b, c] = e;
     const uint32_t policy = list % kPolicies;
-    const uint32_t sequence = list / kPolicies % kSequences * 10;
+    uint32_t sequence = list / kPolicies % kSequences * 10;
     t_pol_block* block = blocks_[policy];
     auto& [entries, by_default] = model_.policies[policy];
+    // Policies are loaded from the first sequence to the last.
+    if (list / 1000 % 2 == 0 && !entries.empty()) {
+      sequence = entries.rbegin()->first + (list / 2000 % 2) * 10;
+    }
     uint8_t changed = 0;
     if (sequence == 0) {
       by_default.action = 1 + b % 2;
