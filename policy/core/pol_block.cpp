@@ -260,7 +260,7 @@ t_pol_entry* pol_entry_find_or_create(t_pol_ctx* ctx, t_pol_block* block, uint32
   pol::entry_reset(entry, block);
   block->entries.insert(entry, where);
   block->in_order.insert_after(block->entries.previous(entry), entry);
-  pol::policy_index_stale(ctx, block);
+  pol::policy_index_stale(ctx, block, entry);
   pol::mark_changed(changed);
   pol_block_users_add_to_chg_list(ctx, block);
   return entry;
@@ -274,7 +274,7 @@ void pol_entry_find_and_delete(t_pol_ctx* ctx, t_pol_block* block, uint32_t sequ
   pol_block_users_add_to_chg_list(ctx, block);
   block->entries.remove(entry);
   block->in_order.remove(entry);
-  pol::policy_index_stale(ctx, block);
+  pol::policy_index_stale(ctx, block, nullptr);
   pol_free(entry, pol::MEM_ENTRY);
   pol::mark_changed(changed);
 }

@@ -24,7 +24,7 @@ pol::ClauseSite match_site(t_pol_ctx* ctx, t_pol_entry* entry, uint8_t* changed,
                            Caller from = Caller::here()) {
   if (pol::is_forwarding(*entry)) pol::crash("a match clause of a forwarding sequence", from);
   // Before the clause is touched, because one that fails half way is touched all the same.
-  pol::policy_index_stale(ctx, entry->block);
+  pol::policy_index_stale(ctx, entry->block, entry);
   return {ctx, entry, &entry->match_flags, changed};
 }
 

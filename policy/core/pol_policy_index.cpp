@@ -190,7 +190,8 @@ void each_key(const t_pol_entry& entry, Visit visit) {
 // Enters sequences, the last one first, after all were surveyed.
 class IndexBuilder {
  public:
-  IndexBuilder(PolicyIndex* index, const Survey& survey, Tally* tally)
+  // Without a survey and a tally for append() alone.
+  IndexBuilder(PolicyIndex* index, const Survey* survey, Tally* tally)
       : index_(index), survey_(survey), tally_(tally) {}
 
   // What is asked for the sake of one sequence is asked for all.
@@ -199,13 +200,21 @@ class IndexBuilder {
   void enter(uint32_t place) {
     const t_pol_entry& entry = *index_->nodes[place].entry;
     if (!can_match(entry)) return;
-    const IndexShape shape = fitting_shape(entry);
-    uint64_t key = key_of_values(entry.match, shape.values);
-    if (shape.several != 0) key += key_of(entry.match, shape.several);
-    if ((shape.several & kIndexLists) != 0) {
-      note_list(shape.several, list_named(entry.match, shape.several));
-    }
-    chain(key, place);
+    uint32_t* head = head_of(key_by(fitting_shape(entry), entry));
+    index_->nodes[place].next = *head;
+    index_->nodes[place].last = *head != 0 ? index_->nodes[*head - 1].last : place;
+    *head = place + 1;
+  }
+
+  // Enters a sequence behind all others, under the nearest shape that there is.
+  void append(uint32_t place) {
+    const t_pol_entry& entry = *index_->nodes[place].entry;
+    if (!can_match(entry)) return;
+    uint32_t* head = head_of(key_by(known_shape(entry), entry));
+    if (*head == 0) *head = place + 1;
+    IndexNode* first = &index_->nodes[*head - 1];
+    if (*head != place + 1) index_->nodes[first->last].next = place + 1;
+    first->last = place;
   }
 
   // False when memory ran out.
@@ -213,6 +222,7 @@ class IndexBuilder {
     std::stable_sort(
         index_->shapes, index_->shapes + index_->shape_count,
         [](const IndexShape& a, const IndexShape& b) { return a.several < b.several; });
+    index_->values = 0;
     for (unsigned i = 0; i < index_->shape_count; ++i) index_->values |= index_->shapes[i].values;
     return made_;
   }
@@ -238,7 +248,7 @@ class IndexBuilder {
   }
 
   uint32_t with(uint32_t clause) const {
-    return clause != 0 ? survey_.with[std::countr_zero(clause)] : 0;
+    return clause != 0 ? survey_->with[std::countr_zero(clause)] : 0;
   }
 
   IndexShape fitting_shape(const t_pol_entry& entry) {
@@ -259,21 +269,45 @@ class IndexBuilder {
     return index_->shapes[index_->shape_count++] = wanted;
   }
 
+  IndexShape known_shape(const t_pol_entry& entry) {
+    const uint32_t several = entry.match_flags & kIndexSeveral;
+    IndexShape own = {entry.match_flags & kIndexValues, 0};
+    if (own.values == 0) own.several = several & (~several + 1);
+    const IndexShape* nearest = nullptr;
+    for (unsigned i = 0; i < index_->shape_count; ++i) {
+      const IndexShape* shape = &index_->shapes[i];
+      if (((shape->values | shape->several) & ~entry.match_flags) != 0) continue;
+      if (nearest == nullptr || clauses_of(*shape) > clauses_of(*nearest)) nearest = shape;
+    }
+    if (nearest != nullptr && clauses_of(*nearest) >= clauses_of(own)) return *nearest;
+    if (index_->shape_count < kFreeShapes) return index_->shapes[index_->shape_count++] = own;
+    if (nearest != nullptr) return *nearest;
+    made_ = false;  // only a survey finds one
+    return {};
+  }
+
   static int clauses_of(const IndexShape& shape) {
     return std::popcount(shape.values) + (shape.several != 0 ? 1 : 0);
   }
 
-  // Puts a place before those that the key has.
-  void chain(uint64_t key, uint32_t place) {
+  uint64_t key_by(const IndexShape& shape, const t_pol_entry& entry) {
+    uint64_t key = key_of_values(entry.match, shape.values);
+    if (shape.several != 0) key += key_of(entry.match, shape.several);
+    if ((shape.several & kIndexLists) != 0) {
+      note_list(shape.several, list_named(entry.match, shape.several));
+    }
+    return key;
+  }
+
+  // What the key's chain begins with; 0 and free for it where it has none.
+  uint32_t* head_of(uint64_t key) const {
     const uint32_t print = PolicyIndex::print_of(key);
     for (uint64_t at = key >> index_->shift;; at = (at + 1) & (~uint64_t{0} >> index_->shift)) {
       IndexBucket* bucket = &index_->buckets[at];
       for (unsigned i = 0; i < IndexBucket::kSize; ++i) {
         if (bucket->heads[i] != 0 && bucket->prints[i] != print) continue;
         bucket->prints[i] = print;
-        index_->nodes[place].next = bucket->heads[i];
-        bucket->heads[i] = place + 1;
-        return;
+        return reinterpret_cast<uint32_t*>(&bucket->heads) + i;
       }
     }
   }
@@ -318,19 +352,22 @@ class IndexBuilder {
   }
 
   PolicyIndex* index_;
-  const Survey& survey_;
+  const Survey* survey_;
   Tally* tally_;
   uint32_t asked_ = 0;  // clauses of several values
   bool made_ = true;    // false: memory ran out
 };
 
 PolicyIndex* index_alloc(uint32_t count) {
-  const size_t buckets = std::bit_ceil(size_t{count} / 2 + 2);
+  // To grow by an eighth: so what comes one by one costs eight times what it costs at once, at most.
+  const uint32_t room = count + count / 8 + 8;
+  const size_t buckets = std::bit_ceil(size_t{room} / 2 + 2);
   const size_t head = sizeof(PolicyIndex) + buckets * sizeof(IndexBucket);
-  auto* memory = static_cast<char*>(pol_calloc(1, head + count * sizeof(IndexNode), MEM_UNCOUNTED));
+  auto* memory = static_cast<char*>(pol_calloc(1, head + room * sizeof(IndexNode), MEM_UNCOUNTED));
   if (memory == nullptr) return nullptr;
   auto* index = reinterpret_cast<PolicyIndex*>(memory);
   index->count = count;
+  index->room = room;
   index->buckets = reinterpret_cast<IndexBucket*>(memory + sizeof(PolicyIndex));
   index->nodes = reinterpret_cast<IndexNode*>(memory + head);
   index->shift = static_cast<uint8_t>(64 - std::countr_zero(buckets));
@@ -356,7 +393,7 @@ PolicyIndex* index_make(const t_pol_block& block) {
     index->nodes[place++].entry = &entry;
     if (can_match(entry)) each_key(entry, [&tally](uint64_t key, uint32_t) { ++tally.of(key); });
   }
-  IndexBuilder builder(index, survey, &tally);
+  IndexBuilder builder(index, &survey, &tally);
   for (const t_pol_entry& entry : block.in_order) {
     if (can_match(entry)) builder.survey(entry);
   }
@@ -367,6 +404,31 @@ PolicyIndex* index_make(const t_pol_block& block) {
   }
   index_free(index);
   return nullptr;
+}
+
+using InOrder = decltype(t_pol_block::in_order);
+
+// Adds what came behind the last sequence. False where the index is to be made anew.
+bool index_grow(PolicyIndex* index) {
+  if (!index->grows) return false;
+  for (const IndexLists& family : index->families) {
+    // A directory that was dissolved had the lists of the sequences before.
+    if (!family.few() && family.directory() == nullptr) return false;
+  }
+  t_pol_entry* last = index->nodes[index->count - 1].entry;
+  IndexBuilder builder(index, nullptr, nullptr);
+  for (t_pol_entry* entry = index->last_grew ? last : InOrder::next(last); entry != nullptr;
+       entry = InOrder::next(entry)) {
+    if (index->count == index->room) return false;
+    for (const auto& each : kMatchLists) {
+      if ((entry->match_flags & each.bit) != 0 && is_stale(entry->match.*each.user)) return false;
+    }
+    index->clauses |= entry->match_flags;
+    index->nodes[index->count] = {entry, 0, 0};
+    builder.append(index->count++);
+  }
+  index->fresh = builder.finish();
+  return index->fresh;
 }
 
 }  // namespace
@@ -382,9 +444,19 @@ uint32_t index_hash(const t_ipaddr& address) {
   return tloc_hash(tloc);
 }
 
-void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block) {
+void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block, const t_pol_entry* grown) {
   if (ctx == nullptr || block == nullptr || is_forwarding(block->kind)) return;
-  if (block->index != nullptr) block->index->fresh = false;
+  if (PolicyIndex* index = block->index) {
+    if (index->fresh) {
+      index->fresh = false;
+      index->grows = true;
+      index->last_grew = false;
+    }
+    const bool is_last =
+        grown != nullptr && InOrder::linked(grown) && InOrder::next(grown) == nullptr;
+    index->grows = index->grows && is_last;
+    if (index->grows && grown == index->nodes[index->count - 1].entry) index->last_grew = true;
+  }
   block->index_due = 1;
   if (!block->users.empty() && !IndexQueue::linked(block)) ctx->index_due.push_back(block);
 }
@@ -393,6 +465,7 @@ void policy_index_refresh(t_pol_ctx* ctx, t_pol_block* block) {
   if (block->index_due == 0) return;
   block->index_due = 0;
   if (IndexQueue::linked(block)) ctx->index_due.remove(block);
+  if (block->index != nullptr && index_grow(block->index)) return;
   PolicyIndex* made = index_make(*block);
   // After the new one is there, so that lists which both have stay enrolled.
   index_free(block->index);

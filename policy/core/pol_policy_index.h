@@ -15,13 +15,15 @@
 // lists with it. So elements come and go without touching an index.
 //
 // A change of a sequence or match clause makes the index stale, and evaluation walks until the batch
-// is told: then, before anybody is called back, it is made anew. A policy that nobody uses waits for its
-// first user. Where memory runs out there is no index until the policy's next change. All memory is
-// uncounted.
+// is told: then, before anybody is called back, it is made anew; or grown, where sequences came behind
+// the last one and this one changed at most, so that loading them a batch each does not take an index
+// made anew for each. A policy that nobody uses waits for its first user. Where memory runs out there is
+// no index until the policy's next change. All memory is uncounted.
 //
 // Invariants
 //   1. An index that is not stale has the sequences of its policy's queue, in order, and in the table those
-//      that can match at all.
+//      that can match at all. One that changed while it was the last is there twice, also under what
+//      it asked for before.
 //   2. Every list in it is one that a clause of the policy is registered on, so it outlives a fresh
 //      index. No index is made while a clause is left over on a list (NamedHead::stale).
 //   3. A key's chain has its sequences by ascending number.
@@ -80,6 +82,7 @@ struct IndexBucket {
 struct IndexNode {
   t_pol_entry* entry;
   uint32_t next;  // as `head`; 0: the last
+  uint32_t last;  // of a chain's first node: the place of its last
 };
 
 // Followed by its arrays, all in one piece of memory.
@@ -89,12 +92,15 @@ struct alignas(IndexBucket) PolicyIndex {
   static constexpr unsigned kMostShapes = 16 + 17;
 
   bool fresh;
-  uint8_t shift;  // of a key: what is left is a place in `buckets`
+  bool grows;      // of one that is stale: by what came behind its last sequence
+  bool last_grew;  // this one changed
+  uint8_t shift;   // of a key: what is left is a place in `buckets`
   uint8_t shape_count;
   uint32_t clauses;  // match_flags of all sequences together
   uint32_t values;   // of all shapes together
   uint32_t count;
-  IndexNode* nodes;      // by order of sequences
+  uint32_t room;
+  IndexNode* nodes;      // `count`, by order of sequences
   IndexBucket* buckets;  // a full one goes on in the next
   IndexLists families[kFamilies];
   IndexShape shapes[kMostShapes];  // those of the same `several` side by side, without it first

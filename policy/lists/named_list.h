@@ -175,13 +175,14 @@ inline bool is_stale(const t_pol_clause_user& user) {
 }
 
 // Notes that a sequence of the policy, or its match clauses, change: its index may name lists that
-// they leave (core/pol_policy_index.h).
-void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block);
+// they leave (core/pol_policy_index.h). `grown` came or changed, but left no list; null for all else.
+void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block, const t_pol_entry* grown);
 
 // A user of one list, in one role, at a time: it leaves any other.
 inline void user_add(t_pol_ctx* ctx, NamedHead* list, UserQueue& queue, t_pol_clause_user* user) {
   if (user->queue == &queue) return;
-  policy_index_stale(ctx, user->block);
+  const bool leaves = user->list != nullptr || user->queue != nullptr;
+  policy_index_stale(ctx, user->block, leaves ? nullptr : user->entry);
   NamedHead* left = user->list != list && !is_stale(*user) ? user->list : nullptr;
   if (user->queue != nullptr) user->queue->remove(user);
   queue.push_back(user);
@@ -196,7 +197,7 @@ enum class Leaving { kForgets, kStaysStale };
 // REQUIRES: it is on one.
 inline void user_leave(t_pol_ctx* ctx, t_pol_clause_user* user, Leaving leaving) {
   NamedHead* list = user->list;
-  policy_index_stale(ctx, user->block);
+  policy_index_stale(ctx, user->block, nullptr);
   user->queue->remove(user);
   if (leaving == Leaving::kStaysStale) {
     list->stale.push_back(user);
