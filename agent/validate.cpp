@@ -99,8 +99,8 @@ void check_entry(const Schema& schema, const NodeRef& root, const Path& path, Fa
   ly_err_clean(schema.context, nullptr);
 }
 
-// What the conditions look at in an entry: entries of one list that have this in common keep or break
-// them alike, provided that the list's conditions look at nothing else.
+// What the conditions look at in an entry: entries of one list that have this in common keep or
+// break them alike, provided that the list's conditions look at nothing else.
 void write_weighed(const Node& node, std::string* out) {
   for (const NodeRef& child : node.children) {
     const SchemaNode& schema = *child->schema;
@@ -115,8 +115,8 @@ void write_weighed(const Node& node, std::string* out) {
   }
 }
 
-// What entries that kept their conditions looked like: so a condition is evaluated once for a thousand
-// entries of one kind.
+// What entries that kept their conditions looked like: so a condition is evaluated once for a
+// thousand entries of one kind.
 class Kept {
  public:
   bool has(const Change& change) {

@@ -66,8 +66,8 @@ void list_walked(benchmark::State& state, Spread spread, size_t count) {
   }
 }
 
-// What `count` elements are asked in arrays, one route for each: most memory is far from the processor
-// where there are many.
+// What `count` elements are asked in arrays, one route for each: most memory is far from the
+// processor where there are many.
 struct ArrayWork {
   Rig rig;
   std::vector<t_ipprefix> routes;

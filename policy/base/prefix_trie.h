@@ -71,7 +71,8 @@ constexpr std::array<uint64_t, 64> kTriePaths = [] {
   return paths;
 }();
 
-// Bit tricks instead of the builtin, which is a call where the baseline CPU has no such instruction.
+// Bit tricks instead of the builtin, which is a call where the baseline CPU has no such
+// instruction.
 struct CountByTricks {
   static unsigned of(uint64_t v) {
     v -= (v >> 1) & 0x5555555555555555u;

@@ -253,14 +253,12 @@ class IndexBuilder {
 
   IndexShape fitting_shape(const t_pol_entry& entry) {
     IndexShape wanted = {entry.match_flags & kIndexValues, telling_clause(entry)};
-    IndexShape* nearest = nullptr;
     for (unsigned i = 0; i < index_->shape_count; ++i) {
-      IndexShape* shape = &index_->shapes[i];
-      if (shape->values == wanted.values && shape->several == wanted.several) return *shape;
-      if (((shape->values | shape->several) & ~entry.match_flags) != 0) continue;
-      if (nearest == nullptr || clauses_of(*shape) > clauses_of(*nearest)) nearest = shape;
+      const IndexShape& shape = index_->shapes[i];
+      if (shape.values == wanted.values && shape.several == wanted.several) return shape;
     }
     if (index_->shape_count >= kFreeShapes) {
+      const IndexShape* nearest = nearest_shape(entry);
       if (nearest != nullptr && clauses_of(*nearest) != 0) return *nearest;
       // A shape of one clause, or of none.
       wanted.values = wanted.several != 0 ? 0 : wanted.values & (~wanted.values + 1);
@@ -269,21 +267,28 @@ class IndexBuilder {
     return index_->shapes[index_->shape_count++] = wanted;
   }
 
+  // Of those that there are, or one of its own values, as nothing is known of how many share them.
   IndexShape known_shape(const t_pol_entry& entry) {
     const uint32_t several = entry.match_flags & kIndexSeveral;
     IndexShape own = {entry.match_flags & kIndexValues, 0};
     if (own.values == 0) own.several = several & (~several + 1);
+    const IndexShape* nearest = nearest_shape(entry);
+    if (nearest != nullptr && clauses_of(*nearest) >= clauses_of(own)) return *nearest;
+    if (index_->shape_count < kFreeShapes) return index_->shapes[index_->shape_count++] = own;
+    if (nearest != nullptr) return *nearest;
+    made_ = false;  // only a survey finds one
+    return {};
+  }
+
+  // The one with most of the sequence's clauses, and no others; null without one.
+  const IndexShape* nearest_shape(const t_pol_entry& entry) const {
     const IndexShape* nearest = nullptr;
     for (unsigned i = 0; i < index_->shape_count; ++i) {
       const IndexShape* shape = &index_->shapes[i];
       if (((shape->values | shape->several) & ~entry.match_flags) != 0) continue;
       if (nearest == nullptr || clauses_of(*shape) > clauses_of(*nearest)) nearest = shape;
     }
-    if (nearest != nullptr && clauses_of(*nearest) >= clauses_of(own)) return *nearest;
-    if (index_->shape_count < kFreeShapes) return index_->shapes[index_->shape_count++] = own;
-    if (nearest != nullptr) return *nearest;
-    made_ = false;  // only a survey finds one
-    return {};
+    return nearest;
   }
 
   static int clauses_of(const IndexShape& shape) {
@@ -359,7 +364,7 @@ class IndexBuilder {
 };
 
 PolicyIndex* index_alloc(uint32_t count) {
-  // To grow by an eighth: so what comes one by one costs eight times what it costs at once, at most.
+  // To grow by an eighth: what comes one by one costs a few times what it costs at once.
   const uint32_t room = count + count / 8 + 8;
   const size_t buckets = std::bit_ceil(size_t{room} / 2 + 2);
   const size_t head = sizeof(PolicyIndex) + buckets * sizeof(IndexBucket);
@@ -408,7 +413,8 @@ PolicyIndex* index_make(const t_pol_block& block) {
 
 using InOrder = decltype(t_pol_block::in_order);
 
-// Adds what came behind the last sequence. False where the index is to be made anew.
+// Adds what came behind the last sequence. False where the index is to be made anew. No clause of
+// these is left over on a list: it would have left one.
 bool index_grow(PolicyIndex* index) {
   if (!index->grows) return false;
   for (const IndexLists& family : index->families) {
@@ -420,9 +426,6 @@ bool index_grow(PolicyIndex* index) {
   for (t_pol_entry* entry = index->last_grew ? last : InOrder::next(last); entry != nullptr;
        entry = InOrder::next(entry)) {
     if (index->count == index->room) return false;
-    for (const auto& each : kMatchLists) {
-      if ((entry->match_flags & each.bit) != 0 && is_stale(entry->match.*each.user)) return false;
-    }
     index->clauses |= entry->match_flags;
     index->nodes[index->count] = {entry, 0, 0};
     builder.append(index->count++);

@@ -10,15 +10,15 @@
 // keys is tried by the rules, lowest number first (route/pol_candidates.h). An index rules out and nothing
 // else: what a key leaves out is the rules' to test, and a hash stands for the key.
 //
-// Lists keep no place in the index for their elements: a policy of few lists asks each list, one of many
-// has them enrolled in a directory (lists/list_directory.h), which it shares with the policies that share
-// lists with it. So elements come and go without touching an index.
+// Lists keep no place in the index for their elements: a policy of few lists asks each list, one of
+// many has them enrolled in a directory (lists/list_directory.h), which it shares with the policies
+// that share lists with it. So elements come and go without touching an index.
 //
-// A change of a sequence or match clause makes the index stale, and evaluation walks until the batch
-// is told: then, before anybody is called back, it is made anew; or grown, where sequences came behind
-// the last one and this one changed at most, so that loading them a batch each does not take an index
-// made anew for each. A policy that nobody uses waits for its first user. Where memory runs out there is
-// no index until the policy's next change. All memory is uncounted.
+// A change of a sequence or match clause makes the index stale, and evaluation walks until the
+// batch is told: then, before anybody is called back, it is made anew; or grown, where sequences
+// came behind the last one and this one changed at most, so that loading them a batch each does not
+// take an index made anew for each. A policy that nobody uses waits for its first user. Where
+// memory runs out there is no index until the policy's next change. All memory is uncounted.
 //
 // Invariants
 //   1. An index that is not stale has the sequences of its policy's queue, in order, and in the table those

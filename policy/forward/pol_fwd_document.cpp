@@ -86,8 +86,8 @@ void assembly_free(Assembly* assembly) {
   return status;
 }
 
-// The sequences of a VPN list in order, with the objects that each names. Of many sequences little is
-// cached, so what a turn reads is fetched some turns before: first the roles, then the objects.
+// The sequences of a VPN list in order, with the objects that each names. Of many sequences little
+// is cached, so what a turn reads is fetched some turns before: first the roles, then the objects.
 class Turns {
  public:
   struct Turn {

@@ -3,13 +3,13 @@
 // list_directory.h - which lists of one family may hold a value, by one look-up, however many lists
 // there are.
 //
-// Policies of many sequences have the lists that they name enrolled (core/pol_policy_index.h); from then
-// on a list's elements are entered here as they come and leave as they go, each on one path of a trie.
-// A list is in one directory at most, so its elements are entered once, however many policies name
-// it; policies that share a list share the directory, and others do not pay for its size. The directory
-// rules lists out and nothing else: it may name a list that does not hold the value, never miss one that
-// does. So a range of ids is entered as the one or two blocks of a power of two that cover it, and a TLOC
-// by 32 bits of hash.
+// Policies of many sequences have the lists that they name enrolled (core/pol_policy_index.h); from
+// then on a list's elements are entered here as they come and leave as they go, each on one path of
+// a trie. A list is in one directory at most, so its elements are entered once, however many
+// policies name it; policies that share a list share the directory, and others do not pay for its
+// size. The directory rules lists out and nothing else: it may name a list that does not hold the
+// value, never miss one that does. So a range of ids is entered as the one or two blocks of a power
+// of two that cover it, and a TLOC by 32 bits of hash.
 //
 // Where memory for an element cannot be had the directory is `broken` for good: it answers for no
 // list. It goes with the last index that relies on it. All memory is uncounted.
@@ -85,13 +85,17 @@ constexpr uint32_t kDirectoryMostAtPlace = 256;
 // The flag of a place with a table, else one list has it once.
 constexpr uint8_t kDirectoryTable = 1;
 
-// What of a table holds prefixes of a length, into `found`, which `count` has been found in already: the
-// new number, or more than `most`.
+// Ids and hashes as keys of the narrow trie.
+constexpr uint8_t kDirectoryIdBits = 32;
+inline uint64_t directory_id_key(uint64_t id) { return id << (64 - kDirectoryIdBits); }
+
+// What of a table holds prefixes of a length, into `found`, which `count` has been found in
+// already: the new number, or more than `most`.
 unsigned directory_gather_table(const ListDirectory::Table& table, uint8_t length,
                                 const NamedHead** found, unsigned count, unsigned most);
 
 // The lists that may hold a value: at most `most` into `found`. Returns their number, or more than
-// `most` when there are more, or too many to look through. Ids are 32 bits long.
+// `most` when there are more, or too many to look through.
 template <class Count, class Bits>
 [[gnu::always_inline]] inline unsigned directory_ask(const PrefixTrie<Bits>& trie, Bits key,
                                                      uint8_t length, const NamedHead** found,
@@ -113,8 +117,7 @@ template <class Count, class Bits>
   });
   return count;
 }
-constexpr uint8_t kDirectoryIdBits = 32;
-inline uint64_t directory_id_key(uint64_t id) { return id << (64 - kDirectoryIdBits); }
+
 uint32_t tloc_hash(const t_tloc_id& tloc);
 
 }  // namespace pol

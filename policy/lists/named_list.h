@@ -175,7 +175,8 @@ inline bool is_stale(const t_pol_clause_user& user) {
 }
 
 // Notes that a sequence of the policy, or its match clauses, change: its index may name lists that
-// they leave (core/pol_policy_index.h). `grown` came or changed, but left no list; null for all else.
+// they leave (core/pol_policy_index.h). `grown` came or changed, but left no list; null for all
+// else.
 void policy_index_stale(t_pol_ctx* ctx, t_pol_block* block, const t_pol_entry* grown);
 
 // A user of one list, in one role, at a time: it leaves any other.

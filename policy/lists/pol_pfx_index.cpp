@@ -218,8 +218,8 @@ struct Keys {
 
 void pfx_fetch(const Arena& arena, const TrieCell* v4, const TrieCell* v6,
                const t_ipprefix* const* prefixes, unsigned count) {
-  // By measuring: below some 250,000 elements a descent waits for less than looking ahead takes, and
-  // so it does anywhere without the instruction that counts bits.
+  // By measuring: below some 250,000 elements a descent waits for less than looking ahead takes,
+  // and so it does anywhere without the instruction that counts bits.
   constexpr size_t kFarBytes = 8 << 20;
   if (!g_cpu_counts || arena.bytes() < kFarBytes) return;
   Keys<uint64_t> narrow;

@@ -97,8 +97,8 @@ class PfxIndex {
   // Gives an element that was added the operator and bounds of `how`; false as add.
   [[nodiscard]] bool change(t_pfx_entry* element, const t_pol_pfx_record& how);
   bool matches(const t_ipprefix& prefix) const;
-  // Has the memory fetched that `matches` is about to read for these prefixes, at most kFetched, where
-  // there is so much of it that this pays.
+  // Has the memory fetched that `matches` is about to read for these prefixes, at most kFetched,
+  // where there is so much of it that this pays.
   static constexpr unsigned kFetched = 16;
   void fetch(const t_ipprefix* const* prefixes, unsigned count) const;
   // Forgets all elements.

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <type_traits>
 
 #include "core/pol_context_internal.h"
 #include "route/pol_exec_rules.h"

@@ -306,8 +306,8 @@ TEST_F(TreeTest, TextBeyondItsBoundsIsRefusedBeforeItIsParsed) {
   }
 }
 
-// Entries that look alike to their conditions are judged once: what is said of all together must be what
-// is said of each alone.
+// Entries that look alike to their conditions are judged once: what is said of all together must be
+// what is said of each alone.
 TEST_F(TreeTest, ConditionsOfManyEntriesAreThoseOfEachAlone) {
   static constexpr std::pair<const char*, const char*> kLeaves[] = {
       {"/match{route}/vpn", "1"},

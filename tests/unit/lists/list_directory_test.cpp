@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The directory of what lists hold against plain sets: hundreds of lists at few places, whose elements
-// come and go. A list may be named without need, but not where it has no element around the value; none
-// that holds the value may be missed.
+// The directory of what lists hold against plain sets: hundreds of lists at few places, whose
+// elements come and go. A list may be named without need, but not where it has no element around
+// the value; none that holds the value may be missed.
 #include "lists/list_directory.h"
 
 #include <algorithm>

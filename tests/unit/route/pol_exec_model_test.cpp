@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Evaluation against a model that walks everything. Random edits build lists and policies in both,
-// adds, overwrites and deletes mixed, some of them short of memory; policies share some lists and not
-// others, and now and then one is emptied. After every few edits random routes must come out alike, and each sequence passed over must have failed at the same clause. What the library
-// answers by its index is compared with its own walk, which pol_explain takes when it is to tell every step.
+// adds, overwrites and deletes mixed, some of them short of memory; policies share some lists and
+// not others, and now and then one is emptied. After every few edits random routes must come out
+// alike, and each sequence passed over must have failed at the same clause. What the library
+// answers by its index is compared with its own walk, which pol_explain takes when it is to tell
+// every step.
 #include <rapidcheck.h>
 
 #include <algorithm>

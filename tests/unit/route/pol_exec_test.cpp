@@ -116,7 +116,8 @@ TEST_F(ExecTest, PoliciesShareADirectoryOnceTheyShareAList) {
   fill("q", 5);
   EXPECT_NE(directory("p"), nullptr);
   EXPECT_EQ(directory("p"), directory("q"));
-  // However many policies a directory has, it is the newcomer's that goes, even where no list has elements.
+  // However many policies a directory has, it is the newcomer's that goes, even where no list has
+  // elements.
   for (const char* policy : {"r", "s", "t"}) add_user(policy, policy, nullptr, POL_DIR_IN);
   fill("r", 201, true);
   fill("s", 210, true);
@@ -125,6 +126,34 @@ TEST_F(ExecTest, PoliciesShareADirectoryOnceTheyShareAList) {
   EXPECT_NE(shared, nullptr);
   EXPECT_EQ(directory("s"), shared);
   EXPECT_EQ(directory("t"), shared);
+}
+
+// An index grows by what comes behind its last sequence, one batch each, be it alike or not.
+TEST_F(ExecTest, SequencesThatComeOneByOneAreFound) {
+  const auto come = [&](uint32_t sequence, uint32_t tag, uint32_t group) {
+    t_pol_entry* one = entry(block("p"), sequence);
+    pol_entry_match_tag_add(ctx, one, tag, &changed);
+    if (group != 0) pol_entry_match_group_add(ctx, one, group, &changed);
+    pol_user_chg_list_notify_all(ctx);
+  };
+  pol_entry_match_tag_add(ctx, e, 1000, &changed);
+  for (uint32_t i = 1; i <= 2; ++i) come(30 + i, 50, i);
+  for (uint32_t i = 100; i < 115; ++i) come(i, i, 0);
+  const pol::PolicyIndex* before = block("p")->index;
+  ASSERT_NE(before, nullptr);
+  for (uint32_t i = 3; i <= 6; ++i) come(200 + i, 50, i);
+  EXPECT_EQ(block("p")->index, before);
+  static t_pol_route_attr attr = {};
+  attr.present = POL_ATTR_TAG | POL_ATTR_GROUP;
+  attr.tag = 50;
+  attr.group_count = 1;
+  query.attr = &attr;
+  t_pol_explain_step decision;
+  for (uint32_t i = 1; i <= 6; ++i) {
+    attr.group[0] = i;
+    pol_explain(out, &query, nullptr, nullptr, &decision);
+    EXPECT_EQ(decision.sequence, (i <= 2 ? 30 : 200) + i);
+  }
 }
 
 TEST_F(ExecTest, ExplainTellsTheDecisionThatSettingComesTo) {
