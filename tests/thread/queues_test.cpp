@@ -59,6 +59,8 @@ class QueuesTest : public PolicyTest {
         std::this_thread::yield();
       }
     }
+    // The worker takes a request off its queue before it frees it.
+    for (int i = 0; i < 20'000 && current(pol::MEM_THREAD_ITEM) != 0; ++i) usleep(100);
   }
 
   // The worker stays in the midst of a fetch.
